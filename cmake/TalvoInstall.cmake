@@ -1,0 +1,17 @@
+# Headers, library, CMake package and pkg-config file.
+include(CMakePackageConfigHelpers)
+
+install(TARGETS tln_core EXPORT talvoTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(EXPORT talvoTargets NAMESPACE talvo:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/talvo)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/talvo DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h"
+        PATTERN "rows" EXCLUDE PATTERN "*_support.h" EXCLUDE PATTERN "rapidjson_include.h" EXCLUDE)
+
+configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/talvoConfig.cmake.in ${PROJECT_BINARY_DIR}/talvoConfig.cmake
+                              INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/talvo)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/talvoConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/talvoConfig.cmake ${PROJECT_BINARY_DIR}/talvoConfigVersion.cmake
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/talvo)
+
+configure_file(${PROJECT_SOURCE_DIR}/cmake/tln_core.pc.in ${PROJECT_BINARY_DIR}/tln_core.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/tln_core.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

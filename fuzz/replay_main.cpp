@@ -1,0 +1,24 @@
+// Runs a fuzz target over every file of the folders named on the command line: the seed corpus as a test.
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size);
+
+int main(int count, char** arguments) {
+  int files = 0;
+  for (int i = 1; i < count; ++i) {
+    for (auto const& entry : std::filesystem::directory_iterator(arguments[i])) {
+      std::ifstream stream(entry.path(), std::ios::binary);
+      std::string const bytes{std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+      LLVMFuzzerTestOneInput(reinterpret_cast<std::uint8_t const*>(bytes.data()), bytes.size());
+      ++files;
+    }
+  }
+  std::printf("%d files replayed\n", files);
+  return files > 0 ? 0 : 1;
+}

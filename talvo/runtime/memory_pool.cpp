@@ -1,0 +1,134 @@
+#include "talvo/runtime/memory_pool.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <memory>
+
+#include "talvo/utility/invariant.h"
+#include "talvo/utility/log.h"
+
+namespace talvo::runtime {
+namespace {
+
+using Block = std::pair<unsigned long, void*>;
+using Blocks = std::vector<Block>;
+using UsedBlocks = std::unordered_map<void*, unsigned long>;
+
+constexpr std::size_t kStartBytes = sizeof(void*);  // an aligned block is preceded by the address of its allocation
+
+// Moves entry `at` of the free list to the blocks in use: the last entry takes its place in the list.
+void* TakeFreeBlock(Blocks& free_blocks, std::size_t at, UsedBlocks& used_blocks) {
+  Block const block = free_blocks[at];
+  used_blocks.emplace(block.second, block.first);
+  free_blocks[at] = free_blocks.back();
+  free_blocks.pop_back();
+  return block.second;
+}
+
+void ReturnBlock(UsedBlocks& used_blocks, UsedBlocks::iterator used, Blocks& free_blocks) {
+  free_blocks.emplace_back(used->second, used->first);
+  used_blocks.erase(used);
+}
+
+unsigned long TotalBytes(Blocks const& free_blocks, UsedBlocks const& used_blocks) {
+  unsigned long total = 0;
+  for (auto const& block : free_blocks) total += block.first;
+  for (auto const& block : used_blocks) total += block.second;
+  return total;
+}
+
+}  // namespace
+
+AlignedPool::AlignedPool(unsigned long alignment) : alignment_(static_cast<std::uint32_t>(alignment)) {
+  utility::Assert(alignment_ != 0 && (alignment_ & (alignment_ - 1)) == 0,
+                  "AlignedPool: alignment %lu is no power of two", alignment);
+}
+
+AlignedPool::~AlignedPool() {
+  AlignedPool::Clear();
+  TALVO_INVARIANT_TEXT(used_blocks_.empty(), "false && \"alignment memory pool destory too early !\"");
+}
+
+void AlignedPool::Clear() {
+  for (auto const& block : free_blocks_) AlignFree(block.second);
+  free_blocks_.clear();
+}
+
+void* AlignedPool::Malloc(unsigned long size) {
+  for (std::size_t i = 0; i < free_blocks_.size(); ++i) {
+    unsigned long const block_size = free_blocks_[i].first;
+    if (block_size >= size && static_cast<unsigned long>(static_cast<float>(block_size) * reuse_ratio_) <= size) {
+      return TakeFreeBlock(free_blocks_, i, used_blocks_);
+    }
+  }
+  void* const block = AlignMalloc(size);
+  used_blocks_.emplace(block, size);
+  return block;
+}
+
+void AlignedPool::Free(void* pointer) {
+  auto const used = used_blocks_.find(pointer);
+  TALVO_INVARIANT_TEXT(used != used_blocks_.end(), "false && \"pointer not in alignment memory pool !\"");
+  ReturnBlock(used_blocks_, used, free_blocks_);
+}
+
+unsigned long AlignedPool::HeapSize() const { return TotalBytes(free_blocks_, used_blocks_); }
+
+void* AlignedPool::AlignMalloc(unsigned long size) {
+  unsigned long const extra = alignment_ + malloc_margin_ + kStartBytes;
+  void* const start = size <= std::numeric_limits<unsigned long>::max() - extra ? std::malloc(size + extra) : nullptr;
+  TALVO_INVARIANT_TEXT(start != nullptr, "false && \"malloc failed\"");
+  auto const address = reinterpret_cast<std::uintptr_t>(start) + alignment_ + kStartBytes - 1;
+  auto* const block =
+      static_cast<unsigned char*>(start) + (address - address % alignment_ - reinterpret_cast<std::uintptr_t>(start));
+  std::memcpy(block - kStartBytes, &start, kStartBytes);
+  return block;
+}
+
+void AlignedPool::AlignFree(void* pointer) {
+  if (pointer == nullptr) return;
+  void* start;
+  std::memcpy(&start, static_cast<unsigned char*>(pointer) - kStartBytes, kStartBytes);
+  std::free(start);
+}
+
+AlignUpPool::AlignUpPool(unsigned long const& alignment) : alignment_(alignment) {}
+
+AlignUpPool::~AlignUpPool() {
+  utility::Assert(used_blocks_.empty(), "Destory this pool too early!!");
+  AlignUpPool::Clear();
+}
+
+void AlignUpPool::Clear() {
+  for (auto const& block : free_blocks_) std::free(block.second);
+  free_blocks_.clear();
+}
+
+void* AlignUpPool::Malloc(unsigned long size) {
+  utility::Assert(alignment_ != 0, "AlignUpPool: an alignment of 0 serves no request (%lu bytes asked for)", size);
+  if (size > std::numeric_limits<unsigned long>::max() - malloc_margin_ - alignment_) return nullptr;
+  unsigned long const with_margin = malloc_margin_ + size + alignment_ - 1;
+  unsigned long const rounded = with_margin - with_margin % alignment_;
+  for (std::size_t i = free_blocks_.size(); i-- > 0;) {
+    if (free_blocks_[i].first >= rounded) return TakeFreeBlock(free_blocks_, i, used_blocks_);
+  }
+  void* start = nullptr;
+  if (posix_memalign(&start, alignment_, rounded) != 0) return nullptr;
+  std::unique_ptr<void, decltype(&std::free)> block(start, &std::free);
+  used_blocks_.emplace(start, rounded);
+  return block.release();
+}
+
+void AlignUpPool::Free(void* pointer) {
+  auto const used = used_blocks_.find(pointer);
+  if (used == used_blocks_.end()) {
+    utility::Assert(false, "pointer(0x%d) not in alignment memory pool !",
+                    static_cast<int>(static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(pointer))));
+  }
+  ReturnBlock(used_blocks_, used, free_blocks_);
+}
+
+unsigned long AlignUpPool::HeapSize() const { return TotalBytes(free_blocks_, used_blocks_); }
+
+}  // namespace talvo::runtime

@@ -1,0 +1,180 @@
+#include "talvo/runtime/net.h"
+
+#include <algorithm>
+
+#include "talvo/runtime/context.h"
+#include "talvo/runtime/device_cpu.h"
+#include "talvo/utility/log.h"
+
+namespace talvo::runtime {
+namespace {
+
+using utility::Assert;
+using Tensors = std::vector<std::shared_ptr<Tensor>>;
+using Converters = std::map<unsigned int, std::shared_ptr<IKernel>>;
+
+constexpr char const* kInputType = "Input";
+
+// The working state of one Forward.
+class Walk {
+ public:
+  Walk(Net const& net, std::unordered_map<unsigned int, std::shared_ptr<Tensor>> const& inputs,
+       std::vector<unsigned int> const& output_ids, std::shared_ptr<Context> const& context)
+      : net_(net), inputs_(inputs), context_(context), pending_(output_ids), layer_outputs_(net.layers.size()) {}
+
+  bool Done() const { return pending_.empty(); }
+
+  void Run(unsigned int index) {
+    index_ = index;
+    Assert(net_.layers[index] != nullptr, "layer %u: no layer record", index);
+    layer_ = net_.layers[index].get();
+    auto const requested = std::find(pending_.begin(), pending_.end(), index);
+    bool const is_requested = requested != pending_.end();
+    GatherInputs();
+    Tensors& outputs = layer_outputs_[index];
+    RunKernel(layer_->kernel, "kernel", kernel_inputs_, !is_requested || !layer_->output_converters.empty(), outputs);
+    ConvertOutputs(outputs, !is_requested);
+    ReleaseProducers();
+    if (is_requested) {
+      pending_.erase(requested);
+      result_.emplace(index, outputs);
+    }
+    kernel_inputs_.clear();
+  }
+
+  std::unordered_map<unsigned int, Tensors> TakeResult() { return std::move(result_); }
+
+ private:
+  void RunKernel(std::shared_ptr<IKernel> const& kernel, char const* role, Tensors const& inputs, bool intermediate,
+                 Tensors& outputs) {
+    if (kernel == nullptr || !kernel->IsConfigured()) {
+      Assert(false, "layer %u (%s): its %s %s", index_, layer_->type.c_str(), role,
+             kernel == nullptr ? "is missing" : (kernel->GetName() + " is not configured").c_str());
+    }
+    kernel->PrepareForward(context_, inputs, intermediate, outputs);
+    kernel->Forward(inputs, outputs, context_);
+  }
+
+  std::shared_ptr<Tensor> Convert(std::shared_ptr<IKernel> const& converter, std::shared_ptr<Tensor> const& tensor,
+                                  bool intermediate) {
+    Tensors product;
+    RunKernel(converter, "converter", {tensor}, intermediate, product);
+    if (product.empty() || product[0] == nullptr) {
+      Assert(false, "layer %u (%s): its converter %s made no tensor", index_, layer_->type.c_str(),
+             converter->GetName().c_str());
+    }
+    return std::move(product[0]);
+  }
+
+  void GatherInputs() {
+    if (layer_->type == kInputType) {
+      auto const input = inputs_.find(index_);
+      if (input == inputs_.end() || input->second == nullptr) {
+        Assert(false, "layer %u (%s): no input tensor under key %u", index_, layer_->type.c_str(), index_);
+      }
+      kernel_inputs_.push_back(input->second);
+      return;
+    }
+    for (unsigned int position = 0; position < layer_->input_refs.size(); ++position) {
+      std::shared_ptr<Tensor> const& tensor = Produced(position);
+      auto const converter = layer_->input_converters.find(position);
+      bool const converted = converter != layer_->input_converters.end();
+      kernel_inputs_.push_back(converted ? Convert(converter->second, tensor, true) : tensor);
+    }
+  }
+
+  std::shared_ptr<Tensor> const& Produced(unsigned int position) const {
+    auto const [producer, output] = layer_->input_refs[position];
+    bool const made =
+        producer < index_ && output < layer_outputs_[producer].size() && layer_outputs_[producer][output] != nullptr;
+    if (!made) {
+      Assert(false, "layer %u (%s): its input %u is output %u of layer %u, which %s", index_, layer_->type.c_str(),
+             position, output, producer, producer < index_ ? "did not make that tensor" : "does not stand before it");
+    }
+    return layer_outputs_[producer][output];
+  }
+
+  void ConvertOutputs(Tensors& outputs, bool intermediate) {
+    if (layer_->output_converters.empty()) return;
+    for (unsigned int position = 0; position < outputs.size(); ++position) {
+      auto const converter = layer_->output_converters.find(position);
+      if (converter == layer_->output_converters.end()) continue;
+      Assert(outputs[position] != nullptr, "layer %u (%s): output %u, which a converter reads, is missing", index_,
+             layer_->type.c_str(), position);
+      outputs[position] = Convert(converter->second, outputs[position], intermediate);
+    }
+  }
+
+  // Drops the outputs of every producer of this layer whose readers have all run.
+  void ReleaseProducers() {
+    for (auto const& [producer, output] : layer_->input_refs) {
+      if (inputs_.count(producer) != 0) continue;
+      Assert(producer < layer_outputs_.size() && net_.layers[producer] != nullptr,
+             "layer %u (%s): it reads layer %u of %zu", index_, layer_->type.c_str(), producer, layer_outputs_.size());
+      if (AllConsumersRan(producer)) layer_outputs_[producer].clear();
+    }
+  }
+
+  bool AllConsumersRan(unsigned int producer) const {
+    for (auto const& [consumer, position] : net_.layers[producer]->consumers) {
+      Assert(consumer < layer_outputs_.size(), "layer %u (%s): its consumer %u is beyond the %zu layers", producer,
+             net_.layers[producer]->type.c_str(), consumer, layer_outputs_.size());
+      if (layer_outputs_[consumer].empty()) return false;
+    }
+    return true;
+  }
+
+  Net const& net_;
+  std::unordered_map<unsigned int, std::shared_ptr<Tensor>> const& inputs_;
+  std::shared_ptr<Context> const& context_;
+  std::vector<unsigned int> pending_;
+  std::vector<Tensors> layer_outputs_;
+  std::unordered_map<unsigned int, Tensors> result_;
+
+  // The layer that runs.
+  unsigned int index_ = 0;
+  Layer const* layer_ = nullptr;
+  Tensors kernel_inputs_;
+};
+
+void EmptyAndReserve(std::vector<float>* times, std::size_t count) {
+  if (times == nullptr) return;
+  times->clear();
+  times->reserve(count);
+}
+
+void LogUnprofiledInput(Layer const& layer) {
+  if (layer.type == kInputType && layer.output_converters.empty() && layer.input_converters.empty()) {
+    utility::Log(2, "Input Layer without any converter do not need to profile gpu time.");
+  }
+}
+
+}  // namespace
+
+Net::Net(std::vector<std::shared_ptr<Layer>> const& net_layers,
+         std::map<std::string, unsigned int> const& net_input_ids)
+    : layers(net_layers), input_ids(net_input_ids) {}
+
+std::unordered_map<unsigned int, Tensors> Net::Forward(
+    std::unordered_map<unsigned int, std::shared_ptr<Tensor>> const& inputs,
+    std::vector<unsigned int> const& output_ids, std::shared_ptr<Context> context, std::vector<float>* layer_times_ms,
+    std::vector<float>* gpu_times_ms) const {
+  Assert(context != nullptr && context->device_cpu != nullptr, "Net::Forward: %s",
+         context == nullptr ? "the context is null" : "the context has no CPU device");
+  DeviceCPU& device = *context->device_cpu;
+  device.use_dynamic_pool = device.dynamic_pool != nullptr;
+  EmptyAndReserve(layer_times_ms, layers.size());
+  EmptyAndReserve(gpu_times_ms, layers.size());
+  Walk walk(*this, inputs, output_ids, context);
+  for (unsigned int index = 0; index < layers.size() && !walk.Done(); ++index) {
+    if (gpu_times_ms != nullptr && layers[index] != nullptr) LogUnprofiledInput(*layers[index]);
+    double const start = layer_times_ms != nullptr ? utility::get_time_in_ms() : -1.0;
+    walk.Run(index);
+    if (layer_times_ms != nullptr) layer_times_ms->push_back(static_cast<float>(utility::get_time_in_ms() - start));
+    if (gpu_times_ms != nullptr) gpu_times_ms->push_back(0.0f);
+  }
+  device.use_dynamic_pool = false;
+  return walk.TakeResult();
+}
+
+}  // namespace talvo::runtime

@@ -1,0 +1,89 @@
+#include "talvo/runtime/tensor_cpu.h"
+
+#include <cstring>
+#include <utility>
+
+#include "talvo/kernel/native/permute.h"
+#include "talvo/runtime/device_cpu.h"
+#include "talvo/utility/log.h"
+
+namespace talvo::runtime {
+namespace {
+
+DeviceCPU& DeviceOf(TensorCPU const& tensor) {
+  auto* const device = dynamic_cast<DeviceCPU*>(tensor.device);
+  utility::Assert(device != nullptr, "tensor of dims %s: its device is no CPU device",
+                  DimsText(tensor.shape.dims).c_str());
+  return *device;
+}
+
+std::vector<unsigned int> RowMajorStrides(std::vector<unsigned int> const& dims) {
+  std::vector<unsigned int> strides(dims.size());
+  unsigned int stride = 1;
+  for (std::size_t axis = dims.size(); axis-- > 0; stride *= dims[axis]) strides[axis] = stride;
+  return strides;
+}
+
+}  // namespace
+
+TensorCPU::TensorCPU(TensorShape tensor_shape, void* first_element, Device* maker)
+    : Tensor(std::move(tensor_shape), first_element, maker), strides(RowMajorStrides(shape.dims)) {}
+
+std::function<void(void*)> TensorCPU::GetDeleter() const {
+  return [this](void*) {
+    DeviceOf(*this).memory_pool->Free(data);
+    delete this;
+  };
+}
+
+std::function<void(void*)> TensorCPU::GetDynamicDeleter() const {
+  return [this](void*) {
+    DeviceOf(*this).dynamic_pool->Free(data);
+    delete this;
+  };
+}
+
+std::shared_ptr<TensorCPU> TensorCPU::Reshape(std::vector<int> const& new_dims) const {
+  std::vector<unsigned int> dims;
+  unsigned int known = 1;
+  std::size_t unknown_count = 0, unknown_axis = 0;
+  for (int extent : new_dims) {
+    if (extent < 1) {
+      ++unknown_count;
+      unknown_axis = dims.size();
+    } else {
+      known *= static_cast<unsigned int>(extent);
+    }
+    dims.push_back(static_cast<unsigned int>(extent < 1 ? 0 : extent));
+  }
+  utility::Assert(unknown_count < 2, nullptr);
+  unsigned int const total = ElementCount(shape.dims);
+  utility::Assert(total >= known, nullptr);
+  utility::Assert(known != 0, "reshape of dims %s: the product of the new extents does not fit 32 bits",
+                  DimsText(shape.dims).c_str());
+  utility::Assert(total % known == 0, nullptr);
+  if (unknown_count == 1) dims[unknown_axis] = total / known;
+  auto reshaped = DeviceOf(*this).CreateTensor(
+      TensorShape(std::move(dims), shape.data_type, shape.layout, shape.location, TensorShape::Extra()), nullptr);
+  unsigned int const bytes = ByteCount(reshaped->shape);
+  if (bytes != 0) std::memcpy(reshaped->data, data, bytes);
+  return reshaped;
+}
+
+std::shared_ptr<TensorCPU> TensorCPU::Permute(std::vector<unsigned int> const& axes) const {
+  utility::Assert(shape.dims.size() == axes.size(), "dimensions of shape must be equal to tranpose axes's.");
+  std::vector<unsigned int> dims;
+  for (unsigned int axis : axes) {
+    utility::Assert(axis < shape.dims.size(), "permute of dims %s: axis %u is out of range",
+                    DimsText(shape.dims).c_str(), axis);
+    dims.push_back(shape.dims[axis]);
+  }
+  auto permuted = DeviceOf(*this).CreateTensor(
+      TensorShape(std::move(dims), shape.data_type, TensorShape::FLEXIABLE, shape.location, TensorShape::Extra()),
+      nullptr);
+  kernel::native::Transform_MainMemory_Permute_Fallback(data, shape.dims, ElementSize(shape.data_type), axes,
+                                                        permuted->data);
+  return permuted;
+}
+
+}  // namespace talvo::runtime
