@@ -61,7 +61,7 @@ class Model:
     """A chain of layers, each reading the one before it."""
 
     def __init__(self):
-        self.layers = []  # (id, type number, record without read_count, kernel)
+        self.layers = []  # (id, type number, fields up to input_ids, fields behind read_count, kernel)
 
     def add(self, layer_id, type_number, class_name, kernel, fields=()):
         inputs = [self.layers[-1][0]] if self.layers else []
