@@ -332,8 +332,8 @@ def recurrent():
     source = Source()
     header = Header("recurrent", "Recurrent layers from a zero state: rows of the input are steps, rows of the output "
                     "hidden states, with two directions the reverse one behind the forward one. Weights: one array for "
-                    "each stacked layer, named as in the records; empty where there is no bias or no direction. Cells are "
-                    "called once a step; activation_type (5 tanh, 2 ReLU) is the RNN cell's alone.",
+                    "each stacked layer, named as in the records; empty where there is no bias or no direction. Cells "
+                    "are called once a step; activation_type (5 tanh, 2 ReLU) is the RNN cell's alone.",
                     "Results are float64 rounded to float32: compare within the error of expf and tanhf.")
     blobs = [", ".join(f"{name}_{way}" for name in WEIGHTS) for way in ("forward", "reverse")]
     header.struct("struct RecurrentCase",
