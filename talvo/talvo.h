@@ -2,11 +2,15 @@
 #pragma once
 
 #include "talvo/entry/create_context.h"
+#include "talvo/entry/load_model.h"
+#include "talvo/entry/register_operators.h"
 #include "talvo/kernel/native/permute.h"
 #include "talvo/runtime/class_registry.h"
 #include "talvo/runtime/context.h"
+#include "talvo/runtime/create_net.h"
 #include "talvo/runtime/device.h"
 #include "talvo/runtime/device_cpu.h"
+#include "talvo/runtime/inference_config.h"
 #include "talvo/runtime/kernel.h"
 #include "talvo/runtime/memory_pool.h"
 #include "talvo/runtime/net.h"

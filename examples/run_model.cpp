@@ -1,0 +1,75 @@
+// The shortest complete application: a model package, one input tensor, the outputs.
+//
+//   run_model PACKAGE     (.tlnmodel or .json, made for the sdk type "x86" and sdk version 1.0)
+//
+// Every input of the package's first model gets a tensor of the model's base size, filled with 0.5.
+#include <cstdio>
+#include <exception>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "talvo/talvo.h"
+
+namespace {
+
+using namespace talvo;
+
+// One channel of the height and width that the model was made for.
+std::shared_ptr<runtime::Tensor> MakeInput(runtime::Context const& context, runtime::NetExtraInfo const& info) {
+  std::vector<float> const gray(std::size_t{info.model_base_h} * info.model_base_w, 0.5f);
+  return context.device_cpu->CreateF32CHWMainMem({1, info.model_base_h, info.model_base_w}, gray.data());
+}
+
+int Run(std::string const& path) {
+  // 1. One context serves all packages: the CPU device with its two pools. 64 is the alignment of every tensor.
+  std::shared_ptr<runtime::Context> context;
+  utility::create_context(context, 64);
+
+  // 2. The registries hold the kernels and parameters that a package may name. They outlive the packages.
+  runtime::ClassRegistry<std::shared_ptr<runtime::IKernel>> kernels;
+  runtime::ClassRegistry<std::shared_ptr<runtime::InferenceParam>> params;
+  utility::init_register_operators(kernels, params);
+
+  // 3. Open the file and check that it was made for this runtime and this application.
+  std::map<std::string, std::shared_ptr<utility::_NetworkPackage>> packages;
+  int const refused = utility::load_model(path, packages, context, kernels, params, "x86", 1, 0);
+  if (refused != 0) return 1;  // the reason is in the log
+
+  // 4. Build the net of one model from its records.
+  runtime::TLNModel file;
+  if (!file.FromFile(path.c_str(), path.back() == 'n' ? "json" : "bin") || packages.empty()) return 1;
+  std::string const id = file.model_arr->squential_ids.front();
+  auto& package = packages.at(id);
+  utility::Load_Single_Net(package, file.model_arr->models.at(id), file.config_arr->configs.at(id), "x86");
+
+  // 5. Run it: tensors in under the indices of the input layers, tensors out under those of the output layers.
+  for (auto const& input : package->net->input_ids) package->inputs[input.second] = MakeInput(*context, package->extra_info);
+  auto outputs = package->net->Forward(package->inputs, package->output_ids, package->context, nullptr, nullptr);
+  for (unsigned int index : package->output_ids) {
+    runtime::Tensor const& output = *outputs.at(index).front();
+    std::printf("layer %u: %s\n", index, runtime::DimsText(output.shape.dims).c_str());
+  }
+
+  // 6. Tensors go first, then packages, then the context; leaving this function releases them in another order, so say it.
+  outputs.clear();
+  package->inputs.clear();
+  packages.clear();
+  return 0;
+}
+
+}  // namespace
+
+int main(int count, char** words) {
+  if (count != 2) {
+    std::fprintf(stderr, "usage: run_model PACKAGE\n");
+    return 2;
+  }
+  try {
+    return Run(words[1]);
+  } catch (std::exception const& error) {
+    std::fprintf(stderr, "%s: %s\n", words[1], error.what());
+    return 1;
+  }
+}

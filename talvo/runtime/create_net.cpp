@@ -1,0 +1,226 @@
+#include "talvo/runtime/create_net.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <map>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "talvo/utility/log.h"
+
+namespace talvo::runtime {
+namespace {
+
+using utility::Assert;
+using KernelRegistry = ClassRegistry<std::shared_ptr<IKernel>>;
+using Converters = std::map<unsigned int, std::shared_ptr<IKernel>>;
+
+constexpr std::size_t kMaximumRepetitions = 8;  // of one id in one list; every repetition multiplies the work of a walk
+constexpr char const* kInputType = "Input";
+
+char const* TypeName(unsigned int type) {
+  static std::map<unsigned int, char const*> const names = {{0, kInputType},
+                                                            {1, "Activation"},
+                                                            {2, "Conv2d"},
+                                                            {3, "ConvTranspose2d"},
+                                                            {6, "AvgPool2d"},
+                                                            {7, "MaxPool2d"},
+                                                            {8, "InstanceNorm2d"},
+                                                            {9, "BatchNorm2d"},
+                                                            {10, "Upsample2d"},
+                                                            {11, "ElementWiseOperator"},
+                                                            {12, "Concatenate"},
+                                                            {13, "TensorReshape"},
+                                                            {14, "TensorTranspose"},
+                                                            {15, "TensorSqueeze"},
+                                                            {16, "TensorUnSqueeze"},
+                                                            {17, "FullConnection"},
+                                                            {21, "PixelShuffle"},
+                                                            {22, "TensorGetItem"},
+                                                            {29, "Blob"},
+                                                            {36, "LSTM"},
+                                                            {46, "TensorSlice"},
+                                                            {254, "Blob"}};
+  auto const name = names.find(type);
+  return name != names.end() ? name->second : "UnKnown";
+}
+
+void CheckRepetitions(std::vector<std::string> const& ids, char const* what, std::string const& of) {
+  std::unordered_map<std::string, std::size_t> counts;
+  for (std::string const& id : ids) {
+    if (++counts[id] > kMaximumRepetitions) {
+      Assert(false, "%s of %s: the id %s stands more than %zu times", what, of.c_str(), id.c_str(),
+             kMaximumRepetitions);
+    }
+  }
+}
+
+// How the packaged configuration names its kernels.
+class PackagedConfig {
+ public:
+  static constexpr bool kLogs = true;             // level-2 lines around each kernel
+  static constexpr bool kNeedsMainKernel = true;  // a refused main kernel ends the construction
+
+  explicit PackagedConfig(TLModelCfg const& config) : config_(config) {}
+
+  LayerCfg const& Layer(std::string const& id, std::size_t) const {
+    auto const found = config_.layers.find(id);
+    if (found == config_.layers.end() || found->second == nullptr) {
+      Assert(false, "layer %s: the configuration has no record of it", id.c_str());
+    }
+    return *found->second;
+  }
+
+  static bool IsInput(LayerInfo const& info, std::string const&) { return info.type == 0; }
+
+  // Calls visit(position, kernel configuration) for each converter, in order.
+  template <typename Visit>
+  static void ForEachConverter(std::string const& layer_id, std::shared_ptr<KernelCfgArr> const& converters,
+                               Visit const& visit) {
+    Assert(converters != nullptr, "layer %s: its configuration has no list of converters", layer_id.c_str());
+    CheckRepetitions(converters->kernel_ids, "converters", "layer " + layer_id);
+    for (std::string const& id : converters->kernel_ids) {
+      auto const found = converters->kernels.find(id);
+      visit(static_cast<unsigned int>(std::atoi(id.c_str())),
+            found != converters->kernels.end() ? found->second : nullptr);
+    }
+  }
+
+ private:
+  TLModelCfg const& config_;
+};
+
+// How the light configuration names its kernels.
+class LightConfig {
+ public:
+  static constexpr bool kLogs = false;
+  static constexpr bool kNeedsMainKernel = false;
+
+  explicit LightConfig(InferenceConfig const& config) : config_(config) {}
+
+  LayerInferenceConfig const& Layer(std::string const& id, std::size_t index) const {
+    if (index >= config_.layers.size()) {
+      Assert(false, "layer %s: the configuration has %zu records, none for layer index %zu", id.c_str(),
+             config_.layers.size(), index);
+    }
+    return config_.layers[index];
+  }
+
+  static bool IsInput(LayerInfo const&, std::string const& type) { return type == kInputType; }
+
+  template <typename Visit>
+  static void ForEachConverter(std::string const&,
+                               std::map<unsigned int, std::shared_ptr<KernelInferenceConfig>> const& converters,
+                               Visit const& visit) {
+    for (auto const& converter : converters) visit(converter.first, converter.second);
+  }
+
+ private:
+  InferenceConfig const& config_;
+};
+
+// Makes the layers of one net.
+template <class Config>
+class Builder {
+ public:
+  Builder(TLModelInfo const& model, Config const& config, KernelRegistry const& kernels,
+          std::shared_ptr<Context> const& context)
+      : model_(model), config_(config), kernels_(kernels), context_(context) {}
+
+  std::shared_ptr<Net> Build() {
+    CheckRepetitions(model_.squential_ids, "layers", "the model");
+    for (std::size_t i = 0; i < model_.squential_ids.size(); ++i) {
+      index_of_[model_.squential_ids[i]] = static_cast<unsigned int>(i);
+    }
+    for (std::size_t i = 0; i < model_.squential_ids.size(); ++i) AddLayer(model_.squential_ids[i], i);
+    return std::make_shared<Net>(layers_, input_ids_);
+  }
+
+ private:
+  void AddLayer(std::string const& id, std::size_t index) {
+    auto const found = model_.layers.find(id);
+    if (found == model_.layers.end() || found->second == nullptr)
+      Assert(false, "layer %s: the model has no record of it", id.c_str());
+    std::shared_ptr<LayerInfo> const& info = found->second;
+    auto const& config = config_.Layer(id, index);
+    auto layer = std::make_shared<Layer>();
+    layer->type = TypeName(info->type);
+    if (Config::IsInput(*info, layer->type)) input_ids_[id] = static_cast<unsigned int>(index);
+    layer->input_converters = MakeConverters(id, config.input_converters);
+    layer->kernel = MakeKernel(id, config.kernel, info);
+    if (Config::kNeedsMainKernel) Assert(layer->kernel != nullptr, nullptr);
+    layer->output_converters = MakeConverters(id, config.output_converters);
+    Wire(*layer, *info, index);
+    layers_.push_back(std::move(layer));
+  }
+
+  template <typename ConverterConfigs>
+  Converters MakeConverters(std::string const& layer_id, ConverterConfigs const& configs) {
+    Converters converters;
+    Config::ForEachConverter(layer_id, configs, [&](unsigned int position, auto const& config) {
+      converters[position] = MakeKernel(layer_id, config, nullptr);
+    });
+    return converters;
+  }
+
+  // Empty when the kernel refuses its parameters. `info` is empty for a converter.
+  template <typename KernelConfig>
+  std::shared_ptr<IKernel> MakeKernel(std::string const& layer_id, std::shared_ptr<KernelConfig> const& config,
+                                      std::shared_ptr<LayerInfo> const& info) {
+    char const* const role = info != nullptr ? "kernel" : "converter";
+    Assert(config != nullptr, "layer %s: its configuration names no %s", layer_id.c_str(), role);
+    std::string const& name = config->kernel_type;
+    auto kernel = kernels_.Create(name);
+    if (Config::kLogs) utility::Log(2, "Create Kernel >> %s >> %s", name.c_str(), kernel != nullptr ? "ok" : "nullptr");
+    Assert(kernel != nullptr, "layer %s: its %s \"%s\" is not registered", layer_id.c_str(), role, name.c_str());
+    if (kernel->Config(info, config->infer_param, context_)) return kernel;
+    if (Config::kLogs) utility::Log(2, "Config Kernel <%s> failed.", name.c_str());
+    return nullptr;
+  }
+
+  void Wire(Layer& layer, LayerInfo const& info, std::size_t index) {
+    CheckRepetitions(info.input_ids, "inputs", "layer " + info.id);
+    for (std::size_t position = 0; position < info.input_ids.size(); ++position) {
+      unsigned int const producer = index_of_[info.input_ids[position]];  // an id that no layer has enters as layer 0
+      if (producer >= index) {
+        Assert(false, "layer %s: its input %zu is layer %s, which does not stand before it", info.id.c_str(), position,
+               info.input_ids[position].c_str());
+      }
+      layer.input_refs.emplace_back(producer, 0u);
+      layers_[producer]->consumers.emplace_back(index_of_[info.id], static_cast<std::uint32_t>(position));
+    }
+  }
+
+  TLModelInfo const& model_;
+  Config const config_;
+  KernelRegistry const& kernels_;
+  std::shared_ptr<Context> const& context_;
+  std::map<std::string, unsigned int> index_of_, input_ids_;
+  std::vector<std::shared_ptr<Layer>> layers_;
+};
+
+template <class Config, class Record>
+std::shared_ptr<Net> Create(std::shared_ptr<TLModelInfo> const& model, std::shared_ptr<Record> const& config,
+                            KernelRegistry const& kernels, std::shared_ptr<Context> const& context) {
+  Assert(model != nullptr, "CreateNet: the model is empty");
+  Assert(config != nullptr,
+         "CreateNet: the configuration is empty; a package has one for each back end that it serves");
+  return Builder<Config>(*model, Config(*config), kernels, context).Build();
+}
+
+}  // namespace
+
+std::shared_ptr<Net> CreateNet(std::shared_ptr<TLModelInfo> const& model, std::shared_ptr<TLModelCfg> const& config,
+                               KernelRegistry const& kernels, std::shared_ptr<Context> const& context) {
+  return Create<PackagedConfig>(model, config, kernels, context);
+}
+
+std::shared_ptr<Net> CreateNet(std::shared_ptr<TLModelInfo> const& model, std::shared_ptr<InferenceConfig> config,
+                               KernelRegistry const& kernels, std::shared_ptr<Context> context) {
+  return Create<LightConfig>(model, config, kernels, context);
+}
+
+}  // namespace talvo::runtime

@@ -1,0 +1,154 @@
+#include "talvo/serialization/rapidjson_include.h"
+
+#include "talvo/runtime/inference_config.h"
+
+#include <cstdlib>
+#include <utility>
+
+#include "talvo/serialization/json_document_support.h"
+#include "talvo/serialization/json_visitors.h"
+#include "talvo/utility/log.h"
+
+namespace talvo::runtime {
+namespace {
+
+using rapidjson::Value;
+using utility::Assert;
+using ParamRegistry = ClassRegistry<std::shared_ptr<InferenceParam>>;
+using Converters = std::map<unsigned int, std::shared_ptr<KernelInferenceConfig>>;
+
+constexpr unsigned int kIndentBlanks = 4;
+
+// Refuses parameters of a type that nobody registered, with the place of the kernel in the text.
+void CheckParamType(Value const& value, std::string const& where, ParamRegistry const& params) {
+  auto const type = value.FindMember("infer_param_type"), kernel = value.FindMember("kernel_type");
+  bool const named = type != value.MemberEnd() && type->value.IsString() && type->value.GetStringLength() != 0;
+  if (!named || params.Create(type->value.GetString()) != nullptr) return;
+  Assert(false, "%s: parameters of kernel %s: the type %s is not registered", where.c_str(),
+         kernel != value.MemberEnd() && kernel->value.IsString() ? kernel->value.GetString() : "?",
+         type->value.GetString());
+}
+
+std::shared_ptr<KernelInferenceConfig> ReadKernel(Value const& value, std::string const& where,
+                                                  ParamRegistry const& params) {
+  Assert(value.IsObject(), "%s: a kernel is an object", where.c_str());
+  CheckParamType(value, where, params);
+  auto kernel = std::make_shared<KernelInferenceConfig>();
+  kernel->infer_param_registry = &params;
+  JSONValueTo(value, kernel.get());
+  return kernel;
+}
+
+Converters ReadConverters(Value const& layer, char const* key, std::string const& where, ParamRegistry const& params) {
+  Converters converters;
+  auto const found = layer.FindMember(key);
+  if (found == layer.MemberEnd()) return converters;
+  Assert(found->value.IsObject(), "%s.%s: converters are an object", where.c_str(), key);
+  for (auto const& member : found->value.GetObject()) {
+    char const* const position = member.name.GetString();
+    converters[static_cast<unsigned int>(std::atoi(position))] =
+        ReadKernel(member.value, where + "." + key + "." + position, params);
+  }
+  return converters;
+}
+
+LayerInferenceConfig ReadLayer(Value const& value, std::size_t index, ParamRegistry const& params) {
+  std::string const where = "config[" + std::to_string(index) + "]";
+  Assert(value.IsObject(), "%s: a layer is an object", where.c_str());
+  LayerInferenceConfig layer;
+  layer.input_converters = ReadConverters(value, "input_converters", where, params);
+  auto const kernel = value.FindMember("kernel");
+  Assert(kernel != value.MemberEnd(), "%s: there is no \"kernel\"", where.c_str());
+  layer.kernel = ReadKernel(kernel->value, where + ".kernel", params);
+  layer.output_converters = ReadConverters(value, "output_converters", where, params);
+  return layer;
+}
+
+// A kernel's members, without a version among them.
+Value WriteKernel(std::shared_ptr<KernelInferenceConfig> const& kernel, JSONAllocator& allocator) {
+  Assert(kernel != nullptr, "InferenceConfig::ToJSON: a layer or a converter has no kernel");
+  Value value(rapidjson::kObjectType);
+  kernel->VisitAttr(std::make_shared<JSONNodeSetter>(value, allocator, false));
+  return value;
+}
+
+Value WriteConverters(Converters const& converters, JSONAllocator& allocator) {
+  Value value(rapidjson::kObjectType);
+  for (auto const& [position, kernel] : converters) {
+    value.AddMember(ToJSONValue(std::to_string(position), allocator), WriteKernel(kernel, allocator), allocator);
+  }
+  return value;
+}
+
+Value WriteLayer(LayerInferenceConfig const& layer, JSONAllocator& allocator) {
+  Value value(rapidjson::kObjectType);
+  if (!layer.input_converters.empty()) {
+    value.AddMember("input_converters", WriteConverters(layer.input_converters, allocator), allocator);
+  }
+  value.AddMember("kernel", WriteKernel(layer.kernel, allocator), allocator);
+  if (!layer.output_converters.empty()) {  // readers of this text expect the input converters here
+    value.AddMember("output_converters", WriteConverters(layer.input_converters, allocator), allocator);
+  }
+  return value;
+}
+
+}  // namespace
+
+void KernelInferenceConfig::VisitAttr(std::shared_ptr<Visitor> visitor) {
+  visitor->Visit(&kernel_type, "kernel_type");
+  visitor->Visit(&infer_param_type, "infer_param_type");
+  if (infer_param_type.empty()) return;
+  if (infer_param == nullptr && infer_param_registry != nullptr)
+    infer_param = infer_param_registry->Create(infer_param_type);
+  Assert(infer_param != nullptr, "parameters of kernel %s: the type %s is not registered", kernel_type.c_str(),
+         infer_param_type.c_str());
+  visitor->Visit(static_cast<Serializable*>(infer_param.get()), "infer_param");
+}
+
+std::string InferenceConfig::ToJSON() const {
+  rapidjson::Document document(rapidjson::kObjectType);
+  auto& allocator = document.GetAllocator();
+  Value records(rapidjson::kArrayType);
+  for (LayerInferenceConfig const& layer : layers) records.PushBack(WriteLayer(layer, allocator), allocator);
+  document.AddMember("config", records, allocator);
+  rapidjson::StringBuffer buffer;
+  rapidjson::PrettyWriter<rapidjson::StringBuffer> writer(buffer);
+  writer.SetIndent(' ', kIndentBlanks);
+  document.Accept(writer);
+  return std::string(buffer.GetString(), buffer.GetSize());
+}
+
+std::shared_ptr<InferenceConfig> CreateConfigFromJSON(std::string const& json, ParamRegistry const& params) {
+  support::JSONText const text(json);
+  Value const& document = text.Root();
+  Assert(document.IsObject(), "document.IsObject()");
+  auto const records = document.FindMember("config");
+  Assert(records != document.MemberEnd() && records->value.IsArray(), "the configuration has no array \"config\"");
+  auto config = std::make_shared<InferenceConfig>();
+  for (auto const& record : records->value.GetArray()) {
+    config->layers.push_back(ReadLayer(record, config->layers.size(), params));
+  }
+  return config;
+}
+
+std::shared_ptr<InferenceConfig> CreateCfg(std::shared_ptr<TLModelInfo> const&,
+                                           ClassRegistry<std::shared_ptr<IKernel>> const&, char const*) {
+  return nullptr;
+}
+
+std::shared_ptr<InferenceConfig> CreateOpenGLCfg(std::shared_ptr<TLModelInfo> const&,
+                                                 ClassRegistry<std::shared_ptr<IKernel>> const&) {
+  return nullptr;
+}
+
+std::shared_ptr<InferenceConfig> CreateMetalCfg(std::shared_ptr<TLModelInfo> const&,
+                                                ClassRegistry<std::shared_ptr<IKernel>> const&) {
+  return nullptr;
+}
+
+std::shared_ptr<InferenceConfig> CreateMetalCfgImgC8HW8F16(std::shared_ptr<TLModelInfo> const&,
+                                                           ClassRegistry<std::shared_ptr<IKernel>> const&) {
+  return nullptr;
+}
+
+}  // namespace talvo::runtime

@@ -1,0 +1,80 @@
+#include "tools/run_package/arguments.h"
+
+#include <cstdlib>
+
+#include "tools/run_package/layouts.h"
+
+namespace run_package {
+namespace {
+
+constexpr unsigned long kMaximumRepeat = 1000000;
+
+InputFile ParseInput(std::string const& word) {
+  auto const equals = word.find('=');
+  if (equals == std::string::npos || equals == 0 || equals + 1 == word.size()) {
+    throw UsageError("--input takes LAYER=FILE.npy or LAYER=LAYOUT:FILE.npy, not \"" + word + "\"");
+  }
+  InputFile input{word.substr(0, equals), "", word.substr(equals + 1)};
+  auto const colon = input.path.find(':');
+  if (colon != std::string::npos && LayoutNumber(input.path.substr(0, colon)).has_value()) {
+    input.layout = input.path.substr(0, colon);
+    input.path.erase(0, colon + 1);
+  }
+  return input;
+}
+
+unsigned int ParseRepeat(std::string const& word) {
+  char* end = nullptr;
+  unsigned long const number = std::strtoul(word.c_str(), &end, 10);
+  if (word.empty() || word[0] == '-' || *end != '\0' || number == 0 || number > kMaximumRepeat) {
+    throw UsageError("--repeat takes a whole number from 1 to 1000000, not \"" + word + "\"");
+  }
+  return static_cast<unsigned int>(number);
+}
+
+}  // namespace
+
+char const* const kUsage =
+    "usage: run_package PACKAGE [--model ID] [--backend WORD] [--input LAYER=FILE.npy]... [--output LAYER]...\n"
+    "                   [--next [--input ...]...]... [--output-dir DIR] [--repeat N] [--profile] [--list]";
+
+Arguments ParseArguments(int count, char const* const* words) {
+  Arguments arguments;
+  int at = 1;
+  auto const value = [&](std::string const& option) -> std::string {
+    if (at + 1 >= count) throw UsageError(option + " takes a value");
+    return words[++at];
+  };
+  for (; at < count; ++at) {
+    std::string const word = words[at];
+    if (word == "--model") {
+      arguments.model = value(word);
+    } else if (word == "--backend") {
+      arguments.backend = value(word);
+    } else if (word == "--input") {
+      arguments.runs.back().push_back(ParseInput(value(word)));
+    } else if (word == "--next") {
+      arguments.runs.emplace_back();
+    } else if (word == "--output") {
+      arguments.outputs.push_back(value(word));
+    } else if (word == "--output-dir") {
+      arguments.output_dir = value(word);
+    } else if (word == "--repeat") {
+      arguments.repeat = ParseRepeat(value(word));
+    } else if (word == "--profile") {
+      arguments.profile = true;
+    } else if (word == "--list") {
+      arguments.list = true;
+    } else if (word.compare(0, 2, "--") == 0) {
+      throw UsageError("there is no option " + word);
+    } else if (arguments.package.empty()) {
+      arguments.package = word;
+    } else {
+      throw UsageError("one package at a time: \"" + arguments.package + "\" and \"" + word + "\" were given");
+    }
+  }
+  if (arguments.package.empty()) throw UsageError("no package was given");
+  return arguments;
+}
+
+}  // namespace run_package

@@ -1,0 +1,38 @@
+// The command line of run_package.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace run_package {
+
+/// A command line that cannot be understood; the text says why.
+class UsageError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// LAYER=FILE.npy or LAYER=LAYOUT:FILE.npy; an empty layout leaves the choice to the array's rank.
+struct InputFile {
+  std::string layer, layout, path;
+};
+
+struct Arguments {
+  std::string package;
+  std::string model;  // empty: the package's only model
+  std::string backend = "x86";
+  std::vector<std::vector<InputFile>> runs = {{}};  // the inputs of each run of the net, in order
+  std::vector<std::string> outputs;                 // layer ids; empty: the model's outputs
+  std::string output_dir;                           // empty: nothing is written
+  unsigned int repeat = 1;
+  bool profile = false;
+  bool list = false;
+};
+
+extern char const* const kUsage;
+
+/// Throws UsageError.
+Arguments ParseArguments(int count, char const* const* words);
+
+}  // namespace run_package

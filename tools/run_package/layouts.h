@@ -1,0 +1,15 @@
+// Names of tensor layouts, as the command line and the reports use them.
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace run_package {
+
+/// The number of a layout by its name.
+std::optional<unsigned int> LayoutNumber(std::string const& name);
+
+/// The name of a layout; "layout N" for a number without one.
+std::string LayoutName(unsigned int number);
+
+}  // namespace run_package

@@ -1,0 +1,118 @@
+#include "tools/run_package/npy.h"
+
+#include <cstdint>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "tools/run_package/layouts.h"
+
+namespace run_package {
+namespace {
+
+using talvo::runtime::DimsText;
+using talvo::runtime::TensorShape;
+
+constexpr std::string_view kMagic = "\x93NUMPY";
+
+[[noreturn]] void Refuse(std::string const& path, std::string const& why) { throw std::runtime_error(path + ": " + why); }
+
+std::string ReadWhole(std::string const& path) {
+  std::ifstream stream(path, std::ios::binary);
+  if (!stream) Refuse(path, "cannot be opened");
+  return std::string(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>());
+}
+
+// The text behind "'key':" in the header's dictionary, blanks skipped.
+std::string_view ValueOf(std::string const& path, std::string_view header, std::string const& key) {
+  auto at = header.find("'" + key + "':");
+  if (at == std::string_view::npos) Refuse(path, "its .npy header has no '" + key + "'");
+  at = header.find_first_not_of(' ', at + key.size() + 3);
+  return at == std::string_view::npos ? std::string_view() : header.substr(at);
+}
+
+std::vector<unsigned int> ParseShape(std::string const& path, std::string_view text) {
+  auto const end = text.find(')');
+  if (text.empty() || text[0] != '(' || end == std::string_view::npos) Refuse(path, "its .npy header has no shape");
+  std::string const list(text.substr(1, end - 1));
+  std::vector<unsigned int> dims;
+  char const* at = list.c_str();
+  while (*at != '\0') {
+    char* after = nullptr;
+    unsigned long long const extent = std::strtoull(at, &after, 10);
+    if (after == at || extent > 0xFFFFFFFFull) Refuse(path, "its shape (" + list + ") cannot be read");
+    dims.push_back(static_cast<unsigned int>(extent));
+    at = after;
+    while (*at == ',' || *at == ' ') ++at;
+  }
+  return dims;
+}
+
+unsigned int RankLayout(std::size_t rank) {
+  switch (rank) {
+    case 1:
+      return TensorShape::C;
+    case 2:
+      return TensorShape::SC;
+    case 3:
+      return TensorShape::CHW;
+    default:
+      return TensorShape::FLEXIABLE;
+  }
+}
+
+// The length of the header behind the magic and the version, and where the header starts.
+std::pair<std::size_t, std::size_t> HeaderExtent(std::string const& path, std::string const& file) {
+  std::size_t const width = file.size() > kMagic.size() && file[kMagic.size()] == 1 ? 2 : 4;
+  std::size_t const start = kMagic.size() + 2 + width;
+  if (file.compare(0, kMagic.size(), kMagic) != 0 || file.size() < start) Refuse(path, "is no .npy file");
+  std::size_t length = 0;
+  for (std::size_t i = 0; i < width; ++i) length |= std::size_t{static_cast<unsigned char>(file[start - width + i])} << (8 * i);
+  if (length > file.size() - start) Refuse(path, "ends inside its header");
+  return {start, length};
+}
+
+unsigned int DataTypeOf(std::string const& path, std::string_view descr) {
+  if (descr.compare(0, 5, "'<f4'") == 0) return TensorShape::FLOAT32;
+  if (descr.compare(0, 5, "'|u1'") == 0) return TensorShape::UINT8;
+  Refuse(path, "holds " + std::string(descr.substr(0, descr.find(','))) + "; float32 ('<f4') and uint8 ('|u1') are read");
+}
+
+}  // namespace
+
+std::shared_ptr<talvo::runtime::TensorCPU> ReadNpy(std::string const& path, std::string const& layout,
+                                                   talvo::runtime::DeviceCPU& device) {
+  std::string const file = ReadWhole(path);
+  auto const [start, length] = HeaderExtent(path, file);
+  std::string_view const header(file.data() + start, length);
+  if (ValueOf(path, header, "fortran_order").compare(0, 5, "False") != 0) Refuse(path, "is in Fortran order; C order is read");
+  std::vector<unsigned int> const dims = ParseShape(path, ValueOf(path, header, "shape"));
+  unsigned int const axes = layout.empty() ? RankLayout(dims.size()) : LayoutNumber(layout).value();
+  TensorShape const shape(dims, DataTypeOf(path, ValueOf(path, header, "descr")), axes, TensorShape::MainMemory,
+                          TensorShape::Extra());
+  std::size_t const bytes = talvo::runtime::ByteCount(shape), left = file.size() - start - length;
+  if (bytes != left) {
+    Refuse(path, "holds " + std::to_string(left) + " bytes of data, its shape " + DimsText(dims) + " needs " + std::to_string(bytes));
+  }
+  return device.CreateTensor(shape, file.data() + start + length);
+}
+
+void WriteNpy(std::string const& path, talvo::runtime::Tensor const& tensor) {
+  constexpr char const* kDescr[] = {"<f4", "<f2", "<i4", "<i2", "|i1", "<u4", "<u2", "|u1"};
+  std::string shape;
+  for (unsigned int extent : tensor.shape.dims) shape += std::to_string(extent) + ",";
+  std::string header = std::string("{'descr': '") + kDescr[tensor.shape.data_type] + "', 'fortran_order': False, 'shape': (" +
+                       shape + "), }";
+  std::size_t const unpadded = kMagic.size() + 4 + header.size() + 1;
+  header += std::string((64 - unpadded % 64) % 64, ' ') + "\n";
+  std::ofstream stream(path, std::ios::binary);
+  stream << kMagic << '\1' << '\0' << static_cast<char>(header.size() & 255) << static_cast<char>(header.size() >> 8) << header;
+  stream.write(static_cast<char const*>(tensor.data), static_cast<std::streamsize>(talvo::runtime::ByteCount(tensor.shape)));
+  if (!stream.flush()) Refuse(path, "cannot be written");
+}
+
+}  // namespace run_package

@@ -1,0 +1,194 @@
+#include "tools/run_package/session.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <numeric>
+#include <stdexcept>
+#include <utility>
+
+#include "talvo/entry/create_context.h"
+#include "talvo/entry/register_operators.h"
+#include "talvo/utility/log.h"
+#include "tools/run_package/npy.h"
+
+namespace run_package {
+namespace {
+
+using namespace talvo::runtime;
+using talvo::utility::get_time_in_ms;
+
+constexpr unsigned int kAlignment = 64;
+
+std::string last_error;  // what the library reported last on its error level
+
+// Warnings go to standard error as they come; an error is reported once, by whoever ends the program.
+int Report(char const* line) {
+  std::string text(line);
+  text.erase(text.find_last_not_of('\n') + 1);
+  if (text.find("] (Warnning): ") != std::string::npos) {
+    std::fprintf(stderr, "%s\n", text.c_str());
+  } else {
+    last_error = text.substr(std::min(text.find("]: ") + 3, text.size()));
+  }
+  return 0;
+}
+
+[[noreturn]] void Refuse(std::string const& text) { throw std::runtime_error(text); }
+
+// The text of an exception of the library, without tag and newline.
+std::string Message(std::exception const& refusal) {
+  std::string text = refusal.what();
+  text.erase(text.find_last_not_of('\n') + 1);
+  auto const tag = text.find("]: ");
+  return text[0] == '[' && tag != std::string::npos ? text.substr(tag + 3) : text;
+}
+
+std::string Join(std::vector<std::string> const& ids) {
+  std::string text;
+  for (std::string const& id : ids) text += (text.empty() ? "" : ", ") + id;
+  return text;
+}
+
+bool EndsIn(std::string const& text, std::string const& ending) {
+  return text.size() >= ending.size() && text.compare(text.size() - ending.size(), ending.size(), ending) == 0;
+}
+
+// The configurations among which the library chooses for a back end.
+std::vector<std::shared_ptr<TLModelCfg>> Candidates(TLModelMultiBackendCfgs const& configs, std::string const& backend) {
+  if (backend == "x86") return {configs.cpu_sse};
+  if (backend == "metal") return {configs.gpu_metal};
+  return {configs.cpu_armv8, configs.cpu_armv82, configs.cpu_armv7};
+}
+
+}  // namespace
+
+Session::Session(Arguments const& arguments) : path_(arguments.package), backend_(arguments.backend) {
+  talvo::utility::SetLogCallback(Report);
+  talvo::utility::create_context(context_, kAlignment);
+  talvo::utility::init_register_operators(kernels_, params_);
+  ReadFile();
+  if (arguments.list) return;
+  ChooseModel(arguments.model);
+  BuildNet();
+  if (!arguments.outputs.empty()) RequestOutputs(arguments.outputs);
+}
+
+void Session::ReadFile() {
+  bool const binary = EndsIn(path_, ".tlnmodel");
+  if (!binary && !EndsIn(path_, ".json")) Refuse(path_ + ": a package ends in .tlnmodel or .json");
+  file_ = std::make_shared<TLNModel>();
+  try {
+    if (!file_->FromFile(path_.c_str(), binary ? "bin" : "json")) Refuse("cannot be opened");
+  } catch (std::exception const& refusal) {
+    std::string const message = Message(refusal);
+    Refuse(path_ + ": " + (message.empty() ? "does not hold a package" : message));
+  }
+}
+
+void Session::ChooseModel(std::string const& wanted) {
+  auto const& ids = file_->model_arr->squential_ids;
+  if (wanted.empty() && ids.size() != 1) {
+    Refuse(path_ + ": holds " + std::to_string(ids.size()) + " models (" + Join(ids) + "); choose one with --model");
+  }
+  model_id_ = wanted.empty() ? ids[0] : wanted;
+  if (std::find(ids.begin(), ids.end(), model_id_) == ids.end()) {
+    Refuse(path_ + ": has no model \"" + model_id_ + "\"; it holds " + Join(ids));
+  }
+  std::map<std::string, std::shared_ptr<talvo::utility::_NetworkPackage>> packages;
+  int const refused = talvo::utility::load_model(path_, packages, context_, kernels_, params_, file_->sdk_type,
+                                                 file_->sdk_major_ver, file_->sdk_minor_ver);
+  if (refused != 0) Refuse(path_ + ": " + last_error);
+  model_ = file_->model_arr->models.at(model_id_);
+  package_ = packages.at(model_id_);
+}
+
+void Session::BuildNet() {
+  auto const configs = file_->config_arr->configs.find(model_id_);
+  if (configs == file_->config_arr->configs.end()) Refuse(path_ + ": model \"" + model_id_ + "\" has no configurations");
+  try {
+    talvo::utility::Load_Single_Net(package_, model_, configs->second, backend_.c_str());
+  } catch (std::exception const& refusal) {
+    std::string const message = Message(refusal);
+    Refuse(path_ + ": " + (message.empty() ? RefusedKernel(*configs->second) : message));
+  }
+}
+
+// Names the first layer whose kernel refuses its record: the library's exception does not say.
+std::string Session::RefusedKernel(TLModelMultiBackendCfgs const& configs) const {
+  for (auto const& config : Candidates(configs, backend_)) {
+    if (config->layers.empty()) continue;
+    for (std::string const& id : model_->squential_ids) {
+      KernelCfg const& kernel = *config->layers.at(id)->kernel;
+      if (!kernels_.Create(kernel.kernel_type)->Config(model_->layers.at(id), kernel.infer_param, context_)) {
+        return "layer " + id + " (" + model_->layers.at(id)->GetClassTypeName() + "): its kernel " + kernel.kernel_type +
+               " refuses the layer's record";
+      }
+    }
+  }
+  return "a kernel refuses its layer's record";
+}
+
+void Session::RequestOutputs(std::vector<std::string> const& ids) {
+  package_->output_ids.clear();
+  for (std::string const& id : ids) {
+    unsigned int const index = IndexOf(id);
+    auto& requested = package_->output_ids;
+    if (std::find(requested.begin(), requested.end(), index) == requested.end()) requested.push_back(index);
+  }
+}
+
+unsigned int Session::IndexOf(std::string const& layer) const {
+  auto const& ids = model_->squential_ids;
+  auto const found = std::find(ids.begin(), ids.end(), layer);
+  if (found == ids.end()) Refuse("model \"" + model_id_ + "\" has no layer \"" + layer + "\"");
+  return static_cast<unsigned int>(found - ids.begin());
+}
+
+std::string Session::LayerText(unsigned int layer) const {
+  auto const& kernel = package_->net->layers[layer]->kernel;
+  return "layer " + model_->squential_ids[layer] + " (" + (kernel != nullptr ? kernel->GetName() : "no kernel") + ")";
+}
+
+std::string Session::KernelName(unsigned int layer) const { return package_->net->layers[layer]->kernel->GetName(); }
+
+void Session::FillInputs(std::vector<InputFile> const& inputs) {
+  for (InputFile const& input : inputs) {
+    unsigned int const index = IndexOf(input.layer);
+    if (package_->net->layers[index]->type != "Input") Refuse("layer \"" + input.layer + "\" is no input of the model");
+    package_->inputs[index] = ReadNpy(input.path, input.layout, *context_->device_cpu);
+  }
+  for (auto const& [id, index] : package_->net->input_ids) {
+    if (package_->inputs[index] == nullptr) Refuse("input layer \"" + id + "\" has no tensor; give one with --input " + id + "=FILE.npy");
+  }
+}
+
+void Session::RunOnce(std::vector<unsigned int> const& output_ids, RunResult& result) {
+  std::vector<float> times;
+  try {
+    result.outputs = package_->net->Forward(package_->inputs, output_ids, package_->context, &times, nullptr);
+  } catch (std::exception const& refusal) {
+    // The layers that ran have a time each; the next one is the one that refused.
+    auto const failed = static_cast<unsigned int>(times.size());
+    Refuse((failed < package_->net->layers.size() ? LayerText(failed) + ": " : "") + Message(refusal));
+  }
+  result.layer_times_ms.push_back(std::move(times));
+}
+
+RunResult Session::Run(std::vector<InputFile> const& inputs, unsigned int repeat, bool keep_all) {
+  FillInputs(inputs);
+  std::vector<unsigned int> every_layer(keep_all && !OutputIndices().empty() ? 1 + *std::max_element(OutputIndices().begin(), OutputIndices().end()) : 0);
+  std::iota(every_layer.begin(), every_layer.end(), 0u);
+  RunResult result;
+  std::vector<double> times;
+  for (unsigned int i = 0; i < repeat; ++i) {
+    result.outputs.clear();
+    double const start = get_time_in_ms();
+    RunOnce(keep_all && i + 1 == repeat ? every_layer : OutputIndices(), result);
+    times.push_back(get_time_in_ms() - start);
+  }
+  std::nth_element(times.begin(), times.begin() + static_cast<std::ptrdiff_t>(times.size() / 2), times.end());
+  result.time_ms = times[times.size() / 2];
+  return result;
+}
+
+}  // namespace run_package
