@@ -20,9 +20,9 @@ using namespace talvo::runtime;
 using Backend = std::pair<char const*, std::shared_ptr<TLModelCfg>>;
 
 std::vector<Backend> Backends(TLModelMultiBackendCfgs const& configs) {
-  return {{"cpu_sse", configs.cpu_sse},         {"cpu_avx", configs.cpu_avx},       {"cpu_armv7", configs.cpu_armv7},
-          {"cpu_armv8", configs.cpu_armv8},     {"cpu_armv82", configs.cpu_armv82}, {"gpu_opengl", configs.gpu_opengl},
-          {"gpu_metal", configs.gpu_metal},     {"gpu_cuda", configs.gpu_cuda}};
+  return {{"cpu_sse", configs.cpu_sse},     {"cpu_avx", configs.cpu_avx},       {"cpu_armv7", configs.cpu_armv7},
+          {"cpu_armv8", configs.cpu_armv8}, {"cpu_armv82", configs.cpu_armv82}, {"gpu_opengl", configs.gpu_opengl},
+          {"gpu_metal", configs.gpu_metal}, {"gpu_cuda", configs.gpu_cuda}};
 }
 
 bool IsWeightKey(std::string const& key) {
@@ -63,12 +63,14 @@ std::string KernelOf(TLModelCfg const& config, std::string const& layer) {
     std::string text;
     for (std::string const& id : list.kernel_ids) {
       auto const kernel = list.kernels.find(id);
-      text += std::string(" ") + side + "[" + id + "] " + (kernel != list.kernels.end() ? kernel->second->kernel_type : "?");
+      text += std::string(" ") + side + "[" + id + "] " +
+              (kernel != list.kernels.end() ? kernel->second->kernel_type : "?");
     }
     return text;
   };
   LayerCfg const& record = *found->second;
-  return record.kernel->kernel_type + converters("in", *record.input_converters) + converters("out", *record.output_converters);
+  return record.kernel->kernel_type + converters("in", *record.input_converters) +
+         converters("out", *record.output_converters);
 }
 
 std::size_t DescribeLayers(TLModelInfo const& model, std::ostream& out) {
@@ -78,8 +80,9 @@ std::size_t DescribeLayers(TLModelInfo const& model, std::ostream& out) {
     LayerInfo& record = *model.layers.at(id);
     std::size_t const bytes = WeightBytes(record);
     total += bytes;
-    out << "  " << std::setw(4) << i << "  " << std::left << std::setw(24) << id << std::setw(24) << record.GetClassTypeName()
-        << std::right << std::setw(12) << bytes << "  reads " << Join(record.input_ids) << "\n";
+    out << "  " << std::setw(4) << i << "  " << std::left << std::setw(24) << id << std::setw(24)
+        << record.GetClassTypeName() << std::right << std::setw(12) << bytes << "  reads " << Join(record.input_ids)
+        << "\n";
   }
   return total;
 }
@@ -97,12 +100,13 @@ void DescribeBackends(TLModelInfo const& model, TLModelMultiBackendCfgs const& c
 }  // namespace
 
 void Describe(TLNModel const& package, std::ostream& out) {
-  out << "sdk type \"" << package.sdk_type << "\", needs core " << package.core_major_ver << "." << package.core_minor_ver
-      << " and sdk " << package.sdk_major_ver << "." << package.sdk_minor_ver << "; " << package.model_arr->squential_ids.size()
-      << " models\n";
+  out << "sdk type \"" << package.sdk_type << "\", needs core " << package.core_major_ver << "."
+      << package.core_minor_ver << " and sdk " << package.sdk_major_ver << "." << package.sdk_minor_ver << "; "
+      << package.model_arr->squential_ids.size() << " models\n";
   for (std::string const& id : package.model_arr->squential_ids) {
     TLModelInfo const& model = *package.model_arr->models.at(id);
-    out << "model \"" << id << "\", version " << model.extra_info.version << ", outputs " << Join(model.squential_output_ids)
+    out << "model \"" << id << "\", version " << model.extra_info.version << ", outputs "
+        << Join(model.squential_output_ids)
         << "\n     #  layer                   record                  weight bytes\n";
     std::size_t const bytes = DescribeLayers(model, out);
     out << "  " << model.squential_ids.size() << " layers, " << bytes << " bytes of weights\n";

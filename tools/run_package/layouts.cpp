@@ -11,10 +11,11 @@ using talvo::runtime::TensorShape;
 
 std::map<std::string, unsigned int> const& Layouts() {
   static std::map<std::string, unsigned int> const layouts = {
-      {"CHW", TensorShape::CHW},     {"HWC", TensorShape::HWC},   {"C4HW4", TensorShape::C4HW4},
-      {"C8HW8", TensorShape::C8HW8}, {"NCHW", TensorShape::NCHW}, {"NHWC", TensorShape::NHWC},
-      {"C", TensorShape::C},         {"SC", TensorShape::SC},     {"CL", TensorShape::CL},
-      {"FLEXIABLE", TensorShape::FLEXIABLE}};
+      {"CHW", TensorShape::CHW},     {"HWC", TensorShape::HWC},
+      {"C4HW4", TensorShape::C4HW4}, {"C8HW8", TensorShape::C8HW8},
+      {"NCHW", TensorShape::NCHW},   {"NHWC", TensorShape::NHWC},
+      {"C", TensorShape::C},         {"SC", TensorShape::SC},
+      {"CL", TensorShape::CL},       {"FLEXIABLE", TensorShape::FLEXIABLE}};
   return layouts;
 }
 

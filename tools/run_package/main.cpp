@@ -1,4 +1,5 @@
-// Runs a model package as an application would: reads it, builds the net for a back end, feeds .npy files, writes the outputs.
+// Runs a model package as an application would: reads it, builds the net for a back end, feeds .npy files, writes the
+// outputs.
 #include <cstdio>
 #include <exception>
 #include <iostream>

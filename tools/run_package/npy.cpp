@@ -19,7 +19,9 @@ using talvo::runtime::TensorShape;
 
 constexpr std::string_view kMagic = "\x93NUMPY";
 
-[[noreturn]] void Refuse(std::string const& path, std::string const& why) { throw std::runtime_error(path + ": " + why); }
+[[noreturn]] void Refuse(std::string const& path, std::string const& why) {
+  throw std::runtime_error(path + ": " + why);
+}
 
 std::string ReadWhole(std::string const& path) {
   std::ifstream stream(path, std::ios::binary);
@@ -71,7 +73,8 @@ std::pair<std::size_t, std::size_t> HeaderExtent(std::string const& path, std::s
   std::size_t const start = kMagic.size() + 2 + width;
   if (file.compare(0, kMagic.size(), kMagic) != 0 || file.size() < start) Refuse(path, "is no .npy file");
   std::size_t length = 0;
-  for (std::size_t i = 0; i < width; ++i) length |= std::size_t{static_cast<unsigned char>(file[start - width + i])} << (8 * i);
+  for (std::size_t i = 0; i < width; ++i)
+    length |= std::size_t{static_cast<unsigned char>(file[start - width + i])} << (8 * i);
   if (length > file.size() - start) Refuse(path, "ends inside its header");
   return {start, length};
 }
@@ -79,7 +82,8 @@ std::pair<std::size_t, std::size_t> HeaderExtent(std::string const& path, std::s
 unsigned int DataTypeOf(std::string const& path, std::string_view descr) {
   if (descr.compare(0, 5, "'<f4'") == 0) return TensorShape::FLOAT32;
   if (descr.compare(0, 5, "'|u1'") == 0) return TensorShape::UINT8;
-  Refuse(path, "holds " + std::string(descr.substr(0, descr.find(','))) + "; float32 ('<f4') and uint8 ('|u1') are read");
+  Refuse(path,
+         "holds " + std::string(descr.substr(0, descr.find(','))) + "; float32 ('<f4') and uint8 ('|u1') are read");
 }
 
 }  // namespace
@@ -89,14 +93,16 @@ std::shared_ptr<talvo::runtime::TensorCPU> ReadNpy(std::string const& path, std:
   std::string const file = ReadWhole(path);
   auto const [start, length] = HeaderExtent(path, file);
   std::string_view const header(file.data() + start, length);
-  if (ValueOf(path, header, "fortran_order").compare(0, 5, "False") != 0) Refuse(path, "is in Fortran order; C order is read");
+  if (ValueOf(path, header, "fortran_order").compare(0, 5, "False") != 0)
+    Refuse(path, "is in Fortran order; C order is read");
   std::vector<unsigned int> const dims = ParseShape(path, ValueOf(path, header, "shape"));
   unsigned int const axes = layout.empty() ? RankLayout(dims.size()) : LayoutNumber(layout).value();
   TensorShape const shape(dims, DataTypeOf(path, ValueOf(path, header, "descr")), axes, TensorShape::MainMemory,
                           TensorShape::Extra());
   std::size_t const bytes = talvo::runtime::ByteCount(shape), left = file.size() - start - length;
   if (bytes != left) {
-    Refuse(path, "holds " + std::to_string(left) + " bytes of data, its shape " + DimsText(dims) + " needs " + std::to_string(bytes));
+    Refuse(path, "holds " + std::to_string(left) + " bytes of data, its shape " + DimsText(dims) + " needs " +
+                     std::to_string(bytes));
   }
   return device.CreateTensor(shape, file.data() + start + length);
 }
@@ -105,13 +111,15 @@ void WriteNpy(std::string const& path, talvo::runtime::Tensor const& tensor) {
   constexpr char const* kDescr[] = {"<f4", "<f2", "<i4", "<i2", "|i1", "<u4", "<u2", "|u1"};
   std::string shape;
   for (unsigned int extent : tensor.shape.dims) shape += std::to_string(extent) + ",";
-  std::string header = std::string("{'descr': '") + kDescr[tensor.shape.data_type] + "', 'fortran_order': False, 'shape': (" +
-                       shape + "), }";
+  std::string header = std::string("{'descr': '") + kDescr[tensor.shape.data_type] +
+                       "', 'fortran_order': False, 'shape': (" + shape + "), }";
   std::size_t const unpadded = kMagic.size() + 4 + header.size() + 1;
   header += std::string((64 - unpadded % 64) % 64, ' ') + "\n";
   std::ofstream stream(path, std::ios::binary);
-  stream << kMagic << '\1' << '\0' << static_cast<char>(header.size() & 255) << static_cast<char>(header.size() >> 8) << header;
-  stream.write(static_cast<char const*>(tensor.data), static_cast<std::streamsize>(talvo::runtime::ByteCount(tensor.shape)));
+  stream << kMagic << '\1' << '\0' << static_cast<char>(header.size() & 255) << static_cast<char>(header.size() >> 8)
+         << header;
+  stream.write(static_cast<char const*>(tensor.data),
+               static_cast<std::streamsize>(talvo::runtime::ByteCount(tensor.shape)));
   if (!stream.flush()) Refuse(path, "cannot be written");
 }
 

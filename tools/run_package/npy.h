@@ -10,8 +10,8 @@
 
 namespace run_package {
 
-/// A tensor with a float32 or uint8 array. `layout` is a layout's name, or empty: then the rank picks it (1 C, 2 SC, 3 CHW,
-/// otherwise FLEXIABLE). Throws std::runtime_error with the path in the text.
+/// A tensor with a float32 or uint8 array. `layout` is a layout's name, or empty: then the rank picks it (1 C, 2 SC, 3
+/// CHW, otherwise FLEXIABLE). Throws std::runtime_error with the path in the text.
 std::shared_ptr<talvo::runtime::TensorCPU> ReadNpy(std::string const& path, std::string const& layout,
                                                    talvo::runtime::DeviceCPU& device);
 

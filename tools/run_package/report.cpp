@@ -53,7 +53,8 @@ void PrintSummary(std::string const& id, Tensor const& tensor, std::ostream& out
     sum += value;
   }
   out << id << ": " << talvo::runtime::DimsText(tensor.shape.dims) << " " << LayoutName(tensor.shape.layout);
-  if (count > 0) out << ", minimum " << minimum << ", maximum " << maximum << ", mean " << sum / static_cast<double>(count);
+  if (count > 0)
+    out << ", minimum " << minimum << ", maximum " << maximum << ", mean " << sum / static_cast<double>(count);
   out << "\n";
 }
 
@@ -66,7 +67,9 @@ std::string FileName(std::string id) {
 
 std::string OutputDims(RunResult const& result, unsigned int layer) {
   auto const found = result.outputs.find(layer);
-  return found == result.outputs.end() || found->second.empty() ? "-" : talvo::runtime::DimsText(found->second[0]->shape.dims);
+  return found == result.outputs.end() || found->second.empty()
+             ? "-"
+             : talvo::runtime::DimsText(found->second[0]->shape.dims);
 }
 
 float Median(std::vector<float> values) {
@@ -88,7 +91,8 @@ void ReportOutputs(Session const& session, RunResult const& result, std::string 
       if (!directory.empty()) WriteNpy(directory + "/" + FileName(id) + ".npy", *found->second[i]);
     }
   }
-  out << "time: " << std::fixed << std::setprecision(3) << result.time_ms << " ms\n" << std::defaultfloat << std::setprecision(6);
+  out << "time: " << std::fixed << std::setprecision(3) << result.time_ms << " ms\n"
+      << std::defaultfloat << std::setprecision(6);
 }
 
 void ReportProfile(Session const& session, RunResult const& result, std::ostream& out) {
@@ -96,9 +100,9 @@ void ReportProfile(Session const& session, RunResult const& result, std::ostream
   for (unsigned int layer = 0; layer < result.layer_times_ms[0].size(); ++layer) {
     std::vector<float> times;
     for (auto const& run : result.layer_times_ms) times.push_back(run[layer]);
-    out << std::setw(4) << layer << "  " << std::left << std::setw(24) << session.Model().squential_ids[layer] << std::right
-        << std::setw(10) << Median(std::move(times)) << "  " << std::left << std::setw(16) << OutputDims(result, layer) << "  "
-        << std::right << session.KernelName(layer) << "\n";
+    out << std::setw(4) << layer << "  " << std::left << std::setw(24) << session.Model().squential_ids[layer]
+        << std::right << std::setw(10) << Median(std::move(times)) << "  " << std::left << std::setw(16)
+        << OutputDims(result, layer) << "  " << std::right << session.KernelName(layer) << "\n";
   }
   out << std::defaultfloat << std::setprecision(6);
 }

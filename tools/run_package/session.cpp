@@ -54,7 +54,8 @@ bool EndsIn(std::string const& text, std::string const& ending) {
 }
 
 // The configurations among which the library chooses for a back end.
-std::vector<std::shared_ptr<TLModelCfg>> Candidates(TLModelMultiBackendCfgs const& configs, std::string const& backend) {
+std::vector<std::shared_ptr<TLModelCfg>> Candidates(TLModelMultiBackendCfgs const& configs,
+                                                    std::string const& backend) {
   if (backend == "x86") return {configs.cpu_sse};
   if (backend == "metal") return {configs.gpu_metal};
   return {configs.cpu_armv8, configs.cpu_armv82, configs.cpu_armv7};
@@ -104,7 +105,8 @@ void Session::ChooseModel(std::string const& wanted) {
 
 void Session::BuildNet() {
   auto const configs = file_->config_arr->configs.find(model_id_);
-  if (configs == file_->config_arr->configs.end()) Refuse(path_ + ": model \"" + model_id_ + "\" has no configurations");
+  if (configs == file_->config_arr->configs.end())
+    Refuse(path_ + ": model \"" + model_id_ + "\" has no configurations");
   try {
     talvo::utility::Load_Single_Net(package_, model_, configs->second, backend_.c_str());
   } catch (std::exception const& refusal) {
@@ -120,8 +122,8 @@ std::string Session::RefusedKernel(TLModelMultiBackendCfgs const& configs) const
     for (std::string const& id : model_->squential_ids) {
       KernelCfg const& kernel = *config->layers.at(id)->kernel;
       if (!kernels_.Create(kernel.kernel_type)->Config(model_->layers.at(id), kernel.infer_param, context_)) {
-        return "layer " + id + " (" + model_->layers.at(id)->GetClassTypeName() + "): its kernel " + kernel.kernel_type +
-               " refuses the layer's record";
+        return "layer " + id + " (" + model_->layers.at(id)->GetClassTypeName() + "): its kernel " +
+               kernel.kernel_type + " refuses the layer's record";
       }
     }
   }
@@ -158,7 +160,8 @@ void Session::FillInputs(std::vector<InputFile> const& inputs) {
     package_->inputs[index] = ReadNpy(input.path, input.layout, *context_->device_cpu);
   }
   for (auto const& [id, index] : package_->net->input_ids) {
-    if (package_->inputs[index] == nullptr) Refuse("input layer \"" + id + "\" has no tensor; give one with --input " + id + "=FILE.npy");
+    if (package_->inputs[index] == nullptr)
+      Refuse("input layer \"" + id + "\" has no tensor; give one with --input " + id + "=FILE.npy");
   }
 }
 
@@ -176,7 +179,8 @@ void Session::RunOnce(std::vector<unsigned int> const& output_ids, RunResult& re
 
 RunResult Session::Run(std::vector<InputFile> const& inputs, unsigned int repeat, bool keep_all) {
   FillInputs(inputs);
-  std::vector<unsigned int> every_layer(keep_all && !OutputIndices().empty() ? 1 + *std::max_element(OutputIndices().begin(), OutputIndices().end()) : 0);
+  std::vector<unsigned int> every_layer(
+      keep_all && !OutputIndices().empty() ? 1 + *std::max_element(OutputIndices().begin(), OutputIndices().end()) : 0);
   std::iota(every_layer.begin(), every_layer.end(), 0u);
   RunResult result;
   std::vector<double> times;

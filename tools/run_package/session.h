@@ -15,18 +15,18 @@ namespace run_package {
 /// What one run gave.
 struct RunResult {
   std::unordered_map<unsigned int, std::vector<std::shared_ptr<talvo::runtime::Tensor>>> outputs;
-  double time_ms = 0;                             // median over the repeats
+  double time_ms = 0;                              // median over the repeats
   std::vector<std::vector<float>> layer_times_ms;  // of each repeat, by layer index
 };
 
-/// Holds registries, context, package and net; everything that it refuses is a std::runtime_error whose text names the file or
-/// the layer.
+/// Holds registries, context, package and net; everything that it refuses is a std::runtime_error whose text names the
+/// file or the layer.
 class Session {
  public:
   explicit Session(Arguments const& arguments);
 
-  /// Runs the net on these inputs `repeat` times; repeats advance the state of recurrent layers. With `keep_all` the last repeat
-  /// hands back the tensors of every layer that runs.
+  /// Runs the net on these inputs `repeat` times; repeats advance the state of recurrent layers. With `keep_all` the
+  /// last repeat hands back the tensors of every layer that runs.
   RunResult Run(std::vector<InputFile> const& inputs, unsigned int repeat, bool keep_all);
 
   talvo::runtime::TLNModel const& File() const { return *file_; }
