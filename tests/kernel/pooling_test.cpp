@@ -162,7 +162,7 @@ TEST(Pooling, AgreesWithAnIndependentFramework) {
   for (auto const& k : test::golden::kAdaptiveAvgPoolCases) {
     SCOPED_TRACE(k.why);
     auto info = std::make_shared<runtime::AdaptiveAvgPool2dInfo>();
-    info->output_size = k.output_size;
+    info->output_size = {static_cast<unsigned short>(k.out_height), static_cast<unsigned short>(k.out_width)};
     auto const got = Run<AdaptivePooling2D_Avg_Fallback_CHW_Float_M1>(info, {{k.channels, k.height, k.width}, k.input});
     test::ExpectNearSum(k.output, got.values, 1, 16.0f);
   }
