@@ -66,15 +66,18 @@ int main(int count, char** words) {
   runtime::AdaptiveAvgPool2dInfo adaptive;
   adaptive.output_size = {1, 1};
   benchmark::RegisterBenchmark("memcpy/64x112x112", Memcpy, std::vector<unsigned int>{64, 112, 112});
-  benchmark::RegisterBenchmark("MaxPool/3x3s2/64x112x112", Pool<kernel::Pooling2D_Max_Fallback_Float_M1, runtime::MaxPool2dInfo>,
+  benchmark::RegisterBenchmark("MaxPool/3x3s2/64x112x112",
+                               Pool<kernel::Pooling2D_Max_Fallback_Float_M1, runtime::MaxPool2dInfo>,
                                std::vector<unsigned int>{64, 112, 112}, max);
   benchmark::RegisterBenchmark("memcpy/64x56x56", Memcpy, std::vector<unsigned int>{64, 56, 56});
-  benchmark::RegisterBenchmark("AvgPool/3x3s1/64x56x56", Pool<kernel::Pooling2D_Avg_Fallback_Float_M1, runtime::AvgPool2dInfo>,
+  benchmark::RegisterBenchmark("AvgPool/3x3s1/64x56x56",
+                               Pool<kernel::Pooling2D_Avg_Fallback_Float_M1, runtime::AvgPool2dInfo>,
                                std::vector<unsigned int>{64, 56, 56}, average);
   benchmark::RegisterBenchmark("memcpy/512x7x7", Memcpy, std::vector<unsigned int>{512, 7, 7});
-  benchmark::RegisterBenchmark("AdaptivePool/1x1/512x7x7",
-                               Pool<kernel::AdaptivePooling2D_Avg_Fallback_CHW_Float_M1, runtime::AdaptiveAvgPool2dInfo>,
-                               std::vector<unsigned int>{512, 7, 7}, adaptive);
+  benchmark::RegisterBenchmark(
+      "AdaptivePool/1x1/512x7x7",
+      Pool<kernel::AdaptivePooling2D_Avg_Fallback_CHW_Float_M1, runtime::AdaptiveAvgPool2dInfo>,
+      std::vector<unsigned int>{512, 7, 7}, adaptive);
   benchmark::Initialize(&count, words);
   benchmark::RunSpecifiedBenchmarks();
   return 0;

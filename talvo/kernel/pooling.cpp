@@ -22,17 +22,19 @@ using utility::Assert;
 template <class Info>
 PoolingWindow ReadWindow(Info const& info) {
   auto const padding = [](short value) { return std::size_t{static_cast<std::uint16_t>(value)}; };
-  return {info.kernel_y, info.kernel_x, info.stride_y, info.stride_x, 1, 1, padding(info.padding_t), padding(info.padding_b),
-          padding(info.padding_l), padding(info.padding_r)};
+  return {info.kernel_y,           info.kernel_x,           info.stride_y,           info.stride_x,          1, 1,
+          padding(info.padding_t), padding(info.padding_b), padding(info.padding_l), padding(info.padding_r)};
 }
 
 void CheckStride(char const* name, PoolingWindow const& window) {
-  Assert(window.stride_y != 0 && window.stride_x != 0, "%s: stride %zu x %zu; a stride is 1 or more", name, window.stride_y,
-         window.stride_x);
+  Assert(window.stride_y != 0 && window.stride_x != 0, "%s: stride %zu x %zu; a stride is 1 or more", name,
+         window.stride_y, window.stride_x);
 }
 
 unsigned int AverageExtent(unsigned int extent, std::size_t kernel, std::size_t padding, std::size_t stride) {
-  return (extent - static_cast<unsigned int>(kernel) + static_cast<unsigned int>(padding)) / static_cast<unsigned int>(stride) + 1;
+  return (extent - static_cast<unsigned int>(kernel) + static_cast<unsigned int>(padding)) /
+             static_cast<unsigned int>(stride) +
+         1;
 }
 
 // The numerator wraps in 32 bits; the rest is float32 arithmetic.
@@ -54,10 +56,12 @@ void CheckInput(char const* name, runtime::TensorCPU const& input, PoolingWindow
   Assert(support::IsInMainMemory(input, TensorShape::FLOAT32, TensorShape::CHW),
          "%s: input of dims %s has data type %u and layout %u; needs FLOAT32 CHW", name, DimsText(dims).c_str(),
          input.shape.data_type, input.shape.layout);
-  std::size_t const height = dims[1] + window.padding_t + window.padding_b, width = dims[2] + window.padding_l + window.padding_r;
-  std::size_t const reach_y = Reach(window.kernel_y, window.dilation_y), reach_x = Reach(window.kernel_x, window.dilation_x);
-  Assert(reach_y <= height && reach_x <= width, "%s: a window of %zu x %zu on a padded input of %zu x %zu", name, reach_y,
-         reach_x, height, width);
+  std::size_t const height = dims[1] + window.padding_t + window.padding_b,
+                    width = dims[2] + window.padding_l + window.padding_r;
+  std::size_t const reach_y = Reach(window.kernel_y, window.dilation_y),
+                    reach_x = Reach(window.kernel_x, window.dilation_x);
+  Assert(reach_y <= height && reach_x <= width, "%s: a window of %zu x %zu on a padded input of %zu x %zu", name,
+         reach_y, reach_x, height, width);
 }
 
 PoolingShape ShapeOf(runtime::TensorCPU const& input, runtime::TensorCPU const& output) {
@@ -68,7 +72,8 @@ PoolingShape ShapeOf(runtime::TensorCPU const& input, runtime::TensorCPU const& 
 std::shared_ptr<runtime::TensorCPU> MakeScratch(PoolingShape const& shape, PoolingWindow const& window,
                                                 runtime::DeviceCPU& device) {
   std::size_t const count = functional::pool_scratch_f32(shape, window);
-  Assert(count <= std::numeric_limits<unsigned int>::max(), "pooling: a padded plane of %zu floats does not fit a tensor", count);
+  Assert(count <= std::numeric_limits<unsigned int>::max(),
+         "pooling: a padded plane of %zu floats does not fit a tensor", count);
   return device.CreateTensor(TensorShape({static_cast<unsigned int>(count)}, TensorShape::FLOAT32, TensorShape::C,
                                          TensorShape::MainMemory, TensorShape::Extra()),
                              nullptr);
@@ -95,7 +100,8 @@ std::vector<unsigned int> AveragePooling::OutputDims(std::vector<unsigned int> c
 
 void AveragePooling::Check(runtime::TensorCPU const& input) const { CheckInput(kName, input, window); }
 
-void AveragePooling::Run(runtime::TensorCPU const& input, runtime::TensorCPU const& output, runtime::DeviceCPU& device) const {
+void AveragePooling::Run(runtime::TensorCPU const& input, runtime::TensorCPU const& output,
+                         runtime::DeviceCPU& device) const {
   PoolingShape const shape = ShapeOf(input, output);
   auto const scratch = MakeScratch(shape, window, device);
   functional::average_pool_f32(input.Data<float>(), shape, window, count_include_pad, scratch->Data<float>(),
@@ -112,13 +118,16 @@ void MaximumPooling::Read(Info const& info) {
 std::vector<unsigned int> MaximumPooling::OutputDims(std::vector<unsigned int> const& dims) const {
   CheckStride(kName, window);
   return {dims[0],
-          MaximumExtent(dims[1], window.kernel_y, window.dilation_y, window.padding_t + window.padding_b, window.stride_y, ceil_mode),
-          MaximumExtent(dims[2], window.kernel_x, window.dilation_x, window.padding_l + window.padding_r, window.stride_x, ceil_mode)};
+          MaximumExtent(dims[1], window.kernel_y, window.dilation_y, window.padding_t + window.padding_b,
+                        window.stride_y, ceil_mode),
+          MaximumExtent(dims[2], window.kernel_x, window.dilation_x, window.padding_l + window.padding_r,
+                        window.stride_x, ceil_mode)};
 }
 
 void MaximumPooling::Check(runtime::TensorCPU const& input) const { CheckInput(kName, input, window); }
 
-void MaximumPooling::Run(runtime::TensorCPU const& input, runtime::TensorCPU const& output, runtime::DeviceCPU& device) const {
+void MaximumPooling::Run(runtime::TensorCPU const& input, runtime::TensorCPU const& output,
+                         runtime::DeviceCPU& device) const {
   PoolingShape const shape = ShapeOf(input, output);
   auto const scratch = MakeScratch(shape, window, device);
   functional::max_pool_f32(input.Data<float>(), shape, window, scratch->Data<float>(), output.Data<float>());
@@ -137,7 +146,8 @@ std::vector<unsigned int> AdaptiveAveragePooling::OutputDims(std::vector<unsigne
 
 void AdaptiveAveragePooling::Check(runtime::TensorCPU const&) const {}  // the rank is all that it needs
 
-void AdaptiveAveragePooling::Run(runtime::TensorCPU const& input, runtime::TensorCPU const& output, runtime::DeviceCPU&) const {
+void AdaptiveAveragePooling::Run(runtime::TensorCPU const& input, runtime::TensorCPU const& output,
+                                 runtime::DeviceCPU&) const {
   functional::adaptive_average_pool_f32(input.Data<float>(), ShapeOf(input, output), output.Data<float>());
 }
 
@@ -170,7 +180,8 @@ bool Pooling<Kind>::IsConfigured() const {
 template <class Kind>
 std::vector<TensorShape> Pooling<Kind>::GetOutputShapes(std::vector<TensorShape> const& input_shapes) const {
   TensorShape const& shape = support::ShapeAt(*this, input_shapes, 0, 3);
-  return {TensorShape(kind_.OutputDims(shape.dims), shape.data_type, shape.layout, shape.location, TensorShape::Extra())};
+  return {
+      TensorShape(kind_.OutputDims(shape.dims), shape.data_type, shape.layout, shape.location, TensorShape::Extra())};
 }
 
 template <class Kind>

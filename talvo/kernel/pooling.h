@@ -20,8 +20,8 @@ class TensorCPU;
 
 namespace talvo::kernel {
 
-/// Average over a window. Output extents truncate: (H - kernel_y + padding_t + padding_b) / stride_y + 1 in unsigned 32-bit
-/// arithmetic; the layer's ceil_mode has no effect.
+/// Average over a window. Output extents truncate: (H - kernel_y + padding_t + padding_b) / stride_y + 1 in unsigned
+/// 32-bit arithmetic; the layer's ceil_mode has no effect.
 struct AveragePooling {
   static constexpr char const* kName = "Pooling2D_Avg_Fallback_Float_M1";
   using Info = runtime::AvgPool2dInfo;
@@ -68,11 +68,13 @@ template <class Kind>
 class Pooling : public runtime::IKernel {
  public:
   std::string GetName() const override;
-  int IsValidParam(std::shared_ptr<runtime::LayerInfo> layer, std::shared_ptr<runtime::InferenceParam> param) const override;
+  int IsValidParam(std::shared_ptr<runtime::LayerInfo> layer,
+                   std::shared_ptr<runtime::InferenceParam> param) const override;
   bool Config(std::shared_ptr<runtime::LayerInfo> layer, std::shared_ptr<runtime::InferenceParam> param,
               std::shared_ptr<runtime::Context> context) override;
   bool IsConfigured() const override;
-  std::vector<runtime::TensorShape> GetOutputShapes(std::vector<runtime::TensorShape> const& input_shapes) const override;
+  std::vector<runtime::TensorShape> GetOutputShapes(
+      std::vector<runtime::TensorShape> const& input_shapes) const override;
   int IsValidInput(std::vector<std::shared_ptr<runtime::Tensor>> const& inputs) const override;
   int Forward(std::vector<std::shared_ptr<runtime::Tensor>> const& inputs,
               std::vector<std::shared_ptr<runtime::Tensor>>& outputs,

@@ -54,7 +54,7 @@ Plane3 Padded(Plane3 const& x, int l, int t, int r, int b, float value) {
 }
 
 template <class Kernel, class Info>
-Plane3 Run(std::shared_ptr<Info> const& info, Plane3 const& x) {
+Plane3 Pool(std::shared_ptr<Info> const& info, Plane3 const& x) {
   auto const context = test::GuardedContext();
   Kernel kernel;
   EXPECT_TRUE(kernel.Config(info, nullptr, context));
@@ -101,7 +101,8 @@ std::vector<float> PlainAverage(Plane3 const& x, runtime::AvgPool2dInfo const& w
   return want;
 }
 
-// Every size of window, stride and border, with NaN, infinities and signed zeros among the data, on each instruction set.
+// Every size of window, stride and border, with NaN, infinities and signed zeros among the data, on each instruction
+// set.
 TEST(Pooling, EqualsThePlainLoops) {
   std::mt19937 random(7);
   auto const pick = [&](int low, int high) { return low + int(random() % unsigned(high - low + 1)); };
@@ -111,26 +112,24 @@ TEST(Pooling, EqualsThePlainLoops) {
       int const ky = pick(1, 5), kx = pick(1, 5);
       Plane3 x{{unsigned(pick(1, 3)), unsigned(pick(1, 12)), unsigned(pick(1, 70))}, {}};
       x.values = test::SpecialFloats(unsigned(round), x.dims[0] * x.dims[1] * x.dims[2]);
-      auto const shape = [&](auto info) {
-        SCOPED_TRACE(std::string(rows::NameOf(set)) + " round " + std::to_string(round));
-        return info;
-      };
-      auto max = shape(WindowInfo<runtime::MaxPool2dInfo>(ushort(ky), ushort(kx), ushort(pick(1, 3)), ushort(pick(1, 4)),
-                                                          short(pick(0, 3)), short(pick(0, 2)), short(pick(0, 3)), short(pick(0, 2))));
+      auto max = WindowInfo<runtime::MaxPool2dInfo>(ushort(ky), ushort(kx), ushort(pick(1, 3)), ushort(pick(1, 4)),
+                                                    short(pick(0, 3)), short(pick(0, 2)), short(pick(0, 3)),
+                                                    short(pick(0, 2)));
       max->dilation_y = ushort(pick(1, 2));
       max->dilation_x = ushort(pick(1, 3));
       max->ceil_mode = pick(0, 1) == 1;
       bool const fits = (ky - 1) * max->dilation_y < int(x.dims[1]) + max->padding_t + max->padding_b &&
                         (kx - 1) * max->dilation_x < int(x.dims[2]) + max->padding_l + max->padding_r;
       if (fits) {
-        auto const got = Run<Pooling2D_Max_Fallback_Float_M1>(max, x);
+        auto const got = Pool<Pooling2D_Max_Fallback_Float_M1>(max, x);
         ExpectSameBits(PlainMaximum(x, *max, got.dims[1], got.dims[2]), got.values);
       }
       auto average = WindowInfo<runtime::AvgPool2dInfo>(max->kernel_y, max->kernel_x, max->stride_y, max->stride_x,
                                                         max->padding_l, max->padding_t, max->padding_r, max->padding_b);
       average->count_include_pad = pick(0, 1) == 1;
-      if (ky <= int(x.dims[1]) + max->padding_t + max->padding_b && kx <= int(x.dims[2]) + max->padding_l + max->padding_r) {
-        auto const got = Run<Pooling2D_Avg_Fallback_Float_M1>(average, x);
+      if (ky <= int(x.dims[1]) + max->padding_t + max->padding_b &&
+          kx <= int(x.dims[2]) + max->padding_l + max->padding_r) {
+        auto const got = Pool<Pooling2D_Avg_Fallback_Float_M1>(average, x);
         ExpectSameBits(PlainAverage(x, *average, got.dims[1], got.dims[2]), got.values);
       }
       ASSERT_FALSE(HasFailure()) << rows::NameOf(set) << " round " << round;
@@ -141,21 +140,21 @@ TEST(Pooling, EqualsThePlainLoops) {
 TEST(Pooling, AgreesWithAnIndependentFramework) {
   for (auto const& k : test::golden::kMaxPoolCases) {
     SCOPED_TRACE(k.why);
-    auto info = WindowInfo<runtime::MaxPool2dInfo>(k.kernel_y, k.kernel_x, k.stride_y, k.stride_x, k.padding_l, k.padding_t,
-                                                   k.padding_r, k.padding_b);
+    auto info = WindowInfo<runtime::MaxPool2dInfo>(k.kernel_y, k.kernel_x, k.stride_y, k.stride_x, k.padding_l,
+                                                   k.padding_t, k.padding_r, k.padding_b);
     info->dilation_x = k.dilation_x;
     info->dilation_y = k.dilation_y;
     info->ceil_mode = k.ceil_mode;
-    auto const got = Run<Pooling2D_Max_Fallback_Float_M1>(info, {{k.channels, k.height, k.width}, k.input});
+    auto const got = Pool<Pooling2D_Max_Fallback_Float_M1>(info, {{k.channels, k.height, k.width}, k.input});
     EXPECT_EQ((std::vector<unsigned int>{k.channels, k.out_height, k.out_width}), got.dims);
     ExpectSameBits(k.output, got.values);
   }
   for (auto const& k : test::golden::kAvgPoolCases) {
     SCOPED_TRACE(k.why);
-    auto info = WindowInfo<runtime::AvgPool2dInfo>(k.kernel_y, k.kernel_x, k.stride_y, k.stride_x, k.padding_l, k.padding_t,
-                                                   k.padding_r, k.padding_b);
+    auto info = WindowInfo<runtime::AvgPool2dInfo>(k.kernel_y, k.kernel_x, k.stride_y, k.stride_x, k.padding_l,
+                                                   k.padding_t, k.padding_r, k.padding_b);
     info->count_include_pad = k.count_include_pad;
-    auto const got = Run<Pooling2D_Avg_Fallback_Float_M1>(info, {{k.channels, k.height, k.width}, k.input});
+    auto const got = Pool<Pooling2D_Avg_Fallback_Float_M1>(info, {{k.channels, k.height, k.width}, k.input});
     EXPECT_EQ((std::vector<unsigned int>{k.channels, k.out_height, k.out_width}), got.dims);
     ExpectSameBits(k.output, got.values);
   }
@@ -163,7 +162,8 @@ TEST(Pooling, AgreesWithAnIndependentFramework) {
     SCOPED_TRACE(k.why);
     auto info = std::make_shared<runtime::AdaptiveAvgPool2dInfo>();
     info->output_size = {static_cast<unsigned short>(k.out_height), static_cast<unsigned short>(k.out_width)};
-    auto const got = Run<AdaptivePooling2D_Avg_Fallback_CHW_Float_M1>(info, {{k.channels, k.height, k.width}, k.input});
+    auto const got =
+        Pool<AdaptivePooling2D_Avg_Fallback_CHW_Float_M1>(info, {{k.channels, k.height, k.width}, k.input});
     test::ExpectNearSum(k.output, got.values, 1, 16.0f);
   }
 }
@@ -171,7 +171,9 @@ TEST(Pooling, AgreesWithAnIndependentFramework) {
 TEST(Pooling, SizesOfTheTwoKindsDiffer) {
   auto const extents = [](auto& kernel, auto info, unsigned extent) {
     EXPECT_TRUE(kernel.Config(info, nullptr, nullptr));
-    return kernel.GetOutputShapes({TensorShape({1, extent, extent}, 0, TensorShape::CHW, TensorShape::MainMemory, {})})[0].dims[2];
+    return kernel
+        .GetOutputShapes({TensorShape({1, extent, extent}, 0, TensorShape::CHW, TensorShape::MainMemory, {})})[0]
+        .dims[2];
   };
   Pooling2D_Max_Fallback_Float_M1 max;
   Pooling2D_Avg_Fallback_Float_M1 average;
@@ -190,9 +192,9 @@ TEST(Pooling, WindowInTheBorderAloneDividesZeroByZero) {
   Plane3 const x{{1, 2, 2}, {1, 2, 3, 4}};
   auto info = WindowInfo<runtime::AvgPool2dInfo>(2, 2, 1, 1, 3, 3, 3, 3);
   info->count_include_pad = false;
-  EXPECT_TRUE(std::isnan(Run<Pooling2D_Avg_Fallback_Float_M1>(info, x).values[0]));
+  EXPECT_TRUE(std::isnan(Pool<Pooling2D_Avg_Fallback_Float_M1>(info, x).values[0]));
   info->count_include_pad = true;
-  EXPECT_EQ(0.0f, Run<Pooling2D_Avg_Fallback_Float_M1>(info, x).values[0]);
+  EXPECT_EQ(0.0f, Pool<Pooling2D_Avg_Fallback_Float_M1>(info, x).values[0]);
 }
 
 TEST(AdaptivePooling, EqualsThePlainLoops) {
@@ -201,8 +203,11 @@ TEST(AdaptivePooling, EqualsThePlainLoops) {
     unsigned channels, h, w;
     unsigned short ho, wo;
   };
-  for (Case const& k : {Case{"overlapping regions", 3, 5, 5, 3, 3}, {"same size", 9, 4, 3, 4, 3}, {"one mean", 17, 7, 7, 1, 1},
-                        {"larger than the input", 2, 2, 3, 5, 7}, {"one row", 1, 1, 9, 1, 4}}) {
+  for (Case const& k : {Case{"overlapping regions", 3, 5, 5, 3, 3},
+                        {"same size", 9, 4, 3, 4, 3},
+                        {"one mean", 17, 7, 7, 1, 1},
+                        {"larger than the input", 2, 2, 3, 5, 7},
+                        {"one row", 1, 1, 9, 1, 4}}) {
     SCOPED_TRACE(k.why);
     Plane3 const x{{k.channels, k.h, k.w}, test::Floats(3, k.channels * k.h * k.w)};
     auto info = std::make_shared<runtime::AdaptiveAvgPool2dInfo>();
@@ -219,26 +224,27 @@ TEST(AdaptivePooling, EqualsThePlainLoops) {
             for (unsigned p = x0; p < x1; ++p) s += x.At(c, r, p);
           want.push_back((s / float(y1 - y0)) / float(x1 - x0));
         }
-    ExpectSameBits(want, Run<AdaptivePooling2D_Avg_Fallback_CHW_Float_M1>(info, x).values);
+    ExpectSameBits(want, Pool<AdaptivePooling2D_Avg_Fallback_CHW_Float_M1>(info, x).values);
   }
 }
 
 TEST(Pooling, RefusesWhatItCannotServe) {
   Plane3 const x{{1, 3, 3}, std::vector<float>(9, 1.0f)};
-  auto const refusal = [&](auto info) {
-    return RefusalOf([&] { Run<Pooling2D_Avg_Fallback_Float_M1>(info, x); });
-  };
-  EXPECT_NE(std::string::npos, refusal(WindowInfo<runtime::AvgPool2dInfo>(2, 2, 0, 1, 0, 0, 0, 0)).find("stride 0 x 1"));
+  auto const refusal = [&](auto info) { return RefusalOf([&] { Pool<Pooling2D_Avg_Fallback_Float_M1>(info, x); }); };
+  EXPECT_NE(std::string::npos,
+            refusal(WindowInfo<runtime::AvgPool2dInfo>(2, 2, 0, 1, 0, 0, 0, 0)).find("stride 0 x 1"));
   EXPECT_NE(std::string::npos, refusal(WindowInfo<runtime::AvgPool2dInfo>(4, 5, 1, 1, 0, 0, 0, 0))
                                    .find("a window of 4 x 5 on a padded input of 3 x 3"));
   auto adaptive = std::make_shared<runtime::AdaptiveAvgPool2dInfo>();
   adaptive->output_size = {1};
-  EXPECT_NE(std::string::npos, RefusalOf([&] { Run<AdaptivePooling2D_Avg_Fallback_CHW_Float_M1>(adaptive, x); })
-                                   .find("output_size has 1 entries"));
+  EXPECT_NE(std::string::npos, RefusalOf([&] {
+                                 Pool<AdaptivePooling2D_Avg_Fallback_CHW_Float_M1>(adaptive, x);
+                               }).find("output_size has 1 entries"));
   adaptive->output_size = {13, 1};
   Plane3 const tall{{1, 14, 1}, std::vector<float>(14, 1.0f)};  // 13 * (14 / 13.0f) is above 14 in float32
-  EXPECT_NE(std::string::npos, RefusalOf([&] { Run<AdaptivePooling2D_Avg_Fallback_CHW_Float_M1>(adaptive, tall); })
-                                   .find("14 rows to 13"));
+  EXPECT_NE(std::string::npos, RefusalOf([&] {
+                                 Pool<AdaptivePooling2D_Avg_Fallback_CHW_Float_M1>(adaptive, tall);
+                               }).find("14 rows to 13"));
 }
 
 }  // namespace

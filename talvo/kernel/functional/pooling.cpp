@@ -14,8 +14,8 @@ namespace {
 
 constexpr float kLowest = std::numeric_limits<float>::lowest();
 
-// One padded plane in scratch, its rows sorted by the phase of the column stride: the taps of neighbouring outputs then stand
-// side by side. Behind it a line for the padded row before it is sorted, and the divisors.
+// One padded plane in scratch, its rows sorted by the phase of the column stride: the taps of neighbouring outputs then
+// stand side by side. Behind it a line for the padded row before it is sorted, and the divisors.
 class PaddedPlane {
  public:
   PaddedPlane(PoolingShape const& shape, PoolingWindow const& window, float* scratch)
@@ -69,7 +69,8 @@ class PaddedPlane {
 };
 
 // The taps of output row `y` at output column 0, ky outermost; rows behind the plane are its last one.
-void CollectTaps(PaddedPlane const& plane, PoolingWindow const& window, std::size_t y, std::vector<float const*>& taps) {
+void CollectTaps(PaddedPlane const& plane, PoolingWindow const& window, std::size_t y,
+                 std::vector<float const*>& taps) {
   taps.clear();
   for (std::size_t ky = 0; ky < window.kernel_y; ++ky) {
     std::size_t const row = std::min(y * window.stride_y + ky * window.dilation_y, plane.Height() - 1);
@@ -126,8 +127,8 @@ std::vector<Region> Regions(std::size_t extent, std::size_t out_extent, char con
   for (std::size_t i = 0; i < out_extent; ++i) {
     auto const begin = static_cast<std::size_t>(std::floor(static_cast<float>(i) * step));
     auto const end = static_cast<std::size_t>(std::ceil(static_cast<float>(i + 1) * step));
-    utility::Assert(end <= extent, "adaptive pooling of %zu %s to %zu: in float32 output %zu reaches to %zu", extent, what,
-                    out_extent, i, end);
+    utility::Assert(end <= extent, "adaptive pooling of %zu %s to %zu: in float32 output %zu reaches to %zu", extent,
+                    what, out_extent, i, end);
     regions.push_back({begin, end});
   }
   return regions;
@@ -163,7 +164,8 @@ void max_pool_f32(float const* x, PoolingShape const& shape, PoolingWindow const
     for (std::size_t row = 0; row < shape.out_height; ++row, y += shape.out_width) {
       CollectTaps(plane, window, row, taps);
       rows::MaximumOfTaps(taps.data(), taps.size(), inner, y);
-      for (std::size_t column = inner; column < shape.out_width; ++column) y[column] = ClampedMaximum(plane, window, row, column);
+      for (std::size_t column = inner; column < shape.out_width; ++column)
+        y[column] = ClampedMaximum(plane, window, row, column);
     }
   }
 }
@@ -185,7 +187,8 @@ void average_pool_f32(float const* x, PoolingShape const& shape, PoolingWindow c
 
 void adaptive_average_pool_f32(float const* x, PoolingShape const& shape, float* y) {
   constexpr std::size_t kTogether = 8;
-  auto const rows = Regions(shape.height, shape.out_height, "rows"), columns = Regions(shape.width, shape.out_width, "columns");
+  auto const rows = Regions(shape.height, shape.out_height, "rows"),
+             columns = Regions(shape.width, shape.out_width, "columns");
   std::size_t const plane = shape.height * shape.width, out_plane = shape.out_height * shape.out_width;
   for (std::size_t c = 0; c < shape.channels;) {
     bool const together = c + kTogether <= shape.channels;

@@ -22,19 +22,20 @@ struct PoolingWindow {
 /// Floats of scratch that a call of max_pool_f32 or average_pool_f32 needs.
 TALVO_API std::size_t pool_scratch_f32(PoolingShape const& shape, PoolingWindow const& window);
 
-/// y = the fold of the window's values by best = v <= best ? best : v, ky outermost, from the lowest finite float, which is
-/// also the border's value. A tap behind the padded plane reads its last row or column. Strides are not 0, padded planes not
-/// empty; x, scratch and y do not overlap.
-TALVO_API void max_pool_f32(float const* x, PoolingShape const& shape, PoolingWindow const& window, float* scratch, float* y);
+/// y = the fold of the window's values by best = v <= best ? best : v, ky outermost, from the lowest finite float,
+/// which is also the border's value. A tap behind the padded plane reads its last row or column. Strides are not 0,
+/// padded planes not empty; x, scratch and y do not overlap.
+TALVO_API void max_pool_f32(float const* x, PoolingShape const& shape, PoolingWindow const& window, float* scratch,
+                            float* y);
 
-/// y = (sum of the window's values, ky outermost, the border being 0) / d, where d starts as the window's area and is lowered by
-/// 1.0f for each tap in the border unless `count_include_pad`; no taps inside give 0 / 0. No tap lies behind the padded plane;
-/// strides are not 0; x, scratch and y do not overlap.
-TALVO_API void average_pool_f32(float const* x, PoolingShape const& shape, PoolingWindow const& window, bool count_include_pad,
-                                float* scratch, float* y);
+/// y = (sum of the window's values, ky outermost, the border being 0) / d, where d starts as the window's area and is
+/// lowered by 1.0f for each tap in the border unless `count_include_pad`; no taps inside give 0 / 0. No tap lies behind
+/// the padded plane; strides are not 0; x, scratch and y do not overlap.
+TALVO_API void average_pool_f32(float const* x, PoolingShape const& shape, PoolingWindow const& window,
+                                bool count_include_pad, float* scratch, float* y);
 
-/// y = (sum / rows) / columns over the rows floor(y * H / Ho) to ceil((y + 1) * H / Ho) - 1 and the columns likewise, row by row,
-/// the positions in float32. Assert: a region that rounding carries beyond the plane.
+/// y = (sum / rows) / columns over the rows floor(y * H / Ho) to ceil((y + 1) * H / Ho) - 1 and the columns likewise,
+/// row by row, the positions in float32. Assert: a region that rounding carries beyond the plane.
 TALVO_API void adaptive_average_pool_f32(float const* x, PoolingShape const& shape, float* y);
 
 }  // namespace talvo::kernel::functional

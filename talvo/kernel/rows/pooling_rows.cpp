@@ -27,7 +27,8 @@ struct SumFold {
 
 // The fold of the taps at kLanes neighbouring outputs from `at`.
 template <class Fold, int kLanes>
-TALVO_ROWS_INLINE void FoldVector(float const* const* taps, std::size_t tap_count, std::size_t at, Vector<kLanes>& result) {
+TALVO_ROWS_INLINE void FoldVector(float const* const* taps, std::size_t tap_count, std::size_t at,
+                                  Vector<kLanes>& result) {
   Splat<kLanes>(Fold::kStart, result);
   for (std::size_t tap = 0; tap < tap_count; ++tap) {
     Vector<kLanes> v;
@@ -88,7 +89,8 @@ struct MeanBody {
 
 struct SplitBody {
   template <class Set>
-  static TALVO_ROWS_INLINE void Run(float const* from, std::size_t count, std::size_t stride, std::size_t pitch, float* to) {
+  static TALVO_ROWS_INLINE void Run(float const* from, std::size_t count, std::size_t stride, std::size_t pitch,
+                                    float* to) {
     if (stride == 2) {
       RunPairs<Set::kLanes>(from, count, pitch, to);
       return;
