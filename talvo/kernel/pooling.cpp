@@ -69,11 +69,9 @@ PoolingShape ShapeOf(runtime::TensorCPU const& input, runtime::TensorCPU const& 
   return {dims[0], dims[1], dims[2], output.shape.dims[1], output.shape.dims[2]};
 }
 
-std::shared_ptr<runtime::TensorCPU> MakeScratch(PoolingShape const& shape, PoolingWindow const& window,
-                                                runtime::DeviceCPU& device) {
-  std::size_t const count = functional::pool_scratch_f32(shape, window);
-  Assert(count <= std::numeric_limits<unsigned int>::max(),
-         "pooling: a padded plane of %zu floats does not fit a tensor", count);
+std::shared_ptr<runtime::TensorCPU> MakeScratch(std::size_t count, runtime::DeviceCPU& device) {
+  Assert(count <= std::numeric_limits<unsigned int>::max(), "pooling: %zu floats of scratch do not fit a tensor",
+         count);
   return device.CreateTensor(TensorShape({static_cast<unsigned int>(count)}, TensorShape::FLOAT32, TensorShape::C,
                                          TensorShape::MainMemory, TensorShape::Extra()),
                              nullptr);
@@ -103,7 +101,7 @@ void AveragePooling::Check(runtime::TensorCPU const& input) const { CheckInput(k
 void AveragePooling::Run(runtime::TensorCPU const& input, runtime::TensorCPU const& output,
                          runtime::DeviceCPU& device) const {
   PoolingShape const shape = ShapeOf(input, output);
-  auto const scratch = MakeScratch(shape, window, device);
+  auto const scratch = MakeScratch(functional::pool_scratch_f32(shape, window), device);
   functional::average_pool_f32(input.Data<float>(), shape, window, count_include_pad, scratch->Data<float>(),
                                output.Data<float>());
 }
@@ -129,7 +127,7 @@ void MaximumPooling::Check(runtime::TensorCPU const& input) const { CheckInput(k
 void MaximumPooling::Run(runtime::TensorCPU const& input, runtime::TensorCPU const& output,
                          runtime::DeviceCPU& device) const {
   PoolingShape const shape = ShapeOf(input, output);
-  auto const scratch = MakeScratch(shape, window, device);
+  auto const scratch = MakeScratch(functional::pool_scratch_f32(shape, window), device);
   functional::max_pool_f32(input.Data<float>(), shape, window, scratch->Data<float>(), output.Data<float>());
 }
 
@@ -147,8 +145,10 @@ std::vector<unsigned int> AdaptiveAveragePooling::OutputDims(std::vector<unsigne
 void AdaptiveAveragePooling::Check(runtime::TensorCPU const&) const {}  // the rank is all that it needs
 
 void AdaptiveAveragePooling::Run(runtime::TensorCPU const& input, runtime::TensorCPU const& output,
-                                 runtime::DeviceCPU&) const {
-  functional::adaptive_average_pool_f32(input.Data<float>(), ShapeOf(input, output), output.Data<float>());
+                                 runtime::DeviceCPU& device) const {
+  PoolingShape const shape = ShapeOf(input, output);
+  auto const scratch = MakeScratch(functional::adaptive_pool_scratch_f32(shape), device);
+  functional::adaptive_average_pool_f32(input.Data<float>(), shape, scratch->Data<float>(), output.Data<float>());
 }
 
 template <class Kind>

@@ -34,8 +34,12 @@ TALVO_API void max_pool_f32(float const* x, PoolingShape const& shape, PoolingWi
 TALVO_API void average_pool_f32(float const* x, PoolingShape const& shape, PoolingWindow const& window,
                                 bool count_include_pad, float* scratch, float* y);
 
+/// Floats of scratch that adaptive_average_pool_f32 needs.
+TALVO_API std::size_t adaptive_pool_scratch_f32(PoolingShape const& shape);
+
 /// y = (sum / rows) / columns over the rows floor(y * H / Ho) to ceil((y + 1) * H / Ho) - 1 and the columns likewise,
-/// row by row, the positions in float32. Assert: a region that rounding carries beyond the plane.
-TALVO_API void adaptive_average_pool_f32(float const* x, PoolingShape const& shape, float* y);
+/// row by row, the positions in float32. x, scratch and y do not overlap. Assert: a region that rounding carries beyond
+/// the plane.
+TALVO_API void adaptive_average_pool_f32(float const* x, PoolingShape const& shape, float* scratch, float* y);
 
 }  // namespace talvo::kernel::functional

@@ -7,10 +7,8 @@
 namespace talvo::kernel::rows {
 namespace {
 
-constexpr float kLowest = std::numeric_limits<float>::lowest();
-
 struct MaximumFold {
-  static constexpr float kStart = kLowest;
+  static constexpr float kStart = std::numeric_limits<float>::lowest();
   template <class V>
   static TALVO_ROWS_INLINE void Add(V const& v, V& best) {
     best = v <= best ? best : v;
@@ -25,101 +23,186 @@ struct SumFold {
   }
 };
 
-// The fold of the taps at kLanes neighbouring outputs from `at`.
-template <class Fold, int kLanes>
-TALVO_ROWS_INLINE void FoldVector(float const* const* taps, std::size_t tap_count, std::size_t at,
-                                  Vector<kLanes>& result) {
-  Splat<kLanes>(Fold::kStart, result);
-  for (std::size_t tap = 0; tap < tap_count; ++tap) {
-    Vector<kLanes> v;
-    Load<kLanes>(taps[tap] + at, v);
-    Fold::Add(v, result);
+struct NoDivision {
+  template <int kLanes>
+  TALVO_ROWS_INLINE void Divide(std::size_t, Vector<kLanes>&) const {}
+  TALVO_ROWS_INLINE void DivideOne(std::size_t, float&) const {}
+};
+
+struct Division {
+  float const* divisors;
+  template <int kLanes>
+  TALVO_ROWS_INLINE void Divide(std::size_t at, Vector<kLanes>& v) const {
+    Vector<kLanes> divisor;
+    Load<kLanes>(divisors + at, divisor);
+    v /= divisor;
+  }
+  TALVO_ROWS_INLINE void DivideOne(std::size_t at, float& v) const { v /= divisors[at]; }
+};
+
+// kVectors vectors of outputs from `at`, whose folds run side by side. A vector that would end behind the row moves
+// back and computes some outputs again.
+template <class Fold, int kLanes, int kVectors, class Divisor>
+TALVO_ROWS_INLINE void FoldVectors(float const* x, TapGrid const& grid, Divisor const& divisor, std::size_t at,
+                                   float* y) {
+  Vector<kLanes> folds[kVectors], start = {};
+  Splat<kLanes>(Fold::kStart, start);
+  std::size_t starts[kVectors];
+  for (int k = 0; k < kVectors; ++k) {
+    std::size_t const next = at + static_cast<std::size_t>(k * kLanes);
+    starts[k] = next + kLanes <= grid.width ? next : grid.width - kLanes;
+    folds[k] = start;
+  }
+  for (std::size_t tap = 0; tap < grid.tap_count; ++tap) {
+    float const* const values = x + grid.offsets[tap];
+    for (int k = 0; k < kVectors; ++k) {
+      Vector<kLanes> v;
+      Load<kLanes>(values + starts[k], v);
+      Fold::Add(v, folds[k]);
+    }
+  }
+  for (int k = 0; k < kVectors; ++k) {
+    divisor.template Divide<kLanes>(starts[k], folds[k]);
+    Store<kLanes>(folds[k], y + starts[k]);
   }
 }
 
-template <class Fold>
-TALVO_ROWS_INLINE float FoldOne(float const* const* taps, std::size_t tap_count, std::size_t at) {
-  float result = Fold::kStart;
-  for (std::size_t tap = 0; tap < tap_count; ++tap) Fold::Add(taps[tap][at], result);
-  return result;
-}
-
-// Where the vector behind `at` starts: the last one moves back and computes some outputs again.
-template <int kLanes>
-TALVO_ROWS_INLINE std::size_t StartAt(std::size_t at, std::size_t count) {
-  return at + kLanes <= count ? at : count - kLanes;
+template <class Fold, int kLanes, class Divisor>
+TALVO_ROWS_INLINE void FoldRow(float const* x, TapGrid const& grid, Divisor const& divisor, float* y) {
+  std::size_t const width = grid.width;
+  if (width >= kLanes) {
+    std::size_t at = 0;
+    for (; at + 2 * kLanes < width; at += 4 * kLanes) FoldVectors<Fold, kLanes, 4>(x, grid, divisor, at, y);
+    if (at < width) FoldVectors<Fold, kLanes, 2>(x, grid, divisor, at, y);
+    return;
+  }
+  for (std::size_t at = 0; at < width; ++at) {
+    float fold = Fold::kStart;
+    for (std::size_t tap = 0; tap < grid.tap_count; ++tap) Fold::Add(x[grid.offsets[tap] + at], fold);
+    divisor.DivideOne(at, fold);
+    y[at] = fold;
+  }
 }
 
 struct MaximumBody {
   template <class Set>
-  static TALVO_ROWS_INLINE void Run(float const* const* taps, std::size_t tap_count, std::size_t count, float* y) {
-    constexpr int kLanes = Set::kLanes;
-    if (count < kLanes) {
-      for (std::size_t i = 0; i < count; ++i) y[i] = FoldOne<MaximumFold>(taps, tap_count, i);
-      return;
-    }
-    for (std::size_t i = 0; i < count; i += kLanes) {
-      std::size_t const at = StartAt<kLanes>(i, count);
-      Vector<kLanes> best;
-      FoldVector<MaximumFold, kLanes>(taps, tap_count, at, best);
-      Store<kLanes>(best, y + at);
+  static TALVO_ROWS_INLINE void Run(float const* x, TapGrid const& grid, float* y) {
+    for (std::size_t r = 0; r < grid.rows; ++r) {
+      FoldRow<MaximumFold, Set::kLanes>(x + r * grid.row_step, grid, NoDivision(), y + r * grid.width);
     }
   }
 };
 
 struct MeanBody {
   template <class Set>
-  static TALVO_ROWS_INLINE void Run(float const* const* taps, std::size_t tap_count, float const* divisors,
-                                    std::size_t count, float* y) {
-    constexpr int kLanes = Set::kLanes;
-    if (count < kLanes) {
-      for (std::size_t i = 0; i < count; ++i) y[i] = FoldOne<SumFold>(taps, tap_count, i) / divisors[i];
-      return;
-    }
-    for (std::size_t i = 0; i < count; i += kLanes) {
-      std::size_t const at = StartAt<kLanes>(i, count);
-      Vector<kLanes> sum, divisor;
-      FoldVector<SumFold, kLanes>(taps, tap_count, at, sum);
-      Load<kLanes>(divisors + at, divisor);
-      sum /= divisor;
-      Store<kLanes>(sum, y + at);
+  static TALVO_ROWS_INLINE void Run(float const* x, TapGrid const& grid, float const* divisors, float* y) {
+    for (std::size_t r = 0; r < grid.rows; ++r) {
+      Division const divisor = {divisors + r * grid.width};
+      FoldRow<SumFold, Set::kLanes>(x + r * grid.row_step, grid, divisor, y + r * grid.width);
     }
   }
 };
 
-struct SplitBody {
+template <int kLanes>
+TALVO_ROWS_INLINE void CopyVector(float const* from, float* to) {
+  Vector<kLanes> v;
+  Load<kLanes>(from, v);
+  Store<kLanes>(v, to);
+}
+
+// Here and below the last vector moves back and writes some elements again.
+template <int kLanes>
+TALVO_ROWS_INLINE void CopyRow(float const* from, std::size_t width, float* to) {
+  std::size_t i = 0;
+  for (; i + kLanes <= width; i += kLanes) CopyVector<kLanes>(from + i, to + i);
+  if (width >= kLanes) {
+    CopyVector<kLanes>(from + width - kLanes, to + width - kLanes);
+  } else {
+    for (; i < width; ++i) to[i] = from[i];
+  }
+}
+
+template <int kLanes>
+TALVO_ROWS_INLINE void SplitVectors(float const* from, float* even, float* odd) {
+  Vector<kLanes> a, b, evens, odds;
+  Load<kLanes>(from, a);
+  Load<kLanes>(from + kLanes, b);
+  Split<kLanes>(a, b, evens, odds, std::make_integer_sequence<int, kLanes>());
+  Store<kLanes>(evens, even);
+  Store<kLanes>(odds, odd);
+}
+
+// Elements 0, 2, ... go to `even`, the others to `odd`.
+template <int kLanes>
+TALVO_ROWS_INLINE void SplitRow(float const* from, std::size_t width, float* even, float* odd) {
+  std::size_t const pairs = width / 2;
+  std::size_t i = 0;
+  for (; i + kLanes <= pairs; i += kLanes) SplitVectors<kLanes>(from + 2 * i, even + i, odd + i);
+  if (i < pairs && pairs >= kLanes) {
+    i = pairs - kLanes;
+    SplitVectors<kLanes>(from + 2 * i, even + i, odd + i);
+    i = pairs;
+  }
+  for (i *= 2; i < width; ++i) (i % 2 == 0 ? even : odd)[i / 2] = from[i];
+}
+
+struct CopyPhasesBody {
   template <class Set>
-  static TALVO_ROWS_INLINE void Run(float const* from, std::size_t count, std::size_t stride, std::size_t pitch,
-                                    float* to) {
-    if (stride == 2) {
-      RunPairs<Set::kLanes>(from, count, pitch, to);
-      return;
-    }
-    for (std::size_t phase = 0; phase < stride && phase < count; ++phase) {
-      float* const row = to + phase * pitch;
-      for (std::size_t i = phase, k = 0; i < count; i += stride, ++k) row[k] = from[i];
+  static TALVO_ROWS_INLINE void Run(float const* from, PhaseRows const& shape, float* to) {
+    for (std::size_t r = 0; r < shape.rows; ++r, from += shape.width, to += shape.to_pitch) {
+      if (shape.stride == 1) {
+        CopyRow<Set::kLanes>(from, shape.width, to + shape.first);
+      } else if (shape.stride == 2) {
+        SplitRow<Set::kLanes>(from, shape.width, to + Place(shape, 0), to + Place(shape, 1));
+      } else {
+        for (std::size_t i = 0; i < shape.width; ++i) to[Place(shape, i)] = from[i];
+      }
     }
   }
 
-  template <int kLanes>
-  static TALVO_ROWS_INLINE void RunPairs(float const* from, std::size_t count, std::size_t pitch, float* to) {
-    std::size_t i = 0;
-    for (; i + 2 * kLanes <= count; i += 2 * kLanes) {
-      Vector<kLanes> a, b, even, odd;
-      Load<kLanes>(from + i, a);
-      Load<kLanes>(from + i + kLanes, b);
-      Split<kLanes>(a, b, even, odd, std::make_integer_sequence<int, kLanes>());
-      Store<kLanes>(even, to + i / 2);
-      Store<kLanes>(odd, to + pitch + i / 2);
+  static TALVO_ROWS_INLINE std::size_t Place(PhaseRows const& shape, std::size_t i) {
+    return (shape.first + i) % shape.stride * shape.phase_pitch + (shape.first + i) / shape.stride;
+  }
+};
+
+struct MeanOfRegionBody {
+  template <class Set>
+  static TALVO_ROWS_INLINE void Run(float const* mixed, MeanRegion const& region, std::size_t out_plane, float* y) {
+    constexpr int kLanes = Set::kLanes, kVectors = static_cast<int>(kChannelsTogether) / kLanes;
+    Vector<kLanes> sums[kVectors] = {}, rows, columns;
+    for (std::size_t r = region.row_begin; r < region.row_end; ++r) {
+      float const* row = mixed + r * region.width * kChannelsTogether;
+      for (std::size_t q = region.column_begin; q < region.column_end; ++q) {
+        for (int k = 0; k < kVectors; ++k) {
+          Vector<kLanes> v;
+          Load<kLanes>(row + q * kChannelsTogether + k * kLanes, v);
+          sums[k] += v;
+        }
+      }
     }
-    for (; i < count; ++i) to[i % 2 * pitch + i / 2] = from[i];
+    Splat<kLanes>(static_cast<float>(region.row_end - region.row_begin), rows);
+    Splat<kLanes>(static_cast<float>(region.column_end - region.column_begin), columns);
+    for (int k = 0; k < kVectors; ++k) {
+      sums[k] = (sums[k] / rows) / columns;
+      for (int lane = 0; lane < kLanes; ++lane)
+        y[static_cast<std::size_t>(k * kLanes + lane) * out_plane] = sums[k][lane];
+    }
+  }
+};
+
+struct MixChannelsBody {
+  template <class Set>
+  static TALVO_ROWS_INLINE void Run(float const* x, std::size_t plane, float* mixed) {
+    Transpose<Set::kLanes>(x, plane, kChannelsTogether, plane, mixed, kChannelsTogether);
   }
 };
 
 }  // namespace
 
-Primitive<void(float const* const*, std::size_t, std::size_t, float*)> const MaximumOfTaps{MaximumBody()};
-Primitive<void(float const* const*, std::size_t, float const*, std::size_t, float*)> const MeanOfTaps{MeanBody()};
-Primitive<void(float const*, std::size_t, std::size_t, std::size_t, float*)> const SplitPhases{SplitBody()};
+Primitive<void(float const*, TapGrid const&, float*)> const MaximumOfTaps{MaximumBody()};
+Primitive<void(float const*, TapGrid const&, float const*, float*)> const MeanOfTaps{MeanBody()};
+Primitive<void(float const*, PhaseRows const&, float*)> const CopyPhases{CopyPhasesBody()};
+Primitive<void(float const*, MeanRegion const&, std::size_t, float*)> const MeanOfRegion{MeanOfRegionBody()};
+Primitive<void(float const*, std::size_t, float*)> const MixChannels{MixChannelsBody()};
 
 }  // namespace talvo::kernel::rows

@@ -1,5 +1,4 @@
-// One row of pooling outputs at a time: every output folds the values under its window, in the order of the taps.
-// Internal.
+// Pooling of one plane: every output folds the values under its window, in the order of the taps. Internal.
 #pragma once
 
 #include <cstddef>
@@ -8,18 +7,39 @@
 
 namespace talvo::kernel::rows {
 
-/// y[i] = the fold of taps[0][i], taps[1][i], ... by best = v <= best ? best : v, from the lowest finite float.
-/// A NaN replaces what stands before it and gives way to what follows. y overlaps no tap.
-extern Primitive<void(float const* const* taps, std::size_t tap_count, std::size_t count, float* y)> const
-    MaximumOfTaps;
+/// Output rows side by side: output (r, i) stands at y + r * width + i, its tap t at x + r * row_step + offsets[t] + i.
+struct TapGrid {
+  std::size_t const* offsets;
+  std::size_t tap_count, rows, width, row_step;
+};
 
-/// y[i] = (0.0f + taps[0][i] + taps[1][i] + ...) / divisors[i], summed in this order. y overlaps nothing.
-extern Primitive<void(float const* const* taps, std::size_t tap_count, float const* divisors, std::size_t count,
-                      float* y)> const MeanOfTaps;
+/// y = the fold of the taps by best = v <= best ? best : v, from the lowest finite float. A NaN replaces what stands
+/// before it and gives way to what follows. y overlaps no tap.
+extern Primitive<void(float const* x, TapGrid const& grid, float* y)> const MaximumOfTaps;
 
-/// Sorts a row by phase: element i goes to to[i % stride * pitch + i / stride]. `to` holds min(stride, count) phases;
-/// the ranges do not overlap.
-extern Primitive<void(float const* from, std::size_t count, std::size_t stride, std::size_t pitch, float* to)> const
-    SplitPhases;
+/// y = (0.0f + tap 0 + tap 1 + ...) / divisor, summed in this order; `divisors` stand like the outputs. y overlaps
+/// nothing.
+extern Primitive<void(float const* x, TapGrid const& grid, float const* divisors, float* y)> const MeanOfTaps;
+
+/// Copies rows of `width` elements, sorted by phase: element i of row r goes to
+/// to[r * to_pitch + (first + i) % stride * phase_pitch + (first + i) / stride].
+struct PhaseRows {
+  std::size_t rows, width, first, stride, phase_pitch, to_pitch;
+};
+extern Primitive<void(float const* from, PhaseRows const& shape, float* to)> const CopyPhases;
+
+/// Means over regions of kChannelsTogether planes of `plane` elements that follow each other, (sum / rows) / columns
+/// each, the sum row by row from 0.0f. y[c * out_plane] is the mean of plane c. `mixed` holds the planes as MixChannels
+/// made them.
+struct MeanRegion {
+  std::size_t row_begin, row_end, column_begin, column_end, width;
+};
+extern Primitive<void(float const* mixed, MeanRegion const& region, std::size_t out_plane, float* y)> const
+    MeanOfRegion;
+
+/// mixed[i * kChannelsTogether + c] = x[c * plane + i].
+extern Primitive<void(float const* x, std::size_t plane, float* mixed)> const MixChannels;
+
+constexpr std::size_t kChannelsTogether = kMaxLanes;
 
 }  // namespace talvo::kernel::rows
