@@ -136,8 +136,8 @@ struct Plane {
   std::size_t destination_step;
 
   // The rectangle of up to `row_count` rows and `column_count` columns from (row, column) on.
-  Plane Part(std::size_t row, std::size_t row_count, std::size_t column, std::size_t column_count,
-             std::size_t element_bytes) const {
+  Plane Rectangle(std::size_t row, std::size_t row_count, std::size_t column, std::size_t column_count,
+                  std::size_t element_bytes) const {
     return {source + row * source_step + column * element_bytes,
             source_step,
             std::min(row_count, rows - row),
@@ -165,12 +165,12 @@ struct TileMover {
     std::size_t const whole_rows = plane.rows / n * n, whole_columns = plane.columns / n * n;
     for (std::size_t column = 0; column < whole_columns; column += n) {
       for (std::size_t row = 0; row < whole_rows; row += n) {
-        Plane const tile = plane.Part(row, n, column, n, bytes);
+        Plane const tile = plane.Rectangle(row, n, column, n, bytes);
         TransposeTile<T>(tile.source, tile.source_step, tile.destination, tile.destination_step);
       }
     }
-    MoveOneByOne(plane.Part(0, whole_rows, whole_columns, n, bytes), bytes);
-    MoveOneByOne(plane.Part(whole_rows, n, 0, plane.columns, bytes), bytes);
+    MoveOneByOne(plane.Rectangle(0, whole_rows, whole_columns, n, bytes), bytes);
+    MoveOneByOne(plane.Rectangle(whole_rows, n, 0, plane.columns, bytes), bytes);
   }
 };
 
@@ -186,7 +186,7 @@ void MovePlane(Plane const& plane, Mover const& mover) {
   constexpr std::size_t kBlock = 64;
   for (std::size_t row = 0; row < plane.rows; row += kBlock)
     for (std::size_t column = 0; column < plane.columns; column += kBlock)
-      mover(plane.Part(row, kBlock, column, kBlock, mover.bytes));
+      mover(plane.Rectangle(row, kBlock, column, kBlock, mover.bytes));
 }
 
 // One axis is contiguous in the source, the last one in the destination: they span a plane for each index of the rest.
