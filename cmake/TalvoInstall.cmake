@@ -13,5 +13,7 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/talvoConfigVersion.cmake 
 install(FILES ${PROJECT_BINARY_DIR}/talvoConfig.cmake ${PROJECT_BINARY_DIR}/talvoConfigVersion.cmake
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/talvo)
 
+# Relative, so that the package works under any prefix it is installed or moved to.
+file(RELATIVE_PATH TALVO_PREFIX_FROM_PC ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(${PROJECT_SOURCE_DIR}/cmake/tln_core.pc.in ${PROJECT_BINARY_DIR}/tln_core.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/tln_core.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -15,8 +15,10 @@ TensorShape MainMemoryShape(std::vector<unsigned int> dims, unsigned int data_ty
 }
 
 unsigned int CheckedByteCount(TensorShape const& shape) {
-  utility::Assert(shape.data_type <= TensorShape::UINT8, "tensor of dims %s: data type %u does not exist",
-                  DimsText(shape.dims).c_str(), shape.data_type);
+  if (shape.data_type > TensorShape::UINT8) {
+    utility::Assert(false, "tensor of dims %s: data type %u does not exist", DimsText(shape.dims).c_str(),
+                    shape.data_type);
+  }
   return ByteCount(shape);
 }
 
@@ -27,8 +29,10 @@ std::shared_ptr<TensorCPU> CreatePoolTensor(TensorShape shape, void const* data,
   unsigned int const bytes = CheckedByteCount(shape);
   auto tensor = std::make_unique<TensorCPU>(std::move(shape), nullptr, device);
   tensor->data = pool.Malloc(bytes);
-  utility::Assert(tensor->data != nullptr, "tensor of dims %s: the pool gave no memory for %u bytes",
-                  DimsText(tensor->shape.dims).c_str(), bytes);
+  if (tensor->data == nullptr) {
+    utility::Assert(false, "tensor of dims %s: the pool gave no memory for %u bytes",
+                    DimsText(tensor->shape.dims).c_str(), bytes);
+  }
   if (data != nullptr) std::memcpy(tensor->data, data, bytes);
   auto release = (tensor.get()->*deleter)();
   return std::shared_ptr<TensorCPU>(tensor.release(), std::move(release));

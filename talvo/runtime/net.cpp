@@ -115,11 +115,12 @@ class Walk {
     }
   }
 
+  // Layers run in order: what stands up to this layer has run, even if its own outputs are gone by now.
   bool AllConsumersRan(unsigned int producer) const {
     for (auto const& [consumer, position] : net_.layers[producer]->consumers) {
       Assert(consumer < layer_outputs_.size(), "layer %u (%s): its consumer %u is beyond the %zu layers", producer,
              net_.layers[producer]->type.c_str(), consumer, layer_outputs_.size());
-      if (layer_outputs_[consumer].empty()) return false;
+      if (consumer > index_) return false;
     }
     return true;
   }

@@ -12,8 +12,9 @@ namespace {
 
 DeviceCPU& DeviceOf(TensorCPU const& tensor) {
   auto* const device = dynamic_cast<DeviceCPU*>(tensor.device);
-  utility::Assert(device != nullptr, "tensor of dims %s: its device is no CPU device",
-                  DimsText(tensor.shape.dims).c_str());
+  if (device == nullptr) {
+    utility::Assert(false, "tensor of dims %s: its device is no CPU device", DimsText(tensor.shape.dims).c_str());
+  }
   return *device;
 }
 
@@ -59,14 +60,15 @@ std::shared_ptr<TensorCPU> TensorCPU::Reshape(std::vector<int> const& new_dims) 
   utility::Assert(unknown_count < 2, nullptr);
   unsigned int const total = ElementCount(shape.dims);
   utility::Assert(total >= known, nullptr);
-  utility::Assert(known != 0, "reshape of dims %s: the product of the new extents does not fit 32 bits",
-                  DimsText(shape.dims).c_str());
+  if (known == 0 || data == nullptr) {
+    utility::Assert(false, "reshape of dims %s: %s", DimsText(shape.dims).c_str(),
+                    known == 0 ? "the product of the new extents does not fit 32 bits" : "the tensor has no memory");
+  }
   utility::Assert(total % known == 0, nullptr);
   if (unknown_count == 1) dims[unknown_axis] = total / known;
   auto reshaped = DeviceOf(*this).CreateTensor(
       TensorShape(std::move(dims), shape.data_type, shape.layout, shape.location, TensorShape::Extra()), nullptr);
-  unsigned int const bytes = ByteCount(reshaped->shape);
-  if (bytes != 0) std::memcpy(reshaped->data, data, bytes);
+  std::memcpy(reshaped->data, data, ByteCount(reshaped->shape));
   return reshaped;
 }
 
@@ -74,8 +76,9 @@ std::shared_ptr<TensorCPU> TensorCPU::Permute(std::vector<unsigned int> const& a
   utility::Assert(shape.dims.size() == axes.size(), "dimensions of shape must be equal to tranpose axes's.");
   std::vector<unsigned int> dims;
   for (unsigned int axis : axes) {
-    utility::Assert(axis < shape.dims.size(), "permute of dims %s: axis %u is out of range",
-                    DimsText(shape.dims).c_str(), axis);
+    if (axis >= shape.dims.size()) {
+      utility::Assert(false, "permute of dims %s: axis %u is out of range", DimsText(shape.dims).c_str(), axis);
+    }
     dims.push_back(shape.dims[axis]);
   }
   auto permuted = DeviceOf(*this).CreateTensor(

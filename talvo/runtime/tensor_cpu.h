@@ -25,7 +25,7 @@ class TALVO_API TensorCPU : public Tensor {
 
   /// A new tensor of these dims with a copy of the leading elements; same data type, layout and location, step size 0.
   /// One entry below 1 stands for all that remains. Assert, without a text: two such entries; a product of the others
-  /// that is above the element count or does not divide it.
+  /// that is above the element count or does not divide it. With one: a product over 32 bits, a tensor without memory.
   std::shared_ptr<TensorCPU> Reshape(std::vector<int> const& new_dims) const;
 
   /// A new FLEXIABLE tensor whose axis i is axis axes[i] of this one. Assert: too few, out of range or repeated axes.

@@ -2,58 +2,86 @@
 
 #include <array>
 #include <cstdint>
+#include <cstring>
+
+#include "talvo/utility/log.h"
 
 namespace talvo::runtime {
 namespace {
 
-std::string const alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
-constexpr unsigned char kNoValue = 64;
+// The two characters of each 12-bit value: half a group of four.
+constexpr std::size_t kPairs = 4096;
+constexpr std::array<char, 2 * kPairs> MakePairs() {
+  std::array<char, 2 * kPairs> pairs{};
+  for (std::size_t i = 0; i < kPairs; ++i) {
+    pairs[2 * i] = kAlphabet[i >> 6];
+    pairs[2 * i + 1] = kAlphabet[i & 63];
+  }
+  return pairs;
+}
+constexpr auto kPairOf = MakePairs();
 
-// The value of each character; kNoValue outside the alphabet.
-std::array<unsigned char, 256> MakeValues() {
-  std::array<unsigned char, 256> values;
-  values.fill(kNoValue);
-  for (std::size_t i = 0; i < alphabet.size(); ++i)
-    values[static_cast<unsigned char>(alphabet[i])] = static_cast<unsigned char>(i);
+// The value of each character, shifted to its place in the group's 24 bits; kNoValue outside the alphabet.
+constexpr std::uint32_t kNoValue = 0x80000000u;
+using Values = std::array<std::uint32_t, 256>;
+constexpr Values MakeValues(unsigned int shift) {
+  Values values{};
+  for (std::uint32_t& value : values) value = kNoValue;
+  for (std::uint32_t i = 0; i < 64; ++i) values[static_cast<unsigned char>(kAlphabet[i])] = i << shift;
   return values;
 }
+constexpr std::array<Values, 4> kValueOf = {MakeValues(18), MakeValues(12), MakeValues(6), MakeValues(0)};
 
-std::array<unsigned char, 256> const values = MakeValues();
+// The group of up to four characters; has kNoValue's bit when one of them is outside the alphabet.
+std::uint32_t Group(unsigned char const* text, std::size_t count) {
+  std::uint32_t group = 0;
+  for (std::size_t i = 0; i < count; ++i) group |= kValueOf[i][text[i]];
+  return group;
+}
+
+void StoreGroup(std::uint32_t group, std::size_t count, char* bytes) {
+  for (std::size_t i = 0; i < count; ++i) bytes[i] = static_cast<char>((group >> (16 - 8 * i)) & 255u);
+}
 
 }  // namespace
 
 std::string Base64Encode(unsigned char const* data, unsigned long size) {
-  std::string text;
-  text.reserve((size + 2) / 3 * 4);
-  for (unsigned long i = 0; i < size; i += 3) {
-    unsigned long const left = size - i;
-    std::uint32_t const group = (std::uint32_t{data[i]} << 16) | (left > 1 ? std::uint32_t{data[i + 1]} << 8 : 0u) |
-                                (left > 2 ? std::uint32_t{data[i + 2]} : 0u);
-    text += alphabet[group >> 18];
-    text += alphabet[(group >> 12) & 63];
-    text += left > 1 ? alphabet[(group >> 6) & 63] : '=';
-    text += left > 2 ? alphabet[group & 63] : '=';
+  utility::Assert(data != nullptr || size == 0, "Base64Encode: no data for %lu bytes", size);
+  std::string result((size + 2) / 3 * 4, '=');
+  char* text = result.data();
+  unsigned long const whole = size / 3 * 3;
+  for (unsigned long i = 0; i < whole; i += 3, text += 4) {
+    std::uint32_t const group = (std::uint32_t{data[i]} << 16) | (std::uint32_t{data[i + 1]} << 8) | data[i + 2];
+    std::memcpy(text, &kPairOf[2 * (group >> 12)], 2);
+    std::memcpy(text + 2, &kPairOf[2 * (group & 4095u)], 2);
   }
-  return text;
+  if (unsigned long const tail = size - whole; tail != 0) {
+    std::uint32_t const group =
+        (std::uint32_t{data[whole]} << 16) | (tail > 1 ? std::uint32_t{data[whole + 1]} << 8 : 0u);
+    std::memcpy(text, &kPairOf[2 * (group >> 12)], 2);
+    if (tail > 1) text[2] = kAlphabet[(group >> 6) & 63u];
+  }
+  return result;
 }
 
 std::string Base64Decode(std::string const& text) {
-  std::string bytes;
-  bytes.reserve(text.size() / 4 * 3 + 2);
-  std::uint32_t group = 0;
-  unsigned int bits = 0;
-  for (char character : text) {
-    unsigned char const value = values[static_cast<unsigned char>(character)];
-    if (value == kNoValue) break;
-    group = (group << 6) | value;
-    bits += 6;
-    if (bits >= 8) {
-      bits -= 8;
-      bytes += static_cast<char>((group >> bits) & 255u);
-    }
+  std::string result(text.size() / 4 * 3 + 2, '\0');
+  char* bytes = result.data();
+  auto const* at = reinterpret_cast<unsigned char const*>(text.data());
+  auto const* const end = at + text.size();
+  for (; end - at >= 4; at += 4, bytes += 3) {
+    std::uint32_t const group = Group(at, 4);
+    if ((group & kNoValue) != 0) break;
+    StoreGroup(group, 3, bytes);
   }
-  return bytes;
+  std::size_t tail = 0;  // characters of the alphabet that do not fill a group
+  while (tail < 3 && at + tail != end && (kValueOf[0][at[tail]] & kNoValue) == 0) ++tail;
+  std::size_t const tail_bytes = tail * 6 / 8;
+  StoreGroup(Group(at, tail), tail_bytes, bytes);
+  result.resize(static_cast<std::size_t>(bytes - result.data()) + tail_bytes);
+  return result;
 }
 
 }  // namespace talvo::runtime

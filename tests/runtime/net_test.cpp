@@ -1,0 +1,294 @@
+#include "talvo/runtime/net.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "talvo/entry/create_context.h"
+#include "talvo/runtime/device_cpu.h"
+#include "talvo/runtime/tensor_cpu.h"
+#include "talvo/utility/log.h"
+#include "tests/runtime/scripted_kernel.h"
+#include "tests/support/log_capture.h"
+
+namespace talvo::runtime {
+namespace {
+
+using test::ScriptedKernel;
+using test::Tensors;
+using Refs = std::vector<std::pair<std::uint32_t, std::uint32_t>>;
+
+float ValueOf(std::shared_ptr<Tensor> const& tensor) { return *static_cast<float const*>(tensor->data); }
+
+class NetTest : public testing::Test {
+ protected:
+  NetTest() { utility::create_context(context_, 64); }
+
+  std::shared_ptr<TensorCPU> Scalar(float value) { return context_->device_cpu->CreateF32CMainMemory(1, &value); }
+
+  // Notes `name` and the flag of PrepareForward, and makes `count` tensors of 10 * (sum of the inputs) + digit.
+  std::shared_ptr<ScriptedKernel> Kernel(std::string const& name, float digit, std::size_t count = 1) {
+    auto kernel =
+        std::make_shared<ScriptedKernel>([=](Tensors const& inputs, Tensors& outputs, Context const& context) {
+          EXPECT_TRUE(context.device_cpu->use_dynamic_pool);
+          EXPECT_TRUE(outputs.empty());
+          float sum = 0.0f;
+          for (auto const& input : inputs) sum += ValueOf(input);
+          float value = 10.0f * sum + digit;
+          for (std::size_t i = 0; i < count; ++i, value += 0.5f)
+            outputs.push_back(context.device_cpu->CreateF32CMainMemory(1, &value));
+        });
+    kernel->prepared = [=](Tensors const&, bool intermediate, Tensors&) {
+      ran_.push_back(name + (intermediate ? "-" : "+"));
+    };
+    return kernel;
+  }
+
+  // Adds a layer and enters it with the producers.
+  Layer& Add(std::string const& type, Refs const& input_refs, std::shared_ptr<IKernel> const& kernel) {
+    auto const index = static_cast<std::uint32_t>(layers_.size());
+    for (std::uint32_t position = 0; position < input_refs.size(); ++position) {
+      std::uint32_t const producer = input_refs[position].first;
+      if (producer < index) layers_[producer]->consumers.emplace_back(index, position);
+    }
+    layers_.push_back(std::make_shared<Layer>());
+    layers_.back()->type = type;
+    layers_.back()->input_refs = input_refs;
+    layers_.back()->kernel = kernel;
+    return *layers_.back();
+  }
+
+  void AddInput() {
+    Add("Input", {}, std::make_shared<ScriptedKernel>([](Tensors const& inputs, Tensors& outputs, Context const&) {
+          outputs = inputs;
+        }));
+  }
+
+  // Input, A, B, C in a row.
+  void AddRow() {
+    AddInput();
+    Add("A", {{0, 0}}, Kernel("A", 1));
+    Add("B", {{1, 0}}, Kernel("B", 2));
+    Add("C", {{2, 0}}, Kernel("C", 3));
+  }
+
+  std::unordered_map<unsigned int, Tensors> Forward(std::vector<unsigned int> const& output_ids) {
+    ran_.clear();
+    return Net(layers_, {}).Forward({{0, Scalar(1)}}, output_ids, context_, &times_, &gpu_times_);
+  }
+
+  std::string Refusal(std::vector<unsigned int> const& output_ids) {
+    return test::RefusalOf([&] { Forward(output_ids); });
+  }
+
+  std::shared_ptr<Context> context_;
+  std::vector<std::shared_ptr<Layer>> layers_;
+  std::vector<std::string> ran_;  // kernels in order, "-" for an intermediate output, "+" for one handed out
+  std::vector<float> times_ = {-1}, gpu_times_ = {-1};
+};
+
+TEST_F(NetTest, StopsWhenAllRequestedLayersHaveRun) {
+  AddRow();
+  struct Case {
+    char const* why;
+    std::vector<unsigned int> requested;
+    std::vector<std::string> ran;
+    std::vector<std::pair<unsigned int, float>> results;
+  };
+  for (Case const& c : {Case{"the middle", {2}, {"A-", "B+"}, {{2, 112.0f}}},
+                        {"in any order", {3, 1}, {"A+", "B-", "C+"}, {{1, 11.0f}, {3, 1123.0f}}},
+                        {"in model order", {1, 3}, {"A+", "B-", "C+"}, {{1, 11.0f}, {3, 1123.0f}}},
+                        {"the second entry is never served", {2, 2}, {"A-", "B+", "C-"}, {{2, 112.0f}}},
+                        {"beyond the layers", {7, 1}, {"A+", "B-", "C-"}, {{1, 11.0f}}},
+                        {"the input itself", {0}, {}, {{0, 1.0f}}}}) {
+    SCOPED_TRACE(c.why);
+    auto const result = Forward(c.requested);
+    EXPECT_EQ(ran_, c.ran);
+    ASSERT_EQ(result.size(), c.results.size());
+    for (auto const& [id, value] : c.results) EXPECT_EQ(ValueOf(result.at(id)[0]), value);
+    EXPECT_EQ(times_.size(), c.ran.size() + 1);
+    EXPECT_EQ(gpu_times_, std::vector<float>(c.ran.size() + 1, 0.0f));
+    EXPECT_FALSE(context_->device_cpu->use_dynamic_pool);
+  }
+}
+
+TEST_F(NetTest, RunsNothingWhenNothingIsRequested) {
+  AddRow();
+  context_->device_cpu->use_dynamic_pool = true;
+  EXPECT_TRUE(Forward({}).empty());
+  EXPECT_TRUE(ran_.empty() && times_.empty() && gpu_times_.empty());
+  EXPECT_FALSE(context_->device_cpu->use_dynamic_pool);
+}
+
+TEST_F(NetTest, ConvertsAroundTheKernel) {
+  AddInput();
+  auto& a = Add("A", {{0, 0}}, Kernel("A", 1, 2));
+  a.output_converters[1] = Kernel("out", 7, 3);
+  auto& b = Add("B", {{1, 1}, {1, 0}}, Kernel("B", 2));
+  b.input_converters[1] = Kernel("in", 5);
+  auto const result = Forward({2, 1});
+  EXPECT_EQ(ran_, (std::vector<std::string>{"A-", "out+", "in-", "B+"}));
+  ASSERT_EQ(result.at(1).size(), 2u);
+  EXPECT_EQ(ValueOf(result.at(1)[0]), 11.0f);
+  EXPECT_EQ(ValueOf(result.at(1)[1]), 122.0f) << "10 * 11.5 + 7; the converter's further products are dropped";
+  EXPECT_EQ(ValueOf(result.at(2)[0]), 10.0f * (122.0f + 115.0f) + 2.0f);
+  Forward({2});
+  EXPECT_EQ(ran_, (std::vector<std::string>{"A-", "out-", "in-", "B+"}));
+}
+
+TEST_F(NetTest, LeavesTheInputOfAnInputLayerUnconverted) {
+  AddRow();
+  layers_[0]->input_converters[0] = Kernel("never", 0);
+  utility::SetLogLevel(0xFFFFFFFFu);
+  test::LogCapture const log;
+  Forward({1});
+  utility::SetLogLevel(30);
+  EXPECT_EQ(ran_, std::vector<std::string>{"A+"});
+  EXPECT_TRUE(log.Lines().empty());
+}
+
+TEST_F(NetTest, ReleasesATensorAfterItsLastReader) {
+  AddInput();
+  std::weak_ptr<Tensor> early, late;
+  auto const watch = [](std::weak_ptr<Tensor>* tensor) {
+    return std::make_shared<ScriptedKernel>([=](Tensors const&, Tensors& outputs, Context const& context) {
+      outputs.push_back(context.device_cpu->CreateZeroF32CMainMem(1));
+      *tensor = outputs[0];
+    });
+  };
+  std::vector<std::string> alive;
+  auto const note = [&] {
+    auto kernel = Kernel("note", 0);
+    kernel->prepared = [&](Tensors const&, bool, Tensors&) {
+      alive.push_back(std::string(early.expired() ? "" : "early ") + (late.expired() ? "" : "late"));
+    };
+    return kernel;
+  };
+  Add("Early", {{0, 0}}, watch(&early));
+  Add("Late", {{0, 0}}, watch(&late));
+  Add("Note", {{1, 0}, {2, 0}}, note());
+  Add("Note", {{3, 0}}, note());
+  Add("Note", {{4, 0}, {2, 0}}, note());
+  Add("Note", {{5, 0}}, note());
+  Forward({6});
+  EXPECT_EQ(alive, (std::vector<std::string>{"early late", "late", "late", ""}));
+  alive.clear();
+  auto const result = Forward({6, 1});
+  EXPECT_EQ(alive, (std::vector<std::string>{"early late", "early late", "early late", "early "}));
+  EXPECT_EQ(result.at(1)[0], early.lock());
+}
+
+TEST_F(NetTest, ReusesTheMemoryOfItsFirstPass) {
+  AddRow();
+  Forward({3});
+  auto const& device = *context_->device_cpu;
+  unsigned long const main_bytes = device.memory_pool->HeapSize(), dynamic_bytes = device.dynamic_pool->HeapSize();
+  EXPECT_EQ(dynamic_bytes, 2 * 128u) << "two tensors live at a time";
+  Forward({3});
+  EXPECT_EQ(device.memory_pool->HeapSize(), main_bytes);
+  EXPECT_EQ(device.dynamic_pool->HeapSize(), dynamic_bytes);
+}
+
+TEST_F(NetTest, IsUsableAfterAKernelThrew) {
+  AddRow();
+  bool fails = true;
+  layers_[2]->kernel = std::make_shared<ScriptedKernel>([&](Tensors const& inputs, Tensors& outputs, Context const&) {
+    utility::Assert(!fails, "no");
+    outputs = inputs;
+  });
+  EXPECT_EQ(Refusal({3}), "[TLN]: no\n");
+  EXPECT_EQ(times_.size(), 2u);
+  EXPECT_TRUE(context_->device_cpu->use_dynamic_pool);
+  fails = false;
+  EXPECT_EQ(ValueOf(Forward({3}).at(3)[0]), 113.0f);
+  EXPECT_FALSE(context_->device_cpu->use_dynamic_pool);
+}
+
+TEST_F(NetTest, RefusesWhatItCannotRunAndNamesTheLayer) {
+  auto const silent = std::make_shared<ScriptedKernel>([](Tensors const&, Tensors&, Context const&) {});
+  auto const null_maker = std::make_shared<ScriptedKernel>(
+      [](Tensors const&, Tensors& outputs, Context const&) { outputs.push_back(nullptr); });
+  auto const unconfigured = Kernel("X", 0);
+  unconfigured->configured = false;
+  struct Case {
+    char const* why;
+    std::function<void()> spoil;
+    char const* text;
+  };
+  for (Case const& c : std::vector<Case>{
+           {"no kernel", [&] { layers_[2]->kernel = nullptr; }, "layer 2 (B): its kernel is missing"},
+           {"not configured", [&] { layers_[2]->kernel = unconfigured; },
+            "layer 2 (B): its kernel ScriptedKernel is not"},
+           {"no record", [&] { layers_[2] = nullptr; }, "layer 2"},
+           {"nothing made", [&] { layers_[1]->kernel = silent; }, "layer 2 (B): its input 0 is output 0 of layer 1"},
+           {"null made", [&] { layers_[1]->kernel = null_maker; }, "layer 2 (B): its input 0 is output 0 of layer 1"},
+           {"too few made", [&] { layers_[2]->input_refs[0].second = 1; }, "layer 2 (B): its input 0 is output 1"},
+           {"reads itself", [&] { layers_[2]->input_refs[0].first = 2; },
+            "layer 2 (B): its input 0 is output 0 of layer 2"},
+           {"reads beyond", [&] { layers_[2]->input_refs[0].first = 9; },
+            "layer 2 (B): its input 0 is output 0 of layer 9"},
+           {"read beyond",
+            [&] {
+              layers_[1]->consumers.assign(1, {9, 0});
+            },
+            "layer 1 (A): its consumer 9"},
+           {"input reads beyond",
+            [&] {
+              layers_[0]->input_refs.assign(1, {9, 0});
+            },
+            "layer 0 (Input): it reads layer 9"},
+           {"no converter", [&] { layers_[2]->input_converters[0] = nullptr; },
+            "layer 2 (B): its converter is missing"},
+           {"silent converter", [&] { layers_[2]->output_converters[0] = silent; }, "layer 2 (B): its converter"},
+           {"null to convert",
+            [&] {
+              layers_[1]->kernel = null_maker;
+              layers_[1]->output_converters[0] = silent;
+            },
+            "layer 1 (A): output 0"},
+           {"no input", [&] { layers_[2]->type = "Input"; }, "layer 2 (Input): no input tensor under key 2"}}) {
+    SCOPED_TRACE(c.why);
+    layers_.clear();
+    AddRow();
+    c.spoil();
+    std::string const text = Refusal({3});
+    EXPECT_NE(text.find(c.text), std::string::npos) << text;
+  }
+  context_->device_cpu->dynamic_pool->Clear();
+  EXPECT_EQ(context_->device_cpu->dynamic_pool->HeapSize(), 0u) << "all tensors went back";
+}
+
+TEST_F(NetTest, RefusesAContextWithoutADevice) {
+  Net const net({}, {});
+  EXPECT_NE(test::RefusalOf([&] { net.Forward({}, {}, nullptr, nullptr, nullptr); }).find("null"), std::string::npos);
+  EXPECT_NE(test::RefusalOf([&] { net.Forward({}, {}, std::make_shared<Context>(), nullptr, nullptr); }).find("CPU"),
+            std::string::npos);
+}
+
+TEST_F(NetTest, RunsOnADeviceWithoutADynamicPool) {
+  auto const pool = std::make_shared<AlignUpPool>(64);
+  context_->device_cpu = CreateDeviceCPU(DetectCPUDevice(), pool, nullptr, nullptr);
+  bool flag = true;
+  Add("Source", {}, std::make_shared<ScriptedKernel>([&](Tensors const&, Tensors& outputs, Context const& context) {
+        flag = context.device_cpu->use_dynamic_pool;
+        outputs.push_back(context.device_cpu->CreateZeroF32CMainMem(1));
+      }));
+  auto const result = Net(layers_, {}).Forward({}, {0}, context_, nullptr, nullptr);
+  EXPECT_FALSE(flag);
+  EXPECT_EQ(pool->HeapSize(), 128u);
+}
+
+TEST(IKernel, KeepsItsDefaults) {
+  class Plain : public ScriptedKernel {
+   public:
+    Plain() : ScriptedKernel(nullptr) {}
+    int Prepare(Tensors& outputs) { return IKernel::PrepareForward(nullptr, {}, true, outputs); }
+  } kernel;
+  Tensors outputs;
+  EXPECT_EQ(kernel.Prepare(outputs), 0);
+  EXPECT_TRUE(outputs.empty());
+  EXPECT_EQ(kernel.ResetRNNState(), -4);
+}
+
+}  // namespace
+}  // namespace talvo::runtime

@@ -1,0 +1,77 @@
+#include "talvo/utility/base64.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/support/bits.h"
+#include "tests/support/log_capture.h"
+
+namespace talvo::runtime {
+namespace {
+
+std::string Encode(std::string const& bytes) {
+  return Base64Encode(reinterpret_cast<unsigned char const*>(bytes.data()), bytes.size());
+}
+
+// Bit by bit: six bits are a character, the last ones filled up with zeros.
+std::string PlainEncode(std::vector<unsigned char> const& data) {
+  std::string const alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string text;
+  for (std::size_t bit = 0; bit < data.size() * 8; bit += 6) {
+    std::size_t value = 0;
+    for (std::size_t i = bit; i < bit + 6; ++i)
+      value = value * 2 + (i < data.size() * 8 ? data[i / 8] >> (7 - i % 8) & 1u : 0u);
+    text += alphabet[value];
+  }
+  while (text.size() % 4 != 0) text += '=';
+  return text;
+}
+
+TEST(Base64, GivesThePublishedVectors) {  // RFC 4648, section 10
+  struct Case {
+    char const *bytes, *text;
+  };
+  for (Case const& c : {Case{"", ""},
+                        {"f", "Zg=="},
+                        {"fo", "Zm8="},
+                        {"foo", "Zm9v"},
+                        {"foob", "Zm9vYg=="},
+                        {"fooba", "Zm9vYmE="},
+                        {"foobar", "Zm9vYmFy"}}) {
+    EXPECT_EQ(Encode(c.bytes), c.text);
+    EXPECT_EQ(Base64Decode(c.text), c.bytes);
+  }
+}
+
+TEST(Base64, CodesEveryByteAndLength) {
+  for (std::size_t size : {1u, 2u, 3u, 255u, 256u, 257u, 3000u}) {
+    auto data = test::Bytes(static_cast<std::uint32_t>(size), size);
+    for (std::size_t i = 0; i < size && i < 256; ++i) data[i] = static_cast<unsigned char>(i);
+    std::string const text = Base64Encode(data.data(), data.size());
+    ASSERT_EQ(text, PlainEncode(data));
+    EXPECT_EQ(Base64Decode(text), std::string(data.begin(), data.end()));
+  }
+}
+
+TEST(Base64, DecodesUpToTheFirstForeignCharacter) {
+  struct Case {
+    char const *why, *text, *want;
+  };
+  for (Case const& c : {Case{"line break at a group's end", "Zm9v\nYmFy", "foo"},
+                        {"line break inside a group", "Zm9vYm\nFy", "foob"},
+                        {"one character is left", "Zm9vY\nmFy", "foo"},
+                        {"text behind the padding", "Zg==Zm9v", "f"},
+                        {"padding left out", "Zm9vYmE", "fooba"},
+                        {"foreign from the start", "-Zm9v", ""},
+                        {"the URL alphabet is foreign", "Zm9_", "fo"},
+                        {"a byte above 127", "Zm9v\xC3\xA4mFy", "foo"}}) {
+    EXPECT_EQ(Base64Decode(c.text), c.want) << c.why;
+  }
+  EXPECT_EQ(Base64Decode(std::string("Zm9v\0Zm9v", 9)), "foo") << "a zero character";
+}
+
+TEST(Base64, RefusesMissingData) {
+  EXPECT_EQ(test::RefusalOf([] { Base64Encode(nullptr, 3); }), "[TLN]: Base64Encode: no data for 3 bytes\n");
+}
+
+}  // namespace
+}  // namespace talvo::runtime

@@ -1,0 +1,144 @@
+#include "talvo/utility/log.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "tests/support/log_capture.h"
+
+namespace talvo::utility {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+class LogTest : public testing::Test {
+ protected:
+  ~LogTest() override {
+    SetLogTag("TLN");
+    SetLogLevel(30);
+  }
+
+  test::LogCapture sink_;
+};
+
+TEST_F(LogTest, GivesEachLevelItsPrefix) {
+  SetLogLevel(0xFFFFFFFFu);
+  for (int level : {1, 4, 8, 16}) Log(level, "%s %d", "level", level);
+  EXPECT_EQ(sink_.Lines(), (Lines{"[TLN] (Verbose): level 1", "[TLN] (Info): level 4", "[TLN] (Warnning): level 8",
+                                  "[TLN]: level 16\n"}));
+}
+
+TEST_F(LogTest, KeepsAllOtherNumbersSilent) {
+  for (unsigned int mask : {30u, 0xFFFFFFFFu}) {
+    SetLogLevel(mask);
+    for (int level : {0, 2, 3, 5, 6, 7, 9, 15, 17, 20, 32, -1, -16}) Log(level, "x");
+  }
+  EXPECT_EQ(sink_.Lines(), Lines());
+}
+
+TEST_F(LogTest, TreatsTheMaskAsASetOfBits) {
+  unsigned int mask = 0;
+  EXPECT_EQ(GetLogLevel(&mask), 0);
+  EXPECT_EQ(mask, 30u);
+  Log(1, "off by default");
+  EXPECT_EQ(SetLogLevel(1 | 8), 0);
+  Log(1, "verbose");
+  Log(4, "masked");
+  Log(8, "warning");
+  Log(16, "masked");
+  EXPECT_EQ(sink_.Lines(), (Lines{"[TLN] (Verbose): verbose", "[TLN] (Warnning): warning"}));
+}
+
+TEST_F(LogTest, ReturnsTheLastFormattedTextWhenFiltered) {
+  EXPECT_EQ(Log(4, "shown"), "shown");
+  EXPECT_EQ(Log(2, "silent"), "shown");
+  StringFormat("from %s", "StringFormat");
+  EXPECT_EQ(Log(1, "masked"), "from StringFormat");
+  StrFormat("another buffer");
+  EXPECT_EQ(Log(1, "masked"), "from StringFormat");
+  EXPECT_EQ(Assert(true, "held"), 0);
+  EXPECT_EQ(Log(1, "masked"), "from StringFormat");
+  EXPECT_THROW(Assert(false, "refused %d", 7), std::runtime_error);
+  EXPECT_EQ(Log(1, "masked"), "refused 7");
+}
+
+TEST_F(LogTest, CutsLongTexts) {
+  std::string const long_text(5000, 'x');
+  EXPECT_EQ(Log(4, "%s", long_text.c_str()), std::string(2047, 'x'));
+  EXPECT_EQ(sink_.Lines(), Lines{"[TLN] (Info): " + std::string(2047, 'x')});
+  EXPECT_EQ(StringFormat("%s", long_text.c_str()), std::string(2047, 'x'));
+  EXPECT_EQ(StrFormat("%s", long_text.substr(0, 3000).c_str()), std::string(3000, 'x'));
+  EXPECT_EQ(StrFormat("%s", long_text.c_str()), std::string(4095, 'x'));
+}
+
+TEST_F(LogTest, RefusesEmptySettings) {
+  EXPECT_EQ(SetLogTag("APP"), 0);
+  EXPECT_EQ(SetLogTag(""), -1);
+  EXPECT_EQ(SetLogCallback(nullptr), -1);
+  Log(4, "still here");
+  EXPECT_EQ(sink_.Lines(), Lines{"[APP] (Info): still here"});
+}
+
+TEST_F(LogTest, AssertReportsAndThrowsTheSameTextWhateverTheMask) {
+  SetLogLevel(0);
+  EXPECT_EQ(Log(16, "masked").find("masked"), std::string::npos);
+  try {
+    Assert(false, "%s", "bad input");
+    FAIL() << "nothing was thrown";
+  } catch (std::runtime_error const& refusal) {
+    EXPECT_STREQ(refusal.what(), "[TLN]: bad input\n");
+  }
+  EXPECT_EQ(sink_.Lines(), Lines{"[TLN]: bad input\n"});
+}
+
+TEST_F(LogTest, AssertWithoutATextThrowsTheTagAndReportsNothing) {
+  try {
+    Assert(false, nullptr);
+    FAIL() << "nothing was thrown";
+  } catch (std::runtime_error const& refusal) {
+    EXPECT_STREQ(refusal.what(), "[TLN]: ");
+  }
+  EXPECT_EQ(sink_.Lines(), Lines());
+}
+
+// A process of its own: the state of a fresh one, and the sink that no call brings back.
+TEST(LogDeathTest, WritesToStandardOutputAtFirst) {
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  auto const fresh = [] {
+    testing::internal::CaptureStdout();
+    std::string const before = Log(1, "masked");
+    Log(4, "line");
+    Log(16, "error");
+    std::string const output = testing::internal::GetCapturedStdout();
+    std::_Exit(before.empty() && output == "[TLN] (Info): line\n[TLN]: error\n\n" ? 0 : 1);
+  };
+  EXPECT_EXIT(fresh(), testing::ExitedWithCode(0), "");
+}
+
+TEST(StrReplaceAll, StartsAgainAtTheFront) {
+  struct Case {
+    char const *why, *source, *from, *to, *want;
+  };
+  for (Case const& c : {Case{"all occurrences", "a.b.c", ".", "::", "a::b::c"},
+                        {"replaced text is replaced again", "aab", "ab", "b", "b"},
+                        {"nothing found", "abc", "x", "y", "abc"},
+                        {"to nothing", "banana", "an", "", "ba"},
+                        {"empty source and pattern", "", "", "to", "to"},
+                        {"empty source", "", "x", "to", ""},
+                        {"empty pattern", "abc", "", "to", "abc"}}) {
+    EXPECT_EQ(StrReplaceALL(c.source, c.from, c.to), c.want) << c.why;
+  }
+}
+
+TEST(ToStr, GivesTheFirstWordOfTheStream) {
+  EXPECT_EQ(ToStr(0.1f), "0.1");
+  EXPECT_EQ(ToStr(1234567.0), "1.23457e+06");
+  EXPECT_EQ(ToStr('a'), "a");
+  EXPECT_EQ(ToStr(' '), "");
+  EXPECT_EQ(ToStr(static_cast<unsigned char>(65)), "A");
+  EXPECT_EQ(ToStr(static_cast<short>(-7)), "-7");
+  EXPECT_EQ(ToStr(18446744073709551615ull), "18446744073709551615");
+}
+
+}  // namespace
+}  // namespace talvo::utility
