@@ -3,6 +3,7 @@
 
 #include "talvo/entry/create_context.h"
 #include "talvo/kernel/native/permute.h"
+#include "talvo/kernel/padding.h"
 #include "talvo/runtime/context.h"
 #include "talvo/runtime/device.h"
 #include "talvo/runtime/device_cpu.h"
