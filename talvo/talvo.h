@@ -2,6 +2,7 @@
 #pragma once
 
 #include "talvo/entry/create_context.h"
+#include "talvo/kernel/convolution.h"
 #include "talvo/kernel/native/permute.h"
 #include "talvo/kernel/padding.h"
 #include "talvo/runtime/context.h"
