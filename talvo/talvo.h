@@ -2,7 +2,14 @@
 #pragma once
 
 #include "talvo/entry/create_context.h"
+#include "talvo/kernel/activation.h"
+#include "talvo/kernel/elementwise.h"
+#include "talvo/kernel/functional/activation.h"
+#include "talvo/kernel/functional/elementwise.h"
+#include "talvo/kernel/functional/structural.h"
 #include "talvo/kernel/native/permute.h"
+#include "talvo/kernel/native/structural.h"
+#include "talvo/kernel/structural.h"
 #include "talvo/runtime/context.h"
 #include "talvo/runtime/device.h"
 #include "talvo/runtime/device_cpu.h"
