@@ -73,6 +73,14 @@ int Judge(Tensors const& tensors, std::size_t count, std::function<bool(runtime:
   return good ? 0 : -2;
 }
 
+int JudgeFirst(Tensors const& tensors, std::function<bool(runtime::Tensor const&)> const& accept) {
+  return !tensors.empty() && tensors[0] != nullptr && accept(*tensors[0]) ? 0 : -2;
+}
+
+int JudgeOneFloat(Tensors const& tensors) {
+  return Judge(tensors, 1, [](auto const& tensor) { return IsInMainMemory(tensor, TensorShape::FLOAT32); });
+}
+
 bool IsInMainMemory(runtime::Tensor const& tensor, unsigned int data_type) {
   return tensor.shape.location == TensorShape::MainMemory && tensor.shape.data_type == data_type;
 }

@@ -42,6 +42,27 @@ runtime::TensorShape const& ShapeAt(runtime::IKernel const& kernel, std::vector<
 /// 0 when `tensors` are exactly `count` tensors, none null, that all pass `accept`; -2 otherwise.
 int Judge(Tensors const& tensors, std::size_t count, std::function<bool(runtime::Tensor const&)> const& accept);
 
+/// 0 when there is a first tensor, not null, that passes `accept`; -2 otherwise. Further tensors are not looked at.
+int JudgeFirst(Tensors const& tensors, std::function<bool(runtime::Tensor const&)> const& accept);
+
+/// 0 for exactly one FLOAT32 tensor in main memory; -2 otherwise.
+int JudgeOneFloat(Tensors const& tensors);
+
+/// The strict judgement of what Config takes: 0 for a layer of class Info without inference parameter, -1 otherwise.
+/// Config of a kernel with this form refuses -1.
+template <class Info>
+int StrictParam(std::shared_ptr<runtime::LayerInfo> const& layer,
+                std::shared_ptr<runtime::InferenceParam> const& param) {
+  return param == nullptr && std::dynamic_pointer_cast<Info>(layer) != nullptr ? 0 : -1;
+}
+
+/// The inverted judgement: 0 when neither is given, -1 otherwise. Config of a kernel with this form refuses 0, so that
+/// any layer is good. The two forms stay apart: each Config reads its own.
+inline int InvertedParam(std::shared_ptr<runtime::LayerInfo> const& layer,
+                         std::shared_ptr<runtime::InferenceParam> const& param) {
+  return layer == nullptr && param == nullptr ? 0 : -1;
+}
+
 /// A tensor in main memory of this data type, and of this layout.
 bool IsInMainMemory(runtime::Tensor const& tensor, unsigned int data_type);
 bool IsInMainMemory(runtime::Tensor const& tensor, unsigned int data_type, unsigned int layout);
