@@ -6,6 +6,7 @@
 #include <ostream>
 #include <utility>
 
+#include "talvo/serialization/record_support.h"
 #include "talvo/utility/log.h"
 
 namespace talvo::runtime {
@@ -71,6 +72,20 @@ std::uint64_t SaturatedProduct(std::vector<unsigned int> const& dims, unsigned i
 TensorShape::TensorShape(std::vector<unsigned int> dims_, unsigned int data_type_, unsigned int layout_,
                          unsigned int location_, Extra extra_)
     : dims(std::move(dims_)), data_type(data_type_), layout(layout_), location(location_), extra(extra_) {}
+
+void TensorShape::Extra::VisitAttr(std::shared_ptr<Visitor> visitor) {
+  Serializable::VisitAttr(visitor);
+  TALVO_VISIT_FIELD(step_size);
+}
+
+void TensorShape::VisitAttr(std::shared_ptr<Visitor> visitor) {
+  Serializable::VisitAttr(visitor);
+  TALVO_VISIT_FIELD(dims);
+  TALVO_VISIT_FIELD(data_type);
+  TALVO_VISIT_FIELD(layout);
+  TALVO_VISIT_FIELD(location);
+  TALVO_VISIT_FIELD(extra);
+}
 
 unsigned int ElementCount(std::vector<unsigned int> const& dims) {
   std::uint64_t const count = SaturatedProduct(dims, 1);

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "talvo/serialization/serializable.h"
 #include "talvo/utility/export.h"
 #include "talvo/utility/invariant.h"
 
@@ -15,8 +16,9 @@ namespace talvo::runtime {
 
 class Device;
 
-/// Dimensions, element type, meaning of the axes, place and quantisation step of a tensor. A plain value.
-class TALVO_API TensorShape {
+/// Dimensions, element type, meaning of the axes, place and quantisation step of a tensor. A plain value, and a record
+/// that model files may hold.
+class TALVO_API TensorShape : public Serializable {
  public:
   enum DataType : unsigned int {
     FLOAT32 = 0,
@@ -82,8 +84,10 @@ class TALVO_API TensorShape {
   };
 
   /// What a shape says beyond its axes.
-  class TALVO_API Extra {
+  class TALVO_API Extra : public Serializable {
    public:
+    void VisitAttr(std::shared_ptr<Visitor> visitor) override;
+
     /// Quantisation exponent: a fixed-point tensor holds round(x * 2^step_size). 0 for float tensors.
     short step_size = 0;
   };
@@ -92,6 +96,8 @@ class TALVO_API TensorShape {
   TensorShape() = default;
   TensorShape(std::vector<unsigned int> dims, unsigned int data_type, unsigned int layout, unsigned int location,
               Extra extra);
+
+  void VisitAttr(std::shared_ptr<Visitor> visitor) override;
 
   std::vector<unsigned int> dims;  // extent of each axis, outermost first
   unsigned int data_type = FLOAT32;

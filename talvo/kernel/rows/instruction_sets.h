@@ -10,6 +10,13 @@
 /// vectors by reference, and use no lambdas: they would be functions of the baseline.
 #define TALVO_ROWS_INLINE inline __attribute__((always_inline))
 
+/// Before a loop of few steps whose vectors are to stay in registers.
+#if defined(__clang__)
+#define TALVO_ROWS_UNROLL _Pragma("clang loop unroll(full)")
+#else
+#define TALVO_ROWS_UNROLL _Pragma("GCC unroll 16")
+#endif
+
 // A target names no instruction that fuses, except that AVX-512 cannot be had without: -ffp-contract=off holds there.
 #if defined(__x86_64__)
 #define TALVO_ROWS_TARGET_AVX2 __attribute__((target("avx2")))

@@ -8,12 +8,17 @@
 
 namespace talvo::kernel::rows {
 
-/// A vector of kLanes floats, 1, 2, 4, 8 or 16.
+/// A vector of kLanes floats, 1, 4, 8 or 16.
 template <int kLanes>
 struct VectorOf {
   // g++ drops a dependent attribute in a `using`.
   typedef float Type __attribute__((vector_size(sizeof(float) * kLanes)));
   typedef float Unaligned __attribute__((vector_size(sizeof(float) * kLanes), aligned(sizeof(float)), may_alias));
+};
+template <>
+struct VectorOf<1> {
+  using Type = float;
+  using Unaligned = float;
 };
 template <int kLanes>
 using Vector = typename VectorOf<kLanes>::Type;
@@ -30,10 +35,12 @@ TALVO_ROWS_INLINE void Store(Vector<kLanes> const& v, float* p) {
   *reinterpret_cast<typename VectorOf<kLanes>::Unaligned*>(p) = v;
 }
 
-/// x in every lane, bit by bit.
+/// x in every lane.
 template <int kLanes>
 TALVO_ROWS_INLINE void Splat(float x, Vector<kLanes>& v) {
-  for (int lane = 0; lane < kLanes; ++lane) v[lane] = x;
+  Vector<kLanes> const zero = {};
+  Vector<kLanes> const all = x - zero;  // also for -0.0f
+  v = all;
 }
 
 /// low = a[0], b[0], a[1], b[1], ..., high = the same of the upper halves.

@@ -1,0 +1,58 @@
+// The inner parts of direct convolution, transposed or not. Every result is summed in the order of the plain loops;
+// what is spread over lanes and registers are independent results. Lengths and strides are in floats.
+#pragma once
+
+#include <cstddef>
+
+#include "talvo/kernel/rows/instruction_sets.h"
+
+namespace talvo::kernel::rows {
+
+/// One tap of a kernel: where its input lies, from the address of the output position, and where its weight lies.
+struct Tap {
+  std::size_t input, weight;
+};
+
+/// How the products of one input channel reach the result.
+enum class Association { kSumOfChannel, kEachProduct };
+
+/// A block of output channels, its lanes, at some output positions. Result [position][lane] goes on from what it holds:
+/// channel after channel, kSumOfChannel adds the sum of the taps' products, kEachProduct each product by itself. A sum
+/// of a channel starts at the first product, so that a result of -0.0f must not come in there.
+struct TileRun {
+  Association association;
+  std::size_t lanes;                  // ActiveLanes() or twice as many
+  float const* const* columns;        // [positions]: the input of each position in the first channel
+  std::size_t positions;              // 1 or more
+  std::size_t channels, input_plane;  // input channels, and from one to the next
+  Tap const* taps;                    // in the order of summation
+  std::size_t tap_count;              // 1 or more
+  float const* weights;               // the first channel's; weights + taps[t].weight has all lanes
+  std::size_t weight_plane;           // from one input channel to the next
+  float* results;                     // the first position's lanes
+  std::size_t result_step;            // from one position to the next
+};
+extern Primitive<void(TileRun const&)> const RunTiles;
+
+/// One output channel, whose lanes are columns: results [row][column] = start + the sums of its input channels, one
+/// after the other. Column x of row y reads its tap t at input + taps[t].input + y * input_row + x.
+struct PlaneRun {
+  float const* input;                            // first channel
+  std::size_t channels, input_plane, input_row;  // to the next channel, to the input of the next output row
+  Tap const* taps;                               // in the order of summation; `weight` counts within a channel
+  std::size_t tap_count;                         // 1 or more
+  float const* weights;                          // [channels][tap_count]
+  float start;                                   // not -0.0f
+  float* results;
+  std::size_t rows, columns;  // 1 or more each; rows of results lie side by side
+};
+extern Primitive<void(PlaneRun const&)> const RunPlane;
+
+/// to[c * to_stride + r] = from[r * from_stride + c] for r < rows, c < columns; the ranges do not overlap.
+extern Primitive<void(float const* from, std::size_t from_stride, std::size_t rows, std::size_t columns, float* to,
+                      std::size_t to_stride)> const TransposeRows;
+
+/// even[i] = from[2 i], odd[i] = from[2 i + 1] for all that lie below `count`; the ranges do not overlap.
+extern Primitive<void(float const* from, std::size_t count, float* even, float* odd)> const SplitRow;
+
+}  // namespace talvo::kernel::rows

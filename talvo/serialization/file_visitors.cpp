@@ -1,0 +1,213 @@
+#include "talvo/serialization/file_visitors.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <iterator>
+#include <limits>
+#include <typeinfo>
+
+#include "talvo/serialization/serializable.h"
+#include "talvo/utility/log.h"
+
+namespace talvo::runtime {
+namespace {
+
+// Up to this many bytes memory is taken before it is known whether the stream holds them.
+constexpr std::size_t kTrustedBytes = std::size_t{1} << 16;
+
+std::FILE* Open(char const* path, char const* mode) {
+  utility::Assert(path != nullptr, "cannot open a file without a path");
+  std::FILE* const stream = std::fopen(path, mode);
+  utility::Assert(stream != nullptr, "cannot open the file %s as \"%s\"", path, mode);
+  return stream;
+}
+
+template <class T>
+constexpr char const* NameOf(T const*) {
+  return typeid(T).name();
+}
+
+}  // namespace
+
+FILEWriter::FILEWriter(char const* path) : FILEWriter(Open(path, "wb"), true) { borrowed_ = false; }
+
+FILEWriter::FILEWriter(std::FILE* stream, bool write_version) : stream_(stream), borrowed_(true) {
+  utility::Assert(stream != nullptr, "cant construct FILEWriter object using a NULL ptr.");
+  if (write_version) std::fwrite(&_serialization_protocol_version, sizeof _serialization_protocol_version, 1, stream);
+}
+
+FILEWriter::~FILEWriter() {
+  if (!borrowed_) std::fclose(stream_);
+}
+
+void FILEWriter::Put(void const* data, std::size_t element_bytes, std::size_t count, char const* type_name) {
+  if (std::fwrite(data, element_bytes, count, stream_) != count)
+    utility::Assert(false, "failed to write a %s value, error code is %d.\n", type_name, std::ferror(stream_));
+}
+
+void FILEWriter::PutCount(std::size_t count) {
+  unsigned long long const wide = count;
+  if (std::fwrite(&wide, sizeof wide, 1, stream_) != 1)
+    utility::Assert(false, "failed to write the %s value, error code is %d.\n", NameOf(&wide), std::ferror(stream_));
+}
+
+template <class T>
+void FILEWriter::Write(T const* value) {
+  Put(value, sizeof *value, 1, NameOf(value));
+}
+
+template <class T>
+void FILEWriter::Write(std::vector<T> const* values) {
+  PutCount(values->size());
+  Put(values->data(), sizeof(T), values->size(), NameOf(values));
+}
+
+void FILEWriter::Write(std::string const* text) {
+  PutCount(text->size());
+  Put(text->data(), 1, text->size(), NameOf(text));
+}
+
+void FILEWriter::Write(std::vector<std::string>* texts) {
+  PutCount(texts->size());
+  for (std::string& text : *texts) Visit(&text, nullptr);
+}
+
+void FILEWriter::Write(std::vector<std::vector<unsigned short>> const* rows) {
+  PutCount(rows->size());
+  for (std::vector<unsigned short> const& row : *rows) {
+    PutCount(row.size());
+    Put(row.data(), sizeof(unsigned short), row.size(), NameOf(rows));
+  }
+}
+
+void FILEWriter::Write(Serializable* record) { record->VisitAttr(std::make_shared<FILEWriter>(stream_, false)); }
+
+#define TALVO_VISIT(type)                                                                    \
+  void FILEWriter::Visit(type* value, char const*) {                                         \
+    utility::Assert(value != nullptr, "cannot write a %s value from a null pointer", #type); \
+    Write(value);                                                                            \
+  }
+TALVO_FOR_EACH_VISITED_TYPE(TALVO_VISIT)
+#undef TALVO_VISIT
+
+FILEReader::FILEReader(char const* path) : stream_(Open(path, "rb")), borrowed_(false) { ReadVersion(); }
+
+FILEReader::FILEReader(std::FILE* stream, unsigned int version) : stream_(stream), borrowed_(true) {
+  utility::Assert(stream != nullptr, "cant construct FILEReader object using a NULL ptr.");
+  if (version != 0) {
+    _serialization_protocol_version = version;
+    return;
+  }
+  ReadVersion();
+  utility::Assert(_serialization_protocol_version <= __SERIALIZATION_PROTOCOL_VERSION__,
+                  "_serialization_protocol_version > __SERIALIZATION_PROTOCOL_VERSION__.");
+  utility::Assert(_serialization_protocol_version != 0, "_serialization_protocol_version is 0, no version of a file.");
+}
+
+FILEReader::~FILEReader() {
+  if (!borrowed_) std::fclose(stream_);
+}
+
+void FILEReader::ReadVersion() {
+  unsigned int version;
+  if (std::fread(&version, sizeof version, 1, stream_) == 1) _serialization_protocol_version = version;
+}
+
+void FILEReader::Require(bool condition, char const* type_name) const {
+  if (!condition)
+    utility::Assert(false, "failed to read a %s value, error code is %d.\n", type_name, std::ferror(stream_));
+}
+
+void FILEReader::Get(void* data, std::size_t element_bytes, std::size_t count, char const* type_name) {
+  Require(std::fread(data, element_bytes, count, stream_) == count, type_name);
+}
+
+unsigned long long FILEReader::GetCount() {
+  unsigned long long count = 0;
+  Read(&count);
+  return count;
+}
+
+// Whether the stream may hold `count` elements; `known` tells that it does, and only a regular file can tell.
+bool FILEReader::EnoughLeft(unsigned long long count, std::size_t element_bytes, bool* known) const {
+  *known = count <= kTrustedBytes / element_bytes;
+  struct stat status;
+  if (*known || fstat(fileno(stream_), &status) != 0 || !S_ISREG(status.st_mode)) return true;
+  off_t const position = ftello(stream_);
+  if (position < 0) return true;
+  *known = true;
+  return position <= status.st_size &&
+         count <= static_cast<unsigned long long>(status.st_size - position) / element_bytes;
+}
+
+template <class Container>
+void FILEReader::GetElements(Container* target, unsigned long long count) {
+  using Element = typename Container::value_type;
+  bool known;
+  Require(EnoughLeft(count, sizeof(Element), &known), NameOf(target));
+  target->clear();
+  for (std::size_t done = 0; done < count;) {
+    unsigned long long const piece = std::max(done, kTrustedBytes / sizeof(Element));
+    std::size_t const step = static_cast<std::size_t>(known ? count : std::min(count - done, piece));
+    target->resize(done + step);
+    Get(target->data() + done, sizeof(Element), step, NameOf(target));
+    done += step;
+  }
+}
+
+template <class T>
+void FILEReader::Read(T* value) {
+  Get(value, sizeof *value, 1, NameOf(value));
+}
+
+void FILEReader::Read(bool* value) {
+  unsigned char byte = 0;  // other bytes than 0 and 1 are no bool
+  Get(&byte, sizeof byte, 1, NameOf(value));
+  *value = byte != 0;
+}
+
+template <class T>
+void FILEReader::Read(std::vector<T>* values) {
+  GetElements(values, GetCount());
+}
+
+void FILEReader::Read(std::string* text) { GetElements(text, GetCount()); }
+
+void FILEReader::Read(std::vector<std::string>* texts) {
+  unsigned long long const count = GetCount();
+  texts->clear();
+  for (unsigned long long i = 0; i < count; ++i) {
+    std::string text;
+    Visit(&text, nullptr);
+    texts->push_back(std::move(text));
+  }
+}
+
+// The stream's lists follow as many others as there are of them, which are empty in a fresh field; empty ones are
+// dropped. Files depend on it.
+void FILEReader::Read(std::vector<std::vector<unsigned short>>* rows) {
+  unsigned long long const count = GetCount();
+  std::vector<std::vector<unsigned short>> filled;
+  for (unsigned long long i = 0; i < count; ++i) {
+    std::vector<unsigned short> row;
+    Read(&row);
+    if (!row.empty()) filled.push_back(std::move(row));
+  }
+  rows->resize(static_cast<std::size_t>(count));
+  rows->insert(rows->end(), std::make_move_iterator(filled.begin()), std::make_move_iterator(filled.end()));
+}
+
+void FILEReader::Read(Serializable* record) {
+  record->VisitAttr(std::make_shared<FILEReader>(stream_, _serialization_protocol_version));
+}
+
+#define TALVO_VISIT(type)                                                                 \
+  void FILEReader::Visit(type* value, char const*) {                                      \
+    utility::Assert(value != nullptr, "cannot read a %s value to a null pointer", #type); \
+    Read(value);                                                                          \
+  }
+TALVO_FOR_EACH_VISITED_TYPE(TALVO_VISIT)
+#undef TALVO_VISIT
+
+}  // namespace talvo::runtime

@@ -1,0 +1,86 @@
+// The two visitors of the binary stream: a version word, then the values of the walk without keys, tags or padding, in
+// the byte order of the processor. Texts and vectors stand behind a 64-bit count; a nested record stands inline.
+#pragma once
+
+#include <cstddef>
+#include <cstdio>
+#include <string>
+
+#include "talvo/serialization/visitor.h"
+#include "talvo/utility/export.h"
+
+namespace talvo::runtime {
+
+/// Writes records. Assert: bytes that the stream does not take, a null record.
+class TALVO_API FILEWriter : public Visitor {
+ public:
+  /// Opens the file and writes the version word; closes it when it goes. Assert: a path that cannot be opened.
+  explicit FILEWriter(char const* path);
+  /// Borrows the stream, which must not be null.
+  FILEWriter(std::FILE* stream, bool write_version);
+  ~FILEWriter() override;
+
+#define TALVO_VISIT(type) void Visit(type* value, char const* key) override;
+  TALVO_FOR_EACH_VISITED_TYPE(TALVO_VISIT)
+#undef TALVO_VISIT
+
+ private:
+  friend TALVO_API void WriteWeightBlob(FILEWriter& writer, std::string const& text);
+
+  void Put(void const* data, std::size_t element_bytes, std::size_t count, char const* type_name);
+  void PutCount(std::size_t count);
+  template <class T>
+  void Write(T const* value);
+  template <class T>
+  void Write(std::vector<T> const* values);
+  void Write(std::string const* text);
+  void Write(std::vector<std::string>* texts);
+  void Write(std::vector<std::vector<unsigned short>> const* rows);
+  void Write(Serializable* record);
+
+  std::FILE* stream_;
+  bool borrowed_;
+};
+
+/// Reads records. What it reads replaces what a field held, but for lists of lists. Assert: a stream that ends early, a
+/// count larger than what is left, which is refused before memory is taken for it.
+class TALVO_API FILEReader : public Visitor {
+ public:
+  /// Opens the file and reads the version word, whatever it is; closes it when it goes. Assert: a path that cannot be
+  /// opened.
+  explicit FILEReader(char const* path);
+  /// Borrows the stream. With `version` 0 it reads the version word, which leaves the newest version where the stream
+  /// is shorter than that; otherwise it takes `version` and reads nothing. Assert: a null stream, a version word that
+  /// is 0 or newer than this library.
+  FILEReader(std::FILE* stream, unsigned int version);
+  ~FILEReader() override;
+
+#define TALVO_VISIT(type) void Visit(type* value, char const* key) override;
+  TALVO_FOR_EACH_VISITED_TYPE(TALVO_VISIT)
+#undef TALVO_VISIT
+
+ private:
+  friend TALVO_API void ReadWeightBlob(FILEReader& reader, std::string& text);
+
+  void ReadVersion();
+  void Get(void* data, std::size_t element_bytes, std::size_t count, char const* type_name);
+  void Require(bool condition, char const* type_name) const;
+  unsigned long long GetCount();
+  bool EnoughLeft(unsigned long long count, std::size_t element_bytes, bool* known) const;
+  template <class Container>
+  void GetElements(Container* target, unsigned long long count);
+  template <class T>
+  void Read(T* value);
+  void Read(bool* value);
+  template <class T>
+  void Read(std::vector<T>* values);
+  void Read(std::string* text);
+  void Read(std::vector<std::string>* texts);
+  void Read(std::vector<std::vector<unsigned short>>* rows);
+  void Read(Serializable* record);
+
+  std::FILE* stream_;
+  bool borrowed_;
+};
+
+}  // namespace talvo::runtime

@@ -1,0 +1,135 @@
+#include "talvo/serialization/rapidjson_include.h"
+
+#include "talvo/serialization/model_info.h"
+
+#include <algorithm>
+#include <unordered_set>
+
+#include "talvo/serialization/json_document_support.h"
+#include "talvo/serialization/layer_info_maker_support.h"
+#include "talvo/serialization/record_support.h"
+#include "talvo/utility/json_file.h"
+
+namespace talvo::runtime {
+
+void TimeInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
+  Serializable::VisitAttr(visitor);
+  TALVO_VISIT_FIELD(year);
+  TALVO_VISIT_FIELD(moon);
+  TALVO_VISIT_FIELD(day);
+  TALVO_VISIT_FIELD(hour);
+  TALVO_VISIT_FIELD(min);
+  TALVO_VISIT_FIELD(sec);
+}
+
+void NetExtraInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
+  Serializable::VisitAttr(visitor);
+  TALVO_VISIT_FIELD(version);
+  TALVO_VISIT_FIELD(app_type);
+  TALVO_VISIT_FIELD(model_id);
+  TALVO_VISIT_FIELD(model_base_h);
+  TALVO_VISIT_FIELD(model_base_w);
+  if (visitor->_serialization_protocol_version <= 20006) {
+    unsigned int fmlas_32_bit = 0;
+    visitor->Visit(&fmlas_32_bit, "fmlas");
+    fmlas = fmlas_32_bit;
+  } else {
+    TALVO_VISIT_FIELD(fmlas);
+  }
+  TALVO_VISIT_FIELD(time);
+  TALVO_VISIT_FIELD(device);
+  if (visitor->_serialization_protocol_version >= 20004) TALVO_VISIT_FIELD(summary);
+}
+
+void TensorInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
+  Serializable::VisitAttr(visitor);
+  TALVO_VISIT_FIELD(shape);
+  TALVO_VISIT_FIELD(dtype);
+  TALVO_VISIT_FIELD(data);
+  TALVO_VISIT_FIELD(layout);
+}
+
+void TLModelInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
+  utility::Assert(visitor->_serialization_protocol_version <= __SERIALIZATION_PROTOCOL_VERSION__, nullptr);
+  Serializable::VisitAttr(visitor);
+  TALVO_VISIT_FIELD(squential_output_ids);
+  TALVO_VISIT_FIELD(extra_info);
+  TALVO_VISIT_FIELD(squential_ids);
+  TALVO_VISIT_FIELD(squential_types);
+  utility::Assert(squential_ids.size() == squential_types.size(), "Length of layer id and type mismatch.");
+  support::AssertFewRepeats(squential_ids);
+  for (std::size_t i = 0; i < squential_ids.size(); ++i) {
+    std::string const& id = squential_ids[i];
+    unsigned short const type = squential_types[i];
+    auto place = layers.find(id);
+    if (place == layers.end()) {
+      place = layers.emplace(id, support::MakeLayerInfo(type)).first;
+      place->second->type = type;
+    }
+    LayerInfo* const layer = place->second.get();
+    visitor->Visit(layer, id.c_str());
+    if (layer->type != type) {
+      utility::Log(8, "This TLModelInfo may be a old vesion file, please verify it.");
+      layer->type = type;
+    }
+  }
+}
+
+std::vector<std::string> TLModelInfo::GetInputIDs() {
+  utility::Assert(squential_ids.size() == squential_types.size(), "Length of layer id and type mismatch.");
+  std::vector<std::string> ids;
+  for (std::size_t i = 0; i < squential_ids.size(); ++i) {
+    if (squential_types[i] == 0) ids.push_back(squential_ids[i]);
+  }
+  return ids;
+}
+
+std::vector<std::string> TLModelInfo::GetOutputIDs() {
+  for (auto const& [id, layer] : layers) {
+    utility::Assert(layer != nullptr, "model: layer \"%s\" has no record", id.c_str());
+    layer->read_count = 0;
+  }
+  for (auto const& entry : layers) {
+    for (std::string const& id : entry.second->input_ids) ++layers.at(id)->read_count;
+  }
+  std::vector<std::string> named, unnamed;
+  std::unordered_set<std::string> seen;
+  for (std::string const& id : squential_ids) {
+    auto const place = layers.find(id);
+    if (place != layers.end() && seen.insert(id).second && place->second->read_count == 0) named.push_back(id);
+  }
+  for (auto const& [id, layer] : layers) {
+    if (layer->read_count == 0 && seen.count(id) == 0) unnamed.push_back(id);
+  }
+  std::sort(unnamed.begin(), unnamed.end());
+  named.insert(named.end(), unnamed.begin(), unnamed.end());
+  return named;
+}
+
+void TLModelInfoArr::VisitAttr(std::shared_ptr<Visitor> visitor) {
+  Serializable::VisitAttr(visitor);
+  support::VisitTable(visitor, squential_ids, "squential_ids", models);
+}
+
+TLNModel::TLNModel()
+    : model_arr(std::make_shared<TLModelInfoArr>()), config_arr(std::make_shared<TLModelMultiBackendCfgsArr>()) {}
+
+void TLNModel::VisitAttr(std::shared_ptr<Visitor> visitor) {
+  TALVO_VISIT_FIELD(sdk_type);
+  TALVO_VISIT_FIELD(core_major_ver);
+  TALVO_VISIT_FIELD(core_minor_ver);
+  TALVO_VISIT_FIELD(sdk_major_ver);
+  TALVO_VISIT_FIELD(sdk_minor_ver);
+  visitor->Visit(model_arr.get(), "model_arr");
+  visitor->Visit(config_arr.get(), "config_arr");
+}
+
+std::shared_ptr<TLModelInfo> parseModelInfoPtrFromJson(char const* path) {
+  auto const model = std::make_shared<TLModelInfo>();
+  support::JSONText const text(utility::ReadJsonFileText(path));
+  utility::Assert(text.Root().IsObject(), "Document must be a Object.");
+  JSONValueTo(text.Root(), model.get());
+  return model;
+}
+
+}  // namespace talvo::runtime

@@ -1,0 +1,42 @@
+// What the VisitAttr of several records share. Internal: not installed.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "talvo/serialization/visitor.h"
+
+/// Visits a field whose key is its name.
+#define TALVO_VISIT_FIELD(field) visitor->Visit(&field, #field)
+
+/// The same for weights; needs weight_blob.h.
+#define TALVO_VISIT_WEIGHTS(field) VisitWeights(*visitor, &field, #field)
+
+namespace talvo::runtime::support {
+
+/// The class name behind the last colon of a name with namespaces.
+std::string BareName(std::string const& name);
+
+/// The name of a class, namespaces included, from its run-time type name.
+std::string Demangled(char const* type_name);
+
+/// Assert: an id that stands more than 8 times. Each occurrence reads the record that the id names once more, and what
+/// JSON reads is appended: without a limit a small file could fill the memory.
+void AssertFewRepeats(std::vector<std::string> const& ids);
+
+/// Visits the list of ids, then for each id its record, which is made where the table has none.
+template <class Record>
+void VisitTable(std::shared_ptr<Visitor> const& visitor, std::vector<std::string>& ids, char const* key,
+                std::unordered_map<std::string, std::shared_ptr<Record>>& table) {
+  visitor->Visit(&ids, key);
+  AssertFewRepeats(ids);
+  for (std::string const& id : ids) {
+    auto const place = table.try_emplace(id);
+    if (place.second) place.first->second = std::make_shared<Record>();
+    visitor->Visit(place.first->second.get(), id.c_str());
+  }
+}
+
+}  // namespace talvo::runtime::support

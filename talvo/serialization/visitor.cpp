@@ -1,0 +1,7 @@
+#include "talvo/serialization/visitor.h"
+
+namespace talvo::runtime {
+
+Visitor::~Visitor() = default;
+
+}  // namespace talvo::runtime
