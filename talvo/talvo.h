@@ -2,9 +2,14 @@
 #pragma once
 
 #include "talvo/entry/create_context.h"
+#include "talvo/kernel/functional/gemm.h"
+#include "talvo/kernel/functional/recurrent.h"
+#include "talvo/kernel/gemm.h"
 #include "talvo/kernel/native/permute.h"
-#include "talvo/runtime/class_registry.h"
+#include "talvo/kernel/native/recurrent.h"
 #include "talvo/kernel/padding.h"
+#include "talvo/kernel/sgemm.h"
+#include "talvo/runtime/class_registry.h"
 #include "talvo/runtime/context.h"
 #include "talvo/runtime/device.h"
 #include "talvo/runtime/device_cpu.h"
