@@ -7,6 +7,8 @@
 #include <limits>
 #include <random>
 
+#include "talvo/utility/base64.h"
+
 namespace talvo::test {
 
 std::vector<float> Floats(std::uint32_t seed, std::size_t count) {
@@ -42,6 +44,10 @@ std::vector<unsigned char> Bytes(std::uint32_t seed, std::size_t count) {
   std::vector<unsigned char> values(count);
   for (unsigned char& value : values) value = static_cast<unsigned char>(random() >> 24);
   return values;
+}
+
+std::string WeightText(std::vector<float> const& values) {
+  return runtime::Base64Encode(reinterpret_cast<unsigned char const*>(values.data()), values.size() * sizeof(float));
 }
 
 void ExpectSameBits(float const* want, float const* got, std::size_t count) {

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 namespace talvo::test {
@@ -15,6 +16,9 @@ std::vector<float> SpecialFloats(std::uint32_t seed, std::size_t count);
 
 /// `count` bytes, the same for the same seed on every machine.
 std::vector<unsigned char> Bytes(std::uint32_t seed, std::size_t count);
+
+/// The text in which layer records hold weights.
+std::string WeightText(std::vector<float> const& values);
 
 /// Fails the test at the first difference in the bits; two NaNs count as equal.
 void ExpectSameBits(std::vector<float> const& want, std::vector<float> const& got);

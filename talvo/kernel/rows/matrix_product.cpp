@@ -1,0 +1,160 @@
+#include "talvo/kernel/rows/matrix_product.h"
+
+#include <algorithm>
+
+#include "talvo/kernel/rows/vectors.h"
+#include "talvo/utility/restrict.h"
+
+namespace talvo::kernel::rows {
+namespace {
+
+// acc += the products of kLanes columns with x, in the order of the columns. The products are turned, not the weights:
+// x then enters as one vector.
+template <int kLanes>
+TALVO_ROWS_INLINE void AddSquare(float const* weight, std::size_t stride, float const* x, Vector<kLanes>& acc) {
+  Vector<kLanes> products[kLanes], xs;
+  Load<kLanes>(x, xs);
+  for (std::size_t r = 0; r < kLanes; ++r) {
+    Load<kLanes>(weight + r * stride, products[r]);
+    products[r] *= xs;
+  }
+  TransposeSquare<kLanes>(products);
+  for (std::size_t i = 0; i < kLanes; ++i) acc += products[i];
+}
+
+// Outputs 0 .. kLanes.
+template <int kLanes>
+TALVO_ROWS_INLINE void SumRows(float const* weight, float const* x, float const* bias, std::size_t inputs, float* y) {
+  Vector<kLanes> acc = {};
+  if (bias != nullptr) Load<kLanes>(bias, acc);
+  std::size_t i = 0;
+  for (; i + kLanes <= inputs; i += kLanes) AddSquare<kLanes>(weight + i, inputs, x + i, acc);
+  for (; i < inputs; ++i) {
+    Vector<kLanes> column, xs;
+    for (std::size_t r = 0; r < kLanes; ++r) column[r] = weight[r * inputs + i];
+    Splat<kLanes>(x[i], xs);
+    acc += column * xs;
+  }
+  Store<kLanes>(acc, y);
+}
+
+TALVO_ROWS_INLINE void SumRowsPlain(float const* weight, float const* x, float const* bias, std::size_t outputs,
+                                    std::size_t inputs, float* y) {
+  for (std::size_t o = 0; o < outputs; ++o) {
+    float sum = bias != nullptr ? bias[o] : 0.0f;
+    for (std::size_t i = 0; i < inputs; ++i) sum += weight[o * inputs + i] * x[i];
+    y[o] = sum;
+  }
+}
+
+// The last group of rows reaches back into the one before, so that it is whole.
+template <int kLanes>
+TALVO_ROWS_INLINE void SumAllRows(float const* weight, float const* x, float const* bias, std::size_t outputs,
+                                  std::size_t inputs, float* y) {
+  if (outputs >= kLanes) {
+    for (std::size_t next = 0; next < outputs; next += kLanes) {
+      std::size_t const o = std::min<std::size_t>(next, outputs - kLanes);
+      SumRows<kLanes>(weight + o * inputs, x, bias != nullptr ? bias + o : nullptr, inputs, y + o);
+    }
+  } else if constexpr (kLanes > Baseline::kLanes) {
+    SumAllRows<kLanes / 2>(weight, x, bias, outputs, inputs, y);
+  } else {
+    SumRowsPlain(weight, x, bias, outputs, inputs, y);
+  }
+}
+
+struct MatrixVectorBody {
+  template <class Set>
+  static TALVO_ROWS_INLINE void Run(float const* weight, float const* x, float const* bias, std::size_t outputs,
+                                    std::size_t inputs, float* y) {
+    SumAllRows<Set::kLanes>(weight, x, bias, outputs, inputs, y);
+  }
+};
+
+struct PackWeightsBody {
+  template <class Set>
+  static TALVO_ROWS_INLINE void Run(float const* weight, std::size_t outputs, std::size_t inputs, float* packed) {
+    for (std::size_t o = 0; o < outputs; o += kPackedBlock) {
+      std::size_t const rows = std::min(kPackedBlock, outputs - o), width = PackedOutputs(rows);
+      if (width != rows) std::fill_n(packed, width * inputs, 0.0f);
+      Transpose<Set::kLanes>(weight + o * inputs, inputs, rows, inputs, packed, width);
+      packed += width * inputs;
+    }
+  }
+};
+
+// A tile: kRows rows of x by kVectors vectors of outputs, all sums in registers. `width` is the pitch of `weight`.
+template <int kLanes, int kRows, int kVectors>
+TALVO_ROWS_INLINE void Tile(float const* TALVO_RESTRICT weight, std::size_t width, float const* TALVO_RESTRICT x,
+                            float const* TALVO_RESTRICT bias, std::size_t inputs, float* TALVO_RESTRICT y,
+                            std::size_t y_stride) {
+  Vector<kLanes> acc[kRows][kVectors];
+  for (int v = 0; v < kVectors; ++v) {
+    for (int r = 0; r < kRows; ++r) Load<kLanes>(bias + v * kLanes, acc[r][v]);
+  }
+  for (std::size_t i = 0; i < inputs; ++i, weight += width) {
+    Vector<kLanes> w[kVectors];
+    for (int v = 0; v < kVectors; ++v) Load<kLanes>(weight + v * kLanes, w[v]);
+    for (std::size_t r = 0; r < kRows; ++r) {
+      Vector<kLanes> xs;
+      Splat<kLanes>(x[r * inputs + i], xs);
+      for (int v = 0; v < kVectors; ++v) acc[r][v] += w[v] * xs;
+    }
+  }
+  for (std::size_t r = 0; r < kRows; ++r) {
+    for (int v = 0; v < kVectors; ++v) Store<kLanes>(acc[r][v], y + r * y_stride + v * kLanes);
+  }
+}
+
+// All rows by kVectors vectors of outputs, `count` of which exist.
+template <class Set, int kVectors>
+TALVO_ROWS_INLINE void Column(float const* weight, std::size_t width, float const* x, float const* bias,
+                              std::size_t count, std::size_t rows, std::size_t inputs, float* y, std::size_t y_stride) {
+  constexpr std::size_t kWidth = kVectors * Set::kLanes;
+  constexpr int kRows = Set::kRegisters / 8;
+  float first[kWidth] = {};
+  if (bias != nullptr) std::copy_n(bias, count, first);
+  std::size_t r = 0;
+  for (; count == kWidth && r + kRows <= rows; r += kRows) {
+    Tile<Set::kLanes, kRows, kVectors>(weight, width, x + r * inputs, first, inputs, y + r * y_stride, y_stride);
+  }
+  for (; r < rows; ++r) {
+    float last[kWidth];
+    Tile<Set::kLanes, 1, kVectors>(weight, width, x + r * inputs, first, inputs, last, kWidth);
+    std::copy_n(last, count, y + r * y_stride);
+  }
+}
+
+struct PackedProductBody {
+  template <class Set>
+  static TALVO_ROWS_INLINE void Run(float const* packed, float const* x, float const* bias, std::size_t rows,
+                                    std::size_t outputs, std::size_t inputs, float* y) {
+    constexpr std::size_t kWide = 4 * Set::kLanes;
+    for (std::size_t o = 0; o < outputs; o += kPackedBlock) {
+      std::size_t const width = PackedOutputs(std::min(kPackedBlock, outputs - o));
+      for (std::size_t j = 0; j < width && o + j < outputs;) {
+        float const* const start = bias != nullptr ? bias + o + j : nullptr;
+        std::size_t const left = outputs - o - j;
+        if (left >= kWide) {
+          Column<Set, 4>(packed + j, width, x, start, kWide, rows, inputs, y + o + j, outputs);
+          j += kWide;
+        } else {
+          Column<Set, 1>(packed + j, width, x, start, std::min<std::size_t>(left, Set::kLanes), rows, inputs, y + o + j,
+                         outputs);
+          j += Set::kLanes;
+        }
+      }
+      packed += width * inputs;
+    }
+  }
+};
+
+}  // namespace
+
+Primitive<void(float const*, float const*, float const*, std::size_t, std::size_t, float*)> const MatrixVector{
+    MatrixVectorBody()};
+Primitive<void(float const*, std::size_t, std::size_t, float*)> const PackWeights{PackWeightsBody()};
+Primitive<void(float const*, float const*, float const*, std::size_t, std::size_t, std::size_t, float*)> const
+    PackedProduct{PackedProductBody()};
+
+}  // namespace talvo::kernel::rows
