@@ -1,25 +1,91 @@
 #include "talvo/entry/register_operators.h"
 
-#include <string>
+#include "talvo/kernel/activation.h"
+#include "talvo/kernel/convolution.h"
+#include "talvo/kernel/elementwise.h"
+#include "talvo/kernel/gemm.h"
+#include "talvo/kernel/pooling.h"
+#include "talvo/kernel/structural.h"
 
 namespace talvo::utility {
 namespace {
 
-using KernelRegistry = runtime::ClassRegistry<std::shared_ptr<runtime::IKernel>>;
-using ParamRegistry = runtime::ClassRegistry<std::shared_ptr<runtime::InferenceParam>>;
+template <class Base>
+struct Entry {
+  char const* name;
+  std::shared_ptr<Base> (*make)();
+};
 
 template <class Base, class Class>
-void Add(runtime::ClassRegistry<std::shared_ptr<Base>>& registry, char const* name) {
-  registry.Register(
-      name, [] { return std::shared_ptr<Base>(std::make_shared<Class>()); }, false);
+std::shared_ptr<Base> Make() {
+  return std::make_shared<Class>();
 }
 
-void RegisterInferenceParams(ParamRegistry& params) {
-  Add<runtime::InferenceParam, runtime::InferenceParamConv2DQuant>(params, "InferenceParamConv2DQuant");
+// The registered name is the class's.
+#define TALVO_KERNEL(Class) \
+  { #Class, Make < runtime::IKernel, kernel::Class> }
+
+// Kernels of every build.
+constexpr Entry<runtime::IKernel> kCommonOperators[] = {
+    TALVO_KERNEL(Input_Fallback_M1),
+    TALVO_KERNEL(Concatenate_MainMemory_Fallback),
+    TALVO_KERNEL(BroadcastOperator_Fallback_Float_M1),
+    TALVO_KERNEL(HSigmoid_Fallback_Float_M1),
+    TALVO_KERNEL(HSwish_Fallback_Float_M1),
+};
+
+// Portable kernels.
+constexpr Entry<runtime::IKernel> kFallbackOperators[] = {
+    TALVO_KERNEL(Straight_Through_Fallback_M1),
+    TALVO_KERNEL(LayerPlaceholder_Fallback_Float_M1),
+    TALVO_KERNEL(Conv2D_Knxm_Snxm_Dnxm_Gn_Fallback_CHW_Float_M1),
+    TALVO_KERNEL(Conv1D_Kn_Sn_Dn_Gn_Fallback_CL_Float_M1),
+    TALVO_KERNEL(ReLU_Fallback_Float_M1),
+    TALVO_KERNEL(ReLU6_Fallback_Float_M1),
+    TALVO_KERNEL(Sigmoid_Fallback_Float_M1),
+    TALVO_KERNEL(TanH_Fallback_Float_M1),
+    TALVO_KERNEL(Leaky_Fallback_Float_M1),
+    TALVO_KERNEL(PReLU_Fallback_Float_M1),
+    TALVO_KERNEL(Elementwise_Fallback_Float_M1),
+    TALVO_KERNEL(Pooling2D_Avg_Fallback_Float_M1),
+    TALVO_KERNEL(AdaptivePooling2D_Avg_Fallback_CHW_Float_M1),
+    TALVO_KERNEL(Pooling2D_Max_Fallback_Float_M1),
+    TALVO_KERNEL(FullConnection_Fallback_C_Float_M1),
+    TALVO_KERNEL(Softmax_Fallback_Float_M1),
+    TALVO_KERNEL(Concatenate_C_Fallback_CnHWn_M1),
+    TALVO_KERNEL(ConvTranspose2D_Knxm_Snxm_Dnxm_Gn_Fallback_CHW_Float_M1),
+    TALVO_KERNEL(Expand_Fallback_CHW_Float_M1),
+    TALVO_KERNEL(TensorArithmetic_Fallback_M1),
+    TALVO_KERNEL(Linear_Fallback_Float_M1),
+    TALVO_KERNEL(UnSqueeze_Fallback_M1),
+    TALVO_KERNEL(Slice_Fallback_CHW_Float_M1),
+};
+
+// Kernels on the matrix product.
+constexpr Entry<runtime::IKernel> kSGEMMOperators[] = {
+    TALVO_KERNEL(Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1),
+    TALVO_KERNEL(FullConnection_SGEMM_C_Float_M1),
+};
+
+#undef TALVO_KERNEL
+
+constexpr Entry<runtime::InferenceParam> kInferenceParams[] = {
+    {"InferenceParamConv2DQuant", Make<runtime::InferenceParam, runtime::InferenceParamConv2DQuant>},
+};
+
+template <class Base, std::size_t kCount>
+void RegisterAll(Entry<Base> const (&entries)[kCount], runtime::ClassRegistry<std::shared_ptr<Base>>& registry) {
+  for (auto const& entry : entries) registry.Register(entry.name, entry.make, false);
 }
 
 }  // namespace
 
-void init_register_operators(KernelRegistry&, ParamRegistry& params) { RegisterInferenceParams(params); }
+void init_register_operators(runtime::ClassRegistry<std::shared_ptr<runtime::IKernel>>& kernels,
+                             runtime::ClassRegistry<std::shared_ptr<runtime::InferenceParam>>& params) {
+  RegisterAll(kCommonOperators, kernels);
+  RegisterAll(kFallbackOperators, kernels);
+  RegisterAll(kSGEMMOperators, kernels);
+  RegisterAll(kInferenceParams, params);
+}
 
 }  // namespace talvo::utility

@@ -18,8 +18,8 @@ constexpr std::size_t kPackedBlock = 64;
 /// The outputs for which PackWeights writes weights: `outputs` rounded up to kMaxLanes.
 constexpr std::size_t PackedOutputs(std::size_t outputs) { return (outputs + kMaxLanes - 1) / kMaxLanes * kMaxLanes; }
 
-/// Orders weight [outputs, inputs], of 1 input or more, by block, input, output within the block. packed [PackedOutputs(outputs) * inputs];
-/// what is beyond `outputs` is 0.
+/// Orders weight [outputs, inputs], of 1 input or more, by block, input, output within the block. packed
+/// [PackedOutputs(outputs) * inputs]; what is beyond `outputs` is 0.
 extern Primitive<void(float const* weight, std::size_t outputs, std::size_t inputs, float* packed)> const PackWeights;
 
 /// MatrixVector for each row of x [rows, inputs], on packed weights; y [rows, outputs] has the same bits.
