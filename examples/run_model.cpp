@@ -39,20 +39,22 @@ int Run(std::string const& path) {
 
   // 4. Build the net of one model from its records.
   runtime::TLNModel file;
-  if (!file.FromFile(path.c_str(), path.back() == 'n' ? "json" : "bin") || packages.empty()) return 1;
+  bool const is_json = path.size() > 5 && path.compare(path.size() - 5, 5, ".json") == 0;
+  if (!file.FromFile(path.c_str(), is_json ? "json" : "bin") || packages.empty()) return 1;
   std::string const id = file.model_arr->squential_ids.front();
   auto& package = packages.at(id);
   utility::Load_Single_Net(package, file.model_arr->models.at(id), file.config_arr->configs.at(id), "x86");
 
   // 5. Run it: tensors in under the indices of the input layers, tensors out under those of the output layers.
-  for (auto const& input : package->net->input_ids) package->inputs[input.second] = MakeInput(*context, package->extra_info);
+  for (auto const& input : package->net->input_ids)
+    package->inputs[input.second] = MakeInput(*context, package->extra_info);
   auto outputs = package->net->Forward(package->inputs, package->output_ids, package->context, nullptr, nullptr);
   for (unsigned int index : package->output_ids) {
     runtime::Tensor const& output = *outputs.at(index).front();
     std::printf("layer %u: %s\n", index, runtime::DimsText(output.shape.dims).c_str());
   }
 
-  // 6. Tensors go first, then packages, then the context; leaving this function releases them in another order, so say it.
+  // 6. Tensors go first, then the packages, then the context; the registries go last.
   outputs.clear();
   package->inputs.clear();
   packages.clear();
