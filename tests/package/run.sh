@@ -10,7 +10,8 @@ trap 'rm -rf "$prefix"' EXIT
 
 cmake --install "$build_dir" --prefix "$prefix/installed" >"$prefix/install.log"
 
-cmake -S "$here" -B "$prefix/build" -DCMAKE_PREFIX_PATH="$prefix/installed" -DCMAKE_BUILD_TYPE=Release >"$prefix/configure.log"
+cmake -S "$here" -B "$prefix/build" -DCMAKE_PREFIX_PATH="$prefix/installed" -DCMAKE_BUILD_TYPE=Release \
+  >"$prefix/configure.log"
 cmake --build "$prefix/build"
 "$prefix/build/application"
 echo "find_package: the application builds and runs"
