@@ -13,6 +13,13 @@ namespace {
 
 constexpr float kLowest = std::numeric_limits<float>::lowest();
 
+// Whole cache lines, so that the taps of column 0 stand aligned; not for strides whose many short phases would waste
+// memory.
+std::size_t PhasePitch(std::size_t count, std::size_t stride) {
+  constexpr std::size_t kLine = 64 / sizeof(float);
+  return stride <= 2 ? (count + kLine - 1) / kLine * kLine : count;
+}
+
 // One padded plane in scratch, its rows sorted by the phase of the column stride: the taps of neighbouring outputs then
 // stand side by side.
 class PaddedPlane {
@@ -22,7 +29,7 @@ class PaddedPlane {
         window_(window),
         height_(shape.height + window.padding_t + window.padding_b),
         width_(shape.width + window.padding_l + window.padding_r),
-        phase_pitch_((width_ + window.stride_x - 1) / window.stride_x),
+        phase_pitch_(PhasePitch((width_ + window.stride_x - 1) / window.stride_x, window.stride_x)),
         row_pitch_(phase_pitch_ * std::min(window.stride_x, width_)),
         rows_(scratch) {}
 
