@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstring>
+#include <algorithm>
 #include <memory>
 #include <thread>
 #include <typeinfo>
@@ -138,7 +138,7 @@ std::string Text(std::vector<float> const& values, std::size_t bytes) {
 
 // Against the walk element by element, for lengths around the pieces that the library moves.
 TEST(WeightBlob, EqualsTheWalkElementByElement) {
-  for (std::size_t count : {0, 1, 12287, 12288, 12289, 50000}) {
+  for (std::size_t count : {0u, 1u, 12287u, 12288u, 12289u, 50000u}) {
     SCOPED_TRACE(count);
     std::vector<float> const values = SpecialFloats(7, count);
     std::string want = Count(count);
@@ -163,7 +163,7 @@ TEST(WeightBlob, EqualsTheWalkElementByElement) {
       std::string const bytes = Base64Decode(text);
       ASSERT_EQ(bytes.size(), count * sizeof(float));
       std::vector<float> got(count);
-      std::memcpy(got.data(), bytes.data(), bytes.size());
+      std::copy(bytes.begin(), bytes.end(), reinterpret_cast<char*>(got.data()));
       ExpectSameBits(widened, got);
       EXPECT_EQ(behind, '!');
     });

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <stdexcept>
-#include <typeinfo>
 
 #include "talvo/serialization/layer_info_activation.h"
 #include "talvo/serialization/layer_info_tensor.h"
@@ -31,9 +30,10 @@ TEST(TLModelInfo, MakesTheRecordOfEachNumber) {
   int made = 0;
   for (RecordClass const& entry : RecordCatalogue()) {
     auto const info = std::dynamic_pointer_cast<LayerInfo>(entry.make());
-    if (info == nullptr || typeid(*info) == typeid(LayerInfo)) continue;
-    SCOPED_TRACE(entry.name);
-    auto const number = static_cast<unsigned short>(typeid(*info) == typeid(TensorUnSqueezeInfo) ? 16 : info->type);
+    std::string const name = entry.name;
+    if (info == nullptr || name == "LayerInfo") continue;
+    SCOPED_TRACE(name);
+    auto const number = static_cast<unsigned short>(name == "TensorUnSqueezeInfo" ? 16 : info->type);
     std::string const bytes = OneLayer(number, info);
     TLModelInfo read;
     if (number == 23 || number == 24 || number == 27 || number == 28 || number == 39 || number == 42 || number == 43) {
@@ -41,9 +41,8 @@ TEST(TLModelInfo, MakesTheRecordOfEachNumber) {
                 "[TLN]: Unsupported Layer Type [" + std::to_string(number) + "].\n");
     } else {
       ReadFrom(read, bytes, "bin");
-      LayerInfo const& got = *read.layers.at("a");
-      EXPECT_TRUE(typeid(got) == typeid(*info));
-      EXPECT_EQ(got.type, number);
+      EXPECT_EQ(read.layers.at("a")->type, number);
+      EXPECT_EQ(read.layers.at("a")->GetClassTypeName(), name);
       ++made;
     }
   }
@@ -77,7 +76,7 @@ TEST(TLModelInfo, RefusesWhatNamesNoLayer) {
 
 TEST(TLModelInfo, ReadsAnIdTwiceIntoOneRecordAndRefusesMore) {
   LogCapture const quiet;
-  for (std::size_t repeats : {2, 8, 9}) {
+  for (std::size_t repeats : {2u, 8u, 9u}) {
     auto const model = GoldenPackage(20015)->model_arr->models["net"];
     model->squential_ids.assign(repeats, "act");
     model->squential_types.assign(repeats, 1);
