@@ -90,6 +90,9 @@ TEST(TLModelInfo, ReadsAnIdTwiceIntoOneRecordAndRefusesMore) {
     EXPECT_EQ(read.layers.size(), 1u);
     EXPECT_EQ(read.layers["act"]->input_ids.size(), repeats);
   }
+  TLModelInfoArr models;
+  models.squential_ids.assign(3, "net");
+  EXPECT_NE(RefusalOf([&] { Written(models, "json"); }).find("\"net\" stands more than 2 times"), std::string::npos);
 }
 
 TEST(TLModelInfo, TellsInputsAndOutputsOfTheGraph) {
