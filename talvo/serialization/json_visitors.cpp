@@ -29,9 +29,9 @@ void AssertAt(bool condition, std::string const& path, char const* key, char con
   utility::Assert(false, "JSON: %s: key \"%s\", path \"%s\"", problem, key, Joined(path, key).c_str());
 }
 
-void AssertTarget(void const* value, char const* key) {
+void AssertTarget(void const* value, std::string const& path, char const* key) {
   utility::Assert(key != nullptr, "JSON: a field needs a key");
-  utility::Assert(value != nullptr, "JSON: key \"%s\" stands for a null pointer", key);
+  AssertAt(value != nullptr, path, key, "a null pointer is no field");
 }
 
 // The value of a field. False: JSON cannot hold it.
@@ -237,7 +237,7 @@ void JSONNodeSetter::Add(Serializable* record, char const* key) {
 
 #define TALVO_VISIT(type)                                    \
   void JSONNodeSetter::Visit(type* value, char const* key) { \
-    AssertTarget(value, key);                                \
+    AssertTarget(value, path_, key);                         \
     Add(value, key);                                         \
   }
 TALVO_FOR_EACH_VISITED_TYPE(TALVO_VISIT)
@@ -305,7 +305,7 @@ void JSONNodeGetter::Take(Serializable* record, char const* key) {
 
 #define TALVO_VISIT(type)                                    \
   void JSONNodeGetter::Visit(type* value, char const* key) { \
-    AssertTarget(value, key);                                \
+    AssertTarget(value, path_, key);                         \
     Take(value, key);                                        \
   }
 TALVO_FOR_EACH_VISITED_TYPE(TALVO_VISIT)

@@ -11,6 +11,41 @@
 #include "talvo/utility/json_file.h"
 
 namespace talvo::runtime {
+namespace {
+
+using Layers = std::unordered_map<std::string, std::shared_ptr<LayerInfo>>;
+
+// The type in the model's list overrules the one inside the record.
+void VisitLayer(Visitor& visitor, std::string const& id, unsigned short type, Layers& layers) {
+  auto place = layers.find(id);
+  if (place == layers.end()) {
+    place = layers.emplace(id, support::MakeLayerInfo(type)).first;
+    place->second->type = type;
+  }
+  LayerInfo* const layer = place->second.get();
+  visitor.Visit(layer, id.c_str());
+  if (layer->type == type) return;
+  utility::Log(8, "This TLModelInfo may be a old vesion file, please verify it.");
+  layer->type = type;
+}
+
+// The ids of `order` that nothing reads, each once, then those that only the table holds, sorted.
+std::vector<std::string> UnreadIDs(std::vector<std::string> const& order, Layers const& layers) {
+  std::vector<std::string> unread, others;
+  std::unordered_set<std::string> seen;
+  for (std::string const& id : order) {
+    auto const place = layers.find(id);
+    if (place != layers.end() && seen.insert(id).second && place->second->read_count == 0) unread.push_back(id);
+  }
+  for (auto const& [id, layer] : layers) {
+    if (layer->read_count == 0 && seen.count(id) == 0) others.push_back(id);
+  }
+  std::sort(others.begin(), others.end());
+  unread.insert(unread.end(), others.begin(), others.end());
+  return unread;
+}
+
+}  // namespace
 
 void TimeInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
   Serializable::VisitAttr(visitor);
@@ -57,22 +92,9 @@ void TLModelInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
   TALVO_VISIT_FIELD(squential_ids);
   TALVO_VISIT_FIELD(squential_types);
   utility::Assert(squential_ids.size() == squential_types.size(), "Length of layer id and type mismatch.");
-  support::AssertFewRepeats(squential_ids);
-  for (std::size_t i = 0; i < squential_ids.size(); ++i) {
-    std::string const& id = squential_ids[i];
-    unsigned short const type = squential_types[i];
-    auto place = layers.find(id);
-    if (place == layers.end()) {
-      place = layers.emplace(id, support::MakeLayerInfo(type)).first;
-      place->second->type = type;
-    }
-    LayerInfo* const layer = place->second.get();
-    visitor->Visit(layer, id.c_str());
-    if (layer->type != type) {
-      utility::Log(8, "This TLModelInfo may be a old vesion file, please verify it.");
-      layer->type = type;
-    }
-  }
+  support::AssertFewRepeats(squential_ids, support::kMostRepeats);
+  for (std::size_t i = 0; i < squential_ids.size(); ++i)
+    VisitLayer(*visitor, squential_ids[i], squential_types[i], layers);
 }
 
 std::vector<std::string> TLModelInfo::GetInputIDs() {
@@ -92,23 +114,12 @@ std::vector<std::string> TLModelInfo::GetOutputIDs() {
   for (auto const& entry : layers) {
     for (std::string const& id : entry.second->input_ids) ++layers.at(id)->read_count;
   }
-  std::vector<std::string> named, unnamed;
-  std::unordered_set<std::string> seen;
-  for (std::string const& id : squential_ids) {
-    auto const place = layers.find(id);
-    if (place != layers.end() && seen.insert(id).second && place->second->read_count == 0) named.push_back(id);
-  }
-  for (auto const& [id, layer] : layers) {
-    if (layer->read_count == 0 && seen.count(id) == 0) unnamed.push_back(id);
-  }
-  std::sort(unnamed.begin(), unnamed.end());
-  named.insert(named.end(), unnamed.begin(), unnamed.end());
-  return named;
+  return UnreadIDs(squential_ids, layers);
 }
 
 void TLModelInfoArr::VisitAttr(std::shared_ptr<Visitor> visitor) {
   Serializable::VisitAttr(visitor);
-  support::VisitTable(visitor, squential_ids, "squential_ids", models);
+  support::VisitTable(visitor, squential_ids, "squential_ids", models, support::kMostModelRepeats);
 }
 
 TLNModel::TLNModel()

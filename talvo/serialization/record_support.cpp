@@ -8,8 +8,6 @@
 
 namespace talvo::runtime::support {
 
-constexpr unsigned int kMaximumRepeats = 8;
-
 std::string BareName(std::string const& name) {
   return name.substr(name.rfind(':') + 1);  // npos + 1 is 0
 }
@@ -21,13 +19,12 @@ std::string Demangled(char const* type_name) {
   return text != nullptr ? text.get() : type_name;
 }
 
-void AssertFewRepeats(std::vector<std::string> const& ids) {
-  if (ids.size() <= kMaximumRepeats) return;
+void AssertFewRepeats(std::vector<std::string> const& ids, unsigned int most) {
+  if (ids.size() <= most) return;
   std::unordered_map<std::string, unsigned int> repeats;
   for (std::string const& id : ids) {
     unsigned int const count = ++repeats[id];
-    utility::Assert(count <= kMaximumRepeats, "list of %zu ids: \"%s\" stands more than %u times", ids.size(),
-                    id.c_str(), kMaximumRepeats);
+    utility::Assert(count <= most, "list of %zu ids: \"%s\" stands more than %u times", ids.size(), id.c_str(), most);
   }
 }
 

@@ -22,16 +22,19 @@ std::string BareName(std::string const& name);
 /// The name of a class, namespaces included, from its run-time type name.
 std::string Demangled(char const* type_name);
 
-/// Assert: an id that stands more than 8 times. Each occurrence reads the record that the id names once more, and what
-/// JSON reads is appended: without a limit a small file could fill the memory.
-void AssertFewRepeats(std::vector<std::string> const& ids);
+/// How often an id may stand in a list. Each occurrence reads the record that the id names once more, and what JSON
+/// reads is appended: without a limit a small file could fill the memory.
+constexpr unsigned int kMostRepeats = 8, kMostModelRepeats = 2;
+
+/// Assert: an id that stands more than `most` times.
+void AssertFewRepeats(std::vector<std::string> const& ids, unsigned int most);
 
 /// Visits the list of ids, then for each id its record, which is made where the table has none.
 template <class Record>
 void VisitTable(std::shared_ptr<Visitor> const& visitor, std::vector<std::string>& ids, char const* key,
-                std::unordered_map<std::string, std::shared_ptr<Record>>& table) {
+                std::unordered_map<std::string, std::shared_ptr<Record>>& table, unsigned int most) {
   visitor->Visit(&ids, key);
-  AssertFewRepeats(ids);
+  AssertFewRepeats(ids, most);
   for (std::string const& id : ids) {
     auto const place = table.try_emplace(id);
     if (place.second) place.first->second = std::make_shared<Record>();

@@ -1,0 +1,7 @@
+// A JSON file is read or refused, as a package, a model and a set of configurations, and what was read goes through
+// both forms once more. The seeds are the golden packages, their models and their configurations.
+#include "fuzz/read_records.h"
+
+extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
+  return talvo::fuzz::ReadAsEachRoot(data, size, "json");
+}

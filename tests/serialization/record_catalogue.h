@@ -1,0 +1,50 @@
+// All record classes, and walks that list or fill the fields of any record.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "talvo/serialization/serializable.h"
+
+namespace talvo::test {
+
+struct RecordClass {
+  char const* name;
+  std::function<std::shared_ptr<runtime::Serializable>()> make;
+};
+
+std::vector<RecordClass> const& RecordCatalogue();
+
+/// "kind key=value" for each field; a nested record is "record key=", with its own fields behind it if `deep`.
+std::vector<std::string> ListFields(runtime::Serializable& record, bool deep);
+
+/// Gives every field, of nested records too, a value that no other field has; weights are exact as halves.
+void FillFields(runtime::Serializable& record);
+
+/// A file of the test's own that goes with the object.
+class ScratchFile {
+ public:
+  explicit ScratchFile(std::string const& bytes = "");
+  ScratchFile(ScratchFile const&) = delete;
+  ScratchFile& operator=(ScratchFile const&) = delete;
+  ~ScratchFile();
+
+  char const* Path() const { return path_.c_str(); }
+  std::string Bytes() const;
+
+ private:
+  std::string path_;
+};
+
+/// The bytes of a file of tests/serialization/golden.
+std::string Golden(std::string const& name);
+
+/// The bytes that the record is written as.
+std::string Written(runtime::Serializable& record, char const* form);
+
+/// Reads the record from these bytes.
+void ReadFrom(runtime::Serializable& record, std::string const& bytes, char const* form);
+
+}  // namespace talvo::test

@@ -1,0 +1,165 @@
+// The file operations of a record: endings, type words, versions, what is refused and what is left behind.
+#include "talvo/serialization/serializable.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <filesystem>
+#include <limits>
+#include <stdexcept>
+
+#include "talvo/serialization/layer_info_activation.h"
+#include "talvo/serialization/layer_info_conv.h"
+#include "talvo/serialization/layer_info_plane.h"
+#include "talvo/serialization/model_info.h"
+#include "talvo/utility/json_file.h"
+#include "tests/serialization/record_catalogue.h"
+#include "tests/support/log_capture.h"
+
+namespace talvo::test {
+namespace {
+
+using namespace runtime;
+
+TEST(Serializable, NamesItsClass) {
+  Conv2dInfo conv;
+  EXPECT_EQ(conv.GetClassTypeName(), "Conv2dInfo");
+  EXPECT_EQ(conv.serializable_type, "talvo::runtime::Conv2dInfo");
+  EXPECT_EQ(conv.GetClassTypeNameWithNamespace(), "talvo::runtime::Conv2dInfo");
+}
+
+TEST(Serializable, KeepsTheStoredClassNameUntilItIsWritten) {
+  TimeInfo time;
+  std::string text = Written(time, "json");
+  text.replace(text.find("TimeInfo"), 8, "Whatever");
+  ReadFrom(time, text, "json");
+  EXPECT_EQ(time.serializable_type, "Whatever");
+  EXPECT_NE(Written(time, "json").find("\"TimeInfo\""), std::string::npos);
+}
+
+TEST(Serializable, ChoosesTheFormByTheEnding) {
+  TimeInfo written;
+  written.year = 2023;
+  std::string const stem = testing::TempDir() + "talvo_ending";
+  for (std::string const ending : {".json", ".tlmod", ".tlcfg", ".tlmods", ".tlcfgs"}) {
+    SCOPED_TRACE(ending);
+    std::string const path = stem + ending;
+    written.ToFile(path.c_str(), ending == ".json" ? "json" : "bin");
+    TimeInfo read;
+    EXPECT_TRUE(read.FromFile(path.c_str()));
+    EXPECT_EQ(read.year, 2023u);
+    std::filesystem::remove(path);
+  }
+  for (char const* path : {"model.tlnmodel", "model.JSON", "long_enough"})
+    EXPECT_EQ(RefusalOf([&] { TimeInfo().FromFile(path); }),
+              std::string("[TLN]: Unknow nets file type, file path: ") + path + ".\n");
+  for (char const* path : {"", "json", "model", "a.tlmo"})
+    EXPECT_THROW(TimeInfo().FromFile(path), std::out_of_range) << path;
+}
+
+TEST(Serializable, AnswersFalseWithALine) {
+  LogCapture const log;
+  TimeInfo time;
+  EXPECT_FALSE(time.FromFile("/nowhere/at/all", "bin"));
+  EXPECT_FALSE(time.FromFile("/nowhere/at/all", "BIN"));
+  EXPECT_FALSE(time.ToFile("/nowhere/at/all", ""));
+  std::vector<std::string> const want = {"[TLN]: Failed to open model file, file path: /nowhere/at/all.\n",
+                                         "[TLN]: Unknow file type, file path: /nowhere/at/all.\n",
+                                         "[TLN]: Unknow file type, file path: /nowhere/at/all.\n"};
+  EXPECT_EQ(log.Lines(), want);
+}
+
+TEST(Serializable, ToFileReportsWhatCannotBeWritten) {
+  TimeInfo time;
+  EXPECT_TRUE(time.ToFile("/nowhere/at/all", "json"));  // silent by design
+  EXPECT_NE(RefusalOf([&] { time.ToFile("/nowhere/at/all", "bin"); }).find("/nowhere/at/all"), std::string::npos);
+  if (std::filesystem::exists("/dev/full")) {
+    for (char const* form : {"bin", "json"})
+      EXPECT_NE(RefusalOf([&] { time.ToFile("/dev/full", form); }).find("/dev/full"), std::string::npos) << form;
+  }
+}
+
+TEST(Serializable, RefusesNumbersThatJSONCannotHoldBeforeTheFileIsTouched) {
+  float const infinity = std::numeric_limits<float>::infinity();
+  for (float number : {infinity, -infinity, std::nanf("")}) {
+    ScratchFile const file("as it was");
+    PixelShuffleInfo shuffle;
+    shuffle.upscale_factor = number;
+    EXPECT_NE(RefusalOf([&] { shuffle.ToFile(file.Path(), "json"); }).find("\"upscale_factor\""), std::string::npos);
+    ActivationInfo activation;
+    activation.activation_beta = half_float::half(number);
+    EXPECT_NE(RefusalOf([&] { activation.ToFile(file.Path(), "json"); }).find("\"activation_beta\""),
+              std::string::npos);
+    EXPECT_EQ(file.Bytes(), "as it was");
+    PixelShuffleInfo back;
+    ReadFrom(back, Written(shuffle, "bin"), "bin");
+    EXPECT_EQ(std::isnan(back.upscale_factor), std::isnan(number));
+  }
+}
+
+TEST(Serializable, JudgesTheVersion) {
+  std::string const newer = "_serialization_protocol_version > __SERIALIZATION_PROTOCOL_VERSION__.\n";
+  LogCapture const quiet;
+  ActivationInfo activation;
+  activation.num_parameters = 3;
+  std::string const json = Written(activation, "json"), binary = Written(activation, "bin");
+  auto const with_version = [&](std::string const& version) {
+    std::string text = json;
+    return text.replace(text.find("20015"), 5, version);
+  };
+  EXPECT_EQ(RefusalOf([&] { ReadFrom(activation, with_version("20016"), "json"); }), "[TLN]: " + newer);
+  EXPECT_EQ(RefusalOf([&] { ReadFrom(activation, "\x30\x4e" + binary.substr(2), "bin"); }), "[TLN]: " + newer);
+  EXPECT_NE(RefusalOf([&] { ReadFrom(activation, std::string(2, '\0') + binary.substr(2), "bin"); }), "");
+  EXPECT_NE(RefusalOf([&] { ReadFrom(activation, with_version("-1"), "json"); }), "");
+  ActivationInfo old, unnamed;
+  ReadFrom(old, with_version("20011"), "json");
+  EXPECT_EQ(old.num_parameters, 1);
+  std::string text = json;
+  ReadFrom(unnamed, text.replace(text.find("serialization_protocol_version"), 13, "another______"), "json");
+  EXPECT_EQ(unnamed.num_parameters, 3);
+}
+
+std::ptrdiff_t OpenFiles() {
+  std::filesystem::directory_iterator const files("/proc/self/fd");
+  return std::distance(begin(files), end(files));
+}
+
+TEST(Serializable, ClosesItsFilesOnEveryWayOut) {
+  LogCapture const quiet;
+  TimeInfo time;
+  PixelShuffleInfo shuffle;
+  shuffle.upscale_factor = std::nanf("");
+  std::ptrdiff_t const before = OpenFiles();
+  for (char const* form : {"bin", "json"}) EXPECT_THROW(ReadFrom(time, "short", form), std::runtime_error);
+  EXPECT_THROW(ReadFrom(time, Written(time, "bin").substr(0, 20), "bin"), std::runtime_error);
+  EXPECT_THROW(Written(shuffle, "json"), std::runtime_error);
+  LayerCfg cfg;
+  cfg.kernel = nullptr;
+  for (char const* form : {"bin", "json"}) EXPECT_THROW(Written(cfg, form), std::runtime_error) << form;
+  EXPECT_EQ(OpenFiles(), before);
+}
+
+TEST(JSONText, IsReadUpToAZeroCharacterAndOnlyFromFiles) {
+  TimeInfo time;
+  time.day = 14;
+  ReadFrom(time, Written(time, "json") + std::string(1, '\0') + "no JSON", "json");
+  EXPECT_EQ(time.day, 14u);
+  ScratchFile const file(std::string("ab\0cd", 5));
+  EXPECT_EQ(utility::ReadJsonFile2StrStream(file.Path()).str(), "ab");
+  EXPECT_EQ(RefusalOf([] { utility::ReadJsonFile2StrStream("/nowhere"); }),
+            "[TLN]: Error in opening the file [/nowhere].\n");
+  EXPECT_EQ(RefusalOf([] { utility::ReadJsonFile2StrStream("/"); }), "[TLN]: Error in read the whole file [/].\n");
+}
+
+TEST(JSONText, OfAnyDepthCostsNoStack) {
+  std::string const deep(1000000, '[');
+  TimeInfo time;
+  std::string const text = Written(time, "json");
+  EXPECT_EQ(RefusalOf([&] { time.FromJsonString(deep.c_str()); }), "[TLN]: ");
+  EXPECT_EQ(RefusalOf([&] { time.FromJsonString((deep + std::string(deep.size(), ']')).c_str()); }), "[TLN]: ");
+  std::string const beside = "{\"deep\": " + deep + std::string(deep.size(), ']') + "," + text.substr(1);
+  EXPECT_TRUE(time.FromJsonString(beside.c_str()));
+}
+
+}  // namespace
+}  // namespace talvo::test
