@@ -100,36 +100,35 @@ std::size_t PhasePitch(ConvolutionShape const& shape, Padding const& padding) {
   return (padding.padded_width + shape.stride_x - 1) / shape.stride_x;
 }
 
-// Takes a padded row apart into its phases, which lie `phase` floats from each other.
-void SplitPhases(float const* row, std::size_t count, std::size_t stride, std::size_t phase, float* to) {
-  if (stride == 2) return rows::SplitRow(row, count, to, to + phase);
-  for (std::size_t i = 0; i < count; ++i) to[i % stride * phase + i / stride] = row[i];
-}
-
-// One padded plane, [phase][row][column of the phase]. `row` holds a padded row with zero borders.
-void PadPlane(ConvolutionShape const& shape, Padding const& padding, float const* input, float* row, float* plane) {
-  std::size_t const pitch = PhasePitch(shape, padding), phase = padding.padded_height * pitch;
-  std::size_t const bottom = padding.top + shape.in_height;
-  for (std::size_t p = 0; p < shape.stride_x; ++p) {
-    std::fill_n(plane + p * phase, padding.top * pitch, 0.0f);
-    std::fill(plane + p * phase + bottom * pitch, plane + (p + 1) * phase, 0.0f);
+// Lays one plane into a padded one, [phase][row][column of the phase], whose borders are 0 already.
+void LayPlane(ConvolutionShape const& shape, Padding const& padding, float const* input, float* plane) {
+  std::size_t const pitch = PhasePitch(shape, padding), width = shape.in_width, stride = shape.stride_x;
+  std::vector<float*> starts;  // where the input columns 0, 1, ... stride - 1 go
+  for (std::size_t column = padding.left; column < padding.left + stride; ++column) {
+    std::size_t const row = column % stride * padding.padded_height + padding.top;
+    starts.push_back(plane + row * pitch + column / stride);
   }
-  for (std::size_t y = 0; y < shape.in_height; ++y, input += shape.in_width) {
-    std::copy_n(input, shape.in_width, row + padding.left);
-    SplitPhases(row, padding.padded_width, shape.stride_x, phase, plane + (padding.top + y) * pitch);
-  }
-}
-
-// The taps of one source plane in units of its phases: see PadPlane.
-std::vector<Tap> PhaseTaps(ConvolutionShape const& shape, Padding const& padding) {
-  std::size_t const pitch = PhasePitch(shape, padding);
-  std::vector<Tap> taps;
-  for (std::size_t ky = 0; ky < shape.kernel_y; ++ky) {
-    for (std::size_t kx = 0; kx < shape.kernel_x; ++kx) {
-      std::size_t const column = kx * shape.dilation_x, phase = column % shape.stride_x;
-      std::size_t const row = phase * padding.padded_height + ky * shape.dilation_y;
-      taps.push_back({row * pitch + column / shape.stride_x, taps.size()});
+  for (std::size_t y = 0; y < shape.in_height; ++y, input += width) {
+    if (stride == 1) {
+      std::copy_n(input, width, starts[0]);
+    } else if (stride == 2) {
+      rows::SplitRow(input, width, starts[0], starts[1]);
+    } else {
+      for (std::size_t phase = 0; phase < std::min(stride, width); ++phase) {
+        for (std::size_t x = phase, i = 0; x < width; x += stride, ++i) starts[phase][i] = input[x];
+      }
     }
+    for (float*& start : starts) start += pitch;
+  }
+}
+
+// Where the kernel columns lie in the phases of a plane: see LayPlane.
+std::vector<std::size_t> PhaseTaps(ConvolutionShape const& shape, Padding const& padding) {
+  std::size_t const phase = padding.padded_height * PhasePitch(shape, padding);
+  std::vector<std::size_t> taps;
+  for (std::size_t kx = 0; kx < shape.kernel_x; ++kx) {
+    std::size_t const column = kx * shape.dilation_x;
+    taps.push_back(column % shape.stride_x * phase + column / shape.stride_x);
   }
   return taps;
 }
@@ -266,25 +265,26 @@ void ConvolveByChannels(ConvolutionShape const& shape, ConvolutionData const& da
 
 void ConvolveByColumns(ConvolutionShape const& shape, Padding const& padding, ConvolutionData const& data,
                        runtime::DeviceCPU& device) {
-  std::size_t const taps = shape.kernel_y * shape.kernel_x, sum = shape.in_per_group * taps;
+  std::size_t const sum = shape.in_per_group * shape.kernel_y * shape.kernel_x;
   std::size_t const pitch = PhasePitch(shape, padding), plane = shape.stride_x * padding.padded_height * pitch;
-  Scratch const scratch(device, shape.in_per_group * plane + padding.padded_width);
-  float* const row = scratch.Data() + shape.in_per_group * plane;
-  std::fill_n(row, padding.padded_width, 0.0f);
-  std::vector<Tap> const offsets = PhaseTaps(shape, padding);
+  Scratch const scratch(device, shape.in_per_group * plane);
+  std::fill_n(scratch.Data(), shape.in_per_group * plane, 0.0f);
+  auto const offsets = PhaseTaps(shape, padding);
   rows::PlaneRun run{};
   run.input = scratch.Data();
   run.channels = shape.in_per_group;
   run.input_plane = plane;
   run.input_row = shape.stride_y * pitch;
+  run.kernel_row = shape.dilation_y * pitch;
   run.taps = offsets.data();
-  run.tap_count = taps;
+  run.kernel_rows = shape.kernel_y;
+  run.kernel_columns = shape.kernel_x;
   run.rows = shape.out_height;
   run.columns = shape.out_width;
   for (std::size_t g = 0; g < shape.groups; ++g) {
     for (std::size_t c = 0; c < shape.in_per_group; ++c) {
       float const* const input = data.input + (g * shape.in_per_group + c) * shape.in_height * shape.in_width;
-      PadPlane(shape, padding, input, row, scratch.Data() + c * plane);
+      LayPlane(shape, padding, input, scratch.Data() + c * plane);
     }
     for (std::size_t o = g * shape.out_per_group; o < (g + 1) * shape.out_per_group; ++o) {
       run.weights = data.weights + o * sum;

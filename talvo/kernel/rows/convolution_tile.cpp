@@ -106,17 +106,18 @@ struct RunTilesBody {
   }
 };
 
-// kLanes columns of kRows rows at a time; the last columns overlap those before them, rows behind the last repeat it.
+constexpr std::size_t kRows = 4;  // of results at a time
+
+// kLanes columns of kRows rows. Any kernel: rows behind the last one repeat it.
 template <int kLanes>
-struct PlaneTile {
-  static constexpr int kRows = 4;
+struct AnyPlane {
   using V = Vector<kLanes>;
 
   template <bool kFirst>
   static TALVO_ROWS_INLINE void AddTap(float weight, float const* const (&rows)[kRows], std::size_t input,
                                        V (&sums)[kRows]) {
     TALVO_ROWS_UNROLL
-    for (int r = 0; r < kRows; ++r) {
+    for (std::size_t r = 0; r < kRows; ++r) {
       V x;
       Load<kLanes>(rows[r] + input, x);
       V const product = x * weight;
@@ -124,37 +125,97 @@ struct PlaneTile {
     }
   }
 
+  static TALVO_ROWS_INLINE void AddChannelSum(PlaneRun const& run, float const* weights,
+                                              float const* const (&rows)[kRows], std::size_t input,
+                                              V (&results)[kRows]) {
+    V sums[kRows];
+    AddTap<true>(*weights++, rows, input + run.taps[0], sums);
+    for (std::size_t ky = 0, kx = 1; ky < run.kernel_rows; ++ky, kx = 0, input += run.kernel_row) {
+      for (; kx < run.kernel_columns; ++kx) AddTap<false>(*weights++, rows, input + run.taps[kx], sums);
+    }
+    TALVO_ROWS_UNROLL
+    for (std::size_t r = 0; r < kRows; ++r) results[r] += sums[r];
+  }
+
   static TALVO_ROWS_INLINE void RunBlock(PlaneRun const& run, std::size_t y, std::size_t x) {
     float const* rows[kRows];
-    V start, results[kRows], sums[kRows];
+    V start, results[kRows];
     Splat<kLanes>(run.start, start);
     TALVO_ROWS_UNROLL
-    for (int r = 0; r < kRows; ++r) {
-      rows[r] = run.input + std::min(y + static_cast<std::size_t>(r), run.rows - 1) * run.input_row + x;
+    for (std::size_t r = 0; r < kRows; ++r) {
+      rows[r] = run.input + std::min(y + r, run.rows - 1) * run.input_row + x;
       results[r] = start;
     }
-    float const* weights = run.weights;
-    std::size_t input = 0;
-    for (std::size_t c = 0; c < run.channels; ++c, weights += run.tap_count, input += run.input_plane) {
-      AddTap<true>(weights[0], rows, input + run.taps[0].input, sums);
-      for (std::size_t t = 1; t < run.tap_count; ++t) AddTap<false>(weights[t], rows, input + run.taps[t].input, sums);
-      TALVO_ROWS_UNROLL
-      for (int r = 0; r < kRows; ++r) results[r] += sums[r];
+    std::size_t const taps = run.kernel_rows * run.kernel_columns;
+    for (std::size_t c = 0; c < run.channels; ++c) {
+      AddChannelSum(run, run.weights + c * taps, rows, c * run.input_plane, results);
     }
-    for (int r = 0; r < kRows; ++r) {
-      Store<kLanes>(results[r],
-                    run.results + std::min(y + static_cast<std::size_t>(r), run.rows - 1) * run.columns + x);
+    TALVO_ROWS_UNROLL
+    for (std::size_t r = 0; r < kRows; ++r) {
+      Store<kLanes>(results[r], run.results + std::min(y + r, run.rows - 1) * run.columns + x);
     }
   }
 
-  static TALVO_ROWS_INLINE void RunAll(PlaneRun const& run) {
-    std::size_t const last = run.columns - kLanes;
-    for (std::size_t y = 0; y < run.rows; y += kRows) {
-      for (std::size_t x = 0;; x = std::min(x + kLanes, last)) {
-        RunBlock(run, y, x);
-        if (x == last) break;
-      }
+  static TALVO_ROWS_INLINE void RunBlocks(PlaneRun const& run, std::size_t x) {
+    for (std::size_t y = 0; y < run.rows; y += kRows) RunBlock(run, y, x);
+  }
+};
+
+// The same for a 3x3 kernel without dilation whose output rows are kStride input rows apart. It walks down a column of
+// vectors, so that each input row is loaded once for all output rows, and the weights stay in registers.
+template <int kLanes, int kStride>
+struct Plane3x3 {
+  using V = Vector<kLanes>;
+  struct Row {
+    V x[3];
+  };
+
+  static TALVO_ROWS_INLINE void LoadRow(PlaneRun const& run, float const* input, Row& row) {
+    Load<kLanes>(input, row.x[0]);
+    Load<kLanes>(input + run.taps[1], row.x[1]);
+    Load<kLanes>(input + run.taps[2], row.x[2]);
+  }
+
+  // sum = before + the products of kernel row ky; without `before` for the first one.
+  static TALVO_ROWS_INLINE void Begin(Row const& row, float const (&weights)[9], V& sum) {
+    sum = row.x[0] * weights[0] + row.x[1] * weights[1] + row.x[2] * weights[2];
+  }
+  static TALVO_ROWS_INLINE void Continue(V const& before, Row const& row, float const (&weights)[9], int ky, V& sum) {
+    sum = before + row.x[0] * weights[3 * ky] + row.x[1] * weights[3 * ky + 1] + row.x[2] * weights[3 * ky + 2];
+  }
+
+  static TALVO_ROWS_INLINE void RunChannel(PlaneRun const& run, std::size_t c, std::size_t x) {
+    V start, one, two, sum;  // one, two: the sums of output rows that lack the last two, the last kernel row
+    float weights[9];
+    std::copy_n(run.weights + 9 * c, 9, weights);
+    Splat<kLanes>(run.start, start);
+    float const* input = run.input + c * run.input_plane + x;
+    float* to = run.results + x;
+    Row row;
+    LoadRow(run, input, row);
+    Begin(row, weights, one);
+    if (kStride == 1) {
+      LoadRow(run, input += run.kernel_row, row);
+      Continue(one, row, weights, 1, two);
+      Begin(row, weights, one);
     }
+    for (std::size_t y = 0; y < run.rows; ++y, to += run.columns) {
+      if (kStride == 2) {
+        LoadRow(run, input += run.kernel_row, row);
+        Continue(one, row, weights, 1, two);
+      }
+      LoadRow(run, input += run.kernel_row, row);
+      Continue(two, row, weights, 2, sum);
+      if (kStride == 1) Continue(one, row, weights, 1, two);
+      Begin(row, weights, one);
+      V before = start;
+      if (c > 0) Load<kLanes>(to, before);
+      Store<kLanes>(before + sum, to);
+    }
+  }
+
+  static TALVO_ROWS_INLINE void RunBlocks(PlaneRun const& run, std::size_t x) {
+    for (std::size_t c = 0; c < run.channels; ++c) RunChannel(run, c, x);
   }
 };
 
@@ -169,8 +230,21 @@ struct RunPlaneBody {
   static TALVO_ROWS_INLINE void RunWidest(PlaneRun const& run) {
     if constexpr (kLanes > 1) {
       if (run.columns < kLanes) return RunWidest<(kLanes > 4 ? kLanes / 2 : 1)>(run);
+      bool const is_3x3 = run.kernel_rows == 3 && run.kernel_columns == 3;
+      if (is_3x3 && run.input_row == run.kernel_row) return RunColumns<kLanes, Plane3x3<kLanes, 1>>(run);
+      if (is_3x3 && run.input_row == 2 * run.kernel_row) return RunColumns<kLanes, Plane3x3<kLanes, 2>>(run);
     }
-    PlaneTile<kLanes>::RunAll(run);
+    RunColumns<kLanes, AnyPlane<kLanes>>(run);
+  }
+
+  // The last columns overlap those before them.
+  template <int kLanes, class Plane>
+  static TALVO_ROWS_INLINE void RunColumns(PlaneRun const& run) {
+    std::size_t const last = run.columns - kLanes;
+    for (std::size_t x = 0;; x = std::min(x + kLanes, last)) {
+      Plane::RunBlocks(run, x);
+      if (x == last) break;
+    }
   }
 };
 
@@ -185,17 +259,27 @@ struct TransposeRowsBody {
 struct SplitRowBody {
   template <class Set>
   static TALVO_ROWS_INLINE void Run(float const* from, std::size_t count, float* even, float* odd) {
-    constexpr std::size_t kLanes = Set::kLanes;
-    std::size_t i = 0;
-    for (; i + 2 * kLanes <= count; i += 2 * kLanes) {
+    RunWidest<Set::kLanes>(from, count, even, odd);
+  }
+
+  // The widest vectors of which the row holds two; the last two overlap those before them.
+  template <int kLanes>
+  static TALVO_ROWS_INLINE void RunWidest(float const* from, std::size_t count, float* even, float* odd) {
+    constexpr std::size_t kStep = 2 * kLanes;
+    if constexpr (kLanes > 4) {
+      if (count < kStep) return RunWidest<kLanes / 2>(from, count, even, odd);
+    }
+    std::size_t const pairs = count - count % 2;
+    for (std::size_t i = 0; pairs >= kStep; i = std::min(i + kStep, pairs - kStep)) {
       Vector<kLanes> a, b, low, high;
       Load<kLanes>(from + i, a);
       Load<kLanes>(from + i + kLanes, b);
       Split<kLanes>(a, b, low, high, std::make_integer_sequence<int, kLanes>());
       Store<kLanes>(low, even + i / 2);
       Store<kLanes>(high, odd + i / 2);
+      if (i == pairs - kStep) break;
     }
-    for (; i < count; ++i) (i % 2 == 0 ? even : odd)[i / 2] = from[i];
+    for (std::size_t i = pairs >= kStep ? pairs : 0; i < count; ++i) (i % 2 == 0 ? even : odd)[i / 2] = from[i];
   }
 };
 

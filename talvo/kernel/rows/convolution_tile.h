@@ -35,14 +35,15 @@ struct TileRun {
 extern Primitive<void(TileRun const&)> const RunTiles;
 
 /// One output channel, whose lanes are columns: results [row][column] = start + the sums of its input channels, one
-/// after the other. Column x of row y reads its tap t at input + taps[t].input + y * input_row + x.
+/// after the other. Column x of row y reads its tap (ky, kx) at input + y * input_row + ky * kernel_row + taps[kx] + x.
 struct PlaneRun {
-  float const* input;                            // first channel
-  std::size_t channels, input_plane, input_row;  // to the next channel, to the input of the next output row
-  Tap const* taps;                               // in the order of summation; `weight` counts within a channel
-  std::size_t tap_count;                         // 1 or more
-  float const* weights;                          // [channels][tap_count]
-  float start;                                   // not -0.0f
+  float const* input;                       // first channel
+  std::size_t channels, input_plane;        // input channels, and from one to the next
+  std::size_t input_row, kernel_row;        // to the input of the next output row, and to that of the next ky
+  std::size_t const* taps;                  // [kernel_columns]
+  std::size_t kernel_rows, kernel_columns;  // 1 or more each
+  float const* weights;                     // [channels][kernel_rows][kernel_columns]
+  float start;                              // not -0.0f
   float* results;
   std::size_t rows, columns;  // 1 or more each; rows of results lie side by side
 };

@@ -35,12 +35,21 @@ TALVO_ROWS_INLINE void Store(Vector<kLanes> const& v, float* p) {
   *reinterpret_cast<typename VectorOf<kLanes>::Unaligned*>(p) = v;
 }
 
-/// x in every lane.
+template <int kLanes, int... kIndex>
+TALVO_ROWS_INLINE void Spread(Vector<kLanes> const& x, Vector<kLanes>& v, std::integer_sequence<int, kIndex...>) {
+  v = __builtin_shufflevector(x, x, (0 * kIndex)...);
+}
+
+/// x in every lane. In arithmetic the scalar does it by itself: `v * x`.
 template <int kLanes>
 TALVO_ROWS_INLINE void Splat(float x, Vector<kLanes>& v) {
-  Vector<kLanes> const zero = {};
-  Vector<kLanes> const all = x - zero;  // also for -0.0f
-  v = all;
+  if constexpr (kLanes == 1) {
+    v = x;
+  } else {
+    Vector<kLanes> first = {};
+    first[0] = x;  // g++ would fill a vector of equal lanes one by one, since it lowers it before it knows the target
+    Spread<kLanes>(first, v, std::make_integer_sequence<int, kLanes>());
+  }
 }
 
 /// low = a[0], b[0], a[1], b[1], ..., high = the same of the upper halves.
