@@ -1,48 +1,93 @@
 #include "talvo/kernel/rows/elementwise_rows.h"
 
+#include <cstdint>
+
+#include "talvo/kernel/rows/vectors.h"
+
 namespace talvo::kernel::rows {
 namespace {
 
 constexpr float kSixth = 0x1.555556p-3f;
 
-// The order of the operands of each comparison decides what becomes of NaN and of the sign of zero.
+// Steps replace a vector of x by their results. The order of the operands of each comparison decides what becomes of
+// NaN and of the sign of zero.
 struct Relu {
-  TALVO_ROWS_INLINE float operator()(float x) const { return 0.0f > x ? 0.0f : x; }
-};
-struct Relu6 {
-  TALVO_ROWS_INLINE float operator()(float x) const {
-    float const r = 0.0f > x ? 0.0f : x;
-    return 6.0f < r ? 6.0f : r;
+  template <int kLanes>
+  TALVO_ROWS_INLINE void Apply(Vector<kLanes>& x) const {
+    Vector<kLanes> const zero = {};
+    x = zero > x ? zero : x;
   }
-};
-struct HSigmoid {
-  TALVO_ROWS_INLINE float operator()(float x) const {
-    float t = x + 3.0f;
-    t = t > 0.0f ? t : 0.0f;
-    t = t < 6.0f ? t : 6.0f;
-    return t * kSixth;
-  }
-};
-struct HSwish {
-  TALVO_ROWS_INLINE float operator()(float x) const { return HSigmoid()(x) * x; }
-};
-struct Leaky {
-  float alpha;
-  TALVO_ROWS_INLINE float operator()(float x) const { return x < 0.0f ? alpha * x : x; }
-};
-struct Linear {
-  float scale, offset;
-  TALVO_ROWS_INLINE float operator()(float x) const { return x * scale + offset; }
 };
 
-// The compiler tests the second loop for overlap and keeps a scalar one for it; equal ranges, which that test would
-// turn away, have a loop of their own.
-template <class Step>
-TALVO_ROWS_INLINE void MapRow(Step step, float const* x, std::size_t n, float* y) {
-  if (x == y) {
-    for (std::size_t i = 0; i < n; ++i) y[i] = step(y[i]);
-  } else {
-    for (std::size_t i = 0; i < n; ++i) y[i] = step(x[i]);
+struct Relu6 {
+  template <int kLanes>
+  TALVO_ROWS_INLINE void Apply(Vector<kLanes>& x) const {
+    Vector<kLanes> six = {};
+    Splat<kLanes>(6.0f, six);
+    Relu().Apply<kLanes>(x);
+    x = six < x ? six : x;
+  }
+};
+
+struct HSigmoid {
+  template <int kLanes>
+  TALVO_ROWS_INLINE void Apply(Vector<kLanes>& x) const {
+    Vector<kLanes> const zero = {};
+    Vector<kLanes> six = {};
+    Splat<kLanes>(6.0f, six);
+    x = x + 3.0f;
+    x = x > zero ? x : zero;
+    x = x < six ? x : six;
+    x = x * kSixth;
+  }
+};
+
+struct HSwish {
+  template <int kLanes>
+  TALVO_ROWS_INLINE void Apply(Vector<kLanes>& x) const {
+    Vector<kLanes> share = x;
+    HSigmoid().Apply<kLanes>(share);
+    x = share * x;
+  }
+};
+
+struct Leaky {
+  float alpha;
+  template <int kLanes>
+  TALVO_ROWS_INLINE void Apply(Vector<kLanes>& x) const {
+    Vector<kLanes> const zero = {};
+    Vector<kLanes> const scaled = x * alpha;
+    x = x < zero ? scaled : x;
+  }
+};
+
+struct Linear {
+  float scale, offset;
+  template <int kLanes>
+  TALVO_ROWS_INLINE void Apply(Vector<kLanes>& x) const {
+    Vector<kLanes> const product = x * scale;
+    x = product + offset;
+  }
+};
+
+// A vector is read as a whole before its results are written. Only a y that begins inside the first vector of x would
+// make the loop over single elements read what it wrote within a vector.
+template <int kLanes, class Step>
+TALVO_ROWS_INLINE void MapRow(Step const& step, float const* x, std::size_t n, float* y) {
+  std::size_t const distance = reinterpret_cast<std::uintptr_t>(y) - reinterpret_cast<std::uintptr_t>(x);  // wraps
+  std::size_t i = 0;
+  if (distance == 0 || distance >= kLanes * sizeof(float)) {
+    for (; i + kLanes <= n; i += kLanes) {
+      Vector<kLanes> v;
+      Load<kLanes>(x + i, v);
+      step.template Apply<kLanes>(v);
+      Store<kLanes>(v, y + i);
+    }
+  }
+  for (; i < n; ++i) {
+    float v = x[i];
+    step.template Apply<1>(v);
+    y[i] = v;
   }
 }
 
@@ -50,21 +95,21 @@ template <class Step>
 struct MapBody {
   template <class Set>
   static TALVO_ROWS_INLINE void Run(float const* x, std::size_t n, float* y) {
-    MapRow(Step(), x, n, y);
+    MapRow<Set::kLanes>(Step(), x, n, y);
   }
 };
 
 struct LeakyBody {
   template <class Set>
   static TALVO_ROWS_INLINE void Run(float alpha, float const* x, std::size_t n, float* y) {
-    MapRow(Leaky{alpha}, x, n, y);
+    MapRow<Set::kLanes>(Leaky{alpha}, x, n, y);
   }
 };
 
 struct LinearBody {
   template <class Set>
   static TALVO_ROWS_INLINE void Run(float scale, float offset, float const* x, std::size_t n, float* y) {
-    MapRow(Linear{scale, offset}, x, n, y);
+    MapRow<Set::kLanes>(Linear{scale, offset}, x, n, y);
   }
 };
 
