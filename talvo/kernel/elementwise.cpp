@@ -8,9 +8,9 @@
 
 #include "talvo/kernel/functional/elementwise.h"
 #include "talvo/kernel/kernel_support.h"
+#include "talvo/kernel/rows/elementwise_rows.h"
 #include "talvo/serialization/layer_info_tensor.h"
 #include "talvo/utility/log.h"
-#include "talvo/utility/restrict.h"
 
 namespace talvo::kernel {
 namespace {
@@ -31,44 +31,20 @@ using Dims = std::vector<unsigned int>;
 
 constexpr unsigned int kRemoved = 0xFFFFFFFF;  // the mark of an axis that a reduction takes away
 
-struct Add {
-  float operator()(float a, float b) const { return a + b; }
-};
-struct Sub {
-  float operator()(float a, float b) const { return a - b; }
-};
-struct Mul {
-  float operator()(float a, float b) const { return a * b; }
-};
-struct Div {
-  float operator()(float a, float b) const { return a / b; }
-};
-// b when either is NaN, and for zeros of two signs.
-struct Larger {
-  float operator()(float a, float b) const { return a > b ? a : b; }
-};
-struct Smaller {
-  float operator()(float a, float b) const { return a < b ? a : b; }
-};
+constexpr unsigned short kOperationCount = 6;  // of rows::Operation
+
+// The operation with this name, which Config chose.
+rows::Operation OperationOf(std::string const& name) {
+  if (name == "Add") return rows::Operation::kAdd;
+  if (name == "Sub") return rows::Operation::kSub;
+  if (name == "Mul") return rows::Operation::kMul;
+  return rows::Operation::kDiv;
+}
 
 // An axis of a broadcast, with the steps of the operands in elements: 0 where an operand is repeated.
 struct Axis {
   std::size_t extent, a_step, b_step;
 };
-
-// y[i] = f(a[i * a_step], b[i * b_step]) along the innermost axis, where a step is 0 or 1. y overlaps neither operand.
-template <class Step>
-void CombineRow(Step f, Axis axis, float const* a, float const* b, float* TALVO_RESTRICT y) {
-  if (axis.a_step != 0 && axis.b_step != 0) {
-    for (std::size_t i = 0; i < axis.extent; ++i) y[i] = f(a[i], b[i]);
-  } else if (axis.a_step != 0) {
-    float const one = *b;
-    for (std::size_t i = 0; i < axis.extent; ++i) y[i] = f(a[i], one);
-  } else {
-    float const one = *a;
-    for (std::size_t i = 0; i < axis.extent; ++i) y[i] = f(one, b[i]);
-  }
-}
 
 // The axes of the output, innermost first; axes that all three tensors walk without a gap become one. No extent is 0.
 std::vector<Axis> BroadcastAxes(Dims const& a, Dims const& b, Dims const& y) {
@@ -90,42 +66,17 @@ std::vector<Axis> BroadcastAxes(Dims const& a, Dims const& b, Dims const& y) {
 }
 
 // Walks `count` axes, the last being the outermost, and returns the end in y.
-template <class Step>
-float* Combine(Step f, Axis const* axes, std::size_t count, float const* a, float const* b, float* y) {
+float* Combine(rows::Operation operation, Axis const* axes, std::size_t count, float const* a, float const* b,
+               float* y) {
   Axis const axis = axes[count - 1];
   if (count == 1) {
-    CombineRow(f, axis, a, b, y);
+    rows::CombineRow(operation, {a, axis.a_step == 0}, {b, axis.b_step == 0}, axis.extent, y);
     return y + axis.extent;
   }
   for (std::size_t i = 0; i < axis.extent; ++i, a += axis.a_step, b += axis.b_step) {
-    y = Combine(f, axes, count - 1, a, b, y);
+    y = Combine(operation, axes, count - 1, a, b, y);
   }
   return y;
-}
-
-void Broadcast(unsigned short op_type, std::vector<Axis> const& axes, float const* a, float const* b, float* y) {
-  switch (op_type) {
-    case 0:
-      Combine(Add(), axes.data(), axes.size(), a, b, y);
-      break;
-    case 1:
-      Combine(Sub(), axes.data(), axes.size(), a, b, y);
-      break;
-    case 2:
-      Combine(Mul(), axes.data(), axes.size(), a, b, y);
-      break;
-    case 3:
-      Combine(Div(), axes.data(), axes.size(), a, b, y);
-      break;
-    case 4:
-      Combine(Larger(), axes.data(), axes.size(), a, b, y);
-      break;
-    case 5:
-      Combine(Smaller(), axes.data(), axes.size(), a, b, y);
-      break;
-    default:
-      throw std::bad_function_call();
-  }
 }
 
 // `dims` with extents of 1 in front, up to `rank`.
@@ -196,20 +147,10 @@ int Elementwise_Fallback_Float_M1::Forward(Tensors const& inputs, Tensors& outpu
     Assert(false, "%s: the first operand has %zu elements, the second %zu", GetName().c_str(), count,
            support::Count(*b));
   }
+  if (operation_.empty()) Assert(false, "%s: no operation is configured", GetName().c_str());
   auto const y = support::NewOutput(*this, inputs, context);
-  auto const combine = [&](auto step) {
-    CombineRow(step, Axis{count, 1, 1}, a->Data<float>(), b->Data<float>(), y->Data<float>());
-  };
-  if (operation_ == "Add") {
-    combine(Add());
-  } else if (operation_ == "Sub") {
-    combine(Sub());
-  } else if (operation_ == "Mul") {
-    combine(Mul());
-  } else {
-    if (operation_ != "Div") Assert(false, "%s: no operation is configured", GetName().c_str());
-    combine(Div());
-  }
+  rows::CombineRow(OperationOf(operation_), {a->Data<float>(), false}, {b->Data<float>(), false}, count,
+                   y->Data<float>());
   outputs.assign(1, y);
   return 0;
 }
@@ -268,7 +209,9 @@ int BroadcastOperator_Fallback_Float_M1::Forward(Tensors const& inputs, Tensors&
              DimsText(b_dims).c_str());
     }
     auto const axes = BroadcastAxes(Extended(a_dims, dims.size()), Extended(b_dims, dims.size()), dims);
-    Broadcast(layer_->op_type, axes, a->Data<float>(), b->Data<float>(), y->Data<float>());
+    if (layer_->op_type >= kOperationCount) throw std::bad_function_call();
+    Combine(static_cast<rows::Operation>(layer_->op_type), axes.data(), axes.size(), a->Data<float>(), b->Data<float>(),
+            y->Data<float>());
   }
   outputs.assign(1, y);
   return 0;

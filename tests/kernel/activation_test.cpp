@@ -8,6 +8,7 @@
 #include <string>
 
 #include "talvo/kernel/functional/activation.h"
+#include "talvo/kernel/rows/instruction_sets.h"
 #include "talvo/serialization/inference_param.h"
 #include "talvo/serialization/layer_info_activation.h"
 #include "talvo/utility/base64.h"
@@ -95,17 +96,20 @@ std::vector<float> Inputs(std::size_t count) {
 
 TEST(Activation, FreeFormsEqualTheAscendingLoopForAnyOverlap) {
   constexpr std::size_t kInput = 40;
-  for (Case const& c : Cases()) {
-    SCOPED_TRACE(c.name);
-    for (unsigned int count : {0u, 1u, 3u, 4u, 5u, 8u, 31u, 64u, 1003u}) {
-      // Distance from input to output in elements; 0 is in place, the last leaves the ranges disjoint.
-      for (int distance : {0, 1, -1, 2, -3, 4, -4, 7, -8, 17, -33, 39, 1043}) {
-        SCOPED_TRACE("count " + std::to_string(count) + ", distance " + std::to_string(distance));
-        auto want = Inputs(3000), got = want;
-        auto const output = static_cast<std::size_t>(static_cast<int>(kInput) + distance);
-        for (std::size_t i = 0; i < count; ++i) want[output + i] = c.step(want[kInput + i]);
-        c.free_form(got.data() + kInput, count, got.data() + output);
-        test::ExpectSameBits(want, got);
+  for (auto const set : kernel::rows::RunnableSets()) {
+    for (Case const& c : Cases()) {
+      kernel::rows::ScopedInstructionSet const use(set);
+      SCOPED_TRACE(std::string(c.name) + " with " + kernel::rows::NameOf(set));
+      for (unsigned int count : {0u, 1u, 3u, 4u, 5u, 8u, 31u, 64u, 1003u}) {
+        // Distance from input to output in elements; 0 is in place, the last leaves the ranges disjoint.
+        for (int distance : {0, 1, -1, 2, -3, 4, -4, 7, 8, -8, 15, 16, 17, -33, 1043}) {
+          SCOPED_TRACE("count " + std::to_string(count) + ", distance " + std::to_string(distance));
+          auto want = Inputs(3000), got = want;
+          auto const output = static_cast<std::size_t>(static_cast<int>(kInput) + distance);
+          for (std::size_t i = 0; i < count; ++i) want[output + i] = c.step(want[kInput + i]);
+          c.free_form(got.data() + kInput, count, got.data() + output);
+          test::ExpectSameBits(want, got);
+        }
       }
     }
   }

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "talvo/kernel/functional/elementwise.h"
+#include "talvo/kernel/rows/instruction_sets.h"
 #include "talvo/serialization/inference_param.h"
 #include "talvo/serialization/layer_info_tensor.h"
 #include "tests/golden/elementwise_golden.h"
@@ -105,12 +106,15 @@ TEST_F(ElementwiseKernels, FreeFormsEqualTheAscendingLoopForAnyOverlap) {
   using FreeForm = void (*)(float const*, float const*, unsigned int const&, float*);
   FreeForm const forms[] = {kernel::functional::elementwise_add_f32_m1, kernel::functional::elementwise_sub_f32_m1,
                             kernel::functional::elementwise_mul_f32_m1};
-  for (std::size_t op = 0; op < 3; ++op) {
-    for (std::size_t output : {0u, 20u, 23u, 27u, 40u, 41u, 200u}) {
-      auto want = test::SpecialFloats(4, 300), got = want;
-      for (std::size_t i = 0; i < 90; ++i) want[output + i] = kOperations[op](want[20 + i], want[40 + i]);
-      forms[op](got.data() + 20, got.data() + 40, 90, got.data() + output);
-      test::ExpectSameBits(want, got);
+  for (auto const set : kernel::rows::RunnableSets()) {
+    for (std::size_t op = 0; op < 3; ++op) {
+      kernel::rows::ScopedInstructionSet const use(set);
+      for (std::size_t output : {0u, 20u, 23u, 27u, 40u, 41u, 200u}) {
+        auto want = test::SpecialFloats(4, 300), got = want;
+        for (std::size_t i = 0; i < 90; ++i) want[output + i] = kOperations[op](want[20 + i], want[40 + i]);
+        forms[op](got.data() + 20, got.data() + 40, 90, got.data() + output);
+        test::ExpectSameBits(want, got);
+      }
     }
   }
 }

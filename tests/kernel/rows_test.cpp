@@ -23,8 +23,8 @@ TEST(InstructionSets, TheWidestIsTakenAndAScopeGivesItBack) {
 TEST(Rows, TransposesAnyRectangle) {
   for (auto const set : RunnableSets()) {
     ScopedInstructionSet const use(set);
-    for (std::size_t const rows : {1, 4, 15, 16, 33}) {
-      for (std::size_t const columns : {1, 7, 16, 35}) {
+    for (std::size_t const rows : {1u, 4u, 15u, 16u, 33u}) {
+      for (std::size_t const columns : {1u, 7u, 16u, 35u}) {
         SCOPED_TRACE(testing::Message() << NameOf(set) << " " << rows << " by " << columns);
         std::size_t const from_stride = columns + 3, to_stride = rows + 2;
         auto const from = test::Floats(1, rows * from_stride);
@@ -42,7 +42,7 @@ TEST(Rows, TransposesAnyRectangle) {
 TEST(Rows, SplitsARowIntoEvenAndOdd) {
   for (auto const set : RunnableSets()) {
     ScopedInstructionSet const use(set);
-    for (std::size_t const count : {1, 2, 31, 32, 67}) {
+    for (std::size_t const count : {1u, 2u, 31u, 32u, 67u}) {
       SCOPED_TRACE(testing::Message() << NameOf(set) << " " << count);
       auto const from = test::Floats(1, count);
       std::vector<float> want(2 * count + 2, -9.0f), got = want;

@@ -5,8 +5,10 @@
 #include <cstring>
 #include <utility>
 
+#include "talvo/kernel/rows/elementwise_rows.h"
 #include "talvo/runtime/tensor.h"
 #include "talvo/utility/log.h"
+#include "talvo/utility/restrict.h"
 
 namespace talvo::kernel::functional {
 namespace {
@@ -15,8 +17,8 @@ using Dims = std::vector<unsigned int>;
 
 constexpr char const* kReduction = "Function_TensorTensorArithmetic";
 
-// y[i] += x[i]
-void AddRow(float const* x, std::size_t n, float* y) {
+// y[i] += x[i]. The rows do not overlap.
+void AddRow(float const* TALVO_RESTRICT x, std::size_t n, float* TALVO_RESTRICT y) {
   for (std::size_t i = 0; i < n; ++i) y[i] += x[i];
 }
 
@@ -58,15 +60,15 @@ std::vector<float> SumAxis(float const* x, Dims const& dims, std::size_t axis) {
 }  // namespace
 
 void elementwise_add_f32_m1(float const* a, float const* b, unsigned int const& count, float* out) {
-  for (std::size_t i = 0, n = count; i < n; ++i) out[i] = a[i] + b[i];
+  rows::CombineRow(rows::Operation::kAdd, {a, false}, {b, false}, count, out);
 }
 
 void elementwise_sub_f32_m1(float const* a, float const* b, unsigned int const& count, float* out) {
-  for (std::size_t i = 0, n = count; i < n; ++i) out[i] = a[i] - b[i];
+  rows::CombineRow(rows::Operation::kSub, {a, false}, {b, false}, count, out);
 }
 
 void elementwise_mul_f32_m1(float const* a, float const* b, unsigned int const& count, float* out) {
-  for (std::size_t i = 0, n = count; i < n; ++i) out[i] = a[i] * b[i];
+  rows::CombineRow(rows::Operation::kMul, {a, false}, {b, false}, count, out);
 }
 
 Dims ReducedDims(Dims dims, std::vector<short> const& axes) {

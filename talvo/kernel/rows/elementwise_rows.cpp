@@ -1,0 +1,179 @@
+#include "talvo/kernel/rows/elementwise_rows.h"
+
+#include <cstdint>
+
+#include "talvo/kernel/rows/vectors.h"
+
+namespace talvo::kernel::rows {
+namespace {
+
+constexpr float kSixth = 0x1.555556p-3f;
+
+// Steps replace a vector of x by their results. The order of the operands of each comparison decides what becomes of
+// NaN and of the sign of zero.
+struct Relu {
+  template <int kLanes>
+  TALVO_ROWS_INLINE void Apply(Vector<kLanes>& x) const {
+    Vector<kLanes> const zero = {};
+    x = zero > x ? zero : x;
+  }
+};
+
+struct Relu6 {
+  template <int kLanes>
+  TALVO_ROWS_INLINE void Apply(Vector<kLanes>& x) const {
+    Vector<kLanes> six = {};
+    Splat<kLanes>(6.0f, six);
+    Relu().Apply<kLanes>(x);
+    x = six < x ? six : x;
+  }
+};
+
+struct HSigmoid {
+  template <int kLanes>
+  TALVO_ROWS_INLINE void Apply(Vector<kLanes>& x) const {
+    Vector<kLanes> const zero = {};
+    Vector<kLanes> six = {};
+    Splat<kLanes>(6.0f, six);
+    x = x + 3.0f;
+    x = x > zero ? x : zero;
+    x = x < six ? x : six;
+    x = x * kSixth;
+  }
+};
+
+struct HSwish {
+  template <int kLanes>
+  TALVO_ROWS_INLINE void Apply(Vector<kLanes>& x) const {
+    Vector<kLanes> share = x;
+    HSigmoid().Apply<kLanes>(share);
+    x = share * x;
+  }
+};
+
+struct Leaky {
+  float alpha;
+  template <int kLanes>
+  TALVO_ROWS_INLINE void Apply(Vector<kLanes>& x) const {
+    Vector<kLanes> const zero = {};
+    Vector<kLanes> const scaled = x * alpha;
+    x = x < zero ? scaled : x;
+  }
+};
+
+struct Linear {
+  float scale, offset;
+  template <int kLanes>
+  TALVO_ROWS_INLINE void Apply(Vector<kLanes>& x) const {
+    Vector<kLanes> const product = x * scale;
+    x = product + offset;
+  }
+};
+
+// A vector is read as a whole before its results are written. Only a y that begins inside the first vector of x would
+// make the loop over single elements read what it wrote within a vector.
+template <int kLanes, class Step>
+TALVO_ROWS_INLINE void MapRow(Step const& step, float const* x, std::size_t n, float* y) {
+  std::size_t const distance = reinterpret_cast<std::uintptr_t>(y) - reinterpret_cast<std::uintptr_t>(x);  // wraps
+  std::size_t i = 0;
+  if (distance == 0 || distance >= kLanes * sizeof(float)) {
+    for (; i + kLanes <= n; i += kLanes) {
+      Vector<kLanes> v;
+      Load<kLanes>(x + i, v);
+      step.template Apply<kLanes>(v);
+      Store<kLanes>(v, y + i);
+    }
+  }
+  for (; i < n; ++i) {
+    float v = x[i];
+    step.template Apply<1>(v);
+    y[i] = v;
+  }
+}
+
+template <class Step>
+struct MapBody {
+  template <class Set>
+  static TALVO_ROWS_INLINE void Run(float const* x, std::size_t n, float* y) {
+    MapRow<Set::kLanes>(Step(), x, n, y);
+  }
+};
+
+struct LeakyBody {
+  template <class Set>
+  static TALVO_ROWS_INLINE void Run(float alpha, float const* x, std::size_t n, float* y) {
+    MapRow<Set::kLanes>(Leaky{alpha}, x, n, y);
+  }
+};
+
+struct LinearBody {
+  template <class Set>
+  static TALVO_ROWS_INLINE void Run(float scale, float offset, float const* x, std::size_t n, float* y) {
+    MapRow<Set::kLanes>(Linear{scale, offset}, x, n, y);
+  }
+};
+
+struct Add {
+  TALVO_ROWS_INLINE float operator()(float a, float b) const { return a + b; }
+};
+struct Sub {
+  TALVO_ROWS_INLINE float operator()(float a, float b) const { return a - b; }
+};
+struct Mul {
+  TALVO_ROWS_INLINE float operator()(float a, float b) const { return a * b; }
+};
+struct Div {
+  TALVO_ROWS_INLINE float operator()(float a, float b) const { return a / b; }
+};
+// b when either is NaN, and for zeros of two signs.
+struct Larger {
+  TALVO_ROWS_INLINE float operator()(float a, float b) const { return a > b ? a : b; }
+};
+struct Smaller {
+  TALVO_ROWS_INLINE float operator()(float a, float b) const { return a < b ? a : b; }
+};
+
+struct CombineBody {
+  template <class Set>
+  static TALVO_ROWS_INLINE void Run(Operation operation, Operand a, Operand b, std::size_t n, float* y) {
+    switch (operation) {
+      case Operation::kAdd:
+        return Combine(Add(), a, b, n, y);
+      case Operation::kSub:
+        return Combine(Sub(), a, b, n, y);
+      case Operation::kMul:
+        return Combine(Mul(), a, b, n, y);
+      case Operation::kDiv:
+        return Combine(Div(), a, b, n, y);
+      case Operation::kLarger:
+        return Combine(Larger(), a, b, n, y);
+      case Operation::kSmaller:
+        return Combine(Smaller(), a, b, n, y);
+    }
+  }
+
+  template <class Step>
+  static TALVO_ROWS_INLINE void Combine(Step step, Operand a, Operand b, std::size_t n, float* y) {
+    if (a.repeats) {
+      float const one = *a.x;
+      for (std::size_t i = 0; i < n; ++i) y[i] = step(one, b.x[i]);
+    } else if (b.repeats) {
+      float const one = *b.x;
+      for (std::size_t i = 0; i < n; ++i) y[i] = step(a.x[i], one);
+    } else {
+      for (std::size_t i = 0; i < n; ++i) y[i] = step(a.x[i], b.x[i]);
+    }
+  }
+};
+
+}  // namespace
+
+Primitive<void(float const*, std::size_t, float*)> const ReluRow{MapBody<Relu>()};
+Primitive<void(float const*, std::size_t, float*)> const Relu6Row{MapBody<Relu6>()};
+Primitive<void(float const*, std::size_t, float*)> const HSigmoidRow{MapBody<HSigmoid>()};
+Primitive<void(float const*, std::size_t, float*)> const HSwishRow{MapBody<HSwish>()};
+Primitive<void(float, float const*, std::size_t, float*)> const LeakyRow{LeakyBody()};
+Primitive<void(float, float, float const*, std::size_t, float*)> const LinearRow{LinearBody()};
+Primitive<void(Operation, Operand, Operand, std::size_t, float*)> const CombineRow{CombineBody()};
+
+}  // namespace talvo::kernel::rows

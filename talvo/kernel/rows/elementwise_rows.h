@@ -1,0 +1,31 @@
+// Activations of a row and combinations of two rows. Each result is that of the plain loop over ascending i, so that
+// the ranges may overlap in any way. Internal.
+#pragma once
+
+#include <cstddef>
+
+#include "talvo/kernel/rows/instruction_sets.h"
+
+namespace talvo::kernel::rows {
+
+/// y[i] = f(x[i]) with the f of relu_f32 and so on in kernel/functional/activation.h.
+extern Primitive<void(float const* x, std::size_t n, float* y)> const ReluRow;
+extern Primitive<void(float const* x, std::size_t n, float* y)> const Relu6Row;
+extern Primitive<void(float const* x, std::size_t n, float* y)> const HSigmoidRow;
+extern Primitive<void(float const* x, std::size_t n, float* y)> const HSwishRow;
+extern Primitive<void(float alpha, float const* x, std::size_t n, float* y)> const LeakyRow;
+extern Primitive<void(float scale, float offset, float const* x, std::size_t n, float* y)> const LinearRow;
+
+/// a + b, a - b, a * b, a / b, a > b ? a : b and a < b ? a : b, numbered as in BroadcastOperatorInfo.
+enum class Operation : unsigned char { kAdd, kSub, kMul, kDiv, kLarger, kSmaller };
+
+/// An operand of a row: x[0], x[1], ..., or x[0] for every element, which is read once.
+struct Operand {
+  float const* x;
+  bool repeats;
+};
+
+/// y[i] = a[i] op b[i]. At most one operand repeats.
+extern Primitive<void(Operation operation, Operand a, Operand b, std::size_t n, float* y)> const CombineRow;
+
+}  // namespace talvo::kernel::rows
