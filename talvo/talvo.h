@@ -2,6 +2,15 @@
 #pragma once
 
 #include "talvo/entry/create_context.h"
+#include "talvo/image/color.h"
+#include "talvo/image/crop.h"
+#include "talvo/image/image_process.h"
+#include "talvo/image/image_process_fallback.h"
+#include "talvo/image/normalise.h"
+#include "talvo/image/resize.h"
+#include "talvo/image/rotate_flip.h"
+#include "talvo/image/warp.h"
+#include "talvo/image/yuv.h"
 #include "talvo/kernel/native/permute.h"
 #include "talvo/runtime/context.h"
 #include "talvo/runtime/device.h"
