@@ -1,0 +1,95 @@
+// Instruction sets for the row and tile primitives. A primitive is written once, for a vector width that it takes as a
+// template parameter, and compiled for each instruction set; the widest one that the processor runs is taken at start.
+// The choice changes speed, never a bit. Internal: this folder alone knows about processors.
+#pragma once
+
+#include <cstddef>
+#include <vector>
+
+/// For everything that a primitive calls: code that is inlined is compiled for the instruction set of its caller. Pass
+/// vectors by reference, and use no lambdas: they would be functions of the baseline.
+#define TALVO_ROWS_INLINE inline __attribute__((always_inline))
+
+// A target names no instruction that fuses, except that AVX-512 cannot be had without: -ffp-contract=off holds there.
+#if defined(__x86_64__)
+#define TALVO_ROWS_TARGET_AVX2 __attribute__((target("avx2")))
+#define TALVO_ROWS_TARGET_AVX512 __attribute__((target("avx512f,avx512bw,avx512dq,avx512vl")))
+#else
+#define TALVO_ROWS_TARGET_AVX2
+#define TALVO_ROWS_TARGET_AVX512
+#endif
+
+namespace talvo::kernel::rows {
+
+enum class InstructionSet : unsigned char { kBaseline, kAvx2, kAvx512 };
+constexpr std::size_t kInstructionSets = 3;
+
+/// What a primitive knows of the set that it is compiled for: floats in a vector, and vectors that fit registers.
+struct Baseline {
+  static constexpr int kLanes = 4, kRegisters = 16;
+};
+struct Avx2 {
+  static constexpr int kLanes = 8, kRegisters = 16;
+};
+struct Avx512 {
+  static constexpr int kLanes = 16, kRegisters = 32;
+};
+constexpr int kMaxLanes = 16;
+
+/// The sets that this processor runs, the narrowest first. Never empty.
+std::vector<InstructionSet> RunnableSets();
+
+/// The set in use: the widest of RunnableSets, unless a test took another one.
+InstructionSet ActiveSet();
+
+/// Floats in a vector of the set in use.
+int ActiveLanes();
+
+/// "baseline", "avx2" or "avx512".
+char const* NameOf(InstructionSet set);
+
+/// Takes another runnable set while it lives, for tests and benchmarks that walk all of them. Not for use beside other
+/// threads.
+class ScopedInstructionSet {
+ public:
+  explicit ScopedInstructionSet(InstructionSet set);
+  ScopedInstructionSet(ScopedInstructionSet const&) = delete;
+  ScopedInstructionSet& operator=(ScopedInstructionSet const&) = delete;
+  ~ScopedInstructionSet();
+
+ private:
+  InstructionSet previous_;
+};
+
+/// A function compiled for each set; a call runs the version of the set in use. `Body` has a
+/// `template <class Set> static TALVO_ROWS_INLINE void Run(Arguments...)`; the object is a constant at namespace scope:
+///   const Primitive<void(float const*, std::size_t, float*)> ScaleRow{ScaleRowBody()};
+template <class Signature>
+class Primitive;
+
+template <class... Arguments>
+class Primitive<void(Arguments...)> {
+ public:
+  template <class Body>
+  constexpr explicit Primitive(Body) : versions_{RunBaseline<Body>, RunAvx2<Body>, RunAvx512<Body>} {}
+
+  void operator()(Arguments... arguments) const { versions_[static_cast<std::size_t>(ActiveSet())](arguments...); }
+
+ private:
+  template <class Body>
+  static void RunBaseline(Arguments... arguments) {
+    Body::template Run<Baseline>(arguments...);
+  }
+  template <class Body>
+  TALVO_ROWS_TARGET_AVX2 static void RunAvx2(Arguments... arguments) {
+    Body::template Run<Avx2>(arguments...);
+  }
+  template <class Body>
+  TALVO_ROWS_TARGET_AVX512 static void RunAvx512(Arguments... arguments) {
+    Body::template Run<Avx512>(arguments...);
+  }
+
+  void (*versions_[kInstructionSets])(Arguments...);
+};
+
+}  // namespace talvo::kernel::rows
