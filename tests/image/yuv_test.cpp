@@ -31,7 +31,8 @@ TEST_F(Yuv, ClassFramesWrapAround) {
                         {"NV12", &P::ConvertYUV2RGB_NV12, false, 0, 1},
                         {"IYUV", &P::ConvertYUV2RGB_IYUV, true, 0, 1}}) {
     SCOPED_TRACE(c.why);
-    for (auto [h, w] : kFrames) {
+    for (Shape const& shape : kFrames) {
+      unsigned int const h = shape.height, w = shape.width;
       auto const frame = Bytes(h + w, h * w * 3 / 2);
       auto src = Image({h, w, 1}, TensorShape::HWC), dst = Image({3, h, w}, TensorShape::CHW);
       src = context_->device_cpu->CreateTensorExternal(src->shape, const_cast<unsigned char*>(frame.data()));
