@@ -1,0 +1,396 @@
+#include "talvo/image/resize.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <utility>
+#include <vector>
+
+#include "talvo/image/image_process_fallback.h"
+#include "talvo/image/image_support.h"
+#include "talvo/utility/restrict.h"
+
+namespace talvo::kernel {
+namespace {
+
+using namespace image;
+
+// The two frames of a resize, in pixels of `pixel_bytes`.
+struct Frames {
+  unsigned char const* from;
+  std::size_t from_height, from_width;
+  unsigned char* to;
+  std::size_t to_height, to_width;
+  std::size_t pixel_bytes;
+
+  bool HasNoOutput() const { return to_height == 0 || to_width == 0; }
+};
+
+// Rows and columns are the axes `row_axis` and `row_axis` + 1 of both. Memory is looked at only where there is an
+// output.
+Frames FramesOf(char const* function, TensorCPU const& input, char const* input_name, TensorCPU const& output,
+                char const* output_name, std::size_t row_axis, std::size_t pixel_bytes) {
+  Frames f{};
+  f.from_width = Extent(function, input_name, input, row_axis + 1);
+  f.from_height = input.shape.dims[row_axis];
+  f.to_width = Extent(function, output_name, output, row_axis + 1);
+  f.to_height = output.shape.dims[row_axis];
+  f.pixel_bytes = pixel_bytes;
+  if (f.HasNoOutput()) return f;
+  Assert(f.from_height > 0 && f.from_width > 0, "%s: %s of %zu x %zu pixels, needs at least one", function, input_name,
+         f.from_height, f.from_width);
+  f.from = Memory(function, input_name, input, Volume(f.from_height, f.from_width, pixel_bytes));
+  f.to = Memory(function, output_name, output, Volume(f.to_height, f.to_width, pixel_bytes));
+  return f;
+}
+
+Frames FlexiableFrames(Images const& images, std::size_t row_axis, std::size_t pixel_bytes) {
+  Assert(images.src.shape.layout == TensorShape::FLEXIABLE, nullptr);
+  Assert(images.dst.shape.layout == TensorShape::FLEXIABLE, nullptr);
+  return FramesOf(images.name, images.src, "src", images.dst, "dst", row_axis, pixel_bytes);
+}
+
+// Position of output pixel i in a source whose extent is `scale` times the output's, with aligned centres.
+float CentreAligned(std::size_t i, double scale) {
+  return static_cast<float>((static_cast<double>(i) + 0.5) * scale - 0.5);
+}
+
+double Scale(std::size_t from, std::size_t to) { return static_cast<double>(from) / static_cast<double>(to); }
+
+// ---- Nearest: a table of source pixels for the rows and one for the columns.
+
+using Indices = std::vector<std::uint32_t>;
+constexpr std::uint32_t kSkip = 0xFFFFFFFF;  // a pixel that keeps its bytes; no tensor has a pixel of this number
+
+template <std::size_t kPixelBytes>
+void CopyColumns(unsigned char const* TALVO_RESTRICT from, Indices const& columns, unsigned char* TALVO_RESTRICT to) {
+  std::size_t const count = columns.size();
+  std::uint32_t const* const index = columns.data();
+  for (std::size_t x = 0; x < count; ++x) {
+    if (index[x] == kSkip) continue;
+    std::memcpy(to + x * kPixelBytes, from + std::size_t{index[x]} * kPixelBytes, kPixelBytes);
+  }
+}
+
+void CopyByTables(Frames const& f, Indices const& rows, Indices const& columns) {
+  for (std::size_t y = 0; y < f.to_height; ++y) {
+    if (rows[y] == kSkip) continue;
+    unsigned char const* const from = f.from + rows[y] * f.from_width * f.pixel_bytes;
+    unsigned char* const to = f.to + y * f.to_width * f.pixel_bytes;
+    switch (f.pixel_bytes) {
+      case 1:
+        CopyColumns<1>(from, columns, to);
+        break;
+      case 2:
+        CopyColumns<2>(from, columns, to);
+        break;
+      case 3:
+        CopyColumns<3>(from, columns, to);
+        break;
+      default:
+        CopyColumns<4>(from, columns, to);
+        break;
+    }
+  }
+}
+
+// The class's nearest: rounds up from the truncated position where the rest is half a pixel or more.
+Indices RoundedIndices(std::size_t from, std::size_t to) {
+  Indices indices(to);
+  auto const last = static_cast<std::int64_t>(from) - 1;
+  for (std::size_t i = 0; i < to; ++i) {
+    float const s = CentreAligned(i, Scale(from, to));
+    auto k = static_cast<std::int64_t>(s);
+    float rest = k < 0 ? 0.0f : s - static_cast<float>(k);
+    k = std::max<std::int64_t>(k, 0);
+    if (k >= last) rest = 1.0f;
+    indices[i] = static_cast<std::uint32_t>(std::min(k, last - 1) + (rest >= 0.5f ? 1 : 0));
+  }
+  return indices;
+}
+
+// The crop's nearest: `first` and `span` are the first pixel of the crop and the distance to its last.
+Indices CropIndices(std::int64_t first, std::int64_t span, std::size_t from, std::size_t to) {
+  Indices indices(to, kSkip);
+  auto const last = static_cast<std::int64_t>(from) - 1;
+  float const scale = static_cast<float>(span + 1) / static_cast<float>(to);
+  for (std::size_t i = 0; i < to; ++i) {
+    float const s = CentreAligned(i, static_cast<double>(scale));
+    auto const k = static_cast<std::int64_t>(s);
+    std::int64_t const inside = std::max<std::int64_t>(k, 0);
+    float const rest = k < 0 || inside >= span ? 0.0f : s - static_cast<float>(k);
+    std::int64_t const index = std::min(inside, span) + first;
+    if (index < 0 || index > last) continue;
+    indices[i] = static_cast<std::uint32_t>(index + (index < last && rest >= 0.5f ? 1 : 0));
+  }
+  return indices;
+}
+
+void CropResizeNearest(char const* name, TensorPtr const& source, TensorPtr const& destination, float left_share,
+                       float top_share, float right_share, float bottom_share, std::size_t pixel_bytes) {
+  Images const images(name, source, destination);
+  Frames const f = FlexiableFrames(images, 0, pixel_bytes);
+  if (f.HasNoOutput()) return;
+  std::int64_t const left = PixelOfShare(name, left_share, f.from_width);
+  std::int64_t const top = PixelOfShare(name, top_share, f.from_height);
+  std::int64_t const right = PixelOfShare(name, right_share, f.from_width);
+  std::int64_t const bottom = PixelOfShare(name, bottom_share, f.from_height);
+  CopyByTables(f, CropIndices(top, bottom - top, f.from_height, f.to_height),
+               CropIndices(left, right - left, f.from_width, f.to_width));
+}
+
+// ---- Bilinear: weights of 11 bits, lines with 7 fractional bits, two bits left after the vertical step.
+
+// For each output pixel along one axis: the first of its two source pixels and their weights. In a source of one pixel
+// both are that pixel, and the second has all the weight.
+struct Neighbours {
+  Neighbours(std::size_t from, std::size_t to) : first(to), weight0(to), weight1(to), distance(from > 1 ? 1 : 0) {
+    auto const last = static_cast<std::int64_t>(from) - 1;
+    for (std::size_t i = 0; i < to; ++i) {
+      float const s = CentreAligned(i, Scale(from, to));
+      auto k = static_cast<std::int64_t>(std::floor(s));
+      float part = k < 0 ? 0.0f : s - static_cast<float>(k);
+      k = std::max<std::int64_t>(k, 0);
+      if (k >= last) part = 1.0f;
+      first[i] = static_cast<std::uint32_t>(std::max<std::int64_t>(std::min(k, last - 1), 0));
+      weight0[i] = Weight(1.0f - part);
+      weight1[i] = Weight(part);
+    }
+  }
+
+  // Rounded half away from zero. A part lies in [0, 1], so that 16 bits hold every weight.
+  static std::int16_t Weight(float part) { return static_cast<std::int16_t>(std::round(part * 2048.0f)); }
+
+  std::vector<std::uint32_t> first;
+  std::vector<std::int16_t> weight0, weight1;
+  std::uint32_t distance;  // from the first source pixel to the second
+};
+
+// Both neighbours of every output pixel, side by side in rows of bytes.
+template <std::size_t kPixelBytes>
+void GatherNeighbours(unsigned char const* TALVO_RESTRICT row, std::uint32_t const* TALVO_RESTRICT first,
+                      std::size_t distance, std::size_t count, unsigned char* TALVO_RESTRICT left,
+                      unsigned char* TALVO_RESTRICT right) {
+  for (std::size_t x = 0; x < count; ++x) {
+    unsigned char const* const pixel = row + std::size_t{first[x]} * kPixelBytes;
+    std::memcpy(left + x * kPixelBytes, pixel, kPixelBytes);
+    std::memcpy(right + x * kPixelBytes, pixel + distance * kPixelBytes, kPixelBytes);
+  }
+}
+
+void BlendNeighbours(unsigned char const* TALVO_RESTRICT left, unsigned char const* TALVO_RESTRICT right,
+                     std::int16_t const* TALVO_RESTRICT weight0, std::int16_t const* TALVO_RESTRICT weight1,
+                     std::size_t count, std::int16_t* TALVO_RESTRICT line) {
+  for (std::size_t i = 0; i < count; ++i) {
+    line[i] = static_cast<std::int16_t>((left[i] * weight0[i] + right[i] * weight1[i]) >> 4);
+  }
+}
+
+void BlendLines(std::int16_t const* TALVO_RESTRICT upper, std::int16_t const* TALVO_RESTRICT lower,
+                std::int16_t const weight0, std::int16_t const weight1, std::size_t count,
+                unsigned char* TALVO_RESTRICT to) {
+  for (std::size_t i = 0; i < count; ++i) {
+    int const sum = ((upper[i] * weight0) >> 16) + ((lower[i] * weight1) >> 16) + 2;
+    to[i] = static_cast<unsigned char>(sum >> 2);
+  }
+}
+
+// Every value `times` times over.
+std::vector<std::int16_t> Repeated(std::vector<std::int16_t> const& values, std::size_t times) {
+  std::vector<std::int16_t> repeated(values.size() * times);
+  for (std::size_t i = 0; i < repeated.size(); ++i) repeated[i] = values[i / times];
+  return repeated;
+}
+
+// Source rows interpolated horizontally, two at a time.
+template <std::size_t kPixelBytes>
+class Lines {
+ public:
+  explicit Lines(Frames const& f)
+      : frames_(f),
+        columns_(f.from_width, f.to_width),
+        count_(f.to_width * kPixelBytes),
+        weight0_(Repeated(columns_.weight0, kPixelBytes)),
+        weight1_(Repeated(columns_.weight1, kPixelBytes)),
+        left_(count_),
+        right_(count_),
+        upper_{kNone, std::vector<std::int16_t>(count_)},
+        lower_{kNone, std::vector<std::int16_t>(count_)} {}
+
+  // The source rows `row` and `row` + `distance`; what stands from the call before is not computed again.
+  void MoveTo(std::size_t row, std::size_t distance) {
+    if (lower_.row == row) std::swap(upper_, lower_);
+    Fill(upper_, row);
+    Fill(lower_, row + distance);
+  }
+
+  std::int16_t const* upper() const { return upper_.values.data(); }
+  std::int16_t const* lower() const { return lower_.values.data(); }
+  std::size_t count() const { return count_; }
+
+ private:
+  static constexpr std::size_t kNone = static_cast<std::size_t>(-1);
+  struct Line {
+    std::size_t row;
+    std::vector<std::int16_t> values;
+  };
+
+  void Fill(Line& line, std::size_t row) {
+    if (line.row == row) return;
+    GatherNeighbours<kPixelBytes>(frames_.from + row * frames_.from_width * kPixelBytes, columns_.first.data(),
+                                  columns_.distance, frames_.to_width, left_.data(), right_.data());
+    BlendNeighbours(left_.data(), right_.data(), weight0_.data(), weight1_.data(), count_, line.values.data());
+    line.row = row;
+  }
+
+  Frames const frames_;
+  Neighbours const columns_;
+  std::size_t const count_;  // values of a line
+  std::vector<std::int16_t> const weight0_, weight1_;
+  std::vector<unsigned char> left_, right_;
+  Line upper_, lower_;
+};
+
+template <std::size_t kPixelBytes>
+void ResizeBilinear(Frames const& f) {
+  if (f.HasNoOutput()) return;
+  Neighbours const rows(f.from_height, f.to_height);
+  Lines<kPixelBytes> lines(f);
+  for (std::size_t y = 0; y < f.to_height; ++y) {
+    lines.MoveTo(rows.first[y], rows.distance);
+    BlendLines(lines.upper(), lines.lower(), rows.weight0[y], rows.weight1[y], lines.count(), f.to + y * lines.count());
+  }
+}
+
+}  // namespace
+
+void ImageProcessFallback::Resize_Nearest_C1(TensorPtr& src, TensorPtr& dst, ContextPtr) {
+  Frames const f = FlexiableFrames(Images("Resize_Nearest_C1", src, dst), 0, 1);
+  if (f.HasNoOutput()) return;
+  CopyByTables(f, RoundedIndices(f.from_height, f.to_height), RoundedIndices(f.from_width, f.to_width));
+}
+
+void ImageProcessFallback::Resize_Bilinear_C1(TensorPtr& src, TensorPtr& dst, ContextPtr) {
+  ResizeBilinear<1>(FlexiableFrames(Images("Resize_Bilinear_C1", src, dst), 1, 1));  // three axes, the first being 1
+}
+
+void ImageProcessFallback::Resize_Bilinear_C2(TensorPtr& src, TensorPtr& dst, ContextPtr) {
+  ResizeBilinear<2>(FlexiableFrames(Images("Resize_Bilinear_C2", src, dst), 0, 2));
+}
+
+void ImageProcessFallback::Resize_Bilinear_C3(TensorPtr& src, TensorPtr& dst, ContextPtr) {
+  ResizeBilinear<3>(FlexiableFrames(Images("Resize_Bilinear_C3", src, dst), 0, 3));
+}
+
+void ImageProcessFallback::Resize_Bilinear_C4(TensorPtr& src, TensorPtr& dst, ContextPtr) {
+  ResizeBilinear<4>(FlexiableFrames(Images("Resize_Bilinear_C4", src, dst), 0, 4));
+}
+
+void ImageProcessFallback::Crop_Resize_Nearest_C1(TensorPtr& src, TensorPtr& dst, float left, float top, float right,
+                                                  float bottom, ContextPtr) {
+  CropResizeNearest("Crop_Resize_Nearest_C1", src, dst, left, top, right, bottom, 1);
+}
+
+void ImageProcessFallback::Crop_Resize_Nearest_C3(TensorPtr& src, TensorPtr& dst, float left, float top, float right,
+                                                  float bottom, ContextPtr) {
+  CropResizeNearest("Crop_Resize_Nearest_C3", src, dst, left, top, right, bottom, 3);
+}
+
+void ImageProcessFallback::Crop_Resize_Nearest_C4(TensorPtr& src, TensorPtr& dst, float left, float top, float right,
+                                                  float bottom, ContextPtr) {
+  CropResizeNearest("Crop_Resize_Nearest_C4", src, dst, left, top, right, bottom, 4);
+}
+
+}  // namespace talvo::kernel
+
+namespace talvo::kernel::functional {
+namespace {
+
+Frames FreeFrames(char const* function, TensorPtr const& i_img, TensorPtr const& o_img, std::size_t pixel_bytes) {
+  return FramesOf(function, Cast(i_img, "i_img"), "i_img", Cast(o_img, "o_img"), "o_img", 0, pixel_bytes);
+}
+
+// The free nearest: steps are added up, not multiplied out, and positions are truncated.
+Indices SummedIndices(std::size_t from, std::size_t to) {
+  Indices indices(to);
+  float const step = static_cast<float>(from) / static_cast<float>(to);
+  float position = 0.0f;
+  for (std::size_t i = 0; i < to; ++i, position += step) {
+    indices[i] = static_cast<std::uint32_t>(std::min(static_cast<std::size_t>(position), from - 1));
+  }
+  return indices;
+}
+
+void ResizeNearest(Frames const& f) {
+  if (f.HasNoOutput()) return;
+  CopyByTables(f, SummedIndices(f.from_height, f.to_height), SummedIndices(f.from_width, f.to_width));
+}
+
+}  // namespace
+
+void F_Resize_Nearest_HWC_U8_C1_Fallback(TensorPtr const& i_img, TensorPtr& o_img) {
+  ResizeNearest(FreeFrames(__func__, i_img, o_img, 1));
+}
+
+void F_Resize_Nearest_HWC_U8_C1_Arm_M1(TensorPtr const& i_img, TensorPtr& o_img) {
+  ResizeNearest(FreeFrames(__func__, i_img, o_img, 1));
+}
+
+void F_Resize_Nearest_HWC_U8_C2_Fallback(TensorPtr const& i_img, TensorPtr& o_img) {
+  ResizeNearest(FreeFrames(__func__, i_img, o_img, 2));
+}
+
+void F_Resize_Nearest_HWC_U8_C2_Arm_M1(TensorPtr const& i_img, TensorPtr& o_img) {
+  ResizeNearest(FreeFrames(__func__, i_img, o_img, 2));
+}
+
+void F_Resize_Nearest_HWC_U8_C3_Fallback(TensorPtr const& i_img, TensorPtr& o_img) {
+  ResizeNearest(FreeFrames(__func__, i_img, o_img, 3));
+}
+
+void F_Resize_Nearest_HWC_U8_C3_Arm_M1(TensorPtr const& i_img, TensorPtr& o_img) {
+  ResizeNearest(FreeFrames(__func__, i_img, o_img, 3));
+}
+
+void F_Resize_Nearest_HWC_U8_C4_Fallback(TensorPtr const& i_img, TensorPtr& o_img) {
+  ResizeNearest(FreeFrames(__func__, i_img, o_img, 4));
+}
+
+void F_Resize_Nearest_HWC_U8_C4_Arm_M1(TensorPtr const& i_img, TensorPtr& o_img) {
+  ResizeNearest(FreeFrames(__func__, i_img, o_img, 4));
+}
+
+void F_Resize_Bilinear_HWC_U8_C1_Fallback(TensorPtr const& i_img, TensorPtr& o_img) {
+  ResizeBilinear<1>(FreeFrames(__func__, i_img, o_img, 1));
+}
+
+void F_Resize_Bilinear_HWC_U8_C1_Arm_M1(TensorPtr const& i_img, TensorPtr& o_img) {
+  ResizeBilinear<1>(FreeFrames(__func__, i_img, o_img, 1));
+}
+
+void F_Resize_Bilinear_HWC_U8_C2_Fallback(TensorPtr const& i_img, TensorPtr& o_img) {
+  ResizeBilinear<2>(FreeFrames(__func__, i_img, o_img, 2));
+}
+
+void F_Resize_Bilinear_HWC_U8_C2_Arm_M1(TensorPtr const& i_img, TensorPtr& o_img) {
+  ResizeBilinear<2>(FreeFrames(__func__, i_img, o_img, 2));
+}
+
+void F_Resize_Bilinear_HWC_U8_C3_Fallback(TensorPtr const& i_img, TensorPtr& o_img) {
+  ResizeBilinear<3>(FreeFrames(__func__, i_img, o_img, 3));
+}
+
+void F_Resize_Bilinear_HWC_U8_C3_Arm_M1(TensorPtr const& i_img, TensorPtr& o_img) {
+  ResizeBilinear<3>(FreeFrames(__func__, i_img, o_img, 3));
+}
+
+void F_Resize_Bilinear_HWC_U8_C4_Fallback(TensorPtr const& i_img, TensorPtr& o_img) {
+  ResizeBilinear<4>(FreeFrames(__func__, i_img, o_img, 4));
+}
+
+void F_Resize_Bilinear_HWC_U8_C4_Arm_M1(TensorPtr const& i_img, TensorPtr& o_img) {
+  ResizeBilinear<4>(FreeFrames(__func__, i_img, o_img, 4));
+}
+
+}  // namespace talvo::kernel::functional

@@ -1,0 +1,262 @@
+#include "talvo/image/yuv.h"
+
+#include <algorithm>
+#include <cstdint>
+
+#include "talvo/image/image_process_fallback.h"
+#include "talvo/image/image_support.h"
+#include "talvo/image/planes_support.h"
+#include "talvo/utility/restrict.h"
+
+namespace talvo::kernel {
+namespace {
+
+using namespace image;
+
+// One frame: luminance [H, W], and two chrominance values for each 2 x 2 block, `step` bytes from one block to the
+// next.
+struct Frame {
+  std::size_t height, width;
+  unsigned char const* luminance;
+  unsigned char const* a;
+  unsigned char const* b;
+  std::size_t step;
+};
+
+// Both conversions walk the frame in bands of two rows: the chrominance part of each plane is worked out once for a
+// block, as a `Term` for both of its columns, and then joined with the luminance of both rows. A Math gives
+//   Term Chrominance<plane>(a, b)      the part of a block
+//   unsigned char Join(y, Term)        the byte of a pixel
+
+template <std::size_t kPlane, class Math>
+void ChrominanceRow(Math const math, unsigned char const* a, unsigned char const* b, std::size_t step,
+                    std::size_t blocks, typename Math::Term* TALVO_RESTRICT terms) {
+  for (std::size_t i = 0; i < blocks; ++i) {
+    auto const term = math.template Chrominance<kPlane>(a[i * step], b[i * step]);
+    terms[2 * i] = term;
+    terms[2 * i + 1] = term;
+  }
+}
+
+template <class Math>
+void JoinRow(Math const math, unsigned char const* TALVO_RESTRICT luminance,
+             typename Math::Term const* TALVO_RESTRICT terms, std::size_t columns,
+             unsigned char* TALVO_RESTRICT plane) {
+  for (std::size_t i = 0; i < columns; ++i) plane[i] = math.Join(luminance[i], terms[i]);
+}
+
+template <std::size_t kPlane, class Math>
+void ConvertPlane(Frame const& frame, Math const& math, unsigned char* plane) {
+  constexpr std::size_t kBlock = 2048;  // columns whose terms stay in the first cache
+  typename Math::Term terms[kBlock];
+  std::size_t const chrominance_row = frame.width / 2 * frame.step;
+  for (std::size_t y = 0; y < frame.height; y += 2) {
+    for (std::size_t x = 0; x < frame.width; x += kBlock) {
+      std::size_t const columns = std::min(kBlock, frame.width - x);
+      std::size_t const block = y / 2 * chrominance_row + x / 2 * frame.step;
+      std::size_t const pixel = y * frame.width + x;
+      if (frame.step == 1) {
+        ChrominanceRow<kPlane>(math, frame.a + block, frame.b + block, 1, columns / 2, terms);
+      } else {
+        ChrominanceRow<kPlane>(math, frame.a + block, frame.b + block, 2, columns / 2, terms);
+      }
+      JoinRow(math, frame.luminance + pixel, terms, columns, plane + pixel);
+      JoinRow(math, frame.luminance + pixel + frame.width, terms, columns, plane + pixel + frame.width);
+    }
+  }
+}
+
+template <class Math>
+void ConvertFrame(Frame const& frame, Math const& math, Planes const& planes) {
+  ConvertPlane<0>(frame, math, planes[0]);
+  ConvertPlane<1>(frame, math, planes[1]);
+  ConvertPlane<2>(frame, math, planes[2]);
+}
+
+// The class's fixed coefficients, a = U and b = V. As bytes wrap, (64 y + k) >> 6 = y + (k >> 6): the term is a byte.
+struct FixedMath {
+  using Term = unsigned char;
+
+  template <std::size_t kPlane>
+  Term Chrominance(unsigned char a, unsigned char b) const {
+    constexpr int kU[] = {0, -22, 113}, kV[] = {90, -46, 0};
+    auto const sum = static_cast<std::int16_t>(kU[kPlane] * (a - 128) + kV[kPlane] * (b - 128));
+    return static_cast<Term>(sum >> 6);
+  }
+  unsigned char Join(unsigned char y, Term term) const { return static_cast<unsigned char>(y + term); }
+};
+
+enum class Order { kUV, kVU, kUThenV };
+
+void ConvertClassFrame(char const* name, TensorPtr const& src_ptr, TensorPtr const& dst_ptr, Order order) {
+  Images const images(name, src_ptr, dst_ptr);
+  auto const& [operation, src, dst] = images;
+  if (dst.shape.layout != TensorShape::CHW || src.shape.location != TensorShape::MainMemory ||
+      dst.shape.location != TensorShape::MainMemory) {
+    return;
+  }
+  std::size_t const h = Extent(operation, "src", src, 0), w = Extent(operation, "src", src, 1);
+  if (h % 2 != 0 || w % 2 != 0 || h == 0 || w < 2) return;
+  NeedRank(operation, "dst", dst, 3);
+  Planes const planes = ThreePlanes(operation, "dst", dst, Volume(h, w));
+  Assert(src.data != nullptr, "%s: src has no memory", operation);
+  auto const* const luminance = src.Data<unsigned char>();
+  auto const* const chrominance = luminance + h * w;
+  if (order == Order::kUThenV) {
+    return ConvertFrame({h, w, luminance, chrominance, chrominance + h * w / 4, 1}, FixedMath(), planes);
+  }
+  std::size_t const u = order == Order::kUV ? 0 : 1;
+  ConvertFrame({h, w, luminance, chrominance + u, chrominance + (1 - u), 2}, FixedMath(), planes);
+}
+
+}  // namespace
+
+void ImageProcessFallback::ConvertYUV2RGB_NV21(TensorPtr& src, TensorPtr& dst, ContextPtr) {
+  ConvertClassFrame("ConvertYUV2RGB_NV21", src, dst, Order::kVU);
+}
+
+void ImageProcessFallback::ConvertYUV2RGB_NV12(TensorPtr& src, TensorPtr& dst, ContextPtr) {
+  ConvertClassFrame("ConvertYUV2RGB_NV12", src, dst, Order::kUV);
+}
+
+void ImageProcessFallback::ConvertYUV2RGB_IYUV(TensorPtr& src, TensorPtr& dst, ContextPtr) {
+  ConvertClassFrame("ConvertYUV2RGB_IYUV", src, dst, Order::kUThenV);
+}
+
+}  // namespace talvo::kernel
+
+namespace talvo::kernel::functional {
+namespace {
+
+using MatrixPtr = std::shared_ptr<YUVCvtMatrix>;
+
+// The caller's coefficients, fixed-point with 5 fractional bits. A byte is bits 5 to 12 of its sum, so that sums and
+// products modulo 2^16 have all that counts.
+struct MatrixMath {
+  using Term = std::uint16_t;
+
+  explicit MatrixMath(YUVCvtMatrix const& m)
+      : y_gain(Fixed(m.m0, 32)),
+        a_gain{Fixed(m.m1, 32), Fixed(m.m3, 32), Fixed(m.m5, 32)},
+        b_gain{Fixed(m.m2, 32), Fixed(m.m4, 32), Fixed(m.m6, 32)},
+        y_offset(Fixed(m.m7, 256)),
+        a_offset(Fixed(m.m8, 256)),
+        b_offset(Fixed(m.m9, 256)) {}
+
+  static Term Fixed(float value, float scale) { return static_cast<Term>(TruncateToInt(value * scale)); }
+  static Term Product(unsigned int x, unsigned int y) { return static_cast<Term>(x * y); }
+
+  template <std::size_t kPlane>
+  Term Chrominance(unsigned char a, unsigned char b) const {
+    return static_cast<Term>(Product(static_cast<Term>(a - a_offset), a_gain[kPlane]) +
+                             Product(static_cast<Term>(b - b_offset), b_gain[kPlane]));
+  }
+  unsigned char Join(unsigned char y, Term term) const {
+    auto const sum = static_cast<Term>(Product(static_cast<Term>(y - y_offset), y_gain) + term);
+    return static_cast<unsigned char>(sum >> 5);
+  }
+
+  Term y_gain, a_gain[3], b_gain[3], y_offset, a_offset, b_offset;
+};
+
+void NeedPlane(TensorCPU const& plane, char const* name) {
+  NeedMainMemory(plane, name);
+  NeedType(plane, name, TensorShape::UINT8, "UInt8");
+}
+
+void NeedHalfExtents(char const* function, TensorCPU const& luminance, TensorCPU const& chrominance, char const* name,
+                     char const* message) {
+  for (std::size_t axis = 0; axis < 2; ++axis) {
+    Assert(Extent(function, name, chrominance, axis) * 2 == Extent(function, "i_luminancePlane", luminance, axis),
+           message);
+  }
+}
+
+// What both forms test behind their planes, but for the extents.
+void NeedMatrixAndOutput(MatrixPtr const& matrix, TensorCPU const& output) {
+  Assert(matrix != nullptr, "i_cvtMat must be a vaild shared pointer.");
+  NeedLayout(output, "o_img", TensorShape::CHW, "CHW");
+  NeedType(output, "o_img", TensorShape::UINT8, "UInt8");
+  NeedMainMemory(output, "o_img");
+}
+
+// `frame` has extents, luminance and chrominance; the output is looked at here.
+void ConvertWithMatrix(char const* function, Frame const& frame, YUVCvtMatrix const& matrix, TensorCPU const& output) {
+  NeedRank(function, "o_img", output, 3);
+  ConvertFrame(frame, MatrixMath(matrix), ThreePlanes(function, "o_img", output, Volume(frame.height, frame.width)));
+}
+
+void TwoPlanes(char const* function, TensorPtr const& i_luminancePlane, TensorPtr const& i_chrominancePlane,
+               MatrixPtr const& i_cvtMat, TensorPtr const& o_img) {
+  TensorCPU const& luminance = Cast(i_luminancePlane, "i_luminancePlane");
+  TensorCPU const& chrominance = Cast(i_chrominancePlane, "i_chrominancePlane");
+  TensorCPU const& output = Cast(o_img, "o_img");
+  NeedPlane(luminance, "i_luminancePlane");
+  NeedPlane(chrominance, "i_chrominancePlane");
+  NeedMatrixAndOutput(i_cvtMat, output);
+  NeedHalfExtents(function, luminance, chrominance, "i_chrominancePlane",
+                  "Shapes of Luminance Plane and Chrominance Plane mismatched.");
+  std::size_t const h = luminance.shape.dims[0], w = luminance.shape.dims[1];
+  auto const* const y = Memory(function, "i_luminancePlane", luminance, Volume(h, w));
+  auto const* const ab = Memory(function, "i_chrominancePlane", chrominance, Volume(h / 2, w / 2, 2));
+  ConvertWithMatrix(function, {h, w, y, ab, ab + 1, 2}, *i_cvtMat, output);
+}
+
+void ThreePlaneFrame(char const* function, TensorPtr const& i_luminancePlane, TensorPtr const& i_chrominanceBPlane,
+                     TensorPtr const& i_chrominanceRPlane, MatrixPtr const& i_cvtMat, TensorPtr const& o_img) {
+  TensorCPU const& luminance = Cast(i_luminancePlane, "i_luminancePlane");
+  TensorCPU const& first = Cast(i_chrominanceBPlane, "i_chrominanceBPlane");
+  TensorCPU const& second = Cast(i_chrominanceRPlane, "i_chrominanceRPlane");
+  TensorCPU const& output = Cast(o_img, "o_img");
+  NeedPlane(luminance, "i_luminancePlane");
+  NeedPlane(first, "i_chrominanceBPlane");
+  NeedPlane(second, "i_chrominanceRPlane");
+  NeedMatrixAndOutput(i_cvtMat, output);
+  NeedHalfExtents(function, luminance, first, "i_chrominanceBPlane",
+                  "Shapes of Luminance Plane and ChrominanceB Plane mismatched.");
+  NeedHalfExtents(function, luminance, second, "i_chrominanceRPlane",
+                  "Shapes of Luminance Plane and ChrominanceR Plane mismatched.");
+  std::size_t const h = luminance.shape.dims[0], w = luminance.shape.dims[1], samples = Volume(h / 2, w / 2);
+  auto const* const y = Memory(function, "i_luminancePlane", luminance, Volume(h, w));
+  auto const* const a = Memory(function, "i_chrominanceBPlane", first, samples);
+  auto const* const b = Memory(function, "i_chrominanceRPlane", second, samples);
+  ConvertWithMatrix(function, {h, w, y, a, b, 1}, *i_cvtMat, output);
+}
+
+}  // namespace
+
+void F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(TensorPtr const& i_luminancePlane,
+                                                       TensorPtr const& i_chrominancePlane, MatrixPtr const& i_cvtMat,
+                                                       TensorPtr& o_img) {
+  TwoPlanes(__func__, i_luminancePlane, i_chrominancePlane, i_cvtMat, o_img);
+}
+
+void F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Arm(TensorPtr const& i_luminancePlane,
+                                                  TensorPtr const& i_chrominancePlane, MatrixPtr const& i_cvtMat,
+                                                  TensorPtr& o_img) {
+  TwoPlanes(__func__, i_luminancePlane, i_chrominancePlane, i_cvtMat, o_img);
+}
+
+void F_ColorCvt_YUV_3Plane_UInt8_To_CHW_UInt8_Fallback(TensorPtr const& i_luminancePlane,
+                                                       TensorPtr const& i_chrominanceBPlane,
+                                                       TensorPtr const& i_chrominanceRPlane, MatrixPtr const& i_cvtMat,
+                                                       TensorPtr& o_img) {
+  ThreePlaneFrame(__func__, i_luminancePlane, i_chrominanceBPlane, i_chrominanceRPlane, i_cvtMat, o_img);
+}
+
+void F_ColorCvt_YUV_3Plane_UInt8_To_CHW_UInt8_Arm(TensorPtr const& i_luminancePlane,
+                                                  TensorPtr const& i_chrominanceBPlane,
+                                                  TensorPtr const& i_chrominanceRPlane, MatrixPtr const& i_cvtMat,
+                                                  TensorPtr& o_img) {
+  ThreePlaneFrame(__func__, i_luminancePlane, i_chrominanceBPlane, i_chrominanceRPlane, i_cvtMat, o_img);
+}
+
+void F_ColorCvt_NV21_To_RGB_CHW_UInt8_Arm(TensorPtr const&, TensorPtr const&, MatrixPtr const&, TensorPtr&) {
+  Assert(false, "Not Implemented.");
+}
+
+void F_ColorCvt_NV12_To_RGB_CHW_UInt8_Arm(TensorPtr const&, TensorPtr const&, MatrixPtr const&, TensorPtr&) {
+  Assert(false, "Not Implemented.");
+}
+
+}  // namespace talvo::kernel::functional

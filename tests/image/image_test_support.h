@@ -1,0 +1,61 @@
+// Images for the tests: seeded tensors of any shape between guards, and their bytes.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "talvo/runtime/tensor_cpu.h"
+#include "tests/support/bits.h"
+#include "tests/support/guarded_context.h"
+#include "tests/support/log_capture.h"
+
+namespace talvo::test {
+
+using runtime::TensorShape;
+using ImagePtr = std::shared_ptr<runtime::Tensor>;
+using Dims = std::vector<unsigned int>;
+using ByteVector = std::vector<unsigned char>;
+
+/// Makes tensors of one guarded context.
+class ImageTest : public testing::Test {
+ protected:
+  ImagePtr Make(Dims dims, unsigned int layout, unsigned int type, void const* data) {
+    TensorShape const shape(std::move(dims), type, layout, TensorShape::MainMemory, TensorShape::Extra());
+    return context_->device_cpu->CreateTensor(shape, data);
+  }
+  /// UINT8 with seeded bytes.
+  ImagePtr Image(Dims const& dims, unsigned int layout, std::uint32_t seed = 1) {
+    return Make(dims, layout, TensorShape::UINT8, Bytes(seed, runtime::ElementCount(dims)).data());
+  }
+  /// UINT8 with these bytes.
+  ImagePtr Image(Dims const& dims, unsigned int layout, ByteVector const& bytes) {
+    EXPECT_EQ(runtime::ElementCount(dims), bytes.size());
+    return Make(dims, layout, TensorShape::UINT8, bytes.data());
+  }
+  /// FLOAT32 with these values.
+  ImagePtr FloatImage(Dims const& dims, unsigned int layout, std::vector<float> const& values) {
+    return FloatTensor(*context_, dims, layout, values);
+  }
+
+  std::shared_ptr<runtime::Context> context_ = GuardedContext();
+};
+
+inline ByteVector BytesOf(ImagePtr const& image) {
+  auto const* const first = static_cast<unsigned char const*>(image->data);
+  return ByteVector(first, first + runtime::ByteCount(image->shape));
+}
+
+/// What a refusal with `text` throws; an empty text stands for the refusals without one.
+inline std::string Report(std::string const& text) { return "[TLN]: " + text + (text.empty() ? "" : "\n"); }
+
+/// A size from `least` to `most` for step i of a walk over random sizes.
+inline unsigned int Size(std::uint32_t i, unsigned int least, unsigned int most) {
+  return least + (i * 2654435761u >> 8) % (most - least + 1);
+}
+
+}  // namespace talvo::test

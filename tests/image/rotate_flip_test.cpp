@@ -1,0 +1,116 @@
+#include "talvo/image/rotate_flip.h"
+
+#include "talvo/image/image_process_fallback.h"
+#include "tests/image/image_test_support.h"
+
+namespace talvo::test {
+namespace {
+
+using namespace kernel::functional;
+
+class RotateFlip : public ImageTest {
+ protected:
+  kernel::ImageProcessFallback process_;
+};
+
+using P = kernel::ImageProcessFallback;
+
+struct Turn {
+  char const* why;
+  void (P::*operation)(ImagePtr&, ImagePtr&, std::shared_ptr<runtime::Context>);
+  void (*free)(ImagePtr const&, ImagePtr&);
+  void (*twin)(ImagePtr const&, ImagePtr&);
+  bool on_its_side;
+  std::pair<std::size_t, std::size_t> (*place)(std::size_t y, std::size_t x, std::size_t h, std::size_t w);
+};
+
+Turn const kTurns[] = {
+    {"90", &P::ClockwiseRotate90, F_Rotate_Clockwise90_HWC_Fallback, F_Rotate_Clockwise90_HWC_Arm, true,
+     [](auto y, auto x, auto h, auto) { return std::make_pair(x, h - 1 - y); }},
+    {"180", &P::ClockwiseRotate180, F_Rotate_Clockwise180_HWC_Fallback, F_Rotate_Clockwise180_HWC_Arm, false,
+     [](auto y, auto x, auto h, auto w) { return std::make_pair(h - 1 - y, w - 1 - x); }},
+    {"270", &P::ClockwiseRotate270, F_Rotate_Clockwise270_HWC_Fallback, F_Rotate_Clockwise270_HWC_Arm, true,
+     [](auto y, auto x, auto, auto w) { return std::make_pair(w - 1 - x, y); }},
+    {"horizontal", &P::Flip_Horizintal, F_HFlip_HWC_Fallback, F_HFlip_HWC_Arm, false,
+     [](auto y, auto x, auto, auto w) { return std::make_pair(y, w - 1 - x); }},
+    {"vertical", &P::Flip_Vertical, F_VFlip_HWC_Fallback, F_VFlip_HWC_Arm, false,
+     [](auto y, auto x, auto h, auto) { return std::make_pair(h - 1 - y, x); }},
+};
+
+TEST_F(RotateFlip, EveryPixelGoesToItsPlace) {
+  for (Turn const& turn : kTurns) {
+    SCOPED_TRACE(turn.why);
+    for (std::uint32_t i = 0; i < 60; ++i) {
+      unsigned int const h = Size(3 * i, 1, 70), w = Size(3 * i + 1, 1, i % 4 == 0 ? 5 : 80), c = 1 + i % 5;
+      unsigned int const to_h = turn.on_its_side ? w : h, to_w = turn.on_its_side ? h : w;
+      auto src = Image({h, w, c}, TensorShape::HWC, i), planar = Image({c, h, w}, TensorShape::CHW, i);
+      auto dst = Image({to_h, to_w, c}, TensorShape::HWC), planar_dst = Image({c, to_h, to_w}, TensorShape::CHW);
+      auto free = Image({to_h, to_w, c}, TensorShape::HWC), twin = Image({to_h, to_w, c}, TensorShape::HWC);
+      (process_.*turn.operation)(src, dst, nullptr);
+      (process_.*turn.operation)(planar, planar_dst, nullptr);
+      turn.free(src, free);
+      turn.twin(src, twin);
+      auto const from = BytesOf(src);
+      ByteVector want(from.size()), planar_want(from.size());
+      for (std::size_t y = 0; y < h; ++y) {
+        for (std::size_t x = 0; x < w; ++x) {
+          for (std::size_t k = 0; k < c; ++k) {
+            auto const [to_y, to_x] = turn.place(y, x, h, w);
+            want[(to_y * to_w + to_x) * c + k] = from[(y * w + x) * c + k];
+            planar_want[(k * to_h + to_y) * to_w + to_x] = from[(k * h + y) * w + x];
+          }
+        }
+      }
+      ASSERT_EQ(want, BytesOf(dst)) << h << " x " << w << " x " << c;
+      ASSERT_EQ(want, BytesOf(free)) << h << " x " << w << " x " << c;
+      ASSERT_EQ(want, BytesOf(twin)) << h << " x " << w << " x " << c;
+      ASSERT_EQ(planar_want, BytesOf(planar_dst)) << h << " x " << w << " x " << c;
+    }
+  }
+}
+
+TEST_F(RotateFlip, ClassRefusesOrIgnores) {
+  auto src = Image({2, 3, 3}, TensorShape::HWC), planar = Image({3, 2, 3}, TensorShape::CHW);
+  auto other = Image({3, 2, 3}, TensorShape::FLEXIABLE), small = Image({2, 3, 2}, TensorShape::HWC);
+  auto const before = BytesOf(other);
+  process_.ClockwiseRotate90(src, other, nullptr);
+  EXPECT_EQ(before, BytesOf(other));
+  EXPECT_EQ(Report(""), RefusalOf([&] { process_.Flip_Vertical(planar, src, nullptr); }));
+  EXPECT_EQ(Report("Flip_Horizintal: dst of dims [2, 3, 2] holds 12 bytes, needs 18"),
+            RefusalOf([&] { process_.Flip_Horizintal(src, small, nullptr); }));
+  auto empty = Image({0, 3, 3}, TensorShape::HWC);
+  process_.ClockwiseRotate90(empty, small, nullptr);
+}
+
+TEST_F(RotateFlip, FreeFormsRefuseInOrder) {
+  auto good = Image({2, 3, 3}, TensorShape::HWC), turned = Image({3, 2, 3}, TensorShape::HWC);
+  auto planar = Image({3, 2, 3}, TensorShape::CHW), floats = FloatImage({3, 2, 3}, TensorShape::CHW, Floats(1, 18));
+  auto elsewhere = Image({3, 2, 3}, TensorShape::HWC);
+  elsewhere->shape.location = TensorShape::OpenGLSSBO;
+  struct Case {
+    ImagePtr input, output;
+    char const* text;
+  };
+  for (Case c : {Case{floats, floats, "i_img must be a UInt8 DataType Tensor."},
+                 {planar, floats, "o_img must be a UInt8 DataType Tensor."},
+                 {planar, planar, "i_img must be a CHW Layout Tensor."},
+                 {elsewhere, planar, "o_img must be a CHW Layout Tensor."},
+                 {elsewhere, elsewhere, "i_img must be a MainMemory Location Tensor."},
+                 {good, elsewhere, "o_img must be a MainMemory Location Tensor."},
+                 {good, good, ""}}) {
+    EXPECT_EQ(Report(c.text), RefusalOf([&] { F_Rotate_Clockwise90_HWC_Arm(c.input, c.output); }));
+    if (c.input == c.output && c.input == good) break;
+    EXPECT_EQ(Report(c.text), RefusalOf([&] { F_HFlip_HWC_Arm(c.input, c.output); }));
+  }
+  ImagePtr none;
+  EXPECT_EQ(Report("i_img must not be nullptr."), RefusalOf([&] { F_Rotate_Clockwise180_HWC_Fallback(none, none); }));
+  EXPECT_EQ(Report("o_img must not be nullptr."), RefusalOf([&] { F_Rotate_Clockwise180_HWC_Fallback(good, none); }));
+  EXPECT_EQ(Report("o_img must be a TensorCPUPtr."), RefusalOf([&] { F_VFlip_HWC_Fallback(good, none); }));
+  auto small = Image({2, 2, 3}, TensorShape::HWC);
+  EXPECT_EQ(Report("F_VFlip_HWC_Fallback: o_img of dims [2, 2, 3] holds 12 bytes, needs 18"),
+            RefusalOf([&] { F_VFlip_HWC_Fallback(good, small); }));
+  EXPECT_EQ(Report(""), RefusalOf([&] { F_Rotate_Clockwise180_HWC_Fallback(good, turned); }));
+}
+
+}  // namespace
+}  // namespace talvo::test
