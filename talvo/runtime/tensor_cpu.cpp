@@ -45,6 +45,16 @@ std::function<void(void*)> TensorCPU::GetDynamicDeleter() const {
 }
 
 std::shared_ptr<TensorCPU> TensorCPU::Reshape(std::vector<int> const& new_dims) const {
+  return ReshapeTensor(*this, new_dims, shape.layout, DeviceOf(*this));
+}
+
+std::shared_ptr<TensorCPU> TensorCPU::Permute(std::vector<unsigned int> const& axes) const {
+  return PermuteTensor(*this, axes, DeviceOf(*this));
+}
+
+std::shared_ptr<TensorCPU> ReshapeTensor(TensorCPU const& tensor, std::vector<int> const& new_dims, unsigned int layout,
+                                         DeviceCPU& device) {
+  TensorShape const& shape = tensor.shape;
   std::vector<unsigned int> dims;
   unsigned int known = 1;
   std::size_t unknown_count = 0, unknown_axis = 0;
@@ -60,19 +70,21 @@ std::shared_ptr<TensorCPU> TensorCPU::Reshape(std::vector<int> const& new_dims) 
   utility::Assert(unknown_count < 2, nullptr);
   unsigned int const total = ElementCount(shape.dims);
   utility::Assert(total >= known, nullptr);
-  if (known == 0 || data == nullptr) {
+  if (known == 0 || tensor.data == nullptr) {
     utility::Assert(false, "reshape of dims %s: %s", DimsText(shape.dims).c_str(),
                     known == 0 ? "the product of the new extents does not fit 32 bits" : "the tensor has no memory");
   }
   utility::Assert(total % known == 0, nullptr);
   if (unknown_count == 1) dims[unknown_axis] = total / known;
-  auto reshaped = DeviceOf(*this).CreateTensor(
-      TensorShape(std::move(dims), shape.data_type, shape.layout, shape.location, TensorShape::Extra()), nullptr);
-  std::memcpy(reshaped->data, data, ByteCount(reshaped->shape));
+  auto reshaped = device.CreateTensor(
+      TensorShape(std::move(dims), shape.data_type, layout, shape.location, TensorShape::Extra()), nullptr);
+  std::memcpy(reshaped->data, tensor.data, ByteCount(reshaped->shape));
   return reshaped;
 }
 
-std::shared_ptr<TensorCPU> TensorCPU::Permute(std::vector<unsigned int> const& axes) const {
+std::shared_ptr<TensorCPU> PermuteTensor(TensorCPU const& tensor, std::vector<unsigned int> const& axes,
+                                         DeviceCPU& device) {
+  TensorShape const& shape = tensor.shape;
   utility::Assert(shape.dims.size() == axes.size(), "dimensions of shape must be equal to tranpose axes's.");
   std::vector<unsigned int> dims;
   for (unsigned int axis : axes) {
@@ -81,10 +93,10 @@ std::shared_ptr<TensorCPU> TensorCPU::Permute(std::vector<unsigned int> const& a
     }
     dims.push_back(shape.dims[axis]);
   }
-  auto permuted = DeviceOf(*this).CreateTensor(
+  auto permuted = device.CreateTensor(
       TensorShape(std::move(dims), shape.data_type, TensorShape::FLEXIABLE, shape.location, TensorShape::Extra()),
       nullptr);
-  kernel::native::Transform_MainMemory_Permute_Fallback(data, shape.dims, ElementSize(shape.data_type), axes,
+  kernel::native::Transform_MainMemory_Permute_Fallback(tensor.data, shape.dims, ElementSize(shape.data_type), axes,
                                                         permuted->data);
   return permuted;
 }

@@ -12,6 +12,8 @@
 
 namespace talvo::runtime {
 
+class DeviceCPU;
+
 /// Made by DeviceCPU alone. Releasing the last reference hands the memory back to the pool that it came from.
 class TALVO_API TensorCPU : public Tensor {
  public:
@@ -94,5 +96,13 @@ class TALVO_API TensorCPU : public Tensor {
     return reinterpret_cast<T*>(static_cast<unsigned char*>(data) + std::size_t{offset} * ElementSize(shape.data_type));
   }
 };
+
+/// What TensorCPU::Reshape does, for a result of this layout, made by this device.
+TALVO_API std::shared_ptr<TensorCPU> ReshapeTensor(TensorCPU const& tensor, std::vector<int> const& new_dims,
+                                                   unsigned int layout, DeviceCPU& device);
+
+/// What TensorCPU::Permute does, for a result made by this device.
+TALVO_API std::shared_ptr<TensorCPU> PermuteTensor(TensorCPU const& tensor, std::vector<unsigned int> const& axes,
+                                                   DeviceCPU& device);
 
 }  // namespace talvo::runtime

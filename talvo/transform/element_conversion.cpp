@@ -1,0 +1,104 @@
+#include "talvo/transform/element_conversion.h"
+
+#include <cstddef>
+#include <cstring>
+
+#include "talvo/utility/log.h"
+#include "talvo/utility/restrict.h"
+
+namespace talvo::kernel {
+namespace {
+
+using half_float::half;
+using runtime::TensorShape;
+using utility::Assert;
+using DevicePtr = std::shared_ptr<runtime::DeviceCPU>;
+using TensorPtr = std::shared_ptr<runtime::TensorCPU>;
+
+// y[i] = To(x[i]) for i < n.  The rows do not overlap.
+template <typename To, typename From>
+void ConvertRow(From const* TALVO_RESTRICT x, std::size_t n, To* TALVO_RESTRICT y) {
+  for (std::size_t i = 0; i < n; ++i) y[i] = To(x[i]);
+}
+
+template <typename To, typename From>
+std::vector<To> ConvertArray(std::vector<From> const& values) {
+  std::vector<To> converted(values.size());
+  ConvertRow(values.data(), values.size(), converted.data());
+  return converted;
+}
+
+template <typename Element>
+std::vector<Element> FromBytes(std::string const& bytes) {
+  std::vector<Element> values(bytes.size() / sizeof(Element));
+  if (!values.empty()) std::memcpy(values.data(), bytes.data(), values.size() * sizeof(Element));
+  return values;
+}
+
+template <typename To, typename From>
+void ConvertMemory(char const* name, void const* source, unsigned int count, void* destination) {
+  if (count == 0) return;
+  Assert(source != nullptr && destination != nullptr, "%s: a null pointer for %u elements", name, count);
+  ConvertRow(static_cast<From const*>(source), count, static_cast<To*>(destination));
+}
+
+// An empty tensor of `data_type` for the elements of `input`, which are read as `element_bytes` each.
+TensorPtr NewConverted(char const* name, TensorPtr const& input, unsigned int data_type, unsigned int element_bytes,
+                       DevicePtr const& device) {
+  Assert(input != nullptr && device != nullptr, "%s: the input or the device is null", name);
+  TensorShape const& shape = input->shape;
+  if (runtime::ElementSize(shape.data_type) < element_bytes) {
+    Assert(false, "%s: dims %s, data type %u; needs %u bytes an element", name, runtime::DimsText(shape.dims).c_str(),
+           shape.data_type, element_bytes);
+  }
+  return device->CreateTensor(TensorShape(shape.dims, data_type, shape.layout, shape.location, TensorShape::Extra()),
+                              nullptr);
+}
+
+}  // namespace
+
+std::vector<float> HalfArray_To_FloatArray_Fallback(std::vector<half> values) { return ConvertArray<float>(values); }
+
+std::vector<half> FloatArray_To_HalfArray_Fallback(std::vector<float> values) { return ConvertArray<half>(values); }
+
+std::vector<float> ByteArray_To_FloatArray_Fallback(std::string bytes) { return FromBytes<float>(bytes); }
+
+std::vector<half> ByteArray_To_HalfArray_Fallback(std::string bytes) { return FromBytes<half>(bytes); }
+
+std::string FloatArrayToByteArrayFallback(std::vector<float> values) {
+  std::string bytes(values.size() * sizeof(float), '\0');
+  if (!values.empty()) std::memcpy(bytes.data(), values.data(), bytes.size());
+  return bytes;
+}
+
+namespace functional {
+
+TensorPtr Transform_MainMemory_F32_To_F16_Fallback(TensorPtr input, DevicePtr device) {
+  TensorPtr const output = NewConverted(__func__, input, TensorShape::FLOAT16, sizeof(float), device);
+  native::Transform_MainMemory_F32_To_F16_Fallback(input->data, runtime::ElementCount(output->shape.dims),
+                                                   output->data);
+  return output;
+}
+
+TensorPtr Transform_MainMemory_F16_To_F32_Fallback(TensorPtr input, DevicePtr device) {
+  TensorPtr const output = NewConverted(__func__, input, TensorShape::FLOAT32, sizeof(half), device);
+  native::Transform_MainMemory_F16_To_F32_Fallback(input->data, runtime::ElementCount(output->shape.dims),
+                                                   output->data);
+  return output;
+}
+
+}  // namespace functional
+
+namespace native {
+
+void Transform_MainMemory_F32_To_F16_Fallback(void const* source, unsigned int count, void* destination) {
+  ConvertMemory<half, float>(__func__, source, count, destination);
+}
+
+void Transform_MainMemory_F16_To_F32_Fallback(void const* source, unsigned int count, void* destination) {
+  ConvertMemory<float, half>(__func__, source, count, destination);
+}
+
+}  // namespace native
+
+}  // namespace talvo::kernel

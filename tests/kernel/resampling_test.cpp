@@ -1,0 +1,425 @@
+#include "talvo/kernel/resampling.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <limits>
+
+#include "talvo/serialization/inference_param.h"
+#include "talvo/serialization/layer_info_plane.h"
+#include "tests/golden/resampling_golden.h"
+#include "tests/support/bits.h"
+#include "tests/support/guarded_context.h"
+#include "tests/support/log_capture.h"
+
+namespace talvo {
+namespace {
+
+using namespace kernel;  // NOLINT: the long names of five kernels
+using runtime::TensorShape;
+using Dims = std::vector<unsigned int>;
+using Tensors = std::vector<std::shared_ptr<runtime::Tensor>>;
+
+constexpr float kInfinity = std::numeric_limits<float>::infinity(), kNan = std::numeric_limits<float>::quiet_NaN();
+
+std::shared_ptr<runtime::Upsample2dInfo> UpsampleLayer(float scale_y, float scale_x, unsigned short type,
+                                                       bool align_corner = false) {
+  auto layer = std::make_shared<runtime::Upsample2dInfo>();
+  layer->scale_factor_y = scale_y;
+  layer->scale_factor_x = scale_x;
+  layer->unsample_type = type;
+  layer->align_corner = align_corner;
+  return layer;
+}
+
+std::shared_ptr<runtime::PixelShuffleInfo> ShuffleLayer(float factor) {
+  auto layer = std::make_shared<runtime::PixelShuffleInfo>();
+  layer->upscale_factor = factor;
+  return layer;
+}
+
+std::shared_ptr<runtime::GridSampleInfo> GridLayer(unsigned short mode, unsigned short padding, bool align_corners) {
+  auto layer = std::make_shared<runtime::GridSampleInfo>();
+  layer->mode = mode;
+  layer->padding_mode = padding;
+  layer->align_corners = align_corners;
+  return layer;
+}
+
+std::shared_ptr<runtime::InferenceParamUpsampling2DQuant> Quant(short step) {
+  auto param = std::make_shared<runtime::InferenceParamUpsampling2DQuant>();
+  param->output_step_size = step;
+  return param;
+}
+
+class Resampling : public testing::Test {
+ protected:
+  template <typename T>
+  std::shared_ptr<runtime::TensorCPU> Image(Dims const& dims, std::vector<T> const& values) const {
+    constexpr unsigned int kType = sizeof(T) == 4 ? TensorShape::FLOAT32 : TensorShape::INT16;
+    EXPECT_EQ(runtime::ElementCount(dims), values.size());
+    return context_->device_cpu->CreateTensor(TensorShape(dims, kType, TensorShape::CHW, TensorShape::MainMemory, {}),
+                                              values.data());
+  }
+
+  template <typename T = float>
+  std::shared_ptr<runtime::TensorCPU> Run(runtime::IKernel& kernel, std::shared_ptr<runtime::LayerInfo> const& layer,
+                                          Tensors const& inputs,
+                                          std::shared_ptr<runtime::InferenceParam> const& param = nullptr) const {
+    EXPECT_TRUE(kernel.Config(layer, param, context_));
+    Tensors outputs;
+    EXPECT_EQ(0, kernel.Forward(inputs, outputs, context_));
+    EXPECT_EQ(1u, outputs.size());
+    return std::static_pointer_cast<runtime::TensorCPU>(outputs[0]);
+  }
+
+  std::string RefusalOf(runtime::IKernel& kernel, std::shared_ptr<runtime::LayerInfo> const& layer,
+                        Tensors const& inputs) const {
+    return test::RefusalOf([&] { Run(kernel, layer, inputs); });
+  }
+
+  std::shared_ptr<runtime::Context> const context_ = test::GuardedContext();
+};
+
+template <typename T>
+std::vector<T> ValuesOf(runtime::Tensor const& tensor) {
+  auto const* const first = static_cast<T const*>(tensor.data);
+  return std::vector<T>(first, first + runtime::ElementCount(tensor.shape.dims));
+}
+
+std::vector<std::int16_t> Shorts(std::uint32_t seed, std::size_t count) {
+  std::vector<std::int16_t> values;
+  for (float value : test::Floats(seed, count)) values.push_back(static_cast<std::int16_t>(value * 32768.0f));
+  return values;
+}
+
+// Step by step as the formula stands; a neighbour with weight 0 that lies outside is read inside.
+template <typename T>
+T Interpolated(T const* plane, unsigned int h, unsigned int w, float fy, float fx) {
+  auto const iy = static_cast<unsigned int>(fy), ix = static_cast<unsigned int>(fx);
+  float const wy = fy >= 0 ? fy - std::trunc(fy) : 0.0f, wx = fx >= 0 ? fx - std::trunc(fx) : 0.0f;
+  bool const two_rows = fy >= 0 && fy <= static_cast<float>(h - 1),
+             two_columns = fx > 0 && fx < static_cast<float>(w - 1);
+  unsigned int const below = two_rows ? std::min(iy + 1, h - 1) : iy, right = two_columns ? ix + 1 : ix;
+  float const a = plane[iy * w + ix], b = plane[iy * w + right], d = plane[below * w + ix],
+              e = plane[below * w + right];
+  return static_cast<T>((e * wx + d * (1 - wx)) * wy + (b * wx + a * (1 - wx)) * (1 - wy));
+}
+
+template <typename T>
+std::vector<T> Upsampled(std::vector<T> const& x, Dims const& dims, runtime::Upsample2dInfo const& layer,
+                         Dims const& out) {
+  std::vector<T> y;
+  unsigned int const h = dims[1], w = dims[2];
+  float const sy = layer.scale_factor_y, sx = layer.scale_factor_x;
+  float ry = 1.0f / sy, rx = 1.0f / sx, oy = ry * 0.5f - 0.5f, ox = rx * 0.5f - 0.5f;
+  if (layer.align_corner) {
+    ry = out[1] == 1 ? 0.0f : static_cast<float>(h - 1) / static_cast<float>(out[1] - 1);
+    rx = out[2] == 1 ? 0.0f : static_cast<float>(w - 1) / static_cast<float>(out[2] - 1);
+    oy = ox = 0.0f;
+  }
+  for (unsigned int c = 0; c < out[0]; ++c) {
+    T const* const plane = x.data() + std::size_t{c} * h * w;
+    for (unsigned int i = 0; i < out[1]; ++i) {
+      for (unsigned int j = 0; j < out[2]; ++j) {
+        auto const fi = static_cast<float>(i), fj = static_cast<float>(j);
+        y.push_back(layer.unsample_type == 1
+                        ? Interpolated(plane, h, w, fi * ry + oy, fj * rx + ox)
+                        : plane[static_cast<std::size_t>(fi / sy) * w + static_cast<std::size_t>(fj / sx)]);
+      }
+    }
+  }
+  return y;
+}
+
+struct UpsampleCase {
+  char const* why;
+  float scale_y, scale_x;
+  Dims in, out;
+};
+
+std::vector<UpsampleCase> UpsampleCases() {
+  return {{"doubled", 2, 2, {3, 5, 7}, {3, 10, 14}},
+          {"doubled, vectors and a tail", 2, 2, {2, 3, 33}, {2, 6, 66}},
+          {"columns alone", 1, 2, {2, 4, 4}, {2, 4, 8}},
+          {"8 of 5 columns", 1.5f, 1.5f, {2, 4, 5}, {2, 6, 8}},
+          {"odd scales", 3, 2.7f, {1, 3, 11}, {1, 9, 30}},
+          {"smaller", 0.4f, 0.5f, {2, 11, 8}, {2, 4, 4}},
+          {"to one row and column", 0.2f, 0.2f, {2, 5, 5}, {2, 1, 1}},
+          {"from one pixel", 4, 3, {2, 1, 1}, {2, 4, 3}},
+          {"as it is", 1, 1, {1, 6, 6}, {1, 6, 6}},
+          {"to nothing", 0, 2, {2, 3, 3}, {2, 0, 6}},
+          {"of nothing", 2, 2, {0, 3, 3}, {0, 6, 6}}};
+}
+
+TEST_F(Resampling, UpsamplesFloatsAndIntegersInTheOrderOfTheFormula) {
+  for (UpsampleCase const& c : UpsampleCases()) {
+    for (int kind = 0; kind < 3; ++kind) {
+      SCOPED_TRACE(std::string(c.why) + (kind == 0 ? ", nearest" : kind == 1 ? ", half pixels" : ", corners"));
+      auto const layer = UpsampleLayer(c.scale_y, c.scale_x, kind == 0 ? 0 : 1, kind == 2);
+      Upsampling2D_Fallback_CHW_Float_M1 on_floats;
+      auto const floats = test::Floats(1, runtime::ElementCount(c.in));
+      auto const y = Run(on_floats, layer, {Image(c.in, floats)});
+      ASSERT_EQ(c.out, y->shape.dims);
+      test::ExpectSameBits(Upsampled(floats, c.in, *layer, c.out), test::Values(*y));
+      Upsampling2D_Fallback_CHW_Int16_M1 on_shorts;
+      auto const shorts = Shorts(2, runtime::ElementCount(c.in));
+      auto const q = Run(on_shorts, layer, {Image(c.in, shorts)}, Quant(12));
+      EXPECT_EQ(Upsampled(shorts, c.in, *layer, c.out), ValuesOf<std::int16_t>(*q));
+      EXPECT_EQ(12, q->shape.extra.step_size);
+    }
+  }
+}
+
+TEST_F(Resampling, UpsamplingKeepsAwayFromInfinitiesThatTakeNoPart) {
+  // At the first row the second one takes part with weight 0, at the first column the second one does not.
+  auto const layer = UpsampleLayer(2, 2, 1, true);
+  for (std::vector<float> const& x : {std::vector<float>{1, kInfinity, 3, 4}, {1, 2, kInfinity, 4}, {1, 2, 3, kNan}}) {
+    Upsampling2D_Fallback_CHW_Float_M1 kernel;
+    test::ExpectSameBits(Upsampled(x, {1, 2, 2}, *layer, {1, 4, 4}),
+                         test::Values(*Run(kernel, layer, {Image({1, 2, 2}, x)})));
+  }
+}
+
+TEST_F(Resampling, NearestUpsamplingMovesElementsOfAnyType) {
+  std::vector<unsigned char> const bytes = {1, 2, 3, 4};
+  auto const image = context_->device_cpu->CreateTensor(
+      TensorShape({1, 2, 2}, TensorShape::UINT8, TensorShape::CHW, TensorShape::MainMemory, {}), bytes.data());
+  Upsampling2D_Fallback_CHW_Float_M1 kernel;
+  auto const y = Run(kernel, UpsampleLayer(1, 3, 0), {image});
+  EXPECT_EQ((std::vector<unsigned char>{1, 1, 1, 2, 2, 2, 3, 3, 3, 4, 4, 4}), ValuesOf<unsigned char>(*y));
+  EXPECT_NE("", RefusalOf(kernel, UpsampleLayer(1, 3, 1), {image})) << "but cannot interpolate bytes";
+}
+
+TEST_F(Resampling, RefusesScalesAndSizesThatDoNotFit) {
+  auto const image = Image({1, 2, 3}, test::Floats(1, 6));
+  Upsampling2D_Fallback_CHW_Float_M1 kernel;
+  for (float scale : {-1.0f, kNan, kInfinity, 3e9f}) {
+    SCOPED_TRACE(scale);
+    EXPECT_NE("", RefusalOf(kernel, UpsampleLayer(scale, 1, 0), {image}));
+    EXPECT_NE("", RefusalOf(kernel, UpsampleLayer(1, scale, 1), {image}));
+  }
+  // 1.8e7 output columns: float32 carries the last ones beyond the plane.
+  EXPECT_NE(std::string::npos, RefusalOf(kernel, UpsampleLayer(1, 6e6f, 0), {image}).find("beyond the extent 3"));
+  EXPECT_NE("", RefusalOf(kernel, UpsampleLayer(1, 1, 0), {Image({2, 3}, test::Floats(1, 6))}));
+  EXPECT_NE("", RefusalOf(kernel, UpsampleLayer(1, 1, 0), {nullptr}));
+  Tensors outputs;
+  EXPECT_EQ("[TLN]: ",
+            test::RefusalOf([&] { Upsampling2D_Fallback_CHW_Float_M1().Forward({image}, outputs, context_); }))
+      << "not configured: no name";
+}
+
+TEST_F(Resampling, ShufflesPixelsBothWays) {
+  struct Case {
+    float factor;
+    std::size_t step;
+    Dims deep, wide;  // before and after a shuffle to pixels
+  };
+  for (Case const& c : {Case{2, 2, {8, 3, 37}, {2, 6, 74}},
+                        {3.9f, 3, {18, 2, 5}, {2, 6, 15}},
+                        {5, 5, {25, 1, 2}, {1, 5, 10}},
+                        {2, 2, {0, 3, 3}, {0, 6, 6}}}) {
+    SCOPED_TRACE(c.factor);
+    std::vector<std::int16_t> const shorts = Shorts(3, runtime::ElementCount(c.deep));
+    std::vector<float> const floats(shorts.begin(), shorts.end());
+    std::vector<float> want(floats.size());
+    std::size_t const r = c.step, h = c.deep[1], w = c.deep[2];
+    for (std::size_t i = 0; i < floats.size(); ++i) {
+      std::size_t const ic = i / (h * w), p = ic % (r * r), y = i / w % h, x = i % w;
+      want[((ic / (r * r)) * h * r + y * r + p / r) * w * r + x * r + p % r] = floats[i];
+    }
+    Pixelshuffle_Fallback_CHW_Float_M1 on_floats;
+    Pixelshuffle_Fallback_CHW_Int16_M1 on_shorts;
+    auto const y = Run(on_floats, ShuffleLayer(c.factor), {Image(c.deep, floats)});
+    EXPECT_EQ(c.wide, y->shape.dims);
+    EXPECT_EQ(want, test::Values(*y));
+    auto const q = Run(on_shorts, ShuffleLayer(c.factor), {Image(c.deep, shorts)});
+    EXPECT_EQ(std::vector<std::int16_t>(want.begin(), want.end()), ValuesOf<std::int16_t>(*q));
+    auto const back = Run(on_floats, ShuffleLayer(1.0f / static_cast<float>(r)), {y});
+    EXPECT_EQ(c.deep, back->shape.dims);
+    EXPECT_EQ(floats, test::Values(*back));
+    EXPECT_EQ(shorts, ValuesOf<std::int16_t>(*Run(on_shorts, ShuffleLayer(1.0f / static_cast<float>(r)), {q})));
+  }
+  Pixelshuffle_Fallback_CHW_Float_M1 kernel;
+  auto const image = Image({1, 3, 5}, test::Floats(1, 15));
+  EXPECT_EQ(test::Values(*image), test::Values(*Run(kernel, ShuffleLayer(1), {image})));
+  auto const cut = Run(kernel, ShuffleLayer(0.5f), {image});
+  EXPECT_EQ((Dims{4, 1, 2}), cut->shape.dims) << "the last row and column are left out";
+  auto const x = test::Values(*image);
+  EXPECT_EQ((std::vector<float>{x[0], x[2], x[1], x[3], x[5], x[7], x[6], x[8]}), test::Values(*cut));
+}
+
+TEST_F(Resampling, RefusesFactorsThatDoNotFit) {
+  auto const image = Image({6, 2, 2}, test::Floats(1, 24));
+  Pixelshuffle_Fallback_CHW_Float_M1 kernel;
+  for (float factor : {0.0f, kNan, 2.0f, kInfinity, 1e-3f * 1e-3f}) {
+    SCOPED_TRACE(factor);
+    EXPECT_EQ(0, kernel.IsValidParam(ShuffleLayer(factor), nullptr));
+    EXPECT_NE("", RefusalOf(kernel, ShuffleLayer(factor), {image}));
+  }
+  EXPECT_FALSE(kernel.Config(ShuffleLayer(-2), nullptr, context_));
+  EXPECT_FALSE(kernel.Config(ShuffleLayer(2), Quant(8), context_));
+  EXPECT_FALSE(kernel.Config(UpsampleLayer(1, 1, 0), nullptr, context_));
+  EXPECT_FALSE(kernel.Config(nullptr, nullptr, context_));
+}
+
+// One value of grid sampling, as the definition tells it case by case.
+float GridSampled(float const* plane, int h, int w, float gx, float gy, runtime::GridSampleInfo const& layer) {
+  auto const pixel = [&](int y, int x) { return y < 0 || x < 0 || y >= h || x >= w ? 0.0f : plane[y * w + x]; };
+  auto const clamp = [](float f, int n) {
+    return std::isnan(f) || f < 0 ? 0.0f : std::min(f, static_cast<float>(n - 1));
+  };
+  bool const border = layer.padding_mode == 1;
+  auto const fw = static_cast<float>(w), fh = static_cast<float>(h);
+  if (layer.mode == 0) {
+    float fx = std::floor((gx + 1) * 0.5f * fw), fy = std::floor((gy + 1) * 0.5f * fh);
+    if (border) fx = clamp(fx, w), fy = clamp(fy, h);
+    bool const inside = fx >= 0 && fx < fw && fy >= 0 && fy < fh;
+    return inside ? pixel(static_cast<int>(fy), static_cast<int>(fx)) : 0.0f;
+  }
+  bool const corners = layer.align_corners;
+  float fx = corners ? (gx + 1) * 0.5f * (fw - 1) : (gx + 1) * 0.5f * fw - 0.5f;
+  float fy = corners ? (gy + 1) * 0.5f * (fh - 1) : (gy + 1) * 0.5f * fh - 0.5f;
+  if (border) fx = clamp(fx, w), fy = clamp(fy, h);
+  float const low = corners ? 0.0f : -1.0f, more = corners ? -1.0f : 0.0f;
+  if (!(fx >= low && fy >= low && fx <= fw + more && fy <= fh + more)) return 0.0f;
+  int const ix = static_cast<int>(std::floor(fx)), iy = static_cast<int>(std::floor(fy));
+  // A truncated negative position is its floor and one more: the weight is the same, position minus whole part plus 1.
+  float const wx = fx < 0 ? fx - std::trunc(fx) + 1 : fx - std::trunc(fx);
+  float const wy = fy < 0 ? fy - std::trunc(fy) + 1 : fy - std::trunc(fy);
+  int const right = border ? std::min(ix + 1, w - 1) : fx == -1.0f ? -1 : ix + 1;
+  int const below = border ? std::min(iy + 1, h - 1) : fy == -1.0f ? -1 : iy + 1;
+  float const t0 = pixel(iy, ix), t1 = pixel(iy, right), b0 = pixel(below, ix), b1 = pixel(below, right);
+  return (b1 * wx + (1 - wx) * b0) * wy + (1 - wy) * (t1 * wx + t0 * (1 - wx));
+}
+
+TEST_F(Resampling, SamplesAtPositionsInsideAtAndBeyondTheBorder) {
+  std::vector<float> positions = {-1, 1, 0,     -0.999f, 0.999f,    -1.2f,      1.2f, -1.5f,  1.5f,
+                                  -2, 2, -3e9f, 3e9f,    kInfinity, -kInfinity, kNan, 1e-30f, -0.0f};
+  for (float value : test::Floats(7, 13)) positions.push_back(1.3f * value);
+  auto const n = static_cast<unsigned int>(positions.size());
+  std::vector<float> pairs;
+  for (float gy : positions)
+    for (float gx : positions) pairs.insert(pairs.end(), {gx, gy});
+  auto const grid = test::FloatTensor(*context_, {n, n, 2}, TensorShape::FLEXIABLE, pairs);
+  for (Dims const& dims : {Dims{2, 4, 6}, {1, 1, 1}, {3, 2, 5}}) {
+    for (int kind = 0; kind < 8; ++kind) {
+      auto const layer = GridLayer(kind & 1, kind >> 1 & 1, kind >> 2 != 0);
+      SCOPED_TRACE(testing::Message() << "mode " << layer->mode << ", padding " << layer->padding_mode << ", corners "
+                                      << layer->align_corners << ", height " << dims[1]);
+      auto x = test::Floats(8, runtime::ElementCount(dims));
+      x.back() = kInfinity;  // a corner outside is 0, whatever its weight; one inside counts
+      GridSample_Fallback_CHW_Float_M1 kernel;
+      auto const y = Run(kernel, layer, {Image(dims, x), grid});
+      ASSERT_EQ((Dims{dims[0], n, n}), y->shape.dims);
+      std::vector<float> want;
+      int const h = static_cast<int>(dims[1]), w = static_cast<int>(dims[2]);
+      for (unsigned int c = 0; c < dims[0]; ++c)
+        for (std::size_t i = 0; i < pairs.size(); i += 2)
+          want.push_back(GridSampled(x.data() + c * dims[1] * dims[2], h, w, pairs[i], pairs[i + 1], *layer));
+      test::ExpectSameBits(want, test::Values(*y));
+    }
+  }
+}
+
+TEST_F(Resampling, RefusesGridsThatDoNotFit) {
+  auto const image = Image({1, 2, 3}, test::Floats(1, 6)), empty = Image<float>({1, 0, 3}, {});
+  auto const grid = [&](Dims const& dims) {
+    return test::FloatTensor(*context_, dims, TensorShape::FLEXIABLE, test::Floats(2, runtime::ElementCount(dims)));
+  };
+  GridSample_Fallback_CHW_Float_M1 kernel;
+  auto const zeros = GridLayer(1, 0, false), border = GridLayer(1, 1, false);
+  EXPECT_NE("", RefusalOf(kernel, zeros, {image, grid({8})}));
+  EXPECT_NE("", RefusalOf(kernel, zeros, {image, grid({3, 4})}));
+  EXPECT_NE("", RefusalOf(kernel, zeros, {image, grid({3, 4, 1})}));
+  EXPECT_NE("", RefusalOf(kernel, zeros, {image, nullptr}));
+  EXPECT_NE("", RefusalOf(kernel, zeros, {image}));
+  EXPECT_NE("", RefusalOf(kernel, border, {empty, grid({3, 4, 2})}));
+  EXPECT_EQ(std::vector<float>(12), test::Values(*Run(kernel, zeros, {empty, grid({3, 4, 2})})));
+  EXPECT_EQ((Dims{1, 3, 4}), Run(kernel, zeros, {image, grid({3, 4, 3, 1})})->shape.dims) << "longer is served";
+  for (auto const& [dims, judged] :
+       {std::pair<Dims, int>{{3, 4, 5}, 0}, {{3, 4, 2, 1}, 0}, {{3, 4}, -2}, {{3, 4, 1, 2}, -2}}) {
+    EXPECT_EQ(judged, kernel.IsValidInput({image, grid(dims)})) << testing::PrintToString(dims);
+  }
+  EXPECT_EQ(-2, kernel.IsValidInput({image}));
+  EXPECT_EQ(-2, kernel.IsValidInput({grid({3, 4, 2}), grid({3, 4, 2})}));
+}
+
+TEST_F(Resampling, JudgesParameters) {
+  Upsampling2D_Fallback_CHW_Float_M1 on_floats;
+  Upsampling2D_Fallback_CHW_Int16_M1 on_shorts;
+  GridSample_Fallback_CHW_Float_M1 sampler;
+  EXPECT_FALSE(on_floats.Config(UpsampleLayer(1, 1, 2), nullptr, context_)) << "bicubic";
+  EXPECT_FALSE(on_floats.Config(UpsampleLayer(1, 1, 1), Quant(8), context_));
+  EXPECT_FALSE(on_floats.Config(nullptr, nullptr, context_));
+  EXPECT_FALSE(on_shorts.Config(UpsampleLayer(1, 1, 1), nullptr, context_));
+  EXPECT_FALSE(on_shorts.Config(UpsampleLayer(1, 1, 1), std::make_shared<runtime::InferenceParamActQuant>(), context_));
+  for (auto const& [step, accepted] : {std::pair<short, bool>{7, false}, {8, true}, {12, true}, {13, false}})
+    EXPECT_EQ(accepted, on_shorts.Config(UpsampleLayer(1, 1, 1), Quant(step), context_)) << step;
+  EXPECT_EQ("[TLN]: Invalid upsample2d type\n",
+            test::RefusalOf([&] { on_floats.Config(UpsampleLayer(1, 1, 3), nullptr, context_); }));
+  EXPECT_FALSE(sampler.Config(GridLayer(2, 0, false), nullptr, context_));
+  EXPECT_FALSE(sampler.Config(GridLayer(1, 2, false), nullptr, context_));
+  EXPECT_FALSE(sampler.Config(GridLayer(1, 1, false), Quant(8), context_));
+  EXPECT_FALSE(sampler.Config(UpsampleLayer(1, 1, 1), nullptr, context_));
+  EXPECT_EQ("[TLN]: Invalid gridsample mode\n",
+            test::RefusalOf([&] { sampler.Config(GridLayer(3, 0, false), nullptr, context_); }));
+  EXPECT_EQ("[TLN]: Invalid gridsample padding_mode\n",
+            test::RefusalOf([&] { sampler.Config(GridLayer(0, 9, false), nullptr, context_); }));
+  EXPECT_FALSE(sampler.IsConfigured());
+}
+
+TEST_F(Resampling, JudgesImages) {
+  auto const floats = Image({1, 1, 1}, test::Floats(1, 1)), flat = test::FloatTensor(*context_, {1}, 24, {1.0f});
+  auto const shorts = Image({1, 1, 1}, Shorts(1, 1));
+  Upsampling2D_Fallback_CHW_Float_M1 upsample_floats;
+  Upsampling2D_Fallback_CHW_Int16_M1 upsample_shorts;
+  Pixelshuffle_Fallback_CHW_Float_M1 shuffle_floats;
+  Pixelshuffle_Fallback_CHW_Int16_M1 shuffle_shorts;
+  for (runtime::IKernel const* kernel : std::initializer_list<runtime::IKernel const*>{
+           &upsample_floats, &upsample_shorts, &shuffle_floats, &shuffle_shorts}) {
+    bool const takes_floats = kernel == &upsample_floats || kernel == &shuffle_floats;
+    SCOPED_TRACE(kernel->GetName());
+    EXPECT_EQ(takes_floats ? 0 : -2, kernel->IsValidInput({floats}));
+    EXPECT_EQ(takes_floats ? -2 : 0, kernel->IsValidOutput({shorts}));
+    EXPECT_EQ(-2, kernel->IsValidInput({flat}));
+    EXPECT_EQ(-2, kernel->IsValidInput({floats, shorts}));
+  }
+}
+
+// Values of the golden tables are computed in double and have magnitudes up to 2.
+void ExpectNear(std::vector<float> const& want, std::vector<float> const& got) {
+  ASSERT_EQ(want.size(), got.size());
+  for (std::size_t i = 0; i < want.size(); ++i) EXPECT_NEAR(want[i], got[i], 1e-6f) << i;
+}
+
+TEST_F(Resampling, AgreesWithAnIndependentFramework) {
+  for (auto const& c : test::golden::kUpsampleCases) {
+    SCOPED_TRACE(c.why);
+    Upsampling2D_Fallback_CHW_Float_M1 kernel;
+    auto const layer = UpsampleLayer(c.scale_factor_y, c.scale_factor_x, c.unsample_type, c.align_corner);
+    auto const y = Run(kernel, layer, {Image({c.channels, c.height, c.width}, c.input)});
+    EXPECT_EQ((Dims{c.channels, c.out_height, c.out_width}), y->shape.dims);
+    ExpectNear(c.output, test::Values(*y));
+  }
+  for (auto const& c : test::golden::kGridSampleCases) {
+    SCOPED_TRACE(c.why);
+    GridSample_Fallback_CHW_Float_M1 kernel;
+    auto const grid = test::FloatTensor(*context_, {c.out_height, c.out_width, 2}, TensorShape::HWC, c.grid);
+    auto const y = Run(kernel, GridLayer(c.mode, c.padding_mode, c.align_corners),
+                       {Image({c.channels, c.height, c.width}, c.input), grid});
+    ExpectNear(c.output, test::Values(*y));
+  }
+  for (auto const& c : test::golden::kPixelShuffleCases) {
+    SCOPED_TRACE(c.why);
+    Pixelshuffle_Fallback_CHW_Float_M1 kernel;
+    auto const y = Run(kernel, ShuffleLayer(c.upscale_factor), {Image({c.channels, c.height, c.width}, c.input)});
+    EXPECT_EQ((Dims{c.out_channels, c.out_height, c.out_width}), y->shape.dims);
+    EXPECT_EQ(c.output, test::Values(*y));
+  }
+}
+
+}  // namespace
+}  // namespace talvo
