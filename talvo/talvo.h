@@ -8,6 +8,7 @@
 #include "talvo/kernel/native/permute.h"
 #include "talvo/kernel/native/recurrent.h"
 #include "talvo/kernel/padding.h"
+#include "talvo/kernel/recurrent.h"
 #include "talvo/kernel/sgemm.h"
 #include "talvo/runtime/class_registry.h"
 #include "talvo/runtime/context.h"
