@@ -5,6 +5,7 @@
 #include "talvo/kernel/functional/gemm.h"
 #include "talvo/kernel/functional/recurrent.h"
 #include "talvo/kernel/gemm.h"
+#include "talvo/kernel/convolution.h"
 #include "talvo/kernel/native/permute.h"
 #include "talvo/kernel/native/recurrent.h"
 #include "talvo/kernel/padding.h"

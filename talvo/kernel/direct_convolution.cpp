@@ -1,0 +1,329 @@
+#include "talvo/kernel/direct_convolution.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <vector>
+
+#include "talvo/kernel/rows/convolution_tile.h"
+#include "talvo/runtime/tensor_cpu.h"
+#include "talvo/utility/log.h"
+
+namespace talvo::kernel {
+namespace {
+
+using rows::Tap;
+
+constexpr std::size_t kStrip = 112;           // positions whose results lie in scratch; whole tiles of 4, 7, 8 and 14
+constexpr std::size_t kWeightsAtHand = 4096;  // packed weights that a strip goes through at a time: they stay in L1
+constexpr std::size_t kMaxBlock = 2 * rows::kMaxLanes;
+
+// Scratch of one call, from the device's pool; floats at multiples of 64 bytes.
+class Scratch {
+ public:
+  Scratch(runtime::DeviceCPU& device, std::size_t floats) {
+    using runtime::TensorShape;
+    utility::Assert(floats < std::numeric_limits<unsigned int>::max() / sizeof(float) - kPad,
+                    "convolution: scratch of %zu floats is needed, at most 2^30 are served", floats);
+    unsigned int const count = static_cast<unsigned int>(floats + kPad);
+    TensorShape const shape({count}, TensorShape::FLOAT32, TensorShape::C, TensorShape::MainMemory, {});
+    tensor_ = device.CreateTensor(shape, nullptr);
+    void* first = tensor_->data;
+    std::size_t room = count * sizeof(float);
+    first_ = static_cast<float*>(std::align(kPad * sizeof(float), floats * sizeof(float), first, room));
+  }
+  float* Data() const { return first_; }
+
+ private:
+  static constexpr std::size_t kPad = 16;
+  std::shared_ptr<runtime::TensorCPU> tensor_;
+  float* first_;
+};
+
+// The output channels [first, first + used) of a group as lanes of one block.
+struct Block {
+  std::size_t first, used, lanes;
+};
+
+Block BlockAt(std::size_t first, std::size_t out_per_group) {
+  std::size_t const narrow = static_cast<std::size_t>(rows::ActiveLanes()), left = out_per_group - first;
+  std::size_t const lanes = left > narrow ? 2 * narrow : narrow;
+  return {first, std::min(left, lanes), lanes};
+}
+
+// starts[lane] for a block: the bias, or 0; unused lanes 0.
+void BlockStarts(float const* bias, Block const& block, float (&starts)[kMaxBlock]) {
+  std::fill(std::begin(starts), std::end(starts), 0.0f);
+  if (bias != nullptr) std::copy_n(bias + block.first, block.used, starts);
+}
+
+void FillStarts(float const (&starts)[kMaxBlock], std::size_t lanes, std::size_t positions, float* results) {
+  for (std::size_t p = 0; p < positions; ++p) results = std::copy_n(starts, lanes, results);
+}
+
+// The inputs of the output positions [first, first + count), which follow each other row by row.
+void FindColumns(ConvolutionShape const& shape, float const* input, std::size_t first, std::size_t count,
+                 float const** columns) {
+  std::size_t y = first / shape.out_width, x = first % shape.out_width;
+  for (std::size_t p = 0; p < count; ++p) {
+    columns[p] = input + y * shape.stride_y * shape.in_width + x * shape.stride_x;
+    if (++x == shape.out_width) x = 0, ++y;
+  }
+}
+
+// One block of output channels over all positions of the output, a strip at a time. For each strip the channels go by
+// in chunks whose weights stay in the innermost cache.
+void ConvolveBlock(ConvolutionShape const& shape, Block const& block, rows::TileRun run, float const* input,
+                   float const (&starts)[kMaxBlock], float* output) {
+  std::size_t const plane = shape.out_height * shape.out_width;
+  std::size_t const chunk = std::max<std::size_t>(1, kWeightsAtHand / run.weight_plane);
+  std::array<float const*, kStrip> columns;
+  float const* const weights = run.weights;
+  run.columns = columns.data();
+  for (std::size_t first = 0; first < plane; first += kStrip) {
+    run.positions = std::min(kStrip, plane - first);
+    FillStarts(starts, block.lanes, run.positions, run.results);
+    for (std::size_t c = 0; c < shape.in_per_group; c += chunk) {
+      FindColumns(shape, input + c * run.input_plane, first, run.positions, columns.data());
+      run.channels = std::min(chunk, shape.in_per_group - c);
+      run.weights = weights + c * run.weight_plane;
+      rows::RunTiles(run);
+    }
+    rows::TransposeRows(run.results, block.lanes, run.positions, block.used, output + first, plane);
+  }
+}
+
+// Floats from one phase of a padded row (the columns of equal remainder by the stride) to the next row of the phase.
+std::size_t PhasePitch(ConvolutionShape const& shape, Padding const& padding) {
+  return (padding.padded_width + shape.stride_x - 1) / shape.stride_x;
+}
+
+// Takes a padded row apart into its phases, which lie `phase` floats from each other.
+void SplitPhases(float const* row, std::size_t count, std::size_t stride, std::size_t phase, float* to) {
+  if (stride == 2) return rows::SplitRow(row, count, to, to + phase);
+  for (std::size_t i = 0; i < count; ++i) to[i % stride * phase + i / stride] = row[i];
+}
+
+// One padded plane, [phase][row][column of the phase]. `row` holds a padded row with zero borders.
+void PadPlane(ConvolutionShape const& shape, Padding const& padding, float const* input, float* row, float* plane) {
+  std::size_t const pitch = PhasePitch(shape, padding), phase = padding.padded_height * pitch;
+  std::size_t const bottom = padding.top + shape.in_height;
+  for (std::size_t p = 0; p < shape.stride_x; ++p) {
+    std::fill_n(plane + p * phase, padding.top * pitch, 0.0f);
+    std::fill(plane + p * phase + bottom * pitch, plane + (p + 1) * phase, 0.0f);
+  }
+  for (std::size_t y = 0; y < shape.in_height; ++y, input += shape.in_width) {
+    std::copy_n(input, shape.in_width, row + padding.left);
+    SplitPhases(row, padding.padded_width, shape.stride_x, phase, plane + (padding.top + y) * pitch);
+  }
+}
+
+// The taps of one source plane in units of its phases: see PadPlane.
+std::vector<Tap> PhaseTaps(ConvolutionShape const& shape, Padding const& padding) {
+  std::size_t const pitch = PhasePitch(shape, padding);
+  std::vector<Tap> taps;
+  for (std::size_t ky = 0; ky < shape.kernel_y; ++ky) {
+    for (std::size_t kx = 0; kx < shape.kernel_x; ++kx) {
+      std::size_t const column = kx * shape.dilation_x, phase = column % shape.stride_x;
+      std::size_t const row = phase * padding.padded_height + ky * shape.dilation_y;
+      taps.push_back({row * pitch + column / shape.stride_x, taps.size()});
+    }
+  }
+  return taps;
+}
+
+// Output columns x = first, first + stride, ... that meet the same kernel columns, whose inputs move on by one.
+struct ColumnRun {
+  struct Meeting {
+    std::size_t kernel, input;  // kernel column, and input column of the first output column
+  };
+  std::size_t first, count;
+  std::vector<Meeting> meetings;  // in the order of the kernel columns
+};
+
+// Which kernel elements meet an input element at one output position of an axis.
+std::vector<ColumnRun::Meeting> MeetingsAt(std::size_t position, int before, std::size_t kernel, std::size_t dilation,
+                                           std::size_t stride, std::size_t extent) {
+  std::vector<ColumnRun::Meeting> meetings;
+  long long expanded = static_cast<long long>(position) - before;
+  for (std::size_t k = 0; k < kernel; ++k, expanded += static_cast<long long>(dilation)) {
+    if (expanded < 0) continue;
+    auto const input = static_cast<std::size_t>(expanded) / stride;
+    if (static_cast<std::size_t>(expanded) % stride == 0 && input < extent) meetings.push_back({k, input});
+  }
+  return meetings;
+}
+
+// Whether the meetings of a column are those of the run's next column.
+bool Continues(ColumnRun const& run, std::vector<ColumnRun::Meeting> const& meetings) {
+  return std::equal(
+      meetings.begin(), meetings.end(), run.meetings.begin(), run.meetings.end(),
+      [&](auto const& a, auto const& b) { return a.kernel == b.kernel && a.input == b.input + run.count; });
+}
+
+std::vector<ColumnRun> ColumnRuns(ConvolutionShape const& shape, int left) {
+  std::vector<ColumnRun> runs;
+  for (std::size_t phase = 0; phase < std::min(shape.stride_x, shape.out_width); ++phase) {
+    for (std::size_t x = phase; x < shape.out_width; x += shape.stride_x) {
+      auto meetings = MeetingsAt(x, left, shape.kernel_x, shape.dilation_x, shape.stride_x, shape.in_width);
+      if (x != phase && Continues(runs.back(), meetings)) {
+        ++runs.back().count;
+      } else {
+        runs.push_back({x, 1, std::move(meetings)});
+      }
+    }
+  }
+  return runs;
+}
+
+// One block of output channels of the transposed form, an output row at a time. `run` tells where weights and scratch
+// lie; its result_step is the block's lanes.
+void ConvolveTransposedBlock(ConvolutionShape const& shape, int top, std::vector<ColumnRun> const& runs,
+                             Block const& block, rows::TileRun run, float const* input,
+                             float const (&starts)[kMaxBlock], float* output) {
+  std::size_t const last_tap = shape.kernel_y * shape.kernel_x - 1, plane = shape.out_height * shape.out_width;
+  float* const results = run.results;
+  std::vector<float const*> columns(shape.out_width);
+  std::vector<Tap> taps;
+  for (std::size_t x = 0; x < shape.out_width; ++x) columns[x] = input + x;
+  run.columns = columns.data();
+  run.result_step = shape.stride_x * block.lanes;
+  for (std::size_t y = 0; y < shape.out_height; ++y) {
+    auto const rows_met = MeetingsAt(y, top, shape.kernel_y, shape.dilation_y, shape.stride_y, shape.in_height);
+    FillStarts(starts, block.lanes, shape.out_width, results);
+    for (ColumnRun const& columns_met : runs) {
+      taps.clear();
+      for (auto const& row : rows_met) {
+        for (auto const& column : columns_met.meetings) {
+          std::size_t const tap = last_tap - (row.kernel * shape.kernel_x + column.kernel);
+          taps.push_back({row.input * shape.in_width + column.input, tap * block.lanes});
+        }
+      }
+      if (taps.empty()) continue;
+      run.taps = taps.data();
+      run.tap_count = taps.size();
+      run.positions = columns_met.count;
+      run.results = results + columns_met.first * block.lanes;
+      rows::RunTiles(run);
+    }
+    rows::TransposeRows(results, block.lanes, shape.out_width, block.used, output + y * shape.out_width, plane);
+  }
+}
+
+// packed[tap][lane] of one input channel, or of all of them when they follow each other, from [lane][tap].
+void PackWeights(float const* weights, std::size_t lane_stride, std::size_t taps, Block const& block, float* packed) {
+  if (block.used < block.lanes) std::fill_n(packed, taps * block.lanes, 0.0f);
+  rows::TransposeRows(weights, lane_stride, block.used, taps, packed, block.lanes);
+}
+
+}  // namespace
+
+bool ColumnsPay(ConvolutionShape const& shape) {
+  std::size_t const lanes = static_cast<std::size_t>(rows::ActiveLanes());
+  std::size_t row_lanes = lanes;
+  while (row_lanes > shape.out_width) row_lanes = row_lanes > 4 ? row_lanes / 2 : 1;
+  std::size_t const blocks = (shape.out_per_group + lanes - 1) / lanes;
+  return 2 * shape.out_per_group <= blocks * row_lanes;  // a step of the columns' way takes about twice as long
+}
+
+void ConvolveByChannels(ConvolutionShape const& shape, ConvolutionData const& data, runtime::DeviceCPU& device) {
+  std::size_t const taps = shape.kernel_y * shape.kernel_x, sum = shape.in_per_group * taps;
+  std::size_t const in_plane = shape.in_height * shape.in_width, out_plane = shape.out_height * shape.out_width;
+  Scratch const scratch(device, (sum + kStrip) * kMaxBlock);
+  float* const packed = scratch.Data() + kStrip * kMaxBlock;
+  float starts[kMaxBlock];
+  for (std::size_t g = 0; g < shape.groups; ++g) {
+    float const* const input = data.input + g * shape.in_per_group * in_plane;
+    for (std::size_t o = 0; o < shape.out_per_group;) {
+      Block const block = BlockAt(o, shape.out_per_group);
+      std::size_t const channel = g * shape.out_per_group + o;
+      std::vector<Tap> offsets;
+      for (std::size_t ky = 0; ky < shape.kernel_y; ++ky) {
+        for (std::size_t kx = 0; kx < shape.kernel_x; ++kx) {
+          offsets.push_back(
+              {ky * shape.dilation_y * shape.in_width + kx * shape.dilation_x, offsets.size() * block.lanes});
+        }
+      }
+      PackWeights(data.weights + channel * sum, sum, sum, block, packed);
+      BlockStarts(data.bias == nullptr ? nullptr : data.bias + g * shape.out_per_group, block, starts);
+      for (float& start : starts) start += 0.0f;  // no -0.0f: a tile's sums start at their first product
+      rows::TileRun run{};
+      run.association = rows::Association::kSumOfChannel;
+      run.lanes = run.result_step = block.lanes;
+      run.input_plane = in_plane;
+      run.taps = offsets.data();
+      run.tap_count = taps;
+      run.weights = packed;
+      run.weight_plane = taps * block.lanes;
+      run.results = scratch.Data();
+      ConvolveBlock(shape, block, run, input, starts, data.output + channel * out_plane);
+      o += block.used;
+    }
+  }
+}
+
+void ConvolveByColumns(ConvolutionShape const& shape, Padding const& padding, ConvolutionData const& data,
+                       runtime::DeviceCPU& device) {
+  std::size_t const taps = shape.kernel_y * shape.kernel_x, sum = shape.in_per_group * taps;
+  std::size_t const pitch = PhasePitch(shape, padding), plane = shape.stride_x * padding.padded_height * pitch;
+  Scratch const scratch(device, shape.in_per_group * plane + padding.padded_width);
+  float* const row = scratch.Data() + shape.in_per_group * plane;
+  std::fill_n(row, padding.padded_width, 0.0f);
+  std::vector<Tap> const offsets = PhaseTaps(shape, padding);
+  rows::PlaneRun run{};
+  run.input = scratch.Data();
+  run.channels = shape.in_per_group;
+  run.input_plane = plane;
+  run.input_row = shape.stride_y * pitch;
+  run.taps = offsets.data();
+  run.tap_count = taps;
+  run.rows = shape.out_height;
+  run.columns = shape.out_width;
+  for (std::size_t g = 0; g < shape.groups; ++g) {
+    for (std::size_t c = 0; c < shape.in_per_group; ++c) {
+      float const* const input = data.input + (g * shape.in_per_group + c) * shape.in_height * shape.in_width;
+      PadPlane(shape, padding, input, row, scratch.Data() + c * plane);
+    }
+    for (std::size_t o = g * shape.out_per_group; o < (g + 1) * shape.out_per_group; ++o) {
+      run.weights = data.weights + o * sum;
+      run.start = (data.bias == nullptr ? 0.0f : data.bias[o]) + 0.0f;
+      run.results = data.output + o * shape.out_height * shape.out_width;
+      rows::RunPlane(run);
+    }
+  }
+}
+
+void ConvolveTransposed(ConvolutionShape const& shape, int top, int left, ConvolutionData const& data,
+                        runtime::DeviceCPU& device) {
+  std::size_t const taps = shape.kernel_y * shape.kernel_x, out_plane = shape.out_height * shape.out_width;
+  Scratch const scratch(device, (shape.in_per_group * taps + shape.out_width) * kMaxBlock);
+  float* const packed = scratch.Data() + shape.out_width * kMaxBlock;
+  auto const runs = ColumnRuns(shape, left);
+  float starts[kMaxBlock];
+  rows::TileRun run{};
+  run.association = rows::Association::kEachProduct;
+  run.channels = shape.in_per_group;
+  run.input_plane = shape.in_height * shape.in_width;
+  run.weights = packed;
+  run.results = scratch.Data();
+  for (std::size_t g = 0; g < shape.groups; ++g) {
+    float const* const input = data.input + g * shape.in_per_group * run.input_plane;
+    for (std::size_t o = 0; o < shape.out_per_group;) {
+      Block const block = BlockAt(o, shape.out_per_group);
+      run.lanes = block.lanes;
+      run.weight_plane = taps * block.lanes;
+      for (std::size_t c = 0; c < shape.in_per_group; ++c) {
+        float const* const weights = data.weights + ((g * shape.in_per_group + c) * shape.out_per_group + o) * taps;
+        PackWeights(weights, taps, taps, block, packed + c * run.weight_plane);
+      }
+      BlockStarts(data.bias == nullptr ? nullptr : data.bias + g * shape.out_per_group, block, starts);
+      ConvolveTransposedBlock(shape, top, runs, block, run, input, starts,
+                              data.output + (g * shape.out_per_group + o) * out_plane);
+      o += block.used;
+    }
+  }
+}
+
+}  // namespace talvo::kernel

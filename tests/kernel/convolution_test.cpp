@@ -1,0 +1,333 @@
+#include "talvo/kernel/convolution.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <limits>
+#include <memory>
+#include <random>
+#include <string>
+
+#include "talvo/kernel/rows/instruction_sets.h"
+#include "talvo/serialization/layer_info_conv.h"
+#include "talvo/utility/base64.h"
+#include "tests/support/bits.h"
+#include "tests/support/guarded_context.h"
+#include "tests/support/log_capture.h"
+
+namespace talvo {
+namespace {
+
+using runtime::TensorShape;
+using Direct2d = kernel::Conv2D_Knxm_Snxm_Dnxm_Gn_Fallback_CHW_Float_M1;
+using Direct1d = kernel::Conv1D_Kn_Sn_Dn_Gn_Fallback_CL_Float_M1;
+using Transposed = kernel::ConvTranspose2D_Knxm_Snxm_Dnxm_Gn_Fallback_CHW_Float_M1;
+
+struct Case {
+  int groups, in, out, height, width, ky, kx, sy, sx, dy, dx, l, r, t, b;
+  bool bias;
+};
+
+std::string Describe(Case const& c) {
+  char text[256];
+  std::snprintf(text, sizeof text,
+                "groups %d, %d -> %d at %dx%d, kernel %dx%d, stride %d %d, dilation %d %d, "
+                "padding l %d r %d t %d b %d, bias %d",
+                c.groups, c.in, c.out, c.height, c.width, c.ky, c.kx, c.sy, c.sx, c.dy, c.dx, c.l, c.r, c.t, c.b,
+                c.bias);
+  return text;
+}
+
+std::string Text(std::vector<float> const& values) {
+  return runtime::Base64Encode(reinterpret_cast<unsigned char const*>(values.data()), values.size() * sizeof(float));
+}
+
+struct Data {
+  std::vector<float> input, weight, bias;
+};
+
+Data MakeData(Case const& c, std::uint32_t seed, bool special) {
+  auto const values = [&](std::uint32_t s, int count) {
+    return special ? test::SpecialFloats(s, static_cast<std::size_t>(count))
+                   : test::Floats(s, static_cast<std::size_t>(count));
+  };
+  int const ipg = c.in / c.groups, opg = c.out / c.groups;
+  return {values(seed, c.in * c.height * c.width),
+          test::Floats(seed + 1, std::size_t(c.groups * ipg * opg * c.ky * c.kx)),
+          c.bias ? values(seed + 2, c.groups * opg) : std::vector<float>()};
+}
+
+// The definition of the direct convolution, one dimension being a row.
+std::vector<float> PlainDirect(Case const& c, Data const& d) {
+  int const oh = (c.height + c.t + c.b - c.dy * (c.ky - 1) - 1) / c.sy + 1;
+  int const ow = (c.width + c.l + c.r - c.dx * (c.kx - 1) - 1) / c.sx + 1;
+  int const ipg = c.in / c.groups, opg = c.out / c.groups;
+  auto const padded = [&](int channel, int y, int x) {
+    bool const inside = y >= c.t && y < c.t + c.height && x >= c.l && x < c.l + c.width;
+    return inside ? d.input[std::size_t((channel * c.height + y - c.t) * c.width + x - c.l)] : 0.0f;
+  };
+  std::vector<float> result(std::size_t(c.out * oh * ow), 0.0f);
+  for (int o = 0; o < c.groups * opg; ++o) {
+    for (int i = 0; i < oh * ow; ++i) {
+      float& value = result[std::size_t(o * oh * ow + i)];
+      if (c.bias) value = d.bias[std::size_t(o)];
+      for (int channel = 0; channel < ipg; ++channel) {
+        float s = 0.0f;
+        for (int k = 0; k < c.ky * c.kx; ++k) {
+          s += d.weight[std::size_t((o * ipg + channel) * c.ky * c.kx + k)] *
+               padded(o / opg * ipg + channel, i / ow * c.sy + k / c.kx * c.dy, i % ow * c.sx + k % c.kx * c.dx);
+        }
+        value += s;
+      }
+    }
+  }
+  return result;
+}
+
+// The definition of the transposed convolution, element by element.
+std::vector<float> PlainTransposed(Case const& c, Data const& d) {
+  int const oh = c.sy * c.height + c.t + c.b - c.dy * (c.ky - 1), ow = c.sx * c.width + c.l + c.r - c.dx * (c.kx - 1);
+  int const ipg = c.in / c.groups, opg = c.out / c.groups, taps = c.ky * c.kx;
+  std::vector<float> result(std::size_t(c.out * oh * ow), 0.0f);
+  for (int g = 0; g < c.groups; ++g) {
+    for (int o = 0; o < opg; ++o) {
+      for (int y = 0; y < oh; ++y) {
+        for (int x = 0; x < ow; ++x) {
+          float& value = result[std::size_t(((g * opg + o) * oh + y) * ow + x)];
+          if (c.bias) value = d.bias[std::size_t(g * opg + o)];
+          for (int channel = 0; channel < ipg; ++channel) {
+            int t = 0;
+            for (int ys = y - c.t; ys < y - c.t + (c.ky - 1) * c.dy + 1; ys += c.dy) {
+              for (int xs = x - c.l; xs < x - c.l + (c.kx - 1) * c.dx + 1; xs += c.dx, ++t) {
+                if (ys % c.sy != 0 || xs % c.sx != 0) continue;
+                int const iy = ys / c.sy, ix = xs / c.sx;
+                if (iy < 0 || iy >= c.height || ix < 0 || ix >= c.width) continue;
+                value += d.input[std::size_t(((g * ipg + channel) * c.height + iy) * c.width + ix)] *
+                         d.weight[std::size_t(((g * ipg + channel) * opg + o) * taps + taps - 1 - t)];
+              }
+            }
+          }
+        }
+      }
+    }
+  }
+  return result;
+}
+
+template <class Info>
+std::shared_ptr<Info> PlaneInfo(Case const& c, Data const& d) {
+  auto info = std::make_shared<Info>();
+  auto const set = [](auto& field, int value) { field = static_cast<std::remove_reference_t<decltype(field)>>(value); };
+  set(info->in_channels, c.in), set(info->out_channels, c.out), set(info->groups, c.groups);
+  set(info->kernel_y, c.ky), set(info->kernel_x, c.kx), set(info->stride_y, c.sy), set(info->stride_x, c.sx);
+  set(info->dilation_y, c.dy), set(info->dilation_x, c.dx), set(info->padding_l, c.l), set(info->padding_r, c.r);
+  set(info->padding_t, c.t), set(info->padding_b, c.b);
+  info->id = "layer 7";
+  info->if_bias = c.bias;
+  info->weight = Text(d.weight), info->bias = Text(d.bias);
+  return info;
+}
+
+std::shared_ptr<runtime::Conv1dInfo> RowInfo(Case const& c, Data const& d) {
+  auto info = std::make_shared<runtime::Conv1dInfo>();
+  auto const plane = PlaneInfo<runtime::Conv2dInfo>(c, d);
+  info->in_channels = plane->in_channels, info->out_channels = plane->out_channels, info->groups = plane->groups;
+  info->kernel_size = plane->kernel_x, info->stride = plane->stride_x, info->dilation = plane->dilation_x;
+  info->padding_f = plane->padding_l, info->padding_b = plane->padding_r;
+  info->if_bias = c.bias;
+  info->weight = plane->weight, info->bias = plane->bias;
+  return info;
+}
+
+template <class Kernel>
+void ExpectPlain(Case const& c, Data const& d, std::shared_ptr<runtime::LayerInfo> const& layer,
+                 std::vector<unsigned int> const& dims, unsigned int layout, std::vector<float> const& want) {
+  for (auto const set : kernel::rows::RunnableSets()) {
+    SCOPED_TRACE(Describe(c) + " " + kernel::rows::NameOf(set));
+    kernel::rows::ScopedInstructionSet const use(set);
+    auto const context = test::GuardedContext();
+    Kernel kernel;
+    ASSERT_TRUE(kernel.Config(layer, nullptr, context));
+    std::vector<std::shared_ptr<runtime::Tensor>> const inputs = {test::FloatTensor(*context, dims, layout, d.input)};
+    ASSERT_EQ(0, kernel.IsValidInput(inputs));
+    std::vector<std::shared_ptr<runtime::Tensor>> outputs;
+    ASSERT_EQ(0, kernel.Forward(inputs, outputs, context));
+    ASSERT_EQ(0, kernel.IsValidOutput(outputs));
+    test::ExpectSameBits(want, test::Values(*outputs.at(0)));
+    if (testing::Test::HasFailure()) return;
+  }
+}
+
+void ExpectPlainDirect(Case const& c, Data const& d) {
+  std::vector<unsigned int> const dims = {unsigned(c.in), unsigned(c.height), unsigned(c.width)};
+  ExpectPlain<Direct2d>(c, d, PlaneInfo<runtime::Conv2dInfo>(c, d), dims, TensorShape::CHW, PlainDirect(c, d));
+}
+
+void ExpectPlainTransposed(Case const& c, Data const& d) {
+  std::vector<unsigned int> const dims = {unsigned(c.in), unsigned(c.height), unsigned(c.width)};
+  ExpectPlain<Transposed>(c, d, PlaneInfo<runtime::ConvTranspose2dInfo>(c, d), dims, TensorShape::CHW,
+                          PlainTransposed(c, d));
+}
+
+// Any case whose window fits; `transposed` lets paddings be negative.
+Case RandomCase(std::mt19937& random, bool transposed) {
+  auto const pick = [&](int low, int high) { return low + static_cast<int>(random() % unsigned(high - low + 1)); };
+  for (;;) {
+    int const groups = pick(0, 2) == 0 ? pick(2, 4) : 1, least = transposed ? -2 : 0;
+    Case const c = {groups,         groups * pick(1, 6), groups * pick(1, 40 / groups),
+                    pick(1, 13),    pick(1, 40),         pick(1, 7),
+                    pick(1, 7),     pick(1, 3),          pick(1, 3),
+                    pick(1, 3),     pick(1, 3),          pick(least, 3),
+                    pick(least, 3), pick(least, 3),      pick(least, 3),
+                    pick(0, 1) == 1};
+    int const reach_y = c.dy * (c.ky - 1), reach_x = c.dx * (c.kx - 1);
+    int const height = (transposed ? c.sy : 1) * c.height + c.t + c.b,
+              width = (transposed ? c.sx : 1) * c.width + c.l + c.r;
+    if (height > reach_y && width > reach_x) return c;
+  }
+}
+
+TEST(Convolution, RandomShapesGiveTheBitsOfThePlainLoops) {
+  std::mt19937 random(20);
+  for (std::uint32_t round = 0; round < 120 && !HasFailure(); ++round) {
+    Case const c = RandomCase(random, false);
+    ExpectPlainDirect(c, MakeData(c, round, round % 3 == 0));
+  }
+}
+
+TEST(Convolution, TransposedRandomShapesGiveTheBitsOfThePlainLoops) {
+  std::mt19937 random(21);
+  for (std::uint32_t round = 0; round < 120 && !HasFailure(); ++round) {
+    Case const c = RandomCase(random, true);
+    ExpectPlainTransposed(c, MakeData(c, round, round % 3 == 0));
+  }
+}
+
+TEST(Convolution, RandomRowsGiveTheBitsOfThePlainLoops) {
+  std::mt19937 random(22);
+  for (std::uint32_t round = 0; round < 60 && !HasFailure(); ++round) {
+    Case c = RandomCase(random, false);
+    c.height = c.ky = c.sy = c.dy = 1, c.t = c.b = 0;
+    Data const d = MakeData(c, round, round % 3 == 0);
+    ExpectPlain<Direct1d>(c, d, RowInfo(c, d), {unsigned(c.in), unsigned(c.width)}, TensorShape::CL, PlainDirect(c, d));
+  }
+}
+
+TEST(Convolution, EveryWayThroughTheTiles) {
+  struct {
+    char const* why;
+    Case c;
+  } const cases[] = {
+      {"depthwise, stride 1", {5, 5, 5, 11, 37, 3, 3, 1, 1, 1, 1, 1, 1, 1, 1, true}},
+      {"depthwise, stride 2", {5, 5, 5, 12, 38, 3, 3, 2, 2, 1, 1, 0, 1, 1, 0, false}},
+      {"depthwise, stride 3 and dilation", {3, 3, 6, 12, 38, 5, 3, 3, 3, 2, 2, 2, 4, 1, 0, true}},
+      {"more than a strip of positions, channels that pass in chunks",
+       {1, 37, 33, 12, 23, 3, 3, 1, 1, 1, 1, 1, 1, 1, 1, true}},
+      {"a block of two vectors and one of one vector", {1, 3, 48, 5, 9, 2, 2, 1, 1, 1, 1, 0, 0, 0, 0, true}},
+      {"1x1", {1, 20, 40, 7, 7, 1, 1, 1, 1, 1, 1, 0, 0, 0, 0, false}},
+      {"out_channels no multiple of groups: the rest holds 0", {3, 7, 8, 4, 5, 3, 3, 1, 1, 1, 1, 1, 1, 1, 1, false}},
+      {"more groups than input channels: the bias alone", {4, 3, 4, 3, 3, 1, 1, 1, 1, 1, 1, 0, 0, 0, 0, true}},
+      {"more groups than output channels: zeros", {4, 8, 3, 3, 3, 1, 1, 1, 1, 1, 1, 0, 0, 0, 0, false}},
+      {"windows in the padding alone", {1, 2, 3, 2, 2, 1, 1, 1, 1, 1, 1, 3, 2, 3, 3, true}},
+  };
+  for (auto const& row : cases) {
+    SCOPED_TRACE(row.why);
+    ExpectPlainDirect(row.c, MakeData(row.c, 5, false));
+    ExpectPlainTransposed(row.c, MakeData(row.c, 6, false));
+  }
+}
+
+TEST(Convolution, KeepsTheSignsOfZeroThatThePlainLoopsGive) {
+  float const zeros[] = {0.0f, -0.0f};
+  for (int const channels : {1, 2}) {
+    for (int const groups : {1, channels}) {
+      Case const c = {groups, channels, 4 * channels, 3, 18, 1, 2, 1, 1, 1, 1, 0, 1, 1, 0, true};
+      Data d = MakeData(c, 3, false);
+      std::mt19937 random(4);
+      for (auto* const values : {&d.input, &d.weight, &d.bias}) {
+        for (float& value : *values) value = zeros[random() % 2];
+      }
+      ExpectPlainDirect(c, d);
+      ExpectPlainTransposed(c, d);
+    }
+  }
+}
+
+TEST(Convolution, IsTheKernelTurnedAndSpreadWhenTransposed) {
+  // One input element of 1: the output is the kernel itself, in its own order, where the borders let it in.
+  Case const c = {1, 1, 1, 1, 1, 2, 2, 2, 2, 1, 1, 1, 0, 1, 0, false};
+  Data const d = {{1.0f}, {1.0f, 2.0f, 3.0f, 4.0f}, {}};
+  EXPECT_EQ((std::vector<float>{1.0f, 2.0f, 3.0f, 4.0f}), PlainTransposed(c, d));
+  ExpectPlainTransposed(c, d);
+}
+
+TEST(Convolution, ExtentsWrapInGetOutputShapesAndAreRefusedInForward) {
+  Case const c = {1, 1, 2, 2, 9, 3, 3, 1, 1, 1, 1, 0, 0, 0, 0, false};
+  Data const d = MakeData(c, 1, false);
+  auto const context = test::GuardedContext();
+  auto const input = test::FloatTensor(*context, {1, 2, 9}, TensorShape::CHW, d.input);
+  Direct2d kernel;
+  ASSERT_TRUE(kernel.Config(PlaneInfo<runtime::Conv2dInfo>(c, d), nullptr, context));
+  EXPECT_EQ((std::vector<unsigned int>{2, 0, 7}), kernel.GetOutputShapes({input->shape}).at(0).dims);
+  std::vector<std::shared_ptr<runtime::Tensor>> outputs;
+  std::string const refusal = test::RefusalOf([&] { kernel.Forward({input}, outputs, context); });
+  EXPECT_NE(std::string::npos, refusal.find("of layer layer 7: an extent of 2 with borders of 0 and 0, kernel 3"));
+}
+
+TEST(Convolution, RefusesWhatDoesNotFitItsLayer) {
+  Case const c = {2, 4, 4, 5, 6, 3, 3, 1, 1, 1, 1, 1, 1, 1, 1, true};
+  Data const d = MakeData(c, 1, false);
+  auto const context = test::GuardedContext();
+  auto const tensor = [&](std::vector<unsigned int> const& dims, unsigned int layout) {
+    return test::FloatTensor(*context, dims, layout, std::vector<float>(runtime::ElementCount(dims)));
+  };
+  auto const integers = context->device_cpu->CreateU8CHWMainMem({4, 5, 6}, nullptr);
+  struct {
+    std::shared_ptr<runtime::Tensor> input;
+    char const* text;
+  } const rows[] = {{tensor({3, 5, 6}, TensorShape::CHW), "dims [3, 5, 6]; needs FLOAT32, layout 0 and 4 channels"},
+                    {tensor({4, 30}, TensorShape::CL), "needs rank 3"},
+                    {integers, "data type 7; needs rank 3, 4 bytes an element"},
+                    {tensor({4, 5, 6}, TensorShape::HWC), "layout 1"},
+                    {nullptr, "is no CPU tensor"}};
+  Direct2d kernel;
+  ASSERT_TRUE(kernel.Config(PlaneInfo<runtime::Conv2dInfo>(c, d), nullptr, context));
+  std::vector<std::shared_ptr<runtime::Tensor>> outputs;
+  for (auto const& row : rows) {
+    std::string const refusal = test::RefusalOf([&] { kernel.Forward({row.input}, outputs, context); });
+    EXPECT_NE(std::string::npos, refusal.find(row.text)) << refusal;
+    EXPECT_EQ(-2, kernel.IsValidInput({row.input}));
+  }
+  auto uneven = PlaneInfo<runtime::Conv2dInfo>(c, d);
+  uneven->out_channels = 5;
+  ASSERT_TRUE(kernel.Config(uneven, nullptr, context));
+  EXPECT_NE(std::string::npos, test::RefusalOf([&] {
+                                 kernel.Forward({tensor({4, 5, 6}, TensorShape::CHW)}, outputs, context);
+                               }).find("the bias has 4 values, needs 5"));
+}
+
+TEST(Convolution, ConfigRefusesBadLayers) {
+  Case const c = {1, 2, 3, 5, 6, 3, 3, 1, 1, 1, 1, 1, 1, 1, 1, true};
+  Data const d = MakeData(c, 1, false);
+  auto const context = test::GuardedContext();
+  Direct2d kernel;
+  auto const good = PlaneInfo<runtime::Conv2dInfo>(c, d);
+  EXPECT_FALSE(kernel.Config(nullptr, nullptr, context));
+  EXPECT_FALSE(kernel.Config(PlaneInfo<runtime::ConvTranspose2dInfo>(c, d), nullptr, context));
+  for (auto const field : {&runtime::Conv2dInfo::groups, &runtime::Conv2dInfo::stride_x, &runtime::Conv2dInfo::kernel_y,
+                           &runtime::Conv2dInfo::in_channels, &runtime::Conv2dInfo::dilation_y}) {
+    auto const zero = PlaneInfo<runtime::Conv2dInfo>(c, d);
+    (*zero).*field = 0;
+    EXPECT_FALSE(kernel.Config(zero, nullptr, context));
+  }
+  ASSERT_TRUE(kernel.Config(good, nullptr, context));
+  auto const short_bias = PlaneInfo<runtime::Conv2dInfo>(c, d);
+  short_bias->bias = Text({1.0f, 2.0f});
+  EXPECT_NE(std::string::npos, test::RefusalOf([&] {
+                                 kernel.Config(short_bias, nullptr, context);
+                               }).find("bias holds 8 bytes, shape [1, 3] needs 12"));
+  EXPECT_FALSE(kernel.IsConfigured());
+}
+
+}  // namespace
+}  // namespace talvo
