@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "talvo/kernel/functional/gemm.h"
+#include "talvo/kernel/recurrent.h"
 #include "talvo/kernel/rows/gates.h"
 #include "talvo/runtime/device_cpu.h"
 #include "talvo/runtime/tensor_cpu.h"
@@ -90,14 +91,20 @@ struct Sgemm {
   static constexpr auto* kConnect = &functional::fullconnection_sgemm_c_f32_m1;
 };
 
-/// The weights of one layer and direction: [gates * hidden_size, in_size], [gates * hidden_size, hidden_size] and two
-/// biases [gates * hidden_size], null without bias.
-struct Weights {
-  unsigned int in_size = 0;
-  TensorPtr weight_ih, weight_hh, bias_ih, bias_hh;
+/// The base64 texts of one layer and direction; the biases are null without bias.
+struct WeightTexts {
+  std::string const &weight_ih, &weight_hh;
+  std::string const *bias_ih, *bias_hh;
 };
 
-inline float const* DataOrNull(TensorPtr const& tensor) { return tensor != nullptr ? tensor->Data<float>() : nullptr; }
+/// The weights that `texts` hold, [gates * hidden_size, ...]. `where` stands before the array's name in refusals.
+/// Assert, with kernel and layer: too few bytes.
+Weights DecodeLayer(runtime::IKernel const& kernel, std::string const& layer_id, std::string const& where,
+                    WeightTexts const& texts, unsigned int in_size, unsigned int hidden_size, unsigned int gates,
+                    std::shared_ptr<runtime::Context> const& context);
+
+/// Sets all bytes of `state` to 0, if there is one.
+void Clear(TensorPtr const& state);
 
 /// One step of a cell. `inputs`, their checks and the results are those of functional/recurrent.h.
 struct CellCall {
