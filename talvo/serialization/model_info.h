@@ -58,6 +58,11 @@ class TALVO_API TLModelInfo : public Serializable {
   /// not name, sorted. Recomputes every `read_count`. Throws std::out_of_range for an input id without a record.
   std::vector<std::string> GetOutputIDs();
 
+  /// Fills a fresh record from a model file of the first generation, as ConvertTLModel1 tells (tlmodel1_conversion.h).
+  /// Assert: a file that cannot be opened or is older than version 10000, and what QZNetLoader::LoadFile and the
+  /// conversion refuse. A damaged file fails the platform assertion.
+  void LoadFromTLModel1(char const* path);
+
   NetExtraInfo extra_info;
   std::vector<std::string> squential_output_ids;  // the outputs as the file names them
   std::vector<std::string> squential_ids;         // layers in execution order

@@ -1,0 +1,17 @@
+// The way from a loaded first-generation file to today's records.
+#pragma once
+
+#include "talvo/serialization/model_info.h"
+#include "talvo/serialization/tlmodel1.h"
+#include "talvo/utility/export.h"
+
+namespace talvo::runtime {
+
+/// Adds the loaded layers to a fresh model, in file order: layer 17 becomes the record "layer-17". A layer with a fused
+/// activation becomes two, "layer-17!" and the activation under the plain name, so that what reads it reads the result.
+/// Where it throws, the last of `squential_ids` is the layer that was refused.
+/// Assert: a layer or a value without a counterpart, channels of a depthwise layer that differ, a weight array shorter
+/// than its shape, an id that stands more than 8 times in the file.
+TALVO_API void ConvertTLModel1(talvo1::QZNetLoader const& loader, TLModelInfo& model);
+
+}  // namespace talvo::runtime
