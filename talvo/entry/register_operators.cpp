@@ -5,7 +5,11 @@
 #include "talvo/kernel/elementwise.h"
 #include "talvo/kernel/gemm.h"
 #include "talvo/kernel/pooling.h"
+#include "talvo/kernel/recurrent.h"
+#include "talvo/kernel/resampling.h"
 #include "talvo/kernel/structural.h"
+#include "talvo/transform/permute.h"
+#include "talvo/transform/reshape.h"
 
 namespace talvo::utility {
 namespace {
@@ -29,6 +33,8 @@ std::shared_ptr<Base> Make() {
 constexpr Entry<runtime::IKernel> kCommonOperators[] = {
     TALVO_KERNEL(Input_Fallback_M1),
     TALVO_KERNEL(Concatenate_MainMemory_Fallback),
+    TALVO_KERNEL(Transform_MainMemory_Permute_Fallback),
+    TALVO_KERNEL(Transform_MainMemory_Reshape_Fallback),
     TALVO_KERNEL(BroadcastOperator_Fallback_Float_M1),
     TALVO_KERNEL(HSigmoid_Fallback_Float_M1),
     TALVO_KERNEL(HSwish_Fallback_Float_M1),
@@ -50,11 +56,26 @@ constexpr Entry<runtime::IKernel> kFallbackOperators[] = {
     TALVO_KERNEL(Pooling2D_Avg_Fallback_Float_M1),
     TALVO_KERNEL(AdaptivePooling2D_Avg_Fallback_CHW_Float_M1),
     TALVO_KERNEL(Pooling2D_Max_Fallback_Float_M1),
+    TALVO_KERNEL(Reshape_Fallback_CnHWn_To_C_M1),
+    TALVO_KERNEL(Reshape_Fallback_CnHWn_To_CL_M1),
+    TALVO_KERNEL(Reshape_Fallback_CL_To_CHW_M1),
+    TALVO_KERNEL(Reshape_Fallback_To_CHW_M1),
+    TALVO_KERNEL(Reshape_Fallback_To_SC_M1),
+    TALVO_KERNEL(Reshape_Fallback_To_C_M1),
     TALVO_KERNEL(FullConnection_Fallback_C_Float_M1),
     TALVO_KERNEL(Softmax_Fallback_Float_M1),
     TALVO_KERNEL(Concatenate_C_Fallback_CnHWn_M1),
+    TALVO_KERNEL(Upsampling2D_Fallback_CHW_Float_M1),
+    TALVO_KERNEL(Pixelshuffle_Fallback_CHW_Float_M1),
+    TALVO_KERNEL(RNNCell_Fallback_C_F32_M1),
+    TALVO_KERNEL(RNN_Fallback_SC_F32_M1),
+    TALVO_KERNEL(LSTMCell_Fallback_C_F32_M1),
+    TALVO_KERNEL(LSTM_Fallback_SC_F32_M1),
+    TALVO_KERNEL(GRUCell_Fallback_C_F32_M1),
+    TALVO_KERNEL(GRU_Fallback_SC_F32_M1),
     TALVO_KERNEL(ConvTranspose2D_Knxm_Snxm_Dnxm_Gn_Fallback_CHW_Float_M1),
     TALVO_KERNEL(Expand_Fallback_CHW_Float_M1),
+    TALVO_KERNEL(GridSample_Fallback_CHW_Float_M1),
     TALVO_KERNEL(TensorArithmetic_Fallback_M1),
     TALVO_KERNEL(Linear_Fallback_Float_M1),
     TALVO_KERNEL(UnSqueeze_Fallback_M1),
@@ -64,6 +85,12 @@ constexpr Entry<runtime::IKernel> kFallbackOperators[] = {
 // Kernels on the matrix product.
 constexpr Entry<runtime::IKernel> kSGEMMOperators[] = {
     TALVO_KERNEL(Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1),
+    TALVO_KERNEL(RNNCell_SGEMM_C_F32_M1),
+    TALVO_KERNEL(RNN_SGEMM_SC_F32_M1),
+    TALVO_KERNEL(LSTMCell_SGEMM_C_F32_M1),
+    TALVO_KERNEL(LSTM_SGEMM_SC_F32_M1),
+    TALVO_KERNEL(GRUCell_SGEMM_C_F32_M1),
+    TALVO_KERNEL(GRU_SGEMM_SC_F32_M1),
     TALVO_KERNEL(FullConnection_SGEMM_C_Float_M1),
 };
 

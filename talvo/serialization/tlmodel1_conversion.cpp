@@ -316,7 +316,7 @@ void AddLayer(QZLayerInfo const& layer, unsigned short readers, QZExInfo const& 
 void ConvertTLModel1(QZNetLoader const& loader, TLModelInfo& model) {
   std::vector<std::string> names;
   for (unsigned short const id : loader.id_list) names.push_back(NameOf(id));
-  support::AssertFewRepeats(names);  // each occurrence is converted once more
+  support::AssertFewRepeats(names, support::kMostRepeats);  // each occurrence is converted once more
   FillExtraInfo(loader.exinfo, model.extra_info);
   for (unsigned short const id : loader.id_list)
     AddLayer(*loader.layers.at(id), loader.reader_counts.at(id), loader.exinfo, model);
