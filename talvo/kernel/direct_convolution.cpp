@@ -103,22 +103,22 @@ std::size_t PhasePitch(ConvolutionShape const& shape, Padding const& padding) {
 // Lays one plane into a padded one, [phase][row][column of the phase], whose borders are 0 already.
 void LayPlane(ConvolutionShape const& shape, Padding const& padding, float const* input, float* plane) {
   std::size_t const pitch = PhasePitch(shape, padding), width = shape.in_width, stride = shape.stride_x;
-  std::vector<float*> starts;  // where the input columns 0, 1, ... stride - 1 go
-  for (std::size_t column = padding.left; column < padding.left + stride; ++column) {
-    std::size_t const row = column % stride * padding.padded_height + padding.top;
-    starts.push_back(plane + row * pitch + column / stride);
-  }
-  for (std::size_t y = 0; y < shape.in_height; ++y, input += width) {
-    if (stride == 1) {
-      std::copy_n(input, width, starts[0]);
-    } else if (stride == 2) {
-      rows::SplitRow(input, width, starts[0], starts[1]);
-    } else {
-      for (std::size_t phase = 0; phase < std::min(stride, width); ++phase) {
-        for (std::size_t x = phase, i = 0; x < width; x += stride, ++i) starts[phase][i] = input[x];
+  auto const place = [&](std::size_t x) {  // of the first row's column x, below the stride
+    std::size_t const column = padding.left + x;
+    return plane + (column % stride * padding.padded_height + padding.top) * pitch + column / stride;
+  };
+  if (stride == 1) {
+    float* to = place(0);
+    for (std::size_t y = 0; y < shape.in_height; ++y, input += width, to += pitch) std::copy_n(input, width, to);
+  } else if (stride == 2) {
+    rows::SplitRows(input, width, shape.in_height, place(0), place(1), pitch);
+  } else {
+    for (std::size_t first = 0; first < std::min(stride, width); ++first) {
+      float* to = place(first);
+      for (std::size_t y = 0; y < shape.in_height; ++y, to += pitch) {
+        for (std::size_t x = first, i = 0; x < width; x += stride, ++i) to[i] = input[y * width + x];
       }
     }
-    for (float*& start : starts) start += pitch;
   }
 }
 

@@ -39,15 +39,19 @@ TEST(Rows, TransposesAnyRectangle) {
   }
 }
 
-TEST(Rows, SplitsARowIntoEvenAndOdd) {
+TEST(Rows, SplitsRowsIntoEvenAndOdd) {
+  constexpr std::size_t kRows = 2;
   for (auto const set : RunnableSets()) {
     ScopedInstructionSet const use(set);
     for (std::size_t const count : {1u, 2u, 31u, 32u, 67u}) {
       SCOPED_TRACE(testing::Message() << NameOf(set) << " " << count);
-      auto const from = test::Floats(1, count);
-      std::vector<float> want(2 * count + 2, -9.0f), got = want;
-      for (std::size_t i = 0; i < count; ++i) want[i % 2 * (count + 1) + i / 2] = from[i];
-      SplitRow(from.data(), count, got.data(), got.data() + count + 1);
+      auto const from = test::Floats(1, kRows * count);
+      std::size_t const stride = count / 2 + 3, odd = kRows * stride;
+      std::vector<float> want(2 * odd, -9.0f), got = want;
+      for (std::size_t r = 0; r < kRows; ++r) {
+        for (std::size_t i = 0; i < count; ++i) want[i % 2 * odd + r * stride + i / 2] = from[r * count + i];
+      }
+      SplitRows(from.data(), count, kRows, got.data(), got.data() + odd, stride);
       test::ExpectSameBits(want, got);
     }
   }

@@ -194,22 +194,25 @@ struct Plane3x3 {
     Row row;
     LoadRow(run, input, row);
     Begin(row, weights, one);
+    LoadRow(run, input += run.kernel_row, row);
     if (kStride == 1) {
-      LoadRow(run, input += run.kernel_row, row);
       Continue(one, row, weights, 1, two);
       Begin(row, weights, one);
+      LoadRow(run, input += run.kernel_row, row);
     }
     for (std::size_t y = 0; y < run.rows; ++y, to += run.columns) {
+      std::size_t const step = y + 1 < run.rows ? run.kernel_row : 0;
       if (kStride == 2) {
-        LoadRow(run, input += run.kernel_row, row);
         Continue(one, row, weights, 1, two);
+        LoadRow(run, input += run.kernel_row, row);
       }
-      LoadRow(run, input += run.kernel_row, row);
       Continue(two, row, weights, 2, sum);
       if (kStride == 1) Continue(one, row, weights, 1, two);
       Begin(row, weights, one);
       V before = start;
       if (c > 0) Load<kLanes>(to, before);
+      // The next row before the store: g++ would load it anew for each use if it came after.
+      LoadRow(run, input += step, row);
       Store<kLanes>(before + sum, to);
     }
   }
@@ -256,19 +259,29 @@ struct TransposeRowsBody {
   }
 };
 
-struct SplitRowBody {
+struct SplitRowsBody {
   template <class Set>
-  static TALVO_ROWS_INLINE void Run(float const* from, std::size_t count, float* even, float* odd) {
-    RunWidest<Set::kLanes>(from, count, even, odd);
+  static TALVO_ROWS_INLINE void Run(float const* from, std::size_t count, std::size_t rows, float* even, float* odd,
+                                    std::size_t to_stride) {
+    RunWidest<Set::kLanes>(from, count, rows, even, odd, to_stride);
   }
 
-  // The widest vectors of which the row holds two; the last two overlap those before them.
+  // The widest vectors of which a row holds two.
   template <int kLanes>
-  static TALVO_ROWS_INLINE void RunWidest(float const* from, std::size_t count, float* even, float* odd) {
-    constexpr std::size_t kStep = 2 * kLanes;
+  static TALVO_ROWS_INLINE void RunWidest(float const* from, std::size_t count, std::size_t rows, float* even,
+                                          float* odd, std::size_t to_stride) {
     if constexpr (kLanes > 4) {
-      if (count < kStep) return RunWidest<kLanes / 2>(from, count, even, odd);
+      if (count < 2 * kLanes) return RunWidest<kLanes / 2>(from, count, rows, even, odd, to_stride);
     }
+    for (std::size_t r = 0; r < rows; ++r, from += count, even += to_stride, odd += to_stride) {
+      SplitRow<kLanes>(from, count, even, odd);
+    }
+  }
+
+  // The last two vectors overlap those before them.
+  template <int kLanes>
+  static TALVO_ROWS_INLINE void SplitRow(float const* from, std::size_t count, float* even, float* odd) {
+    constexpr std::size_t kStep = 2 * kLanes;
     std::size_t const pairs = count - count % 2;
     for (std::size_t i = 0; pairs >= kStep; i = std::min(i + kStep, pairs - kStep)) {
       Vector<kLanes> a, b, low, high;
@@ -289,6 +302,6 @@ Primitive<void(TileRun const&)> const RunTiles{RunTilesBody()};
 Primitive<void(PlaneRun const&)> const RunPlane{RunPlaneBody()};
 Primitive<void(float const*, std::size_t, std::size_t, std::size_t, float*, std::size_t)> const TransposeRows{
     TransposeRowsBody()};
-Primitive<void(float const*, std::size_t, float*, float*)> const SplitRow{SplitRowBody()};
+Primitive<void(float const*, std::size_t, std::size_t, float*, float*, std::size_t)> const SplitRows{SplitRowsBody()};
 
 }  // namespace talvo::kernel::rows
