@@ -1,10 +1,11 @@
 #include "talvo/transform/element_conversion.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 
+#include "talvo/kernel/rows/conversion_rows.h"
 #include "talvo/utility/log.h"
-#include "talvo/utility/restrict.h"
 
 namespace talvo::kernel {
 namespace {
@@ -15,10 +16,14 @@ using utility::Assert;
 using DevicePtr = std::shared_ptr<runtime::DeviceCPU>;
 using TensorPtr = std::shared_ptr<runtime::TensorCPU>;
 
-// y[i] = To(x[i]) for i < n.  The rows do not overlap.
-template <typename To, typename From>
-void ConvertRow(From const* TALVO_RESTRICT x, std::size_t n, To* TALVO_RESTRICT y) {
-  for (std::size_t i = 0; i < n; ++i) y[i] = To(x[i]);
+static_assert(sizeof(half) == sizeof(std::uint16_t), "a row of halves is a row of their bits");
+
+void ConvertRow(float const* x, std::size_t n, half* y) {
+  rows::FloatToHalfRow(x, n, reinterpret_cast<std::uint16_t*>(y));
+}
+
+void ConvertRow(half const* x, std::size_t n, float* y) {
+  rows::HalfToFloatRow(reinterpret_cast<std::uint16_t const*>(x), n, y);
 }
 
 template <typename To, typename From>

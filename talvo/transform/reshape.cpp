@@ -314,10 +314,10 @@ std::vector<TensorShape> UnblockingReshape<Step>::GetOutputShapes(std::vector<Te
   TensorShape const& input = support::ShapeAt(*this, input_shapes, 0);
   Assert(new_shape_.size() == Step::kEntries, "%s: new_shape has %zu entries, needs %zu", Step::kName,
          new_shape_.size(), Step::kEntries);
-  std::uint64_t const rest = runtime::ElementCount(input.dims) / KnownProduct(new_shape_);
+  auto const rest = static_cast<unsigned int>(runtime::ElementCount(input.dims) / KnownProduct(new_shape_));
   Dims dims;
   for (std::size_t i = 1; i < new_shape_.size(); ++i) {
-    dims.push_back(static_cast<unsigned int>(new_shape_[i] == kUnknown ? rest : new_shape_[i]));
+    dims.push_back(new_shape_[i] == kUnknown ? rest : static_cast<unsigned int>(new_shape_[i]));
   }
   return {TensorShape(std::move(dims), input.data_type, Step::kLayout, input.location, input.extra)};
 }

@@ -7,6 +7,7 @@
 #include <limits>
 
 #include "talvo/kernel/functional/quantisation.h"
+#include "talvo/kernel/rows/instruction_sets.h"
 #include "talvo/serialization/inference_param.h"
 #include "talvo/serialization/layer_info_activation.h"
 #include "tests/support/bits.h"
@@ -44,7 +45,13 @@ std::vector<float> Probes(float scale) {
   return values;
 }
 
-TEST(Quantisation, RoundsHalvesAwayFromZeroAndClamps) {
+class QuantisationRows : public testing::TestWithParam<kernel::rows::InstructionSet> {
+  kernel::rows::ScopedInstructionSet const use_{GetParam()};
+};
+INSTANTIATE_TEST_SUITE_P(EverySet, QuantisationRows, testing::ValuesIn(kernel::rows::RunnableSets()),
+                         [](auto const& set) { return kernel::rows::NameOf(set.param); });
+
+TEST_P(QuantisationRows, RoundsHalvesAwayFromZeroAndClamps) {
   auto const context = test::GuardedContext();
   for (short step : {short{0}, short{8}, short{12}, short{31}, short{40}, short{-1}}) {
     SCOPED_TRACE(step);

@@ -141,11 +141,11 @@ struct UpsampleCase {
 };
 
 std::vector<UpsampleCase> UpsampleCases() {
-  return {{"doubled", 2, 2, {3, 5, 7}, {3, 10, 14}},
+  return {{"doubled, planes side by side and alone", 2, 2, {6, 5, 7}, {6, 10, 14}},
           {"doubled, vectors and a tail", 2, 2, {2, 3, 33}, {2, 6, 66}},
           {"columns alone", 1, 2, {2, 4, 4}, {2, 4, 8}},
           {"8 of 5 columns", 1.5f, 1.5f, {2, 4, 5}, {2, 6, 8}},
-          {"odd scales", 3, 2.7f, {1, 3, 11}, {1, 9, 30}},
+          {"odd scales", 3, 2.7f, {5, 3, 11}, {5, 9, 30}},
           {"smaller", 0.4f, 0.5f, {2, 11, 8}, {2, 4, 4}},
           {"to one row and column", 0.2f, 0.2f, {2, 5, 5}, {2, 1, 1}},
           {"from one pixel", 4, 3, {2, 1, 1}, {2, 4, 3}},

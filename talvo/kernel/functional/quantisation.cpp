@@ -1,13 +1,9 @@
 #include "talvo/kernel/functional/quantisation.h"
 
-#include <algorithm>
-#include <cmath>
-#include <cstddef>
 #include <cstdint>
-#include <limits>
 
+#include "talvo/kernel/rows/conversion_rows.h"
 #include "talvo/utility/log.h"
-#include "talvo/utility/restrict.h"
 
 namespace talvo::kernel::functional {
 namespace {
@@ -16,28 +12,6 @@ using runtime::TensorShape;
 using utility::Assert;
 using DevicePtr = std::shared_ptr<runtime::DeviceCPU>;
 using TensorPtr = std::shared_ptr<runtime::TensorCPU>;
-
-// y[i] = round(x[i] scale), halves away from zero, held in the range of Q; 0 for NaN.  The rows do not overlap.
-// Clamping comes first, which changes no result, since the bounds are whole. To add the largest float below a half and
-// to cut is to round: a half itself would carry 0.49999997 up to 1.
-template <typename Q>
-void QuantiseRow(float const* TALVO_RESTRICT x, float scale, std::size_t n, Q* TALVO_RESTRICT y) {
-  constexpr float kBelowHalf = 0x1.fffffep-2f;
-  constexpr float kLow = std::numeric_limits<Q>::min(), kHigh = std::numeric_limits<Q>::max();
-  for (std::size_t i = 0; i < n; ++i) {
-    float v = x[i] * scale;
-    v = v == v ? v : 0.0f;
-    v = kHigh < v ? kHigh : v;
-    v = kLow > v ? kLow : v;
-    y[i] = static_cast<Q>(static_cast<std::int32_t>(v + std::copysign(kBelowHalf, v)));
-  }
-}
-
-// y[i] = q[i] scale.  The rows do not overlap.
-template <typename Q>
-void DequantiseRow(Q const* TALVO_RESTRICT q, float scale, std::size_t n, float* TALVO_RESTRICT y) {
-  for (std::size_t i = 0; i < n; ++i) y[i] = static_cast<float>(q[i]) * scale;
-}
 
 // 1 << step, where bit 31 is the sign.
 float PowerOf(short step) {
@@ -61,39 +35,39 @@ TensorPtr NewConverted(char const* name, TensorPtr const& input, unsigned int el
   return output;
 }
 
-template <typename Q>
-TensorPtr Quantise(char const* name, TensorPtr const& input, short step, unsigned int data_type,
+// Each has a row primitive for its type of integers.
+template <typename Q, class Row>
+TensorPtr Quantise(char const* name, TensorPtr const& input, short step, unsigned int data_type, Row const& row,
                    DevicePtr const& device) {
   TensorPtr output = NewConverted(name, input, sizeof(float), data_type, step, device);
-  QuantiseRow(input->Data<float>(), PowerOf(step), runtime::ElementCount(output->shape.dims),
-              output->template Data<Q>());
+  row(input->Data<float>(), PowerOf(step), runtime::ElementCount(output->shape.dims), output->template Data<Q>());
   return output;
 }
 
-template <typename Q>
-TensorPtr Dequantise(char const* name, TensorPtr const& input, DevicePtr const& device) {
+template <typename Q, class Row>
+TensorPtr Dequantise(char const* name, TensorPtr const& input, Row const& row, DevicePtr const& device) {
   TensorPtr output = NewConverted(name, input, sizeof(Q), TensorShape::FLOAT32, 0, device);
-  DequantiseRow(input->template Data<Q>(), 1.0f / PowerOf(input->shape.extra.step_size),
-                runtime::ElementCount(output->shape.dims), output->template Data<float>());
+  row(input->template Data<Q>(), 1.0f / PowerOf(input->shape.extra.step_size),
+      runtime::ElementCount(output->shape.dims), output->template Data<float>());
   return output;
 }
 
 }  // namespace
 
 TensorPtr Quantitation_MainMemory_Float_to_Int16_Fallback_M1(TensorPtr input, short step, DevicePtr device) {
-  return Quantise<std::int16_t>(__func__, input, step, TensorShape::INT16, device);
+  return Quantise<std::int16_t>(__func__, input, step, TensorShape::INT16, rows::QuantiseInt16Row, device);
 }
 
 TensorPtr Quantitation_MainMemory_Float_to_Int8_Fallback_M1(TensorPtr input, short step, DevicePtr device) {
-  return Quantise<std::int8_t>(__func__, input, step, TensorShape::INT8, device);
+  return Quantise<std::int8_t>(__func__, input, step, TensorShape::INT8, rows::QuantiseInt8Row, device);
 }
 
 TensorPtr Dequantitation_MainMemory_Int16_to_Float_Fallback_M1(TensorPtr input, DevicePtr device) {
-  return Dequantise<std::int16_t>(__func__, input, device);
+  return Dequantise<std::int16_t>(__func__, input, rows::DequantiseInt16Row, device);
 }
 
 TensorPtr Dequantitation_MainMemory_Int8_to_Float_Fallback_M1(TensorPtr input, DevicePtr device) {
-  return Dequantise<std::int8_t>(__func__, input, device);
+  return Dequantise<std::int8_t>(__func__, input, rows::DequantiseInt8Row, device);
 }
 
 }  // namespace talvo::kernel::functional

@@ -95,14 +95,19 @@ std::vector<Position> BilinearPositions(std::size_t extent, std::size_t n, float
   return positions;
 }
 
-// y[j] = x[high] weight + x[low] rest for each position j.
-template <typename T>
-void BlendColumns(T const* TALVO_RESTRICT x, std::vector<Position> const& positions, float* TALVO_RESTRICT y) {
+// y[p n + j] = x[high] weight + x[low] rest of plane p for each of n positions j. Planes that share a position share
+// the cost of reading it.
+template <std::size_t kPlanes, typename T>
+void BlendColumns(T const* TALVO_RESTRICT x, std::size_t plane, std::vector<Position> const& positions,
+                  float* TALVO_RESTRICT y) {
   std::size_t const n = positions.size();
   Position const* const position = positions.data();
   for (std::size_t j = 0; j < n; ++j) {
-    Position const& p = position[j];
-    y[j] = static_cast<float>(x[p.high]) * p.weight + static_cast<float>(x[p.low]) * p.rest;
+    Position const at = position[j];
+    for (std::size_t p = 0; p < kPlanes; ++p) {
+      T const* const row = x + p * plane;
+      y[p * n + j] = static_cast<float>(row[at.high]) * at.weight + static_cast<float>(row[at.low]) * at.rest;
+    }
   }
 }
 
@@ -113,49 +118,61 @@ void BlendRows(float const* TALVO_RESTRICT top, float const* TALVO_RESTRICT low,
   for (std::size_t j = 0; j < n; ++j) y[j] = static_cast<T>(low[j] * weight + top[j] * rest);
 }
 
-// Source rows of one plane with their columns blended: the two last used ones are kept, since neighbouring output rows
-// lie between the same two.
-template <typename T>
+// One source row of kPlanes planes with its columns blended: the two last used ones are kept, since neighbouring output
+// rows lie between the same two.
+template <std::size_t kPlanes, typename T>
 class BlendedRows {
  public:
-  BlendedRows(T const* plane, std::size_t width, std::vector<Position> const& columns, float* scratch)
-      : plane_(plane), width_(width), columns_(columns), rows_{scratch, scratch + columns.size()} {}
+  BlendedRows(T const* x, ImageSize const& size, std::vector<Position> const& columns, float* scratch)
+      : x_(x), size_(size), columns_(columns), rows_{scratch, scratch + kPlanes * columns.size()} {}
 
-  // Row `index`, in the buffer that does not hold row `kept`.
+  // Row `index` of each plane, in the buffer that does not hold row `kept`.
   float const* Row(std::uint32_t index, std::uint32_t kept) {
     for (int slot : {0, 1})
       if (held_[slot] == index) return rows_[slot];
     int const slot = held_[0] == kept ? 1 : 0;
-    BlendColumns(plane_ + index * width_, columns_, rows_[slot]);
+    BlendColumns<kPlanes>(x_ + index * size_.width, size_.height * size_.width, columns_, rows_[slot]);
     held_[slot] = index;
     return rows_[slot];
   }
 
  private:
   static constexpr std::uint32_t kNone = 0xFFFFFFFF;
-  T const* plane_;
-  std::size_t width_;
+  T const* x_;
+  ImageSize size_;
   std::vector<Position> const& columns_;
   float* rows_[2];
   std::uint32_t held_[2] = {kNone, kNone};
 };
 
+template <std::size_t kPlanes, typename T>
+void UpsamplePlanes(T const* x, ImageSize const& size, std::vector<Position> const& rows,
+                    std::vector<Position> const& columns, float* scratch, T* y) {
+  std::size_t const n = columns.size();
+  BlendedRows<kPlanes, T> blended(x, size, columns, scratch);
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    Position const& row = rows[i];
+    float const* const top = blended.Row(row.low, row.high);
+    float const* const low = blended.Row(row.high, row.low);
+    for (std::size_t p = 0; p < kPlanes; ++p)
+      BlendRows(top + p * n, low + p * n, row.weight, row.rest, n, y + (p * rows.size() + i) * n);
+  }
+}
+
 template <typename T>
 void UpsampleBilinearOf(T const* x, ImageSize const& size, float scale_y, float scale_x, bool align_corner,
                         std::size_t out_height, std::size_t out_width, T* y) {
   if (size.channels == 0 || out_height == 0 || out_width == 0) return;
+  constexpr std::size_t kPlanes = 4;
   auto const rows = BilinearPositions(size.height, out_height, scale_y, align_corner, false);
   auto const columns = BilinearPositions(size.width, out_width, scale_x, align_corner, true);
-  std::vector<float> scratch(2 * out_width);
-  for (std::size_t c = 0; c < size.channels; ++c, x += size.height * size.width) {
-    BlendedRows<T> blended(x, size.width, columns, scratch.data());
-    for (Position const& row : rows) {
-      float const* const top = blended.Row(row.low, row.high);
-      float const* const low = blended.Row(row.high, row.low);
-      BlendRows(top, low, row.weight, row.rest, out_width, y);
-      y += out_width;
-    }
-  }
+  std::vector<float> scratch(2 * kPlanes * out_width);
+  std::size_t const plane = size.height * size.width, out_plane = out_height * out_width;
+  std::size_t c = 0;
+  for (; c + kPlanes <= size.channels; c += kPlanes)
+    UpsamplePlanes<kPlanes>(x + c * plane, size, rows, columns, scratch.data(), y + c * out_plane);
+  for (; c < size.channels; ++c)
+    UpsamplePlanes<1>(x + c * plane, size, rows, columns, scratch.data(), y + c * out_plane);
 }
 
 // y[i count + row] = x[row stride + i] for row < count, i < n: rows become phases. kCount 0: count is not known here.
