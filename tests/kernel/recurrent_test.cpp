@@ -78,7 +78,7 @@ struct GruFamily {
 template <class Family>
 class Recurrent : public testing::Test {};
 using Families = testing::Types<RnnFamily, LstmFamily, GruFamily>;
-TYPED_TEST_SUITE(Recurrent, Families);
+TYPED_TEST_SUITE(Recurrent, Families, );
 
 // The plain cell. h and c are replaced; 1 gate is an RNN, 3 a GRU, 4 an LSTM; an empty bias counts as zeros.
 struct Weights {

@@ -14,11 +14,13 @@ template <int kLanes>
 TALVO_ROWS_INLINE void AddSquare(float const* weight, std::size_t stride, float const* x, Vector<kLanes>& acc) {
   Vector<kLanes> products[kLanes], xs;
   Load<kLanes>(x, xs);
+  TALVO_ROWS_UNROLL
   for (std::size_t r = 0; r < kLanes; ++r) {
     Load<kLanes>(weight + r * stride, products[r]);
     products[r] *= xs;
   }
   TransposeSquare<kLanes>(products);
+  TALVO_ROWS_UNROLL
   for (std::size_t i = 0; i < kLanes; ++i) acc += products[i];
 }
 
@@ -30,10 +32,9 @@ TALVO_ROWS_INLINE void SumRows(float const* weight, float const* x, float const*
   std::size_t i = 0;
   for (; i + kLanes <= inputs; i += kLanes) AddSquare<kLanes>(weight + i, inputs, x + i, acc);
   for (; i < inputs; ++i) {
-    Vector<kLanes> column, xs;
+    Vector<kLanes> column;
     for (std::size_t r = 0; r < kLanes; ++r) column[r] = weight[r * inputs + i];
-    Splat<kLanes>(x[i], xs);
-    acc += column * xs;
+    acc += column * x[i];
   }
   Store<kLanes>(acc, y);
 }
@@ -89,39 +90,53 @@ TALVO_ROWS_INLINE void Tile(float const* TALVO_RESTRICT weight, std::size_t widt
                             float const* TALVO_RESTRICT bias, std::size_t inputs, float* TALVO_RESTRICT y,
                             std::size_t y_stride) {
   Vector<kLanes> acc[kRows][kVectors];
+  TALVO_ROWS_UNROLL
   for (int v = 0; v < kVectors; ++v) {
+    TALVO_ROWS_UNROLL
     for (int r = 0; r < kRows; ++r) Load<kLanes>(bias + v * kLanes, acc[r][v]);
   }
   for (std::size_t i = 0; i < inputs; ++i, weight += width) {
     Vector<kLanes> w[kVectors];
+    TALVO_ROWS_UNROLL
     for (int v = 0; v < kVectors; ++v) Load<kLanes>(weight + v * kLanes, w[v]);
+    TALVO_ROWS_UNROLL
     for (std::size_t r = 0; r < kRows; ++r) {
-      Vector<kLanes> xs;
-      Splat<kLanes>(x[r * inputs + i], xs);
+      float const xs = x[r * inputs + i];
+      TALVO_ROWS_UNROLL
       for (int v = 0; v < kVectors; ++v) acc[r][v] += w[v] * xs;
     }
   }
+  TALVO_ROWS_UNROLL
   for (std::size_t r = 0; r < kRows; ++r) {
+    TALVO_ROWS_UNROLL
     for (int v = 0; v < kVectors; ++v) Store<kLanes>(acc[r][v], y + r * y_stride + v * kLanes);
   }
 }
 
-// All rows by kVectors vectors of outputs, `count` of which exist.
+// All rows by kVectors vectors of outputs.
 template <class Set, int kVectors>
 TALVO_ROWS_INLINE void Column(float const* weight, std::size_t width, float const* x, float const* bias,
-                              std::size_t count, std::size_t rows, std::size_t inputs, float* y, std::size_t y_stride) {
-  constexpr std::size_t kWidth = kVectors * Set::kLanes;
-  constexpr int kRows = Set::kRegisters / 8;
-  float first[kWidth] = {};
-  if (bias != nullptr) std::copy_n(bias, count, first);
+                              std::size_t rows, std::size_t inputs, float* y, std::size_t y_stride) {
+  constexpr std::size_t kRows = Set::kRegisters / 8;
   std::size_t r = 0;
-  for (; count == kWidth && r + kRows <= rows; r += kRows) {
-    Tile<Set::kLanes, kRows, kVectors>(weight, width, x + r * inputs, first, inputs, y + r * y_stride, y_stride);
+  for (; r + kRows <= rows; r += kRows) {
+    Tile<Set::kLanes, kRows, kVectors>(weight, width, x + r * inputs, bias, inputs, y + r * y_stride, y_stride);
   }
   for (; r < rows; ++r) {
-    float last[kWidth];
-    Tile<Set::kLanes, 1, kVectors>(weight, width, x + r * inputs, first, inputs, last, kWidth);
-    std::copy_n(last, count, y + r * y_stride);
+    Tile<Set::kLanes, 1, kVectors>(weight, width, x + r * inputs, bias, inputs, y + r * y_stride, y_stride);
+  }
+}
+
+// All rows by the last `count` outputs, fewer than fill a vector.
+template <class Set>
+TALVO_ROWS_INLINE void LastColumn(float const* weight, std::size_t width, float const* x, float const* bias,
+                                  std::size_t count, std::size_t rows, std::size_t inputs, float* y,
+                                  std::size_t y_stride) {
+  float start[Set::kLanes] = {}, sums[Set::kLanes];
+  std::copy_n(bias, count, start);
+  for (std::size_t r = 0; r < rows; ++r) {
+    Tile<Set::kLanes, 1, 1>(weight, width, x + r * inputs, start, inputs, sums, Set::kLanes);
+    std::copy_n(sums, count, y + r * y_stride);
   }
 }
 
@@ -129,21 +144,19 @@ struct PackedProductBody {
   template <class Set>
   static TALVO_ROWS_INLINE void Run(float const* packed, float const* x, float const* bias, std::size_t rows,
                                     std::size_t outputs, std::size_t inputs, float* y) {
-    constexpr std::size_t kWide = 4 * Set::kLanes;
+    constexpr std::size_t kLanes = Set::kLanes, kWide = 4 * kLanes;
+    float const zeros[kPackedBlock] = {};
     for (std::size_t o = 0; o < outputs; o += kPackedBlock) {
-      std::size_t const width = PackedOutputs(std::min(kPackedBlock, outputs - o));
-      for (std::size_t j = 0; j < width && o + j < outputs;) {
-        float const* const start = bias != nullptr ? bias + o + j : nullptr;
-        std::size_t const left = outputs - o - j;
-        if (left >= kWide) {
-          Column<Set, 4>(packed + j, width, x, start, kWide, rows, inputs, y + o + j, outputs);
-          j += kWide;
-        } else {
-          Column<Set, 1>(packed + j, width, x, start, std::min<std::size_t>(left, Set::kLanes), rows, inputs, y + o + j,
-                         outputs);
-          j += Set::kLanes;
-        }
+      std::size_t const count = std::min(kPackedBlock, outputs - o), width = PackedOutputs(count);
+      float const* const start = bias != nullptr ? bias + o : zeros;
+      std::size_t j = 0;
+      for (; j + kWide <= count; j += kWide) {
+        Column<Set, 4>(packed + j, width, x, start + j, rows, inputs, y + o + j, outputs);
       }
+      for (; j + kLanes <= count; j += kLanes) {
+        Column<Set, 1>(packed + j, width, x, start + j, rows, inputs, y + o + j, outputs);
+      }
+      if (j < count) LastColumn<Set>(packed + j, width, x, start + j, count - j, rows, inputs, y + o + j, outputs);
       packed += width * inputs;
     }
   }
