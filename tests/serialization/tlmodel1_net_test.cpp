@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <map>
 
 #include "talvo/entry/register_operators.h"
@@ -50,9 +51,14 @@ std::vector<float> Result(QZLayerInfo const& layer, unsigned int version, std::v
       {3, "ConvTranspose2D_Knxm_Snxm_Dnxm_Gn_Fallback_CHW_Float_M1"},
       {6, "Pooling2D_Avg_Fallback_Float_M1"},
       {7, "Pooling2D_Max_Fallback_Float_M1"},
+      {10, "Upsampling2D_Fallback_CHW_Float_M1"},
       {11, "Elementwise_Fallback_Float_M1"},
       {12, "Concatenate_C_Fallback_CnHWn_M1"},
-      {17, "FullConnection_Fallback_C_Float_M1"}};
+      {13, "Reshape_Fallback_To_C_M1"},
+      {14, "Transform_MainMemory_Permute_Fallback"},
+      {17, "FullConnection_Fallback_C_Float_M1"},
+      {21, "Pixelshuffle_Fallback_CHW_Float_M1"},
+      {36, "LSTM_Fallback_SC_F32_M1"}};
   TLModel1Writer file(version);
   auto input = OldLayer<QZLayerInfo_Input>(0, 1, {});
   input.output_shapes = {OldShape(1, 1, 1)};
@@ -220,6 +226,67 @@ TEST(TLModel1Net, RunsLayersOfSeveralInputs) {
   want.clear();
   for (int i = 0; i < 3; ++i) want.insert(want.end(), input.values.begin(), input.values.end());
   ExpectSameBits(want, Result(joined, 10001, input));
+}
+
+TEST(TLModel1Net, RunsLayersThatMoveElements) {
+  Planes const input = Sample(8, 2, 3);
+  Planes doubled = Zeros(8, 4, 6), shuffled = Zeros(2, 4, 6), turned = Zeros(2, 3, 8);
+  for (std::size_t c = 0; c < 8; ++c)
+    for (std::size_t y = 0; y < 4; ++y)
+      for (std::size_t x = 0; x < 6; ++x) {
+        doubled.At(c, y, x) = input.At(c, y / 2, x / 2);
+        if (c < 2) shuffled.At(c, y, x) = input.At(c * 4 + y % 2 * 2 + x % 2, y / 2, x / 2);
+        if (y < 2 && x < 3) turned.At(y, x, c) = input.At(c, y, x);
+      }
+  auto upsampling = OldPlanes<QZLayerInfo_Upsampling>(14, input, 8);
+  upsampling.scale_factor = half_float::half(2.0f);
+  ExpectSameBits(doubled.values, Result(upsampling, 10001, input));
+  auto shuffle = OldPlanes<QZLayerInfo_PixelShuffle>(4, input, 2);
+  shuffle.upscale_factor = half_float::half(2.0f);
+  ExpectSameBits(shuffled.values, Result(shuffle, 10001, input));
+  auto transpose = OldLayer<QZLayerInfo_TensorTranspose>(19, 2, {1});
+  transpose.output_tensor = OldTensor({1, 2, 3, 8});
+  transpose.axes = {0, 2, 3, 1};
+  ExpectSameBits(turned.values, Result(transpose, 10008, input));
+  auto reshape = OldLayer<QZLayerInfo_TensorReshape>(18, 2, {1});
+  reshape.output_tensor = OldTensor({1, 48});
+  ExpectSameBits(input.values, Result(reshape, 10008, input));
+}
+
+// Two layers, gates in the order input, forget, cell, output; rows of weights are gate times size plus unit.
+TEST(TLModel1Net, RunsStackedLSTMs) {
+  constexpr std::size_t kSize = 3, kSteps = 4;
+  auto layer = OldLayer<QZLayerInfo_LSTM>(22, 2, {1});
+  layer.in_size = layer.hidden_size = kSize;
+  layer.num_layers = 2;
+  layer.if_bias = 1;
+  for (std::uint32_t l = 0; l < 2; ++l)
+    layer.forward.push_back(
+        {HalfFloats(l, 36), HalfFloats(l + 10, 36), HalfFloats(l + 20, 12), HalfFloats(l + 30, 12)});
+  std::vector<float> const input = Floats(5, kSteps * kSize);
+  std::vector<float> got = Result(layer, 10008, {kSteps, kSize}, TensorShape::SC, input);
+  ASSERT_EQ(got.size(), input.size());
+  double hidden[2][kSize] = {}, cell[2][kSize] = {};
+  auto const sigmoid = [](double x) { return 1.0 / (1.0 + std::exp(-x)); };
+  for (std::size_t t = 0; t < kSteps; ++t) {
+    double x[kSize];
+    std::copy_n(input.begin() + static_cast<std::ptrdiff_t>(t * kSize), kSize, x);
+    for (std::size_t l = 0; l < 2; ++l) {
+      QZLSTMWeights const& weights = layer.forward[l];
+      double gates[4 * kSize];
+      for (std::size_t g = 0; g < 4 * kSize; ++g) {
+        gates[g] = weights.bias_ih[g] + weights.bias_hh[g];
+        for (std::size_t i = 0; i < kSize; ++i)
+          gates[g] += weights.weight_ih[g * kSize + i] * x[i] + weights.weight_hh[g * kSize + i] * hidden[l][i];
+      }
+      for (std::size_t u = 0; u < kSize; ++u) {
+        cell[l][u] = sigmoid(gates[kSize + u]) * cell[l][u] + sigmoid(gates[u]) * std::tanh(gates[2 * kSize + u]);
+        hidden[l][u] = sigmoid(gates[3 * kSize + u]) * std::tanh(cell[l][u]);
+      }
+      std::copy_n(hidden[l], kSize, x);
+    }
+    for (std::size_t u = 0; u < kSize; ++u) EXPECT_NEAR(got[t * kSize + u], hidden[1][u], 1e-5);
+  }
 }
 
 TEST(TLModel1Net, RunsDenseLayers) {
