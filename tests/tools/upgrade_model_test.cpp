@@ -1,0 +1,251 @@
+// upgrade_model as a user runs it, and its packages as an application opens them.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <memory>
+
+#include "talvo/entry/load_model.h"
+#include "talvo/entry/register_operators.h"
+#include "tests/support/bits.h"
+#include "tests/support/guarded_context.h"
+#include "tests/support/tlmodel1_writer.h"
+
+namespace talvo::test {
+namespace {
+
+using half_float::half;
+using namespace runtime;
+using namespace talvo1;
+
+struct Outcome {
+  int status;
+  std::string text;  // both streams
+};
+
+Outcome Upgrade(std::string const& arguments) {
+  std::string const command = std::string(TALVO_UPGRADE_MODEL) + " " + arguments + " 2>&1";
+  std::FILE* const pipe = popen(command.c_str(), "r");
+  Outcome outcome{-1, ""};
+  for (int c = std::fgetc(pipe); c != EOF; c = std::fgetc(pipe)) outcome.text += static_cast<char>(c);
+  outcome.status = WEXITSTATUS(pclose(pipe));
+  return outcome;
+}
+
+std::string Saved(std::string const& name, std::string const& bytes) {
+  std::string const path = testing::TempDir() + "upgrade_model_" + name;
+  std::ofstream(path, std::ios::binary) << bytes;
+  return path;
+}
+
+// A file of version 10011 with an input of four channels, layer 1.
+TLModel1Writer OldFile() {
+  TLModel1Writer file(10011);
+  auto input = OldLayer<QZLayerInfo_Input>(0, 1, {});
+  input.output_shapes = {OldShape(4, 6, 6)};
+  file.Add(input);
+  return file;
+}
+
+template <class Layer>
+Layer OldPlanes(unsigned short type, unsigned short id, unsigned short input, unsigned short in, unsigned short out) {
+  Layer layer = OldLayer<Layer>(type, id, {input});
+  layer.input_shapes = {OldShape(in, 6, 6)};
+  layer.output_shapes = {OldShape(out, 6, 6)};
+  return layer;
+}
+
+template <class Layer>
+void FillConvolution(Layer& layer, std::size_t weights) {
+  layer.kernel_x = layer.kernel_y = layer.stride_x = layer.stride_y = 1;
+  layer.weights = HalfFloats(layer.id, weights);
+  layer.bias = HalfFloats(layer.id + 50u, layer.output_shapes[0].channels);
+}
+
+QZLayerInfo_BatchNormalization Normalisation(unsigned short id, unsigned short input, unsigned short channels) {
+  auto layer = OldPlanes<QZLayerInfo_BatchNormalization>(7, id, input, channels, channels);
+  layer.scale = HalfFloats(id, channels);
+  layer.shift = HalfFloats(id + 50u, channels);
+  layer.mean = HalfFloats(id + 60u, channels);
+  for (unsigned short c = 0; c < channels; ++c) layer.variance.push_back(0.25f + static_cast<float>(c));
+  return layer;
+}
+
+float Normalised(QZLayerInfo_BatchNormalization const& layer, std::size_t channel, float value) {
+  return layer.scale[channel] * (value - layer.mean[channel]) / std::sqrt(layer.variance[channel] + 0.00001f) +
+         layer.shift[channel];
+}
+
+// Opens the package with the default sdk and runs its only model on a picture of one point.
+std::vector<float> RunPackage(std::string const& path, std::string const& id, std::vector<float> const& input) {
+  auto context = GuardedContext();
+  ClassRegistry<std::shared_ptr<IKernel>> kernels;
+  ClassRegistry<std::shared_ptr<InferenceParam>> params;
+  utility::init_register_operators(kernels, params);
+  std::map<std::string, std::shared_ptr<utility::_NetworkPackage>> packages;
+  EXPECT_EQ(utility::load_model(path, packages, context, kernels, params, "x86", 1, 0), 0);
+  TLNModel file;
+  file.FromFile(path.c_str(), "bin");
+  auto package = packages.at(id);
+  for (char const* const backend : {"arm", "x86"})
+    utility::Load_Single_Net(package, file.model_arr->models.at(id), file.config_arr->configs.at(id), backend);
+  auto const channels = static_cast<unsigned int>(input.size());
+  package->inputs[0] = FloatTensor(*context, {channels, 1, 1}, TensorShape::CHW, input);
+  auto const outputs = package->net->Forward(package->inputs, package->output_ids, context, nullptr, nullptr);
+  return Values(*outputs.at(package->output_ids.at(0)).at(0));
+}
+
+// A grouped convolution and a transposed one, each with its normalisation, and a leaky activation.
+TEST(UpgradeModel, FoldsNormalisationsIntoTheirConvolutions) {
+  TLModel1Writer file = OldFile();
+  auto direct = OldPlanes<QZLayerInfo_Conv2D>(1, 2, 1, 4, 6);
+  direct.groups = 2;
+  direct.if_bias = 1;
+  FillConvolution(direct, 6 * 2);
+  auto const first = Normalisation(3, 2, 6), second = Normalisation(6, 5, 3);
+  auto leaky = OldPlanes<QZLayerInfo_Activation>(8, 4, 3, 6, 6);
+  leaky.kind = 6;
+  leaky.alpha = half(0.25f);
+  auto transposed = OldPlanes<QZLayerInfo_Conv2DTranspose>(2, 5, 4, 6, 3);
+  FillConvolution(transposed, 6 * 3);
+  for (QZLayerInfo const* const layer :
+       {static_cast<QZLayerInfo const*>(&direct), static_cast<QZLayerInfo const*>(&first),
+        static_cast<QZLayerInfo const*>(&leaky), static_cast<QZLayerInfo const*>(&transposed),
+        static_cast<QZLayerInfo const*>(&second)})
+    file.Add(*layer);
+  std::string const in = Saved("fold.old", file.bytes), out = testing::TempDir() + "upgrade_model_fold.tlnmodel";
+  Outcome const outcome = Upgrade(in + " " + out + " --default-config --model-id net");
+  EXPECT_EQ(outcome.status, 0) << outcome.text;
+  for (char const* const text :
+       {"layer-2       Conv2D                    with its batch normalisation layer-3: layer-3 Conv2dInfo Conv2D_Knxm",
+        "layer-3       BatchNormalization        folded into the convolution layer-2", "Leaky_Fallback_Float_M1",
+        "6 layers became 4"})
+    EXPECT_NE(outcome.text.find(text), std::string::npos) << outcome.text;
+
+  std::vector<float> const input = Floats(9, 4);
+  std::vector<float> middle(6), want(3);
+  for (std::size_t o = 0; o < 6; ++o) {
+    for (std::size_t i = 0; i < 2; ++i) middle[o] += direct.weights[o * 2 + i] * input[o / 3 * 2 + i];
+    float const value = Normalised(first, o, middle[o] + direct.bias[o]);
+    middle[o] = value < 0 ? 0.25f * value : value;
+  }
+  for (std::size_t o = 0; o < 3; ++o) {
+    for (std::size_t i = 0; i < 6; ++i) want[o] += transposed.weights[o * 6 + i] * middle[i];
+    want[o] = Normalised(second, o, want[o]);  // if_bias is 0
+  }
+  std::vector<float> const got = RunPackage(out, "net", input);
+  ASSERT_EQ(got.size(), want.size());
+  for (std::size_t i = 0; i < 3; ++i) EXPECT_NEAR(got[i], want[i], 0.004f) << "12 roundings to binary16";
+}
+
+TEST(UpgradeModel, TakesTheKernelsOfAConfiguration) {
+  TLModel1Writer file = OldFile();
+  auto convolution = OldPlanes<QZLayerInfo_Conv2D>(1, 2, 1, 4, 2);
+  FillConvolution(convolution, 8);
+  convolution.activation = 2;
+  file.Add(convolution);
+  TLModelCfg config;
+  for (auto const& [id, kernel] : {std::pair{"layer-1", "Input_Fallback_M1"},
+                                   {"layer-2!", "Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1"},
+                                   {"layer-2", "ReLU_Fallback_Float_M1"}}) {
+    config.squential_ids.push_back(id);
+    config.layers[id] = std::make_shared<LayerCfg>();
+    config.layers[id]->kernel->kernel_type = kernel;
+  }
+  std::string const json = testing::TempDir() + "upgrade_model_config.json", in = Saved("config.old", file.bytes);
+  std::string const out = testing::TempDir() + "upgrade_model_config.tlnmodel";
+  config.ToFile(json.c_str(), "json");
+  Outcome const outcome = Upgrade(in + " " + out + " --config " + json);
+  EXPECT_EQ(outcome.status, 0) << outcome.text;
+  EXPECT_NE(outcome.text.find("layer-2! Conv2dInfo Conv2d_K1x1_S1x1_D1x1_G1_SGEMM"), std::string::npos) << outcome.text;
+  std::vector<float> const input = Floats(9, 4);
+  std::vector<float> want(2);
+  for (std::size_t o = 0; o < 2; ++o) {
+    for (std::size_t i = 0; i < 4; ++i) want[o] += convolution.weights[o * 4 + i] * input[i];
+    want[o] = std::max(want[o], 0.0f);
+  }
+  ExpectNearSum(want, RunPackage(out, "upgrade_model_config", input), 4, 4.0f);
+  convolution.id = 3;
+  file.Add(convolution);
+  EXPECT_EQ(Upgrade(Saved("config.old", file.bytes) + " " + out + " --config " + json).text,
+            "upgrade_model: " + json + ": names no kernel for layer-3! (Conv2dInfo)\n");
+}
+
+TEST(UpgradeModel, RefusesWithLayerAndReason) {
+  struct Case {
+    char const* why;
+    std::string bytes, text;
+  };
+  auto const with = [](std::initializer_list<QZLayerInfo const*> layers) {
+    TLModel1Writer file = OldFile();
+    for (QZLayerInfo const* const layer : layers) file.Add(*layer);
+    return file.bytes;
+  };
+  auto sigmoid = OldPlanes<QZLayerInfo_Activation>(8, 2, 1, 4, 4);
+  sigmoid.kind = 1;
+  auto bicubic = OldPlanes<QZLayerInfo_Upsampling>(14, 2, 1, 4, 4);
+  bicubic.mode = 2;
+  auto concatenation = OldLayer<QZLayerInfo_Concatenate>(11, 2, {1, 1});
+  concatenation.output_shapes = {OldShape(4, 6, 6)};
+  concatenation.axis = 1;
+  auto const squeeze = OldLayer<QZLayerInfo_TensorSqueeze>(20, 2, {1});
+  auto shuffle = OldPlanes<QZLayerInfo_ChannelShuffle>(15, 2, 1, 1, 1);
+  shuffle.order = {0};
+  auto convolution = OldPlanes<QZLayerInfo_Conv2D>(1, 2, 1, 4, 2);
+  FillConvolution(convolution, 8);
+  auto activated = convolution;
+  activated.activation = 2;
+  auto const normalisation = Normalisation(3, 2, 2), wide = Normalisation(3, 2, 5), other = Normalisation(4, 2, 2);
+  auto constant = normalisation;
+  constant.variance[1] = -1.0f;
+  TLModel1Writer old(9999);
+  std::vector<Case> const cases = {
+      {"activation", with({&sigmoid}), "layer-2 (ActivationInfo): no kernel is known for activation type 1"},
+      {"bicubic", with({&bicubic}), "layer-2 (Upsample2dInfo): no kernel is known for bicubic upsampling"},
+      {"rows", with({&concatenation}), "layer-2 (ConcatenateInfo): no kernel is known for a concatenation with dim 2"},
+      {"squeeze", with({&squeeze}), "layer-2 (TensorSqueezeInfo): no kernel is known for this class"},
+      {"no counterpart", with({&shuffle}), "layer-2 (ChannelShuffle): Not Implemented."},
+      {"behind an activation", with({&activated, &normalisation}),
+       "layer-3 (BatchNorm2dInfo): no kernel is known for a batch normalisation that is not the only reader of a "
+       "convolution"},
+      {"two readers", with({&convolution, &normalisation, &other}),
+       "layer-3 (BatchNorm2dInfo): no kernel is known for a batch normalisation that is not the only reader of a "
+       "convolution"},
+      {"channels", with({&convolution, &wide}),
+       "layer-3: normalises 5 channels, the convolution in front of it makes 2"},
+      {"variance below 0", with({&convolution, &constant}),
+       "layer-3: the batch normalisation cannot be folded, a result is too large or no number"},
+      {"too old", old.bytes, "version 9999 is older than 10000"},
+      {"cut", with({&sigmoid}).substr(0, 1030),
+       "no first-generation model, or a damaged one: message_end == 0xaaaa does not hold"},
+      {"unknown type", OldFile().bytes + std::string("\x55\x55\x0C\x00", 4),
+       "no first-generation model, or a damaged one: Error, Unsupport Layer Type 12."},
+  };
+  std::string const out = testing::TempDir() + "upgrade_model_refused.tlnmodel";
+  for (Case const& c : cases) {
+    SCOPED_TRACE(c.why);
+    std::string const in = Saved("refused.old", c.bytes);
+    Outcome const outcome = Upgrade(in + " " + out + " --default-config");
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.text, "upgrade_model: " + in + ": " + c.text + "\n");
+    EXPECT_FALSE(std::ifstream(out).is_open());
+  }
+  EXPECT_EQ(Upgrade("no_such_file " + out + " --default-config").status, 1);
+}
+
+TEST(UpgradeModel, TellsHowToCallIt) {
+  for (char const* const arguments :
+       {"", "in.old", "in.old out.tlnmodel", "in.old out.bin --default-config", "in out.tlnmodel --config",
+        "in out.tlnmodel --default-config --config c.json", "in out.tlnmodel --default-config --sdk-version 1",
+        "in out.tlnmodel --default-config --sdk-version 1.65536", "in out.tlnmodel more --default-config",
+        "in out.tlnmodel --unknown"}) {
+    SCOPED_TRACE(arguments);
+    Outcome const outcome = Upgrade(arguments);
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_NE(outcome.text.find("usage: upgrade_model"), std::string::npos);
+  }
+}
+
+}  // namespace
+}  // namespace talvo::test
