@@ -179,7 +179,7 @@ TEST_F(RunPackageTest, ReportsBadInputInOneLine) {
                                          {"p.json --input picture=cut.npy", "shape [3, 8, 8] needs 768"},
                                          {"p.json --input picture=double.npy", "double.npy: holds '<f8'"},
                                          {"p.json --input picture=huge.npy", "huge.npy: its shape [4000000000"},
-                                         {"p.json --input picture=rank.npy", "of layer conv: "},
+                                         {"p.json --input picture=rank.npy", "layer conv: Conv2D_"},
                                          {"p.json --input picture=channels.npy", "of layer conv: "}}) {
     ExpectError(c.words, c.named);
   }
