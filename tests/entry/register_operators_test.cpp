@@ -126,9 +126,13 @@ Record RecordFor(std::string const& name) {
       {"Expand_", [] { return Make<TensorExpandInfo>([](auto& r) {
                          r.new_shape = {1, 4, 4, 4};
                        }); }},
-      {"TensorArithmetic_", [] { return Make<TensorArithmeticInfo>([](auto& r) {
-                                   r.dim = {2, 3};
-                                 }); }},
+      {"TensorArithmetic_",
+       [] {
+         return Make<TensorArithmeticInfo>([](auto& r) {
+           r.dim = {2, 3};
+           r.arith_type = 1;
+         });
+       }},
       {"UnSqueeze_", [] { return Make<TensorUnSqueezeInfo>([](auto& r) { r.dim = 1; }); }},
       {"Slice_", [] { return Make<TensorSliceInfo>([](auto& r) { r.slice_dims = {0, 2, 1, 0, 2, 1, 0, 2, 1}; }); }},
       {"Softmax_", [] { return Make<SoftmaxInfo>([](auto& r) { r.dim = 1; }); }},

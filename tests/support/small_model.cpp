@@ -5,6 +5,7 @@
 #include "talvo/serialization/layer_info_activation.h"
 #include "talvo/serialization/layer_info_conv.h"
 #include "talvo/serialization/layer_info_plane.h"
+#include "talvo/serialization/layer_info_rnn.h"
 #include "talvo/serialization/layer_info_tensor.h"
 #include "tests/support/bits.h"
 
@@ -39,6 +40,26 @@ void FillPooling(Info& info, unsigned short size, unsigned short stride, short p
   info.padding_l = info.padding_t = info.padding_r = info.padding_b = padding;
 }
 
+// Resampling and a recurrent layer over "both" {8, 4, 4} and "wide" {2, 8, 8}.
+void AddFurtherBranches(ModelBuilder& net) {
+  net.Add<PixelShuffleInfo>("shuffled", {"both"}, "Pixelshuffle_Fallback_CHW_Float_M1").upscale_factor = 2.0f;
+  auto& up = net.Add<Upsample2dInfo>("up", {"both"}, "Upsampling2D_Fallback_CHW_Float_M1");
+  up.scale_factor_x = up.scale_factor_y = 2.0f;
+  up.unsample_type = 1;
+  net.Add<ConcatenateInfo>("stack", {"shuffled", "up"}, "Concatenate_MainMemory_Fallback");
+  net.Add<GridSampleInfo>("sampled", {"stack", "wide"}, "GridSample_Fallback_CHW_Float_M1").mode = 1;
+  net.Add<TensorTransposeInfo>("turned", {"both"}, "Transform_MainMemory_Permute_Fallback").axes = {0, 2, 3, 1};
+  net.Add<TensorReshapeInfo>("steps", {"turned"}, "Transform_MainMemory_Reshape_Fallback").new_shape = {1, 4, 32};
+  auto& gru = net.Add<GRUInfo>("sequence", {"steps"}, "GRU_Fallback_SC_F32_M1");
+  gru.in_size = 32;
+  gru.hidden_size = 4;
+  gru.num_layers = 1;
+  gru.if_bias = true;
+  gru.weight_ih_forward = {HalfWeights(11, 384)};
+  gru.weight_hh_forward = {HalfWeights(12, 48)};
+  gru.bias_ih_forward = gru.bias_hh_forward = {HalfWeights(13, 12)};
+}
+
 }  // namespace
 
 ModelBuilder SmallModel() {
@@ -70,7 +91,8 @@ ModelBuilder SmallModel() {
   dense.weight = HalfWeights(7, 40);
   dense.bias = HalfWeights(8, 5);
   net.Add<SoftmaxInfo>("classes", {"dense"}, "Softmax_Fallback_Float_M1").dim = 1;
-  net.model->squential_output_ids = {"classes", "plane"};
+  AddFurtherBranches(net);
+  net.model->squential_output_ids = {"classes", "plane", "sequence", "sampled"};
   return net;
 }
 
