@@ -58,6 +58,7 @@ int Run(std::string const& path) {
   outputs.clear();
   package->inputs.clear();
   packages.clear();
+  context.reset();
   return 0;
 }
 

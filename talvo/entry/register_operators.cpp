@@ -105,14 +105,24 @@ void RegisterAll(Entry<Base> const (&entries)[kCount], runtime::ClassRegistry<st
   for (auto const& entry : entries) registry.Register(entry.name, entry.make, false);
 }
 
+using KernelRegistry = runtime::ClassRegistry<std::shared_ptr<runtime::IKernel>>;
+
+void RegisterCommonOperators(KernelRegistry& kernels) { RegisterAll(kCommonOperators, kernels); }
+void RegisterFallbackOperators(KernelRegistry& kernels) { RegisterAll(kFallbackOperators, kernels); }
+void RegisterSGEMMOperators(KernelRegistry& kernels) { RegisterAll(kSGEMMOperators, kernels); }
+
+void RegisterInferenceParams(runtime::ClassRegistry<std::shared_ptr<runtime::InferenceParam>>& params) {
+  RegisterAll(kInferenceParams, params);
+}
+
 }  // namespace
 
 void init_register_operators(runtime::ClassRegistry<std::shared_ptr<runtime::IKernel>>& kernels,
                              runtime::ClassRegistry<std::shared_ptr<runtime::InferenceParam>>& params) {
-  RegisterAll(kCommonOperators, kernels);
-  RegisterAll(kFallbackOperators, kernels);
-  RegisterAll(kSGEMMOperators, kernels);
-  RegisterAll(kInferenceParams, params);
+  RegisterCommonOperators(kernels);
+  RegisterFallbackOperators(kernels);
+  RegisterSGEMMOperators(kernels);
+  RegisterInferenceParams(params);
 }
 
 }  // namespace talvo::utility

@@ -186,7 +186,8 @@ class Builder {
     for (std::size_t position = 0; position < info.input_ids.size(); ++position) {
       unsigned int const producer = index_of_[info.input_ids[position]];  // an id that no layer has enters as layer 0
       if (producer >= index) {
-        Assert(false, "layer %s: its input %zu is layer %s, which does not stand before it", info.id.c_str(), position,
+        Assert(false, "layer %s (%s): its input %zu is layer %s, which does not stand before it", info.id.c_str(),
+               layer.kernel != nullptr ? layer.kernel->GetName().c_str() : "no kernel", position,
                info.input_ids[position].c_str());
       }
       layer.input_refs.emplace_back(producer, 0u);

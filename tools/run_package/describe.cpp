@@ -102,7 +102,7 @@ void DescribeBackends(TLModelInfo const& model, TLModelMultiBackendCfgs const& c
 void Describe(TLNModel const& package, std::ostream& out) {
   out << "sdk type \"" << package.sdk_type << "\", needs core " << package.core_major_ver << "."
       << package.core_minor_ver << " and sdk " << package.sdk_major_ver << "." << package.sdk_minor_ver << "; "
-      << package.model_arr->squential_ids.size() << " models\n";
+      << "models: " << package.model_arr->squential_ids.size() << "\n";
   for (std::string const& id : package.model_arr->squential_ids) {
     TLModelInfo const& model = *package.model_arr->models.at(id);
     out << "model \"" << id << "\", version " << model.extra_info.version << ", outputs "

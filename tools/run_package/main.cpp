@@ -1,8 +1,11 @@
 // Runs a model package as an application would: reads it, builds the net for a back end, feeds .npy files, writes the
 // outputs.
+#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <iostream>
+#include <stdexcept>
+#include <string>
 
 #include "tools/run_package/describe.h"
 #include "tools/run_package/report.h"
@@ -22,23 +25,43 @@ void RunAll(run_package::Arguments const& arguments, run_package::Session& sessi
   }
 }
 
+// Ids and paths may hold line breaks; a report of an error is one line.
+std::string OneLine(std::string text) {
+  std::replace_if(
+      text.begin(), text.end(), [](char c) { return c == '\n' || c == '\r'; }, ' ');
+  return text;
+}
+
+void Describe(std::string const& path, run_package::Session const& session) {
+  try {
+    run_package::Describe(session.File(), std::cout);
+  } catch (std::exception const& error) {
+    throw std::runtime_error(path + ": " + error.what());
+  }
+}
+
+void Run(run_package::Arguments const& arguments) {
+  run_package::Session session(arguments);
+  if (arguments.list) {
+    Describe(arguments.package, session);
+  } else {
+    RunAll(arguments, session);
+  }
+  if (!std::cout.flush()) throw std::runtime_error("standard output cannot be written");
+  for (std::string const& warning : run_package::Session::Warnings()) std::fprintf(stderr, "%s\n", warning.c_str());
+}
+
 }  // namespace
 
 int main(int count, char** words) {
   try {
-    auto const arguments = run_package::ParseArguments(count, words);
-    run_package::Session session(arguments);
-    if (arguments.list) {
-      run_package::Describe(session.File(), std::cout);
-    } else {
-      RunAll(arguments, session);
-    }
+    Run(run_package::ParseArguments(count, words));
     return 0;
   } catch (run_package::UsageError const& error) {
     std::fprintf(stderr, "run_package: %s\n%s\n", error.what(), run_package::kUsage);
     return 2;
   } catch (std::exception const& error) {
-    std::fprintf(stderr, "run_package: %s\n", error.what());
+    std::fprintf(stderr, "run_package: %s\n", OneLine(error.what()).c_str());
     return 1;
   }
 }

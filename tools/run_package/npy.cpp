@@ -86,6 +86,15 @@ unsigned int DataTypeOf(std::string const& path, std::string_view descr) {
          "holds " + std::string(descr.substr(0, descr.find(','))) + "; float32 ('<f4') and uint8 ('|u1') are read");
 }
 
+// Bytes of the data, as a tensor counts them.
+std::size_t BytesOf(std::string const& path, TensorShape const& shape) {
+  try {
+    return talvo::runtime::ByteCount(shape);
+  } catch (std::runtime_error const&) {
+    Refuse(path, "its shape " + DimsText(shape.dims) + " needs more bytes than a tensor can have");
+  }
+}
+
 }  // namespace
 
 std::shared_ptr<talvo::runtime::TensorCPU> ReadNpy(std::string const& path, std::string const& layout,
@@ -99,7 +108,7 @@ std::shared_ptr<talvo::runtime::TensorCPU> ReadNpy(std::string const& path, std:
   unsigned int const axes = layout.empty() ? RankLayout(dims.size()) : LayoutNumber(layout).value();
   TensorShape const shape(dims, DataTypeOf(path, ValueOf(path, header, "descr")), axes, TensorShape::MainMemory,
                           TensorShape::Extra());
-  std::size_t const bytes = talvo::runtime::ByteCount(shape), left = file.size() - start - length;
+  std::size_t const bytes = BytesOf(path, shape), left = file.size() - start - length;
   if (bytes != left) {
     Refuse(path, "holds " + std::to_string(left) + " bytes of data, its shape " + DimsText(dims) + " needs " +
                      std::to_string(bytes));

@@ -19,16 +19,17 @@ using talvo::utility::get_time_in_ms;
 
 constexpr unsigned int kAlignment = 64;
 
-std::string last_error;  // what the library reported last on its error level
+std::string last_error;             // what the library reported last on its error level
+std::vector<std::string> warnings;  // and what it warned of
 
-// Warnings go to standard error as they come; an error is reported once, by whoever ends the program.
+// Nothing is printed here: an error is reported once, by whoever ends the program.
 int Report(char const* line) {
   std::string text(line);
   text.erase(text.find_last_not_of('\n') + 1);
-  if (text.find("] (Warnning): ") != std::string::npos) {
-    std::fprintf(stderr, "%s\n", text.c_str());
-  } else {
+  if (text.find("] (Warnning): ") == std::string::npos) {
     last_error = text.substr(std::min(text.find("]: ") + 3, text.size()));
+  } else if (std::find(warnings.begin(), warnings.end(), text) == warnings.end()) {
+    warnings.push_back(text);
   }
   return 0;
 }
@@ -118,10 +119,12 @@ void Session::BuildNet() {
 // Names the first layer whose kernel refuses its record: the library's exception does not say.
 std::string Session::RefusedKernel(TLModelMultiBackendCfgs const& configs) const {
   for (auto const& config : Candidates(configs, backend_)) {
-    if (config->layers.empty()) continue;
     for (std::string const& id : model_->squential_ids) {
-      KernelCfg const& kernel = *config->layers.at(id)->kernel;
-      if (!kernels_.Create(kernel.kernel_type)->Config(model_->layers.at(id), kernel.infer_param, context_)) {
+      auto const layer = config->layers.find(id);
+      if (layer == config->layers.end()) break;
+      KernelCfg const& kernel = *layer->second->kernel;
+      auto const made = kernels_.Create(kernel.kernel_type);
+      if (made != nullptr && !made->Config(model_->layers.at(id), kernel.infer_param, context_)) {
         return "layer " + id + " (" + model_->layers.at(id)->GetClassTypeName() + "): its kernel " +
                kernel.kernel_type + " refuses the layer's record";
       }
@@ -146,10 +149,17 @@ unsigned int Session::IndexOf(std::string const& layer) const {
   return static_cast<unsigned int>(found - ids.begin());
 }
 
-std::string Session::LayerText(unsigned int layer) const {
-  auto const& kernel = package_->net->layers[layer]->kernel;
-  return "layer " + model_->squential_ids[layer] + " (" + (kernel != nullptr ? kernel->GetName() : "no kernel") + ")";
+// `refusal` is what the library said while this layer ran; the result names layer and kernel.
+std::string Session::LayerRefusal(unsigned int layer, std::string const& refusal) const {
+  if (layer >= package_->net->layers.size()) return refusal;
+  std::string const id = "layer " + model_->squential_ids[layer], kernel = KernelName(layer);
+  if (refusal.empty()) return id + " (" + kernel + "): refuses its inputs";
+  bool const names_kernel = refusal.find(kernel) != std::string::npos;
+  if (names_kernel && refusal.find(id + ":") != std::string::npos) return refusal;
+  return id + (names_kernel ? ": " : " (" + kernel + "): ") + refusal;
 }
+
+std::vector<std::string> const& Session::Warnings() { return warnings; }
 
 std::string Session::KernelName(unsigned int layer) const { return package_->net->layers[layer]->kernel->GetName(); }
 
@@ -159,8 +169,10 @@ void Session::FillInputs(std::vector<InputFile> const& inputs) {
     if (package_->net->layers[index]->type != "Input") Refuse("layer \"" + input.layer + "\" is no input of the model");
     package_->inputs[index] = ReadNpy(input.path, input.layout, *context_->device_cpu);
   }
+  auto const& requested = OutputIndices();
   for (auto const& [id, index] : package_->net->input_ids) {
-    if (package_->inputs[index] == nullptr)
+    bool const runs = std::any_of(requested.begin(), requested.end(), [i = index](unsigned int o) { return o >= i; });
+    if (runs && package_->inputs[index] == nullptr)
       Refuse("input layer \"" + id + "\" has no tensor; give one with --input " + id + "=FILE.npy");
   }
 }
@@ -171,8 +183,7 @@ void Session::RunOnce(std::vector<unsigned int> const& output_ids, RunResult& re
     result.outputs = package_->net->Forward(package_->inputs, output_ids, package_->context, &times, nullptr);
   } catch (std::exception const& refusal) {
     // The layers that ran have a time each; the next one is the one that refused.
-    auto const failed = static_cast<unsigned int>(times.size());
-    Refuse((failed < package_->net->layers.size() ? LayerText(failed) + ": " : "") + Message(refusal));
+    Refuse(LayerRefusal(static_cast<unsigned int>(times.size()), Message(refusal)));
   }
   result.layer_times_ms.push_back(std::move(times));
 }

@@ -34,6 +34,8 @@ class Session {
   /// The layers whose tensors a run hands back.
   std::vector<unsigned int> const& OutputIndices() const { return package_->output_ids; }
   std::string KernelName(unsigned int layer) const;
+  /// What the library warned of, each line once.
+  static std::vector<std::string> const& Warnings();
 
  private:
   void ReadFile();
@@ -42,7 +44,7 @@ class Session {
   std::string RefusedKernel(talvo::runtime::TLModelMultiBackendCfgs const& configs) const;
   void RequestOutputs(std::vector<std::string> const& ids);
   unsigned int IndexOf(std::string const& layer) const;
-  std::string LayerText(unsigned int layer) const;
+  std::string LayerRefusal(unsigned int layer, std::string const& refusal) const;
   void FillInputs(std::vector<InputFile> const& inputs);
   void RunOnce(std::vector<unsigned int> const& output_ids, RunResult& result);
 

@@ -1,0 +1,274 @@
+// Whole nets of published shapes with random weights, built from records, with portable kernels alone and with the
+// matrix product where it fits; and the construction of a net. Operations are the multiplications and additions of
+// convolutions and full connections.
+#include <benchmark/benchmark.h>
+
+#include <cmath>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "bench/blas_in_use.h"
+#include "talvo/entry/create_context.h"
+#include "talvo/entry/register_operators.h"
+#include "talvo/runtime/create_net.h"
+#include "talvo/runtime/device_cpu.h"
+#include "talvo/runtime/tensor_cpu.h"
+#include "talvo/serialization/layer_info_activation.h"
+#include "talvo/serialization/layer_info_conv.h"
+#include "talvo/serialization/layer_info_plane.h"
+#include "talvo/serialization/layer_info_tensor.h"
+#include "talvo/utility/base64.h"
+#include "tests/support/model_builder.h"
+
+namespace talvo::bench {
+namespace {
+
+using namespace talvo::runtime;
+using Short = unsigned short;
+
+// Layers one after the other on square planes; `last` is the id of the newest, `channels` and `extent` its shape.
+class NetBuilder {
+ public:
+  NetBuilder(Short input_channels, Short input_extent, bool with_sgemm)
+      : channels(input_channels), extent(input_extent), with_sgemm_(with_sgemm) {
+    builder_.AddInput("input");
+  }
+
+  void Convolve(Short out, Short kernel, Short stride = 1, Short groups = 1) {
+    bool const pointwise = kernel == 1 && stride == 1 && groups == 1;
+    auto& info = Add<Conv2dInfo>({last}, pointwise && with_sgemm_ ? "Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1"
+                                                                  : "Conv2D_Knxm_Snxm_Dnxm_Gn_Fallback_CHW_Float_M1");
+    info.padding_l = info.padding_t = info.padding_r = info.padding_b = static_cast<Short>(kernel / 2);
+    extent = static_cast<Short>((extent + 2 * (kernel / 2) - kernel) / stride + 1);
+    Fill(info, out, kernel, stride, groups, std::size_t{extent} * extent);
+  }
+
+  // Doubles the extents.
+  void ConvolveTransposed(Short out) {
+    auto& info = Add<ConvTranspose2dInfo>({last}, "ConvTranspose2D_Knxm_Snxm_Dnxm_Gn_Fallback_CHW_Float_M1");
+    info.padding_l = info.padding_t = 1;
+    Fill(info, out, 2, 2, 1, std::size_t{extent} * extent);
+    extent = static_cast<Short>(2 * extent);
+  }
+
+  void Activate(char const* kernel) { Add<ActivationInfo>({last}, kernel); }
+
+  void PoolByMaximum(Short kernel, Short stride, short padding) {
+    auto& info = Add<MaxPool2dInfo>({last}, "Pooling2D_Max_Fallback_Float_M1");
+    info.kernel_x = info.kernel_y = kernel;
+    info.stride_x = info.stride_y = stride;
+    info.dilation_x = info.dilation_y = 1;
+    info.padding_l = info.padding_t = info.padding_r = info.padding_b = padding;
+    extent = static_cast<Short>((extent + 2 * padding - kernel) / stride + 1);
+  }
+
+  void AddElements(std::string const& other) {
+    Add<ElementWiseOperatorInfo>({last, other}, "Elementwise_Fallback_Float_M1");
+  }
+
+  void Concatenate(std::string const& other, Short other_channels) {
+    Add<ConcatenateInfo>({last, other}, "Concatenate_MainMemory_Fallback");
+    channels = static_cast<Short>(channels + other_channels);
+  }
+
+  void Classify(Short classes) {
+    auto& mean = Add<TensorArithmeticInfo>({last}, "TensorArithmetic_Fallback_M1");
+    mean.dim = {2, 3};
+    mean.arith_type = 1;
+    Fully(classes);
+    Add<SoftmaxInfo>({last}, "Softmax_Fallback_Float_M1").dim = 1;
+  }
+
+  std::shared_ptr<Net> Build(std::shared_ptr<Context> const& context) const {
+    ClassRegistry<std::shared_ptr<IKernel>> kernels;
+    ClassRegistry<std::shared_ptr<InferenceParam>> params;
+    utility::init_register_operators(kernels, params);
+    return CreateNet(builder_.model, builder_.config, kernels, context);
+  }
+
+  std::string last = "input";
+  Short channels, extent;
+  std::int64_t operations = 0;
+
+ private:
+  template <class Info>
+  Info& Add(std::vector<std::string> const& inputs, char const* kernel) {
+    last = std::to_string(builder_.model->squential_ids.size());
+    return builder_.Add<Info>(last, inputs, kernel);
+  }
+
+  // Seeded, of a spread that keeps the size of the activations.
+  std::string Weights(std::size_t count, std::size_t products) {
+    float const spread = std::sqrt(6.0f / static_cast<float>(products));
+    std::vector<float> values(count);
+    for (float& value : values) {
+      state_ = state_ * 1664525u + 1013904223u;
+      value = (static_cast<float>(state_ >> 8) * 0x1p-23f - 1.0f) * spread;
+    }
+    return Base64Encode(reinterpret_cast<unsigned char const*>(values.data()), count * sizeof(float));
+  }
+
+  // `positions`: how often each weight is used.
+  template <class Info>
+  void Fill(Info& info, Short out, Short kernel, Short stride, Short groups, std::size_t positions) {
+    std::size_t const products = std::size_t{channels} / groups * kernel * kernel;
+    info.in_channels = channels;
+    info.out_channels = out;
+    info.kernel_x = info.kernel_y = kernel;
+    info.stride_x = info.stride_y = stride;
+    info.dilation_x = info.dilation_y = 1;
+    info.groups = groups;
+    info.weight = Weights(out * products, products);
+    operations += static_cast<std::int64_t>(2 * out * products * positions);
+    channels = out;
+  }
+
+  void Fully(Short out) {
+    auto& info = Add<FullConnectionInfo>(
+        {last}, with_sgemm_ ? "FullConnection_SGEMM_C_Float_M1" : "FullConnection_Fallback_C_Float_M1");
+    info.in_features = channels;
+    info.out_features = out;
+    info.weight = Weights(std::size_t{channels} * out, channels);
+    operations += std::int64_t{2} * channels * out;
+    channels = out;
+  }
+
+  bool const with_sgemm_;
+  test::ModelBuilder builder_;
+  std::uint32_t state_ = 1;
+};
+
+// Depthwise and pointwise convolutions in turn, 3 x 224 x 224.
+NetBuilder MobileLike(bool with_sgemm) {
+  constexpr char kActivation[] = "ReLU6_Fallback_Float_M1";
+  struct Block {
+    Short out, stride;
+  };
+  NetBuilder net(3, 224, with_sgemm);
+  net.Convolve(32, 3, 2);
+  net.Activate(kActivation);
+  for (Block const& block : {Block{64, 1},
+                             {128, 2},
+                             {128, 1},
+                             {256, 2},
+                             {256, 1},
+                             {512, 2},
+                             {512, 1},
+                             {512, 1},
+                             {512, 1},
+                             {512, 1},
+                             {512, 1},
+                             {1024, 2},
+                             {1024, 1}}) {
+    net.Convolve(net.channels, 3, block.stride, net.channels);
+    net.Activate(kActivation);
+    net.Convolve(block.out, 1);
+    net.Activate(kActivation);
+  }
+  net.Classify(1000);
+  return net;
+}
+
+// Eighteen weighted layers with sums around each pair, 3 x 224 x 224.
+NetBuilder ResidualLike(bool with_sgemm) {
+  constexpr char kActivation[] = "ReLU_Fallback_Float_M1";
+  NetBuilder net(3, 224, with_sgemm);
+  net.Convolve(64, 7, 2);
+  net.Activate(kActivation);
+  net.PoolByMaximum(3, 2, 1);
+  for (int block = 0; block < 8; ++block) {
+    auto const out = static_cast<Short>(64 << (block / 2));
+    auto const stride = static_cast<Short>(out == net.channels ? 1 : 2);
+    NetBuilder const before = net;
+    net.Convolve(out, 3, stride);
+    net.Activate(kActivation);
+    net.Convolve(out, 3);
+    std::string const main_branch = net.last;
+    net.last = before.last;
+    if (stride != 1) {
+      net.channels = before.channels;
+      net.extent = before.extent;
+      net.Convolve(out, 1, stride);
+    }
+    net.AddElements(main_branch);
+    net.Activate(kActivation);
+  }
+  net.Classify(1000);
+  return net;
+}
+
+// Down three times and up again, with the planes of the way down joined on the way up, 3 x 128 x 128.
+NetBuilder ULike(bool with_sgemm) {
+  constexpr char kActivation[] = "ReLU_Fallback_Float_M1";
+  NetBuilder net(3, 128, with_sgemm);
+  auto const two_convolutions = [&](Short out) {
+    for (int i = 0; i < 2; ++i) {
+      net.Convolve(out, 3);
+      net.Activate(kActivation);
+    }
+  };
+  std::vector<std::string> skips;
+  for (Short const out : {Short{32}, Short{64}, Short{128}}) {
+    two_convolutions(out);
+    skips.push_back(net.last);
+    net.PoolByMaximum(2, 2, 0);
+  }
+  two_convolutions(256);
+  for (Short const out : {Short{128}, Short{64}, Short{32}}) {
+    net.ConvolveTransposed(out);
+    net.Concatenate(skips.back(), out);
+    skips.pop_back();
+    two_convolutions(out);
+  }
+  net.Convolve(2, 1);
+  return net;
+}
+
+void RunNet(benchmark::State& state, NetBuilder (*make)(bool)) {
+  std::shared_ptr<Context> context;
+  utility::create_context(context, 64);
+  NetBuilder const builder = make(state.range(0) != 0);
+  auto const net = builder.Build(context);
+  Short const extent = make == ULike ? 128 : 224;
+  std::vector<float> picture(std::size_t{3} * extent * extent);
+  for (std::size_t i = 0; i < picture.size(); ++i) picture[i] = static_cast<float>(i * 7919 % 1001) / 500.0f - 1.0f;
+  auto const input = context->device_cpu->CreateF32CHWMainMem({3, extent, extent}, picture.data());
+  auto const output = static_cast<unsigned int>(net->layers.size() - 1);
+  for (auto _ : state) benchmark::DoNotOptimize(net->Forward({{0, input}}, {output}, context, nullptr, nullptr));
+  state.counters["operations"] = benchmark::Counter(
+      static_cast<double>(builder.operations) * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+}
+BENCHMARK_CAPTURE(RunNet, MobileNet_like / 224, MobileLike)
+    ->ArgName("sgemm")
+    ->Arg(0)
+    ->Arg(1)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(RunNet, ResNet18_like / 224, ResidualLike)
+    ->ArgName("sgemm")
+    ->Arg(0)
+    ->Arg(1)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(RunNet, UNet_like / 128, ULike)->ArgName("sgemm")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+
+// 100 layers: an input, and convolutions of 16 channels and activations in turn.
+void Construct(benchmark::State& state) {
+  std::shared_ptr<Context> context;
+  utility::create_context(context, 64);
+  NetBuilder builder(16, 32, false);
+  for (int layer = 1; layer < 100; ++layer) {
+    if (layer % 2 == 1) {
+      builder.Convolve(16, 3);
+    } else {
+      builder.Activate("ReLU_Fallback_Float_M1");
+    }
+  }
+  for (auto _ : state) benchmark::DoNotOptimize(builder.Build(context));
+  state.SetItemsProcessed(state.iterations() * 100);
+}
+BENCHMARK(Construct)->Unit(benchmark::kMicrosecond);
+
+}  // namespace
+}  // namespace talvo::bench
+
+int main(int argc, char** argv) { return talvo::bench::RunOnOneBlasThread(argc, argv); }

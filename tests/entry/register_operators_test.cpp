@@ -1,0 +1,308 @@
+// The catalogue, and one walk over it: what every kernel answers to missing and unfit arguments.
+#include "talvo/entry/register_operators.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+#include <numeric>
+
+#include "talvo/serialization/layer_info_activation.h"
+#include "talvo/serialization/layer_info_conv.h"
+#include "talvo/serialization/layer_info_plane.h"
+#include "talvo/serialization/layer_info_rnn.h"
+#include "talvo/serialization/layer_info_tensor.h"
+#include "tests/support/bits.h"
+#include "tests/support/guarded_context.h"
+#include "tests/support/log_capture.h"
+
+namespace talvo::utility {
+namespace {
+
+using namespace talvo::runtime;
+using Record = std::shared_ptr<LayerInfo>;
+using Tensors = std::vector<std::shared_ptr<Tensor>>;
+
+std::string Weights(std::size_t count) { return test::WeightText(test::Floats(1, count)); }
+
+template <class Info, class Fill>
+Record Make(Fill const& fill) {
+  auto const info = std::make_shared<Info>();
+  info->id = "layer";
+  fill(*info);
+  return info;
+}
+
+template <class Info>
+Record Conv2d() {
+  return Make<Info>([](Info& r) {
+    r.in_channels = r.out_channels = 4;
+    r.kernel_x = r.kernel_y = r.stride_x = r.stride_y = r.dilation_x = r.dilation_y = r.groups = 1;
+    r.if_bias = true;
+    r.weight = Weights(16);
+    r.bias = Weights(4);
+  });
+}
+
+template <class Info>
+Record Pooling() {
+  return Make<Info>([](Info& r) { r.kernel_x = r.kernel_y = r.stride_x = r.stride_y = 2; });
+}
+
+template <class Info>
+Record Cell(std::size_t gates) {
+  return Make<Info>([gates](Info& r) {
+    r.in_size = r.hidden_size = 4;
+    r.if_bias = true;
+    r.weight_ih = r.weight_hh = Weights(gates * 16);
+    r.bias_ih = r.bias_hh = Weights(gates * 4);
+  });
+}
+
+template <class Info>
+Record Stack(std::size_t gates) {
+  return Make<Info>([gates](Info& r) {
+    r.in_size = r.hidden_size = 4;
+    r.num_layers = 1;
+    r.if_bias = true;
+    r.weight_ih_forward = r.weight_hh_forward = {Weights(gates * 16)};
+    r.bias_ih_forward = r.bias_hh_forward = {Weights(gates * 4)};
+  });
+}
+
+// A record that the kernel takes: four channels in, four out.
+Record RecordFor(std::string const& name) {
+  struct Entry {
+    char const* start;  // of the names that take this record
+    std::function<Record()> make;
+  };
+  static std::vector<Entry> const entries = {
+      {"Input_", [] { return Make<InputInfo>([](auto&) {}); }},
+      {"Straight_Through_", [] { return Make<InputInfo>([](auto&) {}); }},
+      {"LayerPlaceholder_", [] { return Make<LayerPlaceholderInfo>([](auto& r) {
+                                   r.output_shape = {4, 4, 4};
+                                 }); }},
+      {"ConvTranspose2D_", Conv2d<ConvTranspose2dInfo>},
+      {"Conv2", Conv2d<Conv2dInfo>},
+      {"Conv1D_",
+       [] {
+         return Make<Conv1dInfo>([](auto& r) {
+           r.in_channels = r.out_channels = 4;
+           r.kernel_size = 1;
+           r.weight = Weights(16);
+         });
+       }},
+      {"FullConnection_",
+       [] {
+         return Make<FullConnectionInfo>([](auto& r) {
+           r.in_features = r.out_features = 4;
+           r.weight = Weights(16);
+         });
+       }},
+      {"AdaptivePooling2D_", [] { return Make<AdaptiveAvgPool2dInfo>([](auto& r) {
+                                    r.output_size = {2, 2};
+                                  }); }},
+      {"Pooling2D_Avg_", Pooling<AvgPool2dInfo>},
+      {"Pooling2D_Max_",
+       [] {
+         auto const record = Pooling<MaxPool2dInfo>();
+         auto& fields = static_cast<MaxPool2dInfo&>(*record);
+         fields.dilation_x = fields.dilation_y = 1;
+         return record;
+       }},
+      {"Elementwise_", [] { return Make<ElementWiseOperatorInfo>([](auto&) {}); }},
+      {"BroadcastOperator_", [] { return Make<BroadcastOperatorInfo>([](auto&) {}); }},
+      {"Concatenate_C_", [] { return Make<ConcatenateInfo>([](auto& r) { r.dim = 1; }); }},
+      {"Concatenate_", [] { return Make<ConcatenateInfo>([](auto&) {}); }},
+      {"Reshape_", [] { return Make<TensorReshapeInfo>([](auto& r) {
+                          r.new_shape = {1, 4, 4, 4};
+                        }); }},
+      {"Transform_MainMemory_Reshape_", [] { return Make<TensorReshapeInfo>([](auto& r) {
+                                               r.new_shape = {16, 4};
+                                             }); }},
+      {"Transform_MainMemory_Permute_", [] { return Make<TensorTransposeInfo>([](auto& r) {
+                                               r.axes = {1, 2, 0};
+                                             }); }},
+      {"Expand_", [] { return Make<TensorExpandInfo>([](auto& r) {
+                         r.new_shape = {1, 4, 4, 4};
+                       }); }},
+      {"TensorArithmetic_",
+       [] {
+         return Make<TensorArithmeticInfo>([](auto& r) {
+           r.dim = {2, 3};
+           r.arith_type = 1;
+         });
+       }},
+      {"UnSqueeze_", [] { return Make<TensorUnSqueezeInfo>([](auto& r) { r.dim = 1; }); }},
+      {"Slice_", [] { return Make<TensorSliceInfo>([](auto& r) { r.slice_dims = {0, 2, 1, 0, 2, 1, 0, 2, 1}; }); }},
+      {"Softmax_", [] { return Make<SoftmaxInfo>([](auto& r) { r.dim = 1; }); }},
+      {"Upsampling2D_",
+       [] { return Make<Upsample2dInfo>([](auto& r) { r.scale_factor_x = r.scale_factor_y = 2.0f; }); }},
+      {"Pixelshuffle_", [] { return Make<PixelShuffleInfo>([](auto& r) { r.upscale_factor = 2.0f; }); }},
+      {"GridSample_", [] { return Make<GridSampleInfo>([](auto&) {}); }},
+      {"RNNCell_", [] { return Cell<RNNCellInfo>(1); }},
+      {"LSTMCell_", [] { return Cell<LSTMCellInfo>(4); }},
+      {"GRUCell_", [] { return Cell<GRUCellInfo>(3); }},
+      {"RNN_", [] { return Stack<RNNInfo>(1); }},
+      {"LSTM_", [] { return Stack<LSTMInfo>(4); }},
+      {"GRU_", [] { return Stack<GRUInfo>(3); }},
+      {"", [] { return Make<ActivationInfo>([](auto& r) { r.weight = Weights(1); }); }}};
+  return std::find_if(entries.begin(), entries.end(), [&](Entry const& e) { return name.rfind(e.start, 0) == 0; })
+      ->make();
+}
+
+// Texts of the interface that name no kernel; a net adds the layer.
+bool IsFixedText(std::string const& text) {
+  for (char const* fixed : {"[TLN]: ", "[TLN]: Invalid forward input param\n", "[TLN]: input tensor shapes error.\n"}) {
+    if (text == fixed) return true;
+  }
+  return false;
+}
+
+// Returns, or refuses with the kernel's name.
+void AnswersOrRefuses(std::string const& name, std::string const& what, std::function<void()> const& action) {
+  SCOPED_TRACE(name + ": " + what);
+  test::LogCapture const quiet;
+  try {
+    action();
+  } catch (std::runtime_error const& refusal) {
+    std::string const text = refusal.what();
+    EXPECT_TRUE(text.find(name) != std::string::npos || IsFixedText(text)) << text;
+  } catch (std::exception const& other) {
+    ADD_FAILURE() << "no refusal, but " << other.what();
+  }
+}
+
+// Reads every byte of the outputs, so that the sanitizer sees those that are too short.
+void ReadAll(Tensors const& outputs) {
+  for (auto const& output : outputs) {
+    if (output == nullptr) continue;  // a null handed on; a net refuses it
+    auto const* const bytes = static_cast<unsigned char const*>(output->data);
+    volatile unsigned int const sum = std::accumulate(bytes, bytes + ByteCount(output->shape), 0u);
+    static_cast<void>(sum);
+  }
+}
+
+struct Catalogue {
+  Catalogue() { init_register_operators(kernels, params); }
+  ClassRegistry<std::shared_ptr<IKernel>> kernels;
+  ClassRegistry<std::shared_ptr<InferenceParam>> params;
+};
+
+class Walk {
+ public:
+  void Visit(std::string const& name) {
+    for (bool const configure : {false, true}) {
+      auto const make = [&] {
+        auto const kernel = catalogue_.kernels.Create(name);
+        if (configure) {
+          EXPECT_TRUE(kernel->Config(RecordFor(name), nullptr, context_)) << name;
+          EXPECT_TRUE(kernel->IsConfigured()) << name;
+        }
+        return kernel;
+      };
+      EXPECT_EQ(make()->GetName(), name);
+      Judge(name, make);
+      Run(name, make);
+    }
+    Configure(name);
+  }
+
+ private:
+  using Maker = std::function<std::shared_ptr<IKernel>()>;
+
+  std::shared_ptr<Tensor> Of(std::vector<unsigned int> const& dims, unsigned int type, unsigned int layout) {
+    TensorShape const shape(dims, type, layout, TensorShape::MainMemory, TensorShape::Extra());
+    return context_->device_cpu->CreateTensor(shape, test::Bytes(1, ByteCount(shape)).data());
+  }
+
+  // Three of each: no kernel needs more inputs.
+  std::vector<std::pair<std::string, Tensors>> BadInputs() {
+    auto const three = [](std::shared_ptr<Tensor> const& tensor) { return Tensors(3, tensor); };
+    constexpr auto kFloat = TensorShape::FLOAT32;
+    return {{"no input", {}},
+            {"one null", {nullptr}},
+            {"three nulls", Tensors(3)},
+            {"bytes", three(Of({4, 4, 4}, TensorShape::UINT8, TensorShape::CHW))},
+            {"one row of bytes", {Of({4}, TensorShape::UINT8, TensorShape::C)}},
+            {"rank 0", three(Of({}, kFloat, TensorShape::CHW))},
+            {"rank 9", three(Of(std::vector<unsigned int>(9, 1u), kFloat, TensorShape::FLEXIABLE))},
+            {"nothing in it", three(Of({0, 4, 4}, kFloat, TensorShape::CHW))},
+            {"nothing in a row", three(Of({0}, kFloat, TensorShape::C))},
+            {"one element", three(Of({1, 1, 1}, kFloat, TensorShape::CHW))},
+            {"too few channels", three(Of({3, 2}, kFloat, TensorShape::SC))},
+            {"a value and a null", {Of({4, 4, 4}, kFloat, TensorShape::CHW), nullptr}},
+            {"two shapes", {Of({4, 4, 4}, kFloat, TensorShape::CHW), Of({2, 2}, kFloat, TensorShape::SC)}}};
+  }
+
+  void Configure(std::string const& name) {
+    auto const context_without = std::make_shared<Context>();
+    for (auto const& [what, record] : {std::pair<char const*, Record>{"Config without layer", nullptr},
+                                       {"Config of another record", Make<GemmInfo>([](auto&) {})},
+                                       {"Config of the right record", RecordFor(name)}}) {
+      for (auto const& context : {std::shared_ptr<Context>(), context_without, context_}) {
+        AnswersOrRefuses(name, what, [&, layer = record] {
+          auto const kernel = catalogue_.kernels.Create(name);
+          bool const done = kernel->Config(layer, nullptr, context);
+          EXPECT_EQ(kernel->IsConfigured(), done);
+        });
+      }
+    }
+  }
+
+  void Judge(std::string const& name, Maker const& make) {
+    AnswersOrRefuses(name, "IsValidParam", [&] { make()->IsValidParam(nullptr, nullptr); });
+    for (auto const& [what, inputs] : BadInputs()) {
+      AnswersOrRefuses(name, "judging " + what, [&, list = inputs] {
+        make()->IsValidInput(list);
+        make()->IsValidOutput(list);
+      });
+      std::vector<TensorShape> shapes;
+      for (auto const& input : inputs) shapes.push_back(input != nullptr ? input->shape : TensorShape());
+      AnswersOrRefuses(name, "shapes of " + what, [&] { make()->GetOutputShapes(shapes); });
+    }
+  }
+
+  void Run(std::string const& name, Maker const& make) {
+    for (auto const& [what, inputs] : BadInputs()) {
+      for (auto const& context : {context_, std::shared_ptr<Context>()}) {
+        AnswersOrRefuses(name, "Forward of " + what + (context == nullptr ? ", no context" : ""), [&, list = inputs] {
+          Tensors outputs;
+          make()->Forward(list, outputs, context);
+          ReadAll(outputs);
+        });
+      }
+    }
+  }
+
+  std::shared_ptr<Context> const context_ = test::GuardedContext();
+  Catalogue const catalogue_;
+};
+
+TEST(RegisterOperators, EveryKernelAnswersOrRefusesByName) {
+  Walk walk;
+  for (std::string const& name : Catalogue().kernels.GetKeys()) walk.Visit(name);
+}
+
+TEST(RegisterOperators, KeepsTheApplicationsEntries) {
+  Catalogue catalogue;
+  auto const sorted = [&] {
+    auto keys = catalogue.kernels.GetKeys();
+    std::sort(keys.begin(), keys.end());
+    return keys;
+  };
+  auto const names = sorted();
+  EXPECT_EQ(std::adjacent_find(names.begin(), names.end()), names.end());
+  EXPECT_EQ(catalogue.params.GetKeys(), std::vector<std::string>{"InferenceParamConv2DQuant"});
+  EXPECT_EQ(catalogue.kernels.Create("Quantitation_MainMemory_Float_to_Int8_Fallback_M1"), nullptr);
+
+  auto const own = catalogue.kernels.Create("Input_Fallback_M1");
+  catalogue.kernels.Register(
+      "ReLU_Fallback_Float_M1", [own] { return own; }, true);
+  init_register_operators(catalogue.kernels, catalogue.params);
+  EXPECT_EQ(catalogue.kernels.Create("ReLU_Fallback_Float_M1"), own);
+  EXPECT_EQ(sorted(), names);
+}
+
+}  // namespace
+}  // namespace talvo::utility

@@ -1,0 +1,231 @@
+#include "talvo/runtime/create_net.h"
+
+#include <gtest/gtest.h>
+
+#include "talvo/entry/create_context.h"
+#include "talvo/runtime/device_cpu.h"
+#include "talvo/runtime/tensor_cpu.h"
+#include "talvo/serialization/layer_info_activation.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/model_builder.h"
+
+namespace talvo::runtime {
+namespace {
+
+using test::ModelBuilder;
+using Refs = std::vector<std::pair<std::uint32_t, std::uint32_t>>;
+
+std::vector<std::string> configured;  // "kernel(layer)" in the order of the calls
+
+// Notes what it is bound to. "Refusing" answers false, "Throwing" throws.
+class NotingKernel : public IKernel {
+ public:
+  explicit NotingKernel(std::string name) : name_(std::move(name)) {}
+
+  std::string GetName() const override { return name_; }
+  int IsValidParam(std::shared_ptr<LayerInfo>, std::shared_ptr<InferenceParam>) const override { return 0; }
+  bool Config(std::shared_ptr<LayerInfo> layer, std::shared_ptr<InferenceParam> param,
+              std::shared_ptr<Context>) override {
+    configured.push_back(name_ + "(" + (layer != nullptr ? layer->id : "-") + (param != nullptr ? "+p" : "") + ")");
+    if (name_ == "Throwing") throw std::runtime_error("thrown by Config");
+    return name_ != "Refusing";
+  }
+  bool IsConfigured() const override { return true; }
+  std::vector<TensorShape> GetOutputShapes(std::vector<TensorShape> const& shapes) const override {
+    ADD_FAILURE() << "no shape is asked for while a net is built";
+    return shapes;
+  }
+  int IsValidInput(std::vector<std::shared_ptr<Tensor>> const&) const override { return 0; }
+  int Forward(std::vector<std::shared_ptr<Tensor>> const&, std::vector<std::shared_ptr<Tensor>>&,
+              std::shared_ptr<Context>) const override {
+    return 0;
+  }
+  int IsValidOutput(std::vector<std::shared_ptr<Tensor>> const&) const override { return 0; }
+
+ private:
+  std::string name_;
+};
+
+void AddConverter(KernelCfgArr& converters, std::string const& position, std::string const& kernel) {
+  converters.kernel_ids.push_back(position);
+  converters.kernels[position] = std::make_shared<KernelCfg>();
+  converters.kernels[position]->kernel_type = kernel;
+}
+
+class CreateNetTest : public testing::Test {
+ protected:
+  CreateNetTest() {
+    utility::create_context(context_, 64);
+    for (std::string const name : {"K", "In", "Out", "Refusing", "Throwing"})
+      kernels_.Register(
+          name, [name] { return std::make_shared<NotingKernel>(name); }, false);
+    configured.clear();
+  }
+
+  LayerInfo& Add(std::string const& id, std::vector<std::string> const& inputs, std::string const& kernel = "K") {
+    if (inputs.empty()) return builder_.Add<InputInfo>(id, inputs, kernel);
+    return builder_.Add<ActivationInfo>(id, inputs, kernel);
+  }
+
+  // The light form of the builder's configuration.
+  std::shared_ptr<InferenceConfig> Light() const {
+    auto light = std::make_shared<InferenceConfig>();
+    for (std::string const& id : builder_.model->squential_ids) {
+      LayerInferenceConfig layer;
+      layer.kernel = std::make_shared<KernelInferenceConfig>();
+      layer.kernel->kernel_type = builder_.config->layers.at(id)->kernel->kernel_type;
+      light->layers.push_back(layer);
+    }
+    return light;
+  }
+
+  std::shared_ptr<Net> Packaged() { return CreateNet(builder_.model, builder_.config, kernels_, context_); }
+  std::shared_ptr<Net> FromLight() { return CreateNet(builder_.model, Light(), kernels_, context_); }
+
+  ModelBuilder builder_;
+  ClassRegistry<std::shared_ptr<IKernel>> kernels_;
+  std::shared_ptr<Context> context_;
+};
+
+TEST_F(CreateNetTest, WiresEveryInputToOutputZeroOfItsProducer) {
+  Add("a", {});
+  Add("c", {"a"});
+  Add("b", {"a"});
+  Add("d", {"b", "c", "b", "nowhere"});
+  for (auto const& net : {Packaged(), FromLight()}) {
+    ASSERT_EQ(net->layers.size(), 4u);
+    EXPECT_EQ(net->layers[3]->input_refs, (Refs{{2, 0}, {1, 0}, {2, 0}, {0, 0}})) << "the order is the layer's own";
+    EXPECT_EQ(net->layers[0]->consumers, (Refs{{1, 0}, {2, 0}, {3, 3}})) << "an unknown id counts as layer 0";
+    EXPECT_EQ(net->layers[2]->consumers, (Refs{{3, 0}, {3, 2}}));
+    EXPECT_EQ(net->input_ids, (std::map<std::string, unsigned int>{{"a", 0}}));
+    EXPECT_EQ(net->layers[0]->type, "Input");
+    EXPECT_EQ(net->layers[1]->type, "Activation");
+    EXPECT_EQ(net->layers[3]->kernel->GetName(), "K");
+  }
+}
+
+TEST_F(CreateNetTest, NamesTypesByTheirNumber) {
+  struct Row {
+    unsigned short number;
+    char const* name;
+  };
+  Add("a", {});
+  std::vector<Row> const rows = {{2, "Conv2d"},
+                                 {4, "UnKnown"},
+                                 {8, "InstanceNorm2d"},
+                                 {11, "ElementWiseOperator"},
+                                 {16, "TensorUnSqueeze"},
+                                 {17, "FullConnection"},
+                                 {18, "UnKnown"},
+                                 {29, "Blob"},
+                                 {36, "LSTM"},
+                                 {46, "TensorSlice"},
+                                 {254, "Blob"},
+                                 {65535, "UnKnown"}};
+  for (Row const& row : rows) Add("layer " + std::to_string(row.number), {"a"}).type = row.number;
+  auto const net = Packaged();
+  for (std::size_t i = 0; i < rows.size(); ++i) EXPECT_EQ(net->layers[i + 1]->type, rows[i].name) << rows[i].number;
+}
+
+TEST_F(CreateNetTest, ConfiguresConvertersAroundTheKernelOfEachLayer) {
+  Add("a", {});
+  Add("b", {"a"});
+  LayerCfg& layer = *builder_.config->layers.at("b");
+  AddConverter(*layer.input_converters, "1", "In");
+  AddConverter(*layer.input_converters, "x", "K");  // position 0
+  AddConverter(*layer.output_converters, "0", "Out");
+  AddConverter(*layer.output_converters, "3", "Refusing");
+  layer.kernel->infer_param = std::make_shared<InferenceParamConv2DQuant>();
+  auto const net = Packaged();
+  EXPECT_EQ(configured, (std::vector<std::string>{"K(a)", "In(-)", "K(-)", "K(b+p)", "Out(-)", "Refusing(-)"}));
+  auto const& converters = net->layers[1]->input_converters;
+  ASSERT_EQ(converters.size(), 2u);
+  EXPECT_EQ(converters.at(0)->GetName(), "K");
+  EXPECT_EQ(converters.at(1)->GetName(), "In");
+  EXPECT_EQ(net->layers[1]->output_converters.at(0)->GetName(), "Out");
+  EXPECT_EQ(net->layers[1]->output_converters.at(3), nullptr) << "a converter that refuses stays empty";
+}
+
+TEST_F(CreateNetTest, AMainKernelThatRefusesEndsOneFormAndStaysEmptyInTheOther) {
+  Add("a", {});
+  Add("b", {"a"}, "Refusing");
+  EXPECT_EQ(test::RefusalOf([&] { Packaged(); }), "[TLN]: ");
+  auto const net = FromLight();
+  EXPECT_EQ(net->layers[1]->kernel, nullptr);
+  std::string const text = test::RefusalOf([&] {
+    net->Forward({{0, context_->device_cpu->CreateF32CMainMemory(1, nullptr)}}, {1}, context_, nullptr, nullptr);
+  });
+  EXPECT_NE(text.find("layer 1"), std::string::npos) << text;
+}
+
+TEST_F(CreateNetTest, ALayerThatStandsTwiceCountsWhereItStandsLast) {
+  Add("a", {});
+  Add("b", {"a"});
+  Add("c", {"b"});
+  builder_.model->squential_ids.insert(builder_.model->squential_ids.begin(), "b");
+  std::string const text = test::RefusalOf([&] { Packaged(); });
+  EXPECT_NE(text.find("layer b (K): its input 0 is layer a"), std::string::npos) << text;
+  EXPECT_TRUE(
+      CreateNet(std::make_shared<TLModelInfo>(), std::make_shared<TLModelCfg>(), kernels_, context_)->layers.empty());
+}
+
+TEST_F(CreateNetTest, RefusesWhatCannotRun) {
+  struct Case {
+    char const* why;
+    std::function<void(ModelBuilder&)> spoil;
+    char const *packaged, *light;  // what the texts name
+  };
+  auto const config_of_b = [](ModelBuilder& b) -> LayerCfg& { return *b.config->layers.at("b"); };
+  for (Case const& c : std::vector<Case>{
+           {"an unregistered kernel", [&](ModelBuilder& b) { config_of_b(b).kernel->kernel_type = "Nope"; },
+            "layer b: its kernel \"Nope\"", "layer b: its kernel \"Nope\""},
+           {"a Config that throws", [&](ModelBuilder& b) { config_of_b(b).kernel->kernel_type = "Throwing"; },
+            "thrown by Config", "thrown by Config"},
+           {"a layer that reads itself",
+            [](ModelBuilder& b) {
+              b.model->layers.at("b")->input_ids = {"a", "b"};
+            },
+            "layer b (K): its input 1 is layer b", "layer b (K): its input 1 is layer b"},
+           {"a layer without record", [](ModelBuilder& b) { b.model->layers.erase("b"); }, "layer b", nullptr},
+           {"a null record", [](ModelBuilder& b) { b.model->layers["b"] = nullptr; }, "layer b", "layer b"},
+           {"one layer read 9 times", [](ModelBuilder& b) { b.model->layers.at("b")->input_ids.assign(9, "a"); },
+            "layer b", "layer b"},
+           {"one layer listed 9 times", [](ModelBuilder& b) { b.model->squential_ids.assign(9, "a"); }, "id a", "id a"},
+           {"a layer without configuration", [](ModelBuilder& b) { b.config->layers.erase("b"); }, "layer b", nullptr},
+           {"a null configuration", [](ModelBuilder& b) { b.config->layers["b"] = nullptr; }, "layer b", nullptr},
+           {"a layer without kernel", [&](ModelBuilder& b) { config_of_b(b).kernel = nullptr; }, "layer b", nullptr},
+           {"no list of converters", [&](ModelBuilder& b) { config_of_b(b).input_converters = nullptr; }, "layer b",
+            nullptr},
+           {"a listed converter without record",
+            [&](ModelBuilder& b) { config_of_b(b).output_converters->kernel_ids = {"0"}; }, "layer b", nullptr},
+           {"an unregistered converter",
+            [&](ModelBuilder& b) { AddConverter(*config_of_b(b).input_converters, "0", "Nope"); },
+            "layer b: its converter \"Nope\"", nullptr}}) {
+    SCOPED_TRACE(c.why);
+    builder_ = ModelBuilder();
+    Add("a", {});
+    Add("b", {"a"});
+    c.spoil(builder_);
+    std::string const text = test::RefusalOf([&] { Packaged(); });
+    EXPECT_NE(text.find(c.packaged), std::string::npos) << text;
+    if (c.light == nullptr) continue;
+    std::string const light = test::RefusalOf([&] { FromLight(); });
+    EXPECT_NE(light.find(c.light), std::string::npos) << light;
+  }
+}
+
+TEST_F(CreateNetTest, RefusesEmptyArgumentsAndShortLightConfigurations) {
+  Add("a", {});
+  test::RefusalOf([&] { CreateNet(nullptr, builder_.config, kernels_, context_); });
+  test::RefusalOf([&] { CreateNet(builder_.model, std::shared_ptr<TLModelCfg>(), kernels_, context_); });
+  test::RefusalOf([&] { CreateNet(builder_.model, CreateCfg(builder_.model, kernels_, "x86"), kernels_, context_); });
+  auto light = Light();
+  light->layers[0].kernel = nullptr;
+  test::RefusalOf([&] { CreateNet(builder_.model, light, kernels_, context_); });
+  light->layers.clear();
+  std::string const text = test::RefusalOf([&] { CreateNet(builder_.model, light, kernels_, context_); });
+  EXPECT_NE(text.find("layer a: the configuration has 0 records"), std::string::npos) << text;
+}
+
+}  // namespace
+}  // namespace talvo::runtime

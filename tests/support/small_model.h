@@ -1,0 +1,12 @@
+// A model of a dozen small layers of many kinds: it seeds the fuzzing of packages and walks the whole road in tests.
+#pragma once
+
+#include "tests/support/model_builder.h"
+
+namespace talvo::test {
+
+/// Input "picture" CHW {3, 8, 8}; outputs "classes" {5} and "plane" {2, 8, 8}. Every weight is exact in binary16, so
+/// that both package forms hold the same numbers.
+ModelBuilder SmallModel();
+
+}  // namespace talvo::test
