@@ -7,6 +7,7 @@
 #include "talvo/image/image_process_fallback.h"
 #include "talvo/image/image_support.h"
 #include "talvo/image/planes_support.h"
+#include "talvo/kernel/rows/pixels.h"
 #include "talvo/utility/restrict.h"
 
 namespace talvo::kernel {
@@ -35,15 +36,8 @@ void SplitInto(Images const& images, std::size_t pixel_bytes, bool reverse) {
   SplitFrame(pixels, pixel_bytes, count, reverse ? Reversed(planes) : planes);
 }
 
-// Weights of red, green and blue out of 256; products and sums fit 16 bits.
-void GrayRow(Planes const& rgb, std::size_t count, unsigned char* TALVO_RESTRICT gray) {
-  unsigned char const* const r = rgb[0];
-  unsigned char const* const g = rgb[1];
-  unsigned char const* const b = rgb[2];
-  for (std::size_t i = 0; i < count; ++i) {
-    auto const sum = static_cast<std::uint16_t>(77 * r[i] + 150 * g[i] + 29 * b[i]);
-    gray[i] = static_cast<unsigned char>(sum >> 8);
-  }
+void GrayRow(Planes const& rgb, std::size_t count, unsigned char* gray) {
+  rows::GrayRow(rgb[0], rgb[1], rgb[2], count, gray);
 }
 
 // Interleaved pixels pass through planes a block at a time.

@@ -4,7 +4,7 @@
 #include <cstdint>
 
 #include "talvo/image/image_support.h"
-#include "talvo/utility/restrict.h"
+#include "talvo/kernel/rows/pixels.h"
 
 namespace talvo::kernel::functional {
 namespace {
@@ -76,32 +76,12 @@ constexpr Normalisation::Type kUInt8 = {TensorShape::UINT8, "UInt8"};
 constexpr Normalisation::Type kInt16 = {TensorShape::INT16, "Int16"};
 constexpr Normalisation::Type kFloat32 = {TensorShape::FLOAT32, "Float32"};
 
-void NormaliseBytes(unsigned char const* TALVO_RESTRICT in, std::size_t count, float const sub, float const mul,
-                    float* TALVO_RESTRICT out) {
-  for (std::size_t i = 0; i < count; ++i) out[i] = (static_cast<float>(in[i]) - sub) * mul;
-}
-
-// The rows may be the same memory.
-void NormaliseFloats(float const* in, std::size_t count, float const sub, float const mul, float* out) {
-  for (std::size_t i = 0; i < count; ++i) out[i] = (in[i] - sub) * mul;
-}
-
 void SubtractFrom(float const* in, std::size_t count, float const sub, float* out) {
   for (std::size_t i = 0; i < count; ++i) out[i] = in[i] - sub;
 }
 
 void MultiplyBy(float const* in, std::size_t count, float const mul, float* out) {
   for (std::size_t i = 0; i < count; ++i) out[i] = in[i] * mul;
-}
-
-// Truncated and saturated to 16 bits; NaN gives 0.
-void NormaliseSaturated(unsigned char const* TALVO_RESTRICT in, std::size_t count, float const sub, float const scale,
-                        std::int16_t* TALVO_RESTRICT out) {
-  for (std::size_t i = 0; i < count; ++i) {
-    float const value = (static_cast<float>(in[i]) - sub) * scale;
-    float const clamped = std::min(std::max(value, -32768.0f), 32767.0f);
-    out[i] = static_cast<std::int16_t>(static_cast<int>(value == value ? clamped : 0.0f));
-  }
 }
 
 constexpr std::size_t kGroup = 8;  // pixels that saturate together
@@ -113,7 +93,7 @@ void NormaliseFixed(Normalisation const& n) {
     unsigned char const* const in = n.in + c * n.plane;
     std::int16_t* const out = reinterpret_cast<std::int16_t*>(n.out) + c * n.plane;
     std::size_t const grouped = n.plane / kGroup * kGroup;
-    NormaliseSaturated(in, grouped, sub, scale, out);
+    rows::NormaliseSaturated(in, grouped, sub, scale, out);
     for (std::size_t i = grouped; i < n.plane; ++i) {
       out[i] = static_cast<std::int16_t>(TruncateToInt((static_cast<float>(in[i]) - sub) * scale));
     }
@@ -143,7 +123,8 @@ void BytesToFloats(char const* function, TensorPtr const& i_img, TensorPtr const
                    TensorPtr const& o_img) {
   Normalisation const n(function, i_img, i_sub, i_mul, o_img, kUInt8, kFloat32, Place::kNotTested);
   for (std::size_t c = 0; c < n.channels; ++c) {
-    NormaliseBytes(n.in + c * n.plane, n.plane, n.sub[c], n.mul[c], reinterpret_cast<float*>(n.out) + c * n.plane);
+    rows::NormaliseBytes(n.in + c * n.plane, n.plane, n.sub[c], n.mul[c],
+                         reinterpret_cast<float*>(n.out) + c * n.plane);
   }
 }
 
@@ -151,8 +132,8 @@ void FloatsToFloats(char const* function, TensorPtr const& i_img, TensorPtr cons
                     TensorPtr const& o_img) {
   Normalisation const n(function, i_img, i_sub, i_mul, o_img, kFloat32, kFloat32, Place::kNotTested);
   for (std::size_t c = 0; c < n.channels; ++c) {
-    NormaliseFloats(reinterpret_cast<float const*>(n.in) + c * n.plane, n.plane, n.sub[c], n.mul[c],
-                    reinterpret_cast<float*>(n.out) + c * n.plane);
+    rows::NormaliseFloats(reinterpret_cast<float const*>(n.in) + c * n.plane, n.plane, n.sub[c], n.mul[c],
+                          reinterpret_cast<float*>(n.out) + c * n.plane);
   }
 }
 
@@ -203,7 +184,7 @@ void Normalize_CHW_Float_Fallback(TensorPtr& src, TensorPtr& dst, float const* m
     } else if (sub == nullptr) {
       MultiplyBy(in, plane, mul[c], out);
     } else {
-      NormaliseFloats(in, plane, sub[c], mul[c], out);
+      rows::NormaliseFloats(in, plane, sub[c], mul[c], out);
     }
   }
 }

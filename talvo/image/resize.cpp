@@ -9,6 +9,7 @@
 
 #include "talvo/image/image_process_fallback.h"
 #include "talvo/image/image_support.h"
+#include "talvo/kernel/rows/pixels.h"
 #include "talvo/utility/restrict.h"
 
 namespace talvo::kernel {
@@ -179,23 +180,6 @@ void GatherNeighbours(unsigned char const* TALVO_RESTRICT row, std::uint32_t con
   }
 }
 
-void BlendNeighbours(unsigned char const* TALVO_RESTRICT left, unsigned char const* TALVO_RESTRICT right,
-                     std::int16_t const* TALVO_RESTRICT weight0, std::int16_t const* TALVO_RESTRICT weight1,
-                     std::size_t count, std::int16_t* TALVO_RESTRICT line) {
-  for (std::size_t i = 0; i < count; ++i) {
-    line[i] = static_cast<std::int16_t>((left[i] * weight0[i] + right[i] * weight1[i]) >> 4);
-  }
-}
-
-void BlendLines(std::int16_t const* TALVO_RESTRICT upper, std::int16_t const* TALVO_RESTRICT lower,
-                std::int16_t const weight0, std::int16_t const weight1, std::size_t count,
-                unsigned char* TALVO_RESTRICT to) {
-  for (std::size_t i = 0; i < count; ++i) {
-    int const sum = ((upper[i] * weight0) >> 16) + ((lower[i] * weight1) >> 16) + 2;
-    to[i] = static_cast<unsigned char>(sum >> 2);
-  }
-}
-
 // Every value `times` times over.
 std::vector<std::int16_t> Repeated(std::vector<std::int16_t> const& values, std::size_t times) {
   std::vector<std::int16_t> repeated(values.size() * times);
@@ -240,7 +224,7 @@ class Lines {
     if (line.row == row) return;
     GatherNeighbours<kPixelBytes>(frames_.from + row * frames_.from_width * kPixelBytes, columns_.first.data(),
                                   columns_.distance, frames_.to_width, left_.data(), right_.data());
-    BlendNeighbours(left_.data(), right_.data(), weight0_.data(), weight1_.data(), count_, line.values.data());
+    rows::BlendNeighbours(left_.data(), right_.data(), weight0_.data(), weight1_.data(), count_, line.values.data());
     line.row = row;
   }
 
@@ -255,11 +239,12 @@ class Lines {
 template <std::size_t kPixelBytes>
 void ResizeBilinear(Frames const& f) {
   if (f.HasNoOutput()) return;
-  Neighbours const rows(f.from_height, f.to_height);
+  Neighbours const taps(f.from_height, f.to_height);
   Lines<kPixelBytes> lines(f);
   for (std::size_t y = 0; y < f.to_height; ++y) {
-    lines.MoveTo(rows.first[y], rows.distance);
-    BlendLines(lines.upper(), lines.lower(), rows.weight0[y], rows.weight1[y], lines.count(), f.to + y * lines.count());
+    lines.MoveTo(taps.first[y], taps.distance);
+    rows::BlendLines(lines.upper(), lines.lower(), taps.weight0[y], taps.weight1[y], lines.count(),
+                     f.to + y * lines.count());
   }
 }
 

@@ -2,9 +2,12 @@
 
 #include <algorithm>
 #include <cstring>
+#include <type_traits>
+#include <utility>
 
 #include "talvo/image/image_process_fallback.h"
 #include "talvo/image/image_support.h"
+#include "talvo/kernel/rows/pixels.h"
 #include "talvo/utility/restrict.h"
 
 namespace talvo::kernel {
@@ -24,25 +27,44 @@ struct FixedSize {
 template <class Size>
 void ReverseRow(unsigned char const* TALVO_RESTRICT from, std::size_t width, Size const size,
                 unsigned char* TALVO_RESTRICT to) {
+  if constexpr (std::is_same_v<Size, FixedSize<1>>) return rows::ReverseBytes(from, width, to);
+  if constexpr (std::is_same_v<Size, FixedSize<3>>) return rows::ReverseTriples(from, width, to);
   for (std::size_t x = 0; x < width; ++x) std::memcpy(to + x * size, from + (width - 1 - x) * size, size);
 }
 
-// The pixel (y, x) goes to row x, column y of `to`, where `to_row` and `to_column` are the steps in bytes, of either
-// sign. By blocks, so that the lines that a block reads and writes stay in the first cache.
+// The pixel (y, x) of a tile goes to row x, column y of `to`.
 template <class Size>
-void Transpose(unsigned char const* TALVO_RESTRICT from, std::size_t height, std::size_t width, Size const size,
-               unsigned char* TALVO_RESTRICT to, std::ptrdiff_t to_row, std::ptrdiff_t to_column) {
-  constexpr std::size_t kBlock = 32;
-  for (std::size_t y0 = 0; y0 < height; y0 += kBlock) {
-    std::size_t const y1 = std::min(height, y0 + kBlock);
-    for (std::size_t x0 = 0; x0 < width; x0 += kBlock) {
-      std::size_t const x1 = std::min(width, x0 + kBlock);
-      for (std::size_t x = x0; x < x1; ++x) {
-        unsigned char* const row = to + static_cast<std::ptrdiff_t>(x) * to_row;
-        for (std::size_t y = y0; y < y1; ++y) {
-          std::memcpy(row + static_cast<std::ptrdiff_t>(y) * to_column, from + (y * width + x) * size, size);
-        }
+void TransposeTile(unsigned char const* from, std::ptrdiff_t from_row, std::size_t height, std::size_t width,
+                   Size const size, unsigned char* to, std::ptrdiff_t to_row, std::ptrdiff_t to_column) {
+  if constexpr (std::is_same_v<Size, FixedSize<1>>) {
+    rows::TransposeBytes(from, from_row, height, width, to, to_row, to_column);
+  } else if constexpr (std::is_same_v<Size, FixedSize<3>>) {
+    rows::TransposeTriples(from, from_row, height, width, to, to_row, to_column);
+  } else if constexpr (std::is_same_v<Size, FixedSize<4>>) {
+    rows::TransposeQuads(from, from_row, height, width, to, to_row, to_column);
+  } else {
+    for (std::size_t x = 0; x < width; ++x) {
+      for (std::size_t y = 0; y < height; ++y) {
+        std::memcpy(to + static_cast<std::ptrdiff_t>(x) * to_row + static_cast<std::ptrdiff_t>(y) * to_column,
+                    from + static_cast<std::ptrdiff_t>(y) * from_row + x * size, size);
       }
+    }
+  }
+}
+
+// `to_row` and `to_column` are the steps in bytes, of either sign. By tiles, so that the lines that a tile reads and
+// writes stay in the first cache.
+template <class Size>
+void Transpose(unsigned char const* from, std::size_t height, std::size_t width, Size const size, unsigned char* to,
+               std::ptrdiff_t to_row, std::ptrdiff_t to_column) {
+  constexpr std::size_t kTile = 64;
+  std::size_t const row = width * size;
+  for (std::size_t y = 0; y < height; y += kTile) {
+    for (std::size_t x = 0; x < width; x += kTile) {
+      TransposeTile(from + y * row + x * size, static_cast<std::ptrdiff_t>(row), std::min(kTile, height - y),
+                    std::min(kTile, width - x), size,
+                    to + static_cast<std::ptrdiff_t>(x) * to_row + static_cast<std::ptrdiff_t>(y) * to_column, to_row,
+                    to_column);
     }
   }
 }

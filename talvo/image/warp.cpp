@@ -1,11 +1,13 @@
 #include "talvo/image/warp.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <vector>
 
 #include "talvo/image/image_process_fallback.h"
 #include "talvo/image/image_support.h"
+#include "talvo/kernel/rows/samples.h"
 
 namespace talvo::kernel {
 namespace {
@@ -28,6 +30,7 @@ struct Planar {
         channels(tensor.shape.dims[0]),
         element_bytes(runtime::ElementSize(tensor.shape.data_type)) {}
 
+  rows::PlaneExtents Extents() const { return {static_cast<std::int32_t>(width), static_cast<std::int32_t>(height)}; }
   // Byte position of element `index` of plane `channel`.
   std::size_t Offset(std::size_t channel, std::size_t index) const {
     return (channel * static_cast<std::size_t>(width * height) + index) * element_bytes;
@@ -105,55 +108,70 @@ void WarpNearest(Images const& images, float const* matrix, bool forward) {
   });
 }
 
-// One bilinear sample: the upper left neighbour, the parts towards the right and lower ones, and which of the four lie
-// inside.
-struct Sample {
-  std::int64_t index = 0;  // of t00 in its plane; may lie outside
-  float fx = 0.0f, fy = 0.0f;
-  unsigned int inside = 0;
+// The samples of one row and the neighbours that they take from a plane of floats.
+class SampleRow {
+ public:
+  SampleRow(std::size_t count, rows::PlaneExtents plane)
+      : plane_(plane), inside_(count), index_(count), fx_(count), fy_(count), upper_(2 * count), lower_(2 * count) {}
+
+  rows::Samples Samples() { return {inside_.data(), index_.data(), fx_.data(), fy_.data()}; }
+  std::int32_t inside(std::size_t i) const { return inside_[i]; }
+  std::int32_t index(std::size_t i) const { return index_[i]; }
+
+  // Blends the neighbours of each sample in one plane.
+  void Blend(float const* plane, bool keep, float* results) {
+    std::size_t const count = inside_.size();
+    for (std::size_t i = 0; i < count; ++i) Take(plane, i);
+    rows::BlendPairs(upper_.data(), lower_.data(), Samples(), keep, count, results);
+  }
+
+ private:
+  void Take(float const* plane, std::size_t i) {
+    std::int32_t const inside = inside_[i];
+    std::ptrdiff_t const index = index_[i];
+    float* const upper = upper_.data() + 2 * i;
+    float* const lower = lower_.data() + 2 * i;
+    if (inside == rows::kAllFour) {
+      std::memcpy(upper, plane + index, 2 * sizeof(float));
+      std::memcpy(lower, plane + index + plane_.width, 2 * sizeof(float));
+      return;
+    }
+    if (inside == 0) {
+      upper[0] = upper[1] = lower[0] = lower[1] = 0.0f;
+      return;
+    }
+    upper[0] = (inside & rows::kT00) != 0 ? plane[index] : 0.0f;
+    upper[1] = (inside & rows::kT10) != 0 ? plane[index + 1] : 0.0f;
+    lower[0] = (inside & rows::kT01) != 0 ? plane[index + plane_.width] : 0.0f;
+    lower[1] = (inside & rows::kT11) != 0 ? plane[index + plane_.width + 1] : 0.0f;
+  }
+
+  rows::PlaneExtents const plane_;
+  std::vector<std::int32_t> inside_, index_;
+  std::vector<float> fx_, fy_;
+  std::vector<float> upper_, lower_;  // pairs of neighbours
 };
-constexpr unsigned int kT00 = 1, kT10 = 2, kT01 = 4, kT11 = 8, kAll = 15;
-
-float LoadFloat(unsigned char const* at) {
-  float value;
-  std::memcpy(&value, at, sizeof(value));
-  return value;
-}
-
-float Blend(Sample const& s, float t00, float t10, float t01, float t11) {
-  return (t11 * s.fx + t01 * (1.0f - s.fx)) * s.fy + (t10 * s.fx + t00 * (1.0f - s.fx)) * (1.0f - s.fy);
-}
-
-// All four neighbours are inside; elements of `element` bytes, `row` of them in a row of `plane`.
-float BlendInside(unsigned char const* plane, std::size_t element, std::size_t row, Sample const& s) {
-  unsigned char const* const upper = plane + static_cast<std::size_t>(s.index) * element;
-  unsigned char const* const lower = upper + row * element;
-  return Blend(s, LoadFloat(upper), LoadFloat(upper + element), LoadFloat(lower), LoadFloat(lower + element));
-}
-
-// The class's rule: a pixel has all four neighbours or none.
-Sample PixelSample(Position const& p, Planar const& src) {
-  std::int64_t const ix = Truncated(p.u), iy = Truncated(p.v);
-  if (ix < 0 || ix >= src.width - 1 || iy < 0 || iy >= src.height - 1) return {};
-  Sample s;
-  s.index = iy * src.width + ix;
-  s.fx = p.u < 0.0f ? 0.0f : p.u - static_cast<float>(ix);
-  s.fy = p.v < 0.0f ? 0.0f : p.v - static_cast<float>(iy);
-  s.inside = kAll;
-  return s;
-}
 
 // As for the nearest forms, a source of short elements is looked at before anything is written.
-void NeedSamples(Images const& images, Planar const& src, Planar const& dst, float const* matrix) {
-  if (src.element_bytes >= kMoved) return;
+void NeedSamples(Images const& images, Planar const& src, Planar const& dst, float const* matrix, SampleRow& row) {
   for (std::int64_t y = 0; y < dst.height; ++y) {
-    for (std::int64_t x = 0; x < dst.width; ++x) {
-      Sample const s = PixelSample(Mapped(matrix, x, y), src);
-      if (s.inside == 0) continue;
-      auto const last = static_cast<std::size_t>(s.index + src.width + 1);
+    auto const columns = static_cast<std::size_t>(dst.width);
+    rows::LocatePixels(matrix, static_cast<float>(y), columns, src.Extents(), row.Samples());
+    for (std::size_t x = 0; x < columns; ++x) {
+      if (row.inside(x) == 0) continue;
+      auto const last = static_cast<std::size_t>(row.index(x) + src.width + 1);
       NeedMove(images, "src", images.src, src.Offset(dst.channels - 1, last));
     }
   }
+}
+
+// The 32 bits at every element of a source of short elements; 0 where they would pass the end.
+std::vector<float> Widened(unsigned char const* bytes, std::size_t byte_count, std::size_t element_bytes) {
+  std::vector<float> values(byte_count / element_bytes);
+  for (std::size_t i = 0; i * element_bytes + kMoved <= byte_count; ++i) {
+    std::memcpy(&values[i], bytes + i * element_bytes, kMoved);
+  }
+  return values;
 }
 
 void WarpBilinear(Images const& images, float const* matrix) {
@@ -161,19 +179,21 @@ void WarpBilinear(Images const& images, float const* matrix) {
   Planar const src(images.name, "src", images.src), dst(images.name, "dst", images.dst);
   auto const* const from = PlanarMemory(images, "src", images.src, src, dst.channels);
   auto const& dims = images.dst.shape.dims;
-  std::size_t const plane = Volume(dims[1], dims[2], sizeof(float));
-  auto* const to = Memory(images.name, "dst", images.dst, Volume(dst.channels, plane));
-  if (dst.channels == 0) return;
-  NeedSamples(images, src, dst, matrix);
-  auto const row = static_cast<std::size_t>(src.width);
-  unsigned char* pixel = to;
-  for (std::int64_t y = 0; y < dst.height; ++y) {
-    for (std::int64_t x = 0; x < dst.width; ++x, pixel += sizeof(float)) {
-      Sample const s = PixelSample(Mapped(matrix, x, y), src);
-      for (std::size_t c = 0; s.inside != 0 && c < dst.channels; ++c) {
-        float const value = BlendInside(from + src.Offset(c, 0), src.element_bytes, row, s);
-        std::memcpy(pixel + c * plane, &value, sizeof(value));
-      }
+  std::size_t const plane = Volume(dims[1], dims[2]), columns = dims[2];
+  auto* const to = Memory(images.name, "dst", images.dst, Volume(dst.channels, plane, sizeof(float)));
+  if (dst.channels == 0 || plane == 0 || src.width < 2 || src.height < 2) return;  // nothing lies inside
+  SampleRow row(columns, src.Extents());
+  std::vector<float> widened;
+  if (src.element_bytes < kMoved) {
+    NeedSamples(images, src, dst, matrix, row);
+    widened = Widened(from, runtime::ByteCount(images.src.shape), src.element_bytes);
+  }
+  auto const* const values = widened.empty() ? reinterpret_cast<float const*>(from) : widened.data();
+  auto* const results = reinterpret_cast<float*>(to);
+  for (std::size_t y = 0; y < dims[1]; ++y) {
+    rows::LocatePixels(matrix, static_cast<float>(y), columns, src.Extents(), row.Samples());
+    for (std::size_t c = 0; c < dst.channels; ++c) {
+      row.Blend(values + c * static_cast<std::size_t>(src.width * src.height), true, results + c * plane + y * columns);
     }
   }
 }
@@ -213,30 +233,6 @@ struct AxisTerms {
   std::vector<float> x, y;
 };
 
-// The free form's rule: each neighbour has a test of its own, and t00, t10 and t01 take row and column 0 for outside.
-Sample FreeSample(float sx, float sy, std::int64_t width, std::int64_t height) {
-  std::int64_t const ix = Truncated(sx), iy = Truncated(sy);
-  bool const left = 0 < ix && ix < width, upper = 0 < iy && iy < height;
-  bool const right = 0 <= ix && ix + 1 < width, lower = 0 <= iy && iy + 1 < height;
-  Sample s;
-  s.inside = (left && upper ? kT00 : 0) | (right && upper ? kT10 : 0) | (left && lower ? kT01 : 0) |
-             (right && lower ? kT11 : 0);
-  if (s.inside == 0) return s;
-  s.index = iy * width + ix;
-  s.fx = sx - static_cast<float>(ix);
-  s.fy = sy - static_cast<float>(iy);
-  return s;
-}
-
-float SampleValue(unsigned char const* plane, std::int64_t width, Sample const& s) {
-  if (s.inside == kAll) return BlendInside(plane, sizeof(float), static_cast<std::size_t>(width), s);
-  auto const load = [&](unsigned int bit, std::int64_t index) {
-    return (s.inside & bit) != 0 ? LoadFloat(plane + static_cast<std::size_t>(index) * sizeof(float)) : 0.0f;
-  };
-  return Blend(s, load(kT00, s.index), load(kT10, s.index + 1), load(kT01, s.index + width),
-               load(kT11, s.index + width + 1));
-}
-
 }  // namespace
 
 void F_WarpAffine_Bilinear_CHW_F32_Arm(TensorPtr const& i_img, TensorPtr const& i_mat, TensorPtr& o_img) {
@@ -246,26 +242,29 @@ void F_WarpAffine_Bilinear_CHW_F32_Arm(TensorPtr const& i_img, TensorPtr const& 
   NeedRank(__func__, "i_img", input, 3);
   NeedRank(__func__, "o_img", output, 3);
   std::size_t const height = input.shape.dims[1], width = input.shape.dims[2];
-  std::size_t const channels = output.shape.dims[0], rows = output.shape.dims[1], columns = output.shape.dims[2];
+  std::size_t const channels = output.shape.dims[0], lines = output.shape.dims[1], columns = output.shape.dims[2];
   float m[6];
   std::memcpy(m, Memory(__func__, "i_mat", matrix, sizeof(m)), sizeof(m));
-  std::size_t const plane = Volume(rows, columns, sizeof(float));
-  unsigned char* const to = Memory(__func__, "o_img", output, Volume(channels, plane));
+  std::size_t const plane = Volume(lines, columns);
+  auto* const to = reinterpret_cast<float*>(Memory(__func__, "o_img", output, Volume(channels, plane, sizeof(float))));
   if (channels == 0 || plane == 0) return;
-  std::size_t const from_plane = Volume(height, width, sizeof(float));
-  unsigned char const* const from = Memory(__func__, "i_img", input, Volume(channels, from_plane));
-  AxisTerms const by_row(m[1], m[4], height, rows), by_column(m[0], m[3], width, columns);
+  std::size_t const from_plane = Volume(height, width);
+  auto const* const from =
+      reinterpret_cast<float const*>(Memory(__func__, "i_img", input, Volume(channels, from_plane, sizeof(float))));
+  if (from_plane == 0) {
+    std::fill_n(to, channels * plane, 0.0f);
+    return;
+  }
+  AxisTerms const by_row(m[1], m[4], height, lines), by_column(m[0], m[3], width, columns);
   float const ox = (m[2] * 0.5f + 0.5f) * static_cast<float>(width) - 0.5f;
   float const oy = (m[5] * 0.5f + 0.5f) * static_cast<float>(height) - 0.5f;
-  auto const w = static_cast<std::int64_t>(width), h = static_cast<std::int64_t>(height);
-  unsigned char* pixel = to;
-  for (std::size_t j = 0; j < rows; ++j) {
-    for (std::size_t i = 0; i < columns; ++i, pixel += sizeof(float)) {
-      Sample const s = FreeSample(by_column.x[i] + by_row.x[j] + ox, by_column.y[i] + by_row.y[j] + oy, w, h);
-      for (std::size_t c = 0; c < channels; ++c) {
-        float const value = SampleValue(from + c * from_plane, w, s);
-        std::memcpy(pixel + c * plane, &value, sizeof(value));
-      }
+  rows::PlaneExtents const extents = {static_cast<std::int32_t>(width), static_cast<std::int32_t>(height)};
+  SampleRow row(columns, extents);
+  for (std::size_t j = 0; j < lines; ++j) {
+    rows::LocateSums({by_column.x.data(), by_column.y.data(), by_row.x[j], by_row.y[j], ox, oy}, columns, extents,
+                     row.Samples());
+    for (std::size_t c = 0; c < channels; ++c) {
+      row.Blend(from + c * from_plane, false, to + c * plane + j * columns);
     }
   }
 }

@@ -6,6 +6,7 @@
 #include "talvo/image/image_process_fallback.h"
 #include "talvo/image/image_support.h"
 #include "talvo/image/planes_support.h"
+#include "talvo/kernel/rows/pixels.h"
 #include "talvo/utility/restrict.h"
 
 namespace talvo::kernel {
@@ -25,65 +26,39 @@ struct Frame {
 
 // Both conversions walk the frame in bands of two rows: the chrominance part of each plane is worked out once for a
 // block, as a `Term` for both of its columns, and then joined with the luminance of both rows. A Math gives
-//   Term Chrominance<plane>(a, b)      the part of a block
-//   unsigned char Join(y, Term)        the byte of a pixel
-
-template <std::size_t kPlane, class Math>
-void ChrominanceRow(Math const math, unsigned char const* a, unsigned char const* b, std::size_t step,
-                    std::size_t blocks, typename Math::Term* TALVO_RESTRICT terms) {
-  for (std::size_t i = 0; i < blocks; ++i) {
-    auto const term = math.template Chrominance<kPlane>(a[i * step], b[i * step]);
-    terms[2 * i] = term;
-    terms[2 * i + 1] = term;
-  }
-}
-
-template <class Math>
-void JoinRow(Math const math, unsigned char const* TALVO_RESTRICT luminance,
-             typename Math::Term const* TALVO_RESTRICT terms, std::size_t columns,
-             unsigned char* TALVO_RESTRICT plane) {
-  for (std::size_t i = 0; i < columns; ++i) plane[i] = math.Join(luminance[i], terms[i]);
-}
-
-template <std::size_t kPlane, class Math>
-void ConvertPlane(Frame const& frame, Math const& math, unsigned char* plane) {
-  constexpr std::size_t kBlock = 2048;  // columns whose terms stay in the first cache
-  typename Math::Term terms[kBlock];
-  std::size_t const chrominance_row = frame.width / 2 * frame.step;
-  for (std::size_t y = 0; y < frame.height; y += 2) {
-    for (std::size_t x = 0; x < frame.width; x += kBlock) {
-      std::size_t const columns = std::min(kBlock, frame.width - x);
-      std::size_t const block = y / 2 * chrominance_row + x / 2 * frame.step;
-      std::size_t const pixel = y * frame.width + x;
-      if (frame.step == 1) {
-        ChrominanceRow<kPlane>(math, frame.a + block, frame.b + block, 1, columns / 2, terms);
-      } else {
-        ChrominanceRow<kPlane>(math, frame.a + block, frame.b + block, 2, columns / 2, terms);
-      }
-      JoinRow(math, frame.luminance + pixel, terms, columns, plane + pixel);
-      JoinRow(math, frame.luminance + pixel + frame.width, terms, columns, plane + pixel + frame.width);
-    }
-  }
-}
+//   Chrominance(plane, a, b, step, blocks, terms)   the parts of a row of blocks, two equal terms for each
+//   Join(luminance, terms, columns, to)             the bytes of a row of pixels
 
 template <class Math>
 void ConvertFrame(Frame const& frame, Math const& math, Planes const& planes) {
-  ConvertPlane<0>(frame, math, planes[0]);
-  ConvertPlane<1>(frame, math, planes[1]);
-  ConvertPlane<2>(frame, math, planes[2]);
+  constexpr std::size_t kBlock = 2048;  // columns whose luminance and terms stay in the first cache
+  typename Math::Term terms[kBlock];
+  std::size_t const w = frame.width, chrominance_row = w / 2 * frame.step;
+  for (std::size_t y = 0; y < frame.height; y += 2) {
+    for (std::size_t x = 0; x < w; x += kBlock) {
+      std::size_t const columns = std::min(kBlock, w - x), pixel = y * w + x;
+      std::size_t const block = y / 2 * chrominance_row + x / 2 * frame.step;
+      for (std::size_t k = 0; k < planes.size(); ++k) {
+        math.Chrominance(k, frame.a + block, frame.b + block, frame.step, columns / 2, terms);
+        math.Join(frame.luminance + pixel, terms, columns, planes[k] + pixel);
+        math.Join(frame.luminance + pixel + w, terms, columns, planes[k] + pixel + w);
+      }
+    }
+  }
 }
 
 // The class's fixed coefficients, a = U and b = V. As bytes wrap, (64 y + k) >> 6 = y + (k >> 6): the term is a byte.
 struct FixedMath {
   using Term = unsigned char;
 
-  template <std::size_t kPlane>
-  Term Chrominance(unsigned char a, unsigned char b) const {
-    constexpr int kU[] = {0, -22, 113}, kV[] = {90, -46, 0};
-    auto const sum = static_cast<std::int16_t>(kU[kPlane] * (a - 128) + kV[kPlane] * (b - 128));
-    return static_cast<Term>(sum >> 6);
+  void Chrominance(std::size_t plane, unsigned char const* a, unsigned char const* b, std::size_t step,
+                   std::size_t blocks, Term* terms) const {
+    constexpr std::int16_t kU[] = {0, -22, 113}, kV[] = {90, -46, 0};
+    rows::ChrominanceBytes(a, b, step, kU[plane], kV[plane], blocks, terms);
   }
-  unsigned char Join(unsigned char y, Term term) const { return static_cast<unsigned char>(y + term); }
+  void Join(unsigned char const* luminance, Term const* terms, std::size_t columns, unsigned char* to) const {
+    rows::AddBytes(luminance, terms, columns, to);
+  }
 };
 
 enum class Order { kUV, kVU, kUThenV };
@@ -146,14 +121,27 @@ struct MatrixMath {
   static Term Fixed(float value, float scale) { return static_cast<Term>(TruncateToInt(value * scale)); }
   static Term Product(unsigned int x, unsigned int y) { return static_cast<Term>(x * y); }
 
-  template <std::size_t kPlane>
-  Term Chrominance(unsigned char a, unsigned char b) const {
-    return static_cast<Term>(Product(static_cast<Term>(a - a_offset), a_gain[kPlane]) +
-                             Product(static_cast<Term>(b - b_offset), b_gain[kPlane]));
+  template <std::size_t kStep>
+  void TermRow(std::size_t plane, unsigned char const* a, unsigned char const* b, std::size_t blocks,
+               Term* TALVO_RESTRICT terms) const {
+    Term const gain_a = a_gain[plane], gain_b = b_gain[plane], offset_a = a_offset, offset_b = b_offset;
+    for (std::size_t i = 0; i < blocks; ++i) {
+      Term const from_a = Product(static_cast<Term>(a[i * kStep] - offset_a), gain_a);
+      Term const from_b = Product(static_cast<Term>(b[i * kStep] - offset_b), gain_b);
+      terms[2 * i] = terms[2 * i + 1] = static_cast<Term>(from_a + from_b);
+    }
   }
-  unsigned char Join(unsigned char y, Term term) const {
-    auto const sum = static_cast<Term>(Product(static_cast<Term>(y - y_offset), y_gain) + term);
-    return static_cast<unsigned char>(sum >> 5);
+  void Chrominance(std::size_t plane, unsigned char const* a, unsigned char const* b, std::size_t step,
+                   std::size_t blocks, Term* terms) const {
+    step == 1 ? TermRow<1>(plane, a, b, blocks, terms) : TermRow<2>(plane, a, b, blocks, terms);
+  }
+  void Join(unsigned char const* TALVO_RESTRICT luminance, Term const* TALVO_RESTRICT terms, std::size_t columns,
+            unsigned char* TALVO_RESTRICT to) const {
+    Term const gain = y_gain, offset = y_offset;
+    for (std::size_t i = 0; i < columns; ++i) {
+      auto const sum = static_cast<Term>(Product(static_cast<Term>(luminance[i] - offset), gain) + terms[i]);
+      to[i] = static_cast<unsigned char>(sum >> 5);
+    }
   }
 
   Term y_gain, a_gain[3], b_gain[3], y_offset, a_offset, b_offset;

@@ -1,0 +1,95 @@
+#include "talvo/kernel/rows/samples.h"
+
+#include "talvo/utility/restrict.h"
+
+namespace talvo::kernel::rows {
+namespace {
+
+// Truncated; -1, which lies outside every plane, for what is NaN or no int.
+TALVO_ROWS_INLINE std::int32_t Truncated(float position) {
+  bool const is_int = (position > -2147483648.0f) & (position < 2147483648.0f);
+  return is_int ? static_cast<std::int32_t>(position) : -1;
+}
+
+struct LocatePixelsBody {
+  template <class Set>
+  static TALVO_ROWS_INLINE void Run(float const* m, float const y, std::size_t count, PlaneExtents const plane,
+                                    Samples const& samples) {
+    std::int32_t* TALVO_RESTRICT const inside = samples.inside;
+    std::int32_t* TALVO_RESTRICT const index = samples.index;
+    float* TALVO_RESTRICT const fx = samples.fx;
+    float* TALVO_RESTRICT const fy = samples.fy;
+    float const m0 = m[0], m1 = m[1], m2 = m[2], m3 = m[3], m4 = m[4], m5 = m[5];
+    auto const length = static_cast<std::int32_t>(count);
+    for (std::int32_t x = 0; x < length; ++x) {
+      auto const column = static_cast<float>(x);
+      float const u = m0 * column + m1 * y + m2, v = m3 * column + m4 * y + m5;
+      std::int32_t const ix = Truncated(u), iy = Truncated(v);
+      bool const in = (ix >= 0) & (ix < plane.width - 1) & (iy >= 0) & (iy < plane.height - 1);
+      inside[x] = in ? kAllFour : 0;
+      index[x] = (in ? iy : 0) * plane.width + (in ? ix : 0);
+      fx[x] = u < 0.0f ? 0.0f : u - static_cast<float>(ix);
+      fy[x] = v < 0.0f ? 0.0f : v - static_cast<float>(iy);
+    }
+  }
+};
+
+struct LocateSumsBody {
+  template <class Set>
+  static TALVO_ROWS_INLINE void Run(AxisSums const& sums, std::size_t count, PlaneExtents const plane,
+                                    Samples const& samples) {
+    std::int32_t* TALVO_RESTRICT const inside = samples.inside;
+    std::int32_t* TALVO_RESTRICT const index = samples.index;
+    float* TALVO_RESTRICT const fx = samples.fx;
+    float* TALVO_RESTRICT const fy = samples.fy;
+    float const* TALVO_RESTRICT const x_terms = sums.x_terms;
+    float const* TALVO_RESTRICT const y_terms = sums.y_terms;
+    float const x_row = sums.x_row, y_row = sums.y_row, x_offset = sums.x_offset, y_offset = sums.y_offset;
+    for (std::size_t i = 0; i < count; ++i) {
+      fx[i] = x_terms[i] + x_row + x_offset;
+      fy[i] = y_terms[i] + y_row + y_offset;
+    }
+    for (std::size_t i = 0; i < count; ++i) {
+      float const u = fx[i], v = fy[i];
+      std::int32_t const ix = Truncated(u), iy = Truncated(v);
+      bool const left = (0 < ix) & (ix < plane.width), upper = (0 < iy) & (iy < plane.height);
+      bool const right = (0 <= ix) & (ix < plane.width - 1), lower = (0 <= iy) & (iy < plane.height - 1);
+      std::int32_t const in_rows = (upper ? kT00 | kT10 : 0) | (lower ? kT01 | kT11 : 0);
+      std::int32_t const in_columns = (left ? kT00 | kT01 : 0) | (right ? kT10 | kT11 : 0);
+      std::int32_t const bits = in_rows & in_columns;
+      float const du = u - static_cast<float>(ix), dv = v - static_cast<float>(iy);
+      bool const any = bits != 0;
+      inside[i] = bits;
+      index[i] = (any ? iy : 0) * plane.width + (any ? ix : 0);
+      fx[i] = any ? du : 0.0f;
+      fy[i] = any ? dv : 0.0f;
+    }
+  }
+};
+
+struct BlendPairsBody {
+  template <class Set>
+  static TALVO_ROWS_INLINE void Run(float const* TALVO_RESTRICT upper, float const* TALVO_RESTRICT lower,
+                                    Samples const& samples, bool const keep, std::size_t count,
+                                    float* TALVO_RESTRICT results) {
+    std::int32_t const* TALVO_RESTRICT const inside = samples.inside;
+    float const* TALVO_RESTRICT const fx = samples.fx;
+    float const* TALVO_RESTRICT const fy = samples.fy;
+    std::int32_t const never = keep ? 0 : -1;  // no sample has these neighbours
+    for (std::size_t i = 0; i < count; ++i) {
+      float const t00 = upper[2 * i], t10 = upper[2 * i + 1], t01 = lower[2 * i], t11 = lower[2 * i + 1];
+      float const value =
+          (t11 * fx[i] + t01 * (1.0f - fx[i])) * fy[i] + (t10 * fx[i] + t00 * (1.0f - fx[i])) * (1.0f - fy[i]);
+      results[i] = inside[i] == never ? results[i] : value;
+    }
+  }
+};
+
+}  // namespace
+
+Primitive<void(float const*, float, std::size_t, PlaneExtents, Samples const&)> const LocatePixels{LocatePixelsBody()};
+Primitive<void(AxisSums const&, std::size_t, PlaneExtents, Samples const&)> const LocateSums{LocateSumsBody()};
+Primitive<void(float const*, float const*, Samples const&, bool, std::size_t, float*)> const BlendPairs{
+    BlendPairsBody()};
+
+}  // namespace talvo::kernel::rows
