@@ -47,7 +47,8 @@ void AddFurtherBranches(ModelBuilder& net) {
   up.scale_factor_x = up.scale_factor_y = 2.0f;
   up.unsample_type = 1;
   net.Add<ConcatenateInfo>("stack", {"shuffled", "up"}, "Concatenate_MainMemory_Fallback");
-  net.Add<GridSampleInfo>("sampled", {"stack", "wide"}, "GridSample_Fallback_CHW_Float_M1").mode = 1;
+  auto& sampled = net.Add<GridSampleInfo>("sampled", {"stack", "wide"}, "GridSample_Fallback_CHW_Float_M1");
+  sampled.mode = sampled.padding_mode = 1;
   net.Add<TensorTransposeInfo>("turned", {"both"}, "Transform_MainMemory_Permute_Fallback").axes = {0, 2, 3, 1};
   net.Add<TensorReshapeInfo>("steps", {"turned"}, "Transform_MainMemory_Reshape_Fallback").new_shape = {1, 4, 32};
   auto& gru = net.Add<GRUInfo>("sequence", {"steps"}, "GRU_Fallback_SC_F32_M1");

@@ -1,11 +1,13 @@
-// A model of a dozen small layers of many kinds: it seeds the fuzzing of packages and walks the whole road in tests.
+// A model of some twenty small layers of many kinds: it seeds the fuzzing of packages and walks the whole road in
+// tests.
 #pragma once
 
 #include "tests/support/model_builder.h"
 
 namespace talvo::test {
 
-/// Input "picture" CHW {3, 8, 8}; outputs "classes" {5} and "plane" {2, 8, 8}. Every weight is exact in binary16, so
+/// Input "picture" CHW {3, 8, 8}; outputs "classes" {5}, "plane" {2, 8, 8}, "sequence" {4, 4} and
+/// "sampled" {10, 2, 8}. Every weight is exact in binary16, so
 /// that both package forms hold the same numbers.
 ModelBuilder SmallModel();
 
