@@ -180,8 +180,9 @@ Record RecordFor(std::string const& name) {
 
 // Texts of the interface that name no kernel; a net adds the layer.
 bool IsFixedText(std::string const& text) {
-  for (char const* fixed : {"[TLN]: ", "[TLN]: Invalid forward input param\n", "[TLN]: input tensor shapes error.\n",
-                            "[TLN]: dimensions of shape must be equal to tranpose axes's.\n"}) {
+  for (char const* fixed :
+       {"[TLN]: ", "[TLN]: Invalid forward input param\n", "[TLN]: input tensor shapes error.\n",
+        "[TLN]: dimensions of shape must be equal to tranpose axes's.\n", "[TLN]: Invalid input data type\n"}) {
     if (text == fixed) return true;
   }
   return false;
