@@ -35,12 +35,16 @@ class ElementKernel : public IKernel {
   std::vector<TensorShape> GetOutputShapes(std::vector<TensorShape> const& inputs) const override {
     return {inputs.front()};
   }
-  int IsValidInput(Tensors const& inputs) const override { return inputs.empty() ? -2 : 0; }
+  int IsValidInput(Tensors const& inputs) const override {
+    bool const valid = !inputs.empty() && inputs.front()->shape.dims == inputs.back()->shape.dims;
+    return valid ? 0 : -2;
+  }
   int IsValidOutput(Tensors const& outputs) const override { return outputs.size() == 1 ? 0 : -2; }
 
   // A kernel makes its own outputs; while a net runs they come from the device's pool for intermediate tensors.
   int Forward(Tensors const& inputs, Tensors& outputs, std::shared_ptr<Context> context) const override {
-    talvo::utility::Assert(IsValidInput(inputs) == 0, "%s: got no input, needs 1 or 2", name_.c_str());
+    talvo::utility::Assert(IsValidInput(inputs) == 0, "%s: got %zu inputs, needs 1 or 2 of equal dims", name_.c_str(),
+                           inputs.size());
     auto const y = context->device_cpu->CreateTensor(GetOutputShapes({inputs[0]->shape})[0], nullptr);
     auto const* const a = static_cast<float const*>(inputs.front()->data);
     auto const* const b = static_cast<float const*>(inputs.back()->data);

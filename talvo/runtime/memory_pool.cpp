@@ -62,9 +62,10 @@ void* AlignedPool::Malloc(unsigned long size) {
       return TakeFreeBlock(free_blocks_, i, used_blocks_);
     }
   }
-  void* const block = AlignMalloc(size);
-  used_blocks_.emplace(block, size);
-  return block;
+  auto const release = [this](void* pointer) { AlignFree(pointer); };
+  std::unique_ptr<void, decltype(release)> block(AlignMalloc(size), release);
+  used_blocks_.emplace(block.get(), size);
+  return block.release();
 }
 
 void AlignedPool::Free(void* pointer) {

@@ -45,6 +45,7 @@ char const* LevelPrefix(int level) {
 }  // namespace
 
 int SetLogTag(char const* tag) {
+  Assert(tag != nullptr, "SetLogTag: got null, needs a text");
   if (tag[0] == '\0') return -1;
   log_tag = tag;
   return 0;
@@ -62,6 +63,7 @@ int SetLogLevel(unsigned int mask) {
 }
 
 int GetLogLevel(unsigned int* mask) {
+  Assert(mask != nullptr, "GetLogLevel: got null, needs a place for the mask");
   *mask = level_mask;
   return 0;
 }
@@ -69,6 +71,7 @@ int GetLogLevel(unsigned int* mask) {
 std::string Log(int level, char const* format, ...) {
   char const* const prefix = LevelPrefix(level);
   if (prefix != nullptr && (level_mask & static_cast<unsigned int>(level)) != 0) {
+    Assert(format != nullptr, "Log: got a null format, needs a text");
     va_list arguments;
     va_start(arguments, format);
     std::vsnprintf(message_buffer, sizeof message_buffer, format, arguments);
@@ -96,6 +99,7 @@ int Assert(bool condition, char const* format, ...) {
 }
 
 std::string StrFormat(char const* format, ...) {
+  Assert(format != nullptr, "StrFormat: got a null format, needs a text");
   va_list arguments;
   va_start(arguments, format);
   std::vsnprintf(format_buffer, sizeof format_buffer, format, arguments);
@@ -104,6 +108,7 @@ std::string StrFormat(char const* format, ...) {
 }
 
 std::string StringFormat(char const* format, ...) {
+  Assert(format != nullptr, "StringFormat: got a null format, needs a text");
   va_list arguments;
   va_start(arguments, format);
   std::vsnprintf(message_buffer, sizeof message_buffer, format, arguments);

@@ -8,8 +8,8 @@
 
 namespace talvo::utility {
 
-/// Sets the text between the square brackets of every line ("TLN" at first). Returns 0, or -1 for an empty tag, which
-/// changes nothing. `tag` is copied and not null.
+/// Sets the text between the square brackets of every line ("TLN" at first); it is copied. Returns 0, or -1 for an
+/// empty tag, which changes nothing. Assert: null.
 TALVO_API int SetLogTag(char const* tag);
 
 /// Sets the sink that receives each finished line as a zero-terminated text that lives for the call; its result is
@@ -20,7 +20,7 @@ TALVO_API int SetLogCallback(int (*callback)(char const*));
 /// Returns 0.
 TALVO_API int SetLogLevel(unsigned int mask);
 
-/// Writes the mask to `mask`. Returns 0.
+/// Writes the mask to `mask`. Returns 0. Assert: null.
 TALVO_API int GetLogLevel(unsigned int* mask);
 
 /// Formats like printf, cut to 2047 characters, and gives "[tag] (Info): text" (or the level's other prefix) to the

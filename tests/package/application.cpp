@@ -1,4 +1,5 @@
-// Makes a context, a tensor and a view of it in another order, through the installed headers and library.
+// Makes a context, a tensor and its copy in another order, and fills the registries, which draws in every kernel and
+// the CBLAS behind them: all through the installed headers and library.
 #include <talvo/talvo.h>
 
 #include <cstdio>
@@ -12,5 +13,8 @@ int main() {
   auto const y = x->Permute({1, 0});
   std::cout << y->shape;
   talvo::utility::Log(4, "element (2, 1) is %g", static_cast<double>(*y->Locate2D<float>(2, 1)));
+  talvo::runtime::ClassRegistry<std::shared_ptr<talvo::runtime::IKernel>> kernels;
+  talvo::runtime::ClassRegistry<std::shared_ptr<talvo::runtime::InferenceParam>> params;
+  talvo::utility::init_register_operators(kernels, params);
   return *y->Locate2D<float>(2, 1) == 6.0f ? 0 : 1;
 }

@@ -79,6 +79,15 @@ TEST_F(LogTest, RefusesEmptySettings) {
   EXPECT_EQ(sink_.Lines(), Lines{"[APP] (Info): still here"});
 }
 
+TEST_F(LogTest, RefusesNullInPlaceOfAFault) {
+  char const* const no_format = nullptr;
+  EXPECT_NE(test::RefusalOf([] { SetLogTag(nullptr); }).find("SetLogTag"), std::string::npos);
+  EXPECT_NE(test::RefusalOf([] { GetLogLevel(nullptr); }).find("GetLogLevel"), std::string::npos);
+  EXPECT_NE(test::RefusalOf([&] { Log(4, no_format); }).find("Log: "), std::string::npos);
+  EXPECT_NE(test::RefusalOf([&] { StrFormat(no_format); }).find("StrFormat: "), std::string::npos);
+  EXPECT_NE(test::RefusalOf([&] { StringFormat(no_format); }).find("StringFormat: "), std::string::npos);
+}
+
 TEST_F(LogTest, AssertReportsAndThrowsTheSameTextWhateverTheMask) {
   SetLogLevel(0);
   EXPECT_EQ(Log(16, "masked").find("masked"), std::string::npos);
@@ -99,20 +108,6 @@ TEST_F(LogTest, AssertWithoutATextThrowsTheTagAndReportsNothing) {
     EXPECT_STREQ(refusal.what(), "[TLN]: ");
   }
   EXPECT_EQ(sink_.Lines(), Lines());
-}
-
-// A process of its own: the state of a fresh one, and the sink that no call brings back.
-TEST(LogDeathTest, WritesToStandardOutputAtFirst) {
-  testing::GTEST_FLAG(death_test_style) = "threadsafe";
-  auto const fresh = [] {
-    testing::internal::CaptureStdout();
-    std::string const before = Log(1, "masked");
-    Log(4, "line");
-    Log(16, "error");
-    std::string const output = testing::internal::GetCapturedStdout();
-    std::_Exit(before.empty() && output == "[TLN] (Info): line\n[TLN]: error\n\n" ? 0 : 1);
-  };
-  EXPECT_EXIT(fresh(), testing::ExitedWithCode(0), "");
 }
 
 TEST(StrReplaceAll, StartsAgainAtTheFront) {

@@ -283,16 +283,17 @@ struct SplitRowsBody {
   static TALVO_ROWS_INLINE void SplitRow(float const* from, std::size_t count, float* even, float* odd) {
     constexpr std::size_t kStep = 2 * kLanes;
     std::size_t const pairs = count - count % 2;
-    for (std::size_t i = 0; pairs >= kStep; i = std::min(i + kStep, pairs - kStep)) {
+    std::size_t const whole = pairs >= kStep ? pairs : 0;
+    for (std::size_t next = 0; next < whole; next += kStep) {
+      std::size_t const i = std::min(next, whole - kStep);
       Vector<kLanes> a, b, low, high;
       Load<kLanes>(from + i, a);
       Load<kLanes>(from + i + kLanes, b);
       Split<kLanes>(a, b, low, high, std::make_integer_sequence<int, kLanes>());
       Store<kLanes>(low, even + i / 2);
       Store<kLanes>(high, odd + i / 2);
-      if (i == pairs - kStep) break;
     }
-    for (std::size_t i = pairs >= kStep ? pairs : 0; i < count; ++i) (i % 2 == 0 ? even : odd)[i / 2] = from[i];
+    for (std::size_t i = whole; i < count; ++i) (i % 2 == 0 ? even : odd)[i / 2] = from[i];
   }
 };
 
