@@ -4,6 +4,7 @@
 #include <typeinfo>
 
 #include "talvo/serialization/record_support.h"
+#include "talvo/utility/log.h"
 
 namespace talvo::runtime {
 namespace {
@@ -152,6 +153,7 @@ void InferenceParamMetalComputeCommon::VisitAttr(std::shared_ptr<Visitor> visito
 }
 
 std::shared_ptr<InferenceParam> CreateInferenceParamPtr(char const* name) {
+  utility::Assert(name != nullptr, "an inference parameter record needs the name of its class, got null");
   for (Maker const& maker : kMakers) {
     if (maker.name == name) return maker.make();
   }

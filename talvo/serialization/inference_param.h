@@ -170,7 +170,7 @@ class TALVO_API InferenceParamMetalComputeCommon : public InferenceParam {
   float activation_alpha = 1.0f, activation_beta = 0.0f;
 };
 
-/// A fresh record of the class of this name; empty for a name that configurations cannot bring in. `name` is not null.
+/// A fresh record of the class of this name; empty for a name that configurations cannot bring in. Assert: a null name.
 TALVO_API std::shared_ptr<InferenceParam> CreateInferenceParamPtr(char const* name);
 
 }  // namespace talvo::runtime

@@ -247,7 +247,11 @@ struct JSONNodeGetter::Index {
   std::map<std::string_view, Value const*> members;
 };
 
-JSONNodeGetter::JSONNodeGetter(Value const& node, unsigned int version) : node_(node) {
+JSONNodeGetter::JSONNodeGetter(Value const& node, unsigned int version) : node_(node) { TakeVersion(version); }
+
+JSONNodeGetter::~JSONNodeGetter() = default;
+
+void JSONNodeGetter::TakeVersion(unsigned int version) {
   if (version != 0) {
     _serialization_protocol_version = version;
     return;
@@ -259,8 +263,6 @@ JSONNodeGetter::JSONNodeGetter(Value const& node, unsigned int version) : node_(
   utility::Assert(_serialization_protocol_version <= __SERIALIZATION_PROTOCOL_VERSION__,
                   "_serialization_protocol_version > __SERIALIZATION_PROTOCOL_VERSION__.");
 }
-
-JSONNodeGetter::~JSONNodeGetter() = default;
 
 Value const* JSONNodeGetter::FindOrNull(char const* key) {
   AssertAt(node_.IsObject(), path_, key, "a record is read from an object");
@@ -298,8 +300,9 @@ void JSONNodeGetter::Take(Serializable* record, char const* key) {
   Value const& value = Find(key);
   if (value.IsNull()) return;
   AssertAt(value.IsObject() || value.IsArray(), path_, key, "Created node is a unkown value.");
-  auto const nested = std::make_shared<JSONNodeGetter>(value, _serialization_protocol_version);
+  auto const nested = std::make_shared<JSONNodeGetter>(value, __SERIALIZATION_PROTOCOL_VERSION__);
   nested->path_ = Joined(path_, key);
+  nested->TakeVersion(_serialization_protocol_version);  // once the path is known: it may refuse
   record->VisitAttr(nested);
 }
 

@@ -57,6 +57,7 @@ class TALVO_API JSONNodeGetter : public Visitor {
  private:
   struct Index;
 
+  void TakeVersion(unsigned int version);
   rapidjson::Value const* FindOrNull(char const* key);
   rapidjson::Value const& Find(char const* key);
   template <class T>

@@ -7,6 +7,8 @@
 
 namespace talvo::runtime {
 
+LayerInfo::LayerInfo() : LayerInfo(65535, "LayerInfo") {}
+
 LayerInfo::LayerInfo(unsigned short type_number, char const* class_name) : type(type_number) {
   serializable_type = class_name;
 }

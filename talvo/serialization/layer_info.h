@@ -15,11 +15,11 @@ namespace talvo::runtime {
 /// name. All strings of weights hold base64 text of little-endian float32.
 class TALVO_API LayerInfo : public Serializable {
  public:
-  LayerInfo() = default;
+  LayerInfo();
   /// An unreadable `type` is logged and left as it is; the walk goes on.
   void VisitAttr(std::shared_ptr<Visitor> visitor) override;
 
-  unsigned short type = 65535;
+  unsigned short type;                 // 65535 where no derived class gives its number
   std::string id = " ";                // unique within a model
   std::vector<std::string> input_ids;  // the layers whose outputs this one takes, in order
   unsigned short read_count = 0;       // layers that read this one; recomputed by TLModelInfo::GetOutputIDs

@@ -105,6 +105,18 @@ TEST(JSONNodeGetter, RefusesWithTheKeyAndItsPath) {
   }
 }
 
+// A version of 0 sends each nested record to look for a version of its own.
+TEST(JSONNodeGetter, NamesThePathOfANestedVersion) {
+  std::string const start =
+      R"({"serialization_protocol_version": 0, "sdk_type": "", "core_major_ver": 1, "core_minor_ver": 0,
+          "sdk_major_ver": 1, "sdk_minor_ver": 0, "model_arr": )";
+  for (char const* nested : {"[]}", "{\"serialization_protocol_version\": -1}}"})
+    EXPECT_NE(RefusalOf([&] {
+                TLNModel().FromJsonString((start + nested).c_str());
+              }).find("path \"model_arr.serialization_protocol_version\""),
+              std::string::npos);
+}
+
 TEST(JSONNodeGetter, LeavesARecordUnderNullAsItIs) {
   NetExtraInfo extra;
   extra.time.year = 1999;

@@ -169,6 +169,7 @@ TEST(InferenceParam, IsMadeByTheNamesOfConfigurations) {
   for (char const* name : {"", "InferenceParam", "InferenceParamConv2DCUDA", "InferenceParamVulkan",
                            "InferenceParamConv2DVulkan", "InferenceParamConvTranspose2DOpenGLCompute"})
     EXPECT_EQ(CreateInferenceParamPtr(name), nullptr) << name;
+  EXPECT_NE(RefusalOf([] { CreateInferenceParamPtr(nullptr); }), "");
 }
 
 TEST(KernelCfg, KeepsItsParameterRecordWhenReadAgain) {

@@ -8,6 +8,7 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <limits>
 
 #include "talvo/serialization/layer_info_activation.h"
 #include "talvo/serialization/layer_info_conv.h"
@@ -119,6 +120,20 @@ TEST_F(RunPackageTest, ListsWhatThePackageHolds) {
   ExpectError("two.tlnmodel --model other", "has no configurations");
 }
 
+TEST_F(RunPackageTest, ListsNumbersThatJSONCannotHold) {
+  auto const package = test::SmallModel().Package("small");
+  auto const clip = std::make_shared<runtime::ClipInfo>();
+  clip->maximum_value = half_float::half(std::numeric_limits<float>::infinity());
+  runtime::TLModelInfo& model = *package->model_arr->models.at("small");
+  model.squential_ids.push_back("open");
+  model.squential_types.push_back(clip->type);
+  model.layers["open"] = clip;
+  Save(*package, "open.tlnmodel");
+  Result const result = Run("open.tlnmodel --list");
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_NE(result.out.find("16 layers, 976 bytes of weights"), std::string::npos) << result.out;
+}
+
 TEST_F(RunPackageTest, RunsOnWithTheNextInputs) {
   ModelBuilder builder;
   builder.AddInput("in/1");
@@ -148,9 +163,12 @@ TEST_F(RunPackageTest, ReportsBadInputInOneLine) {
   Save(*small(), "p.tlnmodel");
   Save(*small(), "p.json");
   std::string const whole = ReadAll(folder_ / "p.tlnmodel");
+  std::string const half = std::to_string(whole.size() / 2);
   Write(folder_ / "cut.tlnmodel", whole.substr(0, whole.size() / 2));
   Write(folder_ / "cut.json", ReadAll(folder_ / "p.json").substr(0, 500));
   Write(folder_ / "empty.tlnmodel", "");
+  Write(folder_ / "array.json", "[]");
+  Write(folder_ / "keyless.json", "{}");
   fs::create_directory(folder_ / "folder.json");
   Write(folder_ / "text.npy", "no array");
   Write(folder_ / "cut.npy", ReadAll(folder_ / "in.npy").substr(0, 300));
@@ -164,11 +182,13 @@ TEST_F(RunPackageTest, ReportsBadInputInOneLine) {
   std::string const run = " --input picture=in.npy";
   for (Case const& c : std::vector<Case>{{"none.tlnmodel", "none.tlnmodel: cannot be opened"},
                                          {"none.json", "none.json"},
-                                         {"folder.json", "folder.json"},
+                                         {"folder.json", "folder.json: is a folder"},
                                          {"p.onnx", "p.onnx: a package ends in"},
-                                         {"cut.tlnmodel", "cut.tlnmodel: "},
-                                         {"cut.json", "cut.json: "},
-                                         {"empty.tlnmodel --list", "empty.tlnmodel: "},
+                                         {"cut.tlnmodel", "cut.tlnmodel: at byte " + half + " of " + half + ": failed"},
+                                         {"cut.json", "cut.json: no JSON: line 18, column "},
+                                         {"array.json", "array.json: the text is no JSON object"},
+                                         {"keyless.json --list", "path \"sdk_type\""},
+                                         {"empty.tlnmodel --list", "empty.tlnmodel: at byte 0 of 0: "},
                                          {"p.json", "\"picture\" has no tensor"},
                                          {"p.json" + run + " --output nope", "no layer \"nope\""},
                                          {"p.json --input nope=in.npy", "no layer \"nope\""},

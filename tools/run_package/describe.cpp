@@ -32,22 +32,33 @@ bool IsWeightKey(std::string const& key) {
   return key == "scale";
 }
 
-// Weight arrays are the base64 strings of a record's JSON form, or arrays of them.
-std::size_t WeightBytes(LayerInfo& record) {
-  rapidjson::Document document;
-  rapidjson::Value const json = ToJSONValue(&record, document.GetAllocator());
+// Weight arrays are base64 texts of a record or lists of them; the JSON pair of visitors is the one that sees them as
+// texts. Nothing is written, so that numbers which JSON cannot hold are no hindrance.
+class WeightCounter : private rapidjson::Document, public JSONNodeSetter {
+ public:
+  WeightCounter() : rapidjson::Document(rapidjson::kObjectType), JSONNodeSetter(*this, GetAllocator(), false) {}
+
+#define TALVO_VISIT(type) \
+  void Visit(type* value, char const* key) override { Count(value, key); }
+  TALVO_FOR_EACH_VISITED_TYPE(TALVO_VISIT)
+#undef TALVO_VISIT
+
   std::size_t bytes = 0;
-  auto const add = [&bytes](rapidjson::Value const& value) {
-    if (value.IsString()) bytes += Base64Decode(std::string(value.GetString(), value.GetStringLength())).size();
-  };
-  for (auto const& member : json.GetObject()) {
-    if (!IsWeightKey(member.name.GetString())) continue;
-    add(member.value);
-    if (member.value.IsArray()) {
-      for (auto const& element : member.value.GetArray()) add(element);
-    }
+
+ private:
+  void Count(void const*, char const*) {}
+  void Count(std::string const* text, char const* key) {
+    if (IsWeightKey(key)) bytes += Base64Decode(*text).size();
   }
-  return bytes;
+  void Count(std::vector<std::string> const* texts, char const* key) {
+    for (std::string const& text : *texts) Count(&text, key);
+  }
+};
+
+std::size_t WeightBytes(LayerInfo& record) {
+  auto const counter = std::make_shared<WeightCounter>();
+  record.VisitAttr(counter);
+  return counter->bytes;
 }
 
 std::string Join(std::vector<std::string> const& words) {

@@ -32,18 +32,10 @@ std::string OneLine(std::string text) {
   return text;
 }
 
-void Describe(std::string const& path, run_package::Session const& session) {
-  try {
-    run_package::Describe(session.File(), std::cout);
-  } catch (std::exception const& error) {
-    throw std::runtime_error(path + ": " + error.what());
-  }
-}
-
 void Run(run_package::Arguments const& arguments) {
   run_package::Session session(arguments);
   if (arguments.list) {
-    Describe(arguments.package, session);
+    run_package::Describe(session.File(), std::cout);
   } else {
     RunAll(arguments, session);
   }

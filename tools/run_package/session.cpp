@@ -10,6 +10,7 @@
 #include "talvo/entry/register_operators.h"
 #include "talvo/utility/log.h"
 #include "tools/run_package/npy.h"
+#include "tools/run_package/package_file.h"
 
 namespace run_package {
 namespace {
@@ -36,22 +37,10 @@ int Report(char const* line) {
 
 [[noreturn]] void Refuse(std::string const& text) { throw std::runtime_error(text); }
 
-// The text of an exception of the library, without tag and newline.
-std::string Message(std::exception const& refusal) {
-  std::string text = refusal.what();
-  text.erase(text.find_last_not_of('\n') + 1);
-  auto const tag = text.find("]: ");
-  return text[0] == '[' && tag != std::string::npos ? text.substr(tag + 3) : text;
-}
-
 std::string Join(std::vector<std::string> const& ids) {
   std::string text;
   for (std::string const& id : ids) text += (text.empty() ? "" : ", ") + id;
   return text;
-}
-
-bool EndsIn(std::string const& text, std::string const& ending) {
-  return text.size() >= ending.size() && text.compare(text.size() - ending.size(), ending.size(), ending) == 0;
 }
 
 // The configurations among which the library chooses for a back end.
@@ -68,23 +57,11 @@ Session::Session(Arguments const& arguments) : path_(arguments.package), backend
   talvo::utility::SetLogCallback(Report);
   talvo::utility::create_context(context_, kAlignment);
   talvo::utility::init_register_operators(kernels_, params_);
-  ReadFile();
+  file_ = ReadPackage(path_);
   if (arguments.list) return;
   ChooseModel(arguments.model);
   BuildNet();
   if (!arguments.outputs.empty()) RequestOutputs(arguments.outputs);
-}
-
-void Session::ReadFile() {
-  bool const binary = EndsIn(path_, ".tlnmodel");
-  if (!binary && !EndsIn(path_, ".json")) Refuse(path_ + ": a package ends in .tlnmodel or .json");
-  file_ = std::make_shared<TLNModel>();
-  try {
-    if (!file_->FromFile(path_.c_str(), binary ? "bin" : "json")) Refuse("cannot be opened");
-  } catch (std::exception const& refusal) {
-    std::string const message = Message(refusal);
-    Refuse(path_ + ": " + (message.empty() ? "does not hold a package" : message));
-  }
 }
 
 void Session::ChooseModel(std::string const& wanted) {

@@ -38,7 +38,6 @@ class Session {
   static std::vector<std::string> const& Warnings();
 
  private:
-  void ReadFile();
   void ChooseModel(std::string const& wanted);
   void BuildNet();
   std::string RefusedKernel(talvo::runtime::TLModelMultiBackendCfgs const& configs) const;
