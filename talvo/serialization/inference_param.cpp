@@ -91,37 +91,7 @@ void InferenceParamOpenGLCompute::VisitAttr(std::shared_ptr<Visitor> visitor) {
   TALVO_VISIT_FIELD(local_z);
 }
 
-void InferenceParamConv2DOpenGLCompute::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  InferenceParamOpenGLCompute::VisitAttr(visitor);
-  TALVO_VISIT_FIELD(activation);
-  TALVO_VISIT_FIELD(activation_type);
-  TALVO_VISIT_FIELD(activation_alpha);
-  TALVO_VISIT_FIELD(activation_beta);
-  TALVO_VISIT_FIELD(num_parameters);
-  TALVO_VISIT_FIELD(weight);
-}
-
-void InferenceParamConvTranspose2DOpenGLCompute::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  InferenceParamOpenGLCompute::VisitAttr(visitor);
-  TALVO_VISIT_FIELD(activation);
-  TALVO_VISIT_FIELD(activation_type);
-  TALVO_VISIT_FIELD(activation_alpha);
-  TALVO_VISIT_FIELD(activation_beta);
-  TALVO_VISIT_FIELD(num_parameters);
-  TALVO_VISIT_FIELD(weight);
-}
-
-void InferenceParamElementwiseOpenGLCompute::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  InferenceParamOpenGLCompute::VisitAttr(visitor);
-  TALVO_VISIT_FIELD(activation);
-  TALVO_VISIT_FIELD(activation_type);
-  TALVO_VISIT_FIELD(activation_alpha);
-  TALVO_VISIT_FIELD(activation_beta);
-  TALVO_VISIT_FIELD(num_parameters);
-  TALVO_VISIT_FIELD(weight);
-}
-
-void InferenceParamActivationOpenGLCompute::VisitAttr(std::shared_ptr<Visitor> visitor) {
+void InferenceParamFusedActivationOpenGLCompute::VisitAttr(std::shared_ptr<Visitor> visitor) {
   InferenceParamOpenGLCompute::VisitAttr(visitor);
   TALVO_VISIT_FIELD(activation);
   TALVO_VISIT_FIELD(activation_type);

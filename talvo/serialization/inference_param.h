@@ -79,7 +79,8 @@ class TALVO_API InferenceParamOpenGLCompute : public InferenceParam {
   unsigned int local_x = 1, local_y = 1, local_z = 1;
 };
 
-class TALVO_API InferenceParamConv2DOpenGLCompute : public InferenceParamOpenGLCompute {
+/// What the kernels with a fused activation share; no file names this class.
+class TALVO_API InferenceParamFusedActivationOpenGLCompute : public InferenceParamOpenGLCompute {
  public:
   void VisitAttr(std::shared_ptr<Visitor> visitor) override;
 
@@ -90,38 +91,13 @@ class TALVO_API InferenceParamConv2DOpenGLCompute : public InferenceParamOpenGLC
   std::string weight;
 };
 
-class TALVO_API InferenceParamConvTranspose2DOpenGLCompute : public InferenceParamOpenGLCompute {
- public:
-  void VisitAttr(std::shared_ptr<Visitor> visitor) override;
+class TALVO_API InferenceParamConv2DOpenGLCompute : public InferenceParamFusedActivationOpenGLCompute {};
 
-  std::string activation;
-  int activation_type = 0;
-  half_float::half activation_alpha{0.0f}, activation_beta{0.0f};
-  short num_parameters = 0;
-  std::string weight;
-};
+class TALVO_API InferenceParamConvTranspose2DOpenGLCompute : public InferenceParamFusedActivationOpenGLCompute {};
 
-class TALVO_API InferenceParamElementwiseOpenGLCompute : public InferenceParamOpenGLCompute {
- public:
-  void VisitAttr(std::shared_ptr<Visitor> visitor) override;
+class TALVO_API InferenceParamElementwiseOpenGLCompute : public InferenceParamFusedActivationOpenGLCompute {};
 
-  std::string activation;
-  int activation_type = 0;
-  half_float::half activation_alpha{0.0f}, activation_beta{0.0f};
-  short num_parameters = 0;
-  std::string weight;
-};
-
-class TALVO_API InferenceParamActivationOpenGLCompute : public InferenceParamOpenGLCompute {
- public:
-  void VisitAttr(std::shared_ptr<Visitor> visitor) override;
-
-  std::string activation;
-  int activation_type = 0;
-  half_float::half activation_alpha{0.0f}, activation_beta{0.0f};
-  short num_parameters = 0;
-  std::string weight;
-};
+class TALVO_API InferenceParamActivationOpenGLCompute : public InferenceParamFusedActivationOpenGLCompute {};
 
 class TALVO_API InferenceParamConcatOpenGLCompute : public InferenceParamOpenGLCompute {};
 

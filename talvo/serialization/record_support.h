@@ -14,6 +14,10 @@
 /// The same for weights; needs weight_blob.h.
 #define TALVO_VISIT_WEIGHTS(field) VisitWeights(*visitor, &field, #field)
 
+/// Both for a field of `record`, for what several classes describe alike.
+#define TALVO_VISIT_FIELD_OF(record, field) visitor->Visit(&(record).field, #field)
+#define TALVO_VISIT_WEIGHTS_OF(record, field) VisitWeights(*visitor, &(record).field, #field)
+
 namespace talvo::runtime::support {
 
 /// The class name behind the last colon of a name with namespaces.
