@@ -1,6 +1,7 @@
 #include "talvo/runtime/net.h"
 
 #include <algorithm>
+#include <string_view>
 
 #include "talvo/runtime/context.h"
 #include "talvo/runtime/device_cpu.h"
@@ -13,7 +14,7 @@ using utility::Assert;
 using Tensors = std::vector<std::shared_ptr<Tensor>>;
 using Converters = std::map<unsigned int, std::shared_ptr<IKernel>>;
 
-constexpr char const* kInputType = "Input";
+constexpr std::string_view kInputType = "Input";
 
 // The working state of one Forward.
 class Walk {
@@ -26,7 +27,7 @@ class Walk {
 
   void Run(unsigned int index) {
     index_ = index;
-    Assert(net_.layers[index] != nullptr, "layer %u: no layer record", index);
+    if (net_.layers[index] == nullptr) Assert(false, "layer %u: no layer record", index);
     layer_ = net_.layers[index].get();
     auto const requested = std::find(pending_.begin(), pending_.end(), index);
     bool const is_requested = requested != pending_.end();
@@ -109,8 +110,10 @@ class Walk {
   void ReleaseProducers() {
     for (auto const& [producer, output] : layer_->input_refs) {
       if (inputs_.count(producer) != 0) continue;
-      Assert(producer < layer_outputs_.size() && net_.layers[producer] != nullptr,
-             "layer %u (%s): it reads layer %u of %zu", index_, layer_->type.c_str(), producer, layer_outputs_.size());
+      if (producer >= layer_outputs_.size() || net_.layers[producer] == nullptr) {
+        Assert(false, "layer %u (%s): it reads layer %u of %zu", index_, layer_->type.c_str(), producer,
+               layer_outputs_.size());
+      }
       if (AllConsumersRan(producer)) layer_outputs_[producer].clear();
     }
   }
@@ -118,8 +121,10 @@ class Walk {
   // Layers run in order: what stands up to this layer has run, even if its own outputs are gone by now.
   bool AllConsumersRan(unsigned int producer) const {
     for (auto const& [consumer, position] : net_.layers[producer]->consumers) {
-      Assert(consumer < layer_outputs_.size(), "layer %u (%s): its consumer %u is beyond the %zu layers", producer,
-             net_.layers[producer]->type.c_str(), consumer, layer_outputs_.size());
+      if (consumer >= layer_outputs_.size()) {
+        Assert(false, "layer %u (%s): its consumer %u is beyond the %zu layers", producer,
+               net_.layers[producer]->type.c_str(), consumer, layer_outputs_.size());
+      }
       if (consumer > index_) return false;
     }
     return true;

@@ -10,7 +10,7 @@ trap 'rm -rf "$prefix"' EXIT
 
 cmake --install "$build_dir" --prefix "$prefix/installed" >"$prefix/install.log"
 
-cmake -S "$here" -B "$prefix/build" -DCMAKE_PREFIX_PATH="$prefix/installed" -DCMAKE_BUILD_TYPE=Release \
+cmake -S "$here" -B "$prefix/build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix/installed" -DCMAKE_BUILD_TYPE=Release \
   >"$prefix/configure.log"
 cmake --build "$prefix/build"
 "$prefix/build/application"
