@@ -142,16 +142,17 @@ bool FILEReader::EnoughLeft(unsigned long long count, std::size_t element_bytes,
 }
 
 template <class Container>
-void FILEReader::GetElements(Container* target, unsigned long long count) {
+void FILEReader::GetElements(Container* target, char const* type_name) {
   using Element = typename Container::value_type;
+  unsigned long long const count = GetCount();
   bool known;
-  Require(EnoughLeft(count, sizeof(Element), &known), NameOf(target));
+  Require(EnoughLeft(count, sizeof(Element), &known), type_name);
   target->clear();
   for (std::size_t done = 0; done < count;) {
     unsigned long long const piece = std::max(done, kTrustedBytes / sizeof(Element));
     std::size_t const step = static_cast<std::size_t>(known ? count : std::min(count - done, piece));
     target->resize(done + step);
-    Get(target->data() + done, sizeof(Element), step, NameOf(target));
+    Get(target->data() + done, sizeof(Element), step, type_name);
     done += step;
   }
 }
@@ -169,10 +170,10 @@ void FILEReader::Read(bool* value) {
 
 template <class T>
 void FILEReader::Read(std::vector<T>* values) {
-  GetElements(values, GetCount());
+  GetElements(values, NameOf(values));
 }
 
-void FILEReader::Read(std::string* text) { GetElements(text, GetCount()); }
+void FILEReader::Read(std::string* text) { GetElements(text, NameOf(text)); }
 
 void FILEReader::Read(std::vector<std::string>* texts) {
   unsigned long long const count = GetCount();
@@ -191,7 +192,7 @@ void FILEReader::Read(std::vector<std::vector<unsigned short>>* rows) {
   std::vector<std::vector<unsigned short>> filled;
   for (unsigned long long i = 0; i < count; ++i) {
     std::vector<unsigned short> row;
-    Read(&row);
+    GetElements(&row, NameOf(rows));
     if (!row.empty()) filled.push_back(std::move(row));
   }
   rows->resize(static_cast<std::size_t>(count));

@@ -68,7 +68,7 @@ class TALVO_API FILEReader : public Visitor {
   unsigned long long GetCount();
   bool EnoughLeft(unsigned long long count, std::size_t element_bytes, bool* known) const;
   template <class Container>
-  void GetElements(Container* target, unsigned long long count);
+  void GetElements(Container* target, char const* type_name);
   template <class T>
   void Read(T* value);
   void Read(bool* value);

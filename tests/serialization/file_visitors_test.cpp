@@ -63,8 +63,9 @@ TEST(FILEReader, RefusesCountsBeyondTheStream) {
     ExpectRefusedCount<std::vector<half>>(bytes, typeid(std::vector<half>));
     ExpectRefusedCount<std::vector<unsigned long long>>(bytes, typeid(std::vector<unsigned long long>));
     ExpectRefusedCount<std::vector<std::string>>(bytes, typeid(unsigned long long));
-    ExpectRefusedCount<std::vector<std::vector<unsigned short>>>(bytes, typeid(unsigned long long));
-    ExpectRefusedCount<std::vector<std::vector<unsigned short>>>(Count(1) + bytes, typeid(std::vector<unsigned short>));
+    using Lists = std::vector<std::vector<unsigned short>>;
+    ExpectRefusedCount<Lists>(bytes, typeid(unsigned long long));
+    ExpectRefusedCount<Lists>(Count(1) + bytes, typeid(Lists));
     OnBothStreams(bytes, [&](FILEReader& reader) {
       std::string text;
       EXPECT_EQ(RefusalOf([&] { ReadWeightBlob(reader, text); }),

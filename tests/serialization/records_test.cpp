@@ -1,6 +1,7 @@
 // Every record: its fields against the written list, its way through both forms and back, and the golden packages.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 #include <sstream>
 
@@ -113,6 +114,34 @@ TEST(Golden, JSONPackageIsRead) {
   auto const want = GoldenPackage(20015);
   want->model_arr->models["net"]->layers["axis"]->type = 16;
   EXPECT_EQ(ListFields(read, true), ListFields(*want, true));
+}
+
+// A key that a version does not have need not be there; from its version on it is required.
+TEST(Records, BeginAFieldAtItsVersion) {
+  struct Case {
+    char const* name;
+    unsigned int since;
+    char const* key;
+  };
+  LogCapture const quiet;
+  for (Case const& c :
+       {Case{"NetExtraInfo", 20004, "summary"}, Case{"BatchNorm2dInfo", 20005, "num_batches_tracked"},
+        Case{"BatchNorm1dInfo", 20005, "num_batches_tracked"}, Case{"TLModelMultiBackendCfgs", 20008, "cpu_armv82"},
+        Case{"ActivationInfo", 20012, "num_parameters"}, Case{"ActivationInfo", 20012, "weight"}}) {
+    SCOPED_TRACE(std::string(c.name) + "." + c.key);
+    auto const& classes = RecordCatalogue();
+    auto const entry =
+        std::find_if(classes.begin(), classes.end(), [&](auto const& e) { return e.name == std::string(c.name); });
+    ASSERT_NE(entry, classes.end());
+    auto const read = [&](unsigned int version) {
+      std::string text = Written(*entry->make(), "json");
+      text.replace(text.find("20015"), 5, std::to_string(version));
+      text.insert(text.find(std::string("\"") + c.key) + 1, "no ");
+      ReadFrom(*entry->make(), text, "json");
+    };
+    read(c.since - 1);
+    EXPECT_NE(RefusalOf([&] { read(c.since); }).find(c.key), std::string::npos);
+  }
 }
 
 // After each refusal the same process goes on to destroy the record and to read the next file with a fresh one.
