@@ -40,10 +40,10 @@ int Run(std::string const& path) {
   // 4. Build the net of one model from its records.
   runtime::TLNModel file;
   bool const is_json = path.size() > 5 && path.compare(path.size() - 5, 5, ".json") == 0;
-  if (!file.FromFile(path.c_str(), is_json ? "json" : "bin") || packages.empty()) return 1;
-  std::string const id = file.model_arr->squential_ids.front();
+  if (!file.FromFile(path.c_str(), is_json ? "json" : "bin")) return 1;
+  std::string const id = file.model_arr->squential_ids.at(0);
   auto& package = packages.at(id);
-  utility::Load_Single_Net(package, file.model_arr->models.at(id), file.config_arr->configs.at(id), "x86");
+  utility::Load_Single_Net(package, file.model_arr->models[id], file.config_arr->configs[id], "x86");
 
   // 5. Run it: tensors in under the indices of the input layers, tensors out under those of the output layers.
   for (auto const& input : package->net->input_ids)
@@ -54,7 +54,10 @@ int Run(std::string const& path) {
     std::printf("layer %u: %s\n", index, runtime::DimsText(output.shape.dims).c_str());
   }
 
-  // 6. Tensors go first, then the packages, then the context; the registries go last.
+  // 6. A recurrent model goes on from here with the next run, unless that is the start of another sequence.
+  utility::ResetRNNState(*package->net);
+
+  // 7. Tensors go first, then the packages, then the context; the registries go last.
   outputs.clear();
   package->inputs.clear();
   packages.clear();

@@ -19,23 +19,30 @@ using Converters = std::map<unsigned int, std::shared_ptr<KernelInferenceConfig>
 
 constexpr unsigned int kIndentBlanks = 4;
 
-// Refuses parameters of a type that nobody registered, with the place of the kernel in the text.
-void CheckParamType(Value const& value, std::string const& where, ParamRegistry const& params) {
-  auto const type = value.FindMember("infer_param_type"), kernel = value.FindMember("kernel_type");
-  bool const named = type != value.MemberEnd() && type->value.IsString() && type->value.GetStringLength() != 0;
-  if (!named || params.Create(type->value.GetString()) != nullptr) return;
-  Assert(false, "%s: parameters of kernel %s: the type %s is not registered", where.c_str(),
-         kernel != value.MemberEnd() && kernel->value.IsString() ? kernel->value.GetString() : "?",
-         type->value.GetString());
+// The text of a member; empty when there is none.
+std::string TextOf(Value const& value, char const* key) {
+  auto const member = value.FindMember(key);
+  return member != value.MemberEnd() && member->value.IsString() ? member->value.GetString() : "";
+}
+
+// Parameters of the type that a kernel names, with its place in the text when nobody registered them; empty without a
+// type.
+std::shared_ptr<InferenceParam> MakeParam(Value const& value, std::string const& where, ParamRegistry const& params) {
+  std::string const type = TextOf(value, "infer_param_type");
+  if (type.empty()) return nullptr;
+  auto param = params.Create(type);
+  Assert(param != nullptr, "%s: parameters of kernel %s: the type %s is not registered", where.c_str(),
+         TextOf(value, "kernel_type").c_str(), type.c_str());
+  return param;
 }
 
 std::shared_ptr<KernelInferenceConfig> ReadKernel(Value const& value, std::string const& where,
                                                   ParamRegistry const& params) {
   Assert(value.IsObject(), "%s: a kernel is an object", where.c_str());
-  CheckParamType(value, where, params);
   auto kernel = std::make_shared<KernelInferenceConfig>();
   kernel->infer_param_registry = &params;
-  JSONValueTo(value, kernel.get());
+  kernel->infer_param = MakeParam(value, where, params);
+  kernel->VisitAttr(std::make_shared<JSONNodeGetter>(value, 0, where));
   return kernel;
 }
 

@@ -7,6 +7,7 @@
 #include <map>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 
 #include "talvo/serialization/serializable.h"
 
@@ -247,7 +248,10 @@ struct JSONNodeGetter::Index {
   std::map<std::string_view, Value const*> members;
 };
 
-JSONNodeGetter::JSONNodeGetter(Value const& node, unsigned int version) : node_(node) { TakeVersion(version); }
+JSONNodeGetter::JSONNodeGetter(Value const& node, unsigned int version, std::string path)
+    : node_(node), path_(std::move(path)) {
+  TakeVersion(version);
+}
 
 JSONNodeGetter::~JSONNodeGetter() = default;
 
@@ -300,10 +304,7 @@ void JSONNodeGetter::Take(Serializable* record, char const* key) {
   Value const& value = Find(key);
   if (value.IsNull()) return;
   AssertAt(value.IsObject() || value.IsArray(), path_, key, "Created node is a unkown value.");
-  auto const nested = std::make_shared<JSONNodeGetter>(value, __SERIALIZATION_PROTOCOL_VERSION__);
-  nested->path_ = Joined(path_, key);
-  nested->TakeVersion(_serialization_protocol_version);  // once the path is known: it may refuse
-  record->VisitAttr(nested);
+  record->VisitAttr(std::make_shared<JSONNodeGetter>(value, _serialization_protocol_version, Joined(path_, key)));
 }
 
 #define TALVO_VISIT(type)                                    \

@@ -46,8 +46,9 @@ class TALVO_API JSONNodeSetter : public Visitor {
 class TALVO_API JSONNodeGetter : public Visitor {
  public:
   /// `node` outlives the visitor. With `version` 0 the member "serialization_protocol_version" of `node` tells the
-  /// version, and the newest is taken where it is absent. Assert: a version newer than this library.
-  JSONNodeGetter(rapidjson::Value const& node, unsigned int version);
+  /// version, and the newest is taken where it is absent. `path` are the keys from the root to `node`, for refusals.
+  /// Assert: a version newer than this library.
+  JSONNodeGetter(rapidjson::Value const& node, unsigned int version, std::string path = "");
   ~JSONNodeGetter() override;
 
 #define TALVO_VISIT(type) void Visit(type* value, char const* key) override;

@@ -2,13 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-
 #include "talvo/entry/create_context.h"
 #include "talvo/entry/register_operators.h"
 #include "talvo/serialization/layer_info_activation.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/model_builder.h"
+#include "tests/support/scratch_folder.h"
 
 namespace talvo::utility {
 namespace {
@@ -65,7 +64,6 @@ class LoadModelTest : public testing::Test {
     create_context(context_, 64);
     init_register_operators(kernels_, params_);
   }
-  ~LoadModelTest() override { std::remove(path_.c_str()); }
 
   // An input and an activation, twice; the outputs stand in another order.
   static ModelBuilder TwoInputs() {
@@ -84,7 +82,7 @@ class LoadModelTest : public testing::Test {
   }
 
   int LoadPackage(runtime::TLNModel& file, std::string const& ending, std::string const& sdk_type = "test") {
-    path_ = testing::TempDir() + "talvo_load_model_test" + ending;
+    path_ = folder_.Path("package" + ending);
     file.ToFile(path_.c_str(), ending == ".json" ? "json" : "bin");
     return Load(path_, sdk_type);
   }
@@ -100,7 +98,8 @@ class LoadModelTest : public testing::Test {
   runtime::ClassRegistry<std::shared_ptr<runtime::IKernel>> kernels_;
   runtime::ClassRegistry<std::shared_ptr<runtime::InferenceParam>> params_;
   std::map<std::string, std::shared_ptr<_NetworkPackage>> packages_;
-  std::string path_;
+  test::ScratchFolder const folder_;
+  std::string path_;  // of the package that was loaded last
 };
 
 TEST_F(LoadModelTest, MakesAnEmptyPackageForEachModelOnce) {
@@ -141,8 +140,7 @@ TEST_F(LoadModelTest, RefusesFiles) {
   auto const file = TwoInputs().Package("one");
   EXPECT_EQ(LoadPackage(*file, ".tlnmodel", "TEST"), -2);
   EXPECT_TRUE(packages_.empty());
-  std::ofstream(path_, std::ios::binary | std::ios::trunc) << "\x2f\x4e";
-  EXPECT_THROW(Load(path_), std::runtime_error);
+  EXPECT_THROW(Load(folder_.Save("cut.tlnmodel", "\x2f\x4e")), std::runtime_error);
 }
 
 TEST_F(LoadModelTest, FillsAPackage) {

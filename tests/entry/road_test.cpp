@@ -1,7 +1,6 @@
 // The whole road of an application, from a package file to output tensors.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <numeric>
 
 #include "talvo/entry/create_context.h"
@@ -15,6 +14,7 @@
 #include "tests/support/bits.h"
 #include "tests/support/guarded_context.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/scratch_folder.h"
 #include "tests/support/small_model.h"
 
 namespace talvo {
@@ -33,14 +33,13 @@ class RoadTest : public testing::Test {
 
   // Writes the model in one of the package forms, opens it as an application does, and runs it once.
   Outputs WriteAndRun(ModelBuilder const& builder, std::string const& ending, std::shared_ptr<Tensor> const& input) {
-    std::string const path = testing::TempDir() + "talvo_road_test" + ending;
+    std::string const path = folder_.Path("package" + ending);
     char const* const form = ending == ".json" ? "json" : "bin";
     builder.Package("model")->ToFile(path.c_str(), form);
     std::map<std::string, std::shared_ptr<utility::_NetworkPackage>> packages;
     EXPECT_EQ(utility::load_model(path, packages, context_, kernels_, params_, "test", 3, 4), 0);
     TLNModel file;
     EXPECT_TRUE(file.FromFile(path.c_str(), form));
-    std::remove(path.c_str());
     auto& package = packages.at("model");
     Load_Single_Net(package, file.model_arr->models.at("model"), file.config_arr->configs.at("model"), "x86");
     package->inputs[package->net->input_ids.begin()->second] = input;
@@ -62,6 +61,7 @@ class RoadTest : public testing::Test {
   ClassRegistry<std::shared_ptr<IKernel>> kernels_;
   ClassRegistry<std::shared_ptr<InferenceParam>> params_;
   std::shared_ptr<Context> context_;
+  test::ScratchFolder const folder_;
 };
 
 TEST_F(RoadTest, ComputesWhatTheRecordsSay) {

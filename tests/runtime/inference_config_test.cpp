@@ -122,13 +122,14 @@ TEST(InferenceConfig, RefusesTextsOfAnotherForm) {
         {"a converter that is no object", R"({"config": [{"kernel": {"kernel_type": "K", "infer_param_type": ""},
                                                              "output_converters": {"1": null}}]})",
          "config[0].output_converters.1"},
-        {"no kernel_type", R"({"config": [{"kernel": {"infer_param_type": ""}}]})", "kernel_type"},
+        {"no kernel_type", R"({"config": [{"kernel": {"infer_param_type": ""}}]})",
+         "path \"config[0].kernel.kernel_type\""},
         {"an unknown type of parameters",
          R"({"config": [{"kernel": {"kernel_type": "K", "infer_param_type": "Nope", "infer_param": {}}}]})", "Nope"},
         {"a parameter of the wrong kind",
          R"({"config": [{"kernel": {"kernel_type": "K", "infer_param_type": "Quant",
                                        "infer_param": {"weight_step_size": [], "output_step_size": 1}}}]})",
-         "weight_step_size"}}) {
+         "path \"config[0].kernel.infer_param.weight_step_size\""}}) {
     SCOPED_TRACE(c.why);
     std::string const text = test::RefusalOf([&] { CreateConfigFromJSON(c.text, params); });
     EXPECT_NE(text.find(c.named), std::string::npos) << text;

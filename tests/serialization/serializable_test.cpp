@@ -15,6 +15,7 @@
 #include "talvo/utility/json_file.h"
 #include "tests/serialization/record_catalogue.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/scratch_folder.h"
 
 namespace talvo::test {
 namespace {
@@ -40,15 +41,14 @@ TEST(Serializable, KeepsTheStoredClassNameUntilItIsWritten) {
 TEST(Serializable, ChoosesTheFormByTheEnding) {
   TimeInfo written;
   written.year = 2023;
-  std::string const stem = testing::TempDir() + "talvo_ending";
+  test::ScratchFolder const folder;
   for (std::string const ending : {".json", ".tlmod", ".tlcfg", ".tlmods", ".tlcfgs"}) {
     SCOPED_TRACE(ending);
-    std::string const path = stem + ending;
+    std::string const path = folder.Path("talvo" + ending);
     written.ToFile(path.c_str(), ending == ".json" ? "json" : "bin");
     TimeInfo read;
     EXPECT_TRUE(read.FromFile(path.c_str()));
     EXPECT_EQ(read.year, 2023u);
-    std::filesystem::remove(path);
   }
   for (char const* path : {"model.tlnmodel", "model.JSON", "long_enough"})
     EXPECT_EQ(RefusalOf([&] { TimeInfo().FromFile(path); }),

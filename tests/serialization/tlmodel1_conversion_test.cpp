@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <fstream>
 
 #include "talvo/serialization/layer_info_activation.h"
 #include "talvo/serialization/layer_info_conv.h"
@@ -15,6 +14,7 @@
 #include "talvo/utility/base64.h"
 #include "tests/support/bits.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/scratch_folder.h"
 #include "tests/support/tlmodel1_writer.h"
 
 namespace talvo::test {
@@ -95,10 +95,9 @@ TEST(TLModel1Conversion, SplitsFusedActivationsAndNamesLayers) {
   sum.op = 2;
   sum.activation = 8;
   file.Add(sum);
-  std::string const path = testing::TempDir() + "fused.tlmodel1";
-  std::ofstream(path, std::ios::binary) << file.bytes;
+  ScratchFolder const folder;
   TLModelInfo model;
-  model.LoadFromTLModel1(path.c_str());
+  model.LoadFromTLModel1(folder.Save("fused.tlmodel1", file.bytes).c_str());
 
   EXPECT_EQ(model.squential_ids, (Names{"layer-1", "layer-3!", "layer-3", "layer-20", "layer-7!", "layer-7"}));
   EXPECT_EQ(model.squential_types, (Types{0, 2, 1, 2, 11, 1}));

@@ -3,9 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <fstream>
 
 #include "tests/support/log_capture.h"
+#include "tests/support/scratch_folder.h"
 #include "tests/support/tlmodel1_writer.h"
 
 namespace talvo::test {
@@ -22,12 +22,6 @@ std::string FailureOf(std::string const& bytes, std::string* notice = nullptr) {
     return failure.what();
   }
   return "";
-}
-
-std::string SavedAs(std::string const& name, std::string const& bytes) {
-  std::string const path = testing::TempDir() + name;
-  std::ofstream(path, std::ios::binary) << bytes;
-  return path;
 }
 
 TEST(TLModel1, ReadsWhatEachVersionHolds) {
@@ -78,7 +72,7 @@ TEST(TLModel1, ServesFilesWithoutLayers) {
   EXPECT_EQ(loader.exinfo.ModelId(), 88u);
   EXPECT_FALSE(ReadOldModel(TLModel1Writer(9999).bytes, loader)) << "too old";
   EXPECT_TRUE(ReadOldModel(TLModel1Writer(10011).bytes + "U", loader)) << "half a number behind the last record";
-  EXPECT_FALSE(loader.LoadFile((testing::TempDir() + "no such file").c_str(), false));
+  EXPECT_FALSE(loader.LoadFile("/no such file", false));
 }
 
 TEST(TLModel1, RefusesBrokenForm) {
@@ -137,7 +131,8 @@ TEST(TLModel1, TakesNoMemoryForWeightsThatAreNotThere) {
   file.Put({0x5555, 1, 1, 0, 0, 0, 65535, 0, 0, 65535, 65535, 65535, 0, 0, 1, 1, 1, 1, 0, 0, 1});
   file.bytes.append(100000, '\1');
   EXPECT_EQ(FailureOf(file.bytes), "message_end == 0xaaaa");
-  std::string const path = SavedAs("huge.tlmodel1", file.bytes);
+  ScratchFolder const folder;
+  std::string const path = folder.Save("huge.tlmodel1", file.bytes);
   std::unique_ptr<std::FILE, int (*)(std::FILE*)> const stream(std::fopen(path.c_str(), "rb"), &std::fclose);
   QZNetLoader loader;
   EXPECT_THROW(loader.ReadFile(stream.get()), LoadFailure);
@@ -200,10 +195,12 @@ TEST(TLModel1, CountsTheReadersOfEachLayer) {
 }
 
 TEST(TLModel1DeathTest, ThePublicDoorEndsTheProcess) {
+  ScratchFolder const folder;
+  std::string const text = folder.Save("text.tlmodel1", std::string(1000, 'x'));
   QZNetLoader loader;
-  EXPECT_DEATH(loader.LoadFile(SavedAs("text.tlmodel1", std::string(1000, 'x')).c_str(), false),
+  EXPECT_DEATH(loader.LoadFile(text.c_str(), false),
                "\\(this->exinfo.ifCorrectlyLoad\\(\\)\\), function ReadFile, file tlmodel1, line [0-9]+");
-  EXPECT_DEATH(QZNetLoader((testing::TempDir() + "no such file").c_str()), "\\(ifSuccess\\), .*file tlmodel1");
+  EXPECT_DEATH(QZNetLoader("/no such file"), "\\(ifSuccess\\), .*file tlmodel1");
 }
 
 }  // namespace

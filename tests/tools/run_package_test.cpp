@@ -14,6 +14,7 @@
 #include "talvo/serialization/layer_info_conv.h"
 #include "talvo/utility/log.h"
 #include "tests/support/bits.h"
+#include "tests/support/scratch_folder.h"
 #include "tests/support/small_model.h"
 
 namespace talvo {
@@ -37,12 +38,7 @@ void Write(fs::path const& path, std::string const& bytes) { std::ofstream(path,
 
 class RunPackageTest : public testing::Test {
  protected:
-  RunPackageTest() {
-    std::string pattern = testing::TempDir() + "talvo_run_package_XXXXXX";
-    folder_ = mkdtemp(pattern.data());
-    WriteNpy("in.npy", "<f4", "3, 8, 8", test::Floats(1, 192));
-  }
-  ~RunPackageTest() override { fs::remove_all(folder_); }
+  RunPackageTest() { WriteNpy("in.npy", "<f4", "3, 8, 8", test::Floats(1, 192)); }
 
   // The words are split by the shell, which runs in the test's folder.
   Result Run(std::string const& words) {
@@ -74,7 +70,8 @@ class RunPackageTest : public testing::Test {
     package.ToFile((folder_ / name).c_str(), fs::path(name).extension() == ".json" ? "json" : "bin");
   }
 
-  fs::path folder_;
+  test::ScratchFolder const scratch_;
+  fs::path const folder_ = scratch_.Path();
 };
 
 TEST_F(RunPackageTest, BothFormsGiveTheSameBits) {
@@ -171,6 +168,7 @@ TEST_F(RunPackageTest, ReportsBadInputInOneLine) {
   Write(folder_ / "keyless.json", "{}");
   fs::create_directory(folder_ / "folder.json");
   Write(folder_ / "text.npy", "no array");
+  Write(folder_ / "version.npy", "\x93NUMPY\x09" + std::string(9, '\0'));
   Write(folder_ / "cut.npy", ReadAll(folder_ / "in.npy").substr(0, 300));
   WriteNpy("double.npy", "<f8", "3, 8, 8", test::Floats(1, 384));
   WriteNpy("rank.npy", "<f4", "192,", test::Floats(1, 192));
@@ -197,6 +195,8 @@ TEST_F(RunPackageTest, ReportsBadInputInOneLine) {
                                          {"p.json" + run + " --output-dir in.npy/d", "in.npy"},
                                          {"p.json --input picture=none.npy", "none.npy: cannot be opened"},
                                          {"p.json --input picture=text.npy", "text.npy: is no .npy file"},
+                                         {"p.json --input picture=version.npy", "of version 9"},
+                                         {"p.json --input picture=folder.json", "folder.json: is a folder"},
                                          {"p.json --input picture=cut.npy", "shape [3, 8, 8] needs 768"},
                                          {"p.json --input picture=double.npy", "double.npy: holds '<f8'"},
                                          {"p.json --input picture=huge.npy", "huge.npy: its shape [4000000000"},
@@ -242,8 +242,9 @@ TEST_F(RunPackageTest, ReportsBadInputInOneLine) {
 }
 
 TEST_F(RunPackageTest, AnswersBadUsageWithTwo) {
-  for (char const* words : {"", "a.json b.json", "a.json --bogus", "a.json --input", "a.json --input picture",
-                            "a.json --input =x.npy", "a.json --repeat 0", "a.json --repeat -1", "a.json --repeat 1x"}) {
+  for (char const* words :
+       {"", "a.json b.json", "a.json --bogus", "a.json --input", "a.json --input picture", "a.json --input =x.npy",
+        "a.json --repeat 0", "a.json --repeat -1", "a.json --repeat 1x", "a.json --repeat +1", "a.json -x", "-x"}) {
     Result const result = Run(words);
     EXPECT_EQ(result.status, 2) << words;
     EXPECT_NE(result.err.find("usage: run_package PACKAGE"), std::string::npos) << result.err;

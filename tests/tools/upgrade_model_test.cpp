@@ -10,6 +10,7 @@
 #include "talvo/entry/register_operators.h"
 #include "tests/support/bits.h"
 #include "tests/support/guarded_context.h"
+#include "tests/support/scratch_folder.h"
 #include "tests/support/tlmodel1_writer.h"
 
 namespace talvo::test {
@@ -31,12 +32,6 @@ Outcome Upgrade(std::string const& arguments) {
   for (int c = std::fgetc(pipe); c != EOF; c = std::fgetc(pipe)) outcome.text += static_cast<char>(c);
   outcome.status = WEXITSTATUS(pclose(pipe));
   return outcome;
-}
-
-std::string Saved(std::string const& name, std::string const& bytes) {
-  std::string const path = testing::TempDir() + "upgrade_model_" + name;
-  std::ofstream(path, std::ios::binary) << bytes;
-  return path;
 }
 
 // A file of version 10011 with an input of four channels, layer 1.
@@ -114,7 +109,8 @@ TEST(UpgradeModel, FoldsNormalisationsIntoTheirConvolutions) {
         static_cast<QZLayerInfo const*>(&leaky), static_cast<QZLayerInfo const*>(&transposed),
         static_cast<QZLayerInfo const*>(&second)})
     file.Add(*layer);
-  std::string const in = Saved("fold.old", file.bytes), out = testing::TempDir() + "upgrade_model_fold.tlnmodel";
+  ScratchFolder const folder;
+  std::string const in = folder.Save("in.old", file.bytes), out = folder.Path("out.tlnmodel");
   Outcome const outcome = Upgrade(in + " " + out + " --default-config --model-id net");
   EXPECT_EQ(outcome.status, 0) << outcome.text;
   for (char const* const text :
@@ -153,8 +149,9 @@ TEST(UpgradeModel, TakesTheKernelsOfAConfiguration) {
     config.layers[id] = std::make_shared<LayerCfg>();
     config.layers[id]->kernel->kernel_type = kernel;
   }
-  std::string const json = testing::TempDir() + "upgrade_model_config.json", in = Saved("config.old", file.bytes);
-  std::string const out = testing::TempDir() + "upgrade_model_config.tlnmodel";
+  ScratchFolder const folder;
+  std::string const json = folder.Path("config.json"), in = folder.Save("stem.old", file.bytes);
+  std::string const out = folder.Path("out.tlnmodel");
   config.ToFile(json.c_str(), "json");
   Outcome const outcome = Upgrade(in + " " + out + " --config " + json);
   EXPECT_EQ(outcome.status, 0) << outcome.text;
@@ -165,10 +162,10 @@ TEST(UpgradeModel, TakesTheKernelsOfAConfiguration) {
     for (std::size_t i = 0; i < 4; ++i) want[o] += convolution.weights[o * 4 + i] * input[i];
     want[o] = std::max(want[o], 0.0f);
   }
-  ExpectNearSum(want, RunPackage(out, "upgrade_model_config", input), 4, 4.0f);
+  ExpectNearSum(want, RunPackage(out, "stem", input), 4, 4.0f);
   convolution.id = 3;
   file.Add(convolution);
-  EXPECT_EQ(Upgrade(Saved("config.old", file.bytes) + " " + out + " --config " + json).text,
+  EXPECT_EQ(Upgrade(folder.Save("stem.old", file.bytes) + " " + out + " --config " + json).text,
             "upgrade_model: " + json + ": names no kernel for layer-3! (Conv2dInfo)\n");
 }
 
@@ -222,10 +219,11 @@ TEST(UpgradeModel, RefusesWithLayerAndReason) {
       {"unknown type", OldFile().bytes + std::string("\x55\x55\x0C\x00", 4),
        "no first-generation model, or a damaged one: Error, Unsupport Layer Type 12."},
   };
-  std::string const out = testing::TempDir() + "upgrade_model_refused.tlnmodel";
+  ScratchFolder const folder;
+  std::string const out = folder.Path("out.tlnmodel");
   for (Case const& c : cases) {
     SCOPED_TRACE(c.why);
-    std::string const in = Saved("refused.old", c.bytes);
+    std::string const in = folder.Save("in.old", c.bytes);
     Outcome const outcome = Upgrade(in + " " + out + " --default-config");
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(outcome.text, "upgrade_model: " + in + ": " + c.text + "\n");

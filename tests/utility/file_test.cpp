@@ -5,6 +5,8 @@
 #include <filesystem>
 #include <iterator>
 
+#include "tests/support/scratch_folder.h"
+
 namespace talvo::utility {
 namespace {
 
@@ -13,14 +15,14 @@ std::ptrdiff_t OpenDescriptors() {
 }
 
 TEST(File, ReadsBackWhatItSaved) {
-  std::string const path = testing::TempDir() + "talvo_file_test";
+  test::ScratchFolder const folder;
+  std::string const path = folder.Path("file");
   for (std::string const& bytes : {std::string("\0\r\n\xFF text", 9), std::string(), std::string(1 << 20, 'x')}) {
     ASSERT_TRUE(SaveFile(path, bytes));
     std::string content = "old";
     ASSERT_TRUE(LoadFile(path, content));
     EXPECT_EQ(content, bytes);
   }
-  std::filesystem::remove(path);
 }
 
 TEST(File, ReportsWhatItCannotOpenOrReadAndClosesIt) {

@@ -26,7 +26,7 @@ InputFile ParseInput(std::string const& word) {
 unsigned int ParseRepeat(std::string const& word) {
   char* end = nullptr;
   unsigned long const number = std::strtoul(word.c_str(), &end, 10);
-  if (word.empty() || word[0] == '-' || *end != '\0' || number == 0 || number > kMaximumRepeat) {
+  if (word.empty() || word[0] < '0' || word[0] > '9' || *end != '\0' || number == 0 || number > kMaximumRepeat) {
     throw UsageError("--repeat takes a whole number from 1 to 1000000, not \"" + word + "\"");
   }
   return static_cast<unsigned int>(number);
@@ -65,7 +65,7 @@ Arguments ParseArguments(int count, char const* const* words) {
       arguments.profile = true;
     } else if (word == "--list") {
       arguments.list = true;
-    } else if (word.compare(0, 2, "--") == 0) {
+    } else if (word.size() > 1 && word[0] == '-') {
       throw UsageError("there is no option " + word);
     } else if (arguments.package.empty()) {
       arguments.package = word;

@@ -2,10 +2,12 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
 #include <string_view>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -24,6 +26,8 @@ constexpr std::string_view kMagic = "\x93NUMPY";
 }
 
 std::string ReadWhole(std::string const& path) {
+  std::error_code problem;
+  if (std::filesystem::is_directory(path, problem)) Refuse(path, "is a folder");
   std::ifstream stream(path, std::ios::binary);
   if (!stream) Refuse(path, "cannot be opened");
   return std::string(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>());
@@ -69,9 +73,11 @@ unsigned int RankLayout(std::size_t rank) {
 
 // The length of the header behind the magic and the version, and where the header starts.
 std::pair<std::size_t, std::size_t> HeaderExtent(std::string const& path, std::string const& file) {
-  std::size_t const width = file.size() > kMagic.size() && file[kMagic.size()] == 1 ? 2 : 4;
-  std::size_t const start = kMagic.size() + 2 + width;
+  int const version = file.size() > kMagic.size() ? file[kMagic.size()] : 0;
+  std::size_t const width = version == 1 ? 2 : 4, start = kMagic.size() + 2 + width;
   if (file.compare(0, kMagic.size(), kMagic) != 0 || file.size() < start) Refuse(path, "is no .npy file");
+  if (version < 1 || version > 3)
+    Refuse(path, "is a .npy file of version " + std::to_string(version) + "; 1 to 3 are read");
   std::size_t length = 0;
   for (std::size_t i = 0; i < width; ++i)
     length |= std::size_t{static_cast<unsigned char>(file[start - width + i])} << (8 * i);

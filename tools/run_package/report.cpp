@@ -6,6 +6,8 @@
 #include <iomanip>
 #include <limits>
 #include <ostream>
+#include <stdexcept>
+#include <system_error>
 
 #include "talvo/utility/half.h"
 #include "tools/run_package/layouts.h"
@@ -58,6 +60,12 @@ void PrintSummary(std::string const& id, Tensor const& tensor, std::ostream& out
   out << "\n";
 }
 
+void MakeFolder(std::string const& path) {
+  std::error_code problem;
+  std::filesystem::create_directories(path, problem);
+  if (!std::filesystem::is_directory(path, problem)) throw std::runtime_error(path + ": no folder can be made here");
+}
+
 std::string FileName(std::string id) {
   for (char& character : id) {
     if (character == '/' || static_cast<unsigned char>(character) < ' ') character = '_';
@@ -81,7 +89,7 @@ float Median(std::vector<float> values) {
 }  // namespace
 
 void ReportOutputs(Session const& session, RunResult const& result, std::string const& directory, std::ostream& out) {
-  if (!directory.empty()) std::filesystem::create_directories(directory);
+  if (!directory.empty()) MakeFolder(directory);
   for (unsigned int index : session.OutputIndices()) {
     auto const found = result.outputs.find(index);
     if (found == result.outputs.end()) continue;
