@@ -63,7 +63,7 @@ Frame ReadPgm(std::string const& path) {
     stream >> number;
   }
   stream.get();
-  auto const [width, height, white] = numbers;
+  unsigned int const width = numbers[0], height = numbers[1], white = numbers[2];
   if (!stream || magic != "P5" || white == 0 || white > 255) Refuse(path, "is no binary PGM of 8 bits a pixel");
   if (width < 2 || height < 2 || width > kMaximumSide || height > kMaximumSide)
     Refuse(path, "a side is below 2 or above 8192 pixels");
@@ -72,7 +72,10 @@ Frame ReadPgm(std::string const& path) {
   if (!stream) Refuse(path, "ends inside the picture");
   Frame frame = GrayFrame(width / 2 * 2, height / 2 * 2, 0);
   for (std::size_t y = 0; y < frame.height; ++y) {
-    std::copy_n(&gray[y * width], frame.width, &frame.nv21[y * frame.width]);
+    for (std::size_t x = 0; x < frame.width; ++x) {
+      frame.nv21[y * frame.width + x] =
+          static_cast<unsigned char>(std::min<unsigned int>(gray[y * width + x], white) * 255 / white);
+    }
   }
   return frame;
 }

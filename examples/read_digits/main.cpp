@@ -1,8 +1,7 @@
 // Reads handwritten digits: from a camera frame through a small convolutional network to an answer.
 //
-//   read_digits                  reads photographs made from the pictures of examples/digits, as a phone held at any of
-//   four
-//                                turns would take them; prints the accuracy and the layer table
+//   read_digits                  reads photographs made from the pictures of examples/digits, as a phone held at any
+//                                of four turns would take them; prints the accuracy and the layer table
 //   read_digits FILE.pgm         reads one 8-bit gray picture of one digit, light on dark or dark on light
 //   read_digits FRAME.nv21 WIDTH HEIGHT [TURN [LEFT TOP WIDTH HEIGHT]]
 //                                reads a raw camera frame; TURN degrees clockwise (0, 90, 180, 270) bring it upright,
@@ -59,11 +58,11 @@ class Reader {
     layer_ids_ = model->squential_ids;
   }
 
-  Answer Read(Frame const& frame, View const& view) {
+  Answer Read(std::string const& path, Frame const& frame, View const& view) {
     auto& package = *packages_.at("digits");
     Answer answer;
     double const start = utility::get_time_in_ms();
-    auto const input = read_digits::PrepareInput(frame, view, context_);
+    auto const input = read_digits::PrepareInput(path, frame, view, context_);
     answer.prepare_ms = utility::get_time_in_ms() - start;
     answer.input.assign(input->Data<float>(), input->Data<float>() + std::size_t{kSide} * kSide);
     package.inputs[package.net->input_ids.at("picture")] = input;
@@ -115,7 +114,7 @@ void Print(Answer const& answer) {
 
 int ReadOne(std::string const& path, Frame const& frame, View const& view) {
   Reader reader;
-  Answer const answer = reader.Read(frame, view);
+  Answer const answer = reader.Read(path, frame, view);
   Print(answer);
   std::printf("%s: %d, in %.3f ms, %.3f of them for the image\n", path.c_str(), answer.Digit(), answer.time_ms,
               answer.prepare_ms);
@@ -139,7 +138,7 @@ int ReadAll() {
     View view;
     Frame const frame =
         read_digits::Photograph(read_digits::ReadPgm(path.string()), static_cast<unsigned int>(i), view);
-    answer = reader.Read(frame, view);
+    answer = reader.Read(path.string(), frame, view);
     Print(answer);
     bool const is_right = answer.Digit() == LabelOf(path);
     right += is_right;
@@ -156,7 +155,9 @@ int ReadAll() {
 unsigned int Number(char const* word) {
   char* end = nullptr;
   unsigned long const number = std::strtoul(word, &end, 10);
-  if (word[0] < '0' || word[0] > '9' || *end != '\0' || number > 100000) throw std::invalid_argument(word);
+  if (word[0] < '0' || word[0] > '9' || *end != '\0' || number > 100000) {
+    throw std::invalid_argument(std::string(word) + " is no whole number up to 100000");
+  }
   return static_cast<unsigned int>(number);
 }
 
@@ -164,7 +165,7 @@ int ReadFrame(int count, char** words) {
   Frame const frame = read_digits::ReadNv21(words[1], Number(words[2]), Number(words[3]));
   View view;
   view.turn = count > 4 ? Number(words[4]) : 0;
-  if (view.turn % 90 != 0 || view.turn > 270) throw std::invalid_argument(words[4]);
+  if (view.turn % 90 != 0 || view.turn > 270) throw std::invalid_argument(std::string(words[4]) + " is no turn");
   bool const sideways = view.turn % 180 == 90;
   view.width = sideways ? frame.height : frame.width;
   view.height = sideways ? frame.width : frame.height;
@@ -182,6 +183,7 @@ int ReadPicture(char const* path) {
 int main(int count, char** words) {
   try {
     if (count == 1) return ReadAll();
+    if (words[1][0] == '-') throw std::invalid_argument(std::string(words[1]) + " is no file");
     if (count == 2) return ReadPicture(words[1]);
     if (count == 4 || count == 5 || count == 9) return ReadFrame(count, words);
     throw std::invalid_argument("wrong number of words");

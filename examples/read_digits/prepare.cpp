@@ -55,7 +55,7 @@ struct Tones {
   unsigned char paper, ink;
 };
 
-Tones FindTones(TensorPtr const& box) {
+Tones FindTones(std::string const& path, TensorPtr const& box) {
   std::size_t const height = box->shape.dims[0], width = box->shape.dims[1];
   unsigned char const* const gray = BytesOf(box);
   std::vector<unsigned char> rim;
@@ -65,7 +65,7 @@ Tones FindTones(TensorPtr const& box) {
   unsigned char const paper = rim[rim.size() / 2];
   auto const [darkest, brightest] = std::minmax_element(gray, gray + height * width);
   unsigned char const ink = paper - *darkest > *brightest - paper ? *darkest : *brightest;
-  if (std::abs(ink - paper) < 32) throw std::runtime_error("the picture shows no ink");
+  if (std::abs(ink - paper) < 32) throw std::runtime_error(path + ": the picture shows no ink");
   return {paper, ink};
 }
 
@@ -99,17 +99,18 @@ TensorPtr PerChannel(float value, ContextPtr const& context) {
 
 }  // namespace
 
-std::shared_ptr<runtime::TensorCPU> PrepareInput(Frame const& frame, View const& view, ContextPtr const& context) {
+std::shared_ptr<runtime::TensorCPU> PrepareInput(std::string const& path, Frame const& frame, View const& view,
+                                                 ContextPtr const& context) {
   TensorPtr const upright = UprightGray(frame, view.turn, context);
   unsigned int const height = upright->shape.dims[0], width = upright->shape.dims[1];
   if (view.width == 0 || view.height == 0 || view.left > width || view.width > width - view.left || view.top > height ||
       view.height > height - view.top) {
-    throw std::runtime_error("the box leaves the upright picture of " + std::to_string(width) + " by " +
+    throw std::runtime_error(path + ": the box leaves the upright picture of " + std::to_string(width) + " by " +
                              std::to_string(height) + " pixels");
   }
   TensorPtr box = NewBytes({view.height, view.width, 1}, TensorShape::HWC, context);
   kernel::functional::F_Crop_HWC_Memcpy(upright, view.top, view.left, view.height, view.width, box);
-  Tones const tones = FindTones(box);
+  Tones const tones = FindTones(path, box);
   auto const [left, top, side] = FindInk(box, tones);
   auto const square_side = static_cast<unsigned int>(side);
   TensorPtr square = NewBytes({square_side, square_side, 1}, TensorShape::HWC, context);

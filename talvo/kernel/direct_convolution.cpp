@@ -95,7 +95,12 @@ void ConvolveBlock(ConvolutionShape const& shape, Block const& block, rows::Tile
   }
 }
 
-// Floats from one phase of a padded row (the columns of equal remainder by the stride) to the next row of the phase.
+// Phases of a padded row: the columns of equal remainder by the stride.
+std::size_t PhaseCount(ConvolutionShape const& shape, Padding const& padding) {
+  return std::min(shape.stride_x, padding.padded_width);
+}
+
+// Floats from a row of a phase to the next.
 std::size_t PhasePitch(ConvolutionShape const& shape, Padding const& padding) {
   return (padding.padded_width + shape.stride_x - 1) / shape.stride_x;
 }
@@ -266,7 +271,8 @@ void ConvolveByChannels(ConvolutionShape const& shape, ConvolutionData const& da
 void ConvolveByColumns(ConvolutionShape const& shape, Padding const& padding, ConvolutionData const& data,
                        runtime::DeviceCPU& device) {
   std::size_t const sum = shape.in_per_group * shape.kernel_y * shape.kernel_x;
-  std::size_t const pitch = PhasePitch(shape, padding), plane = shape.stride_x * padding.padded_height * pitch;
+  std::size_t const pitch = PhasePitch(shape, padding),
+                    plane = PhaseCount(shape, padding) * padding.padded_height * pitch;
   Scratch const scratch(device, shape.in_per_group * plane);
   std::fill_n(scratch.Data(), shape.in_per_group * plane, 0.0f);
   auto const offsets = PhaseTaps(shape, padding);

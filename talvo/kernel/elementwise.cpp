@@ -120,6 +120,7 @@ bool Elementwise_Fallback_Float_M1::Config(std::shared_ptr<LayerInfo> layer, std
   configured_ = false;
   if (IsValidParam(layer, param) == -1) return false;
   constexpr char const* kOperations[] = {"Add", "Sub", "Mul", "Div"};
+  layer_id_ = layer->id;
   unsigned short const op_type = dynamic_cast<ElementWiseOperatorInfo const&>(*layer).op_type;
   Assert(op_type < std::size(kOperations), "Invalid element wise type");
   operation_ = kOperations[op_type];
@@ -144,8 +145,8 @@ int Elementwise_Fallback_Float_M1::Forward(Tensors const& inputs, Tensors& outpu
   auto const a = support::Input(*this, inputs, 0), b = support::Input(*this, inputs, 1);
   std::size_t const count = support::Count(*a);
   if (support::Count(*b) < count) {
-    Assert(false, "%s: the first operand has %zu elements, the second %zu", GetName().c_str(), count,
-           support::Count(*b));
+    Assert(false, "%s of layer %s: the first operand has %zu elements, the second %zu", GetName().c_str(),
+           layer_id_.c_str(), count, support::Count(*b));
   }
   if (operation_.empty()) Assert(false, "%s: no operation is configured", GetName().c_str());
   auto const y = support::NewOutput(*this, inputs, context);
@@ -205,8 +206,8 @@ int BroadcastOperator_Fallback_Float_M1::Forward(Tensors const& inputs, Tensors&
   if (support::Count(*y) != 0) {
     Dims const &a_dims = a->shape.dims, &b_dims = b->shape.dims, &dims = y->shape.dims;
     if (support::Count(*a) == 0 || support::Count(*b) == 0) {
-      Assert(false, "%s: operands of dims %s and %s, one has no elements", GetName().c_str(), DimsText(a_dims).c_str(),
-             DimsText(b_dims).c_str());
+      Assert(false, "%s of layer %s: operands of dims %s and %s, one has no elements", GetName().c_str(),
+             layer_->id.c_str(), DimsText(a_dims).c_str(), DimsText(b_dims).c_str());
     }
     auto const axes = BroadcastAxes(Extended(a_dims, dims.size()), Extended(b_dims, dims.size()), dims);
     if (layer_->op_type >= kOperationCount) throw std::bad_function_call();
@@ -236,6 +237,7 @@ bool TensorArithmetic_Fallback_M1::Config(std::shared_ptr<LayerInfo> layer, std:
   configured_ = false;
   if (IsValidParam(layer, param) == -1) return false;
   auto const& info = dynamic_cast<TensorArithmeticInfo const&>(*layer);
+  layer_id_ = info.id;
   dim_ = info.dim;
   operation_ = info.arith_type == 0 ? "Sum" : "Mean";
   configured_ = true;
@@ -255,7 +257,8 @@ std::vector<TensorShape> TensorArithmetic_Fallback_M1::GetOutputShapes(
       dims.pop_back();
     } else {
       if (axis < 0 || static_cast<std::size_t>(axis) >= dims.size()) {
-        Assert(false, "%s: axis %d of dims %s", GetName().c_str(), int{model_axis}, DimsText(shape.dims).c_str());
+        Assert(false, "%s of layer %s: axis %d of dims %s", GetName().c_str(), layer_id_.c_str(), int{model_axis},
+               DimsText(shape.dims).c_str());
       }
       dims[static_cast<std::size_t>(axis)] = kRemoved;
     }
@@ -275,17 +278,20 @@ int TensorArithmetic_Fallback_M1::Forward(Tensors const& inputs, Tensors& output
   auto const x = support::Input(*this, inputs, 0);
   Dims const& dims = x->shape.dims;
   if (x->shape.data_type != TensorShape::FLOAT32) {
-    Assert(false, "%s: data type %u, needs FLOAT32", GetName().c_str(), x->shape.data_type);
+    Assert(false, "%s of layer %s: data type %u, needs FLOAT32", GetName().c_str(), layer_id_.c_str(),
+           x->shape.data_type);
   }
   auto const y = support::NewOutput(*this, inputs, context);
   std::vector<short> axes;
   for (short axis : dim_) axes.push_back(axis == -1 ? static_cast<short>(dims.size() - 1) : TensorAxis(axis));
   std::sort(axes.begin(), axes.end());
   auto const left = functional::ReducedDims(dims, axes);
-  if (runtime::ElementCount(left) > support::Count(*y)) {
-    Assert(false, "%s: dims %s are reduced to %s, the output has %s", GetName().c_str(), DimsText(dims).c_str(),
-           DimsText(left).c_str(), DimsText(y->shape.dims).c_str());
+  std::size_t const results = runtime::ElementCount(left), elements = support::Count(*y);
+  if (results > elements) {
+    Assert(false, "%s of layer %s: dims %s are reduced to %s, the output has %s", GetName().c_str(), layer_id_.c_str(),
+           DimsText(dims).c_str(), DimsText(left).c_str(), DimsText(y->shape.dims).c_str());
   }
+  std::fill_n(y->Data<float>() + results, elements - results, 0.0f);
   if (operation_ == "Mean") {
     functional::Function_TensorTensorArithmetic_Mean_Fallback_Float_M1(x->Data<float>(), y->Data<float>(), dims, axes);
   } else {

@@ -35,6 +35,7 @@ class TALVO_API Elementwise_Fallback_Float_M1 : public runtime::IKernel {
 
  private:
   bool configured_ = false;
+  std::string layer_id_;  // for messages
   std::string operation_;
 };
 
@@ -66,7 +67,8 @@ class TALVO_API BroadcastOperator_Fallback_Float_M1 : public runtime::IKernel {
 
 /// The sum or the mean over the axes `dim` of the layer, where axis d above 0 is the tensor's d - 1, 0 stays 0 and -1
 /// is the last. See functional::Function_TensorTensorArithmetic_Sum_Fallback_Float_M1. Axes that are left follow each
-/// other; none left gives one element.
+/// other; none left gives one element. An axis that is named twice leaves a shape with more elements than sums: the
+/// rest are 0.
 /// Assert in IsValidParam: `arith_type` above 1, "Invalid arithmetic type". Assert in GetOutputShapes: more axes than
 /// the input has, without a text; an axis that it has not. Assert in Forward: an input that is not FLOAT32; a mean over
 /// an extent of 0; no operation is configured.
@@ -88,6 +90,7 @@ class TALVO_API TensorArithmetic_Fallback_M1 : public runtime::IKernel {
 
  private:
   bool configured_ = false;
+  std::string layer_id_;  // for messages
   std::vector<short> dim_;
   std::string operation_;
 };

@@ -26,9 +26,12 @@ PoolingWindow ReadWindow(Info const& info) {
           padding(info.padding_t), padding(info.padding_b), padding(info.padding_l), padding(info.padding_r)};
 }
 
-void CheckStride(char const* name, PoolingWindow const& window) {
-  Assert(window.stride_y != 0 && window.stride_x != 0, "%s: stride %zu x %zu; a stride is 1 or more", name,
-         window.stride_y, window.stride_x);
+// The text of a refusal begins with the kernel's name and its layer.
+template <class Kind>
+void CheckStride(Kind const& kind) {
+  Assert(kind.window.stride_y != 0 && kind.window.stride_x != 0,
+         "%s of layer %s: stride %zu x %zu; a stride is 1 or more", Kind::kName, kind.layer_id.c_str(),
+         kind.window.stride_y, kind.window.stride_x);
 }
 
 unsigned int AverageExtent(unsigned int extent, std::size_t kernel, std::size_t padding, std::size_t stride) {
@@ -51,17 +54,19 @@ unsigned int MaximumExtent(unsigned int extent, std::size_t kernel, std::size_t 
 std::size_t Reach(std::size_t kernel, std::size_t dilation) { return kernel == 0 ? 0 : (kernel - 1) * dilation + 1; }
 
 // What both windowed kinds need of their input before any output is made.
-void CheckInput(char const* name, runtime::TensorCPU const& input, PoolingWindow const& window) {
+template <class Kind>
+void CheckInput(Kind const& kind, runtime::TensorCPU const& input) {
   auto const& dims = input.shape.dims;
+  PoolingWindow const& window = kind.window;
   Assert(support::IsInMainMemory(input, TensorShape::FLOAT32, TensorShape::CHW),
-         "%s: input of dims %s has data type %u and layout %u; needs FLOAT32 CHW", name, DimsText(dims).c_str(),
-         input.shape.data_type, input.shape.layout);
+         "%s of layer %s: input of dims %s has data type %u and layout %u; needs FLOAT32 CHW", Kind::kName,
+         kind.layer_id.c_str(), DimsText(dims).c_str(), input.shape.data_type, input.shape.layout);
   std::size_t const height = dims[1] + window.padding_t + window.padding_b,
                     width = dims[2] + window.padding_l + window.padding_r;
   std::size_t const reach_y = Reach(window.kernel_y, window.dilation_y),
                     reach_x = Reach(window.kernel_x, window.dilation_x);
-  Assert(reach_y <= height && reach_x <= width, "%s: a window of %zu x %zu on a padded input of %zu x %zu", name,
-         reach_y, reach_x, height, width);
+  Assert(reach_y <= height && reach_x <= width, "%s of layer %s: a window of %zu x %zu on a padded input of %zu x %zu",
+         Kind::kName, kind.layer_id.c_str(), reach_y, reach_x, height, width);
 }
 
 PoolingShape ShapeOf(runtime::TensorCPU const& input, runtime::TensorCPU const& output) {
@@ -91,12 +96,12 @@ void AveragePooling::Read(Info const& info) {
 }
 
 std::vector<unsigned int> AveragePooling::OutputDims(std::vector<unsigned int> const& dims) const {
-  CheckStride(kName, window);
+  CheckStride(*this);
   return {dims[0], AverageExtent(dims[1], window.kernel_y, window.padding_t + window.padding_b, window.stride_y),
           AverageExtent(dims[2], window.kernel_x, window.padding_l + window.padding_r, window.stride_x)};
 }
 
-void AveragePooling::Check(runtime::TensorCPU const& input) const { CheckInput(kName, input, window); }
+void AveragePooling::Check(runtime::TensorCPU const& input) const { CheckInput(*this, input); }
 
 void AveragePooling::Run(runtime::TensorCPU const& input, runtime::TensorCPU const& output,
                          runtime::DeviceCPU& device) const {
@@ -114,7 +119,7 @@ void MaximumPooling::Read(Info const& info) {
 }
 
 std::vector<unsigned int> MaximumPooling::OutputDims(std::vector<unsigned int> const& dims) const {
-  CheckStride(kName, window);
+  CheckStride(*this);
   return {dims[0],
           MaximumExtent(dims[1], window.kernel_y, window.dilation_y, window.padding_t + window.padding_b,
                         window.stride_y, ceil_mode),
@@ -122,7 +127,7 @@ std::vector<unsigned int> MaximumPooling::OutputDims(std::vector<unsigned int> c
                         window.stride_x, ceil_mode)};
 }
 
-void MaximumPooling::Check(runtime::TensorCPU const& input) const { CheckInput(kName, input, window); }
+void MaximumPooling::Check(runtime::TensorCPU const& input) const { CheckInput(*this, input); }
 
 void MaximumPooling::Run(runtime::TensorCPU const& input, runtime::TensorCPU const& output,
                          runtime::DeviceCPU& device) const {
@@ -132,7 +137,7 @@ void MaximumPooling::Run(runtime::TensorCPU const& input, runtime::TensorCPU con
 }
 
 void AdaptiveAveragePooling::Read(Info const& info) {
-  Assert(info.output_size.size() >= 2, "%s of layer %s: output_size has %zu entries, needs 2", kName, info.id.c_str(),
+  Assert(info.output_size.size() >= 2, "%s of layer %s: output_size has %zu entries, needs 2", kName, layer_id.c_str(),
          info.output_size.size());
   out_height = info.output_size[0];
   out_width = info.output_size[1];
@@ -167,6 +172,7 @@ bool Pooling<Kind>::Config(std::shared_ptr<runtime::LayerInfo> layer, std::share
                            std::shared_ptr<runtime::Context>) {
   configured_ = false;
   if (IsValidParam(layer, param) == -1) return false;
+  kind_.layer_id = layer->id;
   kind_.Read(*std::dynamic_pointer_cast<typename Kind::Info>(layer));
   configured_ = true;
   return true;

@@ -31,6 +31,7 @@ struct AveragePooling {
   void Check(runtime::TensorCPU const& input) const;
   void Run(runtime::TensorCPU const& input, runtime::TensorCPU const& output, runtime::DeviceCPU& device) const;
 
+  std::string layer_id;  // for messages
   functional::PoolingWindow window = {};
   bool count_include_pad = false;
 };
@@ -45,6 +46,7 @@ struct MaximumPooling {
   void Check(runtime::TensorCPU const& input) const;
   void Run(runtime::TensorCPU const& input, runtime::TensorCPU const& output, runtime::DeviceCPU& device) const;
 
+  std::string layer_id;  // for messages
   functional::PoolingWindow window = {};
   bool ceil_mode = false;
 };
@@ -59,11 +61,12 @@ struct AdaptiveAveragePooling {
   void Check(runtime::TensorCPU const& input) const;
   void Run(runtime::TensorCPU const& input, runtime::TensorCPU const& output, runtime::DeviceCPU& device) const;
 
+  std::string layer_id;  // for messages
   unsigned int out_height = 0, out_width = 0;
 };
 
 /// The kernel of one kind of pooling. Takes no InferenceParam; input and output are FLOAT32 CHW in main memory.
-/// GetOutputShapes refuses a stride of 0; Forward a window larger than the padded input.
+/// GetOutputShapes refuses a stride of 0; Forward a window larger than the padded input. Both texts name the layer.
 template <class Kind>
 class Pooling : public runtime::IKernel {
  public:

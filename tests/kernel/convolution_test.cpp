@@ -10,7 +10,7 @@
 
 #include "talvo/kernel/rows/instruction_sets.h"
 #include "talvo/serialization/layer_info_conv.h"
-#include "talvo/utility/base64.h"
+#include "tests/golden/convolution_golden.h"
 #include "tests/support/bits.h"
 #include "tests/support/guarded_context.h"
 #include "tests/support/log_capture.h"
@@ -36,10 +36,6 @@ std::string Describe(Case const& c) {
                 c.groups, c.in, c.out, c.height, c.width, c.ky, c.kx, c.sy, c.sx, c.dy, c.dx, c.l, c.r, c.t, c.b,
                 c.bias);
   return text;
-}
-
-std::string Text(std::vector<float> const& values) {
-  return runtime::Base64Encode(reinterpret_cast<unsigned char const*>(values.data()), values.size() * sizeof(float));
 }
 
 struct Data {
@@ -124,7 +120,7 @@ std::shared_ptr<Info> PlaneInfo(Case const& c, Data const& d) {
   set(info->padding_t, c.t), set(info->padding_b, c.b);
   info->id = "layer 7";
   info->if_bias = c.bias;
-  info->weight = Text(d.weight), info->bias = Text(d.bias);
+  info->weight = test::WeightText(d.weight), info->bias = test::WeightText(d.bias);
   return info;
 }
 
@@ -140,7 +136,7 @@ std::shared_ptr<runtime::Conv1dInfo> RowInfo(Case const& c, Data const& d) {
 }
 
 template <class Kernel>
-void ExpectPlain(Case const& c, Data const& d, std::shared_ptr<runtime::LayerInfo> const& layer,
+void ExpectPlain(Case const& c, std::shared_ptr<runtime::LayerInfo> const& layer, std::vector<float> const& input,
                  std::vector<unsigned int> const& dims, unsigned int layout, std::vector<float> const& want) {
   for (auto const set : kernel::rows::RunnableSets()) {
     SCOPED_TRACE(Describe(c) + " " + kernel::rows::NameOf(set));
@@ -148,7 +144,7 @@ void ExpectPlain(Case const& c, Data const& d, std::shared_ptr<runtime::LayerInf
     auto const context = test::GuardedContext();
     Kernel kernel;
     ASSERT_TRUE(kernel.Config(layer, nullptr, context));
-    std::vector<std::shared_ptr<runtime::Tensor>> const inputs = {test::FloatTensor(*context, dims, layout, d.input)};
+    std::vector<std::shared_ptr<runtime::Tensor>> const inputs = {test::FloatTensor(*context, dims, layout, input)};
     ASSERT_EQ(0, kernel.IsValidInput(inputs));
     std::vector<std::shared_ptr<runtime::Tensor>> outputs;
     ASSERT_EQ(0, kernel.Forward(inputs, outputs, context));
@@ -160,12 +156,12 @@ void ExpectPlain(Case const& c, Data const& d, std::shared_ptr<runtime::LayerInf
 
 void ExpectPlainDirect(Case const& c, Data const& d) {
   std::vector<unsigned int> const dims = {unsigned(c.in), unsigned(c.height), unsigned(c.width)};
-  ExpectPlain<Direct2d>(c, d, PlaneInfo<runtime::Conv2dInfo>(c, d), dims, TensorShape::CHW, PlainDirect(c, d));
+  ExpectPlain<Direct2d>(c, PlaneInfo<runtime::Conv2dInfo>(c, d), d.input, dims, TensorShape::CHW, PlainDirect(c, d));
 }
 
 void ExpectPlainTransposed(Case const& c, Data const& d) {
   std::vector<unsigned int> const dims = {unsigned(c.in), unsigned(c.height), unsigned(c.width)};
-  ExpectPlain<Transposed>(c, d, PlaneInfo<runtime::ConvTranspose2dInfo>(c, d), dims, TensorShape::CHW,
+  ExpectPlain<Transposed>(c, PlaneInfo<runtime::ConvTranspose2dInfo>(c, d), d.input, dims, TensorShape::CHW,
                           PlainTransposed(c, d));
 }
 
@@ -209,7 +205,8 @@ TEST(Convolution, RandomRowsGiveTheBitsOfThePlainLoops) {
     Case c = RandomCase(random, false);
     c.height = c.ky = c.sy = c.dy = 1, c.t = c.b = 0;
     Data const d = MakeData(c, round, round % 3 == 0);
-    ExpectPlain<Direct1d>(c, d, RowInfo(c, d), {unsigned(c.in), unsigned(c.width)}, TensorShape::CL, PlainDirect(c, d));
+    ExpectPlain<Direct1d>(c, RowInfo(c, d), d.input, {unsigned(c.in), unsigned(c.width)}, TensorShape::CL,
+                          PlainDirect(c, d));
   }
 }
 
@@ -228,6 +225,7 @@ TEST(Convolution, EveryWayThroughTheTiles) {
       {"out_channels no multiple of groups: the rest holds 0", {3, 7, 8, 4, 5, 3, 3, 1, 1, 1, 1, 1, 1, 1, 1, false}},
       {"more groups than input channels: the bias alone", {4, 3, 4, 3, 3, 1, 1, 1, 1, 1, 1, 0, 0, 0, 0, true}},
       {"more groups than output channels: zeros", {4, 8, 3, 3, 3, 1, 1, 1, 1, 1, 1, 0, 0, 0, 0, false}},
+      {"a stride wider than the input", {4, 4, 4, 3, 2, 1, 1, 9, 60, 1, 1, 0, 0, 0, 0, true}},
       {"windows in the padding alone", {1, 2, 3, 2, 2, 1, 1, 1, 1, 1, 1, 3, 2, 3, 3, true}},
   };
   for (auto const& row : cases) {
@@ -259,6 +257,49 @@ TEST(Convolution, IsTheKernelTurnedAndSpreadWhenTransposed) {
   Data const d = {{1.0f}, {1.0f, 2.0f, 3.0f, 4.0f}, {}};
   EXPECT_EQ((std::vector<float>{1.0f, 2.0f, 3.0f, 4.0f}), PlainTransposed(c, d));
   ExpectPlainTransposed(c, d);
+}
+
+template <class Golden>
+Case CaseOf(Golden const& k) {
+  return {k.groups,    k.in_channels, k.out_channels, int(k.height),  int(k.width), k.kernel_y,
+          k.kernel_x,  k.stride_y,    k.stride_x,     k.dilation_y,   k.dilation_x, k.padding_l,
+          k.padding_r, k.padding_t,   k.padding_b,    !k.bias.empty()};
+}
+
+TEST(Convolution, AgreesWithAnIndependentFramework) {
+  for (auto const& k : test::golden::kConv2dCases) {
+    SCOPED_TRACE(k.why);
+    Case const c = CaseOf(k);
+    ExpectPlain<Direct2d>(c, PlaneInfo<runtime::Conv2dInfo>(c, {{}, k.weight, k.bias}), k.input,
+                          {k.in_channels, k.height, k.width}, TensorShape::CHW, k.output);
+  }
+  for (auto const& k : test::golden::kConvTranspose2dCases) {
+    SCOPED_TRACE(k.why);
+    Case const c = CaseOf(k);
+    ExpectPlain<Transposed>(c, PlaneInfo<runtime::ConvTranspose2dInfo>(c, {{}, k.weight, k.bias}), k.input,
+                            {k.in_channels, k.height, k.width}, TensorShape::CHW, k.output);
+  }
+  for (auto const& k : test::golden::kConv1dCases) {
+    SCOPED_TRACE(k.why);
+    Case const c = {k.groups,
+                    k.in_channels,
+                    k.out_channels,
+                    1,
+                    int(k.length),
+                    1,
+                    k.kernel_size,
+                    1,
+                    k.stride,
+                    1,
+                    k.dilation,
+                    k.padding_f,
+                    k.padding_b,
+                    0,
+                    0,
+                    !k.bias.empty()};
+    ExpectPlain<Direct1d>(c, RowInfo(c, {{}, k.weight, k.bias}), k.input, {k.in_channels, k.length}, TensorShape::CL,
+                          k.output);
+  }
 }
 
 TEST(Convolution, ExtentsWrapInGetOutputShapesAndAreRefusedInForward) {
@@ -322,7 +363,7 @@ TEST(Convolution, ConfigRefusesBadLayers) {
   }
   ASSERT_TRUE(kernel.Config(good, nullptr, context));
   auto const short_bias = PlaneInfo<runtime::Conv2dInfo>(c, d);
-  short_bias->bias = Text({1.0f, 2.0f});
+  short_bias->bias = test::WeightText({1.0f, 2.0f});
   EXPECT_NE(std::string::npos, test::RefusalOf([&] {
                                  kernel.Config(short_bias, nullptr, context);
                                }).find("bias holds 8 bytes, shape [1, 3] needs 12"));

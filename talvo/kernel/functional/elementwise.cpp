@@ -100,7 +100,7 @@ void Function_TensorTensorArithmetic_Sum_Fallback_Float_M1(float const* in, floa
 
 void Function_TensorTensorArithmetic_Mean_Fallback_Float_M1(float const* in, float* out, Dims dims,
                                                             std::vector<short>& axes) {
-  ReducedDims(dims, axes);
+  std::size_t const sums = runtime::ElementCount(ReducedDims(dims, axes));
   std::size_t reduced = 1, results = runtime::ElementCount(dims);
   for (short axis : axes) {
     unsigned int const extent = dims[static_cast<std::size_t>(axis)];
@@ -113,6 +113,7 @@ void Function_TensorTensorArithmetic_Mean_Fallback_Float_M1(float const* in, flo
   }
   Function_TensorTensorArithmetic_Sum_Fallback_Float_M1(in, out, std::move(dims), axes);
   auto const n = static_cast<float>(reduced);
+  results = std::min(results, sums);  // repeated axes may leave fewer sums
   for (std::size_t i = 0; i < results; ++i) out[i] = out[i] / n;
 }
 
