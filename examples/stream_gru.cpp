@@ -163,11 +163,12 @@ int Run(std::string const& path) {
 }  // namespace
 
 int main(int count, char** words) {
-  if (count > 2) {
-    std::fprintf(stderr, "usage: stream_gru [PACKAGE]\n");
+  std::string const path = count == 2 ? words[1] : "stream_gru.tlnmodel", ending = ".tlnmodel";
+  bool const named = path.size() > ending.size() && path.substr(path.size() - ending.size()) == ending;
+  if (count > 2 || !named) {
+    std::fprintf(stderr, "usage: stream_gru [PACKAGE], where PACKAGE ends in %s\n", ending.c_str());
     return 2;
   }
-  std::string const path = count == 2 ? words[1] : "stream_gru.tlnmodel";
   try {
     return Run(path);
   } catch (std::exception const& error) {

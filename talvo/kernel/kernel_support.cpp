@@ -94,9 +94,10 @@ TensorPtr DecodeWeights(runtime::IKernel const& kernel, std::string const& layer
                         ContextPtr const& context) {
   TensorShape shape(std::move(dims), TensorShape::FLOAT32, layout, TensorShape::MainMemory, TensorShape::Extra());
   std::string const bytes = runtime::Base64Decode(base64);
-  unsigned int const needed = runtime::ByteCount(shape);
-  if (bytes.size() < needed) {
-    Assert(false, "%s of layer %s: %s holds %zu bytes, shape %s needs %u", kernel.GetName().c_str(), layer_id.c_str(),
+  double needed = sizeof(float);  // extents of a file may pass 32 bits, and 64
+  for (unsigned int const extent : shape.dims) needed *= extent;
+  if (static_cast<double>(bytes.size()) < needed) {
+    Assert(false, "%s of layer %s: %s holds %zu bytes, shape %s needs %.0f", kernel.GetName().c_str(), layer_id.c_str(),
            what, bytes.size(), DimsText(shape.dims).c_str(), needed);
   }
   return Device(kernel, context).CreateTensor(std::move(shape), bytes.data());

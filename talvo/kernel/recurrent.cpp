@@ -230,9 +230,11 @@ void RecurrentSequence<Family, Variant>::CheckState(std::string const& layer_id,
 
 template <class Family, class Variant>
 void RecurrentSequence<Family, Variant>::MakeState(runtime::DeviceCPU& device) const {
+  if (state_ != nullptr) return;
   std::vector<unsigned int> const dims = {directions_ * num_layers_, hidden_size_};
-  if (Family::kHasCellState && cell_state_ == nullptr) cell_state_ = device.CreateZeroF32FlexiableMainMem(dims);
-  if (state_ == nullptr) state_ = device.CreateZeroF32FlexiableMainMem(dims);
+  auto const state = device.CreateZeroF32FlexiableMainMem(dims);
+  if (Family::kHasCellState) cell_state_ = device.CreateZeroF32FlexiableMainMem(dims);
+  state_ = state;  // both or none, when memory runs out: CheckState looks at this one
 }
 
 // The order of layers and steps changes no value: a layer reads what the one below gave for the same step.

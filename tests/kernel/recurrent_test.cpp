@@ -423,6 +423,9 @@ TYPED_TEST(Recurrent, RefusesShortWeightsAndChangedSizes) {
   info->weight_hh_reverse[1] = WeightText(Floats(1, TypeParam::kGates * 25 - 1));
   EXPECT_NE(refusal().find("of layer stack: reverse 1: weight_hh holds"), std::string::npos);
   *info = good;
+  info->in_size = info->hidden_size = 65535;  // bytes beyond 32 bits
+  EXPECT_NE(refusal().find("of layer stack: forward 0: weight_ih holds"), std::string::npos);
+  *info = good;
   info->bias_ih_forward.pop_back();
   EXPECT_NE(refusal().find("bias_ih_forward has 1 entries, 2"), std::string::npos);
   EXPECT_FALSE(kernel.IsConfigured());
