@@ -19,7 +19,7 @@ RecordForm const& FormOf(unsigned short type, unsigned short last_type) {
   RecordForm const* const form = type <= last_type ? support::FindForm(type) : nullptr;
   if (form == nullptr) {
     std::string const number = last_type == kLastType ? " " + std::to_string(type) + ".\n" : ".";
-    throw LoadFailure("false", __func__, __LINE__, "\n\n\nError, Unsupport Layer Type" + number);
+    throw LoadFailure("false", __func__, __FILE__, __LINE__, "\n\n\nError, Unsupport Layer Type" + number);
   }
   return *form;
 }
@@ -27,7 +27,7 @@ RecordForm const& FormOf(unsigned short type, unsigned short last_type) {
 [[noreturn]] void Fail(LoadFailure const& failure) {
   std::fputs(failure.notice.c_str(), stdout);
   std::fflush(stdout);
-  talvo::utility::InvariantFailed(failure.what(), failure.function, __FILE__, failure.line);
+  talvo::utility::InvariantFailed(failure.what(), failure.function, failure.file, failure.line);
 }
 
 }  // namespace
@@ -89,7 +89,8 @@ void QZNetLoader::LoadRecords(std::FILE* stream, unsigned short last_type) {
     TALVO1_REQUIRE(message_head == 0x5555);
     RecordForm const& form = FormOf(body.Next(), last_type);
     if (exinfo.getVersion() < form.from_version)
-      throw LoadFailure("this->exinfo.getVersion() >= " + std::to_string(form.from_version), __func__, __LINE__);
+      throw LoadFailure("this->exinfo.getVersion() >= " + std::to_string(form.from_version), __func__, __FILE__,
+                        __LINE__);
     std::unique_ptr<QZLayerInfo> record = form.read(body);
     id_list.push_back(record->id);
     if (layers.emplace(record->id, record.get()).second) records_.push_back(std::move(record));

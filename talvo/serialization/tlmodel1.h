@@ -18,10 +18,16 @@ namespace talvo1 {
 /// A file that breaks its form: the assertion that failed, where it stands, and what is printed before it.
 class TALVO_API LoadFailure : public std::runtime_error {
  public:
-  LoadFailure(std::string const& expression, char const* in_function, int at_line, std::string printed = "")
-      : std::runtime_error(expression), function(in_function), line(at_line), notice(std::move(printed)) {}
+  LoadFailure(std::string const& expression, char const* in_function, char const* in_file, int at_line,
+              std::string printed = "")
+      : std::runtime_error(expression),
+        function(in_function),
+        file(in_file),
+        line(at_line),
+        notice(std::move(printed)) {}
 
   char const* function;
+  char const* file;
   int line;
   std::string notice;
 };

@@ -14,7 +14,7 @@ using talvo::utility::Assert;
 constexpr unsigned short kSlots = 10;  // inputs that a record has room for
 constexpr std::size_t kPiece = 8192;   // halves that are read at once
 
-[[noreturn]] void EndedEarly() { throw LoadFailure("message_end == 0xaaaa", __func__, __LINE__); }
+[[noreturn]] void EndedEarly() { throw LoadFailure("message_end == 0xaaaa", __func__, __FILE__, __LINE__); }
 
 std::uint64_t Product(std::initializer_list<unsigned short> factors) {
   std::uint64_t product = 1;  // four factors of 16 bits fit
@@ -22,7 +22,7 @@ std::uint64_t Product(std::initializer_list<unsigned short> factors) {
   return product;
 }
 
-void RequireDivisor(QZLayerInfo const& layer, char const* name, unsigned short value) {
+void RequireNotZero(QZLayerInfo const& layer, char const* name, unsigned short value) {
   Assert(value != 0, "first-generation layer %u (type %u): %s is 0, needs 1 or more", layer.id, layer.type, name);
 }
 
@@ -108,7 +108,7 @@ void ReadBody(BodyReader& body, QZLayerInfo_Conv2D& layer) {
     layer.groups = body.Next();
     body.Skip(10);
   }
-  RequireDivisor(layer, "groups", layer.groups);
+  RequireNotZero(layer, "groups", layer.groups);
   unsigned short const in = layer.input_shapes[0].channels, out = layer.output_shapes[0].channels;
   auto const group_inputs = static_cast<unsigned short>(in / layer.groups);
   layer.weights = body.Floats(Product({out, layer.kernel_x, layer.kernel_y, group_inputs}));
@@ -120,7 +120,7 @@ void ReadBody(BodyReader& body, QZLayerInfo_Conv2DTranspose& layer) {
   ReadWindow(body, layer);
   ReadBiasAndActivation(body, layer);
   if (body.Version() >= 10003) layer.group_divisor = body.Next();
-  RequireDivisor(layer, "the divisor of groups", layer.group_divisor);
+  RequireNotZero(layer, "the divisor of groups", layer.group_divisor);
   unsigned short const in = layer.input_shapes[0].channels, out = layer.output_shapes[0].channels;
   layer.weights = body.Floats(Product({out, in, layer.kernel_x, layer.kernel_y}) / layer.group_divisor);
   layer.bias = body.Floats(out);
@@ -133,7 +133,7 @@ void ReadDepthWise(BodyReader& body, DepthWise& layer) {
   ReadWindow(body, layer);
   ReadDilation(body, layer);
   ReadBiasAndActivation(body, layer);
-  RequireDivisor(layer, "the multiplier", layer.multiplier);
+  RequireNotZero(layer, "the multiplier", layer.multiplier);
   unsigned short const in = layer.input_shapes[0].channels;
   layer.weights = body.Floats(Product({layer.multiplier, layer.kernel_x, layer.kernel_y, in}));
   layer.bias = body.Floats(layer.output_shapes[0].channels);
@@ -236,6 +236,7 @@ void ReadBody(BodyReader& body, QZLayerInfo_FullConnection& layer) {
   layer.out_features = body.Next();
   layer.if_bias = body.Next();
   ReadTensors(body, layer);
+  RequireNotZero(layer, "in_features", layer.in_features);  // or a long bias of zeros would stand in no bytes
   std::uint64_t const weights = Product({layer.in_features, layer.out_features});
   std::size_t const biases = layer.if_bias != 0 ? layer.out_features : 0;
   layer.raw = body.Halves(weights + biases);
@@ -263,7 +264,7 @@ void ReadBody(BodyReader& body, QZLayerInfo_LSTM& layer) {
   layer.bidirectional = body.Next();
   if (body.Version() >= 10009) layer.stacking = body.Next();
   ReadTensors(body, layer);
-  RequireDivisor(layer, "hidden_size", layer.hidden_size);  // or many layers would stand in no bytes at all
+  RequireNotZero(layer, "hidden_size", layer.hidden_size);  // or many layers would stand in no bytes at all
   for (unsigned int i = 0; i < layer.num_layers; ++i) {
     layer.forward.push_back(ReadDirection(body, layer));
     if (layer.bidirectional != 0) layer.reverse.push_back(ReadDirection(body, layer));

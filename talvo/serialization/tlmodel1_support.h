@@ -10,7 +10,7 @@
 
 /// Throws LoadFailure with the expression's own words.
 #define TALVO1_REQUIRE(expression) \
-  (static_cast<bool>(expression) ? void(0) : throw LoadFailure(#expression, __func__, __LINE__))
+  (static_cast<bool>(expression) ? void(0) : throw LoadFailure(#expression, __func__, __FILE__, __LINE__))
 
 namespace talvo1::support {
 

@@ -166,6 +166,7 @@ TEST(TLModel1, RefusesCountsThatDoNotFit) {
   static_cast<QZFreezedLayerInfo&>(add("axes", 19, "11 axes, a record has room for 10")).output_tensor.dimension_count =
       11;
   static_cast<QZLayerInfo_LSTM&>(add("no units", 22, "hidden_size is 0")).hidden_size = 0;
+  static_cast<QZLayerInfo_FullConnection&>(add("zeros alone", 21, "in_features is 0")).in_features = 0;
   for (Case const& c : cases) {
     SCOPED_TRACE(c.why);
     TLModel1Writer file(10011);

@@ -194,6 +194,9 @@ TEST(UpgradeModel, RefusesWithLayerAndReason) {
   auto activated = convolution;
   activated.activation = 2;
   auto const normalisation = Normalisation(3, 2, 2), wide = Normalisation(3, 2, 5), other = Normalisation(4, 2, 2);
+  auto const again = Normalisation(4, 3, 2);
+  auto const nothing = OldPlanes<QZLayerInfo_DepthWiseConv2D>(3, 2, 1, 0, 0);
+  auto const of_nothing = Normalisation(3, 2, 0);
   auto constant = normalisation;
   constant.variance[1] = -1.0f;
   TLModel1Writer old(9999);
@@ -209,8 +212,13 @@ TEST(UpgradeModel, RefusesWithLayerAndReason) {
       {"two readers", with({&convolution, &normalisation, &other}),
        "layer-3 (BatchNorm2dInfo): no kernel is known for a batch normalisation that is not the only reader of a "
        "convolution"},
+      {"behind a normalisation", with({&convolution, &normalisation, &again}),
+       "layer-4 (BatchNorm2dInfo): no kernel is known for a batch normalisation that is not the only reader of a "
+       "convolution"},
       {"channels", with({&convolution, &wide}),
        "layer-3: normalises 5 channels, the convolution in front of it makes 2"},
+      {"no channels", with({&nothing, &of_nothing}),
+       "layer-3: normalises 0 channels, the convolution in front of it makes 0"},
       {"variance below 0", with({&convolution, &constant}),
        "layer-3: the batch normalisation cannot be folded, a result is too large or no number"},
       {"too old", old.bytes, "version 9999 is older than 10000"},

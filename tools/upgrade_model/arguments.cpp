@@ -1,5 +1,6 @@
 #include "tools/upgrade_model/arguments.h"
 
+#include <algorithm>
 #include <cctype>
 #include <filesystem>
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <stdexcept>
@@ -41,7 +42,7 @@ float Rounded(double value, std::string const& layer) {
 std::vector<Channel> Channels(BatchNorm2dInfo const& normalisation, unsigned short out_channels) {
   std::vector<float> const scale = Decoded(normalisation.scale), shift = Decoded(normalisation.shift);
   std::vector<float> const variance = Decoded(normalisation.variance), mean = Decoded(normalisation.mean);
-  if (scale.size() != out_channels)
+  if (scale.empty() || scale.size() != out_channels)
     throw std::runtime_error(normalisation.id + ": normalises " + std::to_string(scale.size()) +
                              " channels, the convolution in front of it makes " + std::to_string(out_channels));
   std::vector<Channel> channels;
@@ -66,8 +67,9 @@ void Fold(std::vector<Channel> const& channels, std::size_t row, std::string con
 // False for a layer that is no convolution.
 bool FoldInto(LayerInfo& layer, BatchNorm2dInfo const& normalisation) {
   if (auto* const direct = dynamic_cast<Conv2dInfo*>(&layer)) {
+    auto const channels = Channels(normalisation, direct->out_channels);  // at least one, so there are groups
     std::size_t const row = std::size_t{direct->kernel_x} * direct->kernel_y * (direct->in_channels / direct->groups);
-    Fold(Channels(normalisation, direct->out_channels), row, normalisation.id, *direct);
+    Fold(channels, row, normalisation.id, *direct);
     return true;
   }
   if (auto* const transposed = dynamic_cast<ConvTranspose2dInfo*>(&layer)) {
@@ -104,7 +106,7 @@ std::map<std::string, std::string> FoldBatchNormalisations(TLModelInfo& model, T
     if (normalisation == nullptr) continue;
     std::string const input = normalisation->input_ids.at(0);
     auto const source = model.layers.find(input);
-    if (source == model.layers.end() || source->second->read_count != 1) continue;
+    if (source == model.layers.end() || source->second->read_count != 1 || folded.count(input) != 0) continue;
     if (config != nullptr && config->layers.count(id) != 0 && config->layers.count(input) != 0) continue;
     if (!FoldInto(*source->second, *normalisation)) continue;
     Replace(id, input, model);

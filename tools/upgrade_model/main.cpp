@@ -1,5 +1,6 @@
 // Turns a model file of the first generation into a package: converts the layers, gives each a kernel, and says what
 // became of them.
+#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <iostream>
@@ -24,6 +25,13 @@ int Report(char const* line) {
   std::string const text(line);
   if (text.find("] (Warnning): ") != std::string::npos) std::fprintf(stderr, "%s\n", line);
   return 0;
+}
+
+// Paths may hold line breaks; a report of an error is one line.
+std::string OneLine(std::string text) {
+  std::replace_if(
+      text.begin(), text.end(), [](char c) { return c == '\n' || c == '\r'; }, ' ');
+  return text;
 }
 
 [[noreturn]] void Refuse(std::string const& text) { throw std::runtime_error(text); }
@@ -77,7 +85,7 @@ void Write(Arguments const& arguments, std::shared_ptr<TLModelInfo> const& model
   try {
     package.ToFile(arguments.out.c_str(), "bin");
   } catch (std::exception const& refusal) {
-    Refuse(Message(refusal, arguments.out + ": cannot be written"));
+    Refuse(arguments.out + ": " + Message(refusal, "cannot be written"));
   }
 }
 
@@ -97,6 +105,7 @@ void Upgrade(Arguments const& arguments) {
   upgrade_model::RequireKernels(*model, *config, arguments.config);
   Write(arguments, model, config);
   upgrade_model::PrintTable(loader, *model, *config, folded, std::cout);
+  if (!std::cout.flush()) Refuse("standard output cannot be written");
 }
 
 }  // namespace
@@ -110,7 +119,7 @@ int main(int count, char** words) {
     std::fprintf(stderr, "upgrade_model: %s\n%s\n", error.what(), upgrade_model::kUsage);
     return 2;
   } catch (std::exception const& error) {
-    std::fprintf(stderr, "upgrade_model: %s\n", error.what());
+    std::fprintf(stderr, "upgrade_model: %s\n", OneLine(error.what()).c_str());
     return 1;
   }
 }
