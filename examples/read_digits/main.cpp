@@ -1,8 +1,7 @@
 // Reads handwritten digits: from a camera frame through a small convolutional network to an answer.
 //
-//   read_digits                  reads photographs made from the pictures of examples/digits, as a phone held at any of
-//   four
-//                                turns would take them; prints the accuracy and the layer table
+//   read_digits                  reads photographs made from the pictures of examples/digits, as a phone held at any
+//                                of four turns would take them; prints the accuracy and the layer table
 //   read_digits FILE.pgm         reads one 8-bit gray picture of one digit, light on dark or dark on light
 //   read_digits FRAME.nv21 WIDTH HEIGHT [TURN [LEFT TOP WIDTH HEIGHT]]
 //                                reads a raw camera frame; TURN degrees clockwise (0, 90, 180, 270) bring it upright,
