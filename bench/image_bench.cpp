@@ -1,6 +1,5 @@
 // The image operations at the sizes of camera frames and of net inputs. Each stands beside a memcpy of its output's
-// bytes
-// ("memcpy") and beside the plain loop that defines it ("plain").
+// bytes ("memcpy") and beside the plain loop that defines it ("plain").
 #include <benchmark/benchmark.h>
 
 #include <cmath>
@@ -284,36 +283,79 @@ void RegisterNormalisations() {
       });
 }
 
+constexpr int kSide = 512;
+constexpr std::size_t kPlane = std::size_t{kSide} * kSide;
+
+// Calls one(output element, column, row) for each element of three planes.
+template <class One>
+void ForEachElement(One const& one) {
+  for (std::size_t i = 0; i < 3 * kPlane; ++i) {
+    one(i, static_cast<float>(i % kSide), static_cast<float>(i % kPlane / kSide));
+  }
+}
+
+std::size_t Element(std::size_t i, int x, int y) {
+  return i / kPlane * kPlane + static_cast<std::size_t>(y) * kSide + static_cast<std::size_t>(x);
+}
+
+float Blend(float t00, float t10, float t01, float t11, float fx, float fy) {
+  return (t11 * fx + t01 * (1 - fx)) * fy + (t10 * fx + t00 * (1 - fx)) * (1 - fy);
+}
+
+void PlainNearest(float const* m, float const* in, float* out) {
+  ForEachElement([=](std::size_t i, float x, float y) {
+    auto const sx = static_cast<int>(m[0] * x + m[1] * y + m[2] + 0.5f);
+    auto const sy = static_cast<int>(m[3] * x + m[4] * y + m[5] + 0.5f);
+    if (sx >= 0 && sx < kSide && sy >= 0 && sy < kSide) out[i] = in[Element(i, sx, sy)];
+  });
+}
+
+void PlainBilinearWarp(float const* m, float const* in, float* out) {
+  ForEachElement([=](std::size_t i, float x, float y) {
+    float const u = m[0] * x + m[1] * y + m[2], v = m[3] * x + m[4] * y + m[5];
+    auto const ix = static_cast<int>(u), iy = static_cast<int>(v);
+    if (ix < 0 || ix >= kSide - 1 || iy < 0 || iy >= kSide - 1) return;
+    float const* const t = in + Element(i, ix, iy);
+    out[i] = Blend(t[0], t[1], t[kSide], t[kSide + 1], u < 0 ? 0 : u - static_cast<float>(ix),
+                   v < 0 ? 0 : v - static_cast<float>(iy));
+  });
+}
+
+// In normalised coordinates, with a test for each neighbour.
+void PlainFreeWarp(float const* m, float const* in, float* out) {
+  constexpr float kHalf = kSide / 2;
+  ForEachElement([=](std::size_t i, float x, float y) {
+    float const nx = (x + 0.5f) / kHalf - 1, ny = (y + 0.5f) / kHalf - 1;
+    float const u = (m[0] * nx + m[1] * ny + m[2] + 1) * kHalf - 0.5f;
+    float const v = (m[3] * nx + m[4] * ny + m[5] + 1) * kHalf - 0.5f;
+    auto const ix = static_cast<int>(u), iy = static_cast<int>(v);
+    bool const left = 0 < ix && ix < kSide, upper = 0 < iy && iy < kSide;
+    bool const right = 0 <= ix && ix + 1 < kSide, lower = 0 <= iy && iy + 1 < kSide;
+    auto const t = [&](int tx, int ty, bool inside) { return inside ? in[Element(i, tx, ty)] : 0.0f; };
+    out[i] = Blend(t(ix, iy, left && upper), t(ix + 1, iy, right && upper), t(ix, iy + 1, left && lower),
+                   t(ix + 1, iy + 1, right && lower), u - static_cast<float>(ix), v - static_cast<float>(iy));
+  });
+}
+
 void RegisterWarps() {
   static float const m[] = {0.9f, -0.3f, 90.0f, 0.3f, 0.9f, -30.0f};
-  constexpr std::size_t kSide = 512, kPlane = kSide * kSide;
+  static float const normalised[] = {0.9f, -0.3f, 0.05f, 0.3f, 0.9f, -0.02f};
+  static Image const matrix = Device().CreateF32FlexiableMainMemory({2, 3}, normalised);
   auto const src = MakeFloats({3, kSide, kSide}), dst = MakeFloats({3, kSide, kSide});
-  auto const plain = [](unsigned char const* from, unsigned char* to) {
-    auto const* const in = reinterpret_cast<float const*>(from);
-    auto* const out = reinterpret_cast<float*>(to);
-    for (std::size_t i = 0; i < 3 * kPlane; ++i) {
-      auto const x = static_cast<float>(i % kSide), y = static_cast<float>(i % kPlane / kSide);
-      float const u = m[0] * x + m[1] * y + m[2], v = m[3] * x + m[4] * y + m[5];
-      auto const ix = static_cast<int>(u), iy = static_cast<int>(v);
-      constexpr int kLast = static_cast<int>(kSide) - 1;
-      if (ix < 0 || ix >= kLast || iy < 0 || iy >= kLast) continue;
-      float const fx = u < 0 ? 0 : u - static_cast<float>(ix), fy = v < 0 ? 0 : v - static_cast<float>(iy);
-      float const* const t =
-          in + i / kPlane * kPlane + static_cast<std::size_t>(iy) * kSide + static_cast<std::size_t>(ix);
-      out[i] = (t[kSide + 1] * fx + t[kSide] * (1 - fx)) * fy + (t[1] * fx + t[0] * (1 - fx)) * (1 - fy);
-    }
+  auto const plain = [](auto function, float const* values) {
+    return [=](unsigned char const* from, unsigned char* to) {
+      function(values, reinterpret_cast<float const*>(from), reinterpret_cast<float*>(to));
+    };
   };
   Register(
       "AffineInverseBilinear/3x512x512", src, dst,
-      [](Image& s, Image& d) { process.Affine_INV_BILINEAR_Float(s, d, m, nullptr); }, plain);
+      [](Image& s, Image& d) { process.Affine_INV_BILINEAR_Float(s, d, m, nullptr); }, plain(PlainBilinearWarp, m));
   Register(
       "AffineInverse/3x512x512", src, dst, [](Image& s, Image& d) { process.Affine_INV_Float(s, d, m, nullptr); },
-      plain);
-  static float const normalised[] = {0.9f, -0.3f, 0.05f, 0.3f, 0.9f, -0.02f};
-  static Image const matrix = Device().CreateF32FlexiableMainMemory({2, 3}, normalised);
+      plain(PlainNearest, m));
   Register(
       "FreeAffineBilinear/3x512x512", src, dst,
-      [](Image& s, Image& d) { F_WarpAffine_Bilinear_CHW_F32_Arm(s, matrix, d); }, plain);
+      [](Image& s, Image& d) { F_WarpAffine_Bilinear_CHW_F32_Arm(s, matrix, d); }, plain(PlainFreeWarp, normalised));
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
-// Takes one photo through the image operations and writes each result, and a contact sheet of all, as PPM files:
+// Takes one photo through every image operation and writes each result, and a contact sheet of all, as PPM files:
 //   image_tour PHOTO.ppm DIRECTORY
+// The operations that have an Arm twin are run in their other form; the results are the same.
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -20,6 +21,7 @@ using namespace talvo::kernel::functional;
 using talvo::runtime::TensorShape;
 using Image = std::shared_ptr<talvo::runtime::Tensor>;
 using Bytes = std::vector<unsigned char>;
+using Dims = std::vector<unsigned int>;
 
 struct Picture {  // interleaved RGB
   std::string name;
@@ -81,9 +83,11 @@ class Tour {
   }
 
   void Colours();
+  void Grays();
   void CameraFrames();
   void RotationsAndFlips();
   void Crops();
+  void FreeCrops();
   void Resizes();
   void Normalisations();
   void Warps();
@@ -91,42 +95,53 @@ class Tour {
 
  private:
   talvo::runtime::DeviceCPU& Device() { return *context_->device_cpu; }
+  Image NewBytes(Dims const& dims, unsigned int layout, Bytes const& bytes) {
+    return Device().CreateTensor({dims, TensorShape::UINT8, layout, TensorShape::MainMemory, {}}, bytes.data());
+  }
   Image NewPixels(unsigned int h, unsigned int w, unsigned int c = 3) {
-    return Device().CreateU8HWCMainMem({h, w, c}, Bytes(std::size_t{h} * w * c, 60).data());
+    return NewBytes({h, w, c}, TensorShape::HWC, Bytes(std::size_t{h} * w * c, 60));
   }
   Image NewPlanes(unsigned int h, unsigned int w) { return Device().CreateRGBUInt8CHWTensor(h, w, nullptr); }
-  Image NewFlexible(std::vector<unsigned int> const& dims, Bytes const& bytes) {
-    TensorShape const shape(dims, TensorShape::UINT8, TensorShape::FLEXIABLE, TensorShape::MainMemory, {});
-    return Device().CreateTensor(shape, bytes.data());
+  // The photo with gray alone, red and green, all colours, or colours and what else has its place in a pixel.
+  Bytes Channels(std::size_t count) const {
+    Bytes bytes;
+    for (std::size_t i = 0; i < photo_.pixels.size(); i += 3) {
+      unsigned char const* const rgb = &photo_.pixels[i];
+      if (count == 1) bytes.push_back(static_cast<unsigned char>((rgb[0] + 2 * rgb[1] + rgb[2]) / 4));
+      for (std::size_t c = 0; count > 1 && c < count; ++c) bytes.push_back(c < 3 ? rgb[c] : 255);
+    }
+    return bytes;
   }
 
   void Show(std::string const& name, unsigned int h, unsigned int w, Bytes pixels) {
     results_.push_back({name, h, w, std::move(pixels)});
     WritePpm(directory_ + "/" + name + ".ppm", results_.back());
   }
-  // Rows and columns are dims[0] and dims[1].
-  void ShowPixels(std::string const& name, Image const& image) {
+  // Interleaved channels: gray, or the first three.
+  void ShowChannels(std::string const& name, Image const& image, unsigned int h, unsigned int w, std::size_t count) {
     auto const* const first = static_cast<unsigned char const*>(image->data);
+    Bytes pixels(std::size_t{3} * h * w);
+    for (std::size_t i = 0; i < pixels.size(); ++i) {
+      if (count == 1) pixels[i] = first[i / 3];
+      if (count > 1 && i % 3 < count) pixels[i] = first[i / 3 * count + i % 3];
+    }
+    Show(name, h, w, std::move(pixels));
+  }
+  void ShowPixels(std::string const& name, Image const& image) {
     auto const& dims = image->shape.dims;
-    Show(name, dims[0], dims[1], Bytes(first, first + std::size_t{3} * dims[0] * dims[1]));
+    ShowChannels(name, image, dims[0], dims[1], dims[2]);
   }
   void ShowPlanes(std::string const& name, Image image) {
     Image pixels = NewPixels(image->shape.dims[1], image->shape.dims[2]);
-    process_.CHW2HWC(image, pixels, context_);
+    process_.ConvertPixel(image, pixels, 61, context_);
     ShowPixels(name, pixels);
-  }
-  void ShowGray(std::string const& name, Image const& image, unsigned int h, unsigned int w) {
-    auto const* const first = static_cast<unsigned char const*>(image->data);
-    Bytes pixels(std::size_t{3} * h * w);
-    for (std::size_t i = 0; i < pixels.size(); ++i) pixels[i] = first[i / 3];
-    Show(name, h, w, std::move(pixels));
   }
   // Float planes, mapped back by value * scale + offset.
   void ShowFloats(std::string const& name, Image image, float scale = 1, float offset = 0) {
     auto const& dims = image->shape.dims;
     Image pixels = Device().CreateTensor(
         {{dims[1], dims[2], 3}, image->shape.data_type, TensorShape::HWC, TensorShape::MainMemory, {}}, nullptr);
-    process_.CHW2HWC(image, pixels, context_);
+    process_.ConvertPixel(image, pixels, 61, context_);
     auto const* const first = static_cast<float const*>(pixels->data);
     Bytes bytes(std::size_t{3} * dims[1] * dims[2]);
     std::transform(first, first + bytes.size(), bytes.begin(),
@@ -142,33 +157,61 @@ class Tour {
   std::vector<Picture> results_;
 };
 
+// A free function from one image to another, and what the picture shows.
+struct Free {
+  char const* name;
+  void (*function)(Image const&, Image&);
+  Image input;
+};
+
 void Tour::Colours() {
   unsigned int const h = photo_.height, w = photo_.width;
-  Bytes four;
-  for (std::size_t i = 0; i < std::size_t{h} * w; ++i) {
-    four.insert(four.end(), &photo_.pixels[3 * i], &photo_.pixels[3 * i] + 3);
-    four.push_back(255);
-  }
-  Image rgba = Device().CreateRGBA8888Tensor(h, w, four.data());
-  for (auto const& [name, code] : {std::pair<char const*, int>{"rgba_to_rgb", 1}, {"rgba_to_bgr", 3}}) {
+  Image rgba = Device().CreateRGBA8888Tensor(h, w, Channels(4).data()), pixels = pixels_;
+  struct Copy {
+    char const* name;
+    Image& from;
+    int code;
+  };
+  for (Copy const& copy : {Copy{"rgba_to_rgb", rgba, 1},
+                           {"rgba_to_bgr", rgba, 3},
+                           {"rgb_to_bgr", pixels, 4},
+                           {"rgb_to_bgr_planes", planes_, 4},
+                           {"hwc_to_chw", pixels, 60}}) {
     Image planes = NewPlanes(h, w);
-    process_.ConvertPixel(rgba, planes, code, context_);
-    ShowPlanes(name, planes);
+    process_.ConvertPixel(copy.from, planes, copy.code, context_);
+    ShowPlanes(copy.name, planes);
   }
-  Image planes = NewPlanes(h, w), free_planes = NewPlanes(h, w);
-  process_.ConvertPixel(pixels_, planes, 4, context_);
-  ShowPlanes("rgb_to_bgr", planes);
-  F_ColorCvt_RGB2BGR_HWC_UInt8_To_CHW_UInt8_Arm(pixels_, free_planes);
-  ShowPlanes("free_rgb_to_bgr", free_planes);
-  Image gray = Device().CreateU8CHWMainMem({1, h, w}, nullptr), gray8 = Device().CreateGray8Tensor(h, w, nullptr);
-  process_.ConvertPixel(pixels_, gray, 7, context_);
-  ShowGray("rgb_to_gray", gray, h, w);
-  process_.ConvertPixel(pixels_, gray, 6, context_);
-  ShowGray("bgr_to_gray", gray, h, w);
-  process_.ConvertPixel(rgba, gray, 11, context_);
-  ShowGray("rgba_to_gray", gray, h, w);
-  F_ColorCvt_RGB888_To_Gray8_Fallback(pixels_, gray8);
-  ShowGray("free_rgb_to_gray", gray8, h, w);
+  for (Free const& free : {Free{"free_rgba_to_rgb", F_ColorCvt_RGBA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback, rgba},
+                           {"free_bgra_to_rgb", F_ColorCvt_BGRA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback, rgba},
+                           {"free_rgb_to_rgb", F_ColorCvt_RGB2RGB_HWC_UInt8_To_CHW_UInt8_Arm, pixels},
+                           {"free_rgb_to_bgr", F_ColorCvt_RGB2BGR_HWC_UInt8_To_CHW_UInt8_Arm, pixels}}) {
+    Image planes = NewPlanes(h, w);
+    free.function(free.input, planes);
+    ShowPlanes(free.name, planes);
+  }
+}
+
+void Tour::Grays() {
+  unsigned int const h = photo_.height, w = photo_.width;
+  Image rgba = Device().CreateRGBA8888Tensor(h, w, Channels(4).data()), pixels = pixels_;
+  struct Gray {
+    char const* name;
+    Image& from;
+    int code;
+  };
+  for (Gray const& gray : {Gray{"rgb_to_gray", pixels, 7}, {"bgr_to_gray", pixels, 6}, {"rgba_to_gray", rgba, 11}}) {
+    Image plane = Device().CreateU8CHWMainMem({1, h, w}, nullptr);
+    process_.ConvertPixel(gray.from, plane, gray.code, context_);
+    ShowChannels(gray.name, plane, h, w, 1);
+  }
+  for (Free const& free : {Free{"free_rgb_to_gray", F_ColorCvt_RGB888_To_Gray8_Fallback, pixels},
+                           {"free_bgr_to_gray", F_ColorCvt_BGR888_To_Gray8_Fallback, pixels},
+                           {"free_rgba_to_gray", F_ColorCvt_RGBA8888_To_Gray8_Fallback, rgba},
+                           {"free_bgra_to_gray", F_ColorCvt_BGRA8888_To_Gray8_Fallback, rgba}}) {
+    Image gray = Device().CreateGray8Tensor(h, w, nullptr);
+    free.function(free.input, gray);
+    ShowPixels(free.name, gray);
+  }
 }
 
 void Tour::CameraFrames() {
@@ -191,12 +234,18 @@ void Tour::CameraFrames() {
     process_.ConvertPixel(whole, planes, frame.code, context_);
     ShowPlanes(frame.name, planes);
   }
+  // The gains of V, the first chrominance value, and of U, the second, for each plane.
   auto const matrix = std::make_shared<talvo::kernel::YUVCvtMatrix>(
       talvo::kernel::YUVCvtMatrix{1, 1.40625f, 0, -0.71875f, -0.34375f, 0, 1.765625f, 0, 0.5f, 0.5f});
-  Image y = Device().CreateYPlane8BitTensor(h, w, nv21.data());
-  Image vu = Device().CreateUVPlane8BitTensor(h / 2, w / 2, nv21.data() + luminance), planes = NewPlanes(h, w);
+  Image const y = Device().CreateYPlane8BitTensor(h, w, nv21.data());
+  Image const vu = Device().CreateUVPlane8BitTensor(h / 2, w / 2, nv21.data() + luminance);
+  Image const u = Device().CreateYPlane8BitTensor(h / 2, w / 2, iyuv.data() + luminance);
+  Image const v = Device().CreateYPlane8BitTensor(h / 2, w / 2, iyuv.data() + luminance + blocks);
+  Image planes = NewPlanes(h, w), planes3 = NewPlanes(h, w);
   F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(y, vu, matrix, planes);
   ShowPlanes("free_yuv_2_planes", planes);
+  F_ColorCvt_YUV_3Plane_UInt8_To_CHW_UInt8_Fallback(y, v, u, matrix, planes3);
+  ShowPlanes("free_yuv_3_planes", planes3);
 }
 
 void Tour::RotationsAndFlips() {
@@ -204,33 +253,52 @@ void Tour::RotationsAndFlips() {
   struct Turn {
     char const* name;
     int code;
+    void (*free)(Image const&, Image&);
     bool on_its_side;
   };
-  for (Turn const& turn : {Turn{"rotate_90", 50, true},
-                           {"rotate_180", 51, false},
-                           {"rotate_270", 52, true},
-                           {"flip_horizontal", 53, false},
-                           {"flip_vertical", 54, false}}) {
-    Image turned = turn.on_its_side ? NewPixels(w, h) : NewPixels(h, w);
-    process_.ConvertPixel(pixels_, turned, turn.code, context_);
-    ShowPixels(turn.name, turned);
+  for (Turn const& turn : {Turn{"rotate_90", 50, F_Rotate_Clockwise90_HWC_Fallback, true},
+                           {"rotate_180", 51, F_Rotate_Clockwise180_HWC_Fallback, false},
+                           {"rotate_270", 52, F_Rotate_Clockwise270_HWC_Fallback, true},
+                           {"flip_horizontal", 53, F_HFlip_HWC_Fallback, false},
+                           {"flip_vertical", 54, F_VFlip_HWC_Fallback, false}}) {
+    unsigned int const to_h = turn.on_its_side ? w : h, to_w = turn.on_its_side ? h : w;
+    Image pixels = NewPixels(to_h, to_w), free = NewPixels(to_h, to_w), planes = NewPlanes(to_h, to_w);
+    process_.ConvertPixel(pixels_, pixels, turn.code, context_);
+    ShowPixels(turn.name, pixels);
+    process_.ConvertPixel(planes_, planes, turn.code, context_);
+    ShowPlanes(std::string(turn.name) + "_planes", planes);
+    turn.free(pixels_, free);
+    ShowPixels(std::string("free_") + turn.name, free);
   }
-  Image turned = NewPixels(w, h);
-  F_Rotate_Clockwise90_HWC_Fallback(pixels_, turned);
-  ShowPixels("free_rotate_90", turned);
 }
 
 void Tour::Crops() {
   unsigned int const h = photo_.height, w = photo_.width;
-  // Both ends of the shares are included, so that half the width gives one column more.
-  Image face = NewPixels(h / 2 + 1, w / 2 + 1), beyond = NewPixels(h / 2 + 1, w / 2 + 1);
-  process_.ConvertPixel(pixels_, face, 0.25f, 0.0f, 0.75f, 0.5f, 102, context_);
-  ShowPixels("crop", face);
+  for (unsigned int n = 1; n <= 4; ++n) {
+    // Both ends of the shares are included, so that half the width gives one column more.
+    Image photo = NewBytes({h, w, n}, TensorShape::HWC, Channels(n)), face = NewPixels(h / 2 + 1, w / 2 + 1, n);
+    process_.ConvertPixel(photo, face, 0.25f, 0.0f, 0.75f, 0.5f, 99 + static_cast<int>(n), context_);
+    ShowPixels("crop_c" + std::to_string(n), face);
+  }
+  Image beyond = NewPixels(h / 2 + 1, w / 2 + 1);
   process_.ConvertPixel(pixels_, beyond, -0.25f, -0.25f, 0.25f, 0.25f, 102, context_);
-  ShowPixels("crop_beyond_the_edge", beyond);
-  Image part = NewPixels(h / 2, w / 2), filled = NewPixels(h, w);
-  F_Crop_HWC_Memcpy(pixels_, 0, w / 4, h / 2, w / 2, part);
+  ShowPixels("crop_c3_beyond_the_edge", beyond);
+}
+
+void Tour::FreeCrops() {
+  unsigned int const h = photo_.height, w = photo_.width, to_h = h / 2, to_w = w / 2;
+  Image part = NewPixels(to_h, to_w), planes = NewPlanes(to_h, to_w), filled = NewPixels(h, w);
+  F_Crop_HWC_Memcpy(pixels_, 0, w / 4, to_h, to_w, part);
   ShowPixels("free_crop", part);
+  F_Crop_CHW_Memcpy(planes_, 0, w / 4, to_h, to_w, planes);
+  ShowPlanes("free_crop_planes", planes);
+  // With no more channels than a block has, the blocked layouts hold interleaved pixels.
+  Image blocks4 = NewBytes({1, to_h, to_w, 4}, TensorShape::C4HW4, Bytes(std::size_t{4} * to_h * to_w));
+  F_Crop_C4HW4_Memcpy(NewBytes({1, h, w, 4}, TensorShape::C4HW4, Channels(4)), 0, w / 4, to_h, to_w, blocks4);
+  ShowChannels("free_crop_blocks_of_4", blocks4, to_h, to_w, 4);
+  Image blocks8 = NewBytes({1, to_h, to_w, 8}, TensorShape::C8HW8, Bytes(std::size_t{8} * to_h * to_w));
+  F_Crop_C8HW8_Memcpy(NewBytes({1, h, w, 8}, TensorShape::C8HW8, Channels(8)), 0, w / 4, to_h, to_w, blocks8);
+  ShowChannels("free_crop_blocks_of_8", blocks8, to_h, to_w, 8);
   F_Crop_U8_HWC_Memcpy(pixels_, -static_cast<int>(h / 4), static_cast<int>(w / 4), static_cast<int>(h),
                        static_cast<int>(w), 200, filled);
   ShowPixels("free_crop_filled", filled);
@@ -238,24 +306,33 @@ void Tour::Crops() {
 
 void Tour::Resizes() {
   unsigned int const h = photo_.height, w = photo_.width, to_h = h * 3 / 5, to_w = w * 9 / 10;
-  Image photo = NewFlexible({h, w, 3}, photo_.pixels),
-        resized = NewFlexible({to_h, to_w, 3}, Bytes(std::size_t{3} * to_h * to_w));
-  process_.ConvertPixel(photo, resized, 83, context_);
-  ShowPixels("resize_bilinear", resized);
-  process_.ConvertPixel(photo, resized, 0.3f, 0.0f, 0.6f, 0.35f, 87, context_);
-  ShowPixels("crop_resize_nearest", resized);
-  Image gray = Device().CreateGray8Tensor(h, w, nullptr);
-  F_ColorCvt_RGB888_To_Gray8_Fallback(pixels_, gray);
-  auto const* const first = static_cast<unsigned char const*>(gray->data);
-  Image flexible = NewFlexible({h, w}, Bytes(first, first + std::size_t{h} * w)),
-        small = NewFlexible({h / 3, w / 3}, Bytes(std::size_t{h / 3} * (w / 3)));
-  process_.ConvertPixel(flexible, small, 77, context_);
-  ShowGray("resize_nearest", small, h / 3, w / 3);
-  Image nearest = NewPixels(to_h, to_w), bilinear = NewPixels(to_h, to_w);
-  F_Resize_Nearest_HWC_U8_C3_Fallback(pixels_, nearest);
-  ShowPixels("free_resize_nearest", nearest);
-  F_Resize_Bilinear_HWC_U8_C3_Fallback(pixels_, bilinear);
-  ShowPixels("free_resize_bilinear", bilinear);
+  constexpr void (*kNearest[])(Image const&, Image&) = {
+      F_Resize_Nearest_HWC_U8_C1_Fallback, F_Resize_Nearest_HWC_U8_C2_Fallback, F_Resize_Nearest_HWC_U8_C3_Fallback,
+      F_Resize_Nearest_HWC_U8_C4_Fallback};
+  constexpr void (*kBilinear[])(Image const&, Image&) = {
+      F_Resize_Bilinear_HWC_U8_C1_Fallback, F_Resize_Bilinear_HWC_U8_C2_Fallback, F_Resize_Bilinear_HWC_U8_C3_Fallback,
+      F_Resize_Bilinear_HWC_U8_C4_Fallback};
+  Image gray = NewBytes({h, w}, TensorShape::FLEXIABLE, Channels(1));
+  Image small = NewBytes({to_h, to_w}, TensorShape::FLEXIABLE, Bytes(std::size_t{to_h} * to_w));
+  process_.ConvertPixel(gray, small, 77, context_);
+  ShowChannels("resize_nearest_c1", small, to_h, to_w, 1);
+  for (unsigned int n = 1; n <= 4; ++n) {
+    std::string const suffix = "_c" + std::to_string(n);
+    Bytes const empty(std::size_t{n} * to_h * to_w);
+    // The class's bilinear resize of one channel has an axis in front.
+    Image photo = NewBytes(n == 1 ? Dims{1, h, w} : Dims{h, w, n}, TensorShape::FLEXIABLE, Channels(n));
+    Image resized = NewBytes(n == 1 ? Dims{1, to_h, to_w} : Dims{to_h, to_w, n}, TensorShape::FLEXIABLE, empty);
+    process_.ConvertPixel(photo, resized, 80 + static_cast<int>(n), context_);
+    ShowChannels("resize_bilinear" + suffix, resized, to_h, to_w, n);
+    photo = NewBytes({h, w, n}, TensorShape::FLEXIABLE, Channels(n));
+    resized = NewBytes({to_h, to_w, n}, TensorShape::FLEXIABLE, empty);
+    process_.ConvertPixel(photo, resized, 0.3f, 0.0f, 0.6f, 0.35f, 84 + static_cast<int>(n), context_);
+    if (n != 2) ShowPixels("crop_resize_nearest" + suffix, resized);  // the operation of two channels does nothing
+    kNearest[n - 1](photo, resized);
+    ShowPixels("free_resize_nearest" + suffix, resized);
+    kBilinear[n - 1](photo, resized);
+    ShowPixels("free_resize_bilinear" + suffix, resized);
+  }
 }
 
 void Tour::Normalisations() {
@@ -263,14 +340,21 @@ void Tour::Normalisations() {
   float const subtract[] = {127.5f, 127.5f, 127.5f}, multiply[] = {1 / 127.5f, 1 / 127.5f, 1 / 127.5f};
   Image sub = Device().CreateF32CMainMemory(3, subtract), mul = Device().CreateF32CMainMemory(3, multiply);
   Image floats = Device().CreateZeroF32CHWMainMem(3, h, w), shorts = Device().CreateS16CHWMainMem({3, h, w}, nullptr);
+  Image values = Device().CreateZeroF32CHWMainMem(3, h, w);
+  process_.ConvertPixel(planes_, values, 65, context_);
+  ShowFloats("bytes_to_floats", values);
   F_Normalize_CHW_U8_To_CHW_F32_Fallback(planes_, sub, mul, floats);
-  ShowFloats("normalised", floats, 127.5f, 127.5f);
+  ShowFloats("free_normalise_u8_to_f32", floats, 127.5f, 127.5f);
+  F_Normalize_CHW_F32_Fallback(values, sub, mul, floats);
+  ShowFloats("free_normalise_f32", floats, 127.5f, 127.5f);
+  Normalize_CHW_Float_Fallback(values, floats, multiply, nullptr);
+  ShowFloats("free_normalise_by_factor_alone", floats, 127.5f);
   shorts->shape.extra.step_size = 12;
   F_Normalize_CHW_U8_To_CHW_S16_Fallback(planes_, sub, mul, shorts);
   auto const* const first = static_cast<short const*>(shorts->data);
   auto* const to = static_cast<float*>(floats->data);
   std::transform(first, first + std::size_t{3} * h * w, to, [](short v) { return static_cast<float>(v); });
-  ShowFloats("normalised_fixed_point", floats, 127.5f / 4096, 127.5f);
+  ShowFloats("free_normalise_u8_to_s16", floats, 127.5f / 4096, 127.5f);
 }
 
 void Tour::Warps() {
@@ -333,9 +417,11 @@ int main(int count, char** arguments) {
   try {
     Tour tour(ReadPpm(arguments[1]), arguments[2]);
     tour.Colours();
+    tour.Grays();
     tour.CameraFrames();
     tour.RotationsAndFlips();
     tour.Crops();
+    tour.FreeCrops();
     tour.Resizes();
     tour.Normalisations();
     tour.Warps();

@@ -97,7 +97,7 @@ void RunClass(Source& source, Maker& maker) {
   int const code = source.Byte();
   bool const colour_copy = code == 1 || code == 3 || code == 4;
   bool const yuv = code == 22 || code == 24 || code == 32;
-  if (colour_copy && (dst->shape.dims.size() != 3 || (code == 4 && src->shape.dims.size() != 3))) return;
+  if (colour_copy && dst->shape.dims.size() != 3) return;
   if (yuv && src->shape.dims.size() >= 2) {
     std::size_t const frame = std::size_t{src->shape.dims[0]} * src->shape.dims[1] * 3 / 2;
     src = maker.Make(src->shape.dims, src->shape.data_type, src->shape.layout, frame);

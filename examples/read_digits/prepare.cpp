@@ -1,6 +1,7 @@
 #include "examples/read_digits/prepare.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <stdexcept>
 #include <string>
 #include <vector>

@@ -24,13 +24,20 @@ void SplitFrame(unsigned char const* pixels, std::size_t pixel_bytes, std::size_
 
 Planes Reversed(Planes const& planes) { return {planes[2], planes[1], planes[0]}; }
 
+// Pixels of a plane of `dst`.
 std::size_t PlanePixels(Images const& images) {
   return Volume(Extent(images.name, "dst", images.dst, 1), Extent(images.name, "dst", images.dst, 2));
 }
 
+// The same for the colour copies, which find their planes with Locate3D: a rank other than 3 ends the process.
+std::size_t CopiedPixels(Images const& images) {
+  images.dst.Locate3D(0, 0, 0);
+  return PlanePixels(images);
+}
+
 // Three planes from interleaved pixels, in their order or in the reverse one.
 void SplitInto(Images const& images, std::size_t pixel_bytes, bool reverse) {
-  std::size_t const count = PlanePixels(images);
+  std::size_t const count = CopiedPixels(images);
   Planes const planes = ThreePlanes(images.name, "dst", images.dst, count);
   auto const* const pixels = Memory(images.name, "src", images.src, Volume(count, pixel_bytes));
   SplitFrame(pixels, pixel_bytes, count, reverse ? Reversed(planes) : planes);
@@ -108,8 +115,9 @@ void ImageProcessFallback::ConvertRGBAtoBGR(TensorPtr& src, TensorPtr& dst, Cont
 void ImageProcessFallback::ConvertRGBtoBGR(TensorPtr& src, TensorPtr& dst, ContextPtr) {
   Images const images("ConvertRGBtoBGR", src, dst);
   if (images.src.shape.layout != TensorShape::CHW) return SplitInto(images, kRgb, true);
-  std::size_t const count = PlanePixels(images);
+  std::size_t const count = CopiedPixels(images);
   Planes const to = ThreePlanes(images.name, "dst", images.dst, count);
+  NeedRank(images.name, "src", images.src, 3);
   Planes const from = ThreePlanes(images.name, "src", images.src, count);
   if (count == 0) return;
   for (std::size_t k = 0; k < 3; ++k) std::memcpy(to[k], from[2 - k], count);

@@ -65,14 +65,14 @@ unsigned char* Memory(char const* function, char const* name, TensorCPU const& t
 
 std::array<unsigned char*, 3> ThreePlanes(char const* function, char const* name, TensorCPU const& tensor,
                                           std::size_t pixels) {
-  std::array<unsigned char*, 3> const planes = {tensor.Locate3D(0, 0, 0), tensor.Locate3D(1, 0, 0),
-                                                tensor.Locate3D(2, 0, 0)};
+  unsigned char* const first = tensor.Locate3D(0, 0, 0);
+  if (pixels == 0) return {first, first, first};
   auto const& dims = tensor.shape.dims;
-  if (pixels > 0 && (tensor.data == nullptr || dims[0] < 3 || Volume(dims[1], dims[2]) < pixels)) {
+  if (tensor.data == nullptr || dims[0] < 3 || Volume(dims[1], dims[2]) < pixels) {
     Assert(false, "%s: %s of dims %s needs memory for 3 planes of %zu pixels", function, name,
            runtime::DimsText(dims).c_str(), pixels);
   }
-  return planes;
+  return {first, tensor.Locate3D(1, 0, 0), tensor.Locate3D(2, 0, 0)};
 }
 
 }  // namespace talvo::kernel::image

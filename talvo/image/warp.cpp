@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <limits>
 #include <vector>
 
 #include "talvo/image/image_process_fallback.h"
@@ -178,6 +179,9 @@ void WarpBilinear(Images const& images, float const* matrix) {
   NeedClassArguments(images, matrix);
   Planar const src(images.name, "src", images.src), dst(images.name, "dst", images.dst);
   auto const* const from = PlanarMemory(images, "src", images.src, src, dst.channels);
+  Assert(src.width * src.height <= std::numeric_limits<std::int32_t>::max(),
+         "%s: a plane of src has %zu elements, needs fewer than 2^31", images.name,
+         static_cast<std::size_t>(src.width * src.height));
   auto const& dims = images.dst.shape.dims;
   std::size_t const plane = Volume(dims[1], dims[2]), columns = dims[2];
   auto* const to = Memory(images.name, "dst", images.dst, Volume(dst.channels, plane, sizeof(float)));

@@ -190,8 +190,11 @@ TEST_F(Color, ClassRefusesOrIgnores) {
   ImagePtr none;
   EXPECT_EQ(Report("ConvertRGBtoBGR: src is no CPU tensor"),
             RefusalOf([&] { process_.ConvertRGBtoBGR(none, chw, nullptr); }));
-  auto rank4 = Image({3, 2, 2, 1}, TensorShape::CHW);
+  auto rank1 = Image({12}, TensorShape::CHW), rank4 = Image({3, 2, 2, 1}, TensorShape::CHW);
   EXPECT_DEATH(process_.ConvertRGBAtoRGB(hwc, rank4, nullptr), "3 == shape.dims.size");
+  EXPECT_DEATH(process_.ConvertRGBtoBGR(hwc, rank1, nullptr), "3 == shape.dims.size");
+  EXPECT_EQ(Report("ConvertRGBtoBGR: src has rank 1, needs 3"),
+            RefusalOf([&] { process_.ConvertRGBtoBGR(rank1, chw, nullptr); }));
 }
 
 TEST_F(Color, FreeFormsRefuseInOrder) {
