@@ -81,7 +81,7 @@ void ReportOperations(benchmark::State& state, double operations_per_iteration) 
 }
 
 void ReportCopies(benchmark::State& state, std::size_t bytes_per_iteration) {
-  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * bytes_per_iteration));
+  state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(bytes_per_iteration));
   auto const inverse = benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert;
   state.counters["memcpys"] = benchmark::Counter(CopySeconds(bytes_per_iteration), inverse);
 }
