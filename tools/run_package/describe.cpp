@@ -80,7 +80,8 @@ std::string KernelOf(TLModelCfg const& config, std::string const& layer) {
     return text;
   };
   LayerCfg const& record = *found->second;
-  return record.kernel->kernel_type + converters("in", *record.input_converters) +
+  std::string const& kernel = record.kernel->kernel_type;
+  return (kernel.empty() ? "(no kernel)" : kernel) + converters("in", *record.input_converters) +
          converters("out", *record.output_converters);
 }
 
@@ -99,13 +100,16 @@ std::size_t DescribeLayers(TLModelInfo const& model, std::ostream& out) {
 }
 
 void DescribeBackends(TLModelInfo const& model, TLModelMultiBackendCfgs const& configs, std::ostream& out) {
+  bool any = false;
   for (auto const& [name, config] : Backends(configs)) {
     if (config->squential_ids.empty() && config->layers.empty()) continue;
+    any = true;
     out << "  back end " << name << (config->summary.empty() ? "" : " (" + config->summary + ")") << "\n";
     for (std::string const& id : model.squential_ids) {
       out << "        " << std::left << std::setw(24) << id << std::right << KernelOf(*config, id) << "\n";
     }
   }
+  if (!any) out << "  no back end is configured\n";
 }
 
 }  // namespace
