@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "talvo/kernel/functional/structural.h"
+#include "talvo/kernel/functional/structural_support.h"
 #include "talvo/kernel/kernel_support.h"
 #include "talvo/serialization/layer_info.h"
 #include "talvo/serialization/layer_info_activation.h"
@@ -333,6 +334,7 @@ bool Slice_Fallback_CHW_Float_M1::Config(std::shared_ptr<LayerInfo> layer, std::
   configured_ = false;
   auto const* const info = As<TensorSliceInfo>(layer);
   if (info == nullptr) return false;  // the judgement of IsValidParam, which refuses ordinary slices, has no say
+  who_ = GetName() + " of layer " + info->id;
   slice_dims_ = info->slice_dims;
   configured_ = true;
   return true;
@@ -343,8 +345,8 @@ bool Slice_Fallback_CHW_Float_M1::IsConfigured() const { return configured_; }
 std::vector<TensorShape> Slice_Fallback_CHW_Float_M1::GetOutputShapes(
     std::vector<TensorShape> const& input_shapes) const {
   TensorShape const& shape = support::ShapeAt(*this, input_shapes, 0);
-  return {TensorShape(functional::SliceExtents(slice_dims_), shape.data_type, shape.layout, shape.location,
-                      TensorShape::Extra())};
+  return {TensorShape(functional::SliceExtents(who_.c_str(), slice_dims_), shape.data_type, shape.layout,
+                      shape.location, TensorShape::Extra())};
 }
 
 int Slice_Fallback_CHW_Float_M1::IsValidInput(Tensors const& inputs) const {
@@ -356,15 +358,15 @@ int Slice_Fallback_CHW_Float_M1::IsValidInput(Tensors const& inputs) const {
 int Slice_Fallback_CHW_Float_M1::Forward(Tensors const& inputs, Tensors& outputs,
                                          std::shared_ptr<Context> context) const {
   auto const x = support::Input(*this, inputs, 0, 3);
-  auto const extents = functional::SliceExtents(slice_dims_);
+  auto const extents = functional::SliceExtents(who_.c_str(), slice_dims_);
   for (std::size_t axis = 0; axis < extents.size(); ++axis) {
     if (extents[axis] > x->shape.dims[axis]) {
-      Assert(false, "%s: extent %zu of the slice is %u, of the input %u", GetName().c_str(), axis, extents[axis],
+      Assert(false, "%s: extent %zu of the slice is %u, of the input %u", who_.c_str(), axis, extents[axis],
              x->shape.dims[axis]);
     }
   }
   auto const y = support::NewOutput(*this, inputs, context);
-  functional::Function_TensorSlice_Fallback_CHW_Float_M1(x, slice_dims_, y);
+  functional::Slice(who_.c_str(), x, slice_dims_, y);
   outputs.assign(1, y);
   return 0;
 }

@@ -145,6 +145,7 @@ class TALVO_API Slice_Fallback_CHW_Float_M1 : public runtime::IKernel {
 
  private:
   bool configured_ = false;
+  std::string who_ = "Slice_Fallback_CHW_Float_M1";  // and the layer, once it is known
   std::vector<short> slice_dims_;
 };
 

@@ -6,7 +6,9 @@
 #include <cstring>
 #include <limits>
 
+#include "talvo/kernel/functional/structural_support.h"
 #include "talvo/kernel/native/structural.h"
+#include "talvo/kernel/rows/elementwise_rows.h"
 #include "talvo/utility/log.h"
 
 namespace talvo::kernel::functional {
@@ -19,9 +21,9 @@ using utility::Assert;
 
 using TensorPtr = std::shared_ptr<Tensor>;
 
-constexpr char const* kSlice = "Function_TensorSlice_Fallback_CHW_Float_M1";
 constexpr char const* kExpand = "Function_TensorExpand_Fallback_CHW_Float_M1";
 constexpr std::size_t kSliceValues = 9;  // begin, end, step of C, H, W
+constexpr std::size_t kShortRow = 1024;  // floats; from here on the C library copies a row best
 
 // Extents of the inputs joined along `axis`; their other extents are equal.
 std::vector<unsigned int> JoinedDims(std::vector<TensorPtr> const& inputs, unsigned int axis) {
@@ -76,13 +78,14 @@ struct Range {
   std::size_t begin, end, step;
 };
 
-Range AxisRange(std::vector<short> const& slice_dims, std::size_t axis, unsigned int extent, unsigned int selected) {
+Range AxisRange(char const* who, std::vector<short> const& slice_dims, std::size_t axis, unsigned int extent,
+                unsigned int selected) {
   int const begin = slice_dims[3 * axis], end = slice_dims[3 * axis + 1], step = slice_dims[3 * axis + 2];
   std::size_t const count = begin < end ? static_cast<std::size_t>((end - begin + step - 1) / step) : 0;
   bool const inside = count == 0 || (begin >= 0 && static_cast<unsigned int>(end) <= extent);
   if (!inside || count != selected) {
-    Assert(false, "%s: {%d, %d, %d} selects %zu of the %u elements of axis %zu, the output holds %u", kSlice, begin,
-           end, step, count, extent, axis, selected);
+    Assert(false, "%s: {%d, %d, %d} selects %zu of the %u elements of axis %zu, the output holds %u", who, begin, end,
+           step, count, extent, axis, selected);
   }
   if (count == 0) return {0, 0, 1};
   return {static_cast<std::size_t>(begin), static_cast<std::size_t>(end), static_cast<std::size_t>(step)};
@@ -91,6 +94,11 @@ Range AxisRange(std::vector<short> const& slice_dims, std::size_t axis, unsigned
 // Copies the pieces of `count` floats at x + i * stride for each i of the range to y, and returns the end in y.
 float* CopyPieces(Range range, float const* x, std::size_t stride, std::size_t count, float* y) {
   if (count == 0) return y;
+  if (count <= kShortRow) {
+    std::size_t const rows = (range.end - range.begin + range.step - 1) / range.step;
+    rows::CopyRows(x + range.begin * stride, range.step * stride, count, rows, y);
+    return y + rows * count;
+  }
   for (std::size_t i = range.begin; i < range.end; i += range.step, y += count) {
     std::memcpy(y, x + i * stride, count * sizeof(float));
   }
@@ -135,27 +143,26 @@ std::shared_ptr<runtime::TensorCPU> Concatenate_MainMemory_Fallback(std::vector<
   return joined;
 }
 
-std::vector<unsigned int> SliceExtents(std::vector<short> const& slice_dims) {
-  Assert(slice_dims.size() >= kSliceValues, "%s: slice_dims holds %zu values, needs %zu", kSlice, slice_dims.size(),
+std::vector<unsigned int> SliceExtents(char const* who, std::vector<short> const& slice_dims) {
+  Assert(slice_dims.size() >= kSliceValues, "%s: slice_dims holds %zu values, needs %zu", who, slice_dims.size(),
          kSliceValues);
   std::vector<unsigned int> extents;
   for (std::size_t axis = 0; axis < 3; ++axis) {
     int const begin = slice_dims[3 * axis], end = slice_dims[3 * axis + 1], step = slice_dims[3 * axis + 2];
-    Assert(step >= 1, "%s: the step of axis %zu is %d, needs 1 or more", kSlice, axis, step);
+    Assert(step >= 1, "%s: the step of axis %zu is %d, needs 1 or more", who, axis, step);
     extents.push_back(static_cast<unsigned int>((end - begin) / step));
   }
   return extents;
 }
 
-void Function_TensorSlice_Fallback_CHW_Float_M1(TensorPtr const& input, std::vector<short> const& slice_dims,
-                                                TensorPtr const& output) {
-  SliceExtents(slice_dims);
-  auto const& from = CheckedPlanes(kSlice, "input", input, sizeof(float)).shape.dims;
-  auto const& to = CheckedPlanes(kSlice, "output", output, sizeof(float)).shape.dims;
+void Slice(char const* who, TensorPtr const& input, std::vector<short> const& slice_dims, TensorPtr const& output) {
+  SliceExtents(who, slice_dims);
+  auto const& from = CheckedPlanes(who, "input", input, sizeof(float)).shape.dims;
+  auto const& to = CheckedPlanes(who, "output", output, sizeof(float)).shape.dims;
   auto const* const x = static_cast<float const*>(input->data);
   auto* y = static_cast<float*>(output->data);
   std::size_t const width = from[2], plane = width * from[1];
-  Range const channels = AxisRange(slice_dims, 0, from[0], to[0]);
+  Range const channels = AxisRange(who, slice_dims, 0, from[0], to[0]);
   if (to[1] == from[1] && to[2] == from[2]) {
     // Planes that follow each other are one piece.
     if (channels.step != 1) {
@@ -165,9 +172,9 @@ void Function_TensorSlice_Fallback_CHW_Float_M1(TensorPtr const& input, std::vec
     }
     return;
   }
-  Range const rows = AxisRange(slice_dims, 1, from[1], to[1]);
+  Range const rows = AxisRange(who, slice_dims, 1, from[1], to[1]);
   bool const whole_rows = to[2] == from[2];
-  Range const columns = whole_rows ? Range{0, width, 1} : AxisRange(slice_dims, 2, from[2], to[2]);
+  Range const columns = whole_rows ? Range{0, width, 1} : AxisRange(who, slice_dims, 2, from[2], to[2]);
   for (std::size_t c = channels.begin; c < channels.end; c += channels.step) {
     if (columns.step != 1) {
       y = CopyElements(rows, columns, x + c * plane, width, y);
@@ -177,6 +184,11 @@ void Function_TensorSlice_Fallback_CHW_Float_M1(TensorPtr const& input, std::vec
       y = CopyPieces(rows, x + c * plane + columns.begin, width, to[2], y);
     }
   }
+}
+
+void Function_TensorSlice_Fallback_CHW_Float_M1(TensorPtr const& input, std::vector<short> const& slice_dims,
+                                                TensorPtr const& output) {
+  Slice("Function_TensorSlice_Fallback_CHW_Float_M1", input, slice_dims, output);
 }
 
 void Function_TensorExpand_Fallback_CHW_Float_M1(TensorPtr const& input, TensorPtr const& output) {

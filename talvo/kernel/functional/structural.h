@@ -19,16 +19,11 @@ TALVO_API std::shared_ptr<runtime::TensorCPU> Concatenate_MainMemory_Fallback(
     std::vector<std::shared_ptr<runtime::Tensor>> const& inputs, unsigned int const& axis,
     std::shared_ptr<runtime::DeviceCPU> device);
 
-/// Extent of each of the axes C, H, W after slicing: (end - begin) / step, truncated; a negative one wraps to 32 bits.
-/// Assert: fewer than the nine values begin, end, step of the three axes; a step below 1.
-TALVO_API std::vector<unsigned int> SliceExtents(std::vector<short> const& slice_dims);
-
 /// Copies what slice_dims = {begin, end, step} of C, H and W selects from a [C, H, W] tensor of floats into `output`,
-/// which has the extents of SliceExtents. Where the output is as wide as the input the triple of W is not looked at,
-/// where it is as high too that of H neither. The two do not overlap.
-/// Assert: what SliceExtents refuses; a tensor that is null, has no memory, another rank or elements of fewer than 4
-/// bytes; a range that leaves the input; a selection that is not as large as the output, as with a step that does not
-/// divide its range.
+/// whose extents are (end - begin) / step, truncated. Where the output is as wide as the input the triple of W is not
+/// looked at, where it is as high too that of H neither. The two do not overlap. Assert: fewer than nine values; a step
+/// below 1; a tensor that is null, has no memory, another rank or elements of fewer than 4 bytes; a range that leaves
+/// the input; a selection that is not as large as the output, as with a step that does not divide its range.
 TALVO_API void Function_TensorSlice_Fallback_CHW_Float_M1(std::shared_ptr<runtime::Tensor> const& input,
                                                           std::vector<short> const& slice_dims,
                                                           std::shared_ptr<runtime::Tensor> const& output);

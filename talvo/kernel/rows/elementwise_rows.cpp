@@ -166,6 +166,36 @@ struct CombineBody {
   }
 };
 
+// Vectors of 64 bytes would straddle two cache lines at most addresses.
+struct CopyRowsBody {
+  static constexpr std::size_t kRowsAhead = 4, kBlock = 32, kCacheLine = 16;  // the latter two in floats
+
+  template <class Set>
+  static TALVO_ROWS_INLINE void Run(float const* x, std::size_t stride, std::size_t n, std::size_t rows, float* y) {
+    constexpr int kLanes = Set::kLanes < 8 ? Set::kLanes : 8;
+    for (std::size_t r = 0; r < rows; ++r, x += stride, y += n) {
+      float const* const ahead = r + kRowsAhead < rows ? x + kRowsAhead * stride : x;
+      std::size_t i = 0;
+      for (; i + kBlock <= n; i += kBlock) {
+        __builtin_prefetch(ahead + i);
+        __builtin_prefetch(ahead + i + kCacheLine);
+        CopyBlock<kLanes>(x + i, y + i);
+      }
+      for (; i < n; ++i) y[i] = x[i];
+    }
+  }
+
+  template <int kLanes>
+  static TALVO_ROWS_INLINE void CopyBlock(float const* x, float* y) {
+    constexpr int kVectors = kBlock / kLanes;
+    Vector<kLanes> v[kVectors];
+    TALVO_ROWS_UNROLL
+    for (int i = 0; i < kVectors; ++i) Load<kLanes>(x + i * kLanes, v[i]);
+    TALVO_ROWS_UNROLL
+    for (int i = 0; i < kVectors; ++i) Store<kLanes>(v[i], y + i * kLanes);
+  }
+};
+
 }  // namespace
 
 Primitive<void(float const*, std::size_t, float*)> const ReluRow{MapBody<Relu>()};
@@ -175,5 +205,6 @@ Primitive<void(float const*, std::size_t, float*)> const HSwishRow{MapBody<HSwis
 Primitive<void(float, float const*, std::size_t, float*)> const LeakyRow{LeakyBody()};
 Primitive<void(float, float, float const*, std::size_t, float*)> const LinearRow{LinearBody()};
 Primitive<void(Operation, Operand, Operand, std::size_t, float*)> const CombineRow{CombineBody()};
+Primitive<void(float const*, std::size_t, std::size_t, std::size_t, float*)> const CopyRows{CopyRowsBody()};
 
 }  // namespace talvo::kernel::rows
