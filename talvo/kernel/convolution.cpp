@@ -106,7 +106,8 @@ void ComputeDirect(ConvolutionFields const& f, Operands const& operands, Pad pad
   auto data = DataOf(*operands.input, operands.weight, operands.bias, operands.output);
   auto const left = static_cast<unsigned int>(f.padding_l), right = static_cast<unsigned int>(f.padding_r);
   auto const top = static_cast<unsigned int>(f.padding_t), bottom = static_cast<unsigned int>(f.padding_b);
-  if (ColumnsPay(shape)) {
+  Way const way = FastestWay(shape);
+  if (way == Way::kColumns) {
     Padding const padding = {top, left, shape.in_height + top + bottom, shape.in_width + left + right};
     return ConvolveByColumns(shape, padding, data, *operands.device);
   }
@@ -114,7 +115,7 @@ void ComputeDirect(ConvolutionFields const& f, Operands const& operands, Pad pad
   shape.in_height += top + bottom;
   shape.in_width += left + right;
   data.input = padded->template Data<float>();
-  ConvolveByChannels(shape, data, *operands.device);
+  (way == Way::kGroups ? ConvolveByGroups : ConvolveByChannels)(shape, data, *operands.device);
 }
 
 }  // namespace

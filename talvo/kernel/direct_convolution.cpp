@@ -16,8 +16,9 @@ namespace {
 
 using rows::Tap;
 
-constexpr std::size_t kStrip = 112;           // positions whose results lie in scratch; whole tiles of 4, 7, 8 and 14
-constexpr std::size_t kWeightsAtHand = 4096;  // packed weights that a strip goes through at a time: they stay in L1
+constexpr std::size_t kStrip = 112;            // positions whose results lie in scratch; whole tiles of 4, 7, 8 and 14
+constexpr std::size_t kWeightsAtHand = 4096;   // packed weights that a strip goes through at a time: they stay in L1
+constexpr std::size_t kMixedAtHand = 1 << 16;  // floats of groups laid side by side: they stay in L2
 constexpr std::size_t kMaxBlock = 2 * rows::kMaxLanes;
 
 // Scratch of one call, from the device's pool; floats at multiples of 64 bytes.
@@ -42,7 +43,8 @@ class Scratch {
   float* first_;
 };
 
-// The output channels [first, first + used) of a group as lanes of one block.
+// The output channels [first, first + used) of a group, or one of each of the groups [first, first + used), as lanes of
+// one block.
 struct Block {
   std::size_t first, used, lanes;
 };
@@ -53,10 +55,16 @@ Block BlockAt(std::size_t first, std::size_t out_per_group) {
   return {first, std::min(left, lanes), lanes};
 }
 
-// starts[lane] for a block: the bias, or 0; unused lanes 0.
-void BlockStarts(float const* bias, Block const& block, float (&starts)[kMaxBlock]) {
+// The next lanes of the groups from `first` on.
+Block GroupsAt(std::size_t first, std::size_t groups) {
+  std::size_t const lanes = static_cast<std::size_t>(rows::ActiveLanes());
+  return {first, std::min(groups - first, lanes), lanes};
+}
+
+// starts[lane] for a block: bias[lane * step], or 0 without one; unused lanes 0.
+void BlockStarts(float const* bias, std::size_t step, Block const& block, float (&starts)[kMaxBlock]) {
   std::fill(std::begin(starts), std::end(starts), 0.0f);
-  if (bias != nullptr) std::copy_n(bias + block.first, block.used, starts);
+  for (std::size_t lane = 0; bias != nullptr && lane < block.used; ++lane) starts[lane] = bias[lane * step];
 }
 
 void FillStarts(float const (&starts)[kMaxBlock], std::size_t lanes, std::size_t positions, float* results) {
@@ -64,34 +72,48 @@ void FillStarts(float const (&starts)[kMaxBlock], std::size_t lanes, std::size_t
 }
 
 // The inputs of the output positions [first, first + count), which follow each other row by row.
-void FindColumns(ConvolutionShape const& shape, float const* input, std::size_t first, std::size_t count,
-                 float const** columns) {
+void FindColumns(ConvolutionShape const& shape, float const* input, std::size_t input_step, std::size_t first,
+                 std::size_t count, float const** columns) {
   std::size_t y = first / shape.out_width, x = first % shape.out_width;
   for (std::size_t p = 0; p < count; ++p) {
-    columns[p] = input + y * shape.stride_y * shape.in_width + x * shape.stride_x;
+    columns[p] = input + (y * shape.stride_y * shape.in_width + x * shape.stride_x) * input_step;
     if (++x == shape.out_width) x = 0, ++y;
   }
 }
 
-// One block of output channels over all positions of the output, a strip at a time. For each strip the channels go by
-// in chunks whose weights stay in the innermost cache.
+// The taps of the kernel for a padded input.
+std::vector<Tap> KernelTaps(ConvolutionShape const& shape, std::size_t input_step, std::size_t lanes) {
+  std::vector<Tap> taps;
+  for (std::size_t ky = 0; ky < shape.kernel_y; ++ky) {
+    for (std::size_t kx = 0; kx < shape.kernel_x; ++kx) {
+      std::size_t const input = ky * shape.dilation_y * shape.in_width + kx * shape.dilation_x;
+      taps.push_back({input * input_step, taps.size() * lanes});
+    }
+  }
+  return taps;
+}
+
+// One block over all positions of the output, a strip at a time; the planes of its lanes are `lane_step` apart. For
+// each strip the channels go by in chunks whose weights stay in the innermost cache.
 void ConvolveBlock(ConvolutionShape const& shape, Block const& block, rows::TileRun run, float const* input,
-                   float const (&starts)[kMaxBlock], float* output) {
+                   float const (&starts)[kMaxBlock], float* output, std::size_t lane_step) {
   std::size_t const plane = shape.out_height * shape.out_width;
   std::size_t const chunk = std::max<std::size_t>(1, kWeightsAtHand / run.weight_plane);
   std::array<float const*, kStrip> columns;
   float const* const weights = run.weights;
+  float sums[kMaxBlock];
+  for (std::size_t lane = 0; lane < kMaxBlock; ++lane) sums[lane] = starts[lane] + 0.0f;  // no -0.0f: see TileRun
   run.columns = columns.data();
   for (std::size_t first = 0; first < plane; first += kStrip) {
     run.positions = std::min(kStrip, plane - first);
-    FillStarts(starts, block.lanes, run.positions, run.results);
+    FillStarts(sums, block.lanes, run.positions, run.results);
     for (std::size_t c = 0; c < shape.in_per_group; c += chunk) {
-      FindColumns(shape, input + c * run.input_plane, first, run.positions, columns.data());
+      FindColumns(shape, input + c * run.input_plane, run.input_step, first, run.positions, columns.data());
       run.channels = std::min(chunk, shape.in_per_group - c);
       run.weights = weights + c * run.weight_plane;
       rows::RunTiles(run);
     }
-    rows::TransposeRows(run.results, block.lanes, run.positions, block.used, output + first, plane);
+    rows::TransposeRows(run.results, block.lanes, run.positions, block.used, output + first, lane_step);
   }
 }
 
@@ -182,16 +204,16 @@ std::vector<ColumnRun> ColumnRuns(ConvolutionShape const& shape, int left) {
   return runs;
 }
 
-// One block of output channels of the transposed form, an output row at a time. `run` tells where weights and scratch
-// lie; its result_step is the block's lanes.
+// One block of the transposed form, an output row at a time; the planes of its lanes are `lane_step` apart. `run` tells
+// where weights and scratch lie.
 void ConvolveTransposedBlock(ConvolutionShape const& shape, int top, std::vector<ColumnRun> const& runs,
                              Block const& block, rows::TileRun run, float const* input,
-                             float const (&starts)[kMaxBlock], float* output) {
-  std::size_t const last_tap = shape.kernel_y * shape.kernel_x - 1, plane = shape.out_height * shape.out_width;
+                             float const (&starts)[kMaxBlock], float* output, std::size_t lane_step) {
+  std::size_t const last_tap = shape.kernel_y * shape.kernel_x - 1;
   float* const results = run.results;
   std::vector<float const*> columns(shape.out_width);
   std::vector<Tap> taps;
-  for (std::size_t x = 0; x < shape.out_width; ++x) columns[x] = input + x;
+  for (std::size_t x = 0; x < shape.out_width; ++x) columns[x] = input + x * run.input_step;
   run.columns = columns.data();
   run.result_step = shape.stride_x * block.lanes;
   for (std::size_t y = 0; y < shape.out_height; ++y) {
@@ -202,7 +224,7 @@ void ConvolveTransposedBlock(ConvolutionShape const& shape, int top, std::vector
       for (auto const& row : rows_met) {
         for (auto const& column : columns_met.meetings) {
           std::size_t const tap = last_tap - (row.kernel * shape.kernel_x + column.kernel);
-          taps.push_back({row.input * shape.in_width + column.input, tap * block.lanes});
+          taps.push_back({(row.input * shape.in_width + column.input) * run.input_step, tap * block.lanes});
         }
       }
       if (taps.empty()) continue;
@@ -212,24 +234,49 @@ void ConvolveTransposedBlock(ConvolutionShape const& shape, int top, std::vector
       run.results = results + columns_met.first * block.lanes;
       rows::RunTiles(run);
     }
-    rows::TransposeRows(results, block.lanes, shape.out_width, block.used, output + y * shape.out_width, plane);
+    rows::TransposeRows(results, block.lanes, shape.out_width, block.used, output + y * shape.out_width, lane_step);
   }
 }
 
-// packed[tap][lane] of one input channel, or of all of them when they follow each other, from [lane][tap].
-void PackWeights(float const* weights, std::size_t lane_stride, std::size_t taps, Block const& block, float* packed) {
-  if (block.used < block.lanes) std::fill_n(packed, taps * block.lanes, 0.0f);
-  rows::TransposeRows(weights, lane_stride, block.used, taps, packed, block.lanes);
+// packed[i][lane] from [lane][i], for the weights of a block or the inputs of groups; unused lanes 0.
+void PackLanes(float const* from, std::size_t lane_stride, std::size_t count, Block const& block, float* packed) {
+  if (block.used < block.lanes) std::fill_n(packed, count * block.lanes, 0.0f);
+  rows::TransposeRows(from, lane_stride, block.used, count, packed, block.lanes);
+}
+
+// Whether lanes of groups take at most half the vectors of another way, and what is laid side by side stays small.
+bool GroupsPay(ConvolutionShape const& shape, std::size_t vectors) {
+  std::size_t const lanes = static_cast<std::size_t>(rows::ActiveLanes());
+  std::size_t const by_groups = (shape.groups + lanes - 1) / lanes * shape.out_per_group;
+  return 2 * by_groups <= vectors && shape.in_per_group * shape.in_height * shape.in_width * lanes <= kMixedAtHand;
+}
+
+rows::TileRun SumsOfChannels(std::vector<Tap> const& taps, Block const& block, std::size_t input_step,
+                             std::size_t input_plane, float const* packed, float* results) {
+  rows::TileRun run{};
+  run.association = rows::Association::kSumOfChannel;
+  run.lanes = run.result_step = block.lanes;
+  run.input_step = input_step;
+  run.input_plane = input_plane;
+  run.taps = taps.data();
+  run.tap_count = taps.size();
+  run.weights = packed;
+  run.weight_plane = taps.size() * block.lanes;
+  run.results = results;
+  return run;
 }
 
 }  // namespace
 
-bool ColumnsPay(ConvolutionShape const& shape) {
+Way FastestWay(ConvolutionShape const& shape) {
   std::size_t const lanes = static_cast<std::size_t>(rows::ActiveLanes());
   std::size_t row_lanes = lanes;
   while (row_lanes > shape.out_width) row_lanes = row_lanes > 4 ? row_lanes / 2 : 1;
-  std::size_t const blocks = (shape.out_per_group + lanes - 1) / lanes;
-  return 2 * shape.out_per_group <= blocks * row_lanes;  // a step of the columns' way takes about twice as long
+  // Vectors for one element of all results; a step of the columns' way takes about twice as long.
+  std::size_t const by_channels = shape.groups * ((shape.out_per_group + lanes - 1) / lanes);
+  std::size_t const by_columns = 2 * shape.groups * shape.out_per_group / row_lanes;
+  if (GroupsPay(shape, std::min(by_channels, by_columns))) return Way::kGroups;
+  return by_columns <= by_channels ? Way::kColumns : Way::kChannels;
 }
 
 void ConvolveByChannels(ConvolutionShape const& shape, ConvolutionData const& data, runtime::DeviceCPU& device) {
@@ -243,28 +290,35 @@ void ConvolveByChannels(ConvolutionShape const& shape, ConvolutionData const& da
     for (std::size_t o = 0; o < shape.out_per_group;) {
       Block const block = BlockAt(o, shape.out_per_group);
       std::size_t const channel = g * shape.out_per_group + o;
-      std::vector<Tap> offsets;
-      for (std::size_t ky = 0; ky < shape.kernel_y; ++ky) {
-        for (std::size_t kx = 0; kx < shape.kernel_x; ++kx) {
-          offsets.push_back(
-              {ky * shape.dilation_y * shape.in_width + kx * shape.dilation_x, offsets.size() * block.lanes});
-        }
-      }
-      PackWeights(data.weights + channel * sum, sum, sum, block, packed);
-      BlockStarts(data.bias == nullptr ? nullptr : data.bias + g * shape.out_per_group, block, starts);
-      for (float& start : starts) start += 0.0f;  // no -0.0f: a tile's sums start at their first product
-      rows::TileRun run{};
-      run.association = rows::Association::kSumOfChannel;
-      run.lanes = run.result_step = block.lanes;
-      run.input_plane = in_plane;
-      run.taps = offsets.data();
-      run.tap_count = taps;
-      run.weights = packed;
-      run.weight_plane = taps * block.lanes;
-      run.results = scratch.Data();
-      ConvolveBlock(shape, block, run, input, starts, data.output + channel * out_plane);
+      auto const offsets = KernelTaps(shape, 1, block.lanes);
+      PackLanes(data.weights + channel * sum, sum, sum, block, packed);
+      BlockStarts(data.bias == nullptr ? nullptr : data.bias + channel, 1, block, starts);
+      auto const run = SumsOfChannels(offsets, block, 1, in_plane, packed, scratch.Data());
+      ConvolveBlock(shape, block, run, input, starts, data.output + channel * out_plane, out_plane);
       o += block.used;
     }
+  }
+}
+
+void ConvolveByGroups(ConvolutionShape const& shape, ConvolutionData const& data, runtime::DeviceCPU& device) {
+  std::size_t const sum = shape.in_per_group * shape.kernel_y * shape.kernel_x, opg = shape.out_per_group;
+  std::size_t const in_plane = shape.in_height * shape.in_width, out_plane = shape.out_height * shape.out_width;
+  std::size_t const group = shape.in_per_group * in_plane;
+  Scratch const scratch(device, (kStrip + sum + group) * rows::kMaxLanes);
+  float* const packed = scratch.Data() + kStrip * rows::kMaxLanes;
+  float* const mixed = packed + sum * rows::kMaxLanes;
+  float starts[kMaxBlock];
+  for (std::size_t g = 0; g < shape.groups;) {
+    Block const block = GroupsAt(g, shape.groups);
+    PackLanes(data.input + g * group, group, group, block, mixed);
+    auto const offsets = KernelTaps(shape, block.lanes, block.lanes);
+    for (std::size_t channel = g * opg; channel < (g + 1) * opg; ++channel) {
+      PackLanes(data.weights + channel * sum, opg * sum, sum, block, packed);
+      BlockStarts(data.bias == nullptr ? nullptr : data.bias + channel, opg, block, starts);
+      auto const run = SumsOfChannels(offsets, block, block.lanes, in_plane * block.lanes, packed, scratch.Data());
+      ConvolveBlock(shape, block, run, mixed, starts, data.output + channel * out_plane, opg * out_plane);
+    }
+    g += block.used;
   }
 }
 
@@ -303,32 +357,41 @@ void ConvolveByColumns(ConvolutionShape const& shape, Padding const& padding, Co
 
 void ConvolveTransposed(ConvolutionShape const& shape, int top, int left, ConvolutionData const& data,
                         runtime::DeviceCPU& device) {
-  std::size_t const taps = shape.kernel_y * shape.kernel_x, out_plane = shape.out_height * shape.out_width;
-  Scratch const scratch(device, (shape.in_per_group * taps + shape.out_width) * kMaxBlock);
+  std::size_t const taps = shape.kernel_y * shape.kernel_x, opg = shape.out_per_group, ipg = shape.in_per_group;
+  std::size_t const in_plane = shape.in_height * shape.in_width, out_plane = shape.out_height * shape.out_width;
+  std::size_t const lanes = static_cast<std::size_t>(rows::ActiveLanes()), group = ipg * in_plane;
+  bool const by_groups = GroupsPay(shape, shape.groups * ((opg + lanes - 1) / lanes));
+  Scratch const scratch(device, (ipg * taps + shape.out_width + (by_groups ? group : 0)) * kMaxBlock);
   float* const packed = scratch.Data() + shape.out_width * kMaxBlock;
+  float* const mixed = packed + ipg * taps * kMaxBlock;
   auto const runs = ColumnRuns(shape, left);
   float starts[kMaxBlock];
   rows::TileRun run{};
   run.association = rows::Association::kEachProduct;
-  run.channels = shape.in_per_group;
-  run.input_plane = shape.in_height * shape.in_width;
+  run.channels = ipg;
   run.weights = packed;
   run.results = scratch.Data();
-  for (std::size_t g = 0; g < shape.groups; ++g) {
-    float const* const input = data.input + g * shape.in_per_group * run.input_plane;
-    for (std::size_t o = 0; o < shape.out_per_group;) {
-      Block const block = BlockAt(o, shape.out_per_group);
+  std::size_t const lane_channels = by_groups ? opg : 1;  // from the output channel of a lane to that of the next
+  for (std::size_t g = 0; g < shape.groups;) {
+    Block const groups = by_groups ? GroupsAt(g, shape.groups) : Block{g, 1, 0};
+    if (by_groups) PackLanes(data.input + g * group, group, group, groups, mixed);
+    for (std::size_t o = 0; o < opg;) {
+      Block const block = by_groups ? groups : BlockAt(o, opg);
       run.lanes = block.lanes;
       run.weight_plane = taps * block.lanes;
-      for (std::size_t c = 0; c < shape.in_per_group; ++c) {
-        float const* const weights = data.weights + ((g * shape.in_per_group + c) * shape.out_per_group + o) * taps;
-        PackWeights(weights, taps, taps, block, packed + c * run.weight_plane);
+      run.input_step = by_groups ? block.lanes : 1;
+      run.input_plane = in_plane * run.input_step;
+      float const* weights = data.weights + (g * ipg * opg + o) * taps;
+      for (std::size_t c = 0; c < ipg; ++c, weights += opg * taps) {
+        PackLanes(weights, by_groups ? ipg * opg * taps : taps, taps, block, packed + c * run.weight_plane);
       }
-      BlockStarts(data.bias == nullptr ? nullptr : data.bias + g * shape.out_per_group, block, starts);
-      ConvolveTransposedBlock(shape, top, runs, block, run, input, starts,
-                              data.output + (g * shape.out_per_group + o) * out_plane);
-      o += block.used;
+      std::size_t const channel = g * opg + o;
+      BlockStarts(data.bias == nullptr ? nullptr : data.bias + channel, lane_channels, block, starts);
+      ConvolveTransposedBlock(shape, top, runs, block, run, by_groups ? mixed : data.input + g * group, starts,
+                              data.output + channel * out_plane, lane_channels * out_plane);
+      o += by_groups ? 1 : block.used;
     }
+    g += groups.used;
   }
 }
 

@@ -25,15 +25,20 @@ struct ConvolutionData {
   float* output;
 };
 
-/// Whether ConvolveByColumns is the faster way: few output channels in a group, as in a depthwise convolution.
-bool ColumnsPay(ConvolutionShape const& shape);
+/// The fastest of the three ways below; their bits are the same.
+enum class Way { kChannels, kColumns, kGroups };
+Way FastestWay(ConvolutionShape const& shape);
 
 /// Output channels in the lanes. `input` is padded already. Each result is bias + the sum over the channels' kernel
 /// sums, in the order of channels, ky, kx.
 void ConvolveByChannels(ConvolutionShape const& shape, ConvolutionData const& data, runtime::DeviceCPU& device);
 
-/// Output columns in the lanes; the same bits. `input` is not padded: it gets `padding_t` rows and `padding_l` columns
-/// of 0 before it and as many behind it as the windows read or fewer, [padded_height, padded_width] in all.
+/// Groups in the lanes: for many groups of few channels and narrow planes. `input` is padded already.
+void ConvolveByGroups(ConvolutionShape const& shape, ConvolutionData const& data, runtime::DeviceCPU& device);
+
+/// Output columns in the lanes: for few output channels in a group. `input` is not padded: it gets `padding_t` rows and
+/// `padding_l` columns of 0 before it and as many behind it as the windows read or fewer, [padded_height, padded_width]
+/// in all.
 struct Padding {
   std::size_t top, left, padded_height, padded_width;
 };

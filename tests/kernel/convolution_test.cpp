@@ -225,6 +225,9 @@ TEST(Convolution, EveryWayThroughTheTiles) {
       {"out_channels no multiple of groups: the rest holds 0", {3, 7, 8, 4, 5, 3, 3, 1, 1, 1, 1, 1, 1, 1, 1, false}},
       {"more groups than input channels: the bias alone", {4, 3, 4, 3, 3, 1, 1, 1, 1, 1, 1, 0, 0, 0, 0, true}},
       {"more groups than output channels: zeros", {4, 8, 3, 3, 3, 1, 1, 1, 1, 1, 1, 0, 0, 0, 0, false}},
+      {"more groups than lanes on narrow planes", {37, 37, 37, 4, 3, 3, 3, 1, 1, 1, 1, 1, 1, 1, 1, true}},
+      {"groups of some channels each, one result", {19, 38, 57, 3, 3, 3, 3, 1, 1, 1, 1, 0, 0, 0, 0, false}},
+      {"groups, stride and dilation", {16, 32, 32, 7, 6, 2, 3, 2, 3, 2, 1, 1, 0, 2, 0, true}},
       {"a stride wider than the input", {4, 4, 4, 3, 2, 1, 1, 9, 60, 1, 1, 0, 0, 0, 0, true}},
       {"windows in the padding alone", {1, 2, 3, 2, 2, 1, 1, 1, 1, 1, 1, 3, 2, 3, 3, true}},
   };
@@ -237,7 +240,7 @@ TEST(Convolution, EveryWayThroughTheTiles) {
 
 TEST(Convolution, KeepsTheSignsOfZeroThatThePlainLoopsGive) {
   float const zeros[] = {0.0f, -0.0f};
-  for (int const channels : {1, 2}) {
+  for (int const channels : {1, 2, 16}) {
     for (int const groups : {1, channels}) {
       Case const c = {groups, channels, 4 * channels, 3, 18, 1, 2, 1, 1, 1, 1, 0, 1, 1, 0, true};
       Data d = MakeData(c, 3, false);

@@ -1,14 +1,16 @@
 #include "talvo/kernel/rows/convolution_tile.h"
 
 #include <algorithm>
+#include <type_traits>
 
 #include "talvo/kernel/rows/vectors.h"
 
 namespace talvo::kernel::rows {
 namespace {
 
-// kColumns positions by kVectors vectors: the results and the sums of the current channel stay in registers.
-template <int kLanes, int kVectors, int kColumns>
+// kColumns positions by kVectors vectors: the results and the sums of the current channel stay in registers. With
+// kOwnInput an input element is a vector.
+template <int kLanes, int kVectors, int kColumns, bool kOwnInput>
 struct Tile {
   using V = Vector<kLanes>;
 
@@ -22,7 +24,12 @@ struct Tile {
     for (int v = 0; v < kVectors; ++v) Load<kLanes>(weights + v * kLanes, weight[v]);
     TALVO_ROWS_UNROLL
     for (int j = 0; j < kColumns; ++j) {
-      float const x = columns[j][input];
+      std::conditional_t<kOwnInput, V, float> x;
+      if constexpr (kOwnInput) {
+        Load<kLanes>(columns[j] + input, x);
+      } else {
+        x = columns[j][input];
+      }
       TALVO_ROWS_UNROLL
       for (int v = 0; v < kVectors; ++v) {
         V const product = weight[v] * x;
@@ -98,10 +105,22 @@ struct RunTilesBody {
 
   template <int kLanes, int kColumns, Association kAssociation>
   static TALVO_ROWS_INLINE void RunWidth(TileRun const& run) {
-    if (run.lanes == kLanes) {
-      Tile<kLanes, 1, 2 * kColumns>::template RunAll<kAssociation>(run);
+    if (run.input_step != 1) {
+      RunPositions<kLanes, 1, 2 * kColumns, true, kAssociation>(run);
+    } else if (run.lanes == kLanes) {
+      RunPositions<kLanes, 1, 2 * kColumns, false, kAssociation>(run);
     } else {
-      Tile<kLanes, 2, kColumns>::template RunAll<kAssociation>(run);
+      RunPositions<kLanes, 2, kColumns, false, kAssociation>(run);
+    }
+  }
+
+  // A whole tile for one or two positions would mostly repeat them.
+  template <int kLanes, int kVectors, int kColumns, bool kOwnInput, Association kAssociation>
+  static TALVO_ROWS_INLINE void RunPositions(TileRun const& run) {
+    if (run.positions <= 2) {
+      Tile<kLanes, kVectors, 2, kOwnInput>::template RunAll<kAssociation>(run);
+    } else {
+      Tile<kLanes, kVectors, kColumns, kOwnInput>::template RunAll<kAssociation>(run);
     }
   }
 };

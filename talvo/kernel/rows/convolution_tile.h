@@ -21,8 +21,9 @@ enum class Association { kSumOfChannel, kEachProduct };
 /// of a channel starts at the first product, so that a result of -0.0f must not come in there.
 struct TileRun {
   Association association;
-  std::size_t lanes;                  // ActiveLanes() or twice as many
+  std::size_t lanes;                  // ActiveLanes(), or twice as many where input_step is 1
   float const* const* columns;        // [positions]: the input of each position in the first channel
+  std::size_t input_step;             // from one input element to the next: 1, or `lanes`, and each lane has its own
   std::size_t positions;              // 1 or more
   std::size_t channels, input_plane;  // input channels, and from one to the next
   Tap const* taps;                    // in the order of summation
