@@ -24,7 +24,7 @@ bool IsInMainMemory(runtime::Tensor const& tensor) { return tensor.shape.locatio
 std::string Transform_MainMemory_Permute_Fallback::GetName() const { return "Transform_MainMemory_Permute_Fallback"; }
 
 int Transform_MainMemory_Permute_Fallback::IsValidParam(LayerPtr layer, ParamPtr param) const {
-  return param == nullptr && std::dynamic_pointer_cast<runtime::TensorTransposeInfo>(layer) != nullptr ? 0 : -1;
+  return support::StrictParam<runtime::TensorTransposeInfo>(layer, param);
 }
 
 bool Transform_MainMemory_Permute_Fallback::Config(LayerPtr layer, ParamPtr param, ContextPtr) {

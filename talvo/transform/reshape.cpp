@@ -95,7 +95,7 @@ std::string GeneralReshape<Target>::GetName() const {
 
 template <class Target>
 int GeneralReshape<Target>::IsValidParam(LayerPtr layer, ParamPtr param) const {
-  return param == nullptr && std::dynamic_pointer_cast<TensorReshapeInfo>(layer) != nullptr ? 0 : -1;
+  return support::StrictParam<TensorReshapeInfo>(layer, param);
 }
 
 template <class Target>
@@ -289,9 +289,8 @@ std::string UnblockingReshape<Step>::GetName() const {
 
 template <class Step>
 int UnblockingReshape<Step>::IsValidParam(LayerPtr layer, ParamPtr param) const {
-  auto const reshape = std::dynamic_pointer_cast<TensorReshapeInfo>(layer);
-  if (param != nullptr || reshape == nullptr) return -1;
-  auto const& entries = reshape->new_shape;
+  if (support::StrictParam<TensorReshapeInfo>(layer, param) == -1) return -1;
+  auto const& entries = static_cast<TensorReshapeInfo const&>(*layer).new_shape;
   return entries.size() == Step::kEntries && Step::TakesBatch(entries[0]) && AreExtents(entries) ? 0 : -1;
 }
 

@@ -278,7 +278,7 @@ TensorPtr Function_Tensor_C4HW4_Image2D_To_CHW_Fallback(TensorPtr input, int wid
     Assert(false, "C4HW4 image of dims %s: blocks of %d rows and %d columns do not fit", DimsText(dims).c_str(), height,
            width);
   }
-  Dims const plain = {dims[1] / rows * 4, rows, columns};
+  Dims const plain = {CheckedExtent(std::uint64_t{dims[1] / rows} * 4, dims), rows, columns};
   unsigned int const element_bytes = ElementSize(input->shape.data_type);
   TensorPtr output = NewLike(input, plain, TensorShape::CHW, device, input->shape.extra);
   if (columns == dims[2]) {

@@ -179,15 +179,21 @@ TEST(TransformFallback, PacksWeightsOfEveryTypeIntoEveryArrangement) {
   }
 }
 
-TEST(TransformFallback, PacksAMatrixOfAnyLayout) {
+TEST(TransformFallback, PacksAMatrixOfAnyTypeAndLayout) {
   auto const device = test::GuardedContext()->device_cpu;
-  auto const from = Random(device, {16, 24}, TensorShape::SC, TensorShape::INT16);
-  auto const to = Function_Tensor_NC_To_N8C88c8n_Fallback(from, device);
-  ASSERT_EQ((Dims{2, 3, 8, 8}), to->shape.dims);
-  EXPECT_EQ(35u, to->shape.layout);
-  for (unsigned int n = 0; n < 16; ++n)
-    for (unsigned int c = 0; c < 24; ++c)
-      ASSERT_EQ(*from->Locate2D<short>(n, c), *to->Locate4D<short>(n / 8, c / 8, c % 8, n % 8)) << n << " " << c;
+  for (unsigned int type = TensorShape::FLOAT32; type <= TensorShape::UINT8; ++type) {
+    SCOPED_TRACE(type);
+    auto const from = Random(device, {16, 24}, TensorShape::SC, type);
+    auto const to = Function_Tensor_NC_To_N8C88c8n_Fallback(from, device);
+    ASSERT_EQ((Dims{2, 3, 8, 8}), to->shape.dims);
+    EXPECT_EQ(35u, to->shape.layout);
+    EXPECT_EQ(type, to->shape.data_type);
+    unsigned int const bytes = runtime::ElementSize(type);
+    for (unsigned int n = 0; n < 16; ++n)
+      for (unsigned int c = 0; c < 24; ++c)
+        ASSERT_EQ(0, std::memcmp(from->Locate2D(n, c), to->Locate4D(n / 8, c / 8, c % 8, n % 8), bytes))
+            << n << " " << c;
+  }
 }
 
 struct ChannelBlocks {
@@ -228,26 +234,29 @@ TEST(TransformFallback, BlocksChannelsWithZerosInTheTailAndTakesThemApart) {
 
 TEST(TransformFallback, StacksChannelBlocksAsOneImage) {
   auto const device = test::GuardedContext()->device_cpu;
-  auto const plain = Random(device, {6, 3, 5}, TensorShape::CHW);
-  auto const image = Function_Tensor_CHW_To_C4HW4_Image2D_Fallback(plain, device);
-  ASSERT_EQ((Dims{1, 6, 5, 4}), image->shape.dims);
-  EXPECT_EQ(2u, image->shape.layout);
-  image->shape.extra.step_size = 2;
   struct Case {
     char const* why;
     int width, height;
   };
-  for (Case const& c : {Case{"the image that it was", 5, 3}, {"columns left over", 2, 3}, {"rows left over", 5, 4}}) {
-    SCOPED_TRACE(c.why);
-    auto const again = Function_Tensor_C4HW4_Image2D_To_CHW_Fallback(image, c.width, c.height, device);
-    auto const w = static_cast<unsigned int>(c.width), h = static_cast<unsigned int>(c.height);
-    ASSERT_EQ((Dims{6 / h * 4, h, w}), again->shape.dims);
-    EXPECT_EQ(2, again->shape.extra.step_size);
-    for (unsigned int i = 0; i < again->shape.dims[0] * h * w; ++i) {
-      unsigned int const ch = i / (h * w), y = i / w % h, x = i % w;
-      ASSERT_EQ(0, std::memcmp(image->Locate4D(0, ch / 4 * h + y, x, ch % 4), again->Locate3D(ch, y, x), 4)) << i;
-      if (c.width == 5 && c.height == 3 && ch < 6) {
-        ASSERT_EQ(0, std::memcmp(plain->Locate3D(ch, y, x), again->Locate3D(ch, y, x), 4)) << i;
+  for (unsigned int type = TensorShape::FLOAT32; type <= TensorShape::UINT8; ++type) {
+    auto const plain = Random(device, {6, 3, 5}, TensorShape::CHW, type);
+    auto const image = Function_Tensor_CHW_To_C4HW4_Image2D_Fallback(plain, device);
+    ASSERT_EQ((Dims{1, 6, 5, 4}), image->shape.dims);
+    EXPECT_EQ(2u, image->shape.layout);
+    image->shape.extra.step_size = 2;
+    unsigned int const bytes = runtime::ElementSize(type);
+    for (Case const& c : {Case{"the image that it was", 5, 3}, {"columns left over", 2, 3}, {"rows left over", 5, 4}}) {
+      SCOPED_TRACE(testing::Message() << c.why << ", type " << type);
+      auto const again = Function_Tensor_C4HW4_Image2D_To_CHW_Fallback(image, c.width, c.height, device);
+      auto const w = static_cast<unsigned int>(c.width), h = static_cast<unsigned int>(c.height);
+      ASSERT_EQ((Dims{6 / h * 4, h, w}), again->shape.dims);
+      EXPECT_EQ(2, again->shape.extra.step_size);
+      for (unsigned int i = 0; i < again->shape.dims[0] * h * w; ++i) {
+        unsigned int const ch = i / (h * w), y = i / w % h, x = i % w;
+        ASSERT_EQ(0, std::memcmp(image->Locate4D(0, ch / 4 * h + y, x, ch % 4), again->Locate3D(ch, y, x), bytes)) << i;
+        if (c.width == 5 && c.height == 3 && ch < 6) {
+          ASSERT_EQ(0, std::memcmp(plain->Locate3D(ch, y, x), again->Locate3D(ch, y, x), bytes)) << i;
+        }
       }
     }
   }
@@ -318,7 +327,7 @@ TEST(TransformFallback, FillsAddedWeightsWithOneByte) {
     unsigned char fill;
   };
   for (Case const& c : {Case{0.0f, 0}, {1.0f, 1}, {-1.9f, 0xFF}, {258.5f, 2}, {1e20f, 0xFF}, {-1e20f, 0}, {NAN, 0}}) {
-    for (unsigned int type : {TensorShape::FLOAT32, TensorShape::INT16, TensorShape::INT8}) {
+    for (unsigned int type = TensorShape::FLOAT32; type <= TensorShape::UINT8; ++type) {
       SCOPED_TRACE(testing::Message() << c.value << " in type " << type);
       auto const from = Random(device, {2, 3, 5, 2, 3}, TensorShape::GNCHW, type);
       auto const to = Function_Tensor_GNCHW_Concat_Value(from, c.value, device);

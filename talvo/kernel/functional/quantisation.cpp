@@ -1,6 +1,7 @@
 #include "talvo/kernel/functional/quantisation.h"
 
 #include <cstdint>
+#include <limits>
 
 #include "talvo/kernel/rows/conversion_rows.h"
 #include "talvo/utility/log.h"
@@ -40,7 +41,9 @@ template <typename Q, class Row>
 TensorPtr Quantise(char const* name, TensorPtr const& input, short step, unsigned int data_type, Row const& row,
                    DevicePtr const& device) {
   TensorPtr output = NewConverted(name, input, sizeof(float), data_type, step, device);
-  row(input->Data<float>(), PowerOf(step), runtime::ElementCount(output->shape.dims), output->template Data<Q>());
+  constexpr float kLow = std::numeric_limits<Q>::min(), kHigh = std::numeric_limits<Q>::max();
+  row(input->Data<float>(), PowerOf(step), kLow, kHigh, runtime::ElementCount(output->shape.dims),
+      output->template Data<Q>());
   return output;
 }
 

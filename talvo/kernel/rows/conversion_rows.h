@@ -16,9 +16,12 @@ extern Primitive<void(float const* x, std::size_t n, std::uint16_t* y)> const Fl
 /// The value of the half with the bits x[i], exactly.
 extern Primitive<void(std::uint16_t const* x, std::size_t n, float* y)> const HalfToFloatRow;
 
-/// x[i] * scale, rounded to the nearest integer, halves away from zero, held in the range of y; 0 for NaN.
-extern Primitive<void(float const* x, float scale, std::size_t n, std::int16_t* y)> const QuantiseInt16Row;
-extern Primitive<void(float const* x, float scale, std::size_t n, std::int8_t* y)> const QuantiseInt8Row;
+/// x[i] * scale, rounded to the nearest integer, halves away from zero, held in low .. high, whole numbers in the range
+/// of y; 0 for NaN. The bounds are arguments because g++ makes branches of bounds that it knows, at twice the time.
+extern Primitive<void(float const* x, float scale, float low, float high, std::size_t n, std::int16_t* y)> const
+    QuantiseInt16Row;
+extern Primitive<void(float const* x, float scale, float low, float high, std::size_t n, std::int8_t* y)> const
+    QuantiseInt8Row;
 
 /// x[i] * scale.
 extern Primitive<void(std::int16_t const* x, float scale, std::size_t n, float* y)> const DequantiseInt16Row;
