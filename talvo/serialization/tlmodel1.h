@@ -60,7 +60,8 @@ class TALVO_API QZNetLoader {
 
   /// False for a file that cannot be opened and for versions below 10000; `flag` has no effect. Broken framing, a type
   /// that the version does not have and a file that ends within a record fail the platform assertion.
-  /// Assert: a null path, counts beyond their array, and sizes by which nothing can be divided.
+  /// Assert: a null path, counts beyond their array, and a groups, divisor, multiplier, in_features or
+  /// hidden_size of 0.
   bool LoadFile(char const* path, bool flag);
 
   /// As LoadFile, from a stream and without an end of the process: throws LoadFailure where an assertion would fail.

@@ -21,7 +21,7 @@ struct Channel {
 std::vector<float> Decoded(std::string const& text) {
   std::string const bytes = Base64Decode(text);
   std::vector<float> values(bytes.size() / sizeof(float));
-  std::memcpy(values.data(), bytes.data(), values.size() * sizeof(float));
+  if (!values.empty()) std::memcpy(values.data(), bytes.data(), values.size() * sizeof(float));
   return values;
 }
 
