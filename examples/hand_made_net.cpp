@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "examples/report.h"
 #include "talvo/talvo.h"
 
 namespace {
@@ -104,11 +105,16 @@ void Run() {
 
 }  // namespace
 
-int main() {
+int main(int count, char**) {
+  if (count != 1) {
+    std::fprintf(stderr, "usage: hand_made_net\n");
+    return 2;
+  }
+  examples::KeepLog();
   try {
     Run();
-  } catch (std::exception const& error) {  // the library has written the text to the log as well
-    std::fprintf(stderr, "%s", error.what());
-    return 1;
+    return examples::Finish("hand_made_net");
+  } catch (std::exception const& error) {
+    return examples::Fail("hand_made_net", error.what());
   }
 }

@@ -1,5 +1,5 @@
 // Takes one photo through every image operation and writes each result, and a contact sheet of all, as PPM files:
-//   image_tour PHOTO.ppm DIRECTORY
+//   image_tour PHOTO.ppm DIRECTORY     (a binary PPM of 8 bits, its sides even and from 2 to 1024 pixels)
 // The operations that have an Arm twin are run in their other form; the results are the same.
 #include <algorithm>
 #include <cmath>
@@ -8,11 +8,11 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "examples/report.h"
 #include "talvo/talvo.h"
 
 namespace {
@@ -29,18 +29,36 @@ struct Picture {  // interleaved RGB
   Bytes pixels;
 };
 
+[[noreturn]] void Refuse(std::string const& path, std::string const& why) {
+  throw std::runtime_error(path + ": " + why);
+}
+
+// Source: the netpbm project's description of the format.
 Picture ReadPpm(std::string const& path) {
+  constexpr unsigned int kMaximumSide = 1024;  // all results are kept for the contact sheet
   std::ifstream stream(path, std::ios::binary);
-  std::string magic;
+  if (!stream || std::filesystem::is_directory(path)) Refuse(path, "cannot be opened as a file");
+  char magic[2] = {};
   unsigned int maximum = 0;
   Picture picture;
-  stream >> magic >> picture.width >> picture.height >> maximum;
-  stream.get();
-  picture.pixels.assign(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>());
-  if (magic != "P6" || maximum != 255 || picture.pixels.size() != std::size_t{3} * picture.height * picture.width) {
-    throw std::runtime_error(path + ": not a binary PPM of 8 bits");
+  stream.read(magic, 2);
+  for (unsigned int* number : {&picture.width, &picture.height, &maximum}) {
+    while (stream >> std::ws && stream.peek() == '#') stream.ignore(1 << 20, '\n');
+    stream >> *number;
   }
-  if (picture.height % 2 != 0 || picture.width % 2 != 0) throw std::runtime_error(path + ": the extents must be even");
+  stream.get();
+  if (!stream || magic[0] != 'P' || magic[1] != '6' || maximum != 255) Refuse(path, "is no binary PPM (P6) of 8 bits");
+  std::string const size = std::to_string(picture.width) + " by " + std::to_string(picture.height) + " pixels";
+  for (unsigned int side : {picture.width, picture.height}) {
+    if (side < 2 || side > kMaximumSide || side % 2 != 0)
+      Refuse(path, "has " + size + "; both sides must be even and from 2 to " + std::to_string(kMaximumSide));
+  }
+  picture.pixels.resize(std::size_t{3} * picture.height * picture.width);
+  stream.read(reinterpret_cast<char*>(picture.pixels.data()), static_cast<std::streamsize>(picture.pixels.size()));
+  if (!stream) {
+    Refuse(path, "holds " + std::to_string(stream.gcount()) + " bytes of pixels, " + size + " need " +
+                     std::to_string(picture.pixels.size()));
+  }
   return picture;
 }
 
@@ -49,7 +67,7 @@ void WritePpm(std::string const& path, Picture const& picture) {
   stream << "P6\n" << picture.width << ' ' << picture.height << "\n255\n";
   stream.write(reinterpret_cast<char const*>(picture.pixels.data()),
                static_cast<std::streamsize>(picture.pixels.size()));
-  if (!stream.flush()) throw std::runtime_error(path + ": cannot be written");
+  if (!stream.flush()) Refuse(path, "cannot be written");
 }
 
 unsigned char Clamp(float value) { return static_cast<unsigned char>(std::min(std::max(value, 0.0f), 255.0f)); }
@@ -414,6 +432,7 @@ int main(int count, char** arguments) {
     std::fprintf(stderr, "usage: image_tour PHOTO.ppm DIRECTORY\n");
     return 2;
   }
+  examples::KeepLog();
   try {
     Tour tour(ReadPpm(arguments[1]), arguments[2]);
     tour.Colours();
@@ -426,9 +445,8 @@ int main(int count, char** arguments) {
     tour.Normalisations();
     tour.Warps();
     tour.WriteContactSheet();
+    return examples::Finish("image_tour");
   } catch (std::exception const& error) {
-    std::fprintf(stderr, "image_tour: %s\n", error.what());
-    return 1;
+    return examples::Fail("image_tour", error.what());
   }
-  return 0;
 }

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "examples/report.h"
 #include "talvo/talvo.h"
 
 namespace {
@@ -93,7 +94,7 @@ struct Stream {
     utility::create_context(context, 64);
     utility::init_register_operators(kernels, params);
     if (utility::load_model(path, packages, context, kernels, params, "x86", 1, 0) != 0) {
-      throw std::runtime_error("cannot be used; the log says why");
+      throw std::runtime_error(examples::log_text);
     }
     runtime::TLNModel file;
     file.FromFile(path.c_str(), "bin");
@@ -136,7 +137,7 @@ std::vector<float> MakeSignal() {
   return signal;
 }
 
-int Run(std::string const& path) {
+void Run(std::string const& path) {
   WritePackage(path);
   Stream stream(path);
   auto const signal = MakeSignal();
@@ -157,7 +158,7 @@ int Run(std::string const& path) {
   bool const afresh = SameBits(whole, stream.Feed(signal.data(), kSteps));
   std::printf("in chunks: %s; without a reset: %s; after ResetRNNState: %s\n", equal ? "the same bits" : "DIFFERENT",
               goes_on ? "the state goes on" : "THE STATE WAS LOST", afresh ? "the same bits" : "DIFFERENT");
-  return equal && goes_on && afresh ? 0 : 1;
+  if (!equal || !goes_on || !afresh) throw std::runtime_error("the outputs are not those of the whole signal");
 }
 
 }  // namespace
@@ -169,10 +170,11 @@ int main(int count, char** words) {
     std::fprintf(stderr, "usage: stream_gru [PACKAGE], where PACKAGE ends in %s\n", ending.c_str());
     return 2;
   }
+  examples::KeepLog();
   try {
-    return Run(path);
+    Run(path);
+    return examples::Finish("stream_gru");
   } catch (std::exception const& error) {
-    std::fprintf(stderr, "%s: %s\n", path.c_str(), error.what());
-    return 1;
+    return examples::Fail("stream_gru", path + ": " + error.what());
   }
 }

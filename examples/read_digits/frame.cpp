@@ -1,6 +1,7 @@
 #include "examples/read_digits/frame.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 
@@ -16,7 +17,30 @@ Frame GrayFrame(unsigned int width, unsigned int height, unsigned char gray) {
   return frame;
 }
 
-[[noreturn]] void Refuse(std::string const& path, char const* why) { throw std::runtime_error(path + ": " + why); }
+[[noreturn]] void Refuse(std::string const& path, std::string const& why) {
+  throw std::runtime_error(path + ": " + why);
+}
+
+std::ifstream Open(std::string const& path) {
+  std::ifstream stream(path, std::ios::binary);
+  if (!stream || std::filesystem::is_directory(path)) Refuse(path, "cannot be opened as a file");
+  return stream;
+}
+
+std::string SizeText(unsigned int width, unsigned int height) {
+  return std::to_string(width) + " by " + std::to_string(height) + " pixels";
+}
+
+bool IsSide(unsigned int extent) { return extent >= 2 && extent <= kMaximumSide; }
+
+// Fills `bytes` from the rest of the stream.
+void ReadBytes(std::string const& path, std::string const& size, std::ifstream& stream,
+               std::vector<unsigned char>& bytes) {
+  stream.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  if (stream) return;
+  Refuse(path, "holds " + std::to_string(stream.gcount()) + " bytes of the picture, " + size + " need " +
+                   std::to_string(bytes.size()));
+}
 
 // The luminance between four pixels; outside the picture its nearest edge.
 float Sample(Frame const& picture, float x, float y) {
@@ -53,23 +77,22 @@ Frame Turned(Frame const& upright, unsigned int turn) {
 
 // Source: the netpbm project's description of the format.
 Frame ReadPgm(std::string const& path) {
-  std::ifstream stream(path, std::ios::binary);
-  if (!stream) Refuse(path, "cannot be opened");
-  std::string magic;
+  std::ifstream stream = Open(path);
+  char magic[2] = {};
   unsigned int numbers[3] = {};
-  stream >> magic;
+  stream.read(magic, 2);
   for (unsigned int& number : numbers) {
     while (stream >> std::ws && stream.peek() == '#') stream.ignore(1 << 20, '\n');
     stream >> number;
   }
   stream.get();
   unsigned int const width = numbers[0], height = numbers[1], white = numbers[2];
-  if (!stream || magic != "P5" || white == 0 || white > 255) Refuse(path, "is no binary PGM of 8 bits a pixel");
-  if (width < 2 || height < 2 || width > kMaximumSide || height > kMaximumSide)
-    Refuse(path, "a side is below 2 or above 8192 pixels");
+  if (!stream || magic[0] != 'P' || magic[1] != '5') Refuse(path, "is no binary PGM (P5)");
+  if (white == 0 || white > 255)
+    Refuse(path, "has " + std::to_string(white) + " as its brightest value; 1 to 255 are read, 8 bits a pixel");
+  if (!IsSide(width) || !IsSide(height)) Refuse(path, "has " + SizeText(width, height) + "; a side has 2 to 8192");
   std::vector<unsigned char> gray(std::size_t{width} * height);
-  stream.read(reinterpret_cast<char*>(gray.data()), static_cast<std::streamsize>(gray.size()));
-  if (!stream) Refuse(path, "ends inside the picture");
+  ReadBytes(path, SizeText(width, height), stream, gray);
   Frame frame = GrayFrame(width / 2 * 2, height / 2 * 2, 0);
   for (std::size_t y = 0; y < frame.height; ++y) {
     for (std::size_t x = 0; x < frame.width; ++x) {
@@ -81,14 +104,11 @@ Frame ReadPgm(std::string const& path) {
 }
 
 Frame ReadNv21(std::string const& path, unsigned int width, unsigned int height) {
-  if (width % 2 != 0 || height % 2 != 0 || width < 2 || height < 2 || width > kMaximumSide || height > kMaximumSide) {
-    Refuse(path, "a frame's sides are even and from 2 to 8192 pixels");
-  }
+  if (width % 2 != 0 || height % 2 != 0 || !IsSide(width) || !IsSide(height))
+    Refuse(path, "a frame of " + SizeText(width, height) + "; both sides must be even and from 2 to 8192");
+  std::ifstream stream = Open(path);
   Frame frame{width, height, std::vector<unsigned char>(std::size_t{width} * height * 3 / 2)};
-  std::ifstream stream(path, std::ios::binary);
-  if (!stream) Refuse(path, "cannot be opened");
-  stream.read(reinterpret_cast<char*>(frame.nv21.data()), static_cast<std::streamsize>(frame.nv21.size()));
-  if (!stream) Refuse(path, "holds fewer bytes than a frame of this size");
+  ReadBytes(path, SizeText(width, height), stream, frame.nv21);
   return frame;
 }
 

@@ -19,6 +19,7 @@
 
 #include "examples/read_digits/frame.h"
 #include "examples/read_digits/prepare.h"
+#include "examples/report.h"
 #include "talvo/talvo.h"
 
 namespace {
@@ -50,7 +51,7 @@ class Reader {
     runtime::TLNModel file;
     if (utility::load_model(path, packages_, context_, kernels_, params_, "x86", 1, 0) != 0 ||
         !file.FromFile(path.c_str(), "bin")) {
-      throw std::runtime_error(path + ": cannot be used");
+      throw std::runtime_error(path + ": " + examples::log_text);
     }
     auto& package = packages_.at("digits");
     auto const& model = file.model_arr->models.at("digits");
@@ -112,19 +113,18 @@ void Print(Answer const& answer) {
   }
 }
 
-int ReadOne(std::string const& path, Frame const& frame, View const& view) {
+void ReadOne(std::string const& path, Frame const& frame, View const& view) {
   Reader reader;
   Answer const answer = reader.Read(path, frame, view);
   Print(answer);
   std::printf("%s: %d, in %.3f ms, %.3f of them for the image\n", path.c_str(), answer.Digit(), answer.time_ms,
               answer.prepare_ms);
-  return 0;
 }
 
 // The digit in a name like digit_07_label_0.pgm.
 int LabelOf(std::filesystem::path const& path) { return path.stem().string().back() - '0'; }
 
-int ReadAll() {
+void ReadAll() {
   std::vector<std::filesystem::path> paths;
   for (auto const& entry : std::filesystem::directory_iterator(kFolder)) {
     if (entry.path().extension() == ".pgm") paths.push_back(entry.path());
@@ -148,7 +148,7 @@ int ReadAll() {
   }
   std::printf("%zu of %zu right\n", right, paths.size());
   reader.PrintLayers(answer.layer_times_ms);
-  return right == paths.size() ? 0 : 1;
+  if (right != paths.size()) throw std::runtime_error("some pictures were read wrong");
 }
 
 // A whole number, or a usage error.
@@ -161,32 +161,41 @@ unsigned int Number(char const* word) {
   return static_cast<unsigned int>(number);
 }
 
-int ReadFrame(int count, char** words) {
+void ReadFrame(int count, char** words) {
   Frame const frame = read_digits::ReadNv21(words[1], Number(words[2]), Number(words[3]));
   View view;
   view.turn = count > 4 ? Number(words[4]) : 0;
-  if (view.turn % 90 != 0 || view.turn > 270) throw std::invalid_argument(std::string(words[4]) + " is no turn");
+  if (view.turn % 90 != 0 || view.turn > 270)
+    throw std::invalid_argument(std::string("TURN is 0, 90, 180 or 270, not ") + words[4]);
   bool const sideways = view.turn % 180 == 90;
   view.width = sideways ? frame.height : frame.width;
   view.height = sideways ? frame.width : frame.height;
   if (count == 9) view = {view.turn, Number(words[5]), Number(words[6]), Number(words[7]), Number(words[8])};
-  return ReadOne(words[1], frame, view);
+  ReadOne(words[1], frame, view);
 }
 
-int ReadPicture(char const* path) {
+void ReadPicture(char const* path) {
   Frame const frame = read_digits::ReadPgm(path);
-  return ReadOne(path, frame, {0, 0, 0, frame.width, frame.height});
+  ReadOne(path, frame, {0, 0, 0, frame.width, frame.height});
 }
 
 }  // namespace
 
 int main(int count, char** words) {
+  examples::KeepLog();
   try {
-    if (count == 1) return ReadAll();
-    if (words[1][0] == '-') throw std::invalid_argument(std::string(words[1]) + " is no file");
-    if (count == 2) return ReadPicture(words[1]);
-    if (count == 4 || count == 5 || count == 9) return ReadFrame(count, words);
-    throw std::invalid_argument("wrong number of words");
+    if (count > 1 && (words[1][0] == '-' || words[1][0] == '\0'))
+      throw std::invalid_argument("\"" + std::string(words[1]) + "\" is no file");
+    if (count == 1) {
+      ReadAll();
+    } else if (count == 2) {
+      ReadPicture(words[1]);
+    } else if (count == 4 || count == 5 || count == 9) {
+      ReadFrame(count, words);
+    } else {
+      throw std::invalid_argument("wrong number of words");
+    }
+    return examples::Finish("read_digits");
   } catch (std::invalid_argument const& error) {
     std::fprintf(
         stderr,
@@ -194,7 +203,6 @@ int main(int count, char** words) {
         error.what());
     return 2;
   } catch (std::exception const& error) {
-    std::fprintf(stderr, "read_digits: %s\n", error.what());
-    return 1;
+    return examples::Fail("read_digits", error.what());
   }
 }
