@@ -197,6 +197,7 @@ TEST_F(RunPackageTest, ReportsBadInputInOneLine) {
                                          {"p.json --input picture=text.npy", "text.npy: is no .npy file"},
                                          {"p.json --input picture=version.npy", "of version 9"},
                                          {"p.json --input picture=folder.json", "folder.json: is a folder"},
+                                         {"p.json --input picture=/dev/zero", "/dev/zero: is no .npy file"},
                                          {"p.json --input picture=cut.npy", "shape [3, 8, 8] needs 768"},
                                          {"p.json --input picture=double.npy", "double.npy: holds '<f8'"},
                                          {"p.json --input picture=huge.npy", "huge.npy: its shape [4000000000"},
@@ -244,7 +245,8 @@ TEST_F(RunPackageTest, ReportsBadInputInOneLine) {
 TEST_F(RunPackageTest, AnswersBadUsageWithTwo) {
   for (char const* words :
        {"", "a.json b.json", "a.json --bogus", "a.json --input", "a.json --input picture", "a.json --input =x.npy",
-        "a.json --repeat 0", "a.json --repeat -1", "a.json --repeat 1x", "a.json --repeat +1", "a.json -x", "-x"}) {
+        "a.json --input picture=CHW:", "a.json --model ''", "a.json --repeat 0", "a.json --repeat -1",
+        "a.json --repeat 1x", "a.json --repeat +1", "a.json -x", "-x"}) {
     Result const result = Run(words);
     EXPECT_EQ(result.status, 2) << words;
     EXPECT_NE(result.err.find("usage: run_package PACKAGE"), std::string::npos) << result.err;

@@ -1,5 +1,6 @@
 #include "tools/run_package/arguments.h"
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "tools/run_package/layouts.h"
@@ -10,16 +11,15 @@ namespace {
 constexpr unsigned long kMaximumRepeat = 1000000;
 
 InputFile ParseInput(std::string const& word) {
-  auto const equals = word.find('=');
-  if (equals == std::string::npos || equals == 0 || equals + 1 == word.size()) {
-    throw UsageError("--input takes LAYER=FILE.npy or LAYER=LAYOUT:FILE.npy, not \"" + word + "\"");
-  }
-  InputFile input{word.substr(0, equals), "", word.substr(equals + 1)};
+  auto const equals = std::min(word.find('='), word.size());
+  InputFile input{word.substr(0, equals), "", word.substr(std::min(equals + 1, word.size()))};
   auto const colon = input.path.find(':');
   if (colon != std::string::npos && LayoutNumber(input.path.substr(0, colon)).has_value()) {
     input.layout = input.path.substr(0, colon);
     input.path.erase(0, colon + 1);
   }
+  if (input.layer.empty() || input.path.empty())
+    throw UsageError("--input takes LAYER=FILE.npy or LAYER=LAYOUT:FILE.npy, not \"" + word + "\"");
   return input;
 }
 
@@ -35,14 +35,16 @@ unsigned int ParseRepeat(std::string const& word) {
 }  // namespace
 
 char const* const kUsage =
-    "usage: run_package PACKAGE [--model ID] [--backend WORD] [--input LAYER=FILE.npy]... [--output LAYER]...\n"
-    "                   [--next [--input ...]...]... [--output-dir DIR] [--repeat N] [--profile] [--list]";
+    "usage: run_package PACKAGE [--model ID] [--backend WORD] [--input LAYER=[LAYOUT:]FILE.npy]... [--output "
+    "LAYER]...\n"
+    "                   [--next [--input ...]...]... [--output-dir DIR] [--repeat N] [--profile] [--list]\n"
+    "back ends: x86, arm, metal; layouts: CHW, HWC, C4HW4, C8HW8, NCHW, NHWC, C, SC, CL, FLEXIABLE";
 
 Arguments ParseArguments(int count, char const* const* words) {
   Arguments arguments;
   int at = 1;
   auto const value = [&](std::string const& option) -> std::string {
-    if (at + 1 >= count) throw UsageError(option + " takes a value");
+    if (at + 1 >= count || *words[at + 1] == '\0') throw UsageError(option + " takes a value");
     return words[++at];
   };
   for (; at < count; ++at) {

@@ -1,6 +1,7 @@
 #include "tools/run_package/report.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <filesystem>
 #include <iomanip>
@@ -47,16 +48,20 @@ double Element(Tensor const& tensor, std::size_t i) {
 
 void PrintSummary(std::string const& id, Tensor const& tensor, std::ostream& out) {
   std::size_t const count = talvo::runtime::ElementCount(tensor.shape.dims);
+  std::size_t numbers = 0;
   double minimum = std::numeric_limits<double>::infinity(), maximum = -minimum, sum = 0;
   for (std::size_t i = 0; i < count; ++i) {
     double const value = Element(tensor, i);
+    if (std::isnan(value)) continue;
+    ++numbers;
     minimum = std::min(minimum, value);
     maximum = std::max(maximum, value);
     sum += value;
   }
   out << id << ": " << talvo::runtime::DimsText(tensor.shape.dims) << " " << LayoutName(tensor.shape.layout);
-  if (count > 0)
-    out << ", minimum " << minimum << ", maximum " << maximum << ", mean " << sum / static_cast<double>(count);
+  if (numbers > 0)
+    out << ", minimum " << minimum << ", maximum " << maximum << ", mean " << sum / static_cast<double>(numbers);
+  if (numbers < count) out << ", not a number: " << count - numbers << " of " << count;
   out << "\n";
 }
 

@@ -66,6 +66,7 @@ Session::Session(Arguments const& arguments) : path_(arguments.package), backend
 
 void Session::ChooseModel(std::string const& wanted) {
   auto const& ids = file_->model_arr->squential_ids;
+  if (ids.empty()) Refuse(path_ + ": holds no model");
   if (wanted.empty() && ids.size() != 1) {
     Refuse(path_ + ": holds " + std::to_string(ids.size()) + " models (" + Join(ids) + "); choose one with --model");
   }
