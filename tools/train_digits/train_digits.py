@@ -7,6 +7,7 @@ See README.md beside this file for the data, the command and the accuracy reache
 import argparse
 import json
 import math
+import sys
 from pathlib import Path
 
 import numpy as np
@@ -173,13 +174,17 @@ def main():
     parser.add_argument("--json", action="store_true", help="write the packages in their JSON form too")
     arguments = parser.parse_args()
 
-    (pictures, labels), (held_pictures, held_labels) = split(*load_digits(arguments.data))
+    try:  # before the training: a folder that cannot be written would cost its result
+        digits = load_digits(arguments.data)
+        arguments.output.mkdir(parents=True, exist_ok=True)
+    except (OSError, ValueError, LookupError, TypeError) as error:
+        sys.exit(f"train_digits.py: {arguments.data} to {arguments.output}: {error}")
+    (pictures, labels), (held_pictures, held_labels) = split(*digits)
     print(f"{len(labels)} digits to train on, {len(held_labels)} held out, seed {SEED}")
     weights = train(pictures, labels).weights()
     with torch.no_grad():
         probabilities = run_folded(weights, as_input(held_pictures)).numpy()
     right = probabilities.argmax(1) == held_labels
-    arguments.output.mkdir(parents=True, exist_ok=True)
     write_packages(arguments.output, weights, (".tlnmodel", ".json") if arguments.json else (".tlnmodel",))
     taken = write_pictures(arguments.output, held_pictures, held_labels)
     print(f"held-out accuracy with binary16 weights: {right.sum()} of {right.size}, {100 * right.mean():.2f} %")

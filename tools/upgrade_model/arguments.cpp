@@ -26,7 +26,7 @@ void ParseVersion(std::string const& word, Arguments& arguments) {
 void CheckPaths(Arguments& arguments) {
   if (arguments.out.empty()) throw UsageError("a first-generation file and the package to write are needed");
   if (std::filesystem::path(arguments.out).extension() != ".tlnmodel")
-    throw UsageError("the package \"" + arguments.out + "\" does not end in .tlnmodel");
+    throw UsageError("the package to write, \"" + arguments.out + "\", has no name that ends in .tlnmodel");
   if (arguments.model_id.empty()) arguments.model_id = std::filesystem::path(arguments.in).stem().string();
 }
 
@@ -66,7 +66,8 @@ Arguments ParseArguments(int count, char const* const* words) {
       throw UsageError("one file at a time: there is no use for \"" + word + "\"");
     }
   }
-  if (default_config != arguments.config.empty()) throw UsageError("one of --config and --default-config is needed");
+  if (default_config != arguments.config.empty())
+    throw UsageError("exactly one of --config and --default-config is needed");
   CheckPaths(arguments);
   return arguments;
 }
