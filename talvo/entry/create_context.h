@@ -9,8 +9,8 @@
 namespace talvo::utility {
 
 /// Stores a context with a CPU device in `context`; the device has a main and a dynamic AlignUpPool of this alignment,
-/// which is a power of two and at least the size of a pointer. The caller keeps the context until the last tensor is
-/// gone.
+/// a power of two and at least the size of a pointer; with another the first tensor is refused through Assert. The
+/// caller keeps the context until the last tensor is gone.
 TALVO_API void create_context(std::shared_ptr<runtime::Context>& context, unsigned int alignment);
 
 }  // namespace talvo::utility

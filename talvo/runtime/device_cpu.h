@@ -28,7 +28,7 @@ struct CPUDeviceDesc {
 /// Makes tensors. It shares the ownership of its pools, and lives longer than every tensor made from it, since tensors
 /// hold a plain pointer to it. A device, its pools and its tensors belong to one thread at a time. Every factory
 /// refuses through Assert a data type that does not exist, a byte count over 32 bits and a failed allocation, each with
-/// the dims in the text.
+/// the dims in the text; and a request to a pool that the device does not have.
 class TALVO_API DeviceCPU : public Device {
  public:
   DeviceCPU(CPUDeviceDesc const& device_desc, std::shared_ptr<MemoryPool> const& main_pool,
@@ -74,8 +74,8 @@ class TALVO_API DeviceCPU : public Device {
   std::shared_ptr<TensorCPU> CreateU8HWCMainMemExternal(std::vector<unsigned int> const& dims, void* data);
   std::shared_ptr<TensorCPU> CreateF32CMainMemExternal(unsigned int const& c, void* data);
 
-  // Image forms: 8-bit tensors of h rows and w columns, HWC, the CHW ones with 3 planes. Colour order is a matter of
-  // the name.
+  // Image forms: UINT8, h rows of w pixels, HWC with 1 channel (Y, Gray), 2 (UV), 3 (BGR, RGB) or 4 (BGRA, RGBA), the
+  // CHW ones [3, h, w]. Colour order is a matter of the name; `data` is copied, or kept, as above.
   std::shared_ptr<TensorCPU> CreateYPlane8BitTensor(unsigned int const& h, unsigned int const& w, void const* data);
   std::shared_ptr<TensorCPU> CreateUVPlane8BitTensor(unsigned int const& h, unsigned int const& w, void const* data);
   std::shared_ptr<TensorCPU> CreateGray8Tensor(unsigned int const& h, unsigned int const& w, void const* data);

@@ -12,7 +12,7 @@
 namespace talvo::runtime {
 
 /// Fields are visited in the order in which they are declared, here and in all derived records; a field's key is its
-/// name. All strings of weights hold base64 text of little-endian float32.
+/// name. All strings of weights hold base64 text of little-endian float32, row-major; a bias counts with `if_bias`.
 class TALVO_API LayerInfo : public Serializable {
  public:
   LayerInfo();

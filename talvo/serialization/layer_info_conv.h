@@ -12,8 +12,8 @@ class TALVO_API Conv1dInfo : public LayerInfo {
 
   unsigned short in_channels = 0, out_channels = 0, kernel_size = 0, padding_f = 0, padding_b = 0;
   unsigned short stride = 1, dilation = 1, groups = 1;
-  bool if_bias = false;  // has no influence on what files hold: an absent bias is an empty string
-  std::string weight, bias;
+  bool if_bias = false;      // has no influence on what files hold: an absent bias is an empty string
+  std::string weight, bias;  // [out_channels, in_channels / groups, kernel_size]; [out_channels]
 };
 
 class TALVO_API Conv2dInfo : public LayerInfo {
@@ -25,7 +25,7 @@ class TALVO_API Conv2dInfo : public LayerInfo {
   unsigned short padding_l = 0, padding_t = 0, padding_r = 0, padding_b = 0;
   unsigned short stride_x = 1, stride_y = 1, dilation_x = 1, dilation_y = 1, groups = 1;
   bool if_bias = false;
-  std::string weight, bias;
+  std::string weight, bias;  // [out_channels, in_channels / groups, kernel_y, kernel_x]; [out_channels]
 };
 
 class TALVO_API ConvTranspose2dInfo : public LayerInfo {
@@ -37,7 +37,7 @@ class TALVO_API ConvTranspose2dInfo : public LayerInfo {
   short padding_l = 0, padding_t = 0, padding_r = 0, padding_b = 0;
   unsigned short stride_x = 0, stride_y = 0, dilation_x = 0, dilation_y = 0, groups = 0;
   bool if_bias = false;
-  std::string weight, bias;
+  std::string weight, bias;  // [in_channels, out_channels / groups, kernel_y, kernel_x]; [out_channels]
 };
 
 /// A quantised convolution: `*_clip` and `*_qbit` for weights, bias and activations. Weights stay text in both forms.
@@ -78,7 +78,7 @@ class TALVO_API FullConnectionInfo : public LayerInfo {
 
   unsigned short in_features = 0, out_features = 0;
   bool if_bias = false;
-  std::string weight, bias;
+  std::string weight, bias;  // [out_features, in_features]; [out_features]
 };
 
 /// alpha * op(A) op(B) + beta * C.

@@ -1,5 +1,5 @@
 // Layer records of recurrent cells and of stacks of them. Weights of a cell are strings; a stack has one string for
-// each of its layers and directions.
+// each of its layers and directions. weight_ih [gates * hidden_size, in_size], weight_hh with hidden_size columns.
 #pragma once
 
 #include <string>
@@ -29,7 +29,7 @@ class TALVO_API LSTMCellInfo : public LayerInfo {
 
   unsigned short in_size = 0, hidden_size = 0;
   bool if_bias = false;
-  std::string weight_ih, weight_hh, bias_ih, bias_hh;
+  std::string weight_ih, weight_hh, bias_ih, bias_hh;  // gates i, f, g, o
 };
 
 class TALVO_API GRUCellInfo : public LayerInfo {
@@ -39,7 +39,7 @@ class TALVO_API GRUCellInfo : public LayerInfo {
 
   unsigned short in_size = 0, hidden_size = 0;
   bool if_bias = false;
-  std::string weight_ih, weight_hh, bias_ih, bias_hh;
+  std::string weight_ih, weight_hh, bias_ih, bias_hh;  // gates r, z, n
 };
 
 class TALVO_API RNNInfo : public LayerInfo {
@@ -68,7 +68,7 @@ class TALVO_API LSTMInfo : public LayerInfo {
   unsigned short num_layers = 0;
   bool bidirectional = false;
   unsigned short complex_rnn_type = 0;
-  std::vector<std::string> weight_ih_forward, weight_hh_forward, bias_ih_forward, bias_hh_forward;
+  std::vector<std::string> weight_ih_forward, weight_hh_forward, bias_ih_forward, bias_hh_forward;  // gates i, f, g, o
   std::vector<std::string> weight_ih_reverse, weight_hh_reverse, bias_ih_reverse, bias_hh_reverse;
 };
 
@@ -82,7 +82,7 @@ class TALVO_API GRUInfo : public LayerInfo {
   unsigned short num_layers = 0;
   bool bidirectional = false;
   unsigned short complex_rnn_type = 0;
-  std::vector<std::string> weight_ih_forward, weight_hh_forward, bias_ih_forward, bias_hh_forward;
+  std::vector<std::string> weight_ih_forward, weight_hh_forward, bias_ih_forward, bias_hh_forward;  // gates r, z, n
   std::vector<std::string> weight_ih_reverse, weight_hh_reverse, bias_ih_reverse, bias_hh_reverse;
 };
 
