@@ -46,9 +46,31 @@ Record Conv2d() {
   });
 }
 
+Record Conv1d() {
+  return Make<Conv1dInfo>([](Conv1dInfo& r) {
+    r.in_channels = r.out_channels = 4;
+    r.kernel_size = 1;
+    r.weight = Weights(16);
+  });
+}
+
+Record FullConnection() {
+  return Make<FullConnectionInfo>([](FullConnectionInfo& r) {
+    r.in_features = r.out_features = 4;
+    r.weight = Weights(16);
+  });
+}
+
 template <class Info>
 Record Pooling() {
-  return Make<Info>([](Info& r) { r.kernel_x = r.kernel_y = r.stride_x = r.stride_y = 2; });
+  return Make<Info>([](Info& r) {
+    r.kernel_x = r.kernel_y = r.stride_x = r.stride_y = 2;
+    if constexpr (std::is_same_v<Info, MaxPool2dInfo>) r.dilation_x = r.dilation_y = 1;
+  });
+}
+
+Record Upsampling() {
+  return Make<Upsample2dInfo>([](Upsample2dInfo& r) { r.scale_factor_x = r.scale_factor_y = 2.0f; });
 }
 
 template <class Info>
@@ -74,9 +96,17 @@ Record Stack(std::size_t gates) {
   });
 }
 
-Record Reshape(std::vector<short> const& shape) {
-  return Make<TensorReshapeInfo>([&](auto& r) { r.new_shape = shape; });
+template <class Info>
+Record Plain() {
+  return Make<Info>([](Info&) {});
 }
+
+template <class Info, class Value>
+std::function<Record()> With(Value Info::*field, std::common_type_t<Value> const& value) {
+  return [=] { return Make<Info>([&](Info& r) { r.*field = value; }); };
+}
+
+std::function<Record()> Reshape(std::vector<short> const& shape) { return With(&TensorReshapeInfo::new_shape, shape); }
 
 // A record that the kernel takes: four channels in, four out.
 Record RecordFor(std::string const& name) {
@@ -85,95 +115,42 @@ Record RecordFor(std::string const& name) {
     std::function<Record()> make;
   };
   static std::vector<Entry> const entries = {
-      {"Input_", [] { return Make<InputInfo>([](auto&) {}); }},
-      {"Straight_Through_", [] { return Make<InputInfo>([](auto&) {}); }},
-      {"LayerPlaceholder_", [] { return Make<LayerPlaceholderInfo>([](auto& r) {
-                                   r.output_shape = {4, 4, 4};
-                                 }); }},
+      {"Input_", Plain<InputInfo>},
+      {"Straight_Through_", Plain<InputInfo>},
+      {"LayerPlaceholder_", With(&LayerPlaceholderInfo::output_shape, {4, 4, 4})},
       {"ConvTranspose2D_", Conv2d<ConvTranspose2dInfo>},
       {"Conv2", Conv2d<Conv2dInfo>},
-      {"Conv1D_",
-       [] {
-         return Make<Conv1dInfo>([](auto& r) {
-           r.in_channels = r.out_channels = 4;
-           r.kernel_size = 1;
-           r.weight = Weights(16);
-         });
-       }},
-      {"FullConnection_",
-       [] {
-         return Make<FullConnectionInfo>([](auto& r) {
-           r.in_features = r.out_features = 4;
-           r.weight = Weights(16);
-         });
-       }},
-      {"AdaptivePooling2D_", [] { return Make<AdaptiveAvgPool2dInfo>([](auto& r) {
-                                    r.output_size = {2, 2};
-                                  }); }},
+      {"Conv1D_", Conv1d},
+      {"FullConnection_", FullConnection},
+      {"AdaptivePooling2D_", With(&AdaptiveAvgPool2dInfo::output_size, {2, 2})},
       {"Pooling2D_Avg_", Pooling<AvgPool2dInfo>},
-      {"Pooling2D_Max_",
-       [] {
-         auto const record = Pooling<MaxPool2dInfo>();
-         auto& fields = static_cast<MaxPool2dInfo&>(*record);
-         fields.dilation_x = fields.dilation_y = 1;
-         return record;
-       }},
-      {"Elementwise_", [] { return Make<ElementWiseOperatorInfo>([](auto&) {}); }},
-      {"BroadcastOperator_", [] { return Make<BroadcastOperatorInfo>([](auto&) {}); }},
-      {"Concatenate_C_", [] { return Make<ConcatenateInfo>([](auto& r) { r.dim = 1; }); }},
-      {"Concatenate_", [] { return Make<ConcatenateInfo>([](auto&) {}); }},
-      {"Reshape_Fallback_CnHWn_To_CL_",
-       [] {
-         return Reshape({1, 4, 16});
-       }},
-      {"Reshape_Fallback_CnHWn_To_C_",
-       [] {
-         return Reshape({1, 64});
-       }},
-      {"Reshape_Fallback_To_SC_",
-       [] {
-         return Reshape({1, 4, 16});
-       }},
-      {"Reshape_Fallback_To_C_",
-       [] {
-         return Reshape({1, 64});
-       }},
-      {"Reshape_",
-       [] {
-         return Reshape({1, 4, 4, 4});
-       }},
-      {"Transform_MainMemory_Reshape_",
-       [] {
-         return Reshape({1, 16, 4});
-       }},
-      {"Transform_MainMemory_Permute_",
-       [] { return Make<TensorTransposeInfo>([](auto& r) {
-              r.axes = {0, 2, 3, 1};
-            }); }},
-      {"Expand_", [] { return Make<TensorExpandInfo>([](auto& r) {
-                         r.new_shape = {1, 4, 4, 4};
-                       }); }},
-      {"TensorArithmetic_",
-       [] {
-         return Make<TensorArithmeticInfo>([](auto& r) {
-           r.dim = {2, 3};
-           r.arith_type = 1;
-         });
-       }},
-      {"UnSqueeze_", [] { return Make<TensorUnSqueezeInfo>([](auto& r) { r.dim = 1; }); }},
-      {"Slice_", [] { return Make<TensorSliceInfo>([](auto& r) { r.slice_dims = {0, 2, 1, 0, 2, 1, 0, 2, 1}; }); }},
-      {"Softmax_", [] { return Make<SoftmaxInfo>([](auto& r) { r.dim = 1; }); }},
-      {"Upsampling2D_",
-       [] { return Make<Upsample2dInfo>([](auto& r) { r.scale_factor_x = r.scale_factor_y = 2.0f; }); }},
-      {"Pixelshuffle_", [] { return Make<PixelShuffleInfo>([](auto& r) { r.upscale_factor = 2.0f; }); }},
-      {"GridSample_", [] { return Make<GridSampleInfo>([](auto&) {}); }},
+      {"Pooling2D_Max_", Pooling<MaxPool2dInfo>},
+      {"Elementwise_", Plain<ElementWiseOperatorInfo>},
+      {"BroadcastOperator_", Plain<BroadcastOperatorInfo>},
+      {"Concatenate_C_", With(&ConcatenateInfo::dim, 1)},
+      {"Concatenate_", Plain<ConcatenateInfo>},
+      {"Reshape_Fallback_CnHWn_To_CL_", Reshape({1, 4, 16})},
+      {"Reshape_Fallback_CnHWn_To_C_", Reshape({1, 64})},
+      {"Reshape_Fallback_To_SC_", Reshape({1, 4, 16})},
+      {"Reshape_Fallback_To_C_", Reshape({1, 64})},
+      {"Reshape_", Reshape({1, 4, 4, 4})},
+      {"Transform_MainMemory_Reshape_", Reshape({1, 16, 4})},
+      {"Transform_MainMemory_Permute_", With(&TensorTransposeInfo::axes, {0, 2, 3, 1})},
+      {"Expand_", With(&TensorExpandInfo::new_shape, {1, 4, 4, 4})},
+      {"TensorArithmetic_", With(&TensorArithmeticInfo::dim, {2, 3})},
+      {"UnSqueeze_", With(&TensorUnSqueezeInfo::dim, 1)},
+      {"Slice_", With(&TensorSliceInfo::slice_dims, {0, 2, 1, 0, 2, 1, 0, 2, 1})},
+      {"Softmax_", With(&SoftmaxInfo::dim, 1)},
+      {"Upsampling2D_", Upsampling},
+      {"Pixelshuffle_", With(&PixelShuffleInfo::upscale_factor, 2.0f)},
+      {"GridSample_", Plain<GridSampleInfo>},
       {"RNNCell_", [] { return Cell<RNNCellInfo>(1); }},
       {"LSTMCell_", [] { return Cell<LSTMCellInfo>(4); }},
       {"GRUCell_", [] { return Cell<GRUCellInfo>(3); }},
       {"RNN_", [] { return Stack<RNNInfo>(1); }},
       {"LSTM_", [] { return Stack<LSTMInfo>(4); }},
       {"GRU_", [] { return Stack<GRUInfo>(3); }},
-      {"", [] { return Make<ActivationInfo>([](auto& r) { r.weight = Weights(1); }); }}};
+      {"", With(&ActivationInfo::weight, Weights(1))}};
   return std::find_if(entries.begin(), entries.end(), [&](Entry const& e) { return name.rfind(e.start, 0) == 0; })
       ->make();
 }
@@ -267,7 +244,7 @@ class Walk {
   void Configure(std::string const& name) {
     auto const context_without = std::make_shared<Context>();
     for (auto const& [what, record] : {std::pair<char const*, Record>{"Config without layer", nullptr},
-                                       {"Config of another record", Make<GemmInfo>([](auto&) {})},
+                                       {"Config of another record", Plain<GemmInfo>()},
                                        {"Config of the right record", RecordFor(name)}}) {
       for (auto const& context : {std::shared_ptr<Context>(), context_without, context_}) {
         AnswersOrRefuses(name, what, [&, layer = record] {
