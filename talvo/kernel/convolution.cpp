@@ -99,23 +99,24 @@ struct Operands {
   std::shared_ptr<runtime::DeviceCPU> const& device;
 };
 
-// `pad` makes the padded copy of the input; the way by columns pads a group at a time.
+// `pad` makes the padded copy of the input; the ways by columns and by groups pad a group or some at a time.
 template <class Pad>
 void ComputeDirect(ConvolutionFields const& f, Operands const& operands, Pad pad) {
-  auto shape = ShapeOf(f, operands.input->shape.dims, operands.output.shape.dims);
+  auto const shape = ShapeOf(f, operands.input->shape.dims, operands.output.shape.dims);
   auto data = DataOf(*operands.input, operands.weight, operands.bias, operands.output);
   auto const left = static_cast<unsigned int>(f.padding_l), right = static_cast<unsigned int>(f.padding_r);
   auto const top = static_cast<unsigned int>(f.padding_t), bottom = static_cast<unsigned int>(f.padding_b);
-  Way const way = FastestWay(shape);
-  if (way == Way::kColumns) {
-    Padding const padding = {top, left, shape.in_height + top + bottom, shape.in_width + left + right};
-    return ConvolveByColumns(shape, padding, data, *operands.device);
+  ConvolutionShape padded_shape = shape;
+  padded_shape.in_height += top + bottom;
+  padded_shape.in_width += left + right;
+  Way const way = FastestWay(padded_shape);
+  if (way != Way::kChannels) {
+    Padding const padding = {top, left, padded_shape.in_height, padded_shape.in_width};
+    return (way == Way::kColumns ? ConvolveByColumns : ConvolveByGroups)(shape, padding, data, *operands.device);
   }
   auto const padded = pad(left, right, top, bottom);
-  shape.in_height += top + bottom;
-  shape.in_width += left + right;
   data.input = padded->template Data<float>();
-  (way == Way::kGroups ? ConvolveByGroups : ConvolveByChannels)(shape, data, *operands.device);
+  ConvolveByChannels(padded_shape, data, *operands.device);
 }
 
 }  // namespace

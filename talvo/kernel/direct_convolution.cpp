@@ -251,6 +251,16 @@ bool GroupsPay(ConvolutionShape const& shape, std::size_t vectors) {
   return 2 * by_groups <= vectors && shape.in_per_group * shape.in_height * shape.in_width * lanes <= kMixedAtHand;
 }
 
+// Lays the planes of mixed groups, rows of vectors, into padded ones, whose borders are 0 already.
+void LayMixed(ConvolutionShape const& shape, Padding const& padding, float const* mixed, std::size_t lanes,
+              float* padded) {
+  std::size_t const row = shape.in_width * lanes, pitch = padding.padded_width * lanes;
+  padded += padding.top * pitch + padding.left * lanes;
+  for (std::size_t c = 0; c < shape.in_per_group; ++c, padded += padding.padded_height * pitch) {
+    for (std::size_t y = 0; y < shape.in_height; ++y, mixed += row) std::copy_n(mixed, row, padded + y * pitch);
+  }
+}
+
 rows::TileRun SumsOfChannels(std::vector<Tap> const& taps, Block const& block, std::size_t input_step,
                              std::size_t input_plane, float const* packed, float* results) {
   rows::TileRun run{};
@@ -300,23 +310,31 @@ void ConvolveByChannels(ConvolutionShape const& shape, ConvolutionData const& da
   }
 }
 
-void ConvolveByGroups(ConvolutionShape const& shape, ConvolutionData const& data, runtime::DeviceCPU& device) {
+void ConvolveByGroups(ConvolutionShape const& shape, Padding const& padding, ConvolutionData const& data,
+                      runtime::DeviceCPU& device) {
   std::size_t const sum = shape.in_per_group * shape.kernel_y * shape.kernel_x, opg = shape.out_per_group;
-  std::size_t const in_plane = shape.in_height * shape.in_width, out_plane = shape.out_height * shape.out_width;
-  std::size_t const group = shape.in_per_group * in_plane;
-  Scratch const scratch(device, (kStrip + sum + group) * rows::kMaxLanes);
+  std::size_t const group = shape.in_per_group * shape.in_height * shape.in_width;
+  std::size_t const padded_plane = padding.padded_height * padding.padded_width,
+                    out_plane = shape.out_height * shape.out_width;
+  ConvolutionShape padded_shape = shape;
+  padded_shape.in_height = padding.padded_height;
+  padded_shape.in_width = padding.padded_width;
+  Scratch const scratch(device, (kStrip + sum + group + shape.in_per_group * padded_plane) * rows::kMaxLanes);
   float* const packed = scratch.Data() + kStrip * rows::kMaxLanes;
   float* const mixed = packed + sum * rows::kMaxLanes;
+  float* const padded = mixed + group * rows::kMaxLanes;
+  std::fill_n(padded, shape.in_per_group * padded_plane * rows::kMaxLanes, 0.0f);
   float starts[kMaxBlock];
   for (std::size_t g = 0; g < shape.groups;) {
     Block const block = GroupsAt(g, shape.groups);
     PackLanes(data.input + g * group, group, group, block, mixed);
-    auto const offsets = KernelTaps(shape, block.lanes, block.lanes);
+    LayMixed(shape, padding, mixed, block.lanes, padded);
+    auto const offsets = KernelTaps(padded_shape, block.lanes, block.lanes);
     for (std::size_t channel = g * opg; channel < (g + 1) * opg; ++channel) {
       PackLanes(data.weights + channel * sum, opg * sum, sum, block, packed);
       BlockStarts(data.bias == nullptr ? nullptr : data.bias + channel, opg, block, starts);
-      auto const run = SumsOfChannels(offsets, block, block.lanes, in_plane * block.lanes, packed, scratch.Data());
-      ConvolveBlock(shape, block, run, mixed, starts, data.output + channel * out_plane, opg * out_plane);
+      auto const run = SumsOfChannels(offsets, block, block.lanes, padded_plane * block.lanes, packed, scratch.Data());
+      ConvolveBlock(padded_shape, block, run, padded, starts, data.output + channel * out_plane, opg * out_plane);
     }
     g += block.used;
   }

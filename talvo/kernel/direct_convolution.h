@@ -25,7 +25,7 @@ struct ConvolutionData {
   float* output;
 };
 
-/// The fastest of the three ways below; their bits are the same.
+/// The fastest of the three ways below for a padded input; their bits are the same.
 enum class Way { kChannels, kColumns, kGroups };
 Way FastestWay(ConvolutionShape const& shape);
 
@@ -33,17 +33,19 @@ Way FastestWay(ConvolutionShape const& shape);
 /// sums, in the order of channels, ky, kx.
 void ConvolveByChannels(ConvolutionShape const& shape, ConvolutionData const& data, runtime::DeviceCPU& device);
 
-/// Groups in the lanes: for many groups of few channels and narrow planes. `input` is padded already.
-void ConvolveByGroups(ConvolutionShape const& shape, ConvolutionData const& data, runtime::DeviceCPU& device);
-
-/// Output columns in the lanes: for few output channels in a group. `input` is not padded: it gets `padding_t` rows and
-/// `padding_l` columns of 0 before it and as many behind it as the windows read or fewer, [padded_height, padded_width]
-/// in all.
+/// What the two ways below, whose `input` is not padded, lay around it: `top` rows and `left` columns of 0 before it
+/// and as many behind it as the windows read or fewer, [padded_height, padded_width] in all.
 struct Padding {
   std::size_t top, left, padded_height, padded_width;
 };
+
+/// Output columns in the lanes: for few output channels in a group.
 void ConvolveByColumns(ConvolutionShape const& shape, Padding const& padding, ConvolutionData const& data,
                        runtime::DeviceCPU& device);
+
+/// Groups in the lanes: for many groups of few channels and narrow planes.
+void ConvolveByGroups(ConvolutionShape const& shape, Padding const& padding, ConvolutionData const& data,
+                      runtime::DeviceCPU& device);
 
 /// The transposed form: each input element (iy, ix) meets output (y, x) with y - top + ky * dilation_y = iy * stride_y,
 /// and so for x, under the weight of the kernel turned by 180 degrees. Each product is added to the result by itself,

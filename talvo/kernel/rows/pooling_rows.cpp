@@ -40,11 +40,24 @@ struct Division {
   TALVO_ROWS_INLINE void DivideOne(std::size_t at, float& v) const { v /= divisors[at]; }
 };
 
+// The three taps of one kernel row.
+template <int kLanes>
+TALVO_ROWS_INLINE void LoadTaps(float const* x, std::size_t const* offsets, Vector<kLanes> (&row)[3]) {
+  for (int tap = 0; tap < 3; ++tap) Load<kLanes>(x + offsets[tap], row[tap]);
+}
+
+template <class Fold, class V>
+TALVO_ROWS_INLINE void FoldTaps(V const (&row)[3], V const& before, V& fold) {
+  V next = before;
+  for (int tap = 0; tap < 3; ++tap) Fold::Add(row[tap], next);
+  fold = next;
+}
+
 // kVectors vectors of outputs from `at`, whose folds run side by side. A vector that would end behind the row moves
-// back and computes some outputs again.
+// back and computes some outputs again. Outputs and divisors of the row stand from `first` on.
 template <class Fold, int kLanes, int kVectors, class Divisor>
 TALVO_ROWS_INLINE void FoldVectors(float const* x, TapGrid const& grid, Divisor const& divisor, std::size_t at,
-                                   float* y) {
+                                   std::size_t first, float* y) {
   Vector<kLanes> folds[kVectors], start = {};
   Splat<kLanes>(Fold::kStart, start);
   std::size_t starts[kVectors];
@@ -62,44 +75,102 @@ TALVO_ROWS_INLINE void FoldVectors(float const* x, TapGrid const& grid, Divisor 
     }
   }
   for (int k = 0; k < kVectors; ++k) {
-    divisor.template Divide<kLanes>(starts[k], folds[k]);
-    Store<kLanes>(folds[k], y + starts[k]);
+    divisor.template Divide<kLanes>(first + starts[k], folds[k]);
+    Store<kLanes>(folds[k], y + first + starts[k]);
   }
 }
 
 template <class Fold, int kLanes, class Divisor>
-TALVO_ROWS_INLINE void FoldRow(float const* x, TapGrid const& grid, Divisor const& divisor, float* y) {
+TALVO_ROWS_INLINE void FoldRow(float const* x, TapGrid const& grid, Divisor const& divisor, std::size_t first,
+                               float* y) {
   std::size_t const width = grid.width;
   if (width >= kLanes) {
     std::size_t at = 0;
-    for (; at + 2 * kLanes < width; at += 4 * kLanes) FoldVectors<Fold, kLanes, 4>(x, grid, divisor, at, y);
-    if (at < width) FoldVectors<Fold, kLanes, 2>(x, grid, divisor, at, y);
+    for (; at + 2 * kLanes < width; at += 4 * kLanes) FoldVectors<Fold, kLanes, 4>(x, grid, divisor, at, first, y);
+    if (at < width) FoldVectors<Fold, kLanes, 2>(x, grid, divisor, at, first, y);
     return;
   }
   for (std::size_t at = 0; at < width; ++at) {
     float fold = Fold::kStart;
     for (std::size_t tap = 0; tap < grid.tap_count; ++tap) Fold::Add(x[grid.offsets[tap] + at], fold);
-    divisor.DivideOne(at, fold);
-    y[at] = fold;
+    divisor.DivideOne(first + at, fold);
+    y[first + at] = fold;
+  }
+}
+
+// Whether the taps are three rows of three, `pitch` apart.
+TALVO_ROWS_INLINE bool Is3x3(TapGrid const& grid, std::size_t pitch) {
+  if (grid.tap_count != 9) return false;
+  for (std::size_t tap = 3; tap < 9; ++tap) {
+    if (grid.offsets[tap] != grid.offsets[tap - 3] + pitch) return false;
+  }
+  return true;
+}
+
+// A column of vectors of a 3x3 window whose output rows are kStride input rows apart. It walks down, so that each input
+// row is loaded once for all output rows.
+template <class Fold, int kLanes, int kStride, class Divisor>
+TALVO_ROWS_INLINE void FoldDown3x3(float const* x, TapGrid const& grid, Divisor const& divisor, std::size_t at,
+                                   float* y) {
+  using V = Vector<kLanes>;
+  V start = {}, row[3], one, two, fold;  // one, two: the folds of output rows that lack two rows, one row
+  Splat<kLanes>(Fold::kStart, start);
+  std::size_t const pitch = grid.row_step / kStride;
+  auto const* input = x + at;
+  LoadTaps<kLanes>(input, grid.offsets, row);
+  FoldTaps<Fold>(row, start, one);
+  if (kStride == 1) {
+    LoadTaps<kLanes>(input += pitch, grid.offsets, row);
+    FoldTaps<Fold>(row, one, two);
+    FoldTaps<Fold>(row, start, one);
+  }
+  for (std::size_t r = 0; r < grid.rows; ++r, at += grid.width) {
+    if (kStride == 2) {
+      LoadTaps<kLanes>(input += pitch, grid.offsets, row);
+      FoldTaps<Fold>(row, one, two);
+    }
+    LoadTaps<kLanes>(input += pitch, grid.offsets, row);
+    FoldTaps<Fold>(row, two, fold);
+    if (kStride == 1) FoldTaps<Fold>(row, one, two);
+    FoldTaps<Fold>(row, start, one);
+    divisor.template Divide<kLanes>(at, fold);
+    Store<kLanes>(fold, y + at);
+  }
+}
+
+template <class Fold, int kLanes, int kStride, class Divisor>
+TALVO_ROWS_INLINE void Fold3x3(float const* x, TapGrid const& grid, Divisor const& divisor, float* y) {
+  std::size_t const last = grid.width - kLanes;
+  for (std::size_t at = 0;; at = at + kLanes < last ? at + kLanes : last) {
+    FoldDown3x3<Fold, kLanes, kStride>(x, grid, divisor, at, y);
+    if (at == last) break;
+  }
+}
+
+template <class Fold, int kLanes, class Divisor>
+TALVO_ROWS_INLINE void FoldGrid(float const* x, TapGrid const& grid, Divisor const& divisor, float* y) {
+  if (grid.rows > 0 && grid.width >= kLanes) {
+    if (Is3x3(grid, grid.row_step)) return Fold3x3<Fold, kLanes, 1>(x, grid, divisor, y);
+    if (grid.row_step % 2 == 0 && Is3x3(grid, grid.row_step / 2)) {
+      return Fold3x3<Fold, kLanes, 2>(x, grid, divisor, y);
+    }
+  }
+  for (std::size_t r = 0; r < grid.rows; ++r) {
+    FoldRow<Fold, kLanes>(x + r * grid.row_step, grid, divisor, r * grid.width, y);
   }
 }
 
 struct MaximumBody {
   template <class Set>
   static TALVO_ROWS_INLINE void Run(float const* x, TapGrid const& grid, float* y) {
-    for (std::size_t r = 0; r < grid.rows; ++r) {
-      FoldRow<MaximumFold, Set::kLanes>(x + r * grid.row_step, grid, NoDivision(), y + r * grid.width);
-    }
+    FoldGrid<MaximumFold, Set::kLanes>(x, grid, NoDivision(), y);
   }
 };
 
 struct MeanBody {
   template <class Set>
   static TALVO_ROWS_INLINE void Run(float const* x, TapGrid const& grid, float const* divisors, float* y) {
-    for (std::size_t r = 0; r < grid.rows; ++r) {
-      Division const divisor = {divisors + r * grid.width};
-      FoldRow<SumFold, Set::kLanes>(x + r * grid.row_step, grid, divisor, y + r * grid.width);
-    }
+    FoldGrid<SumFold, Set::kLanes>(x, grid, Division{divisors}, y);
   }
 };
 
