@@ -43,23 +43,6 @@ void SplitInto(Images const& images, std::size_t pixel_bytes, bool reverse) {
   SplitFrame(pixels, pixel_bytes, count, reverse ? Reversed(planes) : planes);
 }
 
-void GrayRow(Planes const& rgb, std::size_t count, unsigned char* gray) {
-  rows::GrayRow(rgb[0], rgb[1], rgb[2], count, gray);
-}
-
-// Interleaved pixels pass through planes a block at a time.
-void GrayPixels(unsigned char const* pixels, std::size_t pixel_bytes, bool blue_first, std::size_t count,
-                unsigned char* gray) {
-  constexpr std::size_t kBlock = 1024;
-  unsigned char block[3][kBlock];
-  Planes const planes = {block[0], block[1], block[2]};
-  for (std::size_t i = 0; i < count; i += kBlock) {
-    std::size_t const length = std::min(kBlock, count - i);
-    SplitFrame(pixels + i * pixel_bytes, pixel_bytes, length, planes);
-    GrayRow(blue_first ? Reversed(planes) : planes, length, gray + i);
-  }
-}
-
 void ToGray(Images const& images, std::size_t pixel_bytes, bool blue_first) {
   Assert(images.dst.shape.layout == TensorShape::CHW, nullptr);
   unsigned int const layout = images.src.shape.layout;
@@ -68,11 +51,14 @@ void ToGray(Images const& images, std::size_t pixel_bytes, bool blue_first) {
   unsigned char* const gray = Memory(images.name, "dst", images.dst, count);
   if (layout == TensorShape::HWC) {
     auto const* const pixels = Memory(images.name, "src", images.src, Volume(count, pixel_bytes));
-    return GrayPixels(pixels, pixel_bytes, blue_first, count, gray);
+    if (pixel_bytes == kRgba) return rows::GrayFour(pixels, count, gray);
+    return rows::GrayThree(pixels, blue_first ? rows::kBlue : rows::kRed, blue_first ? rows::kRed : rows::kBlue, count,
+                           gray);
   }
   NeedRank(images.name, "src", images.src, 3);
   Planes const planes = ThreePlanes(images.name, "src", images.src, count);
-  GrayRow(blue_first ? Reversed(planes) : planes, count, gray);
+  Planes const rgb = blue_first ? Reversed(planes) : planes;
+  rows::GrayRow(rgb[0], rgb[1], rgb[2], count, gray);
 }
 
 // Elements, extents and memory of the two conversions between HWC and CHW.

@@ -1,86 +1,83 @@
 #include "talvo/kernel/rows/pixels.h"
 
 #include <cstring>
-#include <type_traits>
-#include <utility>
 
+#include "talvo/kernel/rows/byte_vectors.h"
 #include "talvo/utility/restrict.h"
 
 namespace talvo::kernel::rows {
 namespace {
 
-// Shuffles of bytes need an instruction that the baseline of x86-64 lacks; there the plain loops stand.
-template <class Set>
-constexpr bool kShuffles = !std::is_same_v<Set, Baseline>;
+// ---- Pixels of three bytes and planes: a lane takes 16 pixels, in three vectors ("thirds") of 16 of their 48 bytes.
 
-// ---- Vectors of 32 bytes in two lanes of 16, since shuffles stay in their lane, and of 16 bytes.
-
-constexpr int kLane = 16, kBytes = 32;
-typedef Byte Bytes16 __attribute__((vector_size(kLane)));
-typedef Byte Bytes32 __attribute__((vector_size(kBytes)));
-using Indices32 = std::make_integer_sequence<int, kBytes>;
-using Indices16 = std::make_integer_sequence<int, kLane>;
-
-TALVO_ROWS_INLINE void Load16(Byte const* p, Bytes16& v) { std::memcpy(&v, p, sizeof(v)); }
-TALVO_ROWS_INLINE void Store16(Bytes16 const& v, Byte* p) { std::memcpy(p, &v, sizeof(v)); }
-
-// Lanes from p and from p + 48: the same third of 16 pixels of three bytes each.
-template <int... kIndex>
-TALVO_ROWS_INLINE void LoadLanes(Byte const* p, Bytes32& v, std::integer_sequence<int, kIndex...>) {
-  Bytes16 low, high;
-  Load16(p, low);
-  Load16(p + 48, high);
-  v = __builtin_shufflevector(low, high, kIndex...);
-}
-
-template <int... kIndex>
-TALVO_ROWS_INLINE void StoreLanes(Bytes32 const& v, Byte* p, std::integer_sequence<int, kIndex...>) {
-  Store16(__builtin_shufflevector(v, v, kIndex...), p);
-  Store16(__builtin_shufflevector(v, v, (kLane + kIndex)...), p + 48);
-}
+constexpr std::ptrdiff_t kThreesBytes = 3 * kLaneBytes;
 
 // Third t (0, 1, 2) of 48 bytes holds at place p the channel (16 t + p) % 3 = (t + p) % 3. So the bytes of one channel
 // lie at different places of the three thirds: a channel is one selection and one shuffle.
-constexpr int ThirdOfChannel(int place, int channel) { return (channel - place % 3 + 3) % 3; }
+template <int kChannel>
+struct ThirdOfChannel {
+  static constexpr int Of(int place) { return (kChannel - place % 3 + 3) % 3; }
+};
 
-template <int kChannel, int... kIndex>
-TALVO_ROWS_INLINE void SelectThirds(Bytes32 const (&x)[3], Bytes32& y, std::integer_sequence<int, kIndex...>) {
-  constexpr Bytes32 kFirst = {(ThirdOfChannel(kIndex % kLane, kChannel) == 0 ? Byte{255} : Byte{0})...};
-  constexpr Bytes32 kSecond = {(ThirdOfChannel(kIndex % kLane, kChannel) == 1 ? Byte{255} : Byte{0})...};
-  y = (x[0] & kFirst) | (x[1] & kSecond) | (x[2] & ~(kFirst | kSecond));
+// Pixel i has the channel at byte 3 i + channel.
+template <int kChannel>
+struct PlaceOfPixel {
+  static constexpr int Of(int pixel) { return (3 * pixel + kChannel) % kLaneBytes; }
+};
+
+template <int kLanes>
+TALVO_ROWS_INLINE void LoadThirds(Byte const* pixels, Bytes<kLanes> (&thirds)[3]) {
+  for (std::size_t t = 0; t < 3; ++t) LoadLanes<kLanes>(pixels + t * kLaneBytes, kThreesBytes, thirds[t]);
 }
 
-// Pixel i of a lane has channel k at byte 3 i + k of its 48 bytes.
-template <int kChannel, int... kIndex>
-TALVO_ROWS_INLINE void SplitChannel(Bytes32 const (&thirds)[3], Byte* plane, std::integer_sequence<int, kIndex...>) {
-  Bytes32 selected;
-  SelectThirds<kChannel>(thirds, selected, Indices32());
-  Bytes32 const ordered = __builtin_shufflevector(
-      selected, selected, (kIndex / kLane * kLane + (3 * (kIndex % kLane) + kChannel) % kLane)...);
-  std::memcpy(plane, &ordered, sizeof(ordered));
+template <int kChannel, int kLanes>
+TALVO_ROWS_INLINE void TakeChannel(Bytes<kLanes> const (&thirds)[3], Bytes<kLanes>& channel) {
+  Bytes<kLanes> selected;
+  Select<ThirdOfChannel<kChannel>, kLanes>(thirds, selected, LaneIndices<kLanes>());
+  ShuffleLanes<PlaceOfPixel<kChannel>, kLanes>(selected, channel, LaneIndices<kLanes>());
 }
 
-// The byte of pixel i goes to the place at which SplitChannel finds it.
-constexpr int PixelAtPlace(int place, int channel) {
-  for (int i = 0; i < kLane; ++i) {
-    if ((3 * i + channel) % kLane == place) return i;
+template <int kChannel, int kLanes>
+TALVO_ROWS_INLINE void SplitChannel(Bytes<kLanes> const (&thirds)[3], Byte* plane) {
+  Bytes<kLanes> channel;
+  TakeChannel<kChannel, kLanes>(thirds, channel);
+  std::memcpy(plane, &channel, sizeof(channel));
+}
+
+// The byte of pixel i goes to the place at which TakeChannel finds it.
+template <int kChannel>
+struct PixelAtPlace {
+  static constexpr int Of(int place) {
+    for (int i = 0; i < kLaneBytes; ++i) {
+      if (PlaceOfPixel<kChannel>::Of(i) == place) return i;
+    }
+    return 0;
   }
-  return 0;
-}
+};
 
-template <int kChannel, int... kIndex>
-TALVO_ROWS_INLINE void SpreadChannel(Byte const* plane, Bytes32& v, std::integer_sequence<int, kIndex...>) {
-  Bytes32 pixels;
+template <int kChannel, int kLanes>
+TALVO_ROWS_INLINE void SpreadChannel(Byte const* plane, Bytes<kLanes>& v) {
+  Bytes<kLanes> pixels;
   std::memcpy(&pixels, plane, sizeof(pixels));
-  v = __builtin_shufflevector(pixels, pixels, (kIndex / kLane * kLane + PixelAtPlace(kIndex % kLane, kChannel))...);
+  ShuffleLanes<PixelAtPlace<kChannel>, kLanes>(pixels, v, LaneIndices<kLanes>());
 }
 
-// Third t of the result takes at place p the channel (t + p) % 3.
-template <int kThird, int... kIndex>
-TALVO_ROWS_INLINE void SelectChannels(Bytes32 const (&x)[3], Bytes32& y, std::integer_sequence<int, kIndex...>) {
-  constexpr Bytes32 kFirst = {((kThird + kIndex % kLane) % 3 == 0 ? Byte{255} : Byte{0})...};
-  constexpr Bytes32 kSecond = {((kThird + kIndex % kLane) % 3 == 1 ? Byte{255} : Byte{0})...};
-  y = (x[0] & kFirst) | (x[1] & kSecond) | (x[2] & ~(kFirst | kSecond));
+template <int kThird>
+struct ChannelOfThird {
+  static constexpr int Of(int place) { return (kThird + place % 3) % 3; }
+};
+
+// Lane l goes to pixels + 48 l.
+template <int kThird, int kLanes>
+TALVO_ROWS_INLINE void MergeThird(Bytes<kLanes> const (&spread)[3], Byte* pixels) {
+  Bytes<kLanes> merged;
+  Select<ChannelOfThird<kThird>, kLanes>(spread, merged, LaneIndices<kLanes>());
+  StoreLane<0, kLanes>(merged, pixels);
+  if constexpr (kLanes > 1) StoreLane<1, kLanes>(merged, pixels + kThreesBytes);
+  if constexpr (kLanes > 2) {
+    StoreLane<2, kLanes>(merged, pixels + 2 * kThreesBytes);
+    StoreLane<3, kLanes>(merged, pixels + 3 * kThreesBytes);
+  }
 }
 
 struct SplitThreeBody {
@@ -89,12 +86,13 @@ struct SplitThreeBody {
                                     Byte* TALVO_RESTRICT second, Byte* TALVO_RESTRICT third) {
     std::size_t i = 0;
     if constexpr (kShuffles<Set>) {
-      for (; i + kBytes <= count; i += kBytes) {
-        Bytes32 thirds[3];
-        for (std::size_t t = 0; t < 3; ++t) LoadLanes(pixels + 3 * i + t * kLane, thirds[t], Indices32());
-        SplitChannel<0>(thirds, first + i, Indices32());
-        SplitChannel<1>(thirds, second + i, Indices32());
-        SplitChannel<2>(thirds, third + i, Indices32());
+      constexpr int kLanes = kByteLanes<Set>;
+      for (; i + kLaneBytes * kLanes <= count; i += kLaneBytes * kLanes) {
+        Bytes<kLanes> thirds[3];
+        LoadThirds<kLanes>(pixels + 3 * i, thirds);
+        SplitChannel<0, kLanes>(thirds, first + i);
+        SplitChannel<1, kLanes>(thirds, second + i);
+        SplitChannel<2, kLanes>(thirds, third + i);
       }
     }
     for (; i < count; ++i) {
@@ -123,15 +121,15 @@ struct MergeThreeBody {
                                     Byte const* TALVO_RESTRICT third, std::size_t count, Byte* TALVO_RESTRICT pixels) {
     std::size_t i = 0;
     if constexpr (kShuffles<Set>) {
-      for (; i + kBytes <= count; i += kBytes) {
-        Bytes32 spread[3], merged[3];
-        SpreadChannel<0>(first + i, spread[0], Indices32());
-        SpreadChannel<1>(second + i, spread[1], Indices32());
-        SpreadChannel<2>(third + i, spread[2], Indices32());
-        SelectChannels<0>(spread, merged[0], Indices32());
-        SelectChannels<1>(spread, merged[1], Indices32());
-        SelectChannels<2>(spread, merged[2], Indices32());
-        for (std::size_t t = 0; t < 3; ++t) StoreLanes(merged[t], pixels + 3 * i + t * kLane, Indices16());
+      constexpr int kLanes = kByteLanes<Set>;
+      for (; i + kLaneBytes * kLanes <= count; i += kLaneBytes * kLanes) {
+        Bytes<kLanes> spread[3];
+        SpreadChannel<0, kLanes>(first + i, spread[0]);
+        SpreadChannel<1, kLanes>(second + i, spread[1]);
+        SpreadChannel<2, kLanes>(third + i, spread[2]);
+        MergeThird<0, kLanes>(spread, pixels + 3 * i);
+        MergeThird<1, kLanes>(spread, pixels + 3 * i + kLaneBytes);
+        MergeThird<2, kLanes>(spread, pixels + 3 * i + 2 * kLaneBytes);
       }
     }
     for (; i < count; ++i) {
@@ -147,11 +145,93 @@ struct GrayRowBody {
   static TALVO_ROWS_INLINE void Run(Byte const* TALVO_RESTRICT r, Byte const* TALVO_RESTRICT g,
                                     Byte const* TALVO_RESTRICT b, std::size_t count, Byte* TALVO_RESTRICT gray) {
     for (std::size_t i = 0; i < count; ++i) {
-      auto const red = static_cast<std::uint16_t>(77 * r[i]), green = static_cast<std::uint16_t>(150 * g[i]);
-      auto const blue = static_cast<std::uint16_t>(29 * b[i]);
+      auto const red = static_cast<std::uint16_t>(kRed * r[i]), green = static_cast<std::uint16_t>(kGreen * g[i]);
+      auto const blue = static_cast<std::uint16_t>(kBlue * b[i]);
       auto const sum = static_cast<std::uint16_t>(red + green + blue);  // at most 256 * 255
       gray[i] = static_cast<Byte>(sum >> 8);
     }
+  }
+};
+
+// ---- Gray of interleaved pixels. Sums of products stand in words of 16 bits, for even and odd bytes apart.
+
+constexpr std::uint16_t kLowByte = 0x00FF, kHighByte = 0xFF00;
+
+TALVO_ROWS_INLINE Byte GrayOf(std::uint16_t first, std::uint16_t first_weight, std::uint16_t second,
+                              std::uint16_t third, std::uint16_t third_weight) {
+  return static_cast<Byte>((first * first_weight + second * kGreen + third * third_weight) >> 8);
+}
+
+struct GrayThreeBody {
+  template <class Set>
+  static TALVO_ROWS_INLINE void Run(Byte const* TALVO_RESTRICT pixels, std::uint16_t const first_weight,
+                                    std::uint16_t const third_weight, std::size_t count, Byte* TALVO_RESTRICT gray) {
+    std::size_t i = 0;
+    if constexpr (kShuffles<Set>) {
+      constexpr int kLanes = kByteLanes<Set>;
+      for (; i + kLaneBytes * kLanes <= count; i += kLaneBytes * kLanes) {
+        Bytes<kLanes> thirds[3], first, second, third;
+        LoadThirds<kLanes>(pixels + 3 * i, thirds);
+        TakeChannel<0, kLanes>(thirds, first);
+        TakeChannel<1, kLanes>(thirds, second);
+        TakeChannel<2, kLanes>(thirds, third);
+        Words<kLanes> const a = reinterpret_cast<Words<kLanes>>(first), b = reinterpret_cast<Words<kLanes>>(second),
+                            c = reinterpret_cast<Words<kLanes>>(third);
+        Words<kLanes> const even =
+            (a & kLowByte) * first_weight + (b & kLowByte) * kGreen + (c & kLowByte) * third_weight;
+        Words<kLanes> const odd = (a >> 8) * first_weight + (b >> 8) * kGreen + (c >> 8) * third_weight;
+        Words<kLanes> const both = (even >> 8) | (odd & kHighByte);
+        std::memcpy(gray + i, &both, sizeof(both));
+      }
+    }
+    for (; i < count; ++i) {
+      gray[i] = GrayOf(pixels[3 * i], first_weight, pixels[3 * i + 1], pixels[3 * i + 2], third_weight);
+    }
+  }
+};
+
+// Where quad k of four vectors stands when their bytes 4 k, 4 k + 1, 4 k + 2, 4 k + 3 come from the vectors 0, 2, 1, 3.
+struct PlaceOfQuad {
+  static constexpr int Of(int pixel) {
+    constexpr int kByteOfVector[] = {0, 2, 1, 3};
+    return pixel % 4 * 4 + kByteOfVector[pixel / 4];
+  }
+};
+
+// 77 r + 150 g + 29 b of each quad of `a` in its low word and of `b` in its high word.
+template <int kLanes, int... kIndex>
+TALVO_ROWS_INLINE void GraySums(Bytes<kLanes> const& a, Bytes<kLanes> const& b, Words<kLanes>& sums,
+                                std::integer_sequence<int, kIndex...>) {
+  constexpr Words<kLanes> kRedBlue = {(kIndex % 2 == 0 ? kRed : kBlue)...};
+  constexpr Words<kLanes> kGreenAlone = {(kIndex % 2 == 0 ? kGreen : std::uint16_t{0})...};
+  constexpr std::uint32_t kLow = 0x0000FFFF, kHigh = 0xFFFF0000;
+  Words<kLanes> const x = reinterpret_cast<Words<kLanes>>(a), y = reinterpret_cast<Words<kLanes>>(b);
+  Words<kLanes> const x_sums = (x & kLowByte) * kRedBlue + (x >> 8) * kGreenAlone;
+  Words<kLanes> const y_sums = (y & kLowByte) * kRedBlue + (y >> 8) * kGreenAlone;
+  Quads<kLanes> const p = reinterpret_cast<Quads<kLanes>>(x_sums), q = reinterpret_cast<Quads<kLanes>>(y_sums);
+  Quads<kLanes> const first = (p & kLow) | (q << 16), second = (p >> 16) | (q & kHigh);
+  sums = reinterpret_cast<Words<kLanes>>(first) + reinterpret_cast<Words<kLanes>>(second);
+}
+
+struct GrayFourBody {
+  template <class Set>
+  static TALVO_ROWS_INLINE void Run(Byte const* TALVO_RESTRICT pixels, std::size_t count, Byte* TALVO_RESTRICT gray) {
+    std::size_t i = 0;
+    if constexpr (kShuffles<Set>) {
+      constexpr int kLanes = kByteLanes<Set>;
+      constexpr auto kWords = std::make_integer_sequence<int, kLaneBytes / 2 * kLanes>();
+      for (; i + kLaneBytes * kLanes <= count; i += kLaneBytes * kLanes) {
+        Bytes<kLanes> x[4], ordered;  // a lane takes 16 pixels, four in each vector
+        for (std::size_t k = 0; k < 4; ++k) LoadLanes<kLanes>(pixels + 4 * i + k * kLaneBytes, 4 * kLaneBytes, x[k]);
+        Words<kLanes> low, high;
+        GraySums<kLanes>(x[0], x[1], low, kWords);
+        GraySums<kLanes>(x[2], x[3], high, kWords);
+        Words<kLanes> const both = (low >> 8) | (high & kHighByte);
+        ShuffleLanes<PlaceOfQuad, kLanes>(reinterpret_cast<Bytes<kLanes>>(both), ordered, LaneIndices<kLanes>());
+        std::memcpy(gray + i, &ordered, sizeof(ordered));
+      }
+    }
+    for (; i < count; ++i) gray[i] = GrayOf(pixels[4 * i], kRed, pixels[4 * i + 1], pixels[4 * i + 2], kBlue);
   }
 };
 
@@ -193,13 +273,15 @@ struct ReverseBytesBody {
 
 // Five pixels at a time: byte 1 + 3 k + c of the vector goes to byte 3 (4 - k) + c, and byte 15 is overwritten by the
 // next.
-constexpr int ReversedTriple(int place) { return place == 15 ? 0 : 1 + 3 * (4 - place / 3) + place % 3; }
+struct ReversedTriple {
+  static constexpr int Of(int place) { return place == 15 ? 0 : 1 + 3 * (4 - place / 3) + place % 3; }
+};
 
-template <int... kIndex>
-TALVO_ROWS_INLINE void ReverseFive(Byte const* x, Byte* y, std::integer_sequence<int, kIndex...>) {
-  Bytes16 pixels;
-  Load16(x, pixels);
-  Store16(__builtin_shufflevector(pixels, pixels, ReversedTriple(kIndex)...), y);
+TALVO_ROWS_INLINE void ReverseFive(Byte const* x, Byte* y) {
+  Bytes<1> pixels, reversed;
+  std::memcpy(&pixels, x, sizeof(pixels));
+  ShuffleLanes<ReversedTriple, 1>(pixels, reversed, LaneIndices<1>());
+  std::memcpy(y, &reversed, sizeof(reversed));
 }
 
 struct ReverseTriplesBody {
@@ -207,7 +289,7 @@ struct ReverseTriplesBody {
   static TALVO_ROWS_INLINE void Run(Byte const* TALVO_RESTRICT x, std::size_t count, Byte* TALVO_RESTRICT y) {
     std::size_t i = 0;
     if constexpr (kShuffles<Set>) {  // the load begins a byte early, the store ends a byte late
-      for (; i + 6 <= count; i += 5) ReverseFive(x + 3 * (count - i - 5) - 1, y + 3 * i, Indices16());
+      for (; i + 6 <= count; i += 5) ReverseFive(x + 3 * (count - i - 5) - 1, y + 3 * i);
     }
     for (; i < count; ++i) std::memcpy(y + 3 * i, x + 3 * (count - 1 - i), 3);
   }
@@ -228,10 +310,10 @@ TALVO_ROWS_INLINE void TransposePlain(Byte const* TALVO_RESTRICT from, std::ptrd
 }
 
 template <int... kIndex>
-TALVO_ROWS_INLINE void InterleaveBytes(Bytes16 const& a, Bytes16 const& b, Bytes16& low, Bytes16& high,
+TALVO_ROWS_INLINE void InterleaveBytes(Bytes<1> const& a, Bytes<1> const& b, Bytes<1>& low, Bytes<1>& high,
                                        std::integer_sequence<int, kIndex...>) {
-  low = __builtin_shufflevector(a, b, (kIndex / 2 + kIndex % 2 * kLane)...);
-  high = __builtin_shufflevector(a, b, (kIndex / 2 + kLane / 2 + kIndex % 2 * kLane)...);
+  low = __builtin_shufflevector(a, b, (kIndex / 2 + kIndex % 2 * kLaneBytes)...);
+  high = __builtin_shufflevector(a, b, (kIndex / 2 + kLaneBytes / 2 + kIndex % 2 * kLaneBytes)...);
 }
 
 // 16 x 16 bytes; four rounds of interleaving rows i and i + 8 transpose them.
@@ -240,9 +322,9 @@ struct TransposeBytesBody {
   static TALVO_ROWS_INLINE void Run(Byte const* TALVO_RESTRICT from, std::ptrdiff_t from_row, std::size_t rows,
                                     std::size_t columns, Byte* TALVO_RESTRICT to, std::ptrdiff_t to_row,
                                     std::ptrdiff_t to_step) {
-    std::size_t const whole_rows = rows / kLane * kLane, whole_columns = columns / kLane * kLane;
-    for (std::size_t i = 0; i < whole_rows; i += kLane) {
-      for (std::size_t j = 0; j < whole_columns; j += kLane) {
+    std::size_t const whole_rows = rows / kLaneBytes * kLaneBytes, whole_columns = columns / kLaneBytes * kLaneBytes;
+    for (std::size_t i = 0; i < whole_rows; i += kLaneBytes) {
+      for (std::size_t j = 0; j < whole_columns; j += kLaneBytes) {
         Square(from + static_cast<std::ptrdiff_t>(i) * from_row + j, from_row,
                to + static_cast<std::ptrdiff_t>(j) * to_row + static_cast<std::ptrdiff_t>(i) * to_step, to_row,
                to_step);
@@ -254,47 +336,35 @@ struct TransposeBytesBody {
 
   static TALVO_ROWS_INLINE void Square(Byte const* from, std::ptrdiff_t from_row, Byte* to, std::ptrdiff_t to_row,
                                        std::ptrdiff_t to_step) {
-    Bytes16 x[kLane];
+    Bytes<1> x[kLaneBytes];
     // With a negative step the rows are taken from the last one, so that each result is stored forward.
-    for (std::ptrdiff_t i = 0; i < kLane; ++i) Load16(from + (to_step > 0 ? i : kLane - 1 - i) * from_row, x[i]);
+    for (std::ptrdiff_t i = 0; i < kLaneBytes; ++i)
+      LoadLanes<1>(from + (to_step > 0 ? i : kLaneBytes - 1 - i) * from_row, 0, x[i]);
     for (int round = 0; round < 4; ++round) {
-      Bytes16 mixed[kLane];
-      for (int i = 0; i < kLane / 2; ++i) {
-        InterleaveBytes(x[i], x[i + kLane / 2], mixed[2 * i], mixed[2 * i + 1], Indices16());
+      Bytes<1> mixed[kLaneBytes];
+      for (int i = 0; i < kLaneBytes / 2; ++i) {
+        InterleaveBytes(x[i], x[i + kLaneBytes / 2], mixed[2 * i], mixed[2 * i + 1], LaneIndices<1>());
       }
-      for (int i = 0; i < kLane; ++i) x[i] = mixed[i];
+      for (int i = 0; i < kLaneBytes; ++i) x[i] = mixed[i];
     }
-    Byte* const first = to_step > 0 ? to : to - (kLane - 1);
-    for (std::ptrdiff_t i = 0; i < kLane; ++i) Store16(x[i], first + i * to_row);
+    Byte* const first = to_step > 0 ? to : to - (kLaneBytes - 1);
+    for (std::ptrdiff_t i = 0; i < kLaneBytes; ++i) std::memcpy(first + i * to_row, &x[i], sizeof(x[i]));
   }
 };
 
-typedef std::uint32_t Quads __attribute__((vector_size(kLane)));
-
-TALVO_ROWS_INLINE void InterleaveQuads(Quads const& a, Quads const& b, Quads& low, Quads& high) {
-  low = __builtin_shufflevector(a, b, 0, 4, 1, 5);
-  high = __builtin_shufflevector(a, b, 2, 6, 3, 7);
-}
-
-// Four pixels of three bytes, from byte 0 or from byte 4 of the vector on, as four quads.
-template <int kFirst, int... kIndex>
-TALVO_ROWS_INLINE void Widen(Byte const* p, Quads& v, std::integer_sequence<int, kIndex...>) {
-  Bytes16 bytes;
-  Load16(p - kFirst, bytes);
-  Bytes16 const wide =
-      __builtin_shufflevector(bytes, bytes, (kFirst + kIndex / 4 * 3 + (kIndex % 4 == 3 ? 2 : kIndex % 4))...);
-  std::memcpy(&v, &wide, sizeof(v));
-}
+// Pixels of three bytes, from byte kFirst of a lane on, as quads of which byte 3 does not count.
+template <int kFirst>
+struct WidenedTriple {
+  static constexpr int Of(int place) { return kFirst + place / 4 * 3 + (place % 4 == 3 ? 2 : place % 4); }
+};
 
 // The first three bytes of each quad.
-template <int... kIndex>
-TALVO_ROWS_INLINE void StoreTriples(Quads const& v, Byte* p, std::integer_sequence<int, kIndex...>) {
-  Bytes16 wide;
-  std::memcpy(&wide, &v, sizeof(wide));
-  Bytes16 const bytes = __builtin_shufflevector(wide, wide, (kIndex < 12 ? kIndex / 3 * 4 + kIndex % 3 : 3)...);
-  std::memcpy(p, &bytes, 12);
-}
+struct NarrowedQuad {
+  static constexpr int Of(int place) { return place < 12 ? place / 3 * 4 + place % 3 : 3; }
+};
 
+// Four columns and 4 kLanes rows. Lane l of a vector takes the rows 4 l to 4 l + 3; with a negative step the rows are
+// taken from the last one, so that the results are stored forward.
 template <std::size_t kSize>
 struct TransposePixelsBody {
   template <class Set>
@@ -303,15 +373,17 @@ struct TransposePixelsBody {
                                     std::ptrdiff_t to_step) {
     std::size_t whole_rows = 0, whole_columns = 0;
     if constexpr (kShuffles<Set>) {
+      constexpr std::size_t kRows = 4 * kByteLanes<Set>;
       whole_rows = rows / 4 * 4;
       whole_columns = columns < 6 ? 0 : columns / 4 * 4;  // the first load takes 16 bytes of a row
       for (std::size_t j = 0; j < whole_columns; j += 4) {
-        for (std::size_t i = 0; i < whole_rows; i += 4) {
-          Byte const* const corner = from + static_cast<std::ptrdiff_t>(i) * from_row + j * kSize;
-          Byte* const target = to + static_cast<std::ptrdiff_t>(j) * to_row + static_cast<std::ptrdiff_t>(i) * to_step;
-          j == 0 ? Square<0>(corner, from_row, target, to_row, to_step)
-                 : Square<4>(corner, from_row, target, to_row, to_step);
+        Byte const* const column = from + j * kSize;
+        Byte* const target = to + static_cast<std::ptrdiff_t>(j) * to_row;
+        std::size_t i = 0;
+        for (; i + kRows <= whole_rows; i += kRows) {
+          Block<kByteLanes<Set>>(j == 0, column, from_row, i, target, to_row, to_step);
         }
+        for (; i < whole_rows; i += 4) Block<1>(j == 0, column, from_row, i, target, to_row, to_step);
       }
     }
     TransposePlain<kSize>(from, from_row, 0, whole_rows, whole_columns, columns, to, to_row, to_step);
@@ -320,29 +392,55 @@ struct TransposePixelsBody {
 
   // A load of four triples takes four bytes more; they lie in front, but for the first column of a tile, where they lie
   // behind.
-  template <int kFront>
-  static TALVO_ROWS_INLINE void Square(Byte const* from, std::ptrdiff_t from_row, Byte* to, std::ptrdiff_t to_row,
-                                       std::ptrdiff_t to_step) {
-    Quads x[4], mixed[4];
-    for (std::ptrdiff_t i = 0; i < 4; ++i) {
-      Byte const* const row = from + (to_step > 0 ? i : 3 - i) * from_row;
-      if constexpr (kSize == 3) {
-        Widen<kFront>(row, x[i], Indices16());
-      } else {
-        std::memcpy(&x[i], row, sizeof(x[i]));
-      }
+  template <int kLanes>
+  static TALVO_ROWS_INLINE void Block(bool first_column, Byte const* column, std::ptrdiff_t from_row, std::size_t row,
+                                      Byte* target, std::ptrdiff_t to_row, std::ptrdiff_t to_step) {
+    constexpr std::ptrdiff_t kLast = 4 * kLanes - 1;
+    auto const i = static_cast<std::ptrdiff_t>(row);
+    Byte const* const corner = column + (to_step > 0 ? i : i + kLast) * from_row;
+    std::ptrdiff_t const step = to_step > 0 ? from_row : -from_row;
+    Byte* const to = target + (to_step > 0 ? i : i + kLast) * to_step;
+    if (kSize == 4 || first_column) {
+      Transpose<kLanes, 0>(corner, step, to, to_row);
+    } else {
+      Transpose<kLanes, 4>(corner, step, to, to_row);
     }
-    InterleaveQuads(x[0], x[2], mixed[0], mixed[1]);
-    InterleaveQuads(x[1], x[3], mixed[2], mixed[3]);
-    InterleaveQuads(mixed[0], mixed[2], x[0], x[1]);
-    InterleaveQuads(mixed[1], mixed[3], x[2], x[3]);
-    Byte* const first = to_step > 0 ? to : to + 3 * to_step;
+  }
+
+  template <int kLanes, int kFront>
+  static TALVO_ROWS_INLINE void Transpose(Byte const* from, std::ptrdiff_t from_row, Byte* to, std::ptrdiff_t to_row) {
+    Quads<kLanes> x[4], mixed[4];
     for (std::ptrdiff_t i = 0; i < 4; ++i) {
+      Bytes<kLanes> pixels;
+      LoadLanes<kLanes>(from + i * from_row - kFront, 4 * from_row, pixels);
       if constexpr (kSize == 3) {
-        StoreTriples(x[i], first + i * to_row, Indices16());
-      } else {
-        std::memcpy(first + i * to_row, &x[i], sizeof(x[i]));
+        Bytes<kLanes> const triples = pixels;
+        ShuffleLanes<WidenedTriple<kFront>, kLanes>(triples, pixels, LaneIndices<kLanes>());
       }
+      x[i] = reinterpret_cast<Quads<kLanes>>(pixels);
+    }
+    constexpr auto kQuads = std::make_integer_sequence<int, 4 * kLanes>();
+    InterleaveQuads<kLanes>(x[0], x[2], mixed[0], mixed[1], kQuads);
+    InterleaveQuads<kLanes>(x[1], x[3], mixed[2], mixed[3], kQuads);
+    InterleaveQuads<kLanes>(mixed[0], mixed[2], x[0], x[1], kQuads);
+    InterleaveQuads<kLanes>(mixed[1], mixed[3], x[2], x[3], kQuads);
+    for (std::ptrdiff_t i = 0; i < 4; ++i) StoreRow<kLanes>(reinterpret_cast<Bytes<kLanes>>(x[i]), to + i * to_row);
+  }
+
+  // 4 kLanes pixels. A lane of triples is stored whole, and the next lane writes over its last four bytes.
+  template <int kLanes>
+  static TALVO_ROWS_INLINE void StoreRow(Bytes<kLanes> const& quads, Byte* to) {
+    if constexpr (kSize == 4) {
+      std::memcpy(to, &quads, sizeof(quads));
+    } else {
+      Bytes<kLanes> triples;
+      ShuffleLanes<NarrowedQuad, kLanes>(quads, triples, LaneIndices<kLanes>());
+      if constexpr (kLanes > 1) StoreLane<0, kLanes>(triples, to);
+      if constexpr (kLanes > 2) {
+        StoreLane<1, kLanes>(triples, to + 12);
+        StoreLane<2, kLanes>(triples, to + 24);
+      }
+      StoreLane<kLanes - 1, kLanes>(triples, to + 12 * (kLanes - 1), 12);
     }
   }
 };
@@ -408,6 +506,8 @@ Primitive<void(Byte const*, std::size_t, Byte*, Byte*, Byte*)> const SplitThree{
 Primitive<void(Byte const*, std::size_t, Byte*, Byte*, Byte*)> const SplitFour{SplitFourBody()};
 Primitive<void(Byte const*, Byte const*, Byte const*, std::size_t, Byte*)> const MergeThree{MergeThreeBody()};
 Primitive<void(Byte const*, Byte const*, Byte const*, std::size_t, Byte*)> const GrayRow{GrayRowBody()};
+Primitive<void(Byte const*, std::uint16_t, std::uint16_t, std::size_t, Byte*)> const GrayThree{GrayThreeBody()};
+Primitive<void(Byte const*, std::size_t, Byte*)> const GrayFour{GrayFourBody()};
 Primitive<void(Byte const*, Byte const*, std::size_t, std::int16_t, std::int16_t, std::size_t, Byte*)> const
     ChrominanceBytes{ChrominanceBytesBody()};
 Primitive<void(Byte const*, Byte const*, std::size_t, Byte*)> const AddBytes{AddBytesBody()};

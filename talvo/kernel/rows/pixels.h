@@ -10,6 +10,9 @@ namespace talvo::kernel::rows {
 
 using Byte = unsigned char;
 
+/// Weights of gray, in 1/256.
+constexpr std::uint16_t kRed = 77, kGreen = 150, kBlue = 29;
+
 /// plane k [i] = pixels[3 i + k], or pixels[4 i + k] with byte 3 dropped: (pixels, count, plane 0, plane 1, plane 2).
 extern Primitive<void(Byte const*, std::size_t, Byte*, Byte*, Byte*)> const SplitThree;
 extern Primitive<void(Byte const*, std::size_t, Byte*, Byte*, Byte*)> const SplitFour;
@@ -17,8 +20,13 @@ extern Primitive<void(Byte const*, std::size_t, Byte*, Byte*, Byte*)> const Spli
 /// pixels[3 i + k] = plane k [i]: (plane 0, plane 1, plane 2, count, pixels).
 extern Primitive<void(Byte const*, Byte const*, Byte const*, std::size_t, Byte*)> const MergeThree;
 
-/// gray[i] = (77 r[i] + 150 g[i] + 29 b[i]) >> 8: (r, g, b, count, gray).
+/// gray[i] = (kRed r[i] + kGreen g[i] + kBlue b[i]) >> 8: (r, g, b, count, gray).
 extern Primitive<void(Byte const*, Byte const*, Byte const*, std::size_t, Byte*)> const GrayRow;
+
+/// The same of pixels of three bytes, of which bytes 0 and 2 have the weights given and byte 1 that of green: (pixels,
+/// first weight, third weight, count, gray). And of pixels r, g, b, x: (pixels, count, gray).
+extern Primitive<void(Byte const*, std::uint16_t, std::uint16_t, std::size_t, Byte*)> const GrayThree;
+extern Primitive<void(Byte const*, std::size_t, Byte*)> const GrayFour;
 
 /// terms[2 i] = terms[2 i + 1] = low byte of ((a - 128) a_gain + (b - 128) b_gain) >> 6, where a and b are those of
 /// block i, `step` (1 or 2) bytes from the one before, and the sum fits 16 bits: (a, b, step, a_gain, b_gain, blocks,

@@ -49,15 +49,19 @@ struct LocateSumsBody {
       fx[i] = x_terms[i] + x_row + x_offset;
       fy[i] = y_terms[i] + y_row + y_offset;
     }
+    // Columns and rows in a loop of their own: behind a choice of -1 the tests below would become branches.
     for (std::size_t i = 0; i < count; ++i) {
-      float const u = fx[i], v = fy[i];
-      std::int32_t const ix = Truncated(u), iy = Truncated(v);
-      bool const left = (0 < ix) & (ix < plane.width), upper = (0 < iy) & (iy < plane.height);
-      bool const right = (0 <= ix) & (ix < plane.width - 1), lower = (0 <= iy) & (iy < plane.height - 1);
-      std::int32_t const in_rows = (upper ? kT00 | kT10 : 0) | (lower ? kT01 | kT11 : 0);
-      std::int32_t const in_columns = (left ? kT00 | kT01 : 0) | (right ? kT10 | kT11 : 0);
-      std::int32_t const bits = in_rows & in_columns;
-      float const du = u - static_cast<float>(ix), dv = v - static_cast<float>(iy);
+      index[i] = Truncated(fx[i]);
+      inside[i] = Truncated(fy[i]);
+    }
+    for (std::size_t i = 0; i < count; ++i) {
+      std::int32_t const ix = index[i], iy = inside[i];
+      std::int32_t const left = ((0 < ix) & (ix < plane.width)) ? kT00 | kT01 : 0;
+      std::int32_t const right = ((0 <= ix) & (ix < plane.width - 1)) ? kT10 | kT11 : 0;
+      std::int32_t const upper = ((0 < iy) & (iy < plane.height)) ? kT00 | kT10 : 0;
+      std::int32_t const lower = ((0 <= iy) & (iy < plane.height - 1)) ? kT01 | kT11 : 0;
+      std::int32_t const bits = (left | right) & (upper | lower);
+      float const du = fx[i] - static_cast<float>(ix), dv = fy[i] - static_cast<float>(iy);
       bool const any = bits != 0;
       inside[i] = bits;
       index[i] = (any ? iy : 0) * plane.width + (any ? ix : 0);
