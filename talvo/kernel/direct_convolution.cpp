@@ -19,6 +19,7 @@ using rows::Tap;
 constexpr std::size_t kStrip = 112;            // positions whose results lie in scratch; whole tiles of 4, 7, 8 and 14
 constexpr std::size_t kWeightsAtHand = 4096;   // packed weights that a strip goes through at a time: they stay in L1
 constexpr std::size_t kMixedAtHand = 1 << 16;  // floats of groups laid side by side: they stay in L2
+constexpr std::size_t kMixingTaps = 22;        // laying groups side by side and their results apart takes as long
 constexpr std::size_t kMaxBlock = 2 * rows::kMaxLanes;
 
 // Scratch of one call, from the device's pool; floats at multiples of 64 bytes.
@@ -244,11 +245,14 @@ void PackLanes(float const* from, std::size_t lane_stride, std::size_t count, Bl
   rows::TransposeRows(from, lane_stride, block.used, count, packed, block.lanes);
 }
 
-// Whether lanes of groups take at most half the vectors of another way, and what is laid side by side stays small.
+// Whether lanes of groups take at most half the time of another way, which takes `vectors` for one element of all
+// results, and what is laid side by side stays small.
 bool GroupsPay(ConvolutionShape const& shape, std::size_t vectors) {
   std::size_t const lanes = static_cast<std::size_t>(rows::ActiveLanes());
   std::size_t const by_groups = (shape.groups + lanes - 1) / lanes * shape.out_per_group;
-  return 2 * by_groups <= vectors && shape.in_per_group * shape.in_height * shape.in_width * lanes <= kMixedAtHand;
+  std::size_t const sum = shape.in_per_group * shape.kernel_y * shape.kernel_x;
+  return 2 * by_groups * (sum + kMixingTaps) <= vectors * sum &&
+         shape.in_per_group * shape.in_height * shape.in_width * lanes <= kMixedAtHand;
 }
 
 // Lays the planes of mixed groups, rows of vectors, into padded ones, whose borders are 0 already.
