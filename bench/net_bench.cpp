@@ -68,7 +68,7 @@ class NetBuilder {
   }
 
   void Concatenate(std::string const& other, Short other_channels) {
-    Add<ConcatenateInfo>({last, other}, "Concatenate_MainMemory_Fallback");
+    Add<ConcatenateInfo>({last, other}, "Concatenate_C_Fallback_CnHWn_M1").dim = 1;
     channels = static_cast<Short>(channels + other_channels);
   }
 
