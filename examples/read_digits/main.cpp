@@ -101,7 +101,7 @@ void Print(Answer const& answer) {
     std::string line;
     for (unsigned int x = 0; x < kSide; ++x) {
       float const shade = (input[2 * row * kSide + x] + input[(2 * row + 1) * kSide + x]) / 2.0f;
-      line += kShades[std::min(4, static_cast<int>(shade * 5.0f))];
+      line += kShades[std::clamp(static_cast<int>(shade * 5.0f), 0, 4)];  // below 0: on the other side of the paper
     }
     if (row >= 2 && row < 12) {
       auto const probability = static_cast<double>(answer.probabilities[row - 2]);

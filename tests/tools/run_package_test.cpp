@@ -186,7 +186,7 @@ TEST_F(RunPackageTest, ReportsBadInputInOneLine) {
                                          {"cut.json", "cut.json: no JSON: line "},
                                          {"array.json", "array.json: the text is no JSON object"},
                                          {"keyless.json --list", "path \"sdk_type\""},
-                                         {"empty.tlnmodel --list", "empty.tlnmodel: at byte 0 of 0: "},
+                                         {"empty.tlnmodel --list", "code is 0. The file is cut short."},
                                          {"p.json", "\"picture\" has no tensor"},
                                          {"p.json" + run + " --output nope", "no layer \"nope\""},
                                          {"p.json --input nope=in.npy", "no layer \"nope\""},

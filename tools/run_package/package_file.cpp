@@ -32,8 +32,9 @@ void ReadBinary(std::string const& path, TLNModel& package) {
   } catch (std::exception const& refusal) {
     long const place = std::ftell(stream.get());
     std::fseek(stream.get(), 0, SEEK_END);
-    throw std::runtime_error("at byte " + std::to_string(place) + " of " + std::to_string(std::ftell(stream.get())) +
-                             ": " + Message(refusal));
+    long const size = std::ftell(stream.get());
+    throw std::runtime_error("at byte " + std::to_string(place) + " of " + std::to_string(size) + ": " +
+                             Message(refusal) + (place == size ? " The file is cut short." : ""));
   }
 }
 
