@@ -175,7 +175,14 @@ class Tour {
   std::vector<Picture> results_;
 };
 
-// A free function from one image to another, and what the picture shows.
+// A conversion of the class by its code, and what the picture shows.
+struct Coded {
+  char const* name;
+  Image& from;
+  int code;
+};
+
+// The same for a free function from one image to another.
 struct Free {
   char const* name;
   void (*function)(Image const&, Image&);
@@ -185,16 +192,11 @@ struct Free {
 void Tour::Colours() {
   unsigned int const h = photo_.height, w = photo_.width;
   Image rgba = Device().CreateRGBA8888Tensor(h, w, Channels(4).data()), pixels = pixels_;
-  struct Copy {
-    char const* name;
-    Image& from;
-    int code;
-  };
-  for (Copy const& copy : {Copy{"rgba_to_rgb", rgba, 1},
-                           {"rgba_to_bgr", rgba, 3},
-                           {"rgb_to_bgr", pixels, 4},
-                           {"rgb_to_bgr_planes", planes_, 4},
-                           {"hwc_to_chw", pixels, 60}}) {
+  for (Coded const& copy : {Coded{"rgba_to_rgb", rgba, 1},
+                            {"rgba_to_bgr", rgba, 3},
+                            {"rgb_to_bgr", pixels, 4},
+                            {"rgb_to_bgr_planes", planes_, 4},
+                            {"hwc_to_chw", pixels, 60}}) {
     Image planes = NewPlanes(h, w);
     process_.ConvertPixel(copy.from, planes, copy.code, context_);
     ShowPlanes(copy.name, planes);
@@ -212,12 +214,7 @@ void Tour::Colours() {
 void Tour::Grays() {
   unsigned int const h = photo_.height, w = photo_.width;
   Image rgba = Device().CreateRGBA8888Tensor(h, w, Channels(4).data()), pixels = pixels_;
-  struct Gray {
-    char const* name;
-    Image& from;
-    int code;
-  };
-  for (Gray const& gray : {Gray{"rgb_to_gray", pixels, 7}, {"bgr_to_gray", pixels, 6}, {"rgba_to_gray", rgba, 11}}) {
+  for (Coded const& gray : {Coded{"rgb_to_gray", pixels, 7}, {"bgr_to_gray", pixels, 6}, {"rgba_to_gray", rgba, 11}}) {
     Image plane = Device().CreateU8CHWMainMem({1, h, w}, nullptr);
     process_.ConvertPixel(gray.from, plane, gray.code, context_);
     ShowChannels(gray.name, plane, h, w, 1);
