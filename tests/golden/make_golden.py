@@ -311,8 +311,8 @@ def recurrent():
                    ("std::vector<float>", "output")])
     for family in NETWORKS:
         header.cases("RecurrentCase", f"k{family}Cases", [
-            recurrent_case(source, family, "one layer, no bias", 3, 2, 1, False, False, 4),
-            recurrent_case(source, family, "three layers, both directions", 3, 2, 3, True, True, 4)])
+            recurrent_case(source, family, "two layers, no bias", 3, 2, 2, False, False, 3),
+            recurrent_case(source, family, "two layers, both directions", 3, 2, 2, True, True, 3)])
     header.struct("struct RecurrentCellCase",
                   [("char const*", "why"), fields_of(["in_size", "hidden_size"]), ("bool", "if_bias"),
                    fields_of(["activation_type"]), ("unsigned int", "steps"),
@@ -368,7 +368,6 @@ def resampling():
                    ("std::vector<float>", "input, grid, output")])
     header.cases("GridSampleCase", "kGridSampleCases", [
         grid_sample_case(source, "nearest, zeros outside", 0, 0, False, (4, 5), (3, 4), 44),
-        grid_sample_case(source, "nearest, border outside", 0, 1, False, (4, 5), (3, 4), 44),
         grid_sample_case(source, "half pixels, blends into zeros", 1, 0, False, (3, 4), (4, 5), 46),
         grid_sample_case(source, "half pixels, border outside", 1, 1, False, (3, 4), (4, 5), 46),
         grid_sample_case(source, "corners, border outside", 1, 1, True, (3, 4), (4, 4), 44)])
