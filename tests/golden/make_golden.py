@@ -307,8 +307,10 @@ def recurrent():
                    ("std::vector<float>", "output")])
     for family in NETWORKS:
         header.cases("RecurrentCase", f"k{family}Cases", [
-            recurrent_case(source, family, "two layers, no bias", 3, 2, 2, False, False, 3),
-            recurrent_case(source, family, "two layers, both directions", 3, 2, 2, True, True, 3)])
+            recurrent_case(source, family, "one layer", 3, 2, 1, False, True, 4),
+            recurrent_case(source, family, "three layers, no bias", 3, 2, 3, False, False, 3),
+            recurrent_case(source, family, "both directions, no bias", 2, 3, 1, True, False, 4),
+            recurrent_case(source, family, "three layers, both directions", 3, 2, 3, True, True, 4)])
     header.struct("struct RecurrentCellCase",
                   [("char const*", "why"), fields_of(["in_size", "hidden_size"]), ("bool", "if_bias"),
                    fields_of(["activation_type"]), ("unsigned int", "steps"),
@@ -316,7 +318,9 @@ def recurrent():
     header.cases("RecurrentCellCase", "kRNNCellCases", [cell_case(source, "RNN", "tanh", 5, 3, 2, True, 3),
                                                         cell_case(source, "RNN", "relu, no bias", 2, 2, 3, False, 3)])
     for family in ("LSTM", "GRU"):
-        header.cases("RecurrentCellCase", f"k{family}CellCases", [cell_case(source, family, "bias", 0, 3, 2, True, 3)])
+        header.cases("RecurrentCellCase", f"k{family}CellCases", [
+            cell_case(source, family, "bias", 0, 3, 2, True, 3),
+            cell_case(source, family, "no bias", 0, 2, 3, False, 2)])
     return header
 
 
