@@ -6,7 +6,6 @@
 #include "talvo/entry/create_context.h"
 #include "talvo/entry/load_model.h"
 #include "talvo/entry/register_operators.h"
-#include "talvo/kernel/activation.h"
 #include "talvo/runtime/create_net.h"
 #include "talvo/runtime/device_cpu.h"
 #include "talvo/serialization/layer_info_activation.h"
@@ -103,56 +102,16 @@ TEST_F(RoadTest, AllFormsOfOneModelGiveTheSameBits) {
   EXPECT_NE(WriteAndRun(builder, ".json", Picture(6)), from_json) << "the input counts";
 }
 
-// Negates through the converter's side of the contract: no layer in Config.
-class Negate : public kernel::ReLU_Fallback_Float_M1 {
- public:
-  std::string GetName() const override { return "Negate"; }
-  bool Config(std::shared_ptr<LayerInfo>, std::shared_ptr<InferenceParam>, std::shared_ptr<Context>) override {
-    return true;
-  }
-  bool IsConfigured() const override { return true; }
-  int Forward(std::vector<std::shared_ptr<Tensor>> const& inputs, std::vector<std::shared_ptr<Tensor>>& outputs,
-              std::shared_ptr<Context> context) const override {
-    auto values = test::Values(*inputs.at(0));
-    for (float& value : values) value = -value;
-    outputs.push_back(test::FloatTensor(*context, inputs[0]->shape.dims, TensorShape::C, values));
-    return 0;
-  }
-};
-
-TEST_F(RoadTest, ConvertersStandAroundTheKernel) {
-  kernels_.Register(
-      "Negate", [] { return std::make_shared<Negate>(); }, false);
-  ModelBuilder builder;
-  builder.AddInput("in");
-  builder.Add<ActivationInfo>("relu", {"in"}, "ReLU_Fallback_Float_M1");
-  builder.Add<ActivationInfo>("again", {"relu"}, "ReLU_Fallback_Float_M1");
-  builder.model->squential_output_ids = {"again"};
-  auto const convert = [&](std::string const& layer, std::shared_ptr<KernelCfgArr> LayerCfg::*side) {
-    KernelCfgArr& list = *(*builder.config->layers.at(layer).*side);
-    list.kernel_ids = {"0"};
-    list.kernels["0"] = std::make_shared<KernelCfg>();
-    list.kernels["0"]->kernel_type = "Negate";
-  };
-  auto const input = test::FloatTensor(*context_, {2}, TensorShape::C, {-3, 2});
-  EXPECT_EQ(WriteAndRun(builder, ".tlnmodel", input), (Outputs{{0, 2}}));
-  convert("relu", &LayerCfg::input_converters);
-  EXPECT_EQ(WriteAndRun(builder, ".tlnmodel", input), (Outputs{{3, 0}}));
-  convert("again", &LayerCfg::output_converters);
-  EXPECT_EQ(WriteAndRun(builder, ".json", input), (Outputs{{-3, -0.0f}}));
-}
-
 TEST_F(RoadTest, TheFuzzSeedsAreTheSmallModel) {
-  for (std::string const form : {"json", "bin"}) {
-    std::string const seed =
-        form == "json" ? "fuzz/corpus/run_package/small.json" : "fuzz/corpus/run_package/small.tlnmodel";
+  Outputs const want = WriteAndRun(test::SmallModel(), ".json", Picture(5));
+  for (auto const& [seed, form] :
+       {std::pair{"fuzz/corpus/run_package/small.json", "json"}, {"fuzz/corpus/run_package/small.tlnmodel", "bin"}}) {
     TLNModel file;
-    ASSERT_TRUE(file.FromFile(seed.c_str(), form.c_str())) << seed;
+    ASSERT_TRUE(file.FromFile(seed, form)) << seed;
     ModelBuilder from_seed;
     from_seed.model = file.model_arr->models.at("small");
     from_seed.config = file.config_arr->configs.at("small")->cpu_sse;
-    EXPECT_EQ(WriteAndRun(from_seed, ".json", Picture(5)), WriteAndRun(test::SmallModel(), ".json", Picture(5)))
-        << seed;
+    EXPECT_EQ(WriteAndRun(from_seed, ".json", Picture(5)), want) << seed;
   }
 }
 

@@ -24,7 +24,7 @@ class Header:
     """One generated header: structs, then one vector of cases for each struct."""
 
     def __init__(self, family, title, note):
-        self.family, self.title, self.note, self.parts, self.count = family, title, note, [], 0
+        self.family, self.title, self.note, self.parts = family, title, note, []
 
     def struct(self, declaration, fields):
         """fields: (C++ type, names) in the order of the cases' values."""
@@ -34,16 +34,13 @@ class Header:
         rows = [textwrap.fill(cpp(case) + ",", 118, initial_indent="    ", subsequent_indent="     ",
                               break_long_words=False, break_on_hyphens=False) for case in cases]
         self.parts.append("\n".join([f"inline const std::vector<{struct}> {name} = {{", *rows, "};"]))
-        self.count += len(cases)
 
     def write(self):
         comment = textwrap.fill(f"{self.title} Made by make_golden.py. {self.note}", 117, initial_indent="// ",
                                 subsequent_indent="// ")
         text = "\n\n".join([comment + "\n#pragma once", "#include <vector>", "// clang-format off",
                             "namespace talvo::test::golden {", *self.parts, "}  // namespace talvo::test::golden"])
-        path = Path(__file__).with_name(f"{self.family}_golden.h")
-        path.write_text(text + "\n")
-        print(f"{path.name}: {text.count(chr(10)) + 1} lines, {self.count} cases")
+        Path(__file__).with_name(f"{self.family}_golden.h").write_text(text + "\n")
 
 
 def cpp(value):
@@ -52,8 +49,8 @@ def cpp(value):
     if isinstance(value, (bool, np.bool_)):
         return "true" if value else "false"
     if isinstance(value, float):
-        text = "%.9g" % np.float32(value)
-        return (text if set(text) & set(".e") else text + ".0") + "f"
+        text = "-0.0" if str(value) == "-0.0" else "%.9g" % np.float32(value)
+        return text if float(text) == np.float32(value) else text + "f"
     if isinstance(value, torch.Tensor):
         return cpp(value.reshape(-1).tolist())
     if isinstance(value, (list, tuple)):
@@ -140,21 +137,13 @@ def convolution():
     header.parts.append("using Conv2dCase = Image2dCase<unsigned short>;\n"
                         "using ConvTranspose2dCase = Image2dCase<short>;  // a negative border crops")
     header.cases("Conv2dCase", "kConv2dCases", [
-        conv2d_case(source, "one tap", False, (2, 3), in_channels=2, out_channels=3),
-        conv2d_case(source, "all differs by axis", True, (6, 7), in_channels=2, out_channels=2, kernel_x=3, kernel_y=2,
-                    stride_x=2, stride_y=1, padding_l=2, padding_r=2, padding_t=1, padding_b=1),
-        conv2d_case(source, "borders differ by side", False, (4, 5), in_channels=1, out_channels=2, kernel_x=2,
-                    kernel_y=3, padding_l=0, padding_t=2, padding_r=3, padding_b=1),
-        conv2d_case(source, "dilation by axis", True, (7, 6), in_channels=2, out_channels=1, kernel_x=2, kernel_y=3,
-                    dilation_x=3, dilation_y=2, stride_y=2),
-        conv2d_case(source, "two groups", True, (4, 4), in_channels=4, out_channels=6, kernel_x=2, kernel_y=2,
+        conv2d_case(source, "all differs by axis and side", True, (6, 7), in_channels=2, out_channels=2, kernel_x=2,
+                    kernel_y=3, stride_x=2, dilation_x=3, dilation_y=2, padding_t=2, padding_r=3, padding_b=1),
+        conv2d_case(source, "two groups, no bias", False, (3, 3), in_channels=4, out_channels=6, kernel_x=2, kernel_y=2,
                     groups=2),
         conv2d_case(source, "depthwise, two outputs each", True, (5, 5), in_channels=3, out_channels=6, kernel_x=3,
                     kernel_y=3, stride_x=2, stride_y=2, padding_l=1, padding_t=1, padding_r=1, padding_b=1, groups=3)])
-    square = {"in_channels": 2, "out_channels": 2, "kernel_x": 3, "kernel_y": 3}
     header.cases("ConvTranspose2dCase", "kConvTranspose2dCases", [
-        conv_transpose2d_case(source, "stride 1", False, (3, 3), **square),
-        conv_transpose2d_case(source, "twice the size", True, (3, 4), (1, 1), (1, 1), stride_x=2, stride_y=2, **square),
         conv_transpose2d_case(source, "all differs by axis", True, (2, 3), (1, 0), (0, 1), in_channels=1,
                               out_channels=2, kernel_x=2, kernel_y=3, stride_x=3, stride_y=2, dilation_x=2),
         conv_transpose2d_case(source, "two groups", True, (2, 3), in_channels=4, out_channels=6, kernel_x=2, kernel_y=2,
@@ -164,11 +153,9 @@ def convolution():
     header.struct("struct Conv1dCase", [("char const*", "why"), fields_of(CONV1D),
                                         ("unsigned int", "length, out_length"), floats])
     header.cases("Conv1dCase", "kConv1dCases", [
-        conv1d_case(source, "unequal borders", False, 7, in_channels=2, out_channels=3, kernel_size=3, padding_f=2,
-                    padding_b=1),
-        conv1d_case(source, "stride and dilation", True, 11, in_channels=3, out_channels=2, kernel_size=3, stride=2,
-                    dilation=2, padding_f=1, padding_b=1),
-        conv1d_case(source, "groups", True, 6, in_channels=4, out_channels=4, kernel_size=2, groups=2)])
+        conv1d_case(source, "stride, dilation, unequal borders", True, 9, in_channels=3, out_channels=2, kernel_size=3,
+                    stride=2, dilation=2, padding_f=2, padding_b=1),
+        conv1d_case(source, "groups", False, 6, in_channels=4, out_channels=4, kernel_size=2, groups=2)])
     return header
 
 
@@ -206,20 +193,16 @@ def pooling():
     header.struct("struct MaxPoolCase", [*window, fields_of(["dilation_x", "dilation_y"]), ("bool", "ceil_mode"),
                                          extents, floats])
     header.cases("MaxPoolCase", "kMaxPoolCases", [
-        pool_case(source, "halves", True, (4, 6), (2, 2), (2, 2)),
-        pool_case(source, "all differs by axis, border", True, (6, 5), (2, 3), (1, 2), (1, 0)),
-        pool_case(source, "dilation by axis", True, (6, 7), (2, 2), (1, 2), (0, 1), (3, 2)),
+        pool_case(source, "all differs by axis", True, (6, 7), (2, 3), (1, 2), (0, 1), (3, 2)),
         pool_case(source, "rounds down", True, (5, 5), (2, 2), (2, 2)),
         pool_case(source, "rounds up", True, (5, 5), (2, 2), (2, 2), flag=True)])
     header.struct("struct AvgPoolCase", [*window, ("bool", "count_include_pad"), extents, floats])
     header.cases("AvgPoolCase", "kAvgPoolCases", [
-        pool_case(source, "all differs by axis", False, (5, 6), (3, 2), (2, 1)),
-        pool_case(source, "border counts", False, (5, 4), (3, 3), (2, 1), (1, 1), flag=True),
+        pool_case(source, "border counts", False, (5, 4), (3, 2), (2, 1), (1, 1), flag=True),
         pool_case(source, "border does not count", False, (4, 5), (3, 3), (1, 2), (1, 1))])
     header.struct("struct AdaptiveAvgPoolCase", [("char const*", "why"), extents, floats])
     header.cases("AdaptiveAvgPoolCase", "kAdaptiveAvgPoolCases", [
-        adaptive_case(source, "to one", (3, 5), (1, 1)), adaptive_case(source, "regions overlap", (5, 7), (3, 4)),
-        adaptive_case(source, "to more", (2, 3), (3, 5)), adaptive_case(source, "divides", (4, 6), (2, 3))])
+        adaptive_case(source, "regions overlap", (5, 7), (3, 4)), adaptive_case(source, "to more", (2, 3), (3, 5))])
     return header
 
 
@@ -253,13 +236,11 @@ def elementwise():
         broadcast_case(source, "one value for each channel", 2, (3, 2, 2), (3, 1, 1)),
         broadcast_case(source, "row by column", 3, (4, 1), (1, 3)),
         broadcast_case(source, "equal shapes", 4, (2, 5), (2, 5)),
-        broadcast_case(source, "inner axis, rank 4", 5, (2, 3, 1, 2), (3, 2, 1)),
-        broadcast_case(source, "one element", 1, (2, 3), (1,))])
+        broadcast_case(source, "inner axis, rank 4", 5, (2, 3, 1, 2), (3, 2, 1))])
     header.struct("struct FullConnectionCase", [("char const*", "why"), fields_of(["in_features", "out_features"]),
                                                 ("std::vector<float>", "input, weight, bias, output")])
     header.cases("FullConnectionCase", "kFullConnectionCases", [
-        full_connection_case(source, "bias", 5, 3, True), full_connection_case(source, "no bias", 9, 4, False),
-        full_connection_case(source, "one output", 17, 1, True)])
+        full_connection_case(source, "bias", 5, 3, True), full_connection_case(source, "no bias", 9, 4, False)])
     return header
 
 
@@ -377,12 +358,9 @@ def resampling():
                    fields_of(["unsample_type"]), ("unsigned int", "channels, height, width, out_height, out_width"),
                    floats])
     header.cases("UpsampleCase", "kUpsampleCases", [
-        upsample_case(source, "nearest by 2", 0, False, 2, 2, (2, 3)),
         upsample_case(source, "nearest by axis", 0, False, 2, 3, (2, 2)),
-        upsample_case(source, "half pixels by 2", 1, False, 2, 2, (3, 4)),
         upsample_case(source, "half pixels by axis", 1, False, 1.5, 3, (4, 2)),
         upsample_case(source, "half pixels, smaller", 1, False, 0.5, 0.5, (6, 4)),
-        upsample_case(source, "corners by 2", 1, True, 2, 2, (3, 4)),
         upsample_case(source, "corners by axis", 1, True, 3, 1.5, (2, 4))])
     header.struct("struct GridSampleCase",
                   [("char const*", "why"), fields_of(["mode", "padding_mode"]), ("bool", "align_corners"),
@@ -390,17 +368,14 @@ def resampling():
                    ("std::vector<float>", "input, grid, output")])
     header.cases("GridSampleCase", "kGridSampleCases", [
         grid_sample_case(source, "nearest, zeros outside", 0, 0, False, (4, 5), (3, 4), 44),
-        grid_sample_case(source, "nearest, border outside", 0, 1, False, (4, 5), (3, 4), 44),
         grid_sample_case(source, "half pixels, blends into zeros", 1, 0, False, (3, 4), (4, 5), 46),
         grid_sample_case(source, "half pixels, border outside", 1, 1, False, (3, 4), (4, 5), 46),
-        grid_sample_case(source, "corners, inside", 1, 0, True, (3, 4), (4, 4), 32),
         grid_sample_case(source, "corners, border outside", 1, 1, True, (3, 4), (4, 4), 44)])
     header.struct("struct PixelShuffleCase",
                   [("char const*", "why"), ("float", "upscale_factor"),
                    ("unsigned int", "channels, height, width, out_channels, out_height, out_width"), floats])
     header.cases("PixelShuffleCase", "kPixelShuffleCases", [
-        pixel_shuffle_case("by 2", 2, 8, 2, 3), pixel_shuffle_case("by 3", 3, 9, 2, 1),
-        pixel_shuffle_case("back by 2", 0.5, 2, 4, 2)])
+        pixel_shuffle_case("by 2", 2, 8, 2, 3), pixel_shuffle_case("back by 2", 0.5, 2, 4, 2)])
     return header
 
 

@@ -20,20 +20,9 @@ std::vector<float> Floats(std::uint32_t seed, std::size_t count) {
 
 std::vector<float> SpecialFloats(std::uint32_t seed, std::size_t count) {
   using Limits = std::numeric_limits<float>;
-  float const specials[] = {Limits::quiet_NaN(),
-                            -Limits::quiet_NaN(),
-                            Limits::infinity(),
-                            -Limits::infinity(),
-                            0.0f,
-                            -0.0f,
-                            Limits::denorm_min(),
-                            -Limits::denorm_min(),
-                            Limits::max(),
-                            -Limits::max(),
-                            Limits::min(),
-                            6.0f,
-                            -3.0f,
-                            3.0f};
+  constexpr float kNan = Limits::quiet_NaN(), kInfinity = Limits::infinity(), kDenormal = Limits::denorm_min();
+  float const specials[] = {kNan,       -kNan,         kInfinity,      -kInfinity,    0.0f, -0.0f, kDenormal,
+                            -kDenormal, Limits::max(), -Limits::max(), Limits::min(), 6.0f, -3.0f, 3.0f};
   std::vector<float> values = Floats(seed, count);
   for (std::size_t i = 0; i < count && i < 2 * std::size(specials); i += 2) values[i] = specials[i / 2];
   return values;

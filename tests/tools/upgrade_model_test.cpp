@@ -34,13 +34,14 @@ Outcome Upgrade(std::string const& arguments) {
   return outcome;
 }
 
-// A file of version 10011 with an input of four channels, layer 1.
-TLModel1Writer OldFile() {
+// A file of version 10011 with an input of four channels, layer 1, and these layers.
+std::string OldFile(std::initializer_list<QZLayerInfo const*> layers) {
   TLModel1Writer file(10011);
   auto input = OldLayer<QZLayerInfo_Input>(0, 1, {});
   input.output_shapes = {OldShape(4, 6, 6)};
   file.Add(input);
-  return file;
+  for (QZLayerInfo const* const layer : layers) file.Add(*layer);
+  return file.bytes;
 }
 
 template <class Layer>
@@ -93,7 +94,6 @@ std::vector<float> RunPackage(std::string const& path, std::string const& id, st
 
 // A grouped convolution and a transposed one, each with its normalisation, and a leaky activation.
 TEST(UpgradeModel, FoldsNormalisationsIntoTheirConvolutions) {
-  TLModel1Writer file = OldFile();
   auto direct = OldPlanes<QZLayerInfo_Conv2D>(1, 2, 1, 4, 6);
   direct.groups = 2;
   direct.if_bias = 1;
@@ -104,13 +104,9 @@ TEST(UpgradeModel, FoldsNormalisationsIntoTheirConvolutions) {
   leaky.alpha = half(0.25f);
   auto transposed = OldPlanes<QZLayerInfo_Conv2DTranspose>(2, 5, 4, 6, 3);
   FillConvolution(transposed, 6 * 3);
-  for (QZLayerInfo const* const layer :
-       {static_cast<QZLayerInfo const*>(&direct), static_cast<QZLayerInfo const*>(&first),
-        static_cast<QZLayerInfo const*>(&leaky), static_cast<QZLayerInfo const*>(&transposed),
-        static_cast<QZLayerInfo const*>(&second)})
-    file.Add(*layer);
   ScratchFolder const folder;
-  std::string const in = folder.Save("in.old", file.bytes), out = folder.Path("out.tlnmodel");
+  std::string const in = folder.Save("in.old", OldFile({&direct, &first, &leaky, &transposed, &second}));
+  std::string const out = folder.Path("out.tlnmodel");
   Outcome const outcome = Upgrade(in + " " + out + " --default-config --model-id net");
   EXPECT_EQ(outcome.status, 0) << outcome.text;
   for (char const* const text :
@@ -136,11 +132,9 @@ TEST(UpgradeModel, FoldsNormalisationsIntoTheirConvolutions) {
 }
 
 TEST(UpgradeModel, TakesTheKernelsOfAConfiguration) {
-  TLModel1Writer file = OldFile();
   auto convolution = OldPlanes<QZLayerInfo_Conv2D>(1, 2, 1, 4, 2);
   FillConvolution(convolution, 8);
   convolution.activation = 2;
-  file.Add(convolution);
   TLModelCfg config;
   for (auto const& [id, kernel] : {std::pair{"layer-1", "Input_Fallback_M1"},
                                    {"layer-2!", "Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1"},
@@ -150,7 +144,7 @@ TEST(UpgradeModel, TakesTheKernelsOfAConfiguration) {
     config.layers[id]->kernel->kernel_type = kernel;
   }
   ScratchFolder const folder;
-  std::string const json = folder.Path("config.json"), in = folder.Save("stem.old", file.bytes);
+  std::string const json = folder.Path("config.json"), in = folder.Save("stem.old", OldFile({&convolution}));
   std::string const out = folder.Path("out.tlnmodel");
   config.ToFile(json.c_str(), "json");
   Outcome const outcome = Upgrade(in + " " + out + " --config " + json);
@@ -163,22 +157,13 @@ TEST(UpgradeModel, TakesTheKernelsOfAConfiguration) {
     want[o] = std::max(want[o], 0.0f);
   }
   ExpectNearSum(want, RunPackage(out, "stem", input), 4, 4.0f);
-  convolution.id = 3;
-  file.Add(convolution);
-  EXPECT_EQ(Upgrade(folder.Save("stem.old", file.bytes) + " " + out + " --config " + json).text,
+  auto second = convolution;
+  second.id = 3;
+  EXPECT_EQ(Upgrade(folder.Save("stem.old", OldFile({&convolution, &second})) + " " + out + " --config " + json).text,
             "upgrade_model: " + json + ": names no kernel for layer-3! (Conv2dInfo)\n");
 }
 
 TEST(UpgradeModel, RefusesWithLayerAndReason) {
-  struct Case {
-    char const* why;
-    std::string bytes, text;
-  };
-  auto const with = [](std::initializer_list<QZLayerInfo const*> layers) {
-    TLModel1Writer file = OldFile();
-    for (QZLayerInfo const* const layer : layers) file.Add(*layer);
-    return file.bytes;
-  };
   auto sigmoid = OldPlanes<QZLayerInfo_Activation>(8, 2, 1, 4, 4);
   sigmoid.kind = 1;
   auto bicubic = OldPlanes<QZLayerInfo_Upsampling>(14, 2, 1, 4, 4);
@@ -199,37 +184,37 @@ TEST(UpgradeModel, RefusesWithLayerAndReason) {
   auto const of_nothing = Normalisation(3, 2, 0);
   auto constant = normalisation;
   constant.variance[1] = -1.0f;
-  TLModel1Writer old(9999);
-  std::vector<Case> const cases = {
-      {"activation", with({&sigmoid}), "layer-2 (ActivationInfo): no kernel is known for activation type 1"},
-      {"bicubic", with({&bicubic}), "layer-2 (Upsample2dInfo): no kernel is known for bicubic upsampling"},
-      {"rows", with({&concatenation}), "layer-2 (ConcatenateInfo): no kernel is known for a concatenation with dim 2"},
-      {"squeeze", with({&squeeze}), "layer-2 (TensorSqueezeInfo): no kernel is known for this class"},
-      {"no counterpart", with({&shuffle}), "layer-2 (ChannelShuffle): Not Implemented."},
-      {"behind an activation", with({&activated, &normalisation}),
-       "layer-3 (BatchNorm2dInfo): no kernel is known for a batch normalisation that is not the only reader of a "
-       "convolution"},
-      {"two readers", with({&convolution, &normalisation, &other}),
-       "layer-3 (BatchNorm2dInfo): no kernel is known for a batch normalisation that is not the only reader of a "
-       "convolution"},
-      {"behind a normalisation", with({&convolution, &normalisation, &again}),
-       "layer-4 (BatchNorm2dInfo): no kernel is known for a batch normalisation that is not the only reader of a "
-       "convolution"},
-      {"channels", with({&convolution, &wide}),
-       "layer-3: normalises 5 channels, the convolution in front of it makes 2"},
-      {"no channels", with({&nothing, &of_nothing}),
-       "layer-3: normalises 0 channels, the convolution in front of it makes 0"},
-      {"variance below 0", with({&convolution, &constant}),
-       "layer-3: the batch normalisation cannot be folded, a result is too large or no number"},
-      {"too old", old.bytes, "version 9999 is older than 10000"},
-      {"cut", with({&sigmoid}).substr(0, 1030),
-       "no first-generation model, or a damaged one: message_end == 0xaaaa does not hold"},
-      {"unknown type", OldFile().bytes + std::string("\x55\x55\x0C\x00", 4),
-       "no first-generation model, or a damaged one: Error, Unsupport Layer Type 12."},
+  std::string const only_reader =
+      "layer-3 (BatchNorm2dInfo): no kernel is known for a batch normalisation that is not the only reader of a "
+      "convolution";
+  struct Case {
+    char const* why;
+    std::string bytes, text;
   };
   ScratchFolder const folder;
   std::string const out = folder.Path("out.tlnmodel");
-  for (Case const& c : cases) {
+  for (Case const& c : std::vector<Case>{
+           {"activation", OldFile({&sigmoid}), "layer-2 (ActivationInfo): no kernel is known for activation type 1"},
+           {"bicubic", OldFile({&bicubic}), "layer-2 (Upsample2dInfo): no kernel is known for bicubic upsampling"},
+           {"rows", OldFile({&concatenation}),
+            "layer-2 (ConcatenateInfo): no kernel is known for a concatenation with dim 2"},
+           {"squeeze", OldFile({&squeeze}), "layer-2 (TensorSqueezeInfo): no kernel is known for this class"},
+           {"no counterpart", OldFile({&shuffle}), "layer-2 (ChannelShuffle): Not Implemented."},
+           {"behind an activation", OldFile({&activated, &normalisation}), only_reader},
+           {"two readers", OldFile({&convolution, &normalisation, &other}), only_reader},
+           {"behind a normalisation", OldFile({&convolution, &normalisation, &again}),
+            "layer-4" + only_reader.substr(7)},
+           {"channels", OldFile({&convolution, &wide}),
+            "layer-3: normalises 5 channels, the convolution in front of it makes 2"},
+           {"no channels", OldFile({&nothing, &of_nothing}),
+            "layer-3: normalises 0 channels, the convolution in front of it makes 0"},
+           {"variance below 0", OldFile({&convolution, &constant}),
+            "layer-3: the batch normalisation cannot be folded, a result is too large or no number"},
+           {"too old", TLModel1Writer(9999).bytes, "version 9999 is older than 10000"},
+           {"cut", OldFile({&sigmoid}).substr(0, 1030),
+            "no first-generation model, or a damaged one: message_end == 0xaaaa does not hold"},
+           {"unknown type", OldFile({}) + std::string("\x55\x55\x0C\x00", 4),
+            "no first-generation model, or a damaged one: Error, Unsupport Layer Type 12."}}) {
     SCOPED_TRACE(c.why);
     std::string const in = folder.Save("in.old", c.bytes);
     Outcome const outcome = Upgrade(in + " " + out + " --default-config");
