@@ -126,21 +126,18 @@ TEST(DeviceCPUFactories, CopyOrWrapTheCallersBytes) {
   check({d, S::UINT8, S::CHW}, cpu.CreateU8CHWMainMem(d, data), cpu.CreateU8CHWMainMemExternal(d, data));
   check({d, S::UINT8, S::HWC}, cpu.CreateU8HWCMainMem(d, data), cpu.CreateU8HWCMainMemExternal(d, data));
   check({d, S::INT16, S::CHW}, cpu.CreateS16CHWMainMem(d, data), cpu.CreateS16CHWMainMemExternal(d, data));
-  check({{6, 7, 1}, S::UINT8, S::HWC}, cpu.CreateYPlane8BitTensor(6, 7, data),
-        cpu.CreateYPlane8BitTensorExternal(6, 7, data));
+  Want const plane{{6, 7, 1}, S::UINT8, S::HWC}, bgr{{6, 7, 3}, S::UINT8, S::HWC}, bgra{{6, 7, 4}, S::UINT8, S::HWC},
+      planar{{3, 6, 7}, S::UINT8, S::CHW};
+  check(plane, cpu.CreateYPlane8BitTensor(6, 7, data), cpu.CreateYPlane8BitTensorExternal(6, 7, data));
   check({{6, 7, 2}, S::UINT8, S::HWC}, cpu.CreateUVPlane8BitTensor(6, 7, data),
         cpu.CreateUVPlane8BitTensorExternal(6, 7, data));
-  check({{6, 7, 1}, S::UINT8, S::HWC}, cpu.CreateGray8Tensor(6, 7, data), cpu.CreateGray8TensorExternal(6, 7, data));
-  check({{6, 7, 3}, S::UINT8, S::HWC}, cpu.CreateBGR888Tensor(6, 7, data), cpu.CreateBGR888TensorExternal(6, 7, data));
-  check({{6, 7, 3}, S::UINT8, S::HWC}, cpu.CreateRGB888Tensor(6, 7, data), cpu.CreateRGB888TensorExternal(6, 7, data));
-  check({{6, 7, 4}, S::UINT8, S::HWC}, cpu.CreateBGRA8888Tensor(6, 7, data),
-        cpu.CreateBGRA8888TensorExternal(6, 7, data));
-  check({{6, 7, 4}, S::UINT8, S::HWC}, cpu.CreateRGBA8888Tensor(6, 7, data),
-        cpu.CreateRGBA8888TensorExternal(6, 7, data));
-  check({{3, 6, 7}, S::UINT8, S::CHW}, cpu.CreateBGRUInt8CHWTensor(6, 7, data),
-        cpu.CreateBGRUInt8CHWTensorExternal(6, 7, data));
-  check({{3, 6, 7}, S::UINT8, S::CHW}, cpu.CreateRGBUInt8CHWTensor(6, 7, data),
-        cpu.CreateRGBUInt8CHWTensorExternal(6, 7, data));
+  check(plane, cpu.CreateGray8Tensor(6, 7, data), cpu.CreateGray8TensorExternal(6, 7, data));
+  check(bgr, cpu.CreateBGR888Tensor(6, 7, data), cpu.CreateBGR888TensorExternal(6, 7, data));
+  check(bgr, cpu.CreateRGB888Tensor(6, 7, data), cpu.CreateRGB888TensorExternal(6, 7, data));
+  check(bgra, cpu.CreateBGRA8888Tensor(6, 7, data), cpu.CreateBGRA8888TensorExternal(6, 7, data));
+  check(bgra, cpu.CreateRGBA8888Tensor(6, 7, data), cpu.CreateRGBA8888TensorExternal(6, 7, data));
+  check(planar, cpu.CreateBGRUInt8CHWTensor(6, 7, data), cpu.CreateBGRUInt8CHWTensorExternal(6, 7, data));
+  check(planar, cpu.CreateRGBUInt8CHWTensor(6, 7, data), cpu.CreateRGBUInt8CHWTensorExternal(6, 7, data));
   EXPECT_EQ(bytes, original);
 }
 

@@ -77,10 +77,6 @@ class NetTest : public testing::Test {
     return Net(layers_, {}).Forward({{0, Scalar(1)}}, output_ids, context_, &times_, &gpu_times_);
   }
 
-  std::string Refusal(std::vector<unsigned int> const& output_ids) {
-    return test::RefusalOf([&] { Forward(output_ids); });
-  }
-
   std::shared_ptr<Context> context_;
   std::vector<std::shared_ptr<Layer>> layers_;
   std::vector<std::string> ran_;  // kernels in order, "-" for an intermediate output, "+" for one handed out
@@ -169,7 +165,7 @@ TEST_F(NetTest, IsUsableAfterAKernelThrew) {
     utility::Assert(!fails, "no");
     outputs = inputs;
   });
-  EXPECT_EQ(Refusal({3}), "[TLN]: no\n");
+  EXPECT_EQ(test::RefusalOf([&] { Forward({3}); }), "[TLN]: no\n");
   EXPECT_EQ(times_.size(), 2u);
   EXPECT_TRUE(context_->device_cpu->use_dynamic_pool);
   fails = false;
@@ -206,7 +202,7 @@ TEST_F(NetTest, RefusesWhatItCannotRunAndNamesTheLayer) {
     layers_.clear();
     AddRow();
     c.spoil();
-    std::string const text = Refusal({3});
+    std::string const text = test::RefusalOf([&] { Forward({3}); });
     EXPECT_NE(text.find(c.text), std::string::npos) << text;
   }
   context_->device_cpu->dynamic_pool->Clear();
