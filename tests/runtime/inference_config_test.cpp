@@ -22,7 +22,7 @@ std::shared_ptr<KernelInferenceConfig> Kernel(std::string const& name) {
   return kernel;
 }
 
-TEST(InferenceConfig, ReadsConvertersAndParametersByPosition) {
+TEST(InferenceConfig, ReadsConvertersAndParametersByPositionAndWhatItWrote) {
   auto const params = Params();
   auto const config = CreateConfigFromJSON(
       R"({"config": [
@@ -43,6 +43,11 @@ TEST(InferenceConfig, ReadsConvertersAndParametersByPosition) {
   EXPECT_EQ(quant->output_step_size, -3);
   EXPECT_EQ(config->layers[1].kernel->infer_param, nullptr) << "without a type the member is ignored";
   EXPECT_TRUE(config->layers[1].output_converters.empty());
+
+  config->layers[0].kernel->infer_param = nullptr;
+  std::string const text = config->ToJSON();  // makes the parameters
+  EXPECT_NE(config->layers[0].kernel->infer_param, nullptr);
+  EXPECT_EQ(CreateConfigFromJSON(text, params)->ToJSON(), text);
 }
 
 TEST(InferenceConfig, WritesTheInputConvertersTwice) {
@@ -86,19 +91,6 @@ TEST(InferenceConfig, WritesTheInputConvertersTwice) {
         }
     ]
 })");
-}
-
-TEST(InferenceConfig, ReadsWhatItWrote) {
-  auto const params = Params();
-  InferenceConfig config;
-  config.layers.resize(1);
-  config.layers[0].kernel = Kernel("K");
-  config.layers[0].kernel->infer_param_type = "Quant";
-  config.layers[0].kernel->infer_param_registry = &params;
-  config.layers[0].input_converters[3] = Kernel("C");
-  std::string const text = config.ToJSON();  // makes the parameters
-  EXPECT_NE(config.layers[0].kernel->infer_param, nullptr);
-  EXPECT_EQ(CreateConfigFromJSON(text, params)->ToJSON(), text);
 }
 
 TEST(InferenceConfig, RefusesTextsOfAnotherForm) {

@@ -195,7 +195,10 @@ TEST_F(NetTest, RefusesWhatItCannotRunAndNamesTheLayer) {
            {[&] { layers_[0]->input_refs.assign(1, Ref(9, 0)); }, "layer 0 (Input): it reads layer 9"},
            {[&] { layers_[2]->input_converters[0] = nullptr; }, "layer 2 (B): its converter is missing"},
            {[&] { layers_[2]->output_converters[0] = silent; }, "layer 2 (B): its converter"},
-           {[&] { layers_[1]->kernel = null_maker, layers_[1]->output_converters[0] = silent; },
+           {[&] {
+              layers_[1]->kernel = null_maker;
+              layers_[1]->output_converters[0] = silent;
+            },
             "layer 1 (A): output 0"},
            {[&] { layers_[2]->type = "Input"; }, "layer 2 (Input): no input tensor under key 2"}}) {
     SCOPED_TRACE(c.text);

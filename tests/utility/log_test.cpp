@@ -23,7 +23,7 @@ class LogTest : public testing::Test {
 
 TEST_F(LogTest, GivesEachLevelItsPrefixAndKeepsAllOtherNumbersSilent) {
   SetLogLevel(0xFFFFFFFFu);
-  for (int level : {1, 2, 3, 4, 5, 7, 8, 9, 15, 16, 17, 32, -1, -16}) Log(level, "%s %d", "level", level);
+  for (int level : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 15, 16, 17, 20, 32, -1, -16}) Log(level, "%s %d", "level", level);
   EXPECT_EQ(sink_.Lines(), (Lines{"[TLN] (Verbose): level 1", "[TLN] (Info): level 4", "[TLN] (Warnning): level 8",
                                   "[TLN]: level 16\n"}));
 }
