@@ -6,6 +6,7 @@
 #include "talvo/runtime/device_cpu.h"
 #include "talvo/runtime/tensor_cpu.h"
 #include "talvo/serialization/layer_info_activation.h"
+#include "tests/runtime/scripted_kernel.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/model_builder.h"
 
@@ -15,32 +16,21 @@ namespace {
 using test::ModelBuilder;
 using Refs = std::vector<std::pair<std::uint32_t, std::uint32_t>>;
 
-std::vector<std::string> configured;  // "kernel(layer)" in the order of the calls
+std::vector<std::string> bound;  // "kernel(layer)" in the order of the calls
 
 // Notes what it is bound to. "Refusing" answers false, "Throwing" throws.
-class NotingKernel : public IKernel {
+class NotingKernel : public test::ScriptedKernel {
  public:
-  explicit NotingKernel(std::string name) : name_(std::move(name)) {}
+  explicit NotingKernel(std::string name)
+      : ScriptedKernel([](auto const&, auto&, auto const&) {}), name_(std::move(name)) {}
 
   std::string GetName() const override { return name_; }
-  int IsValidParam(std::shared_ptr<LayerInfo>, std::shared_ptr<InferenceParam>) const override { return 0; }
   bool Config(std::shared_ptr<LayerInfo> layer, std::shared_ptr<InferenceParam> param,
               std::shared_ptr<Context>) override {
-    configured.push_back(name_ + "(" + (layer != nullptr ? layer->id : "-") + (param != nullptr ? "+p" : "") + ")");
+    bound.push_back(name_ + "(" + (layer != nullptr ? layer->id : "-") + (param != nullptr ? "+p" : "") + ")");
     if (name_ == "Throwing") throw std::runtime_error("thrown by Config");
     return name_ != "Refusing";
   }
-  bool IsConfigured() const override { return true; }
-  std::vector<TensorShape> GetOutputShapes(std::vector<TensorShape> const& shapes) const override {
-    ADD_FAILURE() << "no shape is asked for while a net is built";
-    return shapes;
-  }
-  int IsValidInput(std::vector<std::shared_ptr<Tensor>> const&) const override { return 0; }
-  int Forward(std::vector<std::shared_ptr<Tensor>> const&, std::vector<std::shared_ptr<Tensor>>&,
-              std::shared_ptr<Context>) const override {
-    return 0;
-  }
-  int IsValidOutput(std::vector<std::shared_ptr<Tensor>> const&) const override { return 0; }
 
  private:
   std::string name_;
@@ -59,7 +49,7 @@ class CreateNetTest : public testing::Test {
     for (std::string const name : {"K", "In", "Out", "Refusing", "Throwing"})
       kernels_.Register(
           name, [name] { return std::make_shared<NotingKernel>(name); }, false);
-    configured.clear();
+    bound.clear();
   }
 
   LayerInfo& Add(std::string const& id, std::vector<std::string> const& inputs, std::string const& kernel = "K") {
@@ -98,33 +88,17 @@ TEST_F(CreateNetTest, WiresEveryInputToOutputZeroOfItsProducer) {
     EXPECT_EQ(net->layers[0]->consumers, (Refs{{1, 0}, {2, 0}, {3, 3}})) << "an unknown id counts as layer 0";
     EXPECT_EQ(net->layers[2]->consumers, (Refs{{3, 0}, {3, 2}}));
     EXPECT_EQ(net->input_ids, (std::map<std::string, unsigned int>{{"a", 0}}));
-    EXPECT_EQ(net->layers[0]->type, "Input");
-    EXPECT_EQ(net->layers[1]->type, "Activation");
-    EXPECT_EQ(net->layers[3]->kernel->GetName(), "K");
   }
 }
 
 TEST_F(CreateNetTest, NamesTypesByTheirNumber) {
-  struct Row {
-    unsigned short number;
-    char const* name;
-  };
+  std::vector<std::pair<unsigned short, char const*>> const rows = {
+      {0, "Input"}, {1, "Activation"},   {2, "Conv2d"}, {4, "UnKnown"},    {16, "TensorUnSqueeze"},
+      {29, "Blob"}, {46, "TensorSlice"}, {254, "Blob"}, {65535, "UnKnown"}};
   Add("a", {});
-  std::vector<Row> const rows = {{2, "Conv2d"},
-                                 {4, "UnKnown"},
-                                 {8, "InstanceNorm2d"},
-                                 {11, "ElementWiseOperator"},
-                                 {16, "TensorUnSqueeze"},
-                                 {17, "FullConnection"},
-                                 {18, "UnKnown"},
-                                 {29, "Blob"},
-                                 {36, "LSTM"},
-                                 {46, "TensorSlice"},
-                                 {254, "Blob"},
-                                 {65535, "UnKnown"}};
-  for (Row const& row : rows) Add("layer " + std::to_string(row.number), {"a"}).type = row.number;
+  for (auto const& [number, name] : rows) Add("layer " + std::to_string(number), {"a"}).type = number;
   auto const net = Packaged();
-  for (std::size_t i = 0; i < rows.size(); ++i) EXPECT_EQ(net->layers[i + 1]->type, rows[i].name) << rows[i].number;
+  for (std::size_t i = 0; i < rows.size(); ++i) EXPECT_EQ(net->layers[i + 1]->type, rows[i].second) << rows[i].first;
 }
 
 TEST_F(CreateNetTest, ConfiguresConvertersAroundTheKernelOfEachLayer) {
@@ -137,7 +111,7 @@ TEST_F(CreateNetTest, ConfiguresConvertersAroundTheKernelOfEachLayer) {
   AddConverter(*layer.output_converters, "3", "Refusing");
   layer.kernel->infer_param = std::make_shared<InferenceParamConv2DQuant>();
   auto const net = Packaged();
-  EXPECT_EQ(configured, (std::vector<std::string>{"K(a)", "In(-)", "K(-)", "K(b+p)", "Out(-)", "Refusing(-)"}));
+  EXPECT_EQ(bound, (std::vector<std::string>{"K(a)", "In(-)", "K(-)", "K(b+p)", "Out(-)", "Refusing(-)"}));
   auto const& converters = net->layers[1]->input_converters;
   ASSERT_EQ(converters.size(), 2u);
   EXPECT_EQ(converters.at(0)->GetName(), "K");
@@ -172,45 +146,40 @@ TEST_F(CreateNetTest, ALayerThatStandsTwiceCountsWhereItStandsLast) {
 TEST_F(CreateNetTest, RefusesWhatCannotRun) {
   struct Case {
     char const* why;
-    std::function<void(ModelBuilder&)> spoil;
-    char const *packaged, *light;  // what the texts name
+    std::function<void()> spoil;
+    char const* named;
+    bool in_both_forms;
   };
-  auto const config_of_b = [](ModelBuilder& b) -> LayerCfg& { return *b.config->layers.at("b"); };
+  auto const config_of_b = [&]() -> LayerCfg& { return *builder_.config->layers.at("b"); };
   for (Case const& c : std::vector<Case>{
-           {"an unregistered kernel", [&](ModelBuilder& b) { config_of_b(b).kernel->kernel_type = "Nope"; },
-            "layer b: its kernel \"Nope\"", "layer b: its kernel \"Nope\""},
-           {"a Config that throws", [&](ModelBuilder& b) { config_of_b(b).kernel->kernel_type = "Throwing"; },
-            "thrown by Config", "thrown by Config"},
-           {"a layer that reads itself",
-            [](ModelBuilder& b) {
-              b.model->layers.at("b")->input_ids = {"a", "b"};
-            },
-            "layer b (K): its input 1 is layer b", "layer b (K): its input 1 is layer b"},
-           {"a layer without record", [](ModelBuilder& b) { b.model->layers.erase("b"); }, "layer b", nullptr},
-           {"a null record", [](ModelBuilder& b) { b.model->layers["b"] = nullptr; }, "layer b", "layer b"},
-           {"one layer read 9 times", [](ModelBuilder& b) { b.model->layers.at("b")->input_ids.assign(9, "a"); },
-            "layer b", "layer b"},
-           {"one layer listed 9 times", [](ModelBuilder& b) { b.model->squential_ids.assign(9, "a"); }, "id a", "id a"},
-           {"a layer without configuration", [](ModelBuilder& b) { b.config->layers.erase("b"); }, "layer b", nullptr},
-           {"a null configuration", [](ModelBuilder& b) { b.config->layers["b"] = nullptr; }, "layer b", nullptr},
-           {"a layer without kernel", [&](ModelBuilder& b) { config_of_b(b).kernel = nullptr; }, "layer b", nullptr},
-           {"no list of converters", [&](ModelBuilder& b) { config_of_b(b).input_converters = nullptr; }, "layer b",
-            nullptr},
-           {"a listed converter without record",
-            [&](ModelBuilder& b) { config_of_b(b).output_converters->kernel_ids = {"0"}; }, "layer b", nullptr},
-           {"an unregistered converter",
-            [&](ModelBuilder& b) { AddConverter(*config_of_b(b).input_converters, "0", "Nope"); },
-            "layer b: its converter \"Nope\"", nullptr}}) {
+           {"an unregistered kernel", [&] { config_of_b().kernel->kernel_type = "Nope"; },
+            "layer b: its kernel \"Nope\"", true},
+           {"a Config that throws", [&] { config_of_b().kernel->kernel_type = "Throwing"; }, "thrown by Config", true},
+           {"a layer that reads itself", [&] { builder_.model->layers.at("b")->input_ids.push_back("b"); },
+            "layer b (K): its input 1 is layer b", true},
+           {"a layer without record", [&] { builder_.model->layers.erase("b"); }, "layer b", false},
+           {"a null record", [&] { builder_.model->layers["b"] = nullptr; }, "layer b", true},
+           {"one layer read 9 times", [&] { builder_.model->layers.at("b")->input_ids.assign(9, "a"); }, "layer b",
+            true},
+           {"one layer listed 9 times", [&] { builder_.model->squential_ids.assign(9, "a"); }, "id a", true},
+           {"a layer without configuration", [&] { builder_.config->layers.erase("b"); }, "layer b", false},
+           {"a null configuration", [&] { builder_.config->layers["b"] = nullptr; }, "layer b", false},
+           {"a layer without kernel", [&] { config_of_b().kernel = nullptr; }, "layer b", false},
+           {"no list of converters", [&] { config_of_b().input_converters = nullptr; }, "layer b", false},
+           {"a listed converter without record", [&] { config_of_b().output_converters->kernel_ids.push_back("0"); },
+            "layer b", false},
+           {"an unregistered converter", [&] { AddConverter(*config_of_b().input_converters, "0", "Nope"); },
+            "layer b: its converter \"Nope\"", false}}) {
     SCOPED_TRACE(c.why);
     builder_ = ModelBuilder();
     Add("a", {});
     Add("b", {"a"});
-    c.spoil(builder_);
+    c.spoil();
     std::string const text = test::RefusalOf([&] { Packaged(); });
-    EXPECT_NE(text.find(c.packaged), std::string::npos) << text;
-    if (c.light == nullptr) continue;
+    EXPECT_NE(text.find(c.named), std::string::npos) << text;
+    if (!c.in_both_forms) continue;
     std::string const light = test::RefusalOf([&] { FromLight(); });
-    EXPECT_NE(light.find(c.light), std::string::npos) << light;
+    EXPECT_NE(light.find(c.named), std::string::npos) << light;
   }
 }
 

@@ -25,9 +25,9 @@ TensorShape Shape(Dims dims, unsigned int data_type = TensorShape::FLOAT32) {
 class DeviceCPUTest : public testing::Test {
  protected:
   DeviceCPUTest() { utility::create_context(context_, 64); }
+  DeviceCPU& Device() { return *context_->device_cpu; }
 
   std::shared_ptr<Context> context_;
-  DeviceCPU& Device() { return *context_->device_cpu; }
 };
 
 TEST_F(DeviceCPUTest, TakesFromThePoolInUseAndReturnsToThePoolItTookFrom) {
@@ -44,14 +44,6 @@ TEST_F(DeviceCPUTest, TakesFromThePoolInUseAndReturnsToThePoolItTookFrom) {
   EXPECT_EQ(Device().CreateTensorDynamic(Shape({16}), nullptr)->data, dynamic_block);
   EXPECT_EQ(Device().memory_pool->HeapSize(), 128u);
   EXPECT_EQ(Device().dynamic_pool->HeapSize(), 128u);
-}
-
-TEST_F(DeviceCPUTest, WrapsExternalMemoryAndLeavesItAlone) {
-  float values[4] = {1, 2, 3, 4};
-  EXPECT_EQ(Device().CreateTensorExternal(Shape({4}), values)->data, values);
-  EXPECT_EQ(Device().CreateTensorExternal(Shape({4}), nullptr)->data, nullptr);
-  EXPECT_EQ(values[3], 4.0f);
-  EXPECT_EQ(Device().memory_pool->HeapSize(), 0u);
 }
 
 TEST_F(DeviceCPUTest, RefusesSizesThatItCannotServe) {
@@ -71,14 +63,6 @@ TEST_F(DeviceCPUTest, RefusesSizesThatItCannotServe) {
   lone->use_dynamic_pool = true;
   EXPECT_NE(lone->CreateTensor(Shape({3}), nullptr), nullptr) << "without a dynamic pool the main pool serves";
   EXPECT_NE(test::RefusalOf([&] { lone->CreateTensorDynamic(Shape({3}), nullptr); }), "");
-}
-
-TEST_F(DeviceCPUTest, LinksItselfAndItsTensorsToTheirOwners) {
-  auto const tensor = Device().CreateTensor(Shape({}), nullptr);
-  EXPECT_EQ(tensor->shared_from_this(), tensor);
-  EXPECT_EQ(Device().shared_from_this(), context_->device_cpu);
-  EXPECT_EQ(tensor->device, context_->device_cpu.get());
-  EXPECT_EQ(Device().memory_pool->HeapSize(), 128u) << "no dims are one element";
 }
 
 // What a factory made: of which type and layout, and with which bytes.
@@ -116,59 +100,45 @@ TEST(DeviceCPUFactories, ClearZeroTensors) {
 
 TEST(DeviceCPUFactories, CopyOrWrapTheCallersBytes) {
   auto const context = test::GuardedContext();
-  auto& device = *context->device_cpu;
-  auto bytes = test::Bytes(1, 400);
+  auto& cpu = *context->device_cpu;
+  auto const original = test::Bytes(1, 400);
+  auto bytes = original;
   void* const data = bytes.data();
   Dims const d{2, 3, 4}, blocked{2, 3, 2, 8};
-  std::pair<Want, TensorPtr> const copies[] = {
-      {{{5}, S::FLOAT16, S::C}, device.CreateF16CMainMemory(5, data)},
-      {{{5}, S::FLOAT32, S::C}, device.CreateF32CMainMemory(5, data)},
-      {{d, S::FLOAT16, S::FLEXIABLE}, device.CreateF16FlexiableMainMemory(d, data)},
-      {{d, S::FLOAT32, S::FLEXIABLE}, device.CreateF32FlexiableMainMemory(d, data)},
-      {{d, S::FLOAT32, S::CHW}, device.CreateF32CHWMainMem(d, data)},
-      {{d, S::FLOAT16, S::CHW}, device.CreateF16CHWMainMem(d, data)},
-      {{blocked, S::FLOAT16, S::C4HW4}, device.CreateF16C4HW4MainMem(blocked, data)},
-      {{blocked, S::FLOAT16, S::C8HW8}, device.CreateF16C8HW8MainMem(blocked, data)},
-      {{d, S::UINT8, S::CHW}, device.CreateU8CHWMainMem(d, data)},
-      {{d, S::UINT8, S::HWC}, device.CreateU8HWCMainMem(d, data)},
-      {{d, S::INT16, S::CHW}, device.CreateS16CHWMainMem(d, data)},
-      {{{6, 7, 1}, S::UINT8, S::HWC}, device.CreateYPlane8BitTensor(6, 7, data)},
-      {{{6, 7, 2}, S::UINT8, S::HWC}, device.CreateUVPlane8BitTensor(6, 7, data)},
-      {{{6, 7, 1}, S::UINT8, S::HWC}, device.CreateGray8Tensor(6, 7, data)},
-      {{{6, 7, 3}, S::UINT8, S::HWC}, device.CreateBGR888Tensor(6, 7, data)},
-      {{{6, 7, 3}, S::UINT8, S::HWC}, device.CreateRGB888Tensor(6, 7, data)},
-      {{{6, 7, 4}, S::UINT8, S::HWC}, device.CreateBGRA8888Tensor(6, 7, data)},
-      {{{6, 7, 4}, S::UINT8, S::HWC}, device.CreateRGBA8888Tensor(6, 7, data)},
-      {{{3, 6, 7}, S::UINT8, S::CHW}, device.CreateBGRUInt8CHWTensor(6, 7, data)},
-      {{{3, 6, 7}, S::UINT8, S::CHW}, device.CreateRGBUInt8CHWTensor(6, 7, data)},
+  auto const check = [&](Want const& want, TensorPtr const& copy, TensorPtr const& wrap = nullptr) {
+    ExpectShape(want, copy);
+    EXPECT_NE(copy->data, data);
+    EXPECT_EQ(std::memcmp(copy->data, data, ByteCount(copy->shape)), 0);
+    if (wrap == nullptr) return;
+    ExpectShape(want, wrap);
+    EXPECT_EQ(wrap->data, data);
   };
-  for (auto const& [want, tensor] : copies) {
-    ExpectShape(want, tensor);
-    EXPECT_NE(tensor->data, data);
-    EXPECT_EQ(std::memcmp(tensor->data, data, ByteCount(tensor->shape)), 0);
-  }
-  std::pair<Want, TensorPtr> const wraps[] = {
-      {{d, S::FLOAT16, S::FLEXIABLE}, device.CreateF16FlexiableMainMemExternal(d, data)},
-      {{d, S::FLOAT32, S::FLEXIABLE}, device.CreateF32FlexiableMainMemExternal(d, data)},
-      {{d, S::FLOAT32, S::CHW}, device.CreateF32CHWMainMemExternal(d, data)},
-      {{d, S::INT16, S::CHW}, device.CreateS16CHWMainMemExternal(d, data)},
-      {{d, S::UINT8, S::CHW}, device.CreateU8CHWMainMemExternal(d, data)},
-      {{d, S::UINT8, S::HWC}, device.CreateU8HWCMainMemExternal(d, data)},
-      {{{5}, S::FLOAT32, S::C}, device.CreateF32CMainMemExternal(5, data)},
-      {{{6, 7, 1}, S::UINT8, S::HWC}, device.CreateYPlane8BitTensorExternal(6, 7, data)},
-      {{{6, 7, 2}, S::UINT8, S::HWC}, device.CreateUVPlane8BitTensorExternal(6, 7, data)},
-      {{{6, 7, 1}, S::UINT8, S::HWC}, device.CreateGray8TensorExternal(6, 7, data)},
-      {{{6, 7, 3}, S::UINT8, S::HWC}, device.CreateBGR888TensorExternal(6, 7, data)},
-      {{{6, 7, 3}, S::UINT8, S::HWC}, device.CreateRGB888TensorExternal(6, 7, data)},
-      {{{6, 7, 4}, S::UINT8, S::HWC}, device.CreateBGRA8888TensorExternal(6, 7, data)},
-      {{{6, 7, 4}, S::UINT8, S::HWC}, device.CreateRGBA8888TensorExternal(6, 7, data)},
-      {{{3, 6, 7}, S::UINT8, S::CHW}, device.CreateBGRUInt8CHWTensorExternal(6, 7, data)},
-      {{{3, 6, 7}, S::UINT8, S::CHW}, device.CreateRGBUInt8CHWTensorExternal(6, 7, data)},
-  };
-  for (auto const& [want, tensor] : wraps) {
-    ExpectShape(want, tensor);
-    EXPECT_EQ(tensor->data, data);
-  }
+  check({{5}, S::FLOAT16, S::C}, cpu.CreateF16CMainMemory(5, data));
+  check({d, S::FLOAT16, S::CHW}, cpu.CreateF16CHWMainMem(d, data));
+  check({blocked, S::FLOAT16, S::C4HW4}, cpu.CreateF16C4HW4MainMem(blocked, data));
+  check({blocked, S::FLOAT16, S::C8HW8}, cpu.CreateF16C8HW8MainMem(blocked, data));
+  check({{5}, S::FLOAT32, S::C}, cpu.CreateF32CMainMemory(5, data), cpu.CreateF32CMainMemExternal(5, data));
+  check({d, S::FLOAT16, S::FLEXIABLE}, cpu.CreateF16FlexiableMainMemory(d, data),
+        cpu.CreateF16FlexiableMainMemExternal(d, data));
+  check({d, S::FLOAT32, S::FLEXIABLE}, cpu.CreateF32FlexiableMainMemory(d, data),
+        cpu.CreateF32FlexiableMainMemExternal(d, data));
+  check({d, S::FLOAT32, S::CHW}, cpu.CreateF32CHWMainMem(d, data), cpu.CreateF32CHWMainMemExternal(d, data));
+  check({d, S::UINT8, S::CHW}, cpu.CreateU8CHWMainMem(d, data), cpu.CreateU8CHWMainMemExternal(d, data));
+  check({d, S::UINT8, S::HWC}, cpu.CreateU8HWCMainMem(d, data), cpu.CreateU8HWCMainMemExternal(d, data));
+  check({d, S::INT16, S::CHW}, cpu.CreateS16CHWMainMem(d, data), cpu.CreateS16CHWMainMemExternal(d, data));
+  Want const plane{{6, 7, 1}, S::UINT8, S::HWC}, bgr{{6, 7, 3}, S::UINT8, S::HWC}, bgra{{6, 7, 4}, S::UINT8, S::HWC},
+      planar{{3, 6, 7}, S::UINT8, S::CHW};
+  check(plane, cpu.CreateYPlane8BitTensor(6, 7, data), cpu.CreateYPlane8BitTensorExternal(6, 7, data));
+  check({{6, 7, 2}, S::UINT8, S::HWC}, cpu.CreateUVPlane8BitTensor(6, 7, data),
+        cpu.CreateUVPlane8BitTensorExternal(6, 7, data));
+  check(plane, cpu.CreateGray8Tensor(6, 7, data), cpu.CreateGray8TensorExternal(6, 7, data));
+  check(bgr, cpu.CreateBGR888Tensor(6, 7, data), cpu.CreateBGR888TensorExternal(6, 7, data));
+  check(bgr, cpu.CreateRGB888Tensor(6, 7, data), cpu.CreateRGB888TensorExternal(6, 7, data));
+  check(bgra, cpu.CreateBGRA8888Tensor(6, 7, data), cpu.CreateBGRA8888TensorExternal(6, 7, data));
+  check(bgra, cpu.CreateRGBA8888Tensor(6, 7, data), cpu.CreateRGBA8888TensorExternal(6, 7, data));
+  check(planar, cpu.CreateBGRUInt8CHWTensor(6, 7, data), cpu.CreateBGRUInt8CHWTensorExternal(6, 7, data));
+  check(planar, cpu.CreateRGBUInt8CHWTensor(6, 7, data), cpu.CreateRGBUInt8CHWTensorExternal(6, 7, data));
+  EXPECT_EQ(bytes, original);
 }
 
 }  // namespace

@@ -25,13 +25,10 @@ TEST(TimerDeathTest, HasNoProcessorFrequency) {
 TEST(TimeMetrics, IsEmptyAtFirstAndAfterClear) {
   TimeMetrics metrics;
   for (int round = 0; round < 2; ++round) {
-    EXPECT_EQ(metrics.avg(), 0.0);
-    EXPECT_EQ(metrics.var(), 0.0);
-    EXPECT_EQ(metrics.std(), 0.0);
+    for (double value : {metrics.avg(), metrics.var(), metrics.std(), metrics.sum()}) EXPECT_EQ(value, 0.0);
     EXPECT_EQ(metrics.tmin(), 3.4028234663852886e+38);
     EXPECT_EQ(metrics.tmax(), 1.1754943508222875e-38);
     EXPECT_EQ(metrics.cnt(), 0u);
-    EXPECT_EQ(metrics.sum(), 0.0);
     metrics.tic();
     metrics.toc();
     metrics.clear();
