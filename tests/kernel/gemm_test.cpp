@@ -9,7 +9,6 @@
 
 #include "talvo/kernel/functional/gemm.h"
 #include "talvo/kernel/rows/instruction_sets.h"
-#include "talvo/kernel/rows/matrix_product.h"
 #include "talvo/kernel/sgemm.h"
 #include "talvo/serialization/layer_info_conv.h"
 #include "tests/golden/elementwise_golden.h"
@@ -67,27 +66,6 @@ TEST(FullConnection, SumsInInputOrderFromTheBias) {
         fullconnection_sgemm_c_f32_m1(plain_in.data(), c.in, c.out, plain_weight.data(), preset, got.data());
         ExpectNearSum(Connect(plain_in, plain_weight, bias, c.out), got, c.in + 1, 1.0f);
       }
-    }
-  }
-}
-
-TEST(FullConnection, PackedWeightsGiveTheSameBitsForEveryRow) {
-  for (auto const set : kernel::rows::RunnableSets()) {
-    kernel::rows::ScopedInstructionSet const use(set);
-    for (Size const& c : kSizes) {
-      if (c.in == 0) continue;  // weights are packed for one input or more
-      SCOPED_TRACE(std::string(c.why) + ", " + kernel::rows::NameOf(set));
-      constexpr std::size_t kRows = 7;
-      auto const weight = Floats(1, c.out * c.in), x = SpecialFloats(2, kRows * c.in), bias = Floats(3, c.out);
-      std::vector<float> packed(kernel::rows::PackedOutputs(c.out) * c.in), got(kRows * c.out, -9.0f), want;
-      kernel::rows::PackWeights(weight.data(), c.out, c.in, packed.data());
-      kernel::rows::PackedProduct(packed.data(), x.data(), bias.data(), kRows, c.out, c.in, got.data());
-      for (std::size_t r = 0; r < kRows; ++r) {
-        auto const row = x.begin() + static_cast<std::ptrdiff_t>(r * c.in);
-        auto const y = Connect(std::vector<float>(row, row + c.in), weight, &bias, c.out);
-        want.insert(want.end(), y.begin(), y.end());
-      }
-      ExpectSameBits(want, got);
     }
   }
 }

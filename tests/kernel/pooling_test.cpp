@@ -44,17 +44,6 @@ std::shared_ptr<Info> WindowInfo(From const& from) {
   return info;
 }
 
-Plane3 Padded(Plane3 const& x, int l, int t, int r, int b, float value) {
-  Plane3 p{{x.dims[0], x.dims[1] + unsigned(t + b), x.dims[2] + unsigned(l + r)}, {}};
-  for (unsigned c = 0; c < p.dims[0]; ++c)
-    for (int y = -t; y < int(x.dims[1]) + b; ++y)
-      for (int q = -l; q < int(x.dims[2]) + r; ++q) {
-        bool const inside = y >= 0 && y < int(x.dims[1]) && q >= 0 && q < int(x.dims[2]);
-        p.values.push_back(inside ? x.At(c, std::size_t(y), std::size_t(q)) : value);
-      }
-  return p;
-}
-
 template <class Kernel, class Info>
 Plane3 Pool(std::shared_ptr<Info> const& info, Plane3 const& x) {
   auto const context = test::GuardedContext();
@@ -65,42 +54,52 @@ Plane3 Pool(std::shared_ptr<Info> const& info, Plane3 const& x) {
   return {outputs.at(0)->shape.dims, test::Values(*outputs[0])};
 }
 
+// `element` of every channel, row and column, in order.
+template <class Element>
+std::vector<float> Each(unsigned channels, unsigned rows, unsigned columns, Element const& element) {
+  std::vector<float> all;
+  for (unsigned c = 0; c < channels; ++c)
+    for (unsigned y = 0; y < rows; ++y)
+      for (unsigned x = 0; x < columns; ++x) all.push_back(element(c, y, x));
+  return all;
+}
+
+Plane3 Padded(Plane3 const& x, int l, int t, int r, int b, float value) {
+  std::vector<unsigned> const dims = {x.dims[0], x.dims[1] + unsigned(t + b), x.dims[2] + unsigned(l + r)};
+  return {dims, Each(dims[0], dims[1], dims[2], [&](unsigned c, unsigned y, unsigned q) {
+            std::size_t const row = y - unsigned(t), column = q - unsigned(l);  // wraps before the first
+            return row < x.dims[1] && column < x.dims[2] ? x.At(c, row, column) : value;
+          })};
+}
+
 std::vector<float> PlainMaximum(Plane3 const& x, runtime::MaxPool2dInfo const& w, unsigned ho, unsigned wo) {
   Plane3 const p = Padded(x, w.padding_l, w.padding_t, w.padding_r, w.padding_b, std::numeric_limits<float>::lowest());
-  std::vector<float> want;
-  for (unsigned c = 0; c < x.dims[0]; ++c)
-    for (unsigned y = 0; y < ho; ++y)
-      for (unsigned q = 0; q < wo; ++q) {
-        float best = std::numeric_limits<float>::lowest();
-        for (unsigned ky = 0; ky < w.kernel_y; ++ky)
-          for (unsigned kx = 0; kx < w.kernel_x; ++kx) {
-            float const v = p.At(c, std::min(y * w.stride_y + ky * w.dilation_y, p.dims[1] - 1),
-                                 std::min(q * w.stride_x + kx * w.dilation_x, p.dims[2] - 1));
-            best = (v <= best) ? best : v;
-          }
-        want.push_back(best);
+  return Each(x.dims[0], ho, wo, [&](unsigned c, unsigned y, unsigned q) {
+    float best = std::numeric_limits<float>::lowest();
+    for (unsigned ky = 0; ky < w.kernel_y; ++ky)
+      for (unsigned kx = 0; kx < w.kernel_x; ++kx) {
+        float const v = p.At(c, std::min(y * w.stride_y + ky * w.dilation_y, p.dims[1] - 1),
+                             std::min(q * w.stride_x + kx * w.dilation_x, p.dims[2] - 1));
+        best = (v <= best) ? best : v;
       }
-  return want;
+    return best;
+  });
 }
 
 std::vector<float> PlainAverage(Plane3 const& x, runtime::AvgPool2dInfo const& w, unsigned ho, unsigned wo) {
   Plane3 const p = Padded(x, w.padding_l, w.padding_t, w.padding_r, w.padding_b, 0.0f);
-  std::vector<float> want;
-  for (unsigned c = 0; c < x.dims[0]; ++c)
-    for (unsigned y = 0; y < ho; ++y)
-      for (unsigned q = 0; q < wo; ++q) {
-        float d = static_cast<float>(w.kernel_x * w.kernel_y), s = 0;
-        for (unsigned ky = 0; ky < w.kernel_y; ++ky)
-          for (unsigned kx = 0; kx < w.kernel_x; ++kx) {
-            unsigned const r = y * w.stride_y + ky, k = q * w.stride_x + kx;
-            s += p.At(c, r, k);
-            bool const border = r < unsigned(w.padding_t) || r >= p.dims[1] - unsigned(w.padding_b) ||
-                                k < unsigned(w.padding_l) || k >= p.dims[2] - unsigned(w.padding_r);
-            if (!w.count_include_pad && border) d -= 1.0f;
-          }
-        want.push_back(s / d);
+  return Each(x.dims[0], ho, wo, [&](unsigned c, unsigned y, unsigned q) {
+    float d = static_cast<float>(w.kernel_x * w.kernel_y), s = 0;
+    for (unsigned ky = 0; ky < w.kernel_y; ++ky)
+      for (unsigned kx = 0; kx < w.kernel_x; ++kx) {
+        unsigned const r = y * w.stride_y + ky, k = q * w.stride_x + kx;
+        s += p.At(c, r, k);
+        bool const border = r < unsigned(w.padding_t) || r >= p.dims[1] - unsigned(w.padding_b) ||
+                            k < unsigned(w.padding_l) || k >= p.dims[2] - unsigned(w.padding_r);
+        if (!w.count_include_pad && border) d -= 1.0f;
       }
-  return want;
+    return s / d;
+  });
 }
 
 // Every size of window, stride and border, with NaN, infinities and signed zeros among the data, on each instruction
@@ -201,17 +200,15 @@ TEST(AdaptivePooling, EqualsThePlainLoops) {
     Plane3 const x{{k.channels, k.h, k.w}, test::Floats(3, k.channels * k.h * k.w)};
     auto info = std::make_shared<runtime::AdaptiveAvgPool2dInfo>();
     info->output_size = {k.ho, k.wo, 99};
-    std::vector<float> want;
     float const sy = float(k.h) / float(k.ho), sx = float(k.w) / float(k.wo);
-    for (unsigned i = 0; i < k.channels * k.ho * k.wo; ++i) {
-      unsigned const y = i / k.wo % k.ho, q = i % k.wo;
+    auto const want = Each(k.channels, k.ho, k.wo, [&](unsigned c, unsigned y, unsigned q) {
       auto const y0 = unsigned(floorf(float(y) * sy)), y1 = unsigned(ceilf(float(y + 1) * sy));
       auto const x0 = unsigned(floorf(float(q) * sx)), x1 = unsigned(ceilf(float(q + 1) * sx));
       float s = 0;
       for (unsigned r = y0; r < y1; ++r)
-        for (unsigned p = x0; p < x1; ++p) s += x.At(i / k.wo / k.ho, r, p);
-      want.push_back((s / float(y1 - y0)) / float(x1 - x0));
-    }
+        for (unsigned p = x0; p < x1; ++p) s += x.At(c, r, p);
+      return (s / float(y1 - y0)) / float(x1 - x0);
+    });
     ExpectSameBits(want, Pool<AdaptivePooling2D_Avg_Fallback_CHW_Float_M1>(info, x).values);
   }
 }
