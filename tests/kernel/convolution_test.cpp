@@ -29,16 +29,6 @@ struct Case {
   bool bias = false;
 };
 
-std::string Describe(Case const& c) {
-  char text[256];
-  std::snprintf(text, sizeof text,
-                "groups %d, %d -> %d at %dx%d, kernel %dx%d, stride %d %d, dilation %d %d, "
-                "padding l %d r %d t %d b %d, bias %d",
-                c.groups, c.in, c.out, c.height, c.width, c.ky, c.kx, c.sy, c.sx, c.dy, c.dx, c.l, c.r, c.t, c.b,
-                c.bias);
-  return text;
-}
-
 struct Data {
   std::vector<float> input, weight, bias;
 };
@@ -129,10 +119,10 @@ std::shared_ptr<runtime::Conv1dInfo> RowInfo(Case const& c, Data const& d) {
 }
 
 template <class Kernel>
-void ExpectPlain(Case const& c, std::shared_ptr<runtime::LayerInfo> const& layer, std::vector<float> const& input,
+void ExpectPlain(std::shared_ptr<runtime::LayerInfo> const& layer, std::vector<float> const& input,
                  std::vector<unsigned int> const& dims, unsigned int layout, std::vector<float> const& want) {
   for (auto const set : kernel::rows::RunnableSets()) {
-    SCOPED_TRACE(Describe(c) + " " + kernel::rows::NameOf(set));
+    SCOPED_TRACE(kernel::rows::NameOf(set));
     kernel::rows::ScopedInstructionSet const use(set);
     auto const context = test::GuardedContext();
     Kernel kernel;
@@ -151,12 +141,12 @@ std::vector<unsigned int> PlaneDims(Case const& c) { return {unsigned(c.in), uns
 
 void ExpectPlainDirect(Case const& c, Data const& d) {
   auto const layer = PlaneInfo<runtime::Conv2dInfo>(c, d);
-  ExpectPlain<Direct2d>(c, layer, d.input, PlaneDims(c), TensorShape::CHW, PlainDirect(c, d));
+  ExpectPlain<Direct2d>(layer, d.input, PlaneDims(c), TensorShape::CHW, PlainDirect(c, d));
 }
 
 void ExpectPlainTransposed(Case const& c, Data const& d) {
   auto const layer = PlaneInfo<runtime::ConvTranspose2dInfo>(c, d);
-  ExpectPlain<Transposed>(c, layer, d.input, PlaneDims(c), TensorShape::CHW, PlainTransposed(c, d));
+  ExpectPlain<Transposed>(layer, d.input, PlaneDims(c), TensorShape::CHW, PlainTransposed(c, d));
 }
 
 // Any case whose window fits; `transposed` lets paddings be negative.
@@ -180,6 +170,7 @@ Case RandomCase(std::mt19937& random, bool transposed) {
 TEST(Convolution, RandomShapesGiveTheBitsOfThePlainLoops) {
   std::mt19937 planes(20), transposed(21), rows(22);
   for (std::uint32_t round = 0; round < 120 && !HasFailure(); ++round) {
+    SCOPED_TRACE(round);
     bool const special = round % 3 == 0;
     Case c = RandomCase(planes, false);
     ExpectPlainDirect(c, MakeData(c, round, special));
@@ -189,7 +180,7 @@ TEST(Convolution, RandomShapesGiveTheBitsOfThePlainLoops) {
     c = RandomCase(rows, false);
     c.height = c.ky = c.sy = c.dy = 1, c.t = c.b = 0;
     Data const d = MakeData(c, round, special);
-    ExpectPlain<Direct1d>(c, RowInfo(c, d), d.input, {unsigned(c.in), unsigned(c.width)}, TensorShape::CL,
+    ExpectPlain<Direct1d>(RowInfo(c, d), d.input, {unsigned(c.in), unsigned(c.width)}, TensorShape::CL,
                           PlainDirect(c, d));
   }
 }
@@ -226,6 +217,7 @@ TEST(Convolution, KeepsTheSignsOfZeroThatThePlainLoopsGive) {
   float const zeros[] = {0.0f, -0.0f};
   for (int const channels : {1, 2, 16}) {
     for (int const groups : {1, channels}) {
+      SCOPED_TRACE(std::to_string(channels) + " channels, groups " + std::to_string(groups));
       Case const c = {groups, channels, 4 * channels, 3, 18, 1, 2, 1, 1, 1, 1, 0, 1, 1, 0, true};
       Data d = MakeData(c, 3, false);
       std::mt19937 random(4);
@@ -245,8 +237,7 @@ void ExpectGolden(std::vector<Golden> const& cases) {
     Case const c = {k.groups,    k.in_channels, k.out_channels, int(k.height),  int(k.width), k.kernel_y,
                     k.kernel_x,  k.stride_y,    k.stride_x,     k.dilation_y,   k.dilation_x, k.padding_l,
                     k.padding_r, k.padding_t,   k.padding_b,    !k.bias.empty()};
-    ExpectPlain<Kernel>(c, PlaneInfo<Info>(c, {{}, k.weight, k.bias}), k.input, PlaneDims(c), TensorShape::CHW,
-                        k.output);
+    ExpectPlain<Kernel>(PlaneInfo<Info>(c, {{}, k.weight, k.bias}), k.input, PlaneDims(c), TensorShape::CHW, k.output);
   }
 }
 
@@ -257,7 +248,7 @@ TEST(Convolution, AgreesWithAnIndependentFramework) {
     SCOPED_TRACE(k.why);
     Case c = {k.groups, k.in_channels, k.out_channels, 1, int(k.length), 1, k.kernel_size, 1, k.stride, 1, k.dilation};
     c.l = k.padding_f, c.r = k.padding_b, c.bias = !k.bias.empty();
-    ExpectPlain<Direct1d>(c, RowInfo(c, {{}, k.weight, k.bias}), k.input, {k.in_channels, k.length}, TensorShape::CL,
+    ExpectPlain<Direct1d>(RowInfo(c, {{}, k.weight, k.bias}), k.input, {k.in_channels, k.length}, TensorShape::CL,
                           k.output);
   }
 }

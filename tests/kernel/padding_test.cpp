@@ -51,8 +51,7 @@ std::vector<T> Shifted(std::vector<T> const& from, std::vector<unsigned int> con
   return to;
 }
 
-class Padding : public testing::Test {
- protected:
+struct Padding : testing::Test {
   std::shared_ptr<runtime::Context> const context = test::GuardedContext();
   std::shared_ptr<runtime::DeviceCPU> const device = context->device_cpu;
 };

@@ -136,6 +136,13 @@ TEST(Pooling, EqualsThePlainLoops) {
   }
 }
 
+template <class Kernel, class Golden, class Info>
+void ExpectGolden(Golden const& k, std::shared_ptr<Info> const& info) {
+  auto const got = Pool<Kernel>(info, {{k.channels, k.height, k.width}, k.input});
+  EXPECT_EQ((std::vector<unsigned int>{k.channels, k.out_height, k.out_width}), got.dims);
+  ExpectSameBits(k.output, got.values);
+}
+
 TEST(Pooling, AgreesWithAnIndependentFramework) {
   for (auto const& k : test::golden::kMaxPoolCases) {
     SCOPED_TRACE(k.why);
@@ -143,17 +150,13 @@ TEST(Pooling, AgreesWithAnIndependentFramework) {
     info->dilation_x = k.dilation_x;
     info->dilation_y = k.dilation_y;
     info->ceil_mode = k.ceil_mode;
-    auto const got = Pool<Pooling2D_Max_Fallback_Float_M1>(info, {{k.channels, k.height, k.width}, k.input});
-    EXPECT_EQ((std::vector<unsigned int>{k.channels, k.out_height, k.out_width}), got.dims);
-    ExpectSameBits(k.output, got.values);
+    ExpectGolden<Pooling2D_Max_Fallback_Float_M1>(k, info);
   }
   for (auto const& k : test::golden::kAvgPoolCases) {
     SCOPED_TRACE(k.why);
     auto const info = WindowInfo<runtime::AvgPool2dInfo>(k);
     info->count_include_pad = k.count_include_pad;
-    auto const got = Pool<Pooling2D_Avg_Fallback_Float_M1>(info, {{k.channels, k.height, k.width}, k.input});
-    EXPECT_EQ((std::vector<unsigned int>{k.channels, k.out_height, k.out_width}), got.dims);
-    ExpectSameBits(k.output, got.values);
+    ExpectGolden<Pooling2D_Avg_Fallback_Float_M1>(k, info);
   }
   for (auto const& k : test::golden::kAdaptiveAvgPoolCases) {
     SCOPED_TRACE(k.why);

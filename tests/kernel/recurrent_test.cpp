@@ -37,46 +37,42 @@ struct Forms {
   }
 };
 
-struct RnnFamily {
-  using Info = runtime::RNNInfo;
-  using CellInfo = runtime::RNNCellInfo;
-  using Sequence = Forms<kernel::RNN_Fallback_SC_F32_M1, kernel::RNN_ARM_SC_F32_M1, kernel::RNN_SGEMM_SC_F32_M1>;
-  using Cell = Forms<kernel::RNNCell_Fallback_C_F32_M1, kernel::RNNCell_ARM_C_F32_M1, kernel::RNNCell_SGEMM_C_F32_M1>;
-  static constexpr unsigned int kGates = 1;
-  static constexpr auto const& kGolden = golden::kRNNCases;
-  static constexpr auto const& kGoldenCells = golden::kRNNCellCases;
+template <unsigned int Gates, class InfoType, class CellInfoType, class SequenceForms, class CellForms>
+struct Family {
+  using Info = InfoType;
+  using CellInfo = CellInfoType;
+  using Sequence = SequenceForms;
+  using Cell = CellForms;
+  static constexpr unsigned int kGates = Gates;
 };
+using Rnn =
+    Family<1, runtime::RNNInfo, runtime::RNNCellInfo,
+           Forms<kernel::RNN_Fallback_SC_F32_M1, kernel::RNN_ARM_SC_F32_M1, kernel::RNN_SGEMM_SC_F32_M1>,
+           Forms<kernel::RNNCell_Fallback_C_F32_M1, kernel::RNNCell_ARM_C_F32_M1, kernel::RNNCell_SGEMM_C_F32_M1>>;
+using Lstm =
+    Family<4, runtime::LSTMInfo, runtime::LSTMCellInfo,
+           Forms<kernel::LSTM_Fallback_SC_F32_M1, kernel::LSTM_ARM_SC_F32_M1, kernel::LSTM_SGEMM_SC_F32_M1>,
+           Forms<kernel::LSTMCell_Fallback_C_F32_M1, kernel::LSTMCell_ARM_C_F32_M1, kernel::LSTMCell_SGEMM_C_F32_M1>>;
+using Gru =
+    Family<3, runtime::GRUInfo, runtime::GRUCellInfo,
+           Forms<kernel::GRU_Fallback_SC_F32_M1, kernel::GRU_ARM_SC_F32_M1, kernel::GRU_SGEMM_SC_F32_M1>,
+           Forms<kernel::GRUCell_Fallback_C_F32_M1, kernel::GRUCell_ARM_C_F32_M1, kernel::GRUCell_SGEMM_C_F32_M1>>;
 
-struct LstmFamily {
-  using Info = runtime::LSTMInfo;
-  using CellInfo = runtime::LSTMCellInfo;
-  using Sequence = Forms<kernel::LSTM_Fallback_SC_F32_M1, kernel::LSTM_ARM_SC_F32_M1, kernel::LSTM_SGEMM_SC_F32_M1>;
-  using Cell =
-      Forms<kernel::LSTMCell_Fallback_C_F32_M1, kernel::LSTMCell_ARM_C_F32_M1, kernel::LSTMCell_SGEMM_C_F32_M1>;
-  static constexpr unsigned int kGates = 4;
-  static constexpr auto const& kGolden = golden::kLSTMCases;
-  static constexpr auto const& kGoldenCells = golden::kLSTMCellCases;
-};
-
-struct GruFamily {
-  using Info = runtime::GRUInfo;
-  using CellInfo = runtime::GRUCellInfo;
-  using Sequence = Forms<kernel::GRU_Fallback_SC_F32_M1, kernel::GRU_ARM_SC_F32_M1, kernel::GRU_SGEMM_SC_F32_M1>;
-  using Cell = Forms<kernel::GRUCell_Fallback_C_F32_M1, kernel::GRUCell_ARM_C_F32_M1, kernel::GRUCell_SGEMM_C_F32_M1>;
-  static constexpr unsigned int kGates = 3;
-  static constexpr auto const& kGolden = golden::kGRUCases;
-  static constexpr auto const& kGoldenCells = golden::kGRUCellCases;
-};
-
-// Only an RNN has a choice.
-template <class Family, class Record>
-void SetActivation([[maybe_unused]] Record& info, [[maybe_unused]] unsigned short type) {
-  if constexpr (Family::kGates == 1) info.activation_type = type;
+// Of an RNN, an LSTM or a GRU, by the number of gates.
+template <class Golden>
+Golden const& Choose(unsigned int gates, Golden const& rnn, Golden const& lstm, Golden const& gru) {
+  return gates == 1 ? rnn : gates == 4 ? lstm : gru;
 }
 
-template <class Family>
+// Only an RNN has a choice.
+template <class Kind, class Record>
+void SetActivation([[maybe_unused]] Record& info, [[maybe_unused]] unsigned short type) {
+  if constexpr (Kind::kGates == 1) info.activation_type = type;
+}
+
+template <class Kind>
 class Recurrent : public testing::Test {};
-using Families = testing::Types<RnnFamily, LstmFamily, GruFamily>;
+using Families = testing::Types<Rnn, Lstm, Gru>;
 TYPED_TEST_SUITE(Recurrent, Families, );
 
 // The plain cell. h and c are replaced; 1 gate is an RNN, 3 a GRU, 4 an LSTM; an empty bias counts as zeros.
@@ -160,16 +156,16 @@ Stack RandomStack(unsigned int gates, unsigned short in_size, unsigned short hid
   return stack;
 }
 
-template <class Family>
-std::shared_ptr<typename Family::Info> Record(Stack const& stack) {
-  auto const info = std::make_shared<typename Family::Info>();
+template <class Kind>
+std::shared_ptr<typename Kind::Info> Record(Stack const& stack) {
+  auto const info = std::make_shared<typename Kind::Info>();
   info->id = "stack";
   info->in_size = stack.in_size;
   info->hidden_size = stack.hidden_size;
   info->num_layers = stack.num_layers;
   info->if_bias = stack.if_bias;
   info->bidirectional = stack.bidirectional;
-  SetActivation<Family>(*info, kTanh);
+  SetActivation<Kind>(*info, kTanh);
   for (std::size_t at = 0; at < stack.weights.size(); ++at) {
     Weights const& w = stack.weights[at];
     bool const reverse = at % stack.Directions() == 1;
@@ -219,7 +215,7 @@ Stack GoldenStack(golden::RecurrentCase const& c) {
 }
 
 TYPED_TEST(Recurrent, SequencesGiveTheGoldenValuesWholeAndInChunks) {
-  for (auto const& c : TypeParam::kGolden) {
+  for (auto const& c : Choose(TypeParam::kGates, golden::kRNNCases, golden::kLSTMCases, golden::kGRUCases)) {
     SCOPED_TRACE(c.why);
     auto const context = GuardedContext();
     auto const info = Record<TypeParam>(GoldenStack(c));
@@ -314,7 +310,8 @@ std::shared_ptr<Info> CellRecord(unsigned short in_size, unsigned short hidden_s
 }
 
 TYPED_TEST(Recurrent, CellsGiveTheGoldenValuesStepByStep) {
-  for (auto const& c : TypeParam::kGoldenCells) {
+  for (auto const& c :
+       Choose(TypeParam::kGates, golden::kRNNCellCases, golden::kLSTMCellCases, golden::kGRUCellCases)) {
     SCOPED_TRACE(c.why);
     auto const context = GuardedContext();
     auto const info = CellRecord<typename TypeParam::CellInfo>(c.in_size, c.hidden_size,
@@ -365,6 +362,7 @@ TYPED_TEST(Recurrent, JudgesItsLayerInOrder) {
     EXPECT_EQ(cell.IsValidParam(cell_info, nullptr), of_cell);
   };
   constexpr bool kHasActivation = TypeParam::kGates == 1;
+  EXPECT_EQ(sequence.IsValidParam(nullptr, nullptr), -2);
   EXPECT_EQ(sequence.IsValidParam(cell_info, nullptr), -2);
   EXPECT_EQ(cell.IsValidParam(info, nullptr), -2);
   expect(-3, -3);
@@ -444,16 +442,15 @@ TEST(RecurrentCellFunctions, TakeZerosForAMissingStateAndCheckTheirTensors) {
   ExpectSameBits(h, Values(*results.at(0)));
   ExpectSameBits(c, Values(*results.at(1)));
   auto const zeros = device->CreateZeroF32CMainMem(2);
-  EXPECT_NE(
-      RefusalOf([&] {
-        kernel::functional::GRUCell_SGEMM_C_F32_M1({x, zeros}, 3, 3, 0, weight_ih, weight_hh, nullptr, nullptr, device);
-      }).find("GRUCell_SGEMM_C_F32_M1: weight_ih has dims [8, 3]"),
-      std::string::npos);
-  EXPECT_EQ(RefusalOf([&] {
-              kernel::functional::RNNCell_Fallback_C_F32_M1({x, zeros}, 3, 2, 0, 3, weight_ih, weight_hh, nullptr,
-                                                            nullptr, device);
-            }),
-            "[TLN]: Not Implemented.\n");
+  std::string refusal = RefusalOf([&] {
+    kernel::functional::GRUCell_SGEMM_C_F32_M1({x, zeros}, 3, 3, 0, weight_ih, weight_hh, nullptr, nullptr, device);
+  });
+  EXPECT_NE(refusal.find("GRUCell_SGEMM_C_F32_M1: weight_ih has dims [8, 3]"), std::string::npos);
+  refusal = RefusalOf([&] {
+    kernel::functional::RNNCell_Fallback_C_F32_M1({x, zeros}, 3, 2, 0, 3, weight_ih, weight_hh, nullptr, nullptr,
+                                                  device);
+  });
+  EXPECT_EQ(refusal, "[TLN]: Not Implemented.\n");
 }
 
 TEST(NativeLstm, RunsTheStackOnBareMemory) {
