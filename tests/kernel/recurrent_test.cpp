@@ -45,18 +45,19 @@ struct Family {
   using Cell = CellForms;
   static constexpr unsigned int kGates = Gates;
 };
-using Rnn =
-    Family<1, runtime::RNNInfo, runtime::RNNCellInfo,
-           Forms<kernel::RNN_Fallback_SC_F32_M1, kernel::RNN_ARM_SC_F32_M1, kernel::RNN_SGEMM_SC_F32_M1>,
-           Forms<kernel::RNNCell_Fallback_C_F32_M1, kernel::RNNCell_ARM_C_F32_M1, kernel::RNNCell_SGEMM_C_F32_M1>>;
-using Lstm =
-    Family<4, runtime::LSTMInfo, runtime::LSTMCellInfo,
-           Forms<kernel::LSTM_Fallback_SC_F32_M1, kernel::LSTM_ARM_SC_F32_M1, kernel::LSTM_SGEMM_SC_F32_M1>,
-           Forms<kernel::LSTMCell_Fallback_C_F32_M1, kernel::LSTMCell_ARM_C_F32_M1, kernel::LSTMCell_SGEMM_C_F32_M1>>;
-using Gru =
-    Family<3, runtime::GRUInfo, runtime::GRUCellInfo,
-           Forms<kernel::GRU_Fallback_SC_F32_M1, kernel::GRU_ARM_SC_F32_M1, kernel::GRU_SGEMM_SC_F32_M1>,
-           Forms<kernel::GRUCell_Fallback_C_F32_M1, kernel::GRUCell_ARM_C_F32_M1, kernel::GRUCell_SGEMM_C_F32_M1>>;
+struct Rnn
+    : Family<1, runtime::RNNInfo, runtime::RNNCellInfo,
+             Forms<kernel::RNN_Fallback_SC_F32_M1, kernel::RNN_ARM_SC_F32_M1, kernel::RNN_SGEMM_SC_F32_M1>,
+             Forms<kernel::RNNCell_Fallback_C_F32_M1, kernel::RNNCell_ARM_C_F32_M1, kernel::RNNCell_SGEMM_C_F32_M1>> {};
+struct Lstm
+    : Family<
+          4, runtime::LSTMInfo, runtime::LSTMCellInfo,
+          Forms<kernel::LSTM_Fallback_SC_F32_M1, kernel::LSTM_ARM_SC_F32_M1, kernel::LSTM_SGEMM_SC_F32_M1>,
+          Forms<kernel::LSTMCell_Fallback_C_F32_M1, kernel::LSTMCell_ARM_C_F32_M1, kernel::LSTMCell_SGEMM_C_F32_M1>> {};
+struct Gru
+    : Family<3, runtime::GRUInfo, runtime::GRUCellInfo,
+             Forms<kernel::GRU_Fallback_SC_F32_M1, kernel::GRU_ARM_SC_F32_M1, kernel::GRU_SGEMM_SC_F32_M1>,
+             Forms<kernel::GRUCell_Fallback_C_F32_M1, kernel::GRUCell_ARM_C_F32_M1, kernel::GRUCell_SGEMM_C_F32_M1>> {};
 
 // Of an RNN, an LSTM or a GRU, by the number of gates.
 template <class Golden>
