@@ -9,7 +9,6 @@
 
 #include "talvo/kernel/functional/gemm.h"
 #include "talvo/kernel/rows/instruction_sets.h"
-#include "talvo/kernel/rows/matrix_product.h"
 #include "talvo/kernel/sgemm.h"
 #include "talvo/serialization/layer_info_conv.h"
 #include "tests/golden/elementwise_golden.h"
@@ -47,65 +46,27 @@ constexpr Size kSizes[] = {{"one weight", 1, 1},
                            {"blocks and a ragged tail", 71, 203},
                            {"nothing to sum", 0, 20}};
 
-TEST(FullConnection, FallbackSumsInInputOrderFromTheBias) {
+TEST(FullConnection, SumsInInputOrderFromTheBias) {
   for (auto const set : kernel::rows::RunnableSets()) {
     kernel::rows::ScopedInstructionSet const use(set);
     for (Size const& c : kSizes) {
       SCOPED_TRACE(std::string(c.why) + ", " + kernel::rows::NameOf(set));
-      auto const weight = Floats(1, c.out * c.in), bias = Floats(3, c.out);
-      for (auto const& in : {Floats(2, c.in), SpecialFloats(2, c.in)}) {
-        std::vector<float> got(c.out, -9.0f);
-        fullconnection_fallback_c_f32_m1(in.data(), c.in, c.out, weight.data(), bias.data(), got.data());
-        ExpectSameBits(Connect(in, weight, &bias, c.out), got);
-        fullconnection_fallback_c_f32_m1(in.data(), c.in, c.out, weight.data(), nullptr, got.data());
-        ExpectSameBits(Connect(in, weight, nullptr, c.out), got);
+      auto const plain_in = Floats(2, c.in), plain_weight = Floats(1, c.out * c.in), some = Floats(3, c.out);
+      std::vector<float> const zeros(c.out, -0.0f);
+      for (auto const* const bias : {static_cast<std::vector<float> const*>(nullptr), &zeros, &some}) {
+        float const* const preset = bias != nullptr ? bias->data() : nullptr;
+        for (auto const& [in, weight] : {std::pair(plain_in, plain_weight),
+                                         {SpecialFloats(2, c.in), plain_weight},
+                                         {plain_in, SpecialFloats(1, c.out * c.in)}}) {
+          std::vector<float> got(c.out, -9.0f);
+          fullconnection_fallback_c_f32_m1(in.data(), c.in, c.out, weight.data(), preset, got.data());
+          ExpectSameBits(Connect(in, weight, bias, c.out), got);
+        }
+        std::vector<float> got(c.out, std::numeric_limits<float>::quiet_NaN());
+        fullconnection_sgemm_c_f32_m1(plain_in.data(), c.in, c.out, plain_weight.data(), preset, got.data());
+        ExpectNearSum(Connect(plain_in, plain_weight, bias, c.out), got, c.in + 1, 1.0f);
       }
     }
-  }
-}
-
-TEST(FullConnection, SpecialWeightsKeepTheirPlace) {
-  for (auto const set : kernel::rows::RunnableSets()) {
-    kernel::rows::ScopedInstructionSet const use(set);
-    SCOPED_TRACE(kernel::rows::NameOf(set));
-    auto const weight = SpecialFloats(1, 40 * 40), in = Floats(2, 40);
-    std::vector<float> const bias(40, -0.0f);
-    std::vector<float> got(40, -9.0f);
-    fullconnection_fallback_c_f32_m1(in.data(), 40, 40, weight.data(), bias.data(), got.data());
-    ExpectSameBits(Connect(in, weight, &bias, 40), got);
-  }
-}
-
-TEST(FullConnection, PackedWeightsGiveTheSameBitsForEveryRow) {
-  for (auto const set : kernel::rows::RunnableSets()) {
-    kernel::rows::ScopedInstructionSet const use(set);
-    for (Size const& c : kSizes) {
-      if (c.in == 0) continue;  // weights are packed for one input or more
-      SCOPED_TRACE(std::string(c.why) + ", " + kernel::rows::NameOf(set));
-      constexpr std::size_t kRows = 7;
-      auto const weight = Floats(1, c.out * c.in), x = SpecialFloats(2, kRows * c.in), bias = Floats(3, c.out);
-      std::vector<float> packed(kernel::rows::PackedOutputs(c.out) * c.in), got(kRows * c.out, -9.0f), want;
-      kernel::rows::PackWeights(weight.data(), c.out, c.in, packed.data());
-      kernel::rows::PackedProduct(packed.data(), x.data(), bias.data(), kRows, c.out, c.in, got.data());
-      for (std::size_t r = 0; r < kRows; ++r) {
-        auto const row = x.begin() + static_cast<std::ptrdiff_t>(r * c.in);
-        auto const y = Connect(std::vector<float>(row, row + c.in), weight, &bias, c.out);
-        want.insert(want.end(), y.begin(), y.end());
-      }
-      ExpectSameBits(want, got);
-    }
-  }
-}
-
-TEST(FullConnection, SgemmAddsItsProductToThePreset) {
-  for (Size const& c : kSizes) {
-    SCOPED_TRACE(c.why);
-    auto const weight = Floats(1, c.out * c.in), in = Floats(2, c.in), bias = Floats(3, c.out);
-    std::vector<float> got(c.out, std::numeric_limits<float>::quiet_NaN());
-    fullconnection_sgemm_c_f32_m1(in.data(), c.in, c.out, weight.data(), bias.data(), got.data());
-    ExpectNearSum(Connect(in, weight, &bias, c.out), got, c.in + 1, 1.0f);
-    fullconnection_sgemm_c_f32_m1(in.data(), c.in, c.out, weight.data(), nullptr, got.data());
-    ExpectNearSum(Connect(in, weight, nullptr, c.out), got, c.in + 1, 1.0f);
   }
 }
 
@@ -140,10 +101,10 @@ TEST(FullConnection, KernelsGiveTheGoldenValues) {
     SCOPED_TRACE(c.why);
     auto const context = GuardedContext();
     auto const layer = Dense(c.in_features, c.out_features, c.weight, c.bias);
-    kernel::FullConnection_Fallback_C_Float_M1 fallback;
-    kernel::FullConnection_SGEMM_C_Float_M1 sgemm;
-    for (runtime::IKernel* const kernel :
-         {static_cast<runtime::IKernel*>(&fallback), static_cast<runtime::IKernel*>(&sgemm)}) {
+    std::vector<std::shared_ptr<runtime::IKernel>> const kernels = {
+        std::make_shared<kernel::FullConnection_Fallback_C_Float_M1>(),
+        std::make_shared<kernel::FullConnection_SGEMM_C_Float_M1>()};
+    for (auto const& kernel : kernels) {
       ASSERT_TRUE(kernel->Config(layer, nullptr, context));
       std::vector<std::shared_ptr<runtime::Tensor>> const inputs = {
           FloatTensor(*context, {c.in_features}, TensorShape::C, c.input)};
@@ -158,22 +119,17 @@ TEST(FullConnection, KernelsGiveTheGoldenValues) {
 
 TEST(FullConnection, RefusesWhatWouldReadBeyondItsMemory) {
   auto const context = GuardedContext();
-  auto const layer = Dense(3, 2, Floats(1, 6), Floats(2, 2));
+  auto const layer = Dense(3, 2, Floats(1, 5), Floats(2, 2));
   kernel::FullConnection_Fallback_C_Float_M1 kernel;
-  std::vector<std::shared_ptr<runtime::Tensor>> outputs;
-  auto const forward = [&](std::vector<unsigned int> const& dims, unsigned int count) {
-    std::vector<std::shared_ptr<runtime::Tensor>> const inputs = {
-        FloatTensor(*context, dims, TensorShape::C, Floats(3, count))};
-    return RefusalOf([&] { kernel.Forward(inputs, outputs, context); });
-  };
-  EXPECT_NE(forward({3}, 3).find("before Config"), std::string::npos);
-  layer->weight = WeightText(Floats(1, 5));
-  EXPECT_NE(RefusalOf([&] { kernel.Config(layer, nullptr, context); }).find("dense: weight holds 20 bytes"),
-            std::string::npos);
+  std::string refusal = RefusalOf([&] { kernel.Config(layer, nullptr, context); });
+  EXPECT_NE(refusal.find("dense: weight holds 20 bytes"), std::string::npos);
   EXPECT_FALSE(kernel.IsConfigured());
   layer->weight = WeightText(Floats(1, 6));
   ASSERT_TRUE(kernel.Config(layer, nullptr, context));
-  EXPECT_NE(forward({2}, 2).find("layer dense: input has dims [2], needs 3"), std::string::npos);
+  auto const input = FloatTensor(*context, {2}, TensorShape::C, Floats(3, 2));
+  std::vector<std::shared_ptr<runtime::Tensor>> outputs;
+  refusal = RefusalOf([&] { kernel.Forward({input}, outputs, context); });
+  EXPECT_NE(refusal.find("layer dense: input has dims [2], needs 3"), std::string::npos);
   layer->out_features = 0;
   EXPECT_FALSE(kernel.Config(layer, nullptr, context));
 }
@@ -210,13 +166,11 @@ TEST(PointwiseConvolution, MultipliesChannelsByPixelsAndThenAddsTheBias) {
     ASSERT_TRUE(kernel.Config(layer, nullptr, context));
     std::size_t const pixels = c.height * c.width;
     auto const x = Floats(3, c.in * pixels), weight = Floats(1, std::size_t{c.in} * c.out), bias = Floats(2, c.out);
-    std::vector<float> want;
-    for (std::size_t o = 0; o < c.out; ++o) {
-      for (std::size_t p = 0; p < pixels; ++p) {
-        float sum = c.if_bias ? bias[o] : 0.0f;
-        for (std::size_t i = 0; i < c.in; ++i) sum += weight[o * c.in + i] * x[i * pixels + p];
-        want.push_back(sum);
-      }
+    std::vector<float> want(c.out * pixels);
+    for (std::size_t i = 0; i < want.size(); ++i) {
+      std::size_t const o = i / pixels, p = i % pixels;
+      want[i] = c.if_bias ? bias[o] : 0.0f;
+      for (std::size_t k = 0; k < c.in; ++k) want[i] += weight[o * c.in + k] * x[k * pixels + p];
     }
     std::vector<std::shared_ptr<runtime::Tensor>> const inputs = {
         FloatTensor(*context, {c.in, c.height, c.width}, TensorShape::CHW, x)};
@@ -240,12 +194,12 @@ TEST(PointwiseConvolution, RefusesOtherShapesAndShortWeights) {
     layer.get()->*field = good;
   }
   layer->groups = 4;
-  EXPECT_NE(RefusalOf([&] { kernel.Config(layer, nullptr, context); }).find("multiple of the groups, 4"),
-            std::string::npos);
+  std::string refusal = RefusalOf([&] { kernel.Config(layer, nullptr, context); });
+  EXPECT_NE(refusal.find("multiple of the groups, 4"), std::string::npos);
   layer->groups = 2;
   layer->weight = WeightText(Floats(1, 12));  // as a grouped convolution would hold them
-  EXPECT_NE(RefusalOf([&] { kernel.Config(layer, nullptr, context); }).find("weight holds 48 bytes"),
-            std::string::npos);
+  refusal = RefusalOf([&] { kernel.Config(layer, nullptr, context); });
+  EXPECT_NE(refusal.find("weight holds 48 bytes"), std::string::npos);
   layer->weight = WeightText(Floats(1, 24));
   ASSERT_TRUE(kernel.Config(layer, nullptr, context));
   std::vector<std::shared_ptr<runtime::Tensor>> outputs;

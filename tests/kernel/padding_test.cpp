@@ -51,9 +51,13 @@ std::vector<T> Shifted(std::vector<T> const& from, std::vector<unsigned int> con
   return to;
 }
 
-TEST(Padding, SurroundsPlanesAndRows) {
-  auto const context = test::GuardedContext();
-  auto const device = context->device_cpu;
+struct Padding : testing::Test {
+  std::shared_ptr<runtime::Context> const context = test::GuardedContext();
+  std::shared_ptr<runtime::DeviceCPU> const device = context->device_cpu;
+};
+using PaddingDeathTest = Padding;
+
+TEST_F(Padding, SurroundsPlanesAndRows) {
   auto const input = test::FloatTensor(*context, {2, 3, 5}, TensorShape::CHW, Counted(30));
   input->shape.extra.step_size = 4;
   auto const padded = Padding_HW_MainMemory_CHW_Float_Fallback_M1(input, 1, 2, 3, 4, 0.5f, device);
@@ -70,9 +74,7 @@ TEST(Padding, SurroundsPlanesAndRows) {
             test::Values(*Padding_L_MainMemory_CL_Float_Fallback_M1(rows, 1, 2, 7.0f, device)));
 }
 
-TEST(Padding, SurroundsPackedAndInt16Planes) {
-  auto const context = test::GuardedContext();
-  auto const device = context->device_cpu;
+TEST_F(Padding, SurroundsPackedAndInt16Planes) {
   struct {
     decltype(&ZeroPadding_HW_MainMemory_CHW_Int16_Fallback_M1) pad;
     std::vector<unsigned int> dims, want;
@@ -92,9 +94,7 @@ TEST(Padding, SurroundsPackedAndInt16Planes) {
   }
 }
 
-TEST(Padding, CutsPlanesAndPackedPlanes) {
-  auto const context = test::GuardedContext();
-  auto const device = context->device_cpu;
+TEST_F(Padding, CutsPlanesAndPackedPlanes) {
   struct {
     decltype(&Cut_HW_MainMemory_CHW_Float_M1) cut;
     std::vector<unsigned int> dims, want;
@@ -118,9 +118,7 @@ TEST(Padding, CutsPlanesAndPackedPlanes) {
   }
 }
 
-TEST(Padding, WhatIsNotAcceptedComesBackEmpty) {
-  auto const context = test::GuardedContext();
-  auto const device = context->device_cpu;
+TEST_F(Padding, WhatIsNotAcceptedComesBackEmpty) {
   auto const packed = test::FloatTensor(*context, {1, 2, 2, 4}, TensorShape::C4HW4, Counted(16));
   auto const integers = Int16Tensor(*context, {1, 2, 2}, TensorShape::CHW);
   EXPECT_EQ(nullptr, Padding_HW_MainMemory_CHW_Float_Fallback_M1(packed, 1, 1, 1, 1, 0.0f, device));
@@ -133,9 +131,7 @@ TEST(Padding, WhatIsNotAcceptedComesBackEmpty) {
   EXPECT_EQ(-2, FillZero_MainMemory_Int16_Fallback_M1(packed));
 }
 
-TEST(Padding, RefusesWhatWouldReachForeignMemory) {
-  auto const context = test::GuardedContext();
-  auto const device = context->device_cpu;
+TEST_F(Padding, RefusesWhatWouldReachForeignMemory) {
   auto const input = test::FloatTensor(*context, {1, 2, 2}, TensorShape::CHW, Counted(4));
   auto const flat = test::FloatTensor(*context, {4}, TensorShape::CHW, Counted(4));
   auto const narrow = test::FloatTensor(*context, {1, 2, 2, 2}, TensorShape::C4HW4, Counted(8));
@@ -150,8 +146,7 @@ TEST(Padding, RefusesWhatWouldReachForeignMemory) {
   for (auto const& refusal : refusals) EXPECT_NE(std::string::npos, refusal.find("_M1: ")) << refusal;
 }
 
-TEST(Padding, BiasesServeTheChannelsOfTheirGroups) {
-  auto const context = test::GuardedContext();
+TEST_F(Padding, BiasesServeTheChannelsOfTheirGroups) {
   auto const bias = test::FloatTensor(*context, {2, 3}, TensorShape::GN, {10, 20, 30, 40, 50, 60});
   auto const plane = test::FloatTensor(*context, {6, 1, 2}, TensorShape::CHW, Counted(12));
   EXPECT_EQ(0, ADDBias_MainMemory_CHW_Float_Fallback_M1(plane, bias));
@@ -170,8 +165,7 @@ TEST(Padding, BiasesServeTheChannelsOfTheirGroups) {
   EXPECT_EQ(std::vector<float>(4, 0.0f), test::Values(*four));
 }
 
-TEST(PaddingDeathTest, AWrongBiasCountEndsTheProcess) {
-  auto const context = test::GuardedContext();
+TEST_F(PaddingDeathTest, AWrongBiasCountEndsTheProcess) {
   auto const bias = test::FloatTensor(*context, {2, 3}, TensorShape::GN, Counted(6));
   auto const plane = test::FloatTensor(*context, {5, 1, 2}, TensorShape::CHW, Counted(10));
   auto const rows = test::FloatTensor(*context, {5, 2}, TensorShape::CL, Counted(10));

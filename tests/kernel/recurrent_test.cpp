@@ -25,59 +25,55 @@ using Tensors = std::vector<std::shared_ptr<runtime::Tensor>>;
 
 constexpr unsigned short kTanh = 5, kRelu = 2;
 
-struct RnnFamily {
-  using Info = runtime::RNNInfo;
-  using CellInfo = runtime::RNNCellInfo;
-  using Fallback = kernel::RNN_Fallback_SC_F32_M1;
-  using Arm = kernel::RNN_ARM_SC_F32_M1;
-  using Sgemm = kernel::RNN_SGEMM_SC_F32_M1;
-  using FallbackCell = kernel::RNNCell_Fallback_C_F32_M1;
-  using ArmCell = kernel::RNNCell_ARM_C_F32_M1;
-  using SgemmCell = kernel::RNNCell_SGEMM_C_F32_M1;
-  static constexpr unsigned int kGates = 1;
-  static std::vector<golden::RecurrentCase> const& Golden() { return golden::kRNNCases; }
-  static std::vector<golden::RecurrentCellCase> const& GoldenCells() { return golden::kRNNCellCases; }
-  template <class Record>
-  static void SetActivation(Record& info, unsigned short type) {
-    info.activation_type = type;
+// A kernel in its three forms; the first two give the bits of the plain cell.
+template <class FallbackKernel, class ArmKernel, class SgemmKernel>
+struct Forms {
+  using Kernels = std::vector<std::shared_ptr<runtime::IKernel>>;
+  using Fallback = FallbackKernel;
+  using Sgemm = SgemmKernel;
+  static Kernels Exact() { return {std::make_shared<FallbackKernel>(), std::make_shared<ArmKernel>()}; }
+  static Kernels All() {
+    return {std::make_shared<FallbackKernel>(), std::make_shared<ArmKernel>(), std::make_shared<SgemmKernel>()};
   }
 };
 
-struct LstmFamily {
-  using Info = runtime::LSTMInfo;
-  using CellInfo = runtime::LSTMCellInfo;
-  using Fallback = kernel::LSTM_Fallback_SC_F32_M1;
-  using Arm = kernel::LSTM_ARM_SC_F32_M1;
-  using Sgemm = kernel::LSTM_SGEMM_SC_F32_M1;
-  using FallbackCell = kernel::LSTMCell_Fallback_C_F32_M1;
-  using ArmCell = kernel::LSTMCell_ARM_C_F32_M1;
-  using SgemmCell = kernel::LSTMCell_SGEMM_C_F32_M1;
-  static constexpr unsigned int kGates = 4;
-  static std::vector<golden::RecurrentCase> const& Golden() { return golden::kLSTMCases; }
-  static std::vector<golden::RecurrentCellCase> const& GoldenCells() { return golden::kLSTMCellCases; }
-  template <class Record>
-  static void SetActivation(Record&, unsigned short) {}
+template <unsigned int Gates, class InfoType, class CellInfoType, class SequenceForms, class CellForms>
+struct Family {
+  using Info = InfoType;
+  using CellInfo = CellInfoType;
+  using Sequence = SequenceForms;
+  using Cell = CellForms;
+  static constexpr unsigned int kGates = Gates;
 };
+struct Rnn
+    : Family<1, runtime::RNNInfo, runtime::RNNCellInfo,
+             Forms<kernel::RNN_Fallback_SC_F32_M1, kernel::RNN_ARM_SC_F32_M1, kernel::RNN_SGEMM_SC_F32_M1>,
+             Forms<kernel::RNNCell_Fallback_C_F32_M1, kernel::RNNCell_ARM_C_F32_M1, kernel::RNNCell_SGEMM_C_F32_M1>> {};
+struct Lstm
+    : Family<
+          4, runtime::LSTMInfo, runtime::LSTMCellInfo,
+          Forms<kernel::LSTM_Fallback_SC_F32_M1, kernel::LSTM_ARM_SC_F32_M1, kernel::LSTM_SGEMM_SC_F32_M1>,
+          Forms<kernel::LSTMCell_Fallback_C_F32_M1, kernel::LSTMCell_ARM_C_F32_M1, kernel::LSTMCell_SGEMM_C_F32_M1>> {};
+struct Gru
+    : Family<3, runtime::GRUInfo, runtime::GRUCellInfo,
+             Forms<kernel::GRU_Fallback_SC_F32_M1, kernel::GRU_ARM_SC_F32_M1, kernel::GRU_SGEMM_SC_F32_M1>,
+             Forms<kernel::GRUCell_Fallback_C_F32_M1, kernel::GRUCell_ARM_C_F32_M1, kernel::GRUCell_SGEMM_C_F32_M1>> {};
 
-struct GruFamily {
-  using Info = runtime::GRUInfo;
-  using CellInfo = runtime::GRUCellInfo;
-  using Fallback = kernel::GRU_Fallback_SC_F32_M1;
-  using Arm = kernel::GRU_ARM_SC_F32_M1;
-  using Sgemm = kernel::GRU_SGEMM_SC_F32_M1;
-  using FallbackCell = kernel::GRUCell_Fallback_C_F32_M1;
-  using ArmCell = kernel::GRUCell_ARM_C_F32_M1;
-  using SgemmCell = kernel::GRUCell_SGEMM_C_F32_M1;
-  static constexpr unsigned int kGates = 3;
-  static std::vector<golden::RecurrentCase> const& Golden() { return golden::kGRUCases; }
-  static std::vector<golden::RecurrentCellCase> const& GoldenCells() { return golden::kGRUCellCases; }
-  template <class Record>
-  static void SetActivation(Record&, unsigned short) {}
-};
+// Of an RNN, an LSTM or a GRU, by the number of gates.
+template <class Golden>
+Golden const& Choose(unsigned int gates, Golden const& rnn, Golden const& lstm, Golden const& gru) {
+  return gates == 1 ? rnn : gates == 4 ? lstm : gru;
+}
 
-template <class Family>
+// Only an RNN has a choice.
+template <class Kind, class Record>
+void SetActivation([[maybe_unused]] Record& info, [[maybe_unused]] unsigned short type) {
+  if constexpr (Kind::kGates == 1) info.activation_type = type;
+}
+
+template <class Kind>
 class Recurrent : public testing::Test {};
-using Families = testing::Types<RnnFamily, LstmFamily, GruFamily>;
+using Families = testing::Types<Rnn, Lstm, Gru>;
 TYPED_TEST_SUITE(Recurrent, Families, );
 
 // The plain cell. h and c are replaced; 1 gate is an RNN, 3 a GRU, 4 an LSTM; an empty bias counts as zeros.
@@ -129,33 +125,19 @@ struct Stack {
 
   std::size_t Directions() const { return bidirectional ? 2 : 1; }
 
-  // The hidden states of the last layer, step by step; one direction runs time outermost.
-  std::vector<float> Run(std::vector<float> const& x) {
-    std::size_t const steps = x.size() / in_size;
-    if (bidirectional) return RunBothWays(x, steps);
-    std::vector<float> y;
-    for (std::size_t t = 0; t < steps; ++t) {
-      float const* below = x.data() + t * in_size;
-      for (std::size_t l = 0; l < num_layers; ++l) {
-        PlainStep(gates, kTanh, below, l == 0 ? in_size : hidden_size, weights[l], h[l], c[l]);
-        below = h[l].data();
-      }
-      y.insert(y.end(), h.back().begin(), h.back().end());
-    }
-    return y;
-  }
-
-  std::vector<float> RunBothWays(std::vector<float> below, std::size_t steps) {
+  // The hidden states of the last layer, step by step; layer by layer and direction by direction.
+  std::vector<float> Run(std::vector<float> below) {
+    std::size_t const steps = below.size() / in_size, directions = Directions();
     std::size_t width = in_size;
     for (std::size_t l = 0; l < num_layers; ++l) {
-      std::vector<float> above(steps * 2 * hidden_size);
-      for (std::size_t k = 0; k < 2 * steps; ++k) {
-        std::size_t const d = k / steps, t = d == 0 ? k : 2 * steps - 1 - k, at = 2 * l + d;
+      std::vector<float> above(steps * directions * hidden_size);
+      for (std::size_t k = 0; k < directions * steps; ++k) {
+        std::size_t const d = k / steps, t = d == 0 ? k : 2 * steps - 1 - k, at = directions * l + d;
         PlainStep(gates, kTanh, below.data() + t * width, width, weights[at], h[at], c[at]);
-        std::copy(h[at].begin(), h[at].end(), &above[(2 * t + d) * hidden_size]);
+        std::copy(h[at].begin(), h[at].end(), &above[(directions * t + d) * hidden_size]);
       }
       below = std::move(above);
-      width = 2 * hidden_size;
+      width = directions * hidden_size;
     }
     return below;
   }
@@ -175,16 +157,16 @@ Stack RandomStack(unsigned int gates, unsigned short in_size, unsigned short hid
   return stack;
 }
 
-template <class Family>
-std::shared_ptr<typename Family::Info> Record(Stack const& stack) {
-  auto const info = std::make_shared<typename Family::Info>();
+template <class Kind>
+std::shared_ptr<typename Kind::Info> Record(Stack const& stack) {
+  auto const info = std::make_shared<typename Kind::Info>();
   info->id = "stack";
   info->in_size = stack.in_size;
   info->hidden_size = stack.hidden_size;
   info->num_layers = stack.num_layers;
   info->if_bias = stack.if_bias;
   info->bidirectional = stack.bidirectional;
-  Family::SetActivation(*info, kTanh);
+  SetActivation<Kind>(*info, kTanh);
   for (std::size_t at = 0; at < stack.weights.size(); ++at) {
     Weights const& w = stack.weights[at];
     bool const reverse = at % stack.Directions() == 1;
@@ -197,12 +179,11 @@ std::shared_ptr<typename Family::Info> Record(Stack const& stack) {
   return info;
 }
 
-// Steps [first, first + count) of `x` through a sequence kernel.
-std::vector<float> Chunk(runtime::IKernel const& kernel, std::vector<float> const& x, unsigned int width,
-                         unsigned int first, unsigned int count, std::shared_ptr<runtime::Context> const& context) {
-  auto const start = x.begin() + std::ptrdiff_t{first} * width;
-  Tensors const inputs = {FloatTensor(*context, {count, width}, TensorShape::SC,
-                                      std::vector<float>(start, start + std::ptrdiff_t{count} * width))};
+using ContextPointer = std::shared_ptr<runtime::Context>;
+
+std::vector<float> Forward(runtime::IKernel const& kernel, std::vector<unsigned int> const& dims, unsigned int layout,
+                           std::vector<float> const& x, ContextPointer const& context) {
+  Tensors const inputs = {FloatTensor(*context, dims, layout, x)};
   Tensors outputs;
   EXPECT_EQ(kernel.IsValidInput(inputs), 0);
   EXPECT_EQ(kernel.Forward(inputs, outputs, context), 0);
@@ -210,50 +191,47 @@ std::vector<float> Chunk(runtime::IKernel const& kernel, std::vector<float> cons
   return Values(*outputs.at(0));
 }
 
-template <class Info>
-std::shared_ptr<Info> GoldenRecord(golden::RecurrentCase const& c) {
-  auto const info = std::make_shared<Info>();
-  info->in_size = c.in_size;
-  info->hidden_size = c.hidden_size;
-  info->if_bias = c.if_bias;
-  info->num_layers = c.num_layers;
-  info->bidirectional = c.bidirectional;
-  auto const fill = [](std::vector<std::string>& texts, Arrays const& arrays) {
-    for (auto const& array : arrays) texts.push_back(WeightText(array));
-  };
-  fill(info->weight_ih_forward, c.weight_ih_forward);
-  fill(info->weight_hh_forward, c.weight_hh_forward);
-  fill(info->bias_ih_forward, c.bias_ih_forward);
-  fill(info->bias_hh_forward, c.bias_hh_forward);
-  fill(info->weight_ih_reverse, c.weight_ih_reverse);
-  fill(info->weight_hh_reverse, c.weight_hh_reverse);
-  fill(info->bias_ih_reverse, c.bias_ih_reverse);
-  fill(info->bias_hh_reverse, c.bias_hh_reverse);
-  return info;
+// All steps of `x` through a sequence kernel.
+std::vector<float> Sequence(runtime::IKernel const& kernel, std::vector<float> const& x, unsigned int width,
+                            ContextPointer const& context) {
+  return Forward(kernel, {static_cast<unsigned int>(x.size()) / width, width}, TensorShape::SC, x, context);
+}
+
+// Step `t` alone.
+std::vector<float> Step(std::vector<float> const& x, std::size_t width, std::size_t t) {
+  auto const start = x.begin() + static_cast<std::ptrdiff_t>(t * width);
+  return std::vector<float>(start, start + static_cast<std::ptrdiff_t>(width));
+}
+
+Stack GoldenStack(golden::RecurrentCase const& c) {
+  Stack stack = {0, c.in_size, c.hidden_size, c.num_layers, c.if_bias, c.bidirectional, {}, {}, {}};
+  for (std::size_t l = 0; l < c.num_layers; ++l) {
+    stack.weights.push_back(
+        {c.weight_ih_forward[l], c.weight_hh_forward[l], c.bias_ih_forward[l], c.bias_hh_forward[l]});
+    if (!c.bidirectional) continue;
+    stack.weights.push_back(
+        {c.weight_ih_reverse[l], c.weight_hh_reverse[l], c.bias_ih_reverse[l], c.bias_hh_reverse[l]});
+  }
+  return stack;
 }
 
 TYPED_TEST(Recurrent, SequencesGiveTheGoldenValuesWholeAndInChunks) {
-  for (auto const& c : TypeParam::Golden()) {
+  for (auto const& c : Choose(TypeParam::kGates, golden::kRNNCases, golden::kLSTMCases, golden::kGRUCases)) {
     SCOPED_TRACE(c.why);
     auto const context = GuardedContext();
-    auto const info = GoldenRecord<typename TypeParam::Info>(c);
-    typename TypeParam::Fallback fallback;
-    typename TypeParam::Arm arm;
-    typename TypeParam::Sgemm sgemm;
-    for (runtime::IKernel* const kernel :
-         {static_cast<runtime::IKernel*>(&fallback), static_cast<runtime::IKernel*>(&arm),
-          static_cast<runtime::IKernel*>(&sgemm)}) {
+    auto const info = Record<TypeParam>(GoldenStack(c));
+    for (auto const& kernel : TypeParam::Sequence::All()) {
       SCOPED_TRACE(kernel->GetName());
       for (unsigned short const activation : {kTanh, kRelu}) {  // a sequence computes tanh for both
-        TypeParam::SetActivation(*info, activation);
+        SetActivation<TypeParam>(*info, activation);
         ASSERT_TRUE(kernel->Config(info, nullptr, context));
-        ExpectNearSum(c.output, Chunk(*kernel, c.input, c.in_size, 0, c.steps, context), 8, 1.0f);
+        ExpectNearSum(c.output, Sequence(*kernel, c.input, c.in_size, context), 8, 1.0f);
         EXPECT_EQ(kernel->ResetRNNState(), 0);
       }
       if (c.bidirectional) continue;
       std::vector<float> chunks;
       for (unsigned int t = 0; t < c.steps; ++t) {
-        auto const y = Chunk(*kernel, c.input, c.in_size, t, 1, context);
+        auto const y = Sequence(*kernel, Step(c.input, c.in_size, t), c.in_size, context);
         chunks.insert(chunks.end(), y.begin(), y.end());
       }
       ExpectNearSum(c.output, chunks, 8, 1.0f);
@@ -283,13 +261,10 @@ TYPED_TEST(Recurrent, FallbackAndArmGiveTheBitsOfThePlainCell) {
       auto const info = Record<TypeParam>(stack);
       auto const x = Floats(1, std::size_t{c.in_size} * c.first), more = Floats(2, std::size_t{c.in_size} * c.second);
       auto const want = stack.Run(x), want_more = stack.Run(more);
-      typename TypeParam::Fallback fallback;
-      typename TypeParam::Arm arm;
-      ASSERT_TRUE(fallback.Config(info, nullptr, context) && arm.Config(info, nullptr, context));
-      for (runtime::IKernel const* const kernel :
-           {static_cast<runtime::IKernel const*>(&fallback), static_cast<runtime::IKernel const*>(&arm)}) {
-        ExpectSameBits(want, Chunk(*kernel, x, c.in_size, 0, c.first, context));
-        ExpectSameBits(want_more, Chunk(*kernel, more, c.in_size, 0, c.second, context));
+      for (auto const& kernel : TypeParam::Sequence::Exact()) {
+        ASSERT_TRUE(kernel->Config(info, nullptr, context));
+        ExpectSameBits(want, Sequence(*kernel, x, c.in_size, context));
+        ExpectSameBits(want_more, Sequence(*kernel, more, c.in_size, context));
       }
     }
   }
@@ -299,9 +274,9 @@ TYPED_TEST(Recurrent, SgemmStaysNearThePlainCell) {
   auto const context = GuardedContext();
   auto stack = RandomStack(TypeParam::kGates, 20, 30, 2, true, true);
   auto const x = Floats(1, 20 * 6);
-  typename TypeParam::Sgemm kernel;
+  typename TypeParam::Sequence::Sgemm kernel;
   ASSERT_TRUE(kernel.Config(Record<TypeParam>(stack), nullptr, context));
-  ExpectNearSum(stack.Run(x), Chunk(kernel, x, 20, 0, 6, context), 60, 1.0f);
+  ExpectNearSum(stack.Run(x), Sequence(kernel, x, 20, context), 60, 1.0f);
 }
 
 TYPED_TEST(Recurrent, StateLivesUntilItIsReset) {
@@ -309,16 +284,16 @@ TYPED_TEST(Recurrent, StateLivesUntilItIsReset) {
   auto stack = RandomStack(TypeParam::kGates, 4, 5, 2, true, false);
   auto const info = Record<TypeParam>(stack);
   auto const x = Floats(1, 4 * 3);
-  typename TypeParam::Fallback kernel;
+  typename TypeParam::Sequence::Fallback kernel;
   EXPECT_EQ(kernel.ResetRNNState(), 0);  // there is no state yet
   ASSERT_TRUE(kernel.Config(info, nullptr, context));
-  auto const first = Chunk(kernel, x, 4, 0, 3, context);
+  auto const first = Sequence(kernel, x, 4, context);
   ExpectSameBits(stack.Run(x), first);
   ASSERT_TRUE(kernel.Config(info, nullptr, context));  // keeps the state
-  EXPECT_TRUE(Chunk(kernel, {}, 4, 0, 0, context).empty());
-  ExpectSameBits(stack.Run(x), Chunk(kernel, x, 4, 0, 3, context));
+  EXPECT_TRUE(Sequence(kernel, {}, 4, context).empty());
+  ExpectSameBits(stack.Run(x), Sequence(kernel, x, 4, context));
   EXPECT_EQ(kernel.ResetRNNState(), 0);
-  ExpectSameBits(first, Chunk(kernel, x, 4, 0, 3, context));
+  ExpectSameBits(first, Sequence(kernel, x, 4, context));
 }
 
 template <class Info>
@@ -335,36 +310,21 @@ std::shared_ptr<Info> CellRecord(unsigned short in_size, unsigned short hidden_s
   return info;
 }
 
-std::vector<float> OneStep(runtime::IKernel const& kernel, std::vector<float> const& x,
-                           std::shared_ptr<runtime::Context> const& context) {
-  Tensors const inputs = {FloatTensor(*context, {static_cast<unsigned int>(x.size())}, TensorShape::C, x)};
-  Tensors outputs;
-  EXPECT_EQ(kernel.IsValidInput(inputs), 0);
-  EXPECT_EQ(kernel.Forward(inputs, outputs, context), 0);
-  EXPECT_EQ(kernel.IsValidOutput(outputs), 0);
-  return Values(*outputs.at(0));
-}
-
 TYPED_TEST(Recurrent, CellsGiveTheGoldenValuesStepByStep) {
-  for (auto const& c : TypeParam::GoldenCells()) {
+  for (auto const& c :
+       Choose(TypeParam::kGates, golden::kRNNCellCases, golden::kLSTMCellCases, golden::kGRUCellCases)) {
     SCOPED_TRACE(c.why);
     auto const context = GuardedContext();
     auto const info = CellRecord<typename TypeParam::CellInfo>(c.in_size, c.hidden_size,
                                                                {c.weight_ih, c.weight_hh, c.bias_ih, c.bias_hh});
-    TypeParam::SetActivation(*info, c.activation_type);
-    typename TypeParam::FallbackCell fallback;
-    typename TypeParam::ArmCell arm;
-    typename TypeParam::SgemmCell sgemm;
-    for (runtime::IKernel* const kernel :
-         {static_cast<runtime::IKernel*>(&fallback), static_cast<runtime::IKernel*>(&arm),
-          static_cast<runtime::IKernel*>(&sgemm)}) {
+    SetActivation<TypeParam>(*info, c.activation_type);
+    for (auto const& kernel : TypeParam::Cell::All()) {
       SCOPED_TRACE(kernel->GetName());
       ASSERT_TRUE(kernel->Config(info, nullptr, context));
       for (int run = 0; run < 2; ++run) {
         std::vector<float> got;
         for (std::size_t t = 0; t < c.steps; ++t) {
-          auto const x = c.input.begin() + static_cast<std::ptrdiff_t>(t * c.in_size);
-          auto const h = OneStep(*kernel, std::vector<float>(x, x + c.in_size), context);
+          auto const h = Forward(*kernel, {c.in_size}, TensorShape::C, Step(c.input, c.in_size, t), context);
           got.insert(got.end(), h.begin(), h.end());
         }
         ExpectNearSum(c.output, got, 8, 1.0f);
@@ -380,44 +340,45 @@ TYPED_TEST(Recurrent, CellsGiveTheBitsOfThePlainCell) {
   auto const info = CellRecord<typename TypeParam::CellInfo>(21, 35, stack.weights[0]);
   for (unsigned short const activation : {kTanh, kRelu}) {
     if (activation == kRelu && TypeParam::kGates != 1) continue;
-    TypeParam::SetActivation(*info, activation);
-    typename TypeParam::FallbackCell fallback;
-    typename TypeParam::ArmCell arm;
-    ASSERT_TRUE(fallback.Config(info, nullptr, context) && arm.Config(info, nullptr, context));
-    std::vector<float> h(35), c(35);
-    for (std::uint32_t t = 0; t < 3; ++t) {
-      auto const x = t == 2 ? SpecialFloats(t, 21) : Floats(t, 21);
-      PlainStep(TypeParam::kGates, activation, x.data(), 21, stack.weights[0], h, c);
-      ExpectSameBits(h, OneStep(fallback, x, context));
-      ExpectSameBits(h, OneStep(arm, x, context));
+    SetActivation<TypeParam>(*info, activation);
+    for (auto const& kernel : TypeParam::Cell::Exact()) {
+      ASSERT_TRUE(kernel->Config(info, nullptr, context));
+      std::vector<float> h(35), c(35);
+      for (std::uint32_t t = 0; t < 3; ++t) {
+        auto const x = t == 2 ? SpecialFloats(t, 21) : Floats(t, 21);
+        PlainStep(TypeParam::kGates, activation, x.data(), 21, stack.weights[0], h, c);
+        ExpectSameBits(h, Forward(*kernel, {21}, TensorShape::C, x, context));
+      }
     }
   }
 }
 
 TYPED_TEST(Recurrent, JudgesItsLayerInOrder) {
-  typename TypeParam::Fallback sequence;
-  typename TypeParam::FallbackCell cell;
+  typename TypeParam::Sequence::Fallback sequence;
+  typename TypeParam::Cell::Fallback cell;
   auto const info = std::make_shared<typename TypeParam::Info>();
   auto const cell_info = std::make_shared<typename TypeParam::CellInfo>();
+  auto const expect = [&](int of_sequence, int of_cell) {
+    EXPECT_EQ(sequence.IsValidParam(info, nullptr), of_sequence);
+    EXPECT_EQ(cell.IsValidParam(cell_info, nullptr), of_cell);
+  };
+  constexpr bool kHasActivation = TypeParam::kGates == 1;
   EXPECT_EQ(sequence.IsValidParam(nullptr, nullptr), -2);
   EXPECT_EQ(sequence.IsValidParam(cell_info, nullptr), -2);
   EXPECT_EQ(cell.IsValidParam(info, nullptr), -2);
-  EXPECT_EQ(sequence.IsValidParam(info, nullptr), -3);
-  EXPECT_EQ(cell.IsValidParam(cell_info, nullptr), -3);
+  expect(-3, -3);
   info->in_size = cell_info->in_size = 1;
-  EXPECT_EQ(sequence.IsValidParam(info, nullptr), -4);
-  EXPECT_EQ(cell.IsValidParam(cell_info, nullptr), -4);
+  expect(-4, -4);
   info->hidden_size = cell_info->hidden_size = 1;
-  EXPECT_EQ(sequence.IsValidParam(info, nullptr), -5);
-  EXPECT_EQ(cell.IsValidParam(cell_info, nullptr), TypeParam::kGates == 1 ? -5 : 0);
+  expect(-5, kHasActivation ? -5 : 0);
   info->num_layers = 1;
-  EXPECT_EQ(sequence.IsValidParam(info, nullptr), TypeParam::kGates == 1 ? -6 : 0);
+  expect(kHasActivation ? -6 : 0, kHasActivation ? -5 : 0);
 }
 
 TYPED_TEST(Recurrent, RefusesShortWeightsAndChangedSizes) {
   auto const context = GuardedContext();
   auto const info = Record<TypeParam>(RandomStack(TypeParam::kGates, 4, 5, 2, true, true));
-  typename TypeParam::Fallback kernel;
+  typename TypeParam::Sequence::Fallback kernel;
   auto const refusal = [&] { return RefusalOf([&] { kernel.Config(info, nullptr, context); }); };
   auto const good = *info;
   info->weight_hh_reverse[1] = WeightText(Floats(1, TypeParam::kGates * 25 - 1));
@@ -431,7 +392,7 @@ TYPED_TEST(Recurrent, RefusesShortWeightsAndChangedSizes) {
   EXPECT_FALSE(kernel.IsConfigured());
   *info = good;
   ASSERT_TRUE(kernel.Config(info, nullptr, context));
-  Chunk(kernel, Floats(1, 8), 4, 0, 2, context);
+  Sequence(kernel, Floats(1, 8), 4, context);
   for (auto const change : {+[](typename TypeParam::Info& layer) { layer.in_size = 3; },
                             +[](typename TypeParam::Info& layer) { layer.hidden_size = 4; },
                             +[](typename TypeParam::Info& layer) { layer.num_layers = 1; },
@@ -445,18 +406,16 @@ TYPED_TEST(Recurrent, RefusesShortWeightsAndChangedSizes) {
 TYPED_TEST(Recurrent, RefusesInputsThatDoNotFit) {
   auto const context = GuardedContext();
   auto const stack = RandomStack(TypeParam::kGates, 4, 5, 1, true, true);
-  typename TypeParam::Fallback sequence;
-  typename TypeParam::FallbackCell cell;
+  typename TypeParam::Sequence::Fallback sequence;
+  typename TypeParam::Cell::Fallback cell;
   auto const cell_info = CellRecord<typename TypeParam::CellInfo>(4, 5, stack.weights[0]);
-  TypeParam::SetActivation(*cell_info, kTanh);
+  SetActivation<TypeParam>(*cell_info, kTanh);
   auto const info = Record<TypeParam>(stack);
   Tensors outputs;
   auto const refusal = [&](runtime::IKernel const& kernel, std::vector<unsigned int> const& dims) {
     Tensors const inputs = {FloatTensor(*context, dims, TensorShape::SC, Floats(1, runtime::ElementCount(dims)))};
     return RefusalOf([&] { kernel.Forward(inputs, outputs, context); });
   };
-  EXPECT_NE(refusal(sequence, {2, 4}).find("before Config"), std::string::npos);
-  EXPECT_NE(refusal(cell, {4}).find("before Config"), std::string::npos);
   ASSERT_TRUE(sequence.Config(info, nullptr, context) && cell.Config(cell_info, nullptr, context));
   for (auto const& dims : {std::vector<unsigned int>{2, 3}, {8}, {2, 4, 0}}) {
     EXPECT_NE(refusal(sequence, dims).find("of layer stack: input has dims"), std::string::npos);
@@ -484,16 +443,15 @@ TEST(RecurrentCellFunctions, TakeZerosForAMissingStateAndCheckTheirTensors) {
   ExpectSameBits(h, Values(*results.at(0)));
   ExpectSameBits(c, Values(*results.at(1)));
   auto const zeros = device->CreateZeroF32CMainMem(2);
-  EXPECT_NE(
-      RefusalOf([&] {
-        kernel::functional::GRUCell_SGEMM_C_F32_M1({x, zeros}, 3, 3, 0, weight_ih, weight_hh, nullptr, nullptr, device);
-      }).find("GRUCell_SGEMM_C_F32_M1: weight_ih has dims [8, 3]"),
-      std::string::npos);
-  EXPECT_EQ(RefusalOf([&] {
-              kernel::functional::RNNCell_Fallback_C_F32_M1({x, zeros}, 3, 2, 0, 3, weight_ih, weight_hh, nullptr,
-                                                            nullptr, device);
-            }),
-            "[TLN]: Not Implemented.\n");
+  std::string refusal = RefusalOf([&] {
+    kernel::functional::GRUCell_SGEMM_C_F32_M1({x, zeros}, 3, 3, 0, weight_ih, weight_hh, nullptr, nullptr, device);
+  });
+  EXPECT_NE(refusal.find("GRUCell_SGEMM_C_F32_M1: weight_ih has dims [8, 3]"), std::string::npos);
+  refusal = RefusalOf([&] {
+    kernel::functional::RNNCell_Fallback_C_F32_M1({x, zeros}, 3, 2, 0, 3, weight_ih, weight_hh, nullptr, nullptr,
+                                                  device);
+  });
+  EXPECT_EQ(refusal, "[TLN]: Not Implemented.\n");
 }
 
 TEST(NativeLstm, RunsTheStackOnBareMemory) {
@@ -509,19 +467,16 @@ TEST(NativeLstm, RunsTheStackOnBareMemory) {
     bias_ih.push_back(w.bias_ih.data());
     bias_hh.push_back(w.bias_hh.data());
   }
-  kernel::native::lstm_arm_sc_f32_m1(x.data(), h.data(), c.data(), y.data(), kSteps, 3, 6, 2, 1, true, false, ih, hh,
-                                     bias_ih, bias_hh);
+  auto const run = [&](unsigned int directions, bool bidirectional) {
+    kernel::native::lstm_arm_sc_f32_m1(x.data(), h.data(), c.data(), y.data(), kSteps, 3, 6, bidirectional ? 1 : 2,
+                                       directions, !bidirectional, bidirectional, ih, hh, bias_ih, bias_hh);
+  };
+  run(1, false);
   ExpectSameBits(stack.Run(x), y);
   ExpectSameBits(stack.c[1].data(), c.data() + 6, 6);
   bias_hh.pop_back();
-  EXPECT_NE(RefusalOf([&] {
-              kernel::native::lstm_arm_sc_f32_m1(x.data(), h.data(), c.data(), y.data(), kSteps, 3, 6, 2, 1, true,
-                                                 false, ih, hh, bias_ih, bias_hh);
-            }).find("bias_hh has 1 entries, 2"),
-            std::string::npos);
-  EXPECT_DEATH(kernel::native::lstm_arm_sc_f32_m1(x.data(), h.data(), c.data(), y.data(), kSteps, 3, 6, 1, 2, false,
-                                                  true, ih, hh, bias_ih, bias_hh),
-               "no support bidirectional rnns.*lstm_arm_sc_f32_m1");
+  EXPECT_NE(RefusalOf([&] { run(1, false); }).find("bias_hh has 1 entries, 2"), std::string::npos);
+  EXPECT_DEATH(run(2, true), "no support bidirectional rnns.*lstm_arm_sc_f32_m1");
 }
 
 }  // namespace
