@@ -1,27 +1,24 @@
 #include "talvo/transform/reshape.h"
 
-#include <gtest/gtest.h>
-
-#include <cstring>
-
 #include "talvo/serialization/inference_param.h"
 #include "talvo/serialization/layer_info_tensor.h"
-#include "tests/support/bits.h"
-#include "tests/support/guarded_context.h"
-#include "tests/support/log_capture.h"
+#include "tests/transform/transform_test_support.h"
 
-namespace talvo {
+namespace talvo::test {
 namespace {
 
-using namespace kernel;  // NOLINT: the long names of seven kernels
-using runtime::TensorReshapeInfo;
-using runtime::TensorShape;
-using Dims = std::vector<unsigned int>;
 using Entries = std::vector<short>;
-using Tensors = std::vector<std::shared_ptr<runtime::Tensor>>;
+using KernelPtr = std::shared_ptr<runtime::IKernel>;
+using Any = kernel::Transform_MainMemory_Reshape_Fallback;
+using ToC = kernel::Reshape_Fallback_To_C_M1;
+using ToCHW = kernel::Reshape_Fallback_To_CHW_M1;
+using ToSC = kernel::Reshape_Fallback_To_SC_M1;
+using BlocksToC = kernel::Reshape_Fallback_CnHWn_To_C_M1;
+using BlocksToCL = kernel::Reshape_Fallback_CnHWn_To_CL_M1;
+using CLToCHW = kernel::Reshape_Fallback_CL_To_CHW_M1;
 
-std::shared_ptr<TensorReshapeInfo> Layer(Entries const& entries) {
-  auto layer = std::make_shared<TensorReshapeInfo>();
+std::shared_ptr<runtime::TensorReshapeInfo> Layer(Entries const& entries) {
+  auto layer = std::make_shared<runtime::TensorReshapeInfo>();
   layer->new_shape = entries;
   return layer;
 }
@@ -33,17 +30,8 @@ std::shared_ptr<Kernel> Configured(Entries const& entries) {
   return kernel;
 }
 
-class Reshape : public testing::Test {
+class Reshape : public TransformTest {
  protected:
-  // A tensor of random bytes with a step size.
-  std::shared_ptr<runtime::TensorCPU> Random(Dims const& dims, unsigned int layout = TensorShape::CHW,
-                                             unsigned int type = TensorShape::FLOAT32,
-                                             unsigned int location = TensorShape::MainMemory) const {
-    TensorShape shape(dims, type, layout, location, TensorShape::Extra());
-    shape.extra.step_size = 9;
-    return context_->device_cpu->CreateTensor(shape, test::Bytes(3, runtime::ByteCount(shape)).data());
-  }
-
   // The output for a tensor of these dims, whose bytes are compared with the input's leading ones.
   TensorShape Copied(runtime::IKernel const& kernel, Dims const& dims, unsigned int layout = TensorShape::CHW,
                      unsigned int type = TensorShape::FLOAT32) const {
@@ -54,41 +42,24 @@ class Reshape : public testing::Test {
     EXPECT_EQ(0, std::memcmp(input->data, outputs[0]->data, runtime::ByteCount(outputs[0]->shape)));
     return outputs[0]->shape;
   }
-
-  std::string RefusalOf(runtime::IKernel const& kernel, std::shared_ptr<runtime::Tensor> const& input) const {
-    return test::RefusalOf([&] {
-      Tensors outputs;
-      kernel.Forward({input}, outputs, context_);
-    });
-  }
-
-  std::shared_ptr<runtime::Context> const context_ = test::GuardedContext();
 };
 
 TEST_F(Reshape, DropsTheBatchAxis) {
   struct Case {
     char const* why;
-    std::shared_ptr<runtime::IKernel> kernel;
+    KernelPtr kernel;
     unsigned int layout;
     Dims dims;
   };
-  for (Case const& c : {
-           Case{"C", Configured<Reshape_Fallback_To_C_M1>({1, -1}), TensorShape::C, {24}},
-           {"C of three entries stays", Configured<Reshape_Fallback_To_C_M1>({2, 3, -1}), TensorShape::C, {2, 3, 4}},
-           {"CHW", Configured<Reshape_Fallback_To_CHW_M1>({1, -1, 4, 2}), TensorShape::CHW, {3, 4, 2}},
-           {"CHW of two entries stays", Configured<Reshape_Fallback_To_CHW_M1>({4, 6}), TensorShape::CHW, {4, 6}},
-           {"SC, entry 0", Configured<Reshape_Fallback_To_SC_M1>({1, 4, 6}), TensorShape::SC, {4, 6}},
-           {"SC, entry 1", Configured<Reshape_Fallback_To_SC_M1>({4, 1, 6}), TensorShape::SC, {4, 6}},
-           {"SC, both", Configured<Reshape_Fallback_To_SC_M1>({1, 1, 24}), TensorShape::SC, {1, 24}},
-           {"any, the entry that is not 1",
-            Configured<Transform_MainMemory_Reshape_Fallback>({2, 3, 4}),
-            TensorShape::FLEXIABLE,
-            {3, 4}},
-           {"any, shorter than the input",
-            Configured<Transform_MainMemory_Reshape_Fallback>({1, 6}),
-            TensorShape::FLEXIABLE,
-            {6}},
-       }) {
+  for (Case const& c : {Case{"C", Configured<ToC>({1, -1}), TensorShape::C, {24}},
+                        {"C of three entries stays", Configured<ToC>({2, 3, -1}), TensorShape::C, {2, 3, 4}},
+                        {"CHW", Configured<ToCHW>({1, -1, 4, 2}), TensorShape::CHW, {3, 4, 2}},
+                        {"CHW of two entries stays", Configured<ToCHW>({4, 6}), TensorShape::CHW, {4, 6}},
+                        {"SC, entry 0", Configured<ToSC>({1, 4, 6}), TensorShape::SC, {4, 6}},
+                        {"SC, entry 1", Configured<ToSC>({4, 1, 6}), TensorShape::SC, {4, 6}},
+                        {"SC, both", Configured<ToSC>({1, 1, 24}), TensorShape::SC, {1, 24}},
+                        {"any, the entry that is not 1", Configured<Any>({2, 3, 4}), TensorShape::FLEXIABLE, {3, 4}},
+                        {"any, shorter than the input", Configured<Any>({1, 6}), TensorShape::FLEXIABLE, {6}}}) {
     SCOPED_TRACE(c.why);
     TensorShape const shape = Copied(*c.kernel, {2, 3, 4}, TensorShape::CHW, TensorShape::INT16);
     EXPECT_EQ(c.dims, shape.dims);
@@ -98,54 +69,61 @@ TEST_F(Reshape, DropsTheBatchAxis) {
   }
 }
 
-TEST_F(Reshape, RefusesABatchThatIsNotOne) {
-  auto const input = Random({2, 3, 4});
-  EXPECT_EQ("[TLN]: ", RefusalOf(*Configured<Reshape_Fallback_To_C_M1>({2, 12}), input));
-  EXPECT_EQ("[TLN]: ", RefusalOf(*Configured<Reshape_Fallback_To_CHW_M1>({2, 1, 3, 4}), input));
-  EXPECT_EQ("[TLN]: [Reshape_Fallback_To_SC_M1] batch of new shape != 1\n",
-            RefusalOf(*Configured<Reshape_Fallback_To_SC_M1>({2, 2, 6}), input));
-}
-
-TEST_F(Reshape, RefusesWhatDoesNotFit) {
-  auto const input = Random({2, 3, 4});
-  using Any = Transform_MainMemory_Reshape_Fallback;
-  EXPECT_NE("", RefusalOf(*Configured<Any>({1, 0, -1}), input)) << "a product of 0 keeps Config";
-  EXPECT_NE("", RefusalOf(*Configured<Any>({1, 25}), input)) << "longer than the input";
-  EXPECT_NE("", RefusalOf(*Configured<Any>({}), input)) << "no batch axis";
-  EXPECT_NE("", RefusalOf(*Configured<Any>({1, 24}), nullptr));
-  EXPECT_NE("", RefusalOf(Reshape_Fallback_CnHWn_To_C_M1(), input)) << "not configured";
-  EXPECT_NE("", RefusalOf(*Configured<Reshape_Fallback_CnHWn_To_C_M1>({1, 23}), input)) << "shorter";
-  EXPECT_NE("", RefusalOf(*Configured<Reshape_Fallback_CL_To_CHW_M1>({1, 5, 5, 1}), input)) << "longer";
-  auto const three_lanes = Random({2, 2, 2, 3}, TensorShape::C4HW4);
-  EXPECT_NE("", RefusalOf(*Configured<Reshape_Fallback_CnHWn_To_C_M1>({1, -1}), three_lanes));
+TEST_F(Reshape, Refuses) {
+  auto const input = Random({2, 3, 4}), halves = Random({1, 2, 4, 4}, TensorShape::C4HW4, TensorShape::FLOAT16);
+  constexpr unsigned int kFlexible = TensorShape::FLEXIABLE;
+  constexpr char const* kType = "[TLN]: Invalid input data type\n";
+  constexpr char const* kLayout = "[TLN]: Invalid input tensor layout\n";
+  KernelPtr const to_c = Configured<BlocksToC>({1, -1}), to_cl = Configured<BlocksToCL>({1, -1, 8});
+  EXPECT_EQ(0, to_cl->IsValidInput({halves}));
+  struct Case {
+    char const* why;
+    KernelPtr kernel;
+    TensorPtr input;
+    char const* text;  // null: any
+  };
+  for (Case const& c : {Case{"batch of C", Configured<ToC>({2, 12}), input, "[TLN]: "},
+                        {"batch of CHW", Configured<ToCHW>({2, 1, 3, 4}), input, "[TLN]: "},
+                        {"batch of SC", Configured<ToSC>({2, 2, 6}), input,
+                         "[TLN]: [Reshape_Fallback_To_SC_M1] batch of new shape != 1\n"},
+                        {"a product of 0 keeps Config", Configured<Any>({1, 0, -1}), input, nullptr},
+                        {"longer than the input", Configured<Any>({1, 25}), input, nullptr},
+                        {"no batch axis", Configured<Any>({}), input, nullptr},
+                        {"shorter", Configured<BlocksToC>({1, 23}), input, nullptr},
+                        {"longer", Configured<CLToCHW>({1, 5, 5, 1}), input, nullptr},
+                        {"three lanes", to_c, Random({2, 2, 2, 3}, TensorShape::C4HW4), nullptr},
+                        {"type", to_c, Random({1, 2, 4, 4}, TensorShape::C4HW4, TensorShape::INT32), kType},
+                        {"layout", to_c, Random({1, 2, 4, 4}, kFlexible), kLayout},
+                        {"halves, which the judge takes", to_cl, halves, kType},
+                        {"one lane", to_cl, Random({4, 2, 4, 1}, kFlexible), kLayout},
+                        {"rank 2", to_cl, Random({4, 8}, kFlexible), kLayout}}) {
+    SCOPED_TRACE(c.why);
+    std::string const text = Refusal(*c.kernel, {c.input}, {}, context_);
+    EXPECT_EQ(c.text == nullptr ? text : c.text, text);
+  }
 }
 
 TEST_F(Reshape, UsesAGivenOutput) {
   auto const input = Random({2, 3, 4});
-  for (std::shared_ptr<runtime::IKernel> const& kernel : std::vector<std::shared_ptr<runtime::IKernel>>{
-           Configured<Reshape_Fallback_To_C_M1>({1, 6}), Configured<Reshape_Fallback_CL_To_CHW_M1>({1, 1, 1, 6})}) {
+  for (KernelPtr const& kernel : {KernelPtr(Configured<ToC>({1, 6})), KernelPtr(Configured<CLToCHW>({1, 1, 1, 6}))}) {
     Tensors outputs = {Random({5, 5}, TensorShape::HWC)};
     auto const* const given = outputs[0].get();
     EXPECT_EQ(0, kernel->Forward({input}, outputs, nullptr));
     EXPECT_EQ(given, outputs[0].get());
     EXPECT_EQ(0, std::memcmp(input->data, given->data, 24 * sizeof(float))) << "all of the input, whatever new_shape";
-    Tensors small = {Random({23}, TensorShape::C)};
-    EXPECT_NE("", test::RefusalOf([&] { kernel->Forward({input}, small, nullptr); }));
-    Tensors empty = {nullptr};
-    EXPECT_NE("", test::RefusalOf([&] { kernel->Forward({input}, empty, nullptr); }));
+    EXPECT_NE("", Refusal(*kernel, {input}, {Random({23}, TensorShape::C)}, nullptr));
+    EXPECT_NE("", Refusal(*kernel, {input}, {nullptr}, nullptr));
   }
 }
 
 TEST_F(Reshape, ConfiguresGeneralKernelsWithoutReadingMuch) {
-  Reshape_Fallback_To_C_M1 kernel;
-  EXPECT_TRUE(kernel.Config(Layer({1, -1}), nullptr, nullptr));
+  ToC kernel;
+  EXPECT_TRUE(kernel.Config(Layer({0, -3}), nullptr, nullptr));
   EXPECT_FALSE(kernel.Config(Layer({-1, -1}), nullptr, nullptr)) << "two unknowns";
   EXPECT_FALSE(kernel.IsConfigured());
   EXPECT_EQ(0, kernel.IsValidParam(Layer({-1, -1}), nullptr));
-  EXPECT_TRUE(kernel.Config(Layer({0, -3}), nullptr, nullptr));
   EXPECT_FALSE(kernel.Config(Layer({1, -1}), std::make_shared<runtime::InferenceParamActQuant>(), nullptr));
   EXPECT_FALSE(kernel.Config(std::make_shared<runtime::TensorTransposeInfo>(), nullptr, nullptr));
-  EXPECT_FALSE(kernel.Config(nullptr, nullptr, nullptr));
 }
 
 TEST_F(Reshape, JudgesTheEntriesOfUnblockingKernels) {
@@ -167,52 +145,43 @@ TEST_F(Reshape, JudgesTheEntriesOfUnblockingKernels) {
                         {{1}, -1, -1, -1},
                         {{}, -1, -1, -1}}) {
     SCOPED_TRACE(testing::PrintToString(c.entries));
-    EXPECT_EQ(c.to_c, Reshape_Fallback_CnHWn_To_C_M1().IsValidParam(Layer(c.entries), nullptr));
-    EXPECT_EQ(c.to_cl, Reshape_Fallback_CnHWn_To_CL_M1().IsValidParam(Layer(c.entries), nullptr));
-    EXPECT_EQ(c.to_chw, Reshape_Fallback_CL_To_CHW_M1().IsValidParam(Layer(c.entries), nullptr));
-    EXPECT_EQ(c.to_chw == 0, Reshape_Fallback_CL_To_CHW_M1().Config(Layer(c.entries), nullptr, nullptr));
+    EXPECT_EQ(c.to_c, BlocksToC().IsValidParam(Layer(c.entries), nullptr));
+    EXPECT_EQ(c.to_cl, BlocksToCL().IsValidParam(Layer(c.entries), nullptr));
+    EXPECT_EQ(c.to_chw, CLToCHW().IsValidParam(Layer(c.entries), nullptr));
+    EXPECT_EQ(c.to_chw == 0, CLToCHW().Config(Layer(c.entries), nullptr, nullptr));
   }
-  EXPECT_FALSE(Reshape_Fallback_CnHWn_To_C_M1().Config(nullptr, nullptr, nullptr));
 }
 
 TEST_F(Reshape, JudgesTensorLists) {
   constexpr unsigned int kHalf = TensorShape::FLOAT16, kFlexible = TensorShape::FLEXIABLE;
   struct Case {
     char const* why;
-    std::shared_ptr<runtime::IKernel> kernel;
+    KernelPtr kernel;
     Dims dims;
     unsigned int layout, type;
     int input, output;
   };
-  for (Case const& c : {
-           Case{"divided", Configured<Reshape_Fallback_To_C_M1>({1, 6, -1}), {24}, kFlexible, 7, 0, -2},
-           {"not divided", Configured<Reshape_Fallback_To_C_M1>({1, 7}), {24}, kFlexible, 0, -2, 0},
-           {"product of 0", Configured<Reshape_Fallback_To_C_M1>({0, -1}), {24}, 0, 0, -2, 0},
-           {"too short", Configured<Reshape_Fallback_To_C_M1>({1, 24}), {3}, 0, 0, -2, 0},
-           {"a scalar", Configured<Reshape_Fallback_To_C_M1>({1, 1}), {}, 0, 0, 0, -2},
-           {"all axes", Configured<Reshape_Fallback_To_CHW_M1>({2, -1, 4}), {2, 3, 4}, 0, 0, 0, 0},
-           {"all axes, one wrong", Configured<Reshape_Fallback_To_SC_M1>({3, -1, 4}), {2, 3, 4}, 0, 0, 0, -2},
-           {"one axis fewer", Configured<Transform_MainMemory_Reshape_Fallback>({9, 2, -1}), {2, 9}, 0, 0, 0, 0},
-           {"one wrong", Configured<Transform_MainMemory_Reshape_Fallback>({9, 2, -1}), {9, 2}, 0, 0, 0, -2},
-           {"all axes", Configured<Transform_MainMemory_Reshape_Fallback>({9, 2}), {9, 2}, 0, 0, 0, -2},
-           {"whole", Configured<Reshape_Fallback_CnHWn_To_C_M1>({1, 16}), {2, 1, 2, 4}, 2, kHalf, 0, -2},
-           {"other count", Configured<Reshape_Fallback_CnHWn_To_C_M1>({1, 15}), {2, 1, 2, 4}, 2, kHalf, -2, -2},
-           {"other layout", Configured<Reshape_Fallback_CnHWn_To_C_M1>({1, 16}), {16}, TensorShape::C, 3, -2, 0},
-           {"other type", Configured<Reshape_Fallback_CnHWn_To_C_M1>({1, 16}), {2, 2, 4}, 0, 2, -2, -2},
-           {"flexible", Configured<Reshape_Fallback_CnHWn_To_CL_M1>({1, 8, -1}), {2, 1, 2, 4}, kFlexible, 1, 0, -2},
-           {"flexible of rank 2",
-            Configured<Reshape_Fallback_CnHWn_To_CL_M1>({1, 8, -1}),
-            {2, 8},
-            kFlexible,
-            0,
-            -2,
-            -2},
-           {"not divided", Configured<Reshape_Fallback_CnHWn_To_CL_M1>({1, 3, -1}), {2, 2, 4}, 0, 0, -2, -2},
-           {"CL", Configured<Reshape_Fallback_CnHWn_To_CL_M1>({1, 3, 5}), {3, 5}, TensorShape::CL, 3, -2, 0},
-           {"any layout", Configured<Reshape_Fallback_CL_To_CHW_M1>({1, 2, -1, 4}), {24}, 30, 3, 0, -2},
-           {"no halves", Configured<Reshape_Fallback_CL_To_CHW_M1>({1, 2, -1, 4}), {2, 3, 4}, 0, kHalf, -2, -2},
-           {"CHW", Configured<Reshape_Fallback_CL_To_CHW_M1>({1, 2, 3, 4}), {2, 3, 4}, 0, 0, 0, 0},
-       }) {
+  for (Case const& c : {Case{"divided", Configured<ToC>({1, 6, -1}), {24}, kFlexible, 7, 0, -2},
+                        {"not divided", Configured<ToC>({1, 7}), {24}, kFlexible, 0, -2, 0},
+                        {"product of 0", Configured<ToC>({0, -1}), {24}, 0, 0, -2, 0},
+                        {"too short", Configured<ToC>({1, 24}), {3}, 0, 0, -2, 0},
+                        {"a scalar", Configured<ToC>({1, 1}), {}, 0, 0, 0, -2},
+                        {"all axes", Configured<ToCHW>({2, -1, 4}), {2, 3, 4}, 0, 0, 0, 0},
+                        {"all axes, one wrong", Configured<ToSC>({3, -1, 4}), {2, 3, 4}, 0, 0, 0, -2},
+                        {"one axis fewer", Configured<Any>({9, 2, -1}), {2, 9}, 0, 0, 0, 0},
+                        {"one wrong", Configured<Any>({9, 2, -1}), {9, 2}, 0, 0, 0, -2},
+                        {"all axes", Configured<Any>({9, 2}), {9, 2}, 0, 0, 0, -2},
+                        {"whole", Configured<BlocksToC>({1, 16}), {2, 1, 2, 4}, 2, kHalf, 0, -2},
+                        {"other count", Configured<BlocksToC>({1, 15}), {2, 1, 2, 4}, 2, kHalf, -2, -2},
+                        {"other layout", Configured<BlocksToC>({1, 16}), {16}, TensorShape::C, 3, -2, 0},
+                        {"other type", Configured<BlocksToC>({1, 16}), {2, 2, 4}, 0, 2, -2, -2},
+                        {"flexible", Configured<BlocksToCL>({1, 8, -1}), {2, 1, 2, 4}, kFlexible, 1, 0, -2},
+                        {"flexible of rank 2", Configured<BlocksToCL>({1, 8, -1}), {2, 8}, kFlexible, 0, -2, -2},
+                        {"not divided", Configured<BlocksToCL>({1, 3, -1}), {2, 2, 4}, 0, 0, -2, -2},
+                        {"CL", Configured<BlocksToCL>({1, 3, 5}), {3, 5}, TensorShape::CL, 3, -2, 0},
+                        {"any layout", Configured<CLToCHW>({1, 2, -1, 4}), {24}, 30, 3, 0, -2},
+                        {"no halves", Configured<CLToCHW>({1, 2, -1, 4}), {2, 3, 4}, 0, kHalf, -2, -2},
+                        {"CHW", Configured<CLToCHW>({1, 2, 3, 4}), {2, 3, 4}, 0, 0, 0, 0}}) {
     SCOPED_TRACE(c.kernel->GetName() + ", " + c.why);
     auto const tensor = Random(c.dims, c.layout, c.type);
     EXPECT_EQ(c.input, c.kernel->IsValidInput({tensor}));
@@ -226,10 +195,9 @@ TEST_F(Reshape, JudgesTensorLists) {
 }
 
 TEST_F(Reshape, TakesBlocksApart) {
-  auto const to_c = Configured<Reshape_Fallback_CnHWn_To_C_M1>({1, -1});
-  auto const to_cl = Configured<Reshape_Fallback_CnHWn_To_CL_M1>({1, -1, 15});
+  KernelPtr const to_c = Configured<BlocksToC>({1, -1}), to_cl = Configured<BlocksToCL>({1, -1, 15});
   struct Case {
-    std::shared_ptr<runtime::IKernel> kernel;
+    KernelPtr kernel;
     unsigned int layout, lanes, type;
     Dims dims;
   };
@@ -256,39 +224,26 @@ TEST_F(Reshape, TakesBlocksApart) {
   EXPECT_EQ((Dims{24}), Copied(*to_c, {2, 3, 4}, TensorShape::CHW, TensorShape::UINT8).dims);
   EXPECT_EQ((Dims{2, 15}), Copied(*to_cl, {2, 3, 5}).dims);
   EXPECT_EQ((Dims{2, 15}), Copied(*to_cl, {2, 3, 5}, kFlexible, TensorShape::INT16).dims);
-  TensorShape const planes = Copied(*Configured<Reshape_Fallback_CL_To_CHW_M1>({1, 2, -1, 5}), {6, 5}, TensorShape::CL);
+  TensorShape const planes = Copied(*Configured<CLToCHW>({1, 2, -1, 5}), {6, 5}, TensorShape::CL);
   EXPECT_EQ((Dims{2, 3, 5}), planes.dims);
   EXPECT_EQ(TensorShape::CHW, planes.layout);
   EXPECT_EQ(9, planes.extra.step_size);
 }
 
-TEST_F(Reshape, RefusesTypesAndLayoutsThatItCannotTakeApart) {
-  auto const to_c = Configured<Reshape_Fallback_CnHWn_To_C_M1>({1, -1});
-  auto const to_cl = Configured<Reshape_Fallback_CnHWn_To_CL_M1>({1, -1, 8});
-  std::string const type = "[TLN]: Invalid input data type\n", layout = "[TLN]: Invalid input tensor layout\n";
-  EXPECT_EQ(type, RefusalOf(*to_c, Random({1, 2, 4, 4}, TensorShape::C4HW4, TensorShape::INT32)));
-  EXPECT_EQ(layout, RefusalOf(*to_c, Random({1, 2, 4, 4}, TensorShape::FLEXIABLE)));
-  auto const halves = Random({1, 2, 4, 4}, TensorShape::C4HW4, TensorShape::FLOAT16);
-  EXPECT_EQ(0, to_cl->IsValidInput({halves}));
-  EXPECT_EQ(type, RefusalOf(*to_cl, halves));
-  EXPECT_EQ(layout, RefusalOf(*to_cl, Random({4, 2, 4, 1}, TensorShape::FLEXIABLE)));
-  EXPECT_EQ(layout, RefusalOf(*to_cl, Random({4, 8}, TensorShape::FLEXIABLE)));
-}
-
 TEST_F(Reshape, FreeFormMakesFlexibleTensors) {
   using kernel::functional::Transform_MainMemory_Reshape_Fallback;
   auto const input = Random({2, 3, 4});
-  auto const device = test::GuardedContext()->device_cpu;  // not the input's
+  auto const device = GuardedContext()->device_cpu;  // not the input's
   auto const output = Transform_MainMemory_Reshape_Fallback(input, {0, 6}, device);
   EXPECT_EQ((Dims{4, 6}), output->shape.dims);
   EXPECT_EQ(TensorShape::FLEXIABLE, output->shape.layout);
   EXPECT_EQ(0, output->shape.extra.step_size);
   EXPECT_EQ(device.get(), output->device);
   EXPECT_EQ(0, std::memcmp(input->data, output->data, 96));
-  EXPECT_EQ("[TLN]: ", test::RefusalOf([&] { Transform_MainMemory_Reshape_Fallback(input, {-1, -1}, device); }));
-  EXPECT_NE("", test::RefusalOf([&] { Transform_MainMemory_Reshape_Fallback(nullptr, {1}, device); }));
-  EXPECT_NE("", test::RefusalOf([&] { Transform_MainMemory_Reshape_Fallback(input, {24}, nullptr); }));
+  EXPECT_EQ("[TLN]: ", Refusal(Transform_MainMemory_Reshape_Fallback, input, {-1, -1}, device));
+  EXPECT_NE("", Refusal(Transform_MainMemory_Reshape_Fallback, nullptr, {1}, device));
+  EXPECT_NE("", Refusal(Transform_MainMemory_Reshape_Fallback, input, {24}, nullptr));
 }
 
 }  // namespace
-}  // namespace talvo
+}  // namespace talvo::test

@@ -1,156 +1,117 @@
 #include "talvo/transform/transform_fallback.h"
 
-#include <gtest/gtest.h>
-
 #include <cmath>
-#include <cstring>
 #include <numeric>
 
-#include "tests/support/bits.h"
-#include "tests/support/guarded_context.h"
-#include "tests/support/log_capture.h"
+#include "tests/transform/transform_test_support.h"
 
-namespace talvo {
+namespace talvo::test {
 namespace {
 
 using namespace kernel;  // NOLINT: two dozen function names of one header
-using runtime::TensorShape;
-using Dims = std::vector<unsigned int>;
-using TensorPtr = std::shared_ptr<runtime::TensorCPU>;
-using DevicePtr = std::shared_ptr<runtime::DeviceCPU>;
 using Convert = TensorPtr (*)(TensorPtr, DevicePtr);
 
-// A tensor of random bytes with a step size.
-TensorPtr Random(DevicePtr const& device, Dims const& dims, unsigned int layout,
-                 unsigned int type = TensorShape::FLOAT32, unsigned int location = TensorShape::MainMemory) {
-  TensorShape shape(dims, type, layout, location, TensorShape::Extra());
-  shape.extra.step_size = 3;
-  auto const bytes = test::Bytes(type + 1, runtime::ByteCount(shape));
-  return device->CreateTensor(shape, bytes.data());
-}
+class TransformFallback : public TransformTest {};
+using TransformFallbackDeathTest = TransformFallback;
 
 struct Packing {
-  char const* name;
   Convert convert;
-  Dims from;
+  char const* name;
   unsigned int layout;
-  Dims to;
   Dims (*place)(unsigned int g, unsigned int n, unsigned int c, unsigned int h, unsigned int w);
+
+  // Only depthwise weights are blocked by groups, and have one channel each.
+  Dims From() const {
+    bool const is_depthwise = layout == TensorShape::G4NCHW4 || layout == TensorShape::G8NCHW8;
+    return is_depthwise ? Dims{16, 1, 1, 3, 5} : Dims{2, 32, 16, 2, 3};
+  }
 };
 
-#define TALVO_PLACE(...)                                                               \
-  [](unsigned int g, unsigned int n, unsigned int c, unsigned int h, unsigned int w) { \
-    return (void)g, (void)n, (void)c, (void)h, (void)w, Dims{__VA_ARGS__};             \
+#define TALVO_PACKING(name, layout, ...)                                                     \
+  {                                                                                          \
+    Function_Tensor_GNCHW_To_##name##_Fallback, #name, layout,                               \
+        [](unsigned int g, unsigned int n, unsigned int c, unsigned int h, unsigned int w) { \
+          return (void)g, (void)n, (void)c, (void)h, (void)w, Dims{__VA_ARGS__};             \
+        }                                                                                    \
   }
 
-std::vector<Packing> Packings() {
-  // clang-format off
-  return {
-      {"4n4c", Function_Tensor_GNCHW_To_GN4C4HW4n4c_Fallback, {2, 8, 12, 3, 2}, 12, {2, 2, 3, 3, 2, 4, 4},
-       TALVO_PLACE(g, n / 4, c / 4, h, w, n % 4, c % 4)},
-      {"4c4n", Function_Tensor_GNCHW_To_GN4C4HW4c4n_Fallback, {2, 8, 12, 3, 2}, 12, {2, 2, 3, 3, 2, 4, 4},
-       TALVO_PLACE(g, n / 4, c / 4, h, w, c % 4, n % 4)},
-      {"8n8c", Function_Tensor_GNCHW_To_GN8C8HW8n8c_Fallback, {1, 8, 16, 3, 3}, 16, {1, 1, 2, 3, 3, 8, 8},
-       TALVO_PLACE(g, n / 8, c / 8, h, w, n % 8, c % 8)},
-      {"8c8n", Function_Tensor_GNCHW_To_GN8C8HW8c8n_Fallback, {1, 8, 16, 3, 3}, 36, {1, 1, 2, 3, 3, 8, 8},
-       TALVO_PLACE(g, n / 8, c / 8, h, w, c % 8, n % 8)},
-      {"4n8c", Function_Tensor_GNCHW_To_GN4C8HW4n8c_Fallback, {2, 12, 8, 1, 5}, 37, {2, 3, 1, 1, 5, 4, 8},
-       TALVO_PLACE(g, n / 4, c / 8, h, w, n % 4, c % 8)},
-      {"8n4c", Function_Tensor_GNCHW_To_GN8C4HW8n4c_Fallback, {2, 8, 12, 5, 1}, 38, {2, 1, 3, 5, 1, 8, 4},
-       TALVO_PLACE(g, n / 8, c / 4, h, w, n % 8, c % 4)},
-      {"8c4n", Function_Tensor_GNCHW_To_GN4C8HW8c4n_Fallback, {1, 12, 8, 2, 2}, 39, {1, 3, 1, 2, 2, 8, 4},
-       TALVO_PLACE(g, n / 4, c / 8, h, w, c % 8, n % 4)},
-      {"2c2n", Function_Tensor_GNCHW_To_GN2C2HW2c2n_Fallback, {3, 6, 4, 2, 3}, 28, {3, 3, 2, 2, 3, 2, 2},
-       TALVO_PLACE(g, n / 2, c / 2, h, w, c % 2, n % 2)},
-      {"16c16n", Function_Tensor_GNCHW_To_GN16C16HW16c16n_Fallback, {1, 32, 16, 1, 2}, 29, {1, 2, 1, 1, 2, 16, 16},
-       TALVO_PLACE(g, n / 16, c / 16, h, w, c % 16, n % 16)},
-      {"N4", Function_Tensor_GNCHW_To_GN4CHW4_Fallback, {2, 8, 3, 5, 7}, 19, {2, 2, 3, 5, 7, 4},
-       TALVO_PLACE(g, n / 4, c, h, w, n % 4)},
-      {"N8", Function_Tensor_GNCHW_To_GN8CHW8_Fallback, {2, 8, 3, 5, 7}, 20, {2, 1, 3, 5, 7, 8},
-       TALVO_PLACE(g, n / 8, c, h, w, n % 8)},
-      {"C8", Function_Tensor_GNCHW_To_GNC8HW8_Fallback, {2, 3, 16, 5, 7}, 20, {2, 3, 2, 5, 7, 8},
-       TALVO_PLACE(g, n, c / 8, h, w, c % 8)},
-      {"GCNHW", Function_Tensor_GNCHW_To_GCNHW_Fallback, {2, 3, 5, 2, 3}, 11, {2, 5, 3, 2, 3},
-       TALVO_PLACE(g, c, n, h, w)},
-      {"GHW", Function_Tensor_GNCHW_To_GHWN4C44c4n_Fallback, {2, 8, 12, 3, 2}, 12, {2, 3, 2, 2, 3, 4, 4},
-       TALVO_PLACE(g, h, w, n / 4, c / 4, c % 4, n % 4)},
-      {"GC4N4", Function_Tensor_GNCHW_To_GC4N4HW4c4n_Fallback, {2, 8, 12, 3, 2}, 15, {2, 3, 2, 3, 2, 4, 4},
-       TALVO_PLACE(g, c / 4, n / 4, h, w, c % 4, n % 4)},
-      {"G4", Function_Tensor_GNCHW_To_G4NCHW4_Fallback, {12, 1, 1, 3, 5}, 17, {3, 1, 1, 3, 5, 4},
-       TALVO_PLACE(g / 4, 0, 0, h, w, g % 4)},
-      {"G8", Function_Tensor_GNCHW_To_G8NCHW8_Fallback, {16, 1, 1, 3, 5}, 18, {2, 1, 1, 3, 5, 8},
-       TALVO_PLACE(g / 8, 0, 0, h, w, g % 8)},
-  };
-  // clang-format on
-}
+Packing const kPackings[] = {TALVO_PACKING(GN4C4HW4n4c, 12, g, n / 4, c / 4, h, w, n % 4, c % 4),
+                             TALVO_PACKING(GN4C4HW4c4n, 12, g, n / 4, c / 4, h, w, c % 4, n % 4),
+                             TALVO_PACKING(GN8C8HW8n8c, 16, g, n / 8, c / 8, h, w, n % 8, c % 8),
+                             TALVO_PACKING(GN8C8HW8c8n, 36, g, n / 8, c / 8, h, w, c % 8, n % 8),
+                             TALVO_PACKING(GN4C8HW4n8c, 37, g, n / 4, c / 8, h, w, n % 4, c % 8),
+                             TALVO_PACKING(GN8C4HW8n4c, 38, g, n / 8, c / 4, h, w, n % 8, c % 4),
+                             TALVO_PACKING(GN4C8HW8c4n, 39, g, n / 4, c / 8, h, w, c % 8, n % 4),
+                             TALVO_PACKING(GN2C2HW2c2n, 28, g, n / 2, c / 2, h, w, c % 2, n % 2),
+                             TALVO_PACKING(GN16C16HW16c16n, 29, g, n / 16, c / 16, h, w, c % 16, n % 16),
+                             TALVO_PACKING(GN4CHW4, 19, g, n / 4, c, h, w, n % 4),
+                             TALVO_PACKING(GN8CHW8, 20, g, n / 8, c, h, w, n % 8),
+                             TALVO_PACKING(GNC8HW8, 20, g, n, c / 8, h, w, c % 8),
+                             TALVO_PACKING(GCNHW, 11, g, c, n, h, w),
+                             TALVO_PACKING(GHWN4C44c4n, 12, g, h, w, n / 4, c / 4, c % 4, n % 4),
+                             TALVO_PACKING(GC4N4HW4c4n, 15, g, c / 4, n / 4, h, w, c % 4, n % 4),
+                             TALVO_PACKING(G4NCHW4, 17, g / 4, 0, 0, h, w, g % 4),
+                             TALVO_PACKING(G8NCHW8, 18, g / 8, 0, 0, h, w, g % 8)};
 
-void ExpectPacked(Packing const& packing, runtime::TensorCPU const& from, runtime::TensorCPU const& to) {
-  EXPECT_EQ(packing.layout, to.shape.layout);
-  EXPECT_EQ(from.shape.data_type, to.shape.data_type);
-  EXPECT_EQ(0, to.shape.extra.step_size);
-  ASSERT_EQ(packing.to, to.shape.dims);
-  Dims const& d = from.shape.dims;
-  for (unsigned int g = 0; g < d[0]; ++g)
-    for (unsigned int n = 0; n < d[1]; ++n)
-      for (unsigned int c = 0; c < d[2]; ++c)
-        for (unsigned int h = 0; h < d[3]; ++h)
-          for (unsigned int w = 0; w < d[4]; ++w)
-            ASSERT_EQ(0, std::memcmp(from.Locate5D(g, n, c, h, w), to.Locate(packing.place(g, n, c, h, w)),
-                                     runtime::ElementSize(from.shape.data_type)))
-                << g << " " << n << " " << c << " " << h << " " << w;
-}
-
-TEST(TransformFallback, PacksWeightsOfEveryTypeIntoEveryArrangement) {
-  auto const device = test::GuardedContext()->device_cpu;
-  for (Packing const& packing : Packings()) {
+TEST_F(TransformFallback, PacksWeightsOfEveryTypeIntoEveryArrangement) {
+  for (Packing const& packing : kPackings) {
     for (unsigned int type = TensorShape::FLOAT32; type <= TensorShape::UINT8; ++type) {
       SCOPED_TRACE(std::string(packing.name) + ", type " + std::to_string(type));
-      auto const from = Random(device, packing.from, TensorShape::GNCHW, type);
-      auto const to = packing.convert(from, device);
+      auto const from = Random(packing.From(), TensorShape::GNCHW, type);
+      auto const to = packing.convert(from, device_);
       ASSERT_NE(nullptr, to);
-      ExpectPacked(packing, *from, *to);
+      EXPECT_EQ(packing.layout, to->shape.layout);
+      EXPECT_EQ(type, to->shape.data_type);
+      EXPECT_EQ(0, to->shape.extra.step_size);
+      Dims const& d = from->shape.dims;
+      Dims want_dims = packing.place(d[0] - 1, d[1] - 1, d[2] - 1, d[3] - 1, d[4] - 1);  // where the last one goes
+      for (unsigned int& extent : want_dims) ++extent;
+      ASSERT_EQ(want_dims, to->shape.dims);
+      for (unsigned int i = 0; i < runtime::ElementCount(d); ++i) {
+        unsigned int const w = i % d[4], h = i / d[4] % d[3], plane = i / d[4] / d[3];
+        unsigned int const c = plane % d[2], n = plane / d[2] % d[1], g = plane / d[2] / d[1];
+        ASSERT_EQ(0, std::memcmp(from->Locate5D(g, n, c, h, w), to->Locate(packing.place(g, n, c, h, w)),
+                                 runtime::ElementSize(type)))
+            << g << " " << n << " " << c << " " << h << " " << w;
+      }
     }
   }
 }
 
-TEST(TransformFallback, PacksAMatrixOfAnyTypeAndLayout) {
-  auto const device = test::GuardedContext()->device_cpu;
+TEST_F(TransformFallback, PacksAMatrixOfAnyTypeAndLayout) {
   for (unsigned int type = TensorShape::FLOAT32; type <= TensorShape::UINT8; ++type) {
     SCOPED_TRACE(type);
-    auto const from = Random(device, {16, 24}, TensorShape::SC, type);
-    auto const to = Function_Tensor_NC_To_N8C88c8n_Fallback(from, device);
+    auto const from = Random({16, 24}, TensorShape::SC, type);
+    auto const to = Function_Tensor_NC_To_N8C88c8n_Fallback(from, device_);
     ASSERT_EQ((Dims{2, 3, 8, 8}), to->shape.dims);
     EXPECT_EQ(35u, to->shape.layout);
     EXPECT_EQ(type, to->shape.data_type);
     unsigned int const bytes = runtime::ElementSize(type);
-    for (unsigned int n = 0; n < 16; ++n)
-      for (unsigned int c = 0; c < 24; ++c)
-        ASSERT_EQ(0, std::memcmp(from->Locate2D(n, c), to->Locate4D(n / 8, c / 8, c % 8, n % 8), bytes))
-            << n << " " << c;
+    for (unsigned int i = 0; i < 16 * 24; ++i) {
+      unsigned int const n = i / 24, c = i % 24;
+      ASSERT_EQ(0, std::memcmp(from->Locate2D(n, c), to->Locate4D(n / 8, c / 8, c % 8, n % 8), bytes)) << i;
+    }
   }
 }
 
-struct ChannelBlocks {
-  unsigned int block, layout;
-  Convert block_up, unblock;
-};
-
-TEST(TransformFallback, BlocksChannelsWithZerosInTheTailAndTakesThemApart) {
-  auto const device = test::GuardedContext()->device_cpu;
-  for (ChannelBlocks const& c :
-       {ChannelBlocks{4, 2, Function_Tensor_CHW_To_C4HW4_Fallback, Function_Tensor_C4HW4_To_CHW_Fallback},
-        ChannelBlocks{8, 3, Function_Tensor_CHW_To_C8HW8_Fallback, Function_Tensor_C8HW8_To_CHW_Fallback}}) {
+TEST_F(TransformFallback, BlocksChannelsWithZerosInTheTailAndTakesThemApart) {
+  struct Case {
+    unsigned int block, layout;
+    Convert block_up, unblock;
+  };
+  for (Case const& c : {Case{4, 2, Function_Tensor_CHW_To_C4HW4_Fallback, Function_Tensor_C4HW4_To_CHW_Fallback},
+                        {8, 3, Function_Tensor_CHW_To_C8HW8_Fallback, Function_Tensor_C8HW8_To_CHW_Fallback}}) {
     for (unsigned int type = TensorShape::FLOAT32; type <= TensorShape::UINT8; ++type) {
       for (unsigned int channels : {0u, 1u, 5u, 8u, 19u}) {
         SCOPED_TRACE(testing::Message() << "block " << c.block << ", type " << type << ", channels " << channels);
-        auto const plain = Random(device, {channels, 3, 7}, TensorShape::CHW, type);
-        auto const blocked = c.block_up(plain, device);
+        auto const plain = Random({channels, 3, 7}, TensorShape::CHW, type);
+        auto const blocked = c.block_up(plain, device_);
         unsigned int const blocks = (channels + c.block - 1) / c.block;
         ASSERT_EQ((Dims{blocks, 3, 7, c.block}), blocked->shape.dims);
         EXPECT_EQ(c.layout, blocked->shape.layout);
         EXPECT_EQ(0, blocked->shape.extra.step_size);
         blocked->shape.extra.step_size = 5;
-        auto const again = c.unblock(blocked, device);
+        auto const again = c.unblock(blocked, device_);
         ASSERT_EQ((Dims{blocks * c.block, 3, 7}), again->shape.dims);
         EXPECT_EQ(5, again->shape.extra.step_size);
         unsigned int const bytes = runtime::ElementSize(type);
@@ -166,22 +127,21 @@ TEST(TransformFallback, BlocksChannelsWithZerosInTheTailAndTakesThemApart) {
   }
 }
 
-TEST(TransformFallback, StacksChannelBlocksAsOneImage) {
-  auto const device = test::GuardedContext()->device_cpu;
+TEST_F(TransformFallback, StacksChannelBlocksAsOneImage) {
   struct Case {
     char const* why;
     int width, height;
   };
   for (unsigned int type = TensorShape::FLOAT32; type <= TensorShape::UINT8; ++type) {
-    auto const plain = Random(device, {6, 3, 5}, TensorShape::CHW, type);
-    auto const image = Function_Tensor_CHW_To_C4HW4_Image2D_Fallback(plain, device);
+    auto const plain = Random({6, 3, 5}, TensorShape::CHW, type);
+    auto const image = Function_Tensor_CHW_To_C4HW4_Image2D_Fallback(plain, device_);
     ASSERT_EQ((Dims{1, 6, 5, 4}), image->shape.dims);
     EXPECT_EQ(2u, image->shape.layout);
     image->shape.extra.step_size = 2;
     unsigned int const bytes = runtime::ElementSize(type);
     for (Case const& c : {Case{"the image that it was", 5, 3}, {"columns left over", 2, 3}, {"rows left over", 5, 4}}) {
       SCOPED_TRACE(testing::Message() << c.why << ", type " << type);
-      auto const again = Function_Tensor_C4HW4_Image2D_To_CHW_Fallback(image, c.width, c.height, device);
+      auto const again = Function_Tensor_C4HW4_Image2D_To_CHW_Fallback(image, c.width, c.height, device_);
       auto const w = static_cast<unsigned int>(c.width), h = static_cast<unsigned int>(c.height);
       ASSERT_EQ((Dims{6 / h * 4, h, w}), again->shape.dims);
       EXPECT_EQ(2, again->shape.extra.step_size);
@@ -196,66 +156,63 @@ TEST(TransformFallback, StacksChannelBlocksAsOneImage) {
   }
 }
 
-TEST(TransformFallback, AnswersAnotherLayoutOrLocationWithNothing) {
-  auto const device = test::GuardedContext()->device_cpu;
-  test::LogCapture const log;
-  for (Packing const& packing : Packings()) {
+TEST_F(TransformFallback, AnswersAnotherLayoutOrLocationWithNothing) {
+  LogCapture const log;
+  for (Packing const& packing : kPackings) {
     SCOPED_TRACE(packing.name);
-    EXPECT_EQ(nullptr, packing.convert(Random(device, packing.from, TensorShape::FLEXIABLE), device));
+    EXPECT_EQ(nullptr, packing.convert(Random(packing.From(), TensorShape::FLEXIABLE), device_));
     EXPECT_EQ(nullptr,
-              packing.convert(Random(device, packing.from, TensorShape::GNCHW, 0, TensorShape::MetalBuffer), device));
+              packing.convert(Random(packing.From(), TensorShape::GNCHW, 0, TensorShape::MetalBuffer), device_));
   }
-  auto const hwc = Random(device, {4, 4, 4}, TensorShape::HWC), c8 = Random(device, {1, 1, 1, 8}, TensorShape::C8HW8);
-  EXPECT_EQ(nullptr, Function_Tensor_CHW_To_C4HW4_Fallback(hwc, device));
-  EXPECT_EQ(nullptr, Function_Tensor_CHW_To_C4HW4_Image2D_Fallback(hwc, device));
-  EXPECT_EQ(nullptr, Function_Tensor_C4HW4_To_CHW_Fallback(c8, device));
-  EXPECT_EQ(nullptr, Function_Tensor_C4HW4_Image2D_To_CHW_Fallback(c8, 1, 1, device));
-  EXPECT_EQ(nullptr, Function_Tensor_GNCHW_Concat_Value(hwc, 0, device));
-  EXPECT_EQ(nullptr, Function_Tensor_NC_To_N8C88c8n_Fallback(Random(device, {8, 8}, 30, 0, 0x20000), device));
+  auto const hwc = Random({4, 4, 4}, TensorShape::HWC), c8 = Random({1, 1, 1, 8}, TensorShape::C8HW8);
+  EXPECT_EQ(nullptr, Function_Tensor_CHW_To_C4HW4_Fallback(hwc, device_));
+  EXPECT_EQ(nullptr, Function_Tensor_CHW_To_C4HW4_Image2D_Fallback(hwc, device_));
+  EXPECT_EQ(nullptr, Function_Tensor_C4HW4_To_CHW_Fallback(c8, device_));
+  EXPECT_EQ(nullptr, Function_Tensor_C4HW4_Image2D_To_CHW_Fallback(c8, 1, 1, device_));
+  EXPECT_EQ(nullptr, Function_Tensor_GNCHW_Concat_Value(hwc, 0, device_));
+  EXPECT_EQ(nullptr, Function_Tensor_NC_To_N8C88c8n_Fallback(Random({8, 8}, 30, 0, 0x20000), device_));
   EXPECT_TRUE(log.Lines().empty());
 }
 
-TEST(TransformFallback, RefusesWhatWouldLeaveItsMemory) {
-  auto const device = test::GuardedContext()->device_cpu;
-  auto const refusal = [&](Convert convert, TensorPtr const& input) {
-    return test::RefusalOf([&] { convert(input, device); });
-  };
-  for (Packing const& packing : Packings()) {
-    if (std::string(packing.name) == "GCNHW") continue;  // has no blocks
+TEST_F(TransformFallback, RefusesWhatWouldLeaveItsMemory) {
+  for (Packing const& packing : kPackings) {
+    if (packing.layout == TensorShape::GNCHW) continue;  // has no blocks
     SCOPED_TRACE(packing.name);
-    Dims dims = packing.from;
+    Dims dims = packing.From();
     for (unsigned int axis = 0; axis < 3; ++axis) dims[axis] += dims[axis] > 2 ? 1 : 0;
     EXPECT_NE(std::string::npos,
-              refusal(packing.convert, Random(device, dims, TensorShape::GNCHW)).find("needs a multiple of"));
+              Refusal(packing.convert, Random(dims, TensorShape::GNCHW), device_).find("needs a multiple of"));
   }
-  EXPECT_NE("", refusal(Function_Tensor_GNCHW_To_GCNHW_Fallback, Random(device, {2, 3}, TensorShape::GNCHW)));
-  EXPECT_NE("", refusal(Function_Tensor_GNCHW_To_G4NCHW4_Fallback, Random(device, {4, 1}, TensorShape::GNCHW)));
-  EXPECT_NE("", refusal(Function_Tensor_NC_To_N8C88c8n_Fallback, Random(device, {8, 9}, TensorShape::SC)));
-  EXPECT_NE("", refusal(Function_Tensor_C4HW4_To_CHW_Fallback, Random(device, {1, 2, 2, 3}, TensorShape::C4HW4)));
-  EXPECT_NE("", refusal(Function_Tensor_CHW_To_C4HW4_Fallback, nullptr));
-  EXPECT_NE("", refusal(Function_Tensor_CHW_To_C8HW8_Fallback, Random(device, {0xFFFFFFFF, 0, 0}, TensorShape::CHW)));
-  auto const external = device->CreateTensorExternal(TensorShape({1, 4, 4, 1, 1}, 0, 11, 0x10001, {}), nullptr);
-  EXPECT_NE("", refusal(Function_Tensor_GNCHW_To_GN4CHW4_Fallback, external));
-  auto const plain = Random(device, {4, 1, 1}, TensorShape::CHW);
-  EXPECT_NE("", test::RefusalOf([&] { Function_Tensor_CHW_To_C4HW4_Fallback(plain, nullptr); }));
-  auto const image = Random(device, {1, 6, 5, 4}, TensorShape::C4HW4);
-  for (auto const& size : {std::pair<int, int>{5, 0}, {5, -3}, {5, 7}, {6, 3}, {-1, 3}}) {
-    SCOPED_TRACE(testing::Message() << size.first << " x " << size.second);
-    EXPECT_NE("", test::RefusalOf(
-                      [&] { Function_Tensor_C4HW4_Image2D_To_CHW_Fallback(image, size.first, size.second, device); }));
+  struct Case {
+    Convert convert;
+    TensorPtr input;
+  };
+  for (Case const& c : {Case{Function_Tensor_GNCHW_To_GCNHW_Fallback, Random({2, 3}, TensorShape::GNCHW)},
+                        {Function_Tensor_GNCHW_To_G4NCHW4_Fallback, Random({4, 1}, TensorShape::GNCHW)},
+                        {Function_Tensor_NC_To_N8C88c8n_Fallback, Random({8, 9}, TensorShape::SC)},
+                        {Function_Tensor_C4HW4_To_CHW_Fallback, Random({1, 2, 2, 3}, TensorShape::C4HW4)},
+                        {Function_Tensor_CHW_To_C4HW4_Fallback, nullptr},
+                        {Function_Tensor_CHW_To_C8HW8_Fallback, Random({0xFFFFFFFF, 0, 0})},
+                        {Function_Tensor_GNCHW_To_GN4CHW4_Fallback,
+                         device_->CreateTensorExternal(TensorShape({1, 4, 4, 1, 1}, 0, 11, 0x10001, {}), nullptr)}}) {
+    EXPECT_NE("", Refusal(c.convert, c.input, device_));
+  }
+  EXPECT_NE("", Refusal(Function_Tensor_CHW_To_C4HW4_Fallback, Random({4, 1, 1}), nullptr));
+  auto const image = Random({1, 6, 5, 4}, TensorShape::C4HW4);
+  for (auto const& [width, height] : {std::pair<int, int>{5, 0}, {5, -3}, {5, 7}, {6, 3}, {-1, 3}}) {
+    SCOPED_TRACE(testing::Message() << width << " x " << height);
+    EXPECT_NE("", Refusal(Function_Tensor_C4HW4_Image2D_To_CHW_Fallback, image, width, height, device_));
   }
 }
 
-TEST(TransformFallbackDeathTest, EndsTheProcessOnDepthwiseWeightsOfSeveralChannels) {
-  auto const device = test::GuardedContext()->device_cpu;
-  EXPECT_DEATH(Function_Tensor_GNCHW_To_G4NCHW4_Fallback(Random(device, {4, 2, 1, 1, 1}, TensorShape::CHW), device),
+TEST_F(TransformFallbackDeathTest, EndsTheProcessOnDepthwiseWeightsOfSeveralChannels) {
+  EXPECT_DEATH(Function_Tensor_GNCHW_To_G4NCHW4_Fallback(Random({4, 2, 1, 1, 1}, TensorShape::CHW), device_),
                "input->shape.dims\\[1\\] == 1.*Function_Tensor_GNCHW_To_G4NCHW4_Fallback.*transform_fallback");
-  EXPECT_DEATH(Function_Tensor_GNCHW_To_G8NCHW8_Fallback(Random(device, {8, 1, 3, 1, 1}, TensorShape::GNCHW), device),
+  EXPECT_DEATH(Function_Tensor_GNCHW_To_G8NCHW8_Fallback(Random({8, 1, 3, 1, 1}, TensorShape::GNCHW), device_),
                "input->shape.dims\\[2\\] == 1.*Function_Tensor_GNCHW_To_G8NCHW8_Fallback.*transform_fallback");
 }
 
-TEST(TransformFallback, FillsAddedWeightsWithOneByte) {
-  auto const device = test::GuardedContext()->device_cpu;
+TEST_F(TransformFallback, FillsAddedWeightsWithOneByte) {
   struct Case {
     float value;
     unsigned char fill;
@@ -263,8 +220,8 @@ TEST(TransformFallback, FillsAddedWeightsWithOneByte) {
   for (Case const& c : {Case{0.0f, 0}, {1.0f, 1}, {-1.9f, 0xFF}, {258.5f, 2}, {1e20f, 0xFF}, {-1e20f, 0}, {NAN, 0}}) {
     for (unsigned int type = TensorShape::FLOAT32; type <= TensorShape::UINT8; ++type) {
       SCOPED_TRACE(testing::Message() << c.value << " in type " << type);
-      auto const from = Random(device, {2, 3, 5, 2, 3}, TensorShape::GNCHW, type);
-      auto const to = Function_Tensor_GNCHW_Concat_Value(from, c.value, device);
+      auto const from = Random({2, 3, 5, 2, 3}, TensorShape::GNCHW, type);
+      auto const to = Function_Tensor_GNCHW_Concat_Value(from, c.value, device_);
       ASSERT_EQ((Dims{2, 4, 8, 2, 3}), to->shape.dims);
       EXPECT_EQ(0, to->shape.extra.step_size);
       unsigned int const bytes = runtime::ElementSize(type);
@@ -278,8 +235,7 @@ TEST(TransformFallback, FillsAddedWeightsWithOneByte) {
   }
 }
 
-TEST(TransformFallback, PacksArrays) {
-  auto const device = test::GuardedContext()->device_cpu;
+TEST_F(TransformFallback, PacksArrays) {
   std::vector<float> values(2 * 3 * 5 * 2 * 3);
   std::iota(values.begin(), values.end(), 1.0f);  // no zero among them: an added place shows
   std::vector<half_float::half> const halves(values.begin(), values.end());
@@ -291,26 +247,25 @@ TEST(TransformFallback, PacksArrays) {
     }
     return want;
   };
-  auto const packed = Function_FloatArray_GNCHW_To_GN4C4HW4c4n_Fallback(values, 2, 3, 5, 2, 3, device);
+  auto const packed = Function_FloatArray_GNCHW_To_GN4C4HW4c4n_Fallback(values, 2, 3, 5, 2, 3, device_);
   EXPECT_EQ(by_place(false), packed);
-  EXPECT_EQ(packed, Function_FloatArray_GNCHW_To_GC4N4HW4c4n_Fallback(values, 2, 3, 5, 2, 3, device));
-  EXPECT_EQ(by_place(true), Function_FloatArray_GNCHW_To_GHWN4C44c4n_Fallback(values, 2, 3, 5, 2, 3, device));
-  auto const packed_halves = Function_HalfArray_GNCHW_To_GN4C4HW4c4n_Fallback(halves, 2, 3, 5, 2, 3, device);
+  EXPECT_EQ(packed, Function_FloatArray_GNCHW_To_GC4N4HW4c4n_Fallback(values, 2, 3, 5, 2, 3, device_));
+  EXPECT_EQ(by_place(true), Function_FloatArray_GNCHW_To_GHWN4C44c4n_Fallback(values, 2, 3, 5, 2, 3, device_));
+  auto const packed_halves = Function_HalfArray_GNCHW_To_GN4C4HW4c4n_Fallback(halves, 2, 3, 5, 2, 3, device_);
   EXPECT_EQ(packed, std::vector<float>(packed_halves.begin(), packed_halves.end()));
 
-  auto const depthwise = Function_FloatArray_GNCHW_To_G4NCHW4_Fallback(values, 8, 1, 1, 1, 3, device);
+  auto const depthwise = Function_FloatArray_GNCHW_To_G4NCHW4_Fallback(values, 8, 1, 1, 1, 3, device_);
   ASSERT_EQ(24u, depthwise.size());  // the leading ones of 180 values
   for (std::size_t i = 0; i < 24; ++i) EXPECT_EQ(values[i], depthwise[i / 12 * 12 + i % 3 * 4 + i / 3 % 4]);
-  auto const depthwise_halves = Function_HalfArray_GNCHW_To_G4NCHW4_Fallback(halves, 8, 1, 1, 1, 3, device);
+  auto const depthwise_halves = Function_HalfArray_GNCHW_To_G4NCHW4_Fallback(halves, 8, 1, 1, 1, 3, device_);
   EXPECT_EQ(depthwise, std::vector<float>(depthwise_halves.begin(), depthwise_halves.end()));
 
-  EXPECT_NE(std::string::npos, test::RefusalOf([&] {
-                                 Function_FloatArray_GNCHW_To_GN4C4HW4c4n_Fallback(values, 2, 3, 5, 2, 4, device);
-                               }).find("180 values, needs 240"));
-  EXPECT_NE("", test::RefusalOf([&] { Function_HalfArray_GNCHW_To_G4NCHW4_Fallback(halves, 6, 1, 1, 1, 3, device); }));
-  EXPECT_NE("", test::RefusalOf(
-                    [&] { Function_FloatArray_GNCHW_To_GHWN4C44c4n_Fallback(values, 65536, 65536, 1, 1, 1, device); }));
+  EXPECT_NE(std::string::npos,
+            Refusal(Function_FloatArray_GNCHW_To_GN4C4HW4c4n_Fallback, values, 2, 3, 5, 2, 4, device_)
+                .find("180 values, needs 240"));
+  EXPECT_NE("", Refusal(Function_HalfArray_GNCHW_To_G4NCHW4_Fallback, halves, 6, 1, 1, 1, 3, device_));
+  EXPECT_NE("", Refusal(Function_FloatArray_GNCHW_To_GHWN4C44c4n_Fallback, values, 65536, 65536, 1, 1, 1, device_));
 }
 
 }  // namespace
-}  // namespace talvo
+}  // namespace talvo::test
