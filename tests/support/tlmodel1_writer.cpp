@@ -1,7 +1,7 @@
 #include "tests/support/tlmodel1_writer.h"
 
+#include <array>
 #include <cstdio>
-#include <stdexcept>
 
 #include "tests/support/bits.h"
 
@@ -30,14 +30,6 @@ std::vector<float> HalfFloats(std::uint32_t seed, std::size_t count) {
   return values;
 }
 
-TLModel1Writer::TLModel1Writer(unsigned int version) : version_(version) {
-  Put({0x5555, 0, version & 0xFFFF, version >> 16});
-  PutUnread(2);
-  Put({77, 0, 88, 0, 64, 0, 64, 0});
-  PutUnread(484);
-  Put({0xAAAA, 0});
-}
-
 void TLModel1Writer::Put(std::initializer_list<unsigned int> numbers_of_16_bits) {
   for (unsigned int const number : numbers_of_16_bits) {
     bytes += static_cast<char>(number & 0xFF);
@@ -45,216 +37,156 @@ void TLModel1Writer::Put(std::initializer_list<unsigned int> numbers_of_16_bits)
   }
 }
 
-void TLModel1Writer::PutUnread(unsigned int count) {
-  for (unsigned int i = 0; i < count; ++i) Put({0xDEAD});
+namespace {
+
+void PutUnread(TLModel1Writer& file, int count) {
+  for (int i = 0; i < count; ++i) file.Put({0xDEAD});
 }
 
-void TLModel1Writer::PutShape(QZShape const& shape) { Put({shape.width.Bits(), shape.height.Bits(), shape.channels}); }
+// The fields of each record between its id and its end, as files of `version` hold them.
+class BodyWriter {
+ public:
+  BodyWriter(TLModel1Writer& file, unsigned int version) : file_(file), version_(version) {}
 
-void TLModel1Writer::PutTensor(QZTensorDescriptor const& tensor) {
-  PutUnread(2);
-  Put({tensor.dimension_count});
-  for (unsigned short const dimension : tensor.dimensions) Put({dimension});
-}
-
-void TLModel1Writer::PutHalves(std::vector<float> const& values) {
-  for (float const value : values) Put({half(value).Bits()});
-}
-
-void TLModel1Writer::PutPlanes(QZLayerInfo const& layer) {
-  Put({layer.input_ids[0]});
-  PutShape(layer.output_shapes[0]);
-  PutShape(layer.input_shapes[0]);
-}
-
-void TLModel1Writer::PutTensors(QZFreezedLayerInfo const& layer) {
-  PutTensor(layer.input_tensor);
-  PutTensor(layer.output_tensor);
-}
-
-void TLModel1Writer::PutSlots(QZLayerInfo const& layer) {
-  Put({layer.input_count});
-  for (unsigned short const id : layer.input_ids) Put({id});
-}
-
-void TLModel1Writer::PutBody(QZLayerInfo_Input const& layer) {
-  PutShape(layer.output_shapes[0]);
-  Put({layer.value});
-}
-
-void TLModel1Writer::PutBody(QZLayerInfo_Conv2D const& l) {
-  PutPlanes(l);
-  Put({l.kernel_x, l.kernel_y, l.pad_x, l.pad_y, l.stride_x, l.stride_y, l.dilation_x, l.dilation_y, l.if_bias,
-       l.activation});
-  if (version_ > 10000) {
-    Put({l.groups});
-    PutUnread(10);
+  void Body(QZLayerInfo_Input const& l) { Put(l.output_shapes[0], l.value); }
+  void Body(QZLayerInfo_Conv2D const& l) {
+    PutPlanes(l);
+    PutWindow(l);
+    Put(l.dilation_x, l.dilation_y, l.if_bias, l.activation);
+    if (version_ > 10000) {
+      Put(l.groups);
+      PutUnread(file_, 10);
+    }
+    Put(l.weights, l.bias);
   }
-  PutHalves(l.weights);
-  PutHalves(l.bias);
-}
+  void Body(QZLayerInfo_Conv2DTranspose const& l) {
+    PutPlanes(l);
+    PutWindow(l);
+    Put(l.if_bias, l.activation);
+    if (version_ >= 10003) Put(l.group_divisor);
+    Put(l.weights, l.bias);
+  }
+  void Body(QZLayerInfo_DepthWiseConv2D const& l) { PutDepthWise(l); }
+  void Body(QZLayerInfo_DepthWiseConv2DTranspose const& l) { PutDepthWise(l); }
+  void Body(QZLayerInfo_PixelShuffle const& l) {
+    PutPlanes(l);
+    Put(l.upscale_factor);
+  }
+  void Body(QZLayerInfo_Pooling const& l) {
+    PutPlanes(l);
+    PutWindow(l);
+    Put(l.kind);
+  }
+  void Body(QZLayerInfo_InstanceNormalization const& l) { Put(l.input_ids[0], l.input_shapes[0]); }
+  void Body(QZLayerInfo_BatchNormalization const& l) {
+    Put(l.input_ids[0], l.input_shapes[0], l.scale, l.shift, l.variance, l.mean);
+  }
+  void Body(QZLayerInfo_Activation const& l) { Put(l.input_ids[0], l.input_shapes[0], l.kind, l.alpha, l.beta); }
+  void Body(QZLayerInfo_Region const& l) { Put(l.input_ids[0], l.input_shapes[0], l.values); }
+  void Body(QZLayerInfo_ElementWiseOperator const& l) {
+    Put(l.input_count, l.input_ids, l.output_shapes[0], l.op, l.activation);
+  }
+  void Body(QZLayerInfo_Concatenate const& l) {
+    Put(l.input_count, l.input_ids, l.input_shapes, l.output_shapes[0], l.axis);
+  }
+  void Body(QZLayerInfo_Upsampling const& l) {
+    PutPlanes(l);
+    Put(l.scale_factor, l.mode);
+    if (version_ >= 10007) Put(l.align_corner);
+  }
+  void Body(QZLayerInfo_ChannelShuffle const& l) {
+    Put(l.input_ids[0], l.input_shapes[0]);
+    PutUnread(file_, 10);
+    Put(l.order);
+  }
+  void Body(QZLayerInfo_TensorInput const& l) { Put(l.location, l.output_tensor); }
+  void Body(QZLayerInfo_TensorReshape const& l) { Put(l.input_ids[0], l.input_tensor, l.output_tensor); }
+  void Body(QZLayerInfo_TensorTranspose const& l) { Put(l.input_ids[0], l.input_tensor, l.output_tensor, l.axes); }
+  void Body(QZLayerInfo_TensorSqueeze const& l) { Put(l.input_ids[0], l.dimension, l.input_tensor, l.output_tensor); }
+  void Body(QZLayerInfo_FullConnection const& l) {
+    Put(l.input_ids[0], l.in_features, l.out_features, l.if_bias, l.input_tensor, l.output_tensor, l.weights, l.bias);
+  }
+  void Body(QZLayerInfo_LSTM const& l) {
+    Put(l.input_ids[0], l.in_size, l.hidden_size, l.num_layers, l.if_bias, l.bidirectional);
+    if (version_ >= 10009) Put(l.stacking);
+    Put(l.input_tensor, l.output_tensor);
+    for (std::size_t i = 0; i < l.forward.size(); ++i) {
+      Put(l.forward[i]);
+      if (l.bidirectional != 0) Put(l.reverse[i]);
+    }
+  }
+  void Body(QZLayerInfo_TensorActivation const& l) { Put(l.input_ids[0], l.input_tensor, l.kind, l.alpha, l.beta); }
 
-void TLModel1Writer::PutBody(QZLayerInfo_Conv2DTranspose const& l) {
-  PutPlanes(l);
-  Put({l.kernel_x, l.kernel_y, l.pad_x, l.pad_y, l.stride_x, l.stride_y, l.if_bias, l.activation});
-  if (version_ >= 10003) Put({l.group_divisor});
-  PutHalves(l.weights);
-  PutHalves(l.bias);
-}
+ private:
+  template <class... Fields>
+  void Put(Fields const&... fields) {
+    (Field(fields), ...);
+  }
+  template <class Layer>
+  void PutPlanes(Layer const& l) {
+    Put(l.input_ids[0], l.output_shapes[0], l.input_shapes[0]);
+  }
+  template <class Window>
+  void PutWindow(Window const& w) {
+    Put(w.kernel_x, w.kernel_y, w.pad_x, w.pad_y, w.stride_x, w.stride_y);
+  }
+  template <class DepthWise>
+  void PutDepthWise(DepthWise const& l) {
+    PutPlanes(l);
+    Put(l.multiplier);
+    PutWindow(l);
+    Put(l.dilation_x, l.dilation_y, l.if_bias, l.activation, l.weights, l.bias);
+  }
 
-template <class DepthWise>
-void TLModel1Writer::PutDepthWise(DepthWise const& l) {
-  PutPlanes(l);
-  Put({l.multiplier, l.kernel_x, l.kernel_y, l.pad_x, l.pad_y, l.stride_x, l.stride_y, l.dilation_x, l.dilation_y,
-       l.if_bias, l.activation});
-  PutHalves(l.weights);
-  PutHalves(l.bias);
-}
+  void Field(unsigned short number) { file_.Put({number}); }
+  void Field(half number) { file_.Put({number.Bits()}); }
+  void Field(float number) { Field(half(number)); }
+  void Field(QZShape const& shape) { Put(shape.width, shape.height, shape.channels); }
+  void Field(QZTensorDescriptor const& tensor) {
+    PutUnread(file_, 2);
+    Put(tensor.dimension_count, tensor.dimensions);
+  }
+  void Field(QZLSTMWeights const& w) { Put(w.weight_ih, w.weight_hh, w.bias_ih, w.bias_hh); }
+  template <class T>
+  void Field(std::vector<T> const& values) {
+    for (T const& value : values) Field(value);
+  }
+  template <std::size_t kCount>
+  void Field(std::array<unsigned short, kCount> const& numbers) {
+    for (unsigned short const number : numbers) Field(number);
+  }
 
-void TLModel1Writer::PutBody(QZLayerInfo_DepthWiseConv2D const& layer) { PutDepthWise(layer); }
+  TLModel1Writer& file_;
+  unsigned int version_;
+};
 
-void TLModel1Writer::PutBody(QZLayerInfo_DepthWiseConv2DTranspose const& layer) { PutDepthWise(layer); }
-
-void TLModel1Writer::PutBody(QZLayerInfo_PixelShuffle const& layer) {
-  PutPlanes(layer);
-  Put({layer.upscale_factor.Bits()});
-}
-
-void TLModel1Writer::PutBody(QZLayerInfo_Pooling const& l) {
-  PutPlanes(l);
-  Put({l.kernel_x, l.kernel_y, l.pad_x, l.pad_y, l.stride_x, l.stride_y, l.kind});
-}
-
-void TLModel1Writer::PutBody(QZLayerInfo_InstanceNormalization const& layer) {
-  Put({layer.input_ids[0]});
-  PutShape(layer.input_shapes[0]);
-}
-
-void TLModel1Writer::PutBody(QZLayerInfo_BatchNormalization const& layer) {
-  Put({layer.input_ids[0]});
-  PutShape(layer.input_shapes[0]);
-  for (auto const* const values : {&layer.scale, &layer.shift, &layer.variance, &layer.mean}) PutHalves(*values);
-}
-
-void TLModel1Writer::PutBody(QZLayerInfo_Activation const& layer) {
-  Put({layer.input_ids[0]});
-  PutShape(layer.input_shapes[0]);
-  Put({layer.kind, layer.alpha.Bits(), layer.beta.Bits()});
-}
-
-void TLModel1Writer::PutBody(QZLayerInfo_Region const& layer) {
-  Put({layer.input_ids[0]});
-  PutShape(layer.input_shapes[0]);
-  Put({layer.values[0], layer.values[1], layer.values[2]});
-}
-
-void TLModel1Writer::PutBody(QZLayerInfo_ElementWiseOperator const& layer) {
-  PutSlots(layer);
-  PutShape(layer.output_shapes[0]);
-  Put({layer.op, layer.activation});
-}
-
-void TLModel1Writer::PutBody(QZLayerInfo_Concatenate const& layer) {
-  PutSlots(layer);
-  for (QZShape const& shape : layer.input_shapes) PutShape(shape);
-  PutShape(layer.output_shapes[0]);
-  Put({layer.axis});
-}
-
-void TLModel1Writer::PutBody(QZLayerInfo_Upsampling const& layer) {
-  PutPlanes(layer);
-  Put({layer.scale_factor.Bits(), layer.mode});
-  if (version_ >= 10007) Put({layer.align_corner});
-}
-
-void TLModel1Writer::PutBody(QZLayerInfo_ChannelShuffle const& layer) {
-  Put({layer.input_ids[0]});
-  PutShape(layer.input_shapes[0]);
-  PutUnread(10);
-  for (unsigned short const channel : layer.order) Put({channel});
-}
-
-void TLModel1Writer::PutBody(QZLayerInfo_TensorInput const& layer) {
-  Put({layer.location});
-  PutTensor(layer.output_tensor);
-}
-
-void TLModel1Writer::PutBody(QZLayerInfo_TensorReshape const& layer) {
-  Put({layer.input_ids[0]});
-  PutTensors(layer);
-}
-
-void TLModel1Writer::PutBody(QZLayerInfo_TensorTranspose const& layer) {
-  Put({layer.input_ids[0]});
-  PutTensors(layer);
-  for (unsigned short const axis : layer.axes) Put({axis});
-}
-
-void TLModel1Writer::PutBody(QZLayerInfo_TensorSqueeze const& layer) {
-  Put({layer.input_ids[0], layer.dimension});
-  PutTensors(layer);
-}
-
-void TLModel1Writer::PutBody(QZLayerInfo_FullConnection const& layer) {
-  Put({layer.input_ids[0], layer.in_features, layer.out_features, layer.if_bias});
-  PutTensors(layer);
-  PutHalves(layer.weights);
-  PutHalves(layer.bias);
-}
-
-void TLModel1Writer::PutBody(QZLayerInfo_LSTM const& l) {
-  Put({l.input_ids[0], l.in_size, l.hidden_size, l.num_layers, l.if_bias, l.bidirectional});
-  if (version_ >= 10009) Put({l.stacking});
-  PutTensors(l);
-  auto const put = [this](QZLSTMWeights const& weights) {
-    for (auto const* const values : {&weights.weight_ih, &weights.weight_hh, &weights.bias_ih, &weights.bias_hh})
-      PutHalves(*values);
+template <class... Layers>
+void PutBodyOf(QZLayerInfo const& layer, BodyWriter writer) {
+  auto const put = [&writer](auto const* record) {
+    if (record != nullptr) writer.Body(*record);
   };
-  for (std::size_t i = 0; i < l.forward.size(); ++i) {
-    put(l.forward[i]);
-    if (l.bidirectional != 0) put(l.reverse[i]);
-  }
+  (put(dynamic_cast<Layers const*>(&layer)), ...);
 }
 
-void TLModel1Writer::PutBody(QZLayerInfo_TensorActivation const& layer) {
-  Put({layer.input_ids[0]});
-  PutTensor(layer.input_tensor);
-  Put({layer.kind, layer.alpha.Bits(), layer.beta.Bits()});
+}  // namespace
+
+TLModel1Writer::TLModel1Writer(unsigned int version) : version_(version) {
+  Put({0x5555, 0, version & 0xFFFF, version >> 16});
+  PutUnread(*this, 2);
+  Put({77, 0, 88, 0, 64, 0, 64, 0});
+  PutUnread(*this, 484);
+  Put({0xAAAA, 0});
 }
 
 void TLModel1Writer::Add(QZLayerInfo const& layer) {
   Put({0x5555, layer.type, layer.id});
-#define TALVO_PUT(type, name)                               \
-  case type:                                                \
-    PutBody(static_cast<QZLayerInfo_##name const&>(layer)); \
-    break
-  switch (layer.type) {
-    TALVO_PUT(0, Input);
-    TALVO_PUT(1, Conv2D);
-    TALVO_PUT(2, Conv2DTranspose);
-    TALVO_PUT(3, DepthWiseConv2D);
-    TALVO_PUT(4, PixelShuffle);
-    TALVO_PUT(5, Pooling);
-    TALVO_PUT(6, InstanceNormalization);
-    TALVO_PUT(7, BatchNormalization);
-    TALVO_PUT(8, Activation);
-    TALVO_PUT(9, Region);
-    TALVO_PUT(10, ElementWiseOperator);
-    TALVO_PUT(11, Concatenate);
-    TALVO_PUT(14, Upsampling);
-    TALVO_PUT(15, ChannelShuffle);
-    TALVO_PUT(16, DepthWiseConv2DTranspose);
-    TALVO_PUT(17, TensorInput);
-    TALVO_PUT(18, TensorReshape);
-    TALVO_PUT(19, TensorTranspose);
-    TALVO_PUT(20, TensorSqueeze);
-    TALVO_PUT(21, FullConnection);
-    TALVO_PUT(22, LSTM);
-    TALVO_PUT(26, TensorActivation);
-    default:
-      throw std::invalid_argument("no first-generation layer has this type");
-  }
-#undef TALVO_PUT
+  PutBodyOf<QZLayerInfo_Input, QZLayerInfo_Conv2D, QZLayerInfo_Conv2DTranspose, QZLayerInfo_DepthWiseConv2D,
+            QZLayerInfo_DepthWiseConv2DTranspose, QZLayerInfo_PixelShuffle, QZLayerInfo_Pooling,
+            QZLayerInfo_InstanceNormalization, QZLayerInfo_BatchNormalization, QZLayerInfo_Activation,
+            QZLayerInfo_Region, QZLayerInfo_ElementWiseOperator, QZLayerInfo_Concatenate, QZLayerInfo_Upsampling,
+            QZLayerInfo_ChannelShuffle, QZLayerInfo_TensorInput, QZLayerInfo_TensorReshape, QZLayerInfo_TensorTranspose,
+            QZLayerInfo_TensorSqueeze, QZLayerInfo_FullConnection, QZLayerInfo_LSTM, QZLayerInfo_TensorActivation>(
+      layer, BodyWriter(*this, version_));
   Put({0xAAAA});
 }
 

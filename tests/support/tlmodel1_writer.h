@@ -45,39 +45,6 @@ class TLModel1Writer {
   std::string bytes;
 
  private:
-  void PutShape(talvo1::QZShape const& shape);
-  void PutTensor(talvo1::QZTensorDescriptor const& tensor);
-  void PutHalves(std::vector<float> const& values);
-  void PutUnread(unsigned int count);
-  void PutPlanes(talvo1::QZLayerInfo const& layer);
-  void PutTensors(talvo1::QZFreezedLayerInfo const& layer);
-  void PutSlots(talvo1::QZLayerInfo const& layer);
-
-  void PutBody(talvo1::QZLayerInfo_Input const& layer);
-  void PutBody(talvo1::QZLayerInfo_Conv2D const& layer);
-  void PutBody(talvo1::QZLayerInfo_Conv2DTranspose const& layer);
-  template <class DepthWise>
-  void PutDepthWise(DepthWise const& layer);
-  void PutBody(talvo1::QZLayerInfo_DepthWiseConv2D const& layer);
-  void PutBody(talvo1::QZLayerInfo_DepthWiseConv2DTranspose const& layer);
-  void PutBody(talvo1::QZLayerInfo_PixelShuffle const& layer);
-  void PutBody(talvo1::QZLayerInfo_Pooling const& layer);
-  void PutBody(talvo1::QZLayerInfo_InstanceNormalization const& layer);
-  void PutBody(talvo1::QZLayerInfo_BatchNormalization const& layer);
-  void PutBody(talvo1::QZLayerInfo_Activation const& layer);
-  void PutBody(talvo1::QZLayerInfo_Region const& layer);
-  void PutBody(talvo1::QZLayerInfo_ElementWiseOperator const& layer);
-  void PutBody(talvo1::QZLayerInfo_Concatenate const& layer);
-  void PutBody(talvo1::QZLayerInfo_Upsampling const& layer);
-  void PutBody(talvo1::QZLayerInfo_ChannelShuffle const& layer);
-  void PutBody(talvo1::QZLayerInfo_TensorInput const& layer);
-  void PutBody(talvo1::QZLayerInfo_TensorReshape const& layer);
-  void PutBody(talvo1::QZLayerInfo_TensorTranspose const& layer);
-  void PutBody(talvo1::QZLayerInfo_TensorSqueeze const& layer);
-  void PutBody(talvo1::QZLayerInfo_FullConnection const& layer);
-  void PutBody(talvo1::QZLayerInfo_LSTM const& layer);
-  void PutBody(talvo1::QZLayerInfo_TensorActivation const& layer);
-
   unsigned int version_;
 };
 
