@@ -160,7 +160,7 @@ TEST(InferenceParam, IsMadeByTheNamesOfConfigurations) {
     auto const param = std::dynamic_pointer_cast<InferenceParam>(entry.make());
     if (param == nullptr) continue;
     EXPECT_EQ(param->GetClassName(), entry.name);
-    auto const by_name = CreateInferenceParamPtr(entry.name);
+    auto const by_name = CreateInferenceParamPtr(entry.name.c_str());
     if (by_name == nullptr) continue;
     EXPECT_EQ(by_name->GetClassName(), entry.name);
     ++made;

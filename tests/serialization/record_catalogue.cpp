@@ -2,15 +2,18 @@
 
 #include "tests/serialization/record_catalogue.h"
 
+#include <cxxabi.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
 #include <string_view>
 #include <type_traits>
+#include <typeinfo>
 
 #include "talvo/runtime/tensor.h"
 #include "talvo/talvo.h"
@@ -22,30 +25,18 @@ using namespace runtime;
 using half_float::half;
 
 template <class T>
-constexpr char const* kKind = nullptr;
-template <>
-constexpr char const* kKind<float> = "float";
-template <>
-constexpr char const* kKind<half> = "half";
-template <>
-constexpr char const* kKind<bool> = "bool";
-template <>
-constexpr char const* kKind<short> = "i16";
-template <>
-constexpr char const* kKind<unsigned short> = "u16";
-template <>
-constexpr char const* kKind<int> = "i32";
-template <>
-constexpr char const* kKind<unsigned int> = "u32";
-template <>
-constexpr char const* kKind<unsigned long long> = "u64";
-template <>
-constexpr char const* kKind<std::string> = "string";
-
-template <class T>
 std::string KindOf(T const*) {
-  return kKind<T> == nullptr ? "a kind that no record uses" : kKind<T>;
+  return "a kind that no record uses";
 }
+std::string KindOf(float const*) { return "float"; }
+std::string KindOf(half const*) { return "half"; }
+std::string KindOf(bool const*) { return "bool"; }
+std::string KindOf(short const*) { return "i16"; }
+std::string KindOf(unsigned short const*) { return "u16"; }
+std::string KindOf(int const*) { return "i32"; }
+std::string KindOf(unsigned int const*) { return "u32"; }
+std::string KindOf(unsigned long long const*) { return "u64"; }
+std::string KindOf(std::string const*) { return "string"; }
 template <class T>
 std::string KindOf(std::vector<T> const*) {
   return "vector<" + KindOf(static_cast<T const*>(nullptr)) + ">";
@@ -132,104 +123,40 @@ class Filler : private JSONStorage, public JSONNodeGetter {
   int& count_;
 };
 
-template <class Record>
-RecordClass Entry(char const* name) {
-  return {name, [] { return std::make_shared<Record>(); }};
+template <class... Records>
+std::vector<RecordClass> Catalogue() {
+  auto const name = [](std::type_info const& type) {
+    std::unique_ptr<char, void (*)(void*)> const text(abi::__cxa_demangle(type.name(), nullptr, nullptr, nullptr),
+                                                      &std::free);
+    std::string const full = text.get();
+    return full.substr(full.rfind(':') + 1);
+  };
+  return {{name(typeid(Records)), [] { return std::make_shared<Records>(); }}...};
 }
 
 }  // namespace
 
 std::vector<RecordClass> const& RecordCatalogue() {
-  using Extra = TensorShape::Extra;
-#define TALVO_ENTRY(name) Entry<name>(#name)
-  static std::vector<RecordClass> const catalogue = {
-      TALVO_ENTRY(Serializable),
-      TALVO_ENTRY(Extra),
-      TALVO_ENTRY(TensorShape),
-      TALVO_ENTRY(TimeInfo),
-      TALVO_ENTRY(NetExtraInfo),
-      TALVO_ENTRY(TensorDimemsionSamplingInfo),
-      TALVO_ENTRY(TensorInfo),
-      TALVO_ENTRY(TLModelInfo),
-      TALVO_ENTRY(TLModelInfoArr),
-      TALVO_ENTRY(TLNModel),
-      TALVO_ENTRY(KernelCfg),
-      TALVO_ENTRY(KernelCfgArr),
-      TALVO_ENTRY(LayerCfg),
-      TALVO_ENTRY(TLModelCfg),
-      TALVO_ENTRY(TLModelMultiBackendCfgs),
-      TALVO_ENTRY(TLModelMultiBackendCfgsArr),
-      TALVO_ENTRY(InferenceParamActQuant),
-      TALVO_ENTRY(InferenceParamFullConnectionQuant),
-      TALVO_ENTRY(InferenceParamUpsampling2DQuant),
-      TALVO_ENTRY(InferenceParamConv2DQuant),
-      TALVO_ENTRY(InferenceParamConv2DCUDA),
-      TALVO_ENTRY(InferenceParamVulkan),
-      TALVO_ENTRY(InferenceParamConv2DVulkan),
-      TALVO_ENTRY(InferenceParamOpenGLCompute),
-      TALVO_ENTRY(InferenceParamConv2DOpenGLCompute),
-      TALVO_ENTRY(InferenceParamConvTranspose2DOpenGLCompute),
-      TALVO_ENTRY(InferenceParamElementwiseOpenGLCompute),
-      TALVO_ENTRY(InferenceParamActivationOpenGLCompute),
-      TALVO_ENTRY(InferenceParamConcatOpenGLCompute),
-      TALVO_ENTRY(InferenceParamUpsampling2DOpenGLCompute),
-      TALVO_ENTRY(InferenceParamPixelShuffleOpenGLCompute),
-      TALVO_ENTRY(InferenceParamPooling2DOpenGLCompute),
-      TALVO_ENTRY(InferenceParamFullConnectionOpenGLCompute),
-      TALVO_ENTRY(InferenceParamTensorReshapeOpenGLCompute),
-      TALVO_ENTRY(InferenceParamTensorExpandOpenGLCompute),
-      TALVO_ENTRY(InferenceParamBroadcastOpenGLCompute),
-      TALVO_ENTRY(InferenceParamLuaCustomMetalCompute),
-      TALVO_ENTRY(InferenceParamMetalComputeFusedActivation),
-      TALVO_ENTRY(InferenceParamConv2dMetalCompute),
-      TALVO_ENTRY(InferenceParamElementwiseMetalCompute),
-      TALVO_ENTRY(InferenceParamConcatenateMetalCompute),
-      TALVO_ENTRY(InferenceParamMetalComputeCommon),
-      TALVO_ENTRY(LayerInfo),
-      TALVO_ENTRY(InputInfo),
-      TALVO_ENTRY(LayerPlaceholderInfo),
-      TALVO_ENTRY(Pad1dInfo),
-      TALVO_ENTRY(Pad2dInfo),
-      TALVO_ENTRY(ActivationInfo),
-      TALVO_ENTRY(ClipInfo),
-      TALVO_ENTRY(SoftmaxInfo),
-      TALVO_ENTRY(Conv1dInfo),
-      TALVO_ENTRY(Conv2dInfo),
-      TALVO_ENTRY(ConvTranspose2dInfo),
-      TALVO_ENTRY(SQFCConv2dInfo),
-      TALVO_ENTRY(SQFCConv2dFoldedBNInfo),
-      TALVO_ENTRY(AvgPool2dInfo),
-      TALVO_ENTRY(MaxPool2dInfo),
-      TALVO_ENTRY(AdaptiveAvgPool2dInfo),
-      TALVO_ENTRY(AdaptiveMaxPool2dInfo),
-      TALVO_ENTRY(ElementWiseOperatorInfo),
-      TALVO_ENTRY(BroadcastOperatorInfo),
-      TALVO_ENTRY(BatchNorm2dInfo),
-      TALVO_ENTRY(BatchNorm1dInfo),
-      TALVO_ENTRY(InstanceNorm2dInfo),
-      TALVO_ENTRY(Upsample2dInfo),
-      TALVO_ENTRY(GridSampleInfo),
-      TALVO_ENTRY(ConcatenateInfo),
-      TALVO_ENTRY(PixelShuffleInfo),
-      TALVO_ENTRY(SpaceToDepthInfo),
-      TALVO_ENTRY(TensorReshapeInfo),
-      TALVO_ENTRY(TensorExpandInfo),
-      TALVO_ENTRY(TensorTransposeInfo),
-      TALVO_ENTRY(TensorArithmeticInfo),
-      TALVO_ENTRY(TensorSliceInfo),
-      TALVO_ENTRY(TensorSqueezeInfo),
-      TALVO_ENTRY(TensorUnSqueezeInfo),
-      TALVO_ENTRY(FullConnectionInfo),
-      TALVO_ENTRY(GemmInfo),
-      TALVO_ENTRY(TensorGetItemInfo),
-      TALVO_ENTRY(RNNCellInfo),
-      TALVO_ENTRY(LSTMCellInfo),
-      TALVO_ENTRY(GRUCellInfo),
-      TALVO_ENTRY(RNNInfo),
-      TALVO_ENTRY(LSTMInfo),
-      TALVO_ENTRY(GRUInfo),
-  };
-#undef TALVO_ENTRY
+  static std::vector<RecordClass> const catalogue = Catalogue<
+      Serializable, TensorShape::Extra, TensorShape, TimeInfo, NetExtraInfo, TensorDimemsionSamplingInfo, TensorInfo,
+      TLModelInfo, TLModelInfoArr, TLNModel, KernelCfg, KernelCfgArr, LayerCfg, TLModelCfg, TLModelMultiBackendCfgs,
+      TLModelMultiBackendCfgsArr, InferenceParamActQuant, InferenceParamFullConnectionQuant,
+      InferenceParamUpsampling2DQuant, InferenceParamConv2DQuant, InferenceParamConv2DCUDA, InferenceParamVulkan,
+      InferenceParamConv2DVulkan, InferenceParamOpenGLCompute, InferenceParamConv2DOpenGLCompute,
+      InferenceParamConvTranspose2DOpenGLCompute, InferenceParamElementwiseOpenGLCompute,
+      InferenceParamActivationOpenGLCompute, InferenceParamConcatOpenGLCompute, InferenceParamUpsampling2DOpenGLCompute,
+      InferenceParamPixelShuffleOpenGLCompute, InferenceParamPooling2DOpenGLCompute,
+      InferenceParamFullConnectionOpenGLCompute, InferenceParamTensorReshapeOpenGLCompute,
+      InferenceParamTensorExpandOpenGLCompute, InferenceParamBroadcastOpenGLCompute,
+      InferenceParamLuaCustomMetalCompute, InferenceParamMetalComputeFusedActivation, InferenceParamConv2dMetalCompute,
+      InferenceParamElementwiseMetalCompute, InferenceParamConcatenateMetalCompute, InferenceParamMetalComputeCommon,
+      LayerInfo, InputInfo, LayerPlaceholderInfo, Pad1dInfo, Pad2dInfo, ActivationInfo, ClipInfo, SoftmaxInfo,
+      Conv1dInfo, Conv2dInfo, ConvTranspose2dInfo, SQFCConv2dInfo, SQFCConv2dFoldedBNInfo, AvgPool2dInfo, MaxPool2dInfo,
+      AdaptiveAvgPool2dInfo, AdaptiveMaxPool2dInfo, ElementWiseOperatorInfo, BroadcastOperatorInfo, BatchNorm2dInfo,
+      BatchNorm1dInfo, InstanceNorm2dInfo, Upsample2dInfo, GridSampleInfo, ConcatenateInfo, PixelShuffleInfo,
+      SpaceToDepthInfo, TensorReshapeInfo, TensorExpandInfo, TensorTransposeInfo, TensorArithmeticInfo, TensorSliceInfo,
+      TensorSqueezeInfo, TensorUnSqueezeInfo, FullConnectionInfo, GemmInfo, TensorGetItemInfo, RNNCellInfo,
+      LSTMCellInfo, GRUCellInfo, RNNInfo, LSTMInfo, GRUInfo>();
   return catalogue;
 }
 

@@ -11,7 +11,7 @@
 namespace talvo::test {
 
 struct RecordClass {
-  char const* name;
+  std::string name;
   std::function<std::shared_ptr<runtime::Serializable>()> make;
 };
 

@@ -70,7 +70,7 @@ TEST(Records, ComeBackFromBothFormsAsTheyWere) {
   LogCapture const quiet;
   for (RecordClass const& entry : RecordCatalogue()) {
     for (char const* form : {"bin", "json"}) {
-      SCOPED_TRACE(std::string(entry.name) + " as " + form);
+      SCOPED_TRACE(entry.name + " as " + form);
       auto const written = entry.make(), read = entry.make();
       FillFields(*written);
       std::string const bytes = Written(*written, form);
@@ -131,7 +131,7 @@ TEST(Records, BeginAFieldAtItsVersion) {
     SCOPED_TRACE(std::string(c.name) + "." + c.key);
     auto const& classes = RecordCatalogue();
     auto const entry =
-        std::find_if(classes.begin(), classes.end(), [&](auto const& e) { return e.name == std::string(c.name); });
+        std::find_if(classes.begin(), classes.end(), [&](auto const& e) { return e.name == c.name; });
     ASSERT_NE(entry, classes.end());
     auto const read = [&](unsigned int version) {
       std::string text = Written(*entry->make(), "json");
