@@ -130,8 +130,7 @@ TEST(Records, BeginAFieldAtItsVersion) {
         Case{"ActivationInfo", 20012, "num_parameters"}, Case{"ActivationInfo", 20012, "weight"}}) {
     SCOPED_TRACE(std::string(c.name) + "." + c.key);
     auto const& classes = RecordCatalogue();
-    auto const entry =
-        std::find_if(classes.begin(), classes.end(), [&](auto const& e) { return e.name == c.name; });
+    auto const entry = std::find_if(classes.begin(), classes.end(), [&](auto const& e) { return e.name == c.name; });
     ASSERT_NE(entry, classes.end());
     auto const read = [&](unsigned int version) {
       std::string text = Written(*entry->make(), "json");
