@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "talvo/kernel/rows/convolution_tile.h"
+#include "talvo/kernel/rows/phase_plane.h"
 #include "talvo/runtime/tensor_cpu.h"
 #include "talvo/utility/log.h"
 
@@ -118,47 +119,11 @@ void ConvolveBlock(ConvolutionShape const& shape, Block const& block, rows::Tile
   }
 }
 
-// Phases of a padded row: the columns of equal remainder by the stride.
-std::size_t PhaseCount(ConvolutionShape const& shape, Padding const& padding) {
-  return std::min(shape.stride_x, padding.padded_width);
-}
-
-// Floats from a row of a phase to the next.
-std::size_t PhasePitch(ConvolutionShape const& shape, Padding const& padding) {
-  return (padding.padded_width + shape.stride_x - 1) / shape.stride_x;
-}
-
-// Lays one plane into a padded one, [phase][row][column of the phase], whose borders are 0 already.
-void LayPlane(ConvolutionShape const& shape, Padding const& padding, float const* input, float* plane) {
-  std::size_t const pitch = PhasePitch(shape, padding), width = shape.in_width, stride = shape.stride_x;
-  auto const place = [&](std::size_t x) {  // of the first row's column x, below the stride
-    std::size_t const column = padding.left + x;
-    return plane + (column % stride * padding.padded_height + padding.top) * pitch + column / stride;
-  };
-  if (stride == 1) {
-    float* to = place(0);
-    for (std::size_t y = 0; y < shape.in_height; ++y, input += width, to += pitch) std::copy_n(input, width, to);
-  } else if (stride == 2) {
-    rows::SplitRows(input, width, shape.in_height, place(0), place(1), pitch);
-  } else {
-    for (std::size_t first = 0; first < std::min(stride, width); ++first) {
-      float* to = place(first);
-      for (std::size_t y = 0; y < shape.in_height; ++y, to += pitch) {
-        for (std::size_t x = first, i = 0; x < width; x += stride, ++i) to[i] = input[y * width + x];
-      }
-    }
-  }
-}
-
-// Where the kernel columns lie in the phases of a plane: see LayPlane.
-std::vector<std::size_t> PhaseTaps(ConvolutionShape const& shape, Padding const& padding) {
-  std::size_t const phase = padding.padded_height * PhasePitch(shape, padding);
-  std::vector<std::size_t> taps;
-  for (std::size_t kx = 0; kx < shape.kernel_x; ++kx) {
-    std::size_t const column = kx * shape.dilation_x;
-    taps.push_back(column % shape.stride_x * phase + column / shape.stride_x);
-  }
-  return taps;
+rows::PhasePlane PhasesOf(ConvolutionShape const& shape, Padding const& padding) {
+  return {shape.in_height,       shape.in_width,
+          padding.top,           padding.left,
+          padding.padded_height, padding.padded_width,
+          shape.stride_x,        rows::PhasePlane::PhaseWidth(padding.padded_width, shape.stride_x)};
 }
 
 // Output columns x = first, first + stride, ... that meet the same kernel columns, whose inputs move on by one.
@@ -347,11 +312,12 @@ void ConvolveByGroups(ConvolutionShape const& shape, Padding const& padding, Con
 void ConvolveByColumns(ConvolutionShape const& shape, Padding const& padding, ConvolutionData const& data,
                        runtime::DeviceCPU& device) {
   std::size_t const sum = shape.in_per_group * shape.kernel_y * shape.kernel_x;
-  std::size_t const pitch = PhasePitch(shape, padding),
-                    plane = PhaseCount(shape, padding) * padding.padded_height * pitch;
+  rows::PhasePlane const phases = PhasesOf(shape, padding);
+  std::size_t const plane = phases.Count(), pitch = phases.RowPitch();
   Scratch const scratch(device, shape.in_per_group * plane);
   std::fill_n(scratch.Data(), shape.in_per_group * plane, 0.0f);
-  auto const offsets = PhaseTaps(shape, padding);
+  std::vector<std::size_t> offsets;
+  for (std::size_t kx = 0; kx < shape.kernel_x; ++kx) offsets.push_back(phases.Place(kx * shape.dilation_x));
   rows::PlaneRun run{};
   run.input = scratch.Data();
   run.channels = shape.in_per_group;
@@ -366,7 +332,7 @@ void ConvolveByColumns(ConvolutionShape const& shape, Padding const& padding, Co
   for (std::size_t g = 0; g < shape.groups; ++g) {
     for (std::size_t c = 0; c < shape.in_per_group; ++c) {
       float const* const input = data.input + (g * shape.in_per_group + c) * shape.in_height * shape.in_width;
-      LayPlane(shape, padding, input, scratch.Data() + c * plane);
+      rows::LayPlane(input, phases, scratch.Data() + c * plane);
     }
     for (std::size_t o = g * shape.out_per_group; o < (g + 1) * shape.out_per_group; ++o) {
       run.weights = data.weights + o * sum;

@@ -3,6 +3,7 @@
 #include "talvo/kernel/rows/convolution_tile.h"
 #include "talvo/kernel/rows/elementwise_rows.h"
 #include "talvo/kernel/rows/instruction_sets.h"
+#include "talvo/kernel/rows/phase_plane.h"
 #include "tests/support/bits.h"
 
 namespace talvo::kernel::rows {
@@ -60,20 +61,22 @@ TEST(Rows, CopiesRowsThatStandApart) {
   }
 }
 
-TEST(Rows, SplitsRowsIntoEvenAndOdd) {
-  constexpr std::size_t kRows = 2;
+TEST(Rows, LaysPlanesSortedByPhase) {
   for (auto const set : RunnableSets()) {
     ScopedInstructionSet const use(set);
-    for (std::size_t const count : {1u, 2u, 31u, 32u, 67u}) {
-      SCOPED_TRACE(testing::Message() << NameOf(set) << " " << count);
-      auto const from = test::Floats(1, kRows * count);
-      std::size_t const stride = count / 2 + 3, odd = kRows * stride;
-      std::vector<float> want(2 * odd, -9.0f), got = want;
-      for (std::size_t r = 0; r < kRows; ++r) {
-        for (std::size_t i = 0; i < count; ++i) want[i % 2 * odd + r * stride + i / 2] = from[r * count + i];
+    for (std::size_t const width : {1u, 3u, 14u, 31u, 32u, 67u}) {
+      for (std::size_t const stride : {1u, 2u, 3u, 70u}) {
+        SCOPED_TRACE(testing::Message() << NameOf(set) << " width " << width << ", stride " << stride);
+        PhasePlane const plane = {3, width, 2, 1, 6, width + 4, stride, PhasePlane::PhaseWidth(width + 4, stride) + 1};
+        auto const from = test::Floats(1, 3 * width);
+        std::vector<float> want(plane.Count(), -9.0f), got = want;
+        for (std::size_t i = 0; i < from.size(); ++i) {
+          std::size_t const y = 2 + i / width, x = 1 + i % width;
+          want[(y * std::min(stride, width + 4) + x % stride) * plane.phase_pitch + x / stride] = from[i];
+        }
+        LayPlane(from.data(), plane, got.data());
+        test::ExpectSameBits(want, got);
       }
-      SplitRows(from.data(), count, kRows, got.data(), got.data() + odd, stride);
-      test::ExpectSameBits(want, got);
     }
   }
 }

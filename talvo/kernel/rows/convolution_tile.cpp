@@ -278,50 +278,11 @@ struct TransposeRowsBody {
   }
 };
 
-struct SplitRowsBody {
-  template <class Set>
-  static TALVO_ROWS_INLINE void Run(float const* from, std::size_t count, std::size_t rows, float* even, float* odd,
-                                    std::size_t to_stride) {
-    RunWidest<Set::kLanes>(from, count, rows, even, odd, to_stride);
-  }
-
-  // The widest vectors of which a row holds two.
-  template <int kLanes>
-  static TALVO_ROWS_INLINE void RunWidest(float const* from, std::size_t count, std::size_t rows, float* even,
-                                          float* odd, std::size_t to_stride) {
-    if constexpr (kLanes > 4) {
-      if (count < 2 * kLanes) return RunWidest<kLanes / 2>(from, count, rows, even, odd, to_stride);
-    }
-    for (std::size_t r = 0; r < rows; ++r, from += count, even += to_stride, odd += to_stride) {
-      SplitRow<kLanes>(from, count, even, odd);
-    }
-  }
-
-  // The last two vectors overlap those before them.
-  template <int kLanes>
-  static TALVO_ROWS_INLINE void SplitRow(float const* from, std::size_t count, float* even, float* odd) {
-    constexpr std::size_t kStep = 2 * kLanes;
-    std::size_t const pairs = count - count % 2;
-    std::size_t const whole = pairs >= kStep ? pairs : 0;
-    for (std::size_t next = 0; next < whole; next += kStep) {
-      std::size_t const i = std::min(next, whole - kStep);
-      Vector<kLanes> a, b, low, high;
-      Load<kLanes>(from + i, a);
-      Load<kLanes>(from + i + kLanes, b);
-      Split<kLanes>(a, b, low, high, std::make_integer_sequence<int, kLanes>());
-      Store<kLanes>(low, even + i / 2);
-      Store<kLanes>(high, odd + i / 2);
-    }
-    for (std::size_t i = whole; i < count; ++i) (i % 2 == 0 ? even : odd)[i / 2] = from[i];
-  }
-};
-
 }  // namespace
 
 Primitive<void(TileRun const&)> const RunTiles{RunTilesBody()};
 Primitive<void(PlaneRun const&)> const RunPlane{RunPlaneBody()};
 Primitive<void(float const*, std::size_t, std::size_t, std::size_t, float*, std::size_t)> const TransposeRows{
     TransposeRowsBody()};
-Primitive<void(float const*, std::size_t, std::size_t, float*, float*, std::size_t)> const SplitRows{SplitRowsBody()};
 
 }  // namespace talvo::kernel::rows

@@ -54,9 +54,4 @@ extern Primitive<void(PlaneRun const&)> const RunPlane;
 extern Primitive<void(float const* from, std::size_t from_stride, std::size_t rows, std::size_t columns, float* to,
                       std::size_t to_stride)> const TransposeRows;
 
-/// Takes rows apart into their even and odd columns: even[r * to_stride + i] = from[r * count + 2 i], and odd those of
-/// 2 i + 1, for all columns below `count`; the ranges do not overlap.
-extern Primitive<void(float const* from, std::size_t count, std::size_t rows, float* even, float* odd,
-                      std::size_t to_stride)> const SplitRows;
-
 }  // namespace talvo::kernel::rows

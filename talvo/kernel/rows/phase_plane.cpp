@@ -1,0 +1,72 @@
+#include "talvo/kernel/rows/phase_plane.h"
+
+#include "talvo/kernel/rows/vectors.h"
+
+namespace talvo::kernel::rows {
+namespace {
+
+// Rows are short: vectors go down to those of which a row holds one, here and below, and the last one of a row moves
+// back and writes some elements again.
+template <int kLanes>
+TALVO_ROWS_INLINE void CopyRow(float const* from, std::size_t count, float* to) {
+  if constexpr (kLanes > 1) {
+    if (count < kLanes) return CopyRow<(kLanes > 4 ? kLanes / 2 : 1)>(from, count, to);
+  }
+  for (std::size_t next = 0; next < count; next += kLanes) {
+    std::size_t const i = std::min<std::size_t>(next, count - kLanes);
+    Vector<kLanes> v;
+    Load<kLanes>(from + i, v);
+    Store<kLanes>(v, to + i);
+  }
+}
+
+// Elements 0, 2, ... go to `even`, the others to `odd`.
+template <int kLanes>
+TALVO_ROWS_INLINE void SplitRow(float const* from, std::size_t count, float* even, float* odd) {
+  if constexpr (kLanes > 4) {
+    if (count < 2 * kLanes) return SplitRow<kLanes / 2>(from, count, even, odd);
+  }
+  constexpr std::size_t kStep = 2 * kLanes;
+  std::size_t const pairs = count - count % 2, whole = pairs >= kStep ? pairs : 0;
+  for (std::size_t next = 0; next < whole; next += kStep) {
+    std::size_t const i = std::min(next, whole - kStep);
+    Vector<kLanes> a, b, evens, odds;
+    Load<kLanes>(from + i, a);
+    Load<kLanes>(from + i + kLanes, b);
+    Split<kLanes>(a, b, evens, odds, std::make_integer_sequence<int, kLanes>());
+    Store<kLanes>(evens, even + i / 2);
+    Store<kLanes>(odds, odd + i / 2);
+  }
+  for (std::size_t i = whole; i < count; ++i) (i % 2 == 0 ? even : odd)[i / 2] = from[i];
+}
+
+TALVO_ROWS_INLINE void SortRow(float const* from, PhasePlane const& plane, float* to) {
+  for (std::size_t first = 0; first < std::min(plane.stride, plane.width); ++first) {
+    float* phase = to + plane.Place(plane.left + first);
+    for (std::size_t x = first; x < plane.width; x += plane.stride) *phase++ = from[x];
+  }
+}
+
+struct LayPlaneBody {
+  template <class Set>
+  static TALVO_ROWS_INLINE void Run(float const* from, PhasePlane const& plane, float* to) {
+    std::size_t const width = plane.width, pitch = plane.RowPitch();
+    std::size_t const even = plane.Place(plane.left), odd = plane.Place(plane.left + 1);
+    to += plane.top * pitch;
+    for (std::size_t r = 0; r < plane.height; ++r, from += width, to += pitch) {
+      if (plane.stride == 1) {
+        CopyRow<Set::kLanes>(from, width, to + even);
+      } else if (plane.stride == 2) {
+        SplitRow<Set::kLanes>(from, width, to + even, to + odd);
+      } else {
+        SortRow(from, plane, to);
+      }
+    }
+  }
+};
+
+}  // namespace
+
+Primitive<void(float const*, PhasePlane const&, float*)> const LayPlane{LayPlaneBody()};
+
+}  // namespace talvo::kernel::rows
