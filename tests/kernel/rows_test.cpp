@@ -4,6 +4,7 @@
 #include "talvo/kernel/rows/elementwise_rows.h"
 #include "talvo/kernel/rows/instruction_sets.h"
 #include "talvo/kernel/rows/phase_plane.h"
+#include "talvo/kernel/rows/transpose.h"
 #include "tests/support/bits.h"
 
 namespace talvo::kernel::rows {
@@ -36,6 +37,40 @@ TEST(Rows, TransposesAnyRectangle) {
         }
         TransposeRows(from.data(), from_stride, rows, columns, got.data(), to_stride);
         test::ExpectSameBits(want, got);
+      }
+    }
+  }
+}
+
+// Element (r, c) of the source goes to row c, column r, each counted from the front or from the back. Rows of both
+// sides stand apart, so that a byte too many shows.
+TEST(Rows, TransposesAndReversesElementsOfAnySize) {
+  for (auto const set : RunnableSets()) {
+    ScopedInstructionSet const use(set);
+    for (std::size_t const size : {1u, 2u, 3u, 4u, 5u, 8u, 12u}) {
+      for (std::size_t const rows : {1u, 4u, 17u, 70u}) {
+        for (std::size_t const columns : {1u, 5u, 6u, 16u, 67u}) {
+          std::size_t const from_row = columns * size + 3, to_row = rows * size + 1;
+          auto const from = test::Bytes(1, rows * from_row);
+          for (bool const back : {false, true}) {
+            SCOPED_TRACE(testing::Message() << NameOf(set) << ", " << rows << " by " << columns << " of " << size);
+            std::vector<unsigned char> want(columns * to_row + 1, 0xEE), got = want, reversed(columns * size, 0xEE);
+            for (std::size_t i = 0; i < rows * columns * size; ++i) {
+              std::size_t const byte = i % size, c = i / size % columns, r = i / size / columns;
+              std::size_t const to = back ? rows - 1 - r : r;
+              want[1 + (back ? columns - 1 - c : c) * to_row + to * size + byte] = from[r * from_row + c * size + byte];
+            }
+            auto const step = static_cast<std::ptrdiff_t>(size), row = static_cast<std::ptrdiff_t>(to_row);
+            unsigned char* const first = got.data() + 1 + (back ? (columns - 1) * to_row + (rows - 1) * size : 0);
+            TransposeElements(size, {from.data(), static_cast<std::ptrdiff_t>(from_row), rows, columns, first,
+                                     back ? -row : row, back ? -step : step});
+            ASSERT_EQ(want, got);
+            ReverseElements(size, from.data(), columns, reversed.data());
+            for (std::size_t i = 0; i < columns * size; ++i) {
+              ASSERT_EQ(from[(columns - 1 - i / size) * size + i % size], reversed[i]) << i;
+            }
+          }
+        }
       }
     }
   }

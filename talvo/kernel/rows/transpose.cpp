@@ -1,0 +1,290 @@
+#include "talvo/kernel/rows/transpose.h"
+
+#include <cstdint>
+#include <cstring>
+#include <utility>
+
+#include "talvo/kernel/rows/byte_vectors.h"
+#include "talvo/kernel/rows/instruction_sets.h"
+#include "talvo/utility/restrict.h"
+
+namespace talvo::kernel::rows {
+namespace {
+
+TALVO_ROWS_INLINE constexpr std::ptrdiff_t Signed(std::size_t n) { return static_cast<std::ptrdiff_t>(n); }
+
+// The rectangle of `rows` x `columns` elements from (row, column) on.
+TALVO_ROWS_INLINE Transposition Part(Transposition const& all, std::size_t element_bytes, std::size_t row,
+                                     std::size_t rows, std::size_t column, std::size_t columns) {
+  return {all.from + Signed(row) * all.from_row + column * element_bytes,   all.from_row, rows,       columns,
+          all.to + Signed(column) * all.to_row + Signed(row) * all.to_step, all.to_row,   all.to_step};
+}
+
+// `bytes` is a std::size_t, or a std::integral_constant for a copy without a call.
+template <class Size>
+TALVO_ROWS_INLINE void MoveOneByOne(Transposition const& t, Size bytes) {
+  Byte const* TALVO_RESTRICT const from = t.from;
+  Byte* TALVO_RESTRICT const to = t.to;
+  for (std::size_t c = 0; c < t.columns; ++c) {
+    for (std::size_t r = 0; r < t.rows; ++r) {
+      std::memcpy(to + Signed(c) * t.to_row + Signed(r) * t.to_step, from + Signed(r) * t.from_row + c * bytes, bytes);
+    }
+  }
+}
+
+// What whole squares leave of a tile: the columns on the right, the rows below.
+template <std::size_t kSize>
+TALVO_ROWS_INLINE void MoveRest(Transposition const& tile, std::size_t whole_rows, std::size_t whole_columns) {
+  constexpr std::integral_constant<std::size_t, kSize> kBytes{};
+  MoveOneByOne(Part(tile, kSize, 0, whole_rows, whole_columns, tile.columns - whole_columns), kBytes);
+  MoveOneByOne(Part(tile, kSize, whole_rows, tile.rows - whole_rows, 0, tile.columns), kBytes);
+}
+
+// The row where a block of `rows` from `row` on begins, and the step to the next. With a negative step the rows are
+// taken from the last one, so that the results are stored forward.
+struct BlockRows {
+  Byte const* first;
+  std::ptrdiff_t step;
+  Byte* to;
+};
+TALVO_ROWS_INLINE BlockRows RowsOf(Transposition const& tile, std::size_t element_bytes, std::size_t row,
+                                   std::size_t rows, std::size_t column) {
+  bool const forward = tile.to_step > 0;
+  std::ptrdiff_t const first = Signed(forward ? row : row + rows - 1);
+  return {tile.from + first * tile.from_row + column * element_bytes, forward ? tile.from_row : -tile.from_row,
+          tile.to + Signed(column) * tile.to_row + first * tile.to_step};
+}
+
+// Squares of T, one vector of 16 bytes for each row.
+template <class T>
+struct Squares {
+  static constexpr std::size_t kSide = kLaneBytes / sizeof(T);
+  typedef T Row __attribute__((vector_size(kLaneBytes)));
+
+  template <class Set>
+  static TALVO_ROWS_INLINE void Move(Transposition const& tile) {
+    std::size_t const whole_rows = tile.rows / kSide * kSide, whole_columns = tile.columns / kSide * kSide;
+    for (std::size_t c = 0; c < whole_columns; c += kSide) {
+      for (std::size_t r = 0; r < whole_rows; r += kSide) {
+        Square(RowsOf(tile, sizeof(T), r, kSide, c), tile.to_row, std::make_integer_sequence<int, kSide>());
+      }
+    }
+    MoveRest<sizeof(T)>(tile, whole_rows, whole_columns);
+  }
+
+  // Interleaving row i with row i + n/2 rotates the bits of (row, lane) by one place; log2(n) times swap row and lane.
+  template <int... kIndex>
+  static TALVO_ROWS_INLINE void Square(BlockRows const& block, std::ptrdiff_t to_row,
+                                       std::integer_sequence<int, kIndex...>) {
+    constexpr int n = kSide;
+    Row rows[n], next[n];
+    for (int i = 0; i < n; ++i) std::memcpy(&rows[i], block.first + i * block.step, sizeof(Row));
+    for (int round = 1; round < n; round *= 2) {
+      for (int i = 0; i < n / 2; ++i) {
+        next[2 * i] = __builtin_shufflevector(rows[i], rows[i + n / 2], (kIndex / 2 + kIndex % 2 * n)...);
+        next[2 * i + 1] = __builtin_shufflevector(rows[i], rows[i + n / 2], (kIndex / 2 + n / 2 + kIndex % 2 * n)...);
+      }
+      for (int i = 0; i < n; ++i) rows[i] = next[i];
+    }
+    for (int i = 0; i < n; ++i) std::memcpy(block.to + i * to_row, &rows[i], sizeof(Row));
+  }
+};
+
+// Pixels of three bytes, from byte kFirst of a lane on, as quads of which byte 3 does not count.
+template <int kFirst>
+struct WidenedTriple {
+  static constexpr int Of(int place) { return kFirst + place / 4 * 3 + (place % 4 == 3 ? 2 : place % 4); }
+};
+
+// The first three bytes of each quad.
+struct NarrowedQuad {
+  static constexpr int Of(int place) { return place < 12 ? place / 3 * 4 + place % 3 : 3; }
+};
+
+// Elements of 3 or 4 bytes: four columns and 4 kLanes rows at a time. Lane l of a vector takes the rows 4 l to 4 l + 3.
+template <std::size_t kSize>
+struct Quadruples {
+  template <class Set>
+  static TALVO_ROWS_INLINE void Move(Transposition const& tile) {
+    std::size_t whole_rows = 0, whole_columns = 0;
+    if constexpr (kSize == 4 || kShuffles<Set>) {
+      constexpr std::size_t kRows = 4 * kByteLanes<Set>;
+      // The first load of triples takes 16 bytes of a row, more than five of them.
+      whole_columns = kSize == 3 && tile.columns < 6 ? 0 : tile.columns / 4 * 4;
+      whole_rows = tile.rows / 4 * 4;
+      for (std::size_t c = 0; c < whole_columns; c += 4) {
+        std::size_t r = 0;
+        for (; r + kRows <= whole_rows; r += kRows) Block<kByteLanes<Set>>(tile, r, c);
+        for (; r < whole_rows; r += 4) Block<1>(tile, r, c);
+      }
+    }
+    MoveRest<kSize>(tile, whole_rows, whole_columns);
+  }
+
+  // A load of four triples takes four bytes more; they lie in front, but for the first columns, where they lie behind.
+  template <int kLanes>
+  static TALVO_ROWS_INLINE void Block(Transposition const& tile, std::size_t row, std::size_t column) {
+    BlockRows const block = RowsOf(tile, kSize, row, 4 * kLanes, column);
+    if (kSize == 4 || column == 0) {
+      Move<kLanes, 0>(block, tile.to_row);
+    } else {
+      Move<kLanes, 4>(block, tile.to_row);
+    }
+  }
+
+  template <int kLanes, int kFront>
+  static TALVO_ROWS_INLINE void Move(BlockRows const& block, std::ptrdiff_t to_row) {
+    Quads<kLanes> x[4], mixed[4];
+    for (std::ptrdiff_t i = 0; i < 4; ++i) {
+      Bytes<kLanes> pixels;
+      LoadLanes<kLanes>(block.first + i * block.step - kFront, 4 * block.step, pixels);
+      if constexpr (kSize == 3) {
+        Bytes<kLanes> const triples = pixels;
+        ShuffleLanes<WidenedTriple<kFront>, kLanes>(triples, pixels, LaneIndices<kLanes>());
+      }
+      x[i] = reinterpret_cast<Quads<kLanes>>(pixels);
+    }
+    constexpr auto kQuads = std::make_integer_sequence<int, 4 * kLanes>();
+    InterleaveQuads<kLanes>(x[0], x[2], mixed[0], mixed[1], kQuads);
+    InterleaveQuads<kLanes>(x[1], x[3], mixed[2], mixed[3], kQuads);
+    InterleaveQuads<kLanes>(mixed[0], mixed[2], x[0], x[1], kQuads);
+    InterleaveQuads<kLanes>(mixed[1], mixed[3], x[2], x[3], kQuads);
+    for (std::ptrdiff_t i = 0; i < 4; ++i) {
+      StoreRow<kLanes>(reinterpret_cast<Bytes<kLanes>>(x[i]), block.to + i * to_row);
+    }
+  }
+
+  // 4 kLanes elements. A lane of triples is stored whole, and the next lane writes over its last four bytes.
+  template <int kLanes>
+  static TALVO_ROWS_INLINE void StoreRow(Bytes<kLanes> const& quads, Byte* to) {
+    if constexpr (kSize == 4) {
+      std::memcpy(to, &quads, sizeof(quads));
+    } else {
+      Bytes<kLanes> triples;
+      ShuffleLanes<NarrowedQuad, kLanes>(quads, triples, LaneIndices<kLanes>());
+      if constexpr (kLanes > 1) StoreLane<0, kLanes>(triples, to);
+      if constexpr (kLanes > 2) {
+        StoreLane<1, kLanes>(triples, to + 12);
+        StoreLane<2, kLanes>(triples, to + 24);
+      }
+      StoreLane<kLanes - 1, kLanes>(triples, to + 12 * (kLanes - 1), 12);
+    }
+  }
+};
+
+// By tiles, so that the lines that a tile reads and writes stay in the nearest cache until they are whole.
+template <class Visit>
+TALVO_ROWS_INLINE void ForEachTile(Transposition const& all, std::size_t element_bytes, Visit const& visit) {
+  constexpr std::size_t kTile = 64;
+  for (std::size_t r = 0; r < all.rows; r += kTile) {
+    for (std::size_t c = 0; c < all.columns; c += kTile) {
+      std::size_t const rows = all.rows - r < kTile ? all.rows - r : kTile;
+      std::size_t const columns = all.columns - c < kTile ? all.columns - c : kTile;
+      visit(Part(all, element_bytes, r, rows, c, columns));
+    }
+  }
+}
+
+template <class Mover, std::size_t kSize>
+struct TransposeBody {
+  template <class Set>
+  static TALVO_ROWS_INLINE void Run(Transposition const& all) {
+    ForEachTile(all, kSize, Tile<Set>());
+  }
+
+  template <class Set>
+  struct Tile {
+    TALVO_ROWS_INLINE void operator()(Transposition const& tile) const { Mover::template Move<Set>(tile); }
+  };
+};
+
+struct SingleElements {
+  std::size_t bytes;
+  void operator()(Transposition const& tile) const { MoveOneByOne(tile, bytes); }
+};
+
+Primitive<void(Transposition const&)> const Transpose1{TransposeBody<Squares<std::uint8_t>, 1>()};
+Primitive<void(Transposition const&)> const Transpose2{TransposeBody<Squares<std::uint16_t>, 2>()};
+Primitive<void(Transposition const&)> const Transpose3{TransposeBody<Quadruples<3>, 3>()};
+Primitive<void(Transposition const&)> const Transpose4{TransposeBody<Quadruples<4>, 4>()};
+Primitive<void(Transposition const&)> const Transpose8{TransposeBody<Squares<std::uint64_t>, 8>()};
+
+template <class Size>
+TALVO_ROWS_INLINE void ReverseOneByOne(Size bytes, Byte const* TALVO_RESTRICT from, std::size_t count,
+                                       Byte* TALVO_RESTRICT to) {
+  for (std::size_t i = 0; i < count; ++i) std::memcpy(to + i * bytes, from + (count - 1 - i) * bytes, bytes);
+}
+
+template <std::size_t kSize>
+struct ReverseBody {
+  template <class Set>
+  static TALVO_ROWS_INLINE void Run(Byte const* from, std::size_t count, Byte* to) {
+    ReverseOneByOne(std::integral_constant<std::size_t, kSize>(), from, count, to);
+  }
+};
+
+// Five pixels at a time: byte 1 + 3 k + c of the vector goes to byte 3 (4 - k) + c, and byte 15 is overwritten by the
+// next.
+struct ReversedTriple {
+  static constexpr int Of(int place) { return place == 15 ? 0 : 1 + 3 * (4 - place / 3) + place % 3; }
+};
+
+TALVO_ROWS_INLINE void ReverseFive(Byte const* from, Byte* to) {
+  Bytes<1> pixels, reversed;
+  std::memcpy(&pixels, from, sizeof(pixels));
+  ShuffleLanes<ReversedTriple, 1>(pixels, reversed, LaneIndices<1>());
+  std::memcpy(to, &reversed, sizeof(reversed));
+}
+
+template <>
+struct ReverseBody<3> {
+  template <class Set>
+  static TALVO_ROWS_INLINE void Run(Byte const* from, std::size_t count, Byte* to) {
+    std::size_t i = 0;
+    if constexpr (kShuffles<Set>) {  // the load begins a byte early, the store ends a byte late
+      for (; i + 6 <= count; i += 5) ReverseFive(from + 3 * (count - i - 5) - 1, to + 3 * i);
+    }
+    ReverseOneByOne(std::integral_constant<std::size_t, 3>(), from, count - i, to + 3 * i);
+  }
+};
+
+Primitive<void(Byte const*, std::size_t, Byte*)> const Reverse1{ReverseBody<1>()};
+Primitive<void(Byte const*, std::size_t, Byte*)> const Reverse2{ReverseBody<2>()};
+Primitive<void(Byte const*, std::size_t, Byte*)> const Reverse3{ReverseBody<3>()};
+Primitive<void(Byte const*, std::size_t, Byte*)> const Reverse4{ReverseBody<4>()};
+
+}  // namespace
+
+void TransposeElements(std::size_t element_bytes, Transposition const& transposition) {
+  switch (element_bytes) {
+    case 1:
+      return Transpose1(transposition);
+    case 2:
+      return Transpose2(transposition);
+    case 3:
+      return Transpose3(transposition);
+    case 4:
+      return Transpose4(transposition);
+    case 8:
+      return Transpose8(transposition);
+    default:
+      return ForEachTile(transposition, element_bytes, SingleElements{element_bytes});
+  }
+}
+
+void ReverseElements(std::size_t element_bytes, Byte const* from, std::size_t count, Byte* to) {
+  switch (element_bytes) {
+    case 1:
+      return Reverse1(from, count, to);
+    case 2:
+      return Reverse2(from, count, to);
+    case 3:
+      return Reverse3(from, count, to);
+    case 4:
+      return Reverse4(from, count, to);
+    default:
+      return ReverseOneByOne(element_bytes, from, count, to);
+  }
+}
+
+}  // namespace talvo::kernel::rows
