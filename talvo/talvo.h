@@ -27,6 +27,7 @@
 #include "talvo/kernel/functional/resampling.h"
 #include "talvo/kernel/functional/structural.h"
 #include "talvo/kernel/gemm.h"
+#include "talvo/kernel/kernel_of.h"
 #include "talvo/kernel/native/permute.h"
 #include "talvo/kernel/native/recurrent.h"
 #include "talvo/kernel/native/structural.h"

@@ -3,155 +3,141 @@
 #include <cstring>
 
 #include "talvo/kernel/functional/activation.h"
-#include "talvo/kernel/kernel_support.h"
+#include "talvo/kernel/kernel_of_support.h"
 #include "talvo/serialization/layer_info_activation.h"
 #include "talvo/utility/base64.h"
-#include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::kernel {
 
 using runtime::ActivationInfo;
-using runtime::Context;
-using runtime::InferenceParam;
-using runtime::LayerInfo;
-using runtime::TensorShape;
+using runtime::IKernel;
+using support::ContextPtr;
+using support::LayerPtr;
+using support::ParamPtr;
 using support::Tensors;
 
-template <class Step>
-std::string Activation<Step>::GetName() const {
-  return Step::kName;
-}
+namespace {
 
-template <class Step>
-int Activation<Step>::IsValidParam(std::shared_ptr<LayerInfo> layer, std::shared_ptr<InferenceParam> param) const {
-  return Step::kForm == ParamForm::kStrict ? support::StrictParam<ActivationInfo>(layer, param)
-                                           : support::InvertedParam(layer, param);
-}
-
-template <class Step>
-bool Activation<Step>::Config(std::shared_ptr<LayerInfo> layer, std::shared_ptr<InferenceParam> param,
-                              std::shared_ptr<Context>) {
-  configured_ = false;
-  int const judgement = IsValidParam(layer, param);
-  if (Step::kForm == ParamForm::kStrict ? judgement == -1 : judgement == 0) return false;
-  configured_ = step_.Read(layer.get());
-  return configured_;
-}
-
-template <class Step>
-bool Activation<Step>::IsConfigured() const {
-  return configured_;
-}
-
-template <class Step>
-std::vector<TensorShape> Activation<Step>::GetOutputShapes(std::vector<TensorShape> const& input_shapes) const {
-  return input_shapes;
-}
-
-template <class Step>
-int Activation<Step>::IsValidInput(Tensors const& inputs) const {
-  return support::JudgeOneFloat(inputs);
-}
-
-template <class Step>
-int Activation<Step>::Forward(Tensors const& inputs, Tensors& outputs, std::shared_ptr<Context> context) const {
-  support::TensorPtr const x = support::Input(*this, inputs, 0), y = support::NewOutput(*this, inputs, context);
-  step_.Run(x->Data<float>(), runtime::ElementCount(x->shape.dims), y->Data<float>());
+// A new tensor in `outputs` with map(in, count, out) of the input's elements.
+template <class Map>
+int MapInput(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context,
+             Map const& map) {
+  auto const x = support::Input(kernel, inputs, 0), y = support::NewOutput(kernel, inputs, context);
+  map(x->Data<float>(), runtime::ElementCount(x->shape.dims), y->Data<float>());
   outputs.assign(1, y);
   return 0;
 }
 
-template <class Step>
-int Activation<Step>::IsValidOutput(Tensors const& outputs) const {
-  return support::JudgeOneFloat(outputs);
-}
+// An activation without parameters.
+template <class Form, void (*kMap)(float const*, unsigned int const&, float*)>
+struct PlainActivation : Form {
+  static int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) {
+    return MapInput(kernel, inputs, outputs, context, kMap);
+  }
+};
 
-bool NoParameters::Read(LayerInfo const*) { return true; }
+using StrictForm = support::Strict<ActivationInfo>;
+using InvertedForm = support::Inverted;
 
-void ReluStep::Run(float const* in, unsigned int count, float* out) const { functional::relu_f32(in, count, out); }
+}  // namespace
 
-void Relu6Step::Run(float const* in, unsigned int count, float* out) const { functional::relu6_f32(in, count, out); }
+struct ReluOperation : PlainActivation<StrictForm, functional::relu_f32> {
+  static constexpr char const* kName = "ReLU_Fallback_Float_M1";
+};
 
-void SigmoidStep::Run(float const* in, unsigned int count, float* out) const {
-  functional::sigmoid_f32(in, count, out);
-}
+struct Relu6Operation : PlainActivation<InvertedForm, functional::relu6_f32> {
+  static constexpr char const* kName = "ReLU6_Fallback_Float_M1";
+};
 
-void TanhStep::Run(float const* in, unsigned int count, float* out) const { functional::tanh_f32(in, count, out); }
+struct SigmoidOperation : PlainActivation<StrictForm, functional::sigmoid_f32> {
+  static constexpr char const* kName = "Sigmoid_Fallback_Float_M1";
+};
 
-void HSigmoidStep::Run(float const* in, unsigned int count, float* out) const {
-  functional::hsigmoid_f32(in, count, out);
-}
+struct TanhOperation : PlainActivation<StrictForm, functional::tanh_f32> {
+  static constexpr char const* kName = "TanH_Fallback_Float_M1";
+};
 
-void HSwishStep::Run(float const* in, unsigned int count, float* out) const { functional::hswish_f32(in, count, out); }
+struct HSigmoidOperation : PlainActivation<StrictForm, functional::hsigmoid_f32> {
+  static constexpr char const* kName = "HSigmoid_Fallback_Float_M1";
+};
 
-bool LeakyStep::Read(LayerInfo const* layer) {
-  auto const* const info = dynamic_cast<ActivationInfo const*>(layer);
-  if (info == nullptr) return false;
-  alpha = info->activation_alpha;
-  return true;
-}
+struct HSwishOperation : PlainActivation<StrictForm, functional::hswish_f32> {
+  static constexpr char const* kName = "HSwish_Fallback_Float_M1";
+};
 
-void LeakyStep::Run(float const* in, unsigned int count, float* out) const {
-  functional::leaky_f32(in, count, alpha, out);
-}
+struct LeakyOperation : InvertedForm {
+  static constexpr char const* kName = "Leaky_Fallback_Float_M1";
 
-bool LinearStep::Read(LayerInfo const* layer) {
-  auto const* const info = dynamic_cast<ActivationInfo const*>(layer);
-  if (info == nullptr) return false;
-  scale = info->activation_alpha;
-  offset = info->activation_beta;
-  return true;
-}
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) {
+    auto const* const info = dynamic_cast<ActivationInfo const*>(layer.get());
+    if (info == nullptr) return false;
+    alpha = info->activation_alpha;
+    return true;
+  }
 
-void LinearStep::Run(float const* in, unsigned int count, float* out) const {
-  functional::linear_f32(in, count, scale, offset, out);
-}
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+    return MapInput(kernel, inputs, outputs, context, [this](float const* in, unsigned int count, float* out) {
+      functional::leaky_f32(in, count, alpha, out);
+    });
+  }
 
-template class Activation<ReluStep>;
-template class Activation<Relu6Step>;
-template class Activation<SigmoidStep>;
-template class Activation<TanhStep>;
-template class Activation<HSigmoidStep>;
-template class Activation<HSwishStep>;
-template class Activation<LeakyStep>;
-template class Activation<LinearStep>;
+  float alpha = 0.1f;
+};
 
-std::string PReLU_Fallback_Float_M1::GetName() const { return "PReLU_Fallback_Float_M1"; }
+struct LinearOperation : InvertedForm {
+  static constexpr char const* kName = "Linear_Fallback_Float_M1";
 
-int PReLU_Fallback_Float_M1::IsValidParam(std::shared_ptr<LayerInfo> layer,
-                                          std::shared_ptr<InferenceParam> param) const {
-  return support::InvertedParam(layer, param);
-}
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) {
+    auto const* const info = dynamic_cast<ActivationInfo const*>(layer.get());
+    if (info == nullptr) return false;
+    scale = info->activation_alpha;
+    offset = info->activation_beta;
+    return true;
+  }
 
-bool PReLU_Fallback_Float_M1::Config(std::shared_ptr<LayerInfo> layer, std::shared_ptr<InferenceParam> param,
-                                     std::shared_ptr<Context>) {
-  configured_ = false;
-  if (IsValidParam(layer, param) == 0) return false;
-  auto const* const info = dynamic_cast<ActivationInfo const*>(layer.get());
-  if (info == nullptr || info->weight.empty()) return false;
-  std::string const bytes = runtime::Base64Decode(info->weight);
-  utility::Assert(bytes.size() >= sizeof slope_, "%s of layer %s: weight holds %zu bytes, the slope needs %zu",
-                  GetName().c_str(), info->id.c_str(), bytes.size(), sizeof slope_);
-  std::memcpy(&slope_, bytes.data(), sizeof slope_);
-  configured_ = true;
-  return true;
-}
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+    return MapInput(kernel, inputs, outputs, context, [this](float const* in, unsigned int count, float* out) {
+      functional::linear_f32(in, count, scale, offset, out);
+    });
+  }
 
-bool PReLU_Fallback_Float_M1::IsConfigured() const { return configured_; }
+  float scale = 1.0f, offset = 0.0f;
+};
 
-std::vector<TensorShape> PReLU_Fallback_Float_M1::GetOutputShapes(std::vector<TensorShape> const& input_shapes) const {
-  return input_shapes;
-}
+struct PReluOperation : InvertedForm {
+  static constexpr char const* kName = "PReLU_Fallback_Float_M1";
 
-int PReLU_Fallback_Float_M1::IsValidInput(Tensors const& inputs) const { return support::JudgeOneFloat(inputs); }
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) {
+    auto const* const info = dynamic_cast<ActivationInfo const*>(layer.get());
+    if (info == nullptr || info->weight.empty()) return false;
+    std::string const bytes = runtime::Base64Decode(info->weight);
+    if (bytes.size() < sizeof slope) {
+      utility::Refuse("%s of layer %s: weight holds %zu bytes, the slope needs %zu", kName, info->id.c_str(),
+                      bytes.size(), sizeof slope);
+    }
+    std::memcpy(&slope, bytes.data(), sizeof slope);
+    return true;
+  }
 
-int PReLU_Fallback_Float_M1::Forward(Tensors const& inputs, Tensors& outputs, std::shared_ptr<Context>) const {
-  std::shared_ptr<runtime::Tensor> inout = support::Input(*this, inputs, 0);
-  functional::PReLU_F32(inout, slope_);
-  if (&outputs != &inputs) outputs = inputs;
-  return 0;
-}
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const&) const {
+    std::shared_ptr<runtime::Tensor> inout = support::Input(kernel, inputs, 0);
+    functional::PReLU_F32(inout, slope);
+    if (&outputs != &inputs) outputs = inputs;
+    return 0;
+  }
 
-int PReLU_Fallback_Float_M1::IsValidOutput(Tensors const& outputs) const { return support::JudgeOneFloat(outputs); }
+  float slope = 0.25f;
+};
+
+template class KernelOf<ReluOperation>;
+template class KernelOf<Relu6Operation>;
+template class KernelOf<SigmoidOperation>;
+template class KernelOf<TanhOperation>;
+template class KernelOf<HSigmoidOperation>;
+template class KernelOf<HSwishOperation>;
+template class KernelOf<LeakyOperation>;
+template class KernelOf<LinearOperation>;
+template class KernelOf<PReluOperation>;
 
 }  // namespace talvo::kernel

@@ -4,31 +4,64 @@
 #include <utility>
 
 #include "talvo/utility/base64.h"
-#include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::kernel::support {
 namespace {
 
 using runtime::DimsText;
 using runtime::TensorShape;
-using utility::Assert;
+using utility::Refuse;
+
+// "rank 3, 4 bytes an element": what is looked at.
+std::string TextOf(Needs const& needs) {
+  std::string text;
+  auto const add = [&text](char const* before, std::size_t value, char const* after) {
+    text += (text.empty() ? "" : ", ") + std::string(before) + std::to_string(value) + after;
+  };
+  if (needs.rank != kAnyRank) add("rank ", needs.rank, "");
+  if (needs.data_type != kAnyNumber) add("data type ", needs.data_type, " in main memory");
+  if (needs.layout != kAnyNumber) add("layout ", needs.layout, "");
+  if (needs.elements != 0) add("", needs.elements, " elements");
+  if (needs.data_type == kAnyNumber) add("", needs.element_bytes, " bytes an element");
+  return text;
+}
+
+bool HasMemory(runtime::Tensor const& tensor) {
+  return tensor.data != nullptr || runtime::ElementCount(tensor.shape.dims) == 0;
+}
 
 }  // namespace
 
-TensorPtr Input(runtime::IKernel const& kernel, Tensors const& inputs, std::size_t index, std::size_t rank,
+std::string Who::Text() const {
+  std::string const name = kernel_ != nullptr ? kernel_->GetName() : name_;
+  return layer_id_ != nullptr ? name + " of layer " + *layer_id_ : name;
+}
+
+bool Meets(runtime::Tensor const& tensor, Needs const& needs) {
+  TensorShape const& shape = tensor.shape;
+  bool const typed = shape.data_type <= TensorShape::UINT8 &&
+                     runtime::ElementSize(shape.data_type) >= needs.element_bytes &&
+                     (needs.data_type == kAnyNumber || IsInMainMemory(tensor, needs.data_type)) &&
+                     (needs.layout == kAnyNumber || shape.layout == needs.layout);
+  return typed && (needs.rank == kAnyRank || shape.dims.size() == needs.rank) &&
+         runtime::ElementCount(shape.dims) >= needs.elements && HasMemory(tensor);
+}
+
+void RefuseTensor(Who const& who, char const* what, runtime::Tensor const* tensor, Needs const& needs) {
+  if (tensor == nullptr) Refuse("%s: %s is no CPU tensor", who.Text().c_str(), what);
+  TensorShape const& shape = tensor->shape;
+  Refuse("%s: %s has dims %s, data type %u, layout %u, location %u%s; needs %s", who.Text().c_str(), what,
+         DimsText(shape.dims).c_str(), shape.data_type, shape.layout, shape.location,
+         HasMemory(*tensor) ? "" : " and no memory", TextOf(needs).c_str());
+}
+
+TensorPtr Input(Who const& who, Tensors const& inputs, std::size_t index, std::size_t rank,
                 unsigned int element_bytes) {
   auto tensor = index < inputs.size() ? std::dynamic_pointer_cast<runtime::TensorCPU>(inputs[index]) : nullptr;
-  if (tensor == nullptr) {
-    Assert(false, "%s: input %zu of %zu is no CPU tensor", kernel.GetName().c_str(), index, inputs.size());
-  }
-  TensorShape const& shape = tensor->shape;
-  bool const typed = shape.data_type <= TensorShape::UINT8 && runtime::ElementSize(shape.data_type) >= element_bytes;
-  bool const ranked = rank == kAnyRank || shape.dims.size() == rank;
-  bool const filled = tensor->data != nullptr || runtime::ElementCount(shape.dims) == 0;
-  if (!typed || !ranked || !filled) {
-    Assert(false, "%s: input %zu has dims %s, data type %u%s; needs %s%u bytes an element", kernel.GetName().c_str(),
-           index, DimsText(shape.dims).c_str(), shape.data_type, filled ? "" : " and no memory",
-           rank == kAnyRank ? "" : ("rank " + std::to_string(rank) + ", ").c_str(), element_bytes);
+  Needs const needs = {element_bytes, rank};
+  if (tensor == nullptr || !Meets(*tensor, needs)) {
+    RefuseTensor(who, ("input " + std::to_string(index)).c_str(), tensor.get(), needs);
   }
   return tensor;
 }
@@ -40,31 +73,35 @@ TensorPtr NewOutput(runtime::IKernel const& kernel, Tensors const& inputs, Conte
   std::vector<TensorShape> shapes;
   shapes.reserve(inputs.size());
   for (auto const& input : inputs) {
-    if (input == nullptr) Assert(false, "%s: an input is null", kernel.GetName().c_str());
+    if (input == nullptr) Refuse("%s: an input is null", kernel.GetName().c_str());
     shapes.push_back(input->shape);
   }
   auto const outputs = kernel.GetOutputShapes(shapes);
   return Device(kernel, context).CreateTensor(ShapeAt(kernel, outputs, index), nullptr);
 }
 
-runtime::DeviceCPU& Device(runtime::IKernel const& kernel, ContextPtr const& context) {
+runtime::DeviceCPU& Device(Who const& who, ContextPtr const& context) {
   if (context == nullptr || context->device_cpu == nullptr) {
-    Assert(false, "%s: the context has no CPU device", kernel.GetName().c_str());
+    Refuse("%s: the context has no CPU device", who.Text().c_str());
   }
   return *context->device_cpu;
 }
 
-TensorShape const& ShapeAt(runtime::IKernel const& kernel, std::vector<TensorShape> const& shapes, std::size_t index,
-                           std::size_t rank) {
-  if (index >= shapes.size()) {
-    Assert(false, "%s: %zu shapes given, needs number %zu", kernel.GetName().c_str(), shapes.size(), index);
-  }
+TensorShape const& ShapeAt(Who const& who, Shapes const& shapes, std::size_t index, std::size_t rank) {
+  if (index >= shapes.size())
+    Refuse("%s: %zu shapes given, needs number %zu", who.Text().c_str(), shapes.size(), index);
   if (rank != kAnyRank && shapes[index].dims.size() != rank) {
-    Assert(false, "%s: shape %zu has dims %s, needs rank %zu", kernel.GetName().c_str(), index,
-           DimsText(shapes[index].dims).c_str(), rank);
+    Refuse("%s: shape %zu has dims %s, needs rank %zu", who.Text().c_str(), index, DimsText(shapes[index].dims).c_str(),
+           rank);
   }
   return shapes[index];
 }
+
+void NeedsConfig(runtime::IKernel const& kernel) {
+  if (!kernel.IsConfigured()) Refuse("%s: Forward before Config", kernel.GetName().c_str());
+}
+
+void RefuseRecord(Who const& who) { Refuse("%s: a record of another class", who.Text().c_str()); }
 
 int Judge(Tensors const& tensors, std::size_t count, std::function<bool(runtime::Tensor const&)> const& accept) {
   bool const good = tensors.size() == count && std::all_of(tensors.begin(), tensors.end(), [&](auto const& tensor) {
@@ -89,18 +126,17 @@ bool IsInMainMemory(runtime::Tensor const& tensor, unsigned int data_type, unsig
   return IsInMainMemory(tensor, data_type) && tensor.shape.layout == layout;
 }
 
-TensorPtr DecodeWeights(runtime::IKernel const& kernel, std::string const& layer_id, char const* what,
-                        std::string const& base64, std::vector<unsigned int> dims, unsigned int layout,
-                        ContextPtr const& context) {
+TensorPtr DecodeWeights(Who const& who, std::string const& layer_id, char const* what, std::string const& base64,
+                        std::vector<unsigned int> dims, unsigned int layout, ContextPtr const& context) {
   TensorShape shape(std::move(dims), TensorShape::FLOAT32, layout, TensorShape::MainMemory, TensorShape::Extra());
   std::string const bytes = runtime::Base64Decode(base64);
   double needed = sizeof(float);  // extents of a file may pass 32 bits, and 64
   for (unsigned int const extent : shape.dims) needed *= extent;
   if (static_cast<double>(bytes.size()) < needed) {
-    Assert(false, "%s of layer %s: %s holds %zu bytes, shape %s needs %.0f", kernel.GetName().c_str(), layer_id.c_str(),
-           what, bytes.size(), DimsText(shape.dims).c_str(), needed);
+    Refuse("%s of layer %s: %s holds %zu bytes, shape %s needs %.0f", who.Text().c_str(), layer_id.c_str(), what,
+           bytes.size(), DimsText(shape.dims).c_str(), needed);
   }
-  return Device(kernel, context).CreateTensor(std::move(shape), bytes.data());
+  return Device(who, context).CreateTensor(std::move(shape), bytes.data());
 }
 
 }  // namespace talvo::kernel::support

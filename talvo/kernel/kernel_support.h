@@ -1,4 +1,5 @@
-// What the kernels share: inputs cast and checked, outputs made, tensor lists judged, weights decoded. Internal.
+// What the kernels share: inputs cast and checked, outputs made, tensor lists judged, records cast, weights decoded.
+// Whatever refuses does so through utility::Refuse, with who, what, got and needs. Internal.
 #pragma once
 
 #include <cstddef>
@@ -15,13 +16,54 @@
 namespace talvo::kernel::support {
 
 using Tensors = std::vector<std::shared_ptr<runtime::Tensor>>;
+using Shapes = std::vector<runtime::TensorShape>;
 using TensorPtr = std::shared_ptr<runtime::TensorCPU>;
 using ContextPtr = std::shared_ptr<runtime::Context>;
+using LayerPtr = std::shared_ptr<runtime::LayerInfo>;
+using ParamPtr = std::shared_ptr<runtime::InferenceParam>;
+
+/// Who refuses: a kernel or a function by its name, and the layer where it is known. It refers to what it is made of,
+/// and nothing is built until a refusal asks for the text.
+class Who {
+ public:
+  Who(char const* name) : name_(name) {}
+  Who(char const* name, std::string const& layer_id) : name_(name), layer_id_(&layer_id) {}
+  Who(runtime::IKernel const& kernel) : kernel_(&kernel) {}
+
+  /// "NAME" or "NAME of layer ID".
+  std::string Text() const;
+
+ private:
+  char const* name_ = nullptr;
+  runtime::IKernel const* kernel_ = nullptr;
+  std::string const* layer_id_ = nullptr;
+};
+
+/// What a tensor must be before a loop touches it. It has memory, unless it has no elements, in any case.
+constexpr std::size_t kAnyRank = static_cast<std::size_t>(-1);
+constexpr unsigned int kAnyNumber = static_cast<unsigned int>(-1);
+struct Needs {
+  unsigned int element_bytes = sizeof(float);  // an element takes at least these
+  std::size_t rank = kAnyRank;
+  std::size_t elements = 0;             // it has at least these
+  unsigned int data_type = kAnyNumber;  // exactly this, in main memory
+  unsigned int layout = kAnyNumber;
+};
+
+/// Whether a tensor meets the needs.
+bool Meets(runtime::Tensor const& tensor, Needs const& needs);
+
+/// Refuses a tensor, null or one that does not meet the needs; `what` names it, as in "input 0".
+[[noreturn]] void RefuseTensor(Who const& who, char const* what, runtime::Tensor const* tensor, Needs const& needs);
+
+/// Assert, with who and what: no tensor, or one that does not meet the needs.
+inline void CheckTensor(Who const& who, char const* what, runtime::Tensor const* tensor, Needs const& needs) {
+  if (tensor == nullptr || !Meets(*tensor, needs)) RefuseTensor(who, what, tensor, needs);
+}
 
 /// Input `index` as a CPU tensor with memory and a rank of `rank` (kAnyRank: not looked at), whose elements take at
-/// least `element_bytes`. Assert, with the kernel's name: anything else.
-constexpr std::size_t kAnyRank = static_cast<std::size_t>(-1);
-TensorPtr Input(runtime::IKernel const& kernel, Tensors const& inputs, std::size_t index, std::size_t rank = kAnyRank,
+/// least `element_bytes`. Assert: anything else.
+TensorPtr Input(Who const& who, Tensors const& inputs, std::size_t index, std::size_t rank = kAnyRank,
                 unsigned int element_bytes = sizeof(float));
 
 /// Number of elements of a tensor that Input let pass.
@@ -33,11 +75,14 @@ TensorPtr NewOutput(runtime::IKernel const& kernel, Tensors const& inputs, Conte
                     std::size_t index = 0);
 
 /// The CPU device of `context`. Assert: there is none.
-runtime::DeviceCPU& Device(runtime::IKernel const& kernel, ContextPtr const& context);
+runtime::DeviceCPU& Device(Who const& who, ContextPtr const& context);
 
-/// Shape `index` of `shapes`, with a rank of `rank`. Assert, with the kernel's name: there is none.
-runtime::TensorShape const& ShapeAt(runtime::IKernel const& kernel, std::vector<runtime::TensorShape> const& shapes,
-                                    std::size_t index, std::size_t rank = kAnyRank);
+/// Shape `index` of `shapes`, with a rank of `rank`. Assert: there is none.
+runtime::TensorShape const& ShapeAt(Who const& who, Shapes const& shapes, std::size_t index,
+                                    std::size_t rank = kAnyRank);
+
+/// For a Forward that has no defaults to compute with. Assert: the kernel is not configured.
+void NeedsConfig(runtime::IKernel const& kernel);
 
 /// 0 when `tensors` are exactly `count` tensors, none null, that all pass `accept`; -2 otherwise.
 int Judge(Tensors const& tensors, std::size_t count, std::function<bool(runtime::Tensor const&)> const& accept);
@@ -51,16 +96,26 @@ int JudgeOneFloat(Tensors const& tensors);
 /// The strict judgement of what Config takes: 0 for a layer of class Info without inference parameter, -1 otherwise.
 /// Config of a kernel with this form refuses -1.
 template <class Info>
-int StrictParam(std::shared_ptr<runtime::LayerInfo> const& layer,
-                std::shared_ptr<runtime::InferenceParam> const& param) {
+int StrictParam(LayerPtr const& layer, ParamPtr const& param) {
   return param == nullptr && std::dynamic_pointer_cast<Info>(layer) != nullptr ? 0 : -1;
 }
 
 /// The inverted judgement: 0 when neither is given, -1 otherwise. Config of a kernel with this form refuses 0, so that
 /// any layer is good. The two forms stay apart: each Config reads its own.
-inline int InvertedParam(std::shared_ptr<runtime::LayerInfo> const& layer,
-                         std::shared_ptr<runtime::InferenceParam> const& param) {
+inline int InvertedParam(LayerPtr const& layer, ParamPtr const& param) {
   return layer == nullptr && param == nullptr ? 0 : -1;
+}
+
+/// Refuses a record of another class than the judgement let pass.
+[[noreturn]] void RefuseRecord(Who const& who);
+
+/// The layer or the parameter that IsValidParam let pass, as a Record; of another class only where a kernel derived
+/// from this one has a judgement of its own. Assert: that.
+template <class Record, class Base>
+Record const& As(Who const& who, std::shared_ptr<Base> const& record) {
+  auto const* const as = dynamic_cast<Record const*>(record.get());
+  if (as == nullptr) RefuseRecord(who);
+  return *as;
 }
 
 /// A tensor in main memory of this data type, and of this layout.
@@ -69,8 +124,7 @@ bool IsInMainMemory(runtime::Tensor const& tensor, unsigned int data_type, unsig
 
 /// A FLOAT32 tensor of `context`'s device with the values of a base64 text; bytes behind those that the shape needs are
 /// ignored. Assert, with kernel and layer: fewer bytes. `what` names the array in the text.
-TensorPtr DecodeWeights(runtime::IKernel const& kernel, std::string const& layer_id, char const* what,
-                        std::string const& base64, std::vector<unsigned int> dims, unsigned int layout,
-                        ContextPtr const& context);
+TensorPtr DecodeWeights(Who const& who, std::string const& layer_id, char const* what, std::string const& base64,
+                        std::vector<unsigned int> dims, unsigned int layout, ContextPtr const& context);
 
 }  // namespace talvo::kernel::support

@@ -1,23 +1,22 @@
 #include "talvo/kernel/quantisation.h"
 
-#include <algorithm>
-#include <cstddef>
-
 #include "talvo/kernel/functional/quantisation.h"
-#include "talvo/kernel/kernel_support.h"
+#include "talvo/kernel/kernel_of_support.h"
 #include "talvo/serialization/inference_param.h"
-#include "talvo/serialization/layer_info.h"
 
 namespace talvo::kernel {
 
+using runtime::IKernel;
 using runtime::TensorShape;
 using support::ContextPtr;
+using support::LayerPtr;
+using support::ParamPtr;
+using support::Shapes;
 using support::Tensors;
-using LayerPtr = std::shared_ptr<runtime::LayerInfo>;
-using ParamPtr = std::shared_ptr<runtime::InferenceParam>;
-using Shapes = std::vector<TensorShape>;
 
 namespace {
+
+constexpr short kLeastStep = 8, kGreatestStep = 12;
 
 // Any number of tensors, none included.
 int JudgeAll(Tensors const& tensors, unsigned int data_type) {
@@ -35,9 +34,7 @@ Shapes Retyped(Shapes const& shapes, unsigned int data_type, short step) {
   return retyped;
 }
 
-}  // namespace
-
-struct FixedPoint16 {
+struct Int16 {
   static constexpr unsigned int kDataType = TensorShape::INT16;
   static constexpr char const* kQuantitation = "Quantitation_MainMemory_Float_to_Int16_Fallback_M1";
   static constexpr char const* kDequantitation = "Dequantitation_MainMemory_Int16_to_Float_Fallback_M1";
@@ -45,7 +42,7 @@ struct FixedPoint16 {
   static constexpr auto Dequantise = functional::Dequantitation_MainMemory_Int16_to_Float_Fallback_M1;
 };
 
-struct FixedPoint8 {
+struct Int8 {
   static constexpr unsigned int kDataType = TensorShape::INT8;
   static constexpr char const* kQuantitation = "Quantitation_MainMemory_Float_to_Int8_Fallback_M1";
   static constexpr char const* kDequantitation = "Dequantitation_MainMemory_Int8_to_Float_Fallback_M1";
@@ -53,106 +50,76 @@ struct FixedPoint8 {
   static constexpr auto Dequantise = functional::Dequantitation_MainMemory_Int8_to_Float_Fallback_M1;
 };
 
-template <class Target>
-std::string Quantitation<Target>::GetName() const {
-  return Target::kQuantitation;
-}
+// A judgement of its own: no layer, and a parameter with a step in range; Config refuses -1.
+template <class Fixed>
+struct Quantisation : support::Plain {
+  static constexpr char const* kName = Fixed::kQuantitation;
 
-template <class Target>
-int Quantitation<Target>::IsValidParam(LayerPtr layer, ParamPtr param) const {
-  auto const quant = std::dynamic_pointer_cast<runtime::InferenceParamActQuant>(param);
-  return layer == nullptr && quant != nullptr && quant->output_step_size >= 8 && quant->output_step_size <= 12 ? 0 : -1;
-}
-
-template <class Target>
-bool Quantitation<Target>::Config(LayerPtr layer, ParamPtr param, ContextPtr) {
-  configured_ = false;
-  if (IsValidParam(layer, param) == -1) return false;
-  output_step_size_ = static_cast<runtime::InferenceParamActQuant const&>(*param).output_step_size;
-  configured_ = true;
-  return true;
-}
-
-template <class Target>
-bool Quantitation<Target>::IsConfigured() const {
-  return configured_;
-}
-
-template <class Target>
-Shapes Quantitation<Target>::GetOutputShapes(Shapes const& input_shapes) const {
-  return Retyped(input_shapes, Target::kDataType, output_step_size_);
-}
-
-template <class Target>
-int Quantitation<Target>::IsValidInput(Tensors const& inputs) const {
-  return JudgeAll(inputs, TensorShape::FLOAT32);
-}
-
-template <class Target>
-int Quantitation<Target>::Forward(Tensors const& inputs, Tensors& outputs, ContextPtr context) const {
-  for (std::size_t i = 0; i < inputs.size(); ++i) {
-    auto const input = support::Input(*this, inputs, i);
-    support::Device(*this, context);
-    outputs.push_back(Target::Quantise(input, output_step_size_, context->device_cpu));
+  static int IsValidParam(LayerPtr const& layer, ParamPtr const& param) {
+    auto const* const quant = dynamic_cast<runtime::InferenceParamActQuant const*>(param.get());
+    if (layer != nullptr || quant == nullptr) return -1;
+    return quant->output_step_size >= kLeastStep && quant->output_step_size <= kGreatestStep ? 0 : -1;
   }
-  return 0;
-}
+  static bool Passes(int judgement) { return judgement != -1; }
 
-template <class Target>
-int Quantitation<Target>::IsValidOutput(Tensors const& outputs) const {
-  return JudgeAll(outputs, Target::kDataType);
-}
-
-template class Quantitation<FixedPoint16>;
-template class Quantitation<FixedPoint8>;
-
-template <class Source>
-std::string Dequantitation<Source>::GetName() const {
-  return Source::kDequantitation;
-}
-
-template <class Source>
-int Dequantitation<Source>::IsValidParam(LayerPtr layer, ParamPtr param) const {
-  return layer == nullptr && param == nullptr ? 0 : -1;
-}
-
-template <class Source>
-bool Dequantitation<Source>::Config(LayerPtr layer, ParamPtr param, ContextPtr) {
-  configured_ = IsValidParam(layer, param) != -1;
-  return configured_;
-}
-
-template <class Source>
-bool Dequantitation<Source>::IsConfigured() const {
-  return configured_;
-}
-
-template <class Source>
-Shapes Dequantitation<Source>::GetOutputShapes(Shapes const& input_shapes) const {
-  return Retyped(input_shapes, TensorShape::FLOAT32, 0);
-}
-
-template <class Source>
-int Dequantitation<Source>::IsValidInput(Tensors const& inputs) const {
-  return JudgeAll(inputs, Source::kDataType);
-}
-
-template <class Source>
-int Dequantitation<Source>::Forward(Tensors const& inputs, Tensors& outputs, ContextPtr context) const {
-  for (std::size_t i = 0; i < inputs.size(); ++i) {
-    auto const input = support::Input(*this, inputs, i, support::kAnyRank, 1);
-    support::Device(*this, context);
-    outputs.push_back(Source::Dequantise(input, context->device_cpu));
+  bool Config(LayerPtr const&, ParamPtr const& param, ContextPtr const&) {
+    output_step_size = support::As<runtime::InferenceParamActQuant>(kName, param).output_step_size;
+    return true;
   }
-  return 0;
-}
 
-template <class Source>
-int Dequantitation<Source>::IsValidOutput(Tensors const& outputs) const {
-  return JudgeAll(outputs, TensorShape::FLOAT32);
-}
+  Shapes GetOutputShapes(Shapes const& input_shapes) const {
+    return Retyped(input_shapes, Fixed::kDataType, output_step_size);
+  }
 
-template class Dequantitation<FixedPoint16>;
-template class Dequantitation<FixedPoint8>;
+  static int IsValidInput(Tensors const& inputs) { return JudgeAll(inputs, TensorShape::FLOAT32); }
+
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+    for (std::size_t i = 0; i < inputs.size(); ++i) {
+      auto const input = support::Input(kernel, inputs, i);
+      support::Device(kernel, context);
+      outputs.push_back(Fixed::Quantise(input, output_step_size, context->device_cpu));
+    }
+    return 0;
+  }
+
+  static int IsValidOutput(Tensors const& outputs) { return JudgeAll(outputs, Fixed::kDataType); }
+
+  short output_step_size = 0;
+};
+
+// The codes of the inverted form, read the strict way: neither layer nor parameter is the one call that passes.
+template <class Fixed>
+struct Dequantisation : support::Inverted {
+  static constexpr char const* kName = Fixed::kDequantitation;
+
+  static bool Passes(int judgement) { return judgement != -1; }
+
+  static Shapes GetOutputShapes(Shapes const& input_shapes) { return Retyped(input_shapes, TensorShape::FLOAT32, 0); }
+
+  static int IsValidInput(Tensors const& inputs) { return JudgeAll(inputs, Fixed::kDataType); }
+
+  static int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) {
+    for (std::size_t i = 0; i < inputs.size(); ++i) {
+      auto const input = support::Input(kernel, inputs, i, support::kAnyRank, 1);
+      support::Device(kernel, context);
+      outputs.push_back(Fixed::Dequantise(input, context->device_cpu));
+    }
+    return 0;
+  }
+
+  static int IsValidOutput(Tensors const& outputs) { return JudgeAll(outputs, TensorShape::FLOAT32); }
+};
+
+}  // namespace
+
+struct QuantiseInt16Operation : Quantisation<Int16> {};
+struct QuantiseInt8Operation : Quantisation<Int8> {};
+struct DequantiseInt16Operation : Dequantisation<Int16> {};
+struct DequantiseInt8Operation : Dequantisation<Int8> {};
+
+template class KernelOf<QuantiseInt16Operation>;
+template class KernelOf<QuantiseInt8Operation>;
+template class KernelOf<DequantiseInt16Operation>;
+template class KernelOf<DequantiseInt8Operation>;
 
 }  // namespace talvo::kernel

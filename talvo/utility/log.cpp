@@ -8,6 +8,8 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "talvo/utility/refuse_support.h"
+
 namespace talvo::utility {
 namespace {
 
@@ -19,8 +21,7 @@ int DefaultLogSink(char const* line) {
 std::string log_tag = "TLN";
 int (*log_sink)(char const*) = DefaultLogSink;
 unsigned int level_mask = 30;
-char message_buffer[2048];  // Log, Assert and StringFormat
-char format_buffer[4096];   // StrFormat alone
+thread_local char message_buffer[2048];  // Log, Assert and StringFormat
 
 void WriteToSink(std::string const& line) {
   auto const sink = log_sink != nullptr ? log_sink : DefaultLogSink;
@@ -42,10 +43,20 @@ char const* LevelPrefix(int level) {
   }
 }
 
+[[noreturn]] void ReportAndThrow(char const* format, va_list arguments) {
+  std::ostringstream line;
+  line << '[' << log_tag << "]: ";
+  if (format == nullptr) throw std::runtime_error(line.str());
+  std::vsnprintf(message_buffer, sizeof message_buffer, format, arguments);
+  line << message_buffer << std::endl;
+  WriteToSink(line.str());
+  throw std::runtime_error(line.str());
+}
+
 }  // namespace
 
 int SetLogTag(char const* tag) {
-  Assert(tag != nullptr, "SetLogTag: got null, needs a text");
+  if (tag == nullptr) Refuse("SetLogTag: got null, needs a text");
   if (tag[0] == '\0') return -1;
   log_tag = tag;
   return 0;
@@ -63,7 +74,7 @@ int SetLogLevel(unsigned int mask) {
 }
 
 int GetLogLevel(unsigned int* mask) {
-  Assert(mask != nullptr, "GetLogLevel: got null, needs a place for the mask");
+  if (mask == nullptr) Refuse("GetLogLevel: got null, needs a place for the mask");
   *mask = level_mask;
   return 0;
 }
@@ -71,7 +82,7 @@ int GetLogLevel(unsigned int* mask) {
 std::string Log(int level, char const* format, ...) {
   char const* const prefix = LevelPrefix(level);
   if (prefix != nullptr && (level_mask & static_cast<unsigned int>(level)) != 0) {
-    Assert(format != nullptr, "Log: got a null format, needs a text");
+    if (format == nullptr) Refuse("Log: got a null format, needs a text");
     va_list arguments;
     va_start(arguments, format);
     std::vsnprintf(message_buffer, sizeof message_buffer, format, arguments);
@@ -86,29 +97,29 @@ std::string Log(int level, char const* format, ...) {
 
 int Assert(bool condition, char const* format, ...) {
   if (condition) return 0;
-  std::ostringstream line;
-  line << '[' << log_tag << "]: ";
-  if (format == nullptr) throw std::runtime_error(line.str());
   va_list arguments;
   va_start(arguments, format);
-  std::vsnprintf(message_buffer, sizeof message_buffer, format, arguments);
-  va_end(arguments);
-  line << message_buffer << std::endl;
-  WriteToSink(line.str());
-  throw std::runtime_error(line.str());
+  ReportAndThrow(format, arguments);
+}
+
+void Refuse(char const* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  ReportAndThrow(format, arguments);
 }
 
 std::string StrFormat(char const* format, ...) {
-  Assert(format != nullptr, "StrFormat: got a null format, needs a text");
+  if (format == nullptr) Refuse("StrFormat: got a null format, needs a text");
+  char text[4096];
   va_list arguments;
   va_start(arguments, format);
-  std::vsnprintf(format_buffer, sizeof format_buffer, format, arguments);
+  std::vsnprintf(text, sizeof text, format, arguments);
   va_end(arguments);
-  return format_buffer;
+  return text;
 }
 
 std::string StringFormat(char const* format, ...) {
-  Assert(format != nullptr, "StringFormat: got a null format, needs a text");
+  if (format == nullptr) Refuse("StringFormat: got a null format, needs a text");
   va_list arguments;
   va_start(arguments, format);
   std::vsnprintf(message_buffer, sizeof message_buffer, format, arguments);

@@ -1,5 +1,6 @@
 // The one channel through which the library reports, the way in which it refuses bad input, and the text helpers that
-// build messages. Nothing here is locked: the application sets tag, sink and mask before it starts to use the library.
+// build messages. Nothing here is locked: the application sets tag, sink and mask before it starts to use the library;
+// from then on any number of threads may call the rest. The last text that was formatted is each thread's own.
 #pragma once
 
 #include <string>
@@ -26,12 +27,12 @@ TALVO_API int GetLogLevel(unsigned int* mask);
 /// Formats like printf, cut to 2047 characters, and gives "[tag] (Info): text" (or the level's other prefix) to the
 /// sink; the line of level 16 is "[tag]: text" and ends in a newline. Level 2 and every other number print nothing.
 /// Returns the text without tag and prefix; a call that was filtered out returns the last text that Log, Assert or
-/// StringFormat formatted.
+/// StringFormat formatted on this thread.
 TALVO_API std::string Log(int level, char const* format, ...) __attribute__((format(printf, 2, 3)));
 
 /// Returns 0 when `condition` holds. Otherwise gives "[tag]: text" and a newline to the sink, whatever the level mask,
 /// and throws std::runtime_error with the same text. A null format throws "[tag]: " and reports nothing.
-TALVO_API int Assert(bool condition, char const* format, ...);
+TALVO_API int Assert(bool condition, char const* format, ...) __attribute__((format(printf, 2, 3)));
 
 /// Formats like printf into a text of at most 4095 characters.
 TALVO_API std::string StrFormat(char const* format, ...) __attribute__((format(printf, 1, 2)));

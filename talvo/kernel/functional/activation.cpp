@@ -4,8 +4,8 @@
 #include <cstddef>
 #include <limits>
 
+#include "talvo/kernel/kernel_support.h"
 #include "talvo/kernel/rows/elementwise_rows.h"
-#include "talvo/utility/log.h"
 
 namespace talvo::kernel::functional {
 namespace {
@@ -26,17 +26,10 @@ struct InPlace {
 };
 
 InPlace ValuesOf(char const* who, runtime::Tensor const* tensor) {
-  using runtime::TensorShape;
-  utility::Assert(tensor != nullptr, "%s: there is no tensor", who);
-  TensorShape const& shape = tensor->shape;
-  unsigned int const count = runtime::ElementCount(shape.dims);
+  if (tensor == nullptr) support::RefuseTensor(who, "the tensor", tensor, {});
+  unsigned int const count = runtime::ElementCount(tensor->shape.dims);
   if (count == 0 || count > static_cast<unsigned int>(std::numeric_limits<int>::max())) return {nullptr, 0};
-  bool const wide = shape.data_type <= TensorShape::UINT8 && runtime::ElementSize(shape.data_type) >= sizeof(float);
-  if (!wide || tensor->data == nullptr) {
-    utility::Assert(false, "%s: tensor of dims %s and data type %u%s, needs %zu bytes an element", who,
-                    runtime::DimsText(shape.dims).c_str(), shape.data_type, wide ? " has no memory" : "",
-                    sizeof(float));
-  }
+  support::CheckTensor(who, "the tensor", tensor, {});
   return {static_cast<float*>(tensor->data), count};
 }
 

@@ -3,14 +3,14 @@
 #include <cstdint>
 #include <limits>
 
+#include "talvo/kernel/kernel_support.h"
 #include "talvo/kernel/rows/conversion_rows.h"
-#include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::kernel::functional {
 namespace {
 
 using runtime::TensorShape;
-using utility::Assert;
 using DevicePtr = std::shared_ptr<runtime::DeviceCPU>;
 using TensorPtr = std::shared_ptr<runtime::TensorCPU>;
 
@@ -22,17 +22,12 @@ float PowerOf(short step) {
 // A new tensor for the converted elements of `input`, which are read as `element_bytes` each.
 TensorPtr NewConverted(char const* name, TensorPtr const& input, unsigned int element_bytes, unsigned int data_type,
                        short step, DevicePtr const& device) {
-  Assert(input != nullptr, "%s: the input is null", name);
+  support::CheckTensor(name, "the input", input.get(), {element_bytes});
   TensorShape const& from = input->shape;
-  if (runtime::ElementSize(from.data_type) < element_bytes ||
-      (input->data == nullptr && runtime::ElementCount(from.dims) != 0)) {
-    Assert(false, "%s: dims %s, data type %u%s; needs %u bytes an element", name, runtime::DimsText(from.dims).c_str(),
-           from.data_type, input->data == nullptr ? ", no memory" : "", element_bytes);
-  }
   TensorShape shape(from.dims, data_type, from.layout, from.location, TensorShape::Extra());
   shape.extra.step_size = step;
   TensorPtr output = device == nullptr ? nullptr : device->CreateTensor(shape, nullptr);
-  Assert(output != nullptr, "Can't create output cpu tensor");
+  if (output == nullptr) utility::Refuse("Can't create output cpu tensor");
   return output;
 }
 
