@@ -51,9 +51,11 @@ bool Meets(runtime::Tensor const& tensor, Needs const& needs) {
 void RefuseTensor(Who const& who, char const* what, runtime::Tensor const* tensor, Needs const& needs) {
   if (tensor == nullptr) Refuse("%s: %s is no CPU tensor", who.Text().c_str(), what);
   TensorShape const& shape = tensor->shape;
-  Refuse("%s: %s has dims %s, data type %u, layout %u, location %u%s; needs %s", who.Text().c_str(), what,
-         DimsText(shape.dims).c_str(), shape.data_type, shape.layout, shape.location,
-         HasMemory(*tensor) ? "" : " and no memory", TextOf(needs).c_str());
+  bool const placed = needs.data_type != kAnyNumber || needs.layout != kAnyNumber;
+  std::string const place = ", layout " + std::to_string(shape.layout) + ", location " + std::to_string(shape.location);
+  Refuse("%s: %s has dims %s, data type %u%s%s; needs %s", who.Text().c_str(), what, DimsText(shape.dims).c_str(),
+         shape.data_type, placed ? place.c_str() : "", HasMemory(*tensor) ? "" : " and no memory",
+         TextOf(needs).c_str());
 }
 
 TensorPtr Input(Who const& who, Tensors const& inputs, std::size_t index, std::size_t rank,
