@@ -5,10 +5,10 @@
 #include <cstdlib>
 #include <map>
 #include <string>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
+#include "talvo/serialization/record_support.h"
 #include "talvo/utility/log.h"
 
 namespace talvo::runtime {
@@ -18,7 +18,6 @@ using utility::Assert;
 using KernelRegistry = ClassRegistry<std::shared_ptr<IKernel>>;
 using Converters = std::map<unsigned int, std::shared_ptr<IKernel>>;
 
-constexpr std::size_t kMaximumRepetitions = 8;  // of one id in one list; every repetition multiplies the work of a walk
 constexpr char const* kInputType = "Input";
 
 char const* TypeName(unsigned int type) {
@@ -48,14 +47,12 @@ char const* TypeName(unsigned int type) {
   return name != names.end() ? name->second : "UnKnown";
 }
 
-void CheckRepetitions(std::vector<std::string> const& ids, char const* what, std::string const& of) {
-  std::unordered_map<std::string, std::size_t> counts;
-  for (std::string const& id : ids) {
-    if (++counts[id] > kMaximumRepetitions) {
-      Assert(false, "%s of %s: the id %s stands more than %zu times", what, of.c_str(), id.c_str(),
-             kMaximumRepetitions);
-    }
-  }
+// Every repetition multiplies the work of a walk. `layer_id` is null for the list of layers itself.
+void CheckRepetitions(std::vector<std::string> const& ids, char const* what, std::string const* layer_id) {
+  std::string const* const repeated = support::RepeatedTooOften(ids);
+  if (repeated == nullptr) return;
+  Assert(false, "%s of %s%s: the id %s stands more than %u times", what, layer_id != nullptr ? "layer " : "the model",
+         layer_id != nullptr ? layer_id->c_str() : "", repeated->c_str(), support::kMostRepeats);
 }
 
 // How the packaged configuration names its kernels.
@@ -81,10 +78,11 @@ class PackagedConfig {
   static void ForEachConverter(std::string const& layer_id, std::shared_ptr<KernelCfgArr> const& converters,
                                Visit const& visit) {
     Assert(converters != nullptr, "layer %s: its configuration has no list of converters", layer_id.c_str());
-    CheckRepetitions(converters->kernel_ids, "converters", "layer " + layer_id);
+    CheckRepetitions(converters->kernel_ids, "converters", &layer_id);
     for (std::string const& id : converters->kernel_ids) {
       auto const found = converters->kernels.find(id);
-      visit(static_cast<unsigned int>(std::atoi(id.c_str())),
+      // As atoi reads it, and defined for numbers that no int holds.
+      visit(static_cast<unsigned int>(std::strtol(id.c_str(), nullptr, 10)),
             found != converters->kernels.end() ? found->second : nullptr);
     }
   }
@@ -131,7 +129,7 @@ class Builder {
       : model_(model), config_(config), kernels_(kernels), context_(context) {}
 
   std::shared_ptr<Net> Build() {
-    CheckRepetitions(model_.squential_ids, "layers", "the model");
+    CheckRepetitions(model_.squential_ids, "layers", nullptr);
     for (std::size_t i = 0; i < model_.squential_ids.size(); ++i) {
       index_of_[model_.squential_ids[i]] = static_cast<unsigned int>(i);
     }
@@ -182,7 +180,7 @@ class Builder {
   }
 
   void Wire(Layer& layer, LayerInfo const& info, std::size_t index) {
-    CheckRepetitions(info.input_ids, "inputs", "layer " + info.id);
+    CheckRepetitions(info.input_ids, "inputs", &info.id);
     for (std::size_t position = 0; position < info.input_ids.size(); ++position) {
       unsigned int const producer = index_of_[info.input_ids[position]];  // an id that no layer has enters as layer 0
       if (producer >= index) {

@@ -15,7 +15,7 @@ void KernelCfg::VisitAttr(std::shared_ptr<Visitor> visitor) {
 }
 
 void KernelCfgArr::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  support::VisitTable(visitor, kernel_ids, "kernel_ids", kernels, support::kMostRepeats);
+  support::VisitTable(visitor, kernel_ids, "kernel_ids", kernels);
 }
 
 LayerCfg::LayerCfg()
@@ -32,7 +32,7 @@ void LayerCfg::VisitAttr(std::shared_ptr<Visitor> visitor) {
 
 void TLModelCfg::VisitAttr(std::shared_ptr<Visitor> visitor) {
   TALVO_VISIT_FIELD(summary);
-  support::VisitTable(visitor, squential_ids, "squential_ids", layers, support::kMostRepeats);
+  support::VisitTable(visitor, squential_ids, "squential_ids", layers);
 }
 
 TLModelMultiBackendCfgs::TLModelMultiBackendCfgs()
@@ -57,7 +57,7 @@ void TLModelMultiBackendCfgs::VisitAttr(std::shared_ptr<Visitor> visitor) {
 }
 
 void TLModelMultiBackendCfgsArr::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  support::VisitTable(visitor, squential_ids, "squential_ids", configs, support::kMostModelRepeats);
+  support::VisitTable(visitor, squential_ids, "squential_ids", configs);
 }
 
 std::shared_ptr<TLModelCfg> parseModelCfgFromJsonContent(std::string const& json) {

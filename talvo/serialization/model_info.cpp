@@ -92,7 +92,7 @@ void TLModelInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
   TALVO_VISIT_FIELD(squential_ids);
   TALVO_VISIT_FIELD(squential_types);
   utility::Assert(squential_ids.size() == squential_types.size(), "Length of layer id and type mismatch.");
-  support::AssertFewRepeats(squential_ids, support::kMostRepeats);
+  support::AssertFewRepeats(squential_ids);
   for (std::size_t i = 0; i < squential_ids.size(); ++i)
     VisitLayer(*visitor, squential_ids[i], squential_types[i], layers);
 }
@@ -119,7 +119,7 @@ std::vector<std::string> TLModelInfo::GetOutputIDs() {
 
 void TLModelInfoArr::VisitAttr(std::shared_ptr<Visitor> visitor) {
   Serializable::VisitAttr(visitor);
-  support::VisitTable(visitor, squential_ids, "squential_ids", models, support::kMostModelRepeats);
+  support::VisitTable(visitor, squential_ids, "squential_ids", models);
 }
 
 TLNModel::TLNModel()

@@ -2,6 +2,7 @@
 
 #include <cxxabi.h>
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "talvo/utility/log.h"
@@ -19,13 +20,24 @@ std::string Demangled(char const* type_name) {
   return text != nullptr ? text.get() : type_name;
 }
 
-void AssertFewRepeats(std::vector<std::string> const& ids, unsigned int most) {
-  if (ids.size() <= most) return;
-  std::unordered_map<std::string, unsigned int> repeats;
-  for (std::string const& id : ids) {
-    unsigned int const count = ++repeats[id];
-    utility::Assert(count <= most, "list of %zu ids: \"%s\" stands more than %u times", ids.size(), id.c_str(), most);
+// Sorted, not hashed: a file can choose ids that share a hash.
+std::string const* RepeatedTooOften(std::vector<std::string> const& ids) {
+  if (ids.size() <= kMostRepeats) return nullptr;
+  std::vector<std::string const*> sorted;
+  sorted.reserve(ids.size());
+  for (std::string const& id : ids) sorted.push_back(&id);
+  std::sort(sorted.begin(), sorted.end(), [](std::string const* a, std::string const* b) { return *a < *b; });
+  for (std::size_t i = kMostRepeats; i < sorted.size(); ++i) {
+    if (*sorted[i] == *sorted[i - kMostRepeats]) return sorted[i];
   }
+  return nullptr;
+}
+
+void AssertFewRepeats(std::vector<std::string> const& ids) {
+  std::string const* const repeated = RepeatedTooOften(ids);
+  if (repeated == nullptr) return;
+  utility::Assert(false, "list of %zu ids: \"%s\" stands more than %u times", ids.size(), repeated->c_str(),
+                  kMostRepeats);
 }
 
 }  // namespace talvo::runtime::support

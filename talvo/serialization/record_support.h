@@ -26,19 +26,22 @@ std::string BareName(std::string const& name);
 /// The name of a class, namespaces included, from its run-time type name.
 std::string Demangled(char const* type_name);
 
-/// How often an id may stand in a list. Each occurrence reads the record that the id names once more, and what JSON
-/// reads is appended: without a limit a small file could fill the memory.
-constexpr unsigned int kMostRepeats = 8, kMostModelRepeats = 2;
+/// How often an id may stand in a list. Each occurrence reads or makes once more what the id names, and what JSON reads
+/// is appended: without a limit a small file could fill the memory.
+constexpr unsigned int kMostRepeats = 8;
 
-/// Assert: an id that stands more than `most` times.
-void AssertFewRepeats(std::vector<std::string> const& ids, unsigned int most);
+/// An id that stands more than kMostRepeats times; null when there is none. In n log n comparisons, whatever the ids.
+std::string const* RepeatedTooOften(std::vector<std::string> const& ids);
+
+/// Assert: an id that stands more than kMostRepeats times.
+void AssertFewRepeats(std::vector<std::string> const& ids);
 
 /// Visits the list of ids, then for each id its record, which is made where the table has none.
 template <class Record>
 void VisitTable(std::shared_ptr<Visitor> const& visitor, std::vector<std::string>& ids, char const* key,
-                std::unordered_map<std::string, std::shared_ptr<Record>>& table, unsigned int most) {
+                std::unordered_map<std::string, std::shared_ptr<Record>>& table) {
   visitor->Visit(&ids, key);
-  AssertFewRepeats(ids, most);
+  AssertFewRepeats(ids);
   for (std::string const& id : ids) {
     auto const place = table.try_emplace(id);
     if (place.second) place.first->second = std::make_shared<Record>();
