@@ -12,7 +12,6 @@ namespace {
 
 using utility::Assert;
 using Tensors = std::vector<std::shared_ptr<Tensor>>;
-using Converters = std::map<unsigned int, std::shared_ptr<IKernel>>;
 
 constexpr std::string_view kInputType = "Input";
 
@@ -21,23 +20,26 @@ class Walk {
  public:
   Walk(Net const& net, std::unordered_map<unsigned int, std::shared_ptr<Tensor>> const& inputs,
        std::vector<unsigned int> const& output_ids, std::shared_ptr<Context> const& context)
-      : net_(net), inputs_(inputs), context_(context), pending_(output_ids), layer_outputs_(net.layers.size()) {}
+      : net_(net), inputs_(inputs), context_(context), pending_(output_ids.size()), states_(net.layers.size()) {
+    for (unsigned int id : output_ids) {
+      if (id < states_.size()) ++states_[id].requests;
+    }
+  }
 
-  bool Done() const { return pending_.empty(); }
+  bool Done() const { return pending_ == 0; }
 
   void Run(unsigned int index) {
     index_ = index;
     if (net_.layers[index] == nullptr) Assert(false, "layer %u: no layer record", index);
     layer_ = net_.layers[index].get();
-    auto const requested = std::find(pending_.begin(), pending_.end(), index);
-    bool const is_requested = requested != pending_.end();
+    bool const is_requested = states_[index].requests != 0;
     GatherInputs();
-    Tensors& outputs = layer_outputs_[index];
+    Tensors& outputs = states_[index].outputs;
     RunKernel(layer_->kernel, "kernel", kernel_inputs_, !is_requested || !layer_->output_converters.empty(), outputs);
     ConvertOutputs(outputs, !is_requested);
     ReleaseProducers();
     if (is_requested) {
-      pending_.erase(requested);
+      --pending_;  // further requests of the layer are never served
       result_.emplace(index, outputs);
     }
     kernel_inputs_.clear();
@@ -87,12 +89,12 @@ class Walk {
   std::shared_ptr<Tensor> const& Produced(unsigned int position) const {
     auto const [producer, output] = layer_->input_refs[position];
     bool const made =
-        producer < index_ && output < layer_outputs_[producer].size() && layer_outputs_[producer][output] != nullptr;
+        producer < index_ && output < states_[producer].outputs.size() && states_[producer].outputs[output] != nullptr;
     if (!made) {
       Assert(false, "layer %u (%s): its input %u is output %u of layer %u, which %s", index_, layer_->type.c_str(),
              position, output, producer, producer < index_ ? "did not make that tensor" : "does not stand before it");
     }
-    return layer_outputs_[producer][output];
+    return states_[producer].outputs[output];
   }
 
   void ConvertOutputs(Tensors& outputs, bool intermediate) {
@@ -110,31 +112,41 @@ class Walk {
   void ReleaseProducers() {
     for (auto const& [producer, output] : layer_->input_refs) {
       if (inputs_.count(producer) != 0) continue;
-      if (producer >= layer_outputs_.size() || net_.layers[producer] == nullptr) {
+      if (producer >= states_.size() || net_.layers[producer] == nullptr) {
         Assert(false, "layer %u (%s): it reads layer %u of %zu", index_, layer_->type.c_str(), producer,
-               layer_outputs_.size());
+               states_.size());
       }
-      if (AllConsumersRan(producer)) layer_outputs_[producer].clear();
+      // Layers run in order: what stands up to this layer has run, even if its own outputs are gone by now.
+      if (LastReader(producer) <= index_) states_[producer].outputs.clear();
     }
   }
 
-  // Layers run in order: what stands up to this layer has run, even if its own outputs are gone by now.
-  bool AllConsumersRan(unsigned int producer) const {
-    for (auto const& [consumer, position] : net_.layers[producer]->consumers) {
-      if (consumer >= layer_outputs_.size()) {
-        Assert(false, "layer %u (%s): its consumer %u is beyond the %zu layers", producer,
-               net_.layers[producer]->type.c_str(), consumer, layer_outputs_.size());
-      }
-      if (consumer > index_) return false;
+  // The readers are looked through once in a walk: a layer may have as many as the net has layers.
+  std::uint32_t LastReader(unsigned int producer) {
+    std::uint32_t& last = states_[producer].last_reader;
+    if (last != kUnknown) return last;
+    std::uint32_t found = 0;
+    for (auto const& reader : net_.layers[producer]->consumers) found = std::max(found, reader.first);
+    if (found >= states_.size()) {
+      Assert(false, "layer %u (%s): its consumer %u is beyond the %zu layers", producer,
+             net_.layers[producer]->type.c_str(), found, states_.size());
     }
-    return true;
+    return last = found;
   }
+
+  static constexpr std::uint32_t kUnknown = 0xFFFFFFFF;
+
+  struct LayerState {
+    Tensors outputs;
+    std::uint32_t last_reader = kUnknown;
+    std::uint32_t requests = 0;  // how often the caller named the layer
+  };
 
   Net const& net_;
   std::unordered_map<unsigned int, std::shared_ptr<Tensor>> const& inputs_;
   std::shared_ptr<Context> const& context_;
-  std::vector<unsigned int> pending_;
-  std::vector<Tensors> layer_outputs_;
+  std::size_t pending_;  // requests that are not served
+  std::vector<LayerState> states_;
   std::unordered_map<unsigned int, Tensors> result_;
 
   // The layer that runs.
