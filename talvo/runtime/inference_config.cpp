@@ -53,7 +53,8 @@ Converters ReadConverters(Value const& layer, char const* key, std::string const
   Assert(found->value.IsObject(), "%s.%s: converters are an object", where.c_str(), key);
   for (auto const& member : found->value.GetObject()) {
     char const* const position = member.name.GetString();
-    converters[static_cast<unsigned int>(std::atoi(position))] =
+    // As atoi reads it, and defined for numbers that no int holds.
+    converters[static_cast<unsigned int>(std::strtol(position, nullptr, 10))] =
         ReadKernel(member.value, where + "." + key + "." + position, params);
   }
   return converters;

@@ -17,6 +17,14 @@ using UsedBlocks = std::unordered_map<void*, unsigned long>;
 
 constexpr std::size_t kStartBytes = sizeof(void*);  // an aligned block is preceded by the address of its allocation
 
+// Enters a new block in use. The free list gets the room for every block that there is, so that a block can come back
+// without an allocation: Free runs where tensors are released, and nothing may be thrown there.
+void EnterBlock(void* block, unsigned long size, Blocks& free_blocks, UsedBlocks& used_blocks) {
+  std::size_t const blocks = free_blocks.size() + used_blocks.size() + 1;
+  if (free_blocks.capacity() < blocks) free_blocks.reserve(2 * blocks);
+  used_blocks.emplace(block, size);
+}
+
 // Moves entry `at` of the free list to the blocks in use: the last entry takes its place in the list.
 void* TakeFreeBlock(Blocks& free_blocks, std::size_t at, UsedBlocks& used_blocks) {
   Block const block = free_blocks[at];
@@ -64,7 +72,7 @@ void* AlignedPool::Malloc(unsigned long size) {
   }
   auto const release = [this](void* pointer) { AlignFree(pointer); };
   std::unique_ptr<void, decltype(release)> block(AlignMalloc(size), release);
-  used_blocks_.emplace(block.get(), size);
+  EnterBlock(block.get(), size, free_blocks_, used_blocks_);
   return block.release();
 }
 
@@ -117,7 +125,7 @@ void* AlignUpPool::Malloc(unsigned long size) {
   void* start = nullptr;
   if (posix_memalign(&start, alignment_, rounded) != 0) return nullptr;
   std::unique_ptr<void, decltype(&std::free)> block(start, &std::free);
-  used_blocks_.emplace(start, rounded);
+  EnterBlock(start, rounded, free_blocks_, used_blocks_);
   return block.release();
 }
 

@@ -7,7 +7,7 @@
 namespace talvo::utility {
 
 double getTickCount() {
-  timeval now;
+  timeval now = {};
   gettimeofday(&now, nullptr);
   return static_cast<double>(now.tv_usec) + static_cast<double>(now.tv_sec) * 1e6;
 }
