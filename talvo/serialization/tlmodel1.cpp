@@ -42,6 +42,11 @@ unsigned int QZExInfo::Number(std::size_t offset) const {
   return number;
 }
 
+char const* QZLayerTypeName(unsigned short type) {
+  RecordForm const* const form = support::FindForm(type);
+  return form != nullptr ? form->name : "";
+}
+
 QZNetLoader::QZNetLoader() = default;
 QZNetLoader::~QZNetLoader() = default;
 
@@ -65,24 +70,18 @@ bool QZNetLoader::LoadFile(char const* path, bool) {
 }
 
 bool QZNetLoader::ReadFile(std::FILE* stream) {
+  talvo::utility::Assert(stream != nullptr, "a first-generation model cannot be loaded: the stream is null");
   std::size_t const ex_count = std::fread(exinfo.bytes.data(), exinfo.bytes.size(), 1, stream);
   TALVO1_REQUIRE(this->exinfo.ifCorrectlyLoad());
   TALVO1_REQUIRE(ex_count == 1);
   if (exinfo.getVersion() < kNarrowVersion) return false;
-  if (exinfo.getVersion() == kNarrowVersion) {
-    LoadFileV10000(stream);
-  } else {
-    LoadFile(stream);
-  }
+  LoadRecords(stream);
   CountReaders();
   return true;
 }
 
-void QZNetLoader::LoadFileV10000(std::FILE* stream) { LoadRecords(stream, kLastTypeV10000); }
-
-void QZNetLoader::LoadFile(std::FILE* stream) { LoadRecords(stream, kLastType); }
-
-void QZNetLoader::LoadRecords(std::FILE* stream, unsigned short last_type) {
+void QZNetLoader::LoadRecords(std::FILE* stream) {
+  unsigned short const last_type = exinfo.getVersion() == kNarrowVersion ? kLastTypeV10000 : kLastType;
   BodyReader body(stream, exinfo.getVersion());
   unsigned short message_head = 0;
   while (body.Try(&message_head)) {

@@ -48,6 +48,9 @@ class TALVO_API QZExInfo {
   unsigned int Number(std::size_t offset) const;
 };
 
+/// The name of a type of layer, as in "Conv2D"; empty for a number that no file holds.
+TALVO_API char const* QZLayerTypeName(unsigned short type);
+
 /// Loads one file of the versions from 10000 on.
 class TALVO_API QZNetLoader {
  public:
@@ -65,6 +68,7 @@ class TALVO_API QZNetLoader {
   bool LoadFile(char const* path, bool flag);
 
   /// As LoadFile, from a stream and without an end of the process: throws LoadFailure where an assertion would fail.
+  /// Assert: a null stream too.
   bool ReadFile(std::FILE* stream);
 
   std::map<unsigned short, QZLayerInfo*> layers;           // by id; of several records with one id, the first
@@ -73,9 +77,7 @@ class TALVO_API QZNetLoader {
   QZExInfo exinfo;
 
  private:
-  void LoadFile(std::FILE* stream);
-  void LoadFileV10000(std::FILE* stream);
-  void LoadRecords(std::FILE* stream, unsigned short last_type);
+  void LoadRecords(std::FILE* stream);
   void CountReaders();
 
   std::vector<std::unique_ptr<QZLayerInfo>> records_;

@@ -287,32 +287,8 @@ std::unique_ptr<QZLayerInfo> Read(BodyReader& body) {
   return layer;
 }
 
-#define TALVO1_FORM(type, from_version, name) \
-  { type, from_version, &Read<QZLayerInfo_##name, type> }
-constexpr RecordForm kForms[] = {
-    TALVO1_FORM(0, 10000, Input),
-    TALVO1_FORM(1, 10000, Conv2D),
-    TALVO1_FORM(2, 10000, Conv2DTranspose),
-    TALVO1_FORM(3, 10000, DepthWiseConv2D),
-    TALVO1_FORM(4, 10000, PixelShuffle),
-    TALVO1_FORM(5, 10000, Pooling),
-    TALVO1_FORM(6, 10000, InstanceNormalization),
-    TALVO1_FORM(7, 10000, BatchNormalization),
-    TALVO1_FORM(8, 10000, Activation),
-    TALVO1_FORM(9, 10000, Region),
-    TALVO1_FORM(10, 10000, ElementWiseOperator),
-    TALVO1_FORM(11, 10000, Concatenate),
-    TALVO1_FORM(14, 10000, Upsampling),
-    TALVO1_FORM(15, 10000, ChannelShuffle),
-    TALVO1_FORM(16, 10003, DepthWiseConv2DTranspose),
-    TALVO1_FORM(17, 10008, TensorInput),
-    TALVO1_FORM(18, 10008, TensorReshape),
-    TALVO1_FORM(19, 10008, TensorTranspose),
-    TALVO1_FORM(20, 10008, TensorSqueeze),
-    TALVO1_FORM(21, 10008, FullConnection),
-    TALVO1_FORM(22, 10008, LSTM),
-    TALVO1_FORM(26, 10011, TensorActivation),
-};
+#define TALVO1_FORM(type, from_version, name) {type, from_version, #name, &Read<QZLayerInfo_##name, type>},
+constexpr RecordForm kForms[] = {TALVO1_FOR_EACH_KIND(TALVO1_FORM)};
 #undef TALVO1_FORM
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <iterator>
+#include <stdexcept>
 #include <utility>
 
 #include "talvo/serialization/layer_info_activation.h"
@@ -11,6 +12,7 @@
 #include "talvo/serialization/layer_info_rnn.h"
 #include "talvo/serialization/layer_info_tensor.h"
 #include "talvo/serialization/record_support.h"
+#include "talvo/serialization/tlmodel1_support.h"
 #include "talvo/serialization/tlmodel1_weights_support.h"
 #include "talvo/utility/log.h"
 
@@ -119,7 +121,8 @@ bool CeilMode(QZLayerInfo_Pooling const& layer, unsigned int base_height) {
   return std::ceil(span / static_cast<float>(layer.stride_y)) + 1.0f == out_h;
 }
 
-LayerPtr Convert(QZLayerInfo_Pooling const& layer, unsigned int base_height) {
+LayerPtr Convert(QZLayerInfo_Pooling const& layer, QZExInfo const& header) {
+  unsigned int const base_height = header.BaseHeight();
   if (layer.kind == 0) {
     auto info = std::make_shared<AvgPool2dInfo>();
     CopyWindow(layer, *info);
@@ -234,42 +237,34 @@ LayerPtr Convert(QZLayerInfo_LSTM const& layer) {
   return info;
 }
 
+LayerPtr Convert(QZLayerInfo_Input const&) { return std::make_shared<InputInfo>(); }
+
+LayerPtr Convert(QZLayerInfo_Activation const& layer) { return Activation(layer.kind, layer.alpha, layer.beta); }
+
+LayerPtr Convert(QZLayerInfo_TensorActivation const& layer) { return Activation(layer.kind, layer.alpha, layer.beta); }
+
+// The kinds that nothing above takes have no counterpart.
+LayerPtr Convert(QZLayerInfo const&) {
+  RequireKnown(false);
+  return nullptr;
+}
+
+// Only pooling needs the header.
+template <class Layer>
+LayerPtr Convert(Layer const& layer, QZExInfo const&) {
+  return Convert(layer);
+}
+
 LayerPtr ConvertLayer(QZLayerInfo const& layer, QZExInfo const& header) {
-#define TALVO1_CASE(type, name) \
-  case type:                    \
-    return Convert(static_cast<QZLayerInfo_##name const&>(layer))
   switch (layer.type) {
-    case 0:
-      return std::make_shared<InputInfo>();
-      TALVO1_CASE(1, Conv2D);
-      TALVO1_CASE(2, Conv2DTranspose);
-      TALVO1_CASE(3, DepthWiseConv2D);
-      TALVO1_CASE(4, PixelShuffle);
-    case 5:
-      return Convert(static_cast<QZLayerInfo_Pooling const&>(layer), header.BaseHeight());
-      TALVO1_CASE(7, BatchNormalization);
-    case 8: {
-      auto const& activation = static_cast<QZLayerInfo_Activation const&>(layer);
-      return Activation(activation.kind, activation.alpha, activation.beta);
-    }
-      TALVO1_CASE(10, ElementWiseOperator);
-      TALVO1_CASE(11, Concatenate);
-      TALVO1_CASE(14, Upsampling);
-      TALVO1_CASE(17, TensorInput);
-      TALVO1_CASE(18, TensorReshape);
-      TALVO1_CASE(19, TensorTranspose);
-      TALVO1_CASE(20, TensorSqueeze);
-      TALVO1_CASE(21, FullConnection);
-      TALVO1_CASE(22, LSTM);
-    case 26: {
-      auto const& activation = static_cast<QZLayerInfo_TensorActivation const&>(layer);
-      return Activation(activation.kind, activation.alpha, activation.beta);
-    }
-    default:
-      RequireKnown(false);
-      return nullptr;
-  }
+#define TALVO1_CASE(type, from_version, name) \
+  case type:                                  \
+    return Convert(static_cast<QZLayerInfo_##name const&>(layer), header);
+    TALVO1_FOR_EACH_KIND(TALVO1_CASE)
 #undef TALVO1_CASE
+    default:
+      return Convert(layer);
+  }
 }
 
 void FillExtraInfo(QZExInfo const& header, NetExtraInfo& info) {
@@ -316,10 +311,16 @@ void AddLayer(QZLayerInfo const& layer, unsigned short readers, QZExInfo const& 
 void ConvertTLModel1(QZNetLoader const& loader, TLModelInfo& model) {
   std::vector<std::string> names;
   for (unsigned short const id : loader.id_list) names.push_back(NameOf(id));
-  support::AssertFewRepeats(names, support::kMostRepeats);  // each occurrence is converted once more
+  support::AssertFewRepeats(names);  // each occurrence is converted once more
   FillExtraInfo(loader.exinfo, model.extra_info);
-  for (unsigned short const id : loader.id_list)
-    AddLayer(*loader.layers.at(id), loader.reader_counts.at(id), loader.exinfo, model);
+  for (unsigned short const id : loader.id_list) {
+    QZLayerInfo const& layer = *loader.layers.at(id);
+    try {
+      AddLayer(layer, loader.reader_counts.at(id), loader.exinfo, model);
+    } catch (std::runtime_error const& refusal) {
+      throw RefusedLayer(refusal.what(), id, layer.type);
+    }
+  }
 }
 
 void TLModelInfo::LoadFromTLModel1(char const* path) {

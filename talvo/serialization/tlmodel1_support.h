@@ -1,4 +1,4 @@
-// How the records of a first-generation file are read. Internal: not installed.
+// The kinds of layers in first-generation files, and how their records are read. Internal: not installed.
 #pragma once
 
 #include <cstdint>
@@ -7,6 +7,32 @@
 #include <vector>
 
 #include "talvo/serialization/tlmodel1.h"
+
+/// One row for each kind of layer: its number, the first version whose files hold it, and the NAME under which it is
+/// printed and that its class QZLayerInfo_NAME ends in.
+#define TALVO1_FOR_EACH_KIND(KIND)          \
+  KIND(0, 10000, Input)                     \
+  KIND(1, 10000, Conv2D)                    \
+  KIND(2, 10000, Conv2DTranspose)           \
+  KIND(3, 10000, DepthWiseConv2D)           \
+  KIND(4, 10000, PixelShuffle)              \
+  KIND(5, 10000, Pooling)                   \
+  KIND(6, 10000, InstanceNormalization)     \
+  KIND(7, 10000, BatchNormalization)        \
+  KIND(8, 10000, Activation)                \
+  KIND(9, 10000, Region)                    \
+  KIND(10, 10000, ElementWiseOperator)      \
+  KIND(11, 10000, Concatenate)              \
+  KIND(14, 10000, Upsampling)               \
+  KIND(15, 10000, ChannelShuffle)           \
+  KIND(16, 10003, DepthWiseConv2DTranspose) \
+  KIND(17, 10008, TensorInput)              \
+  KIND(18, 10008, TensorReshape)            \
+  KIND(19, 10008, TensorTranspose)          \
+  KIND(20, 10008, TensorSqueeze)            \
+  KIND(21, 10008, FullConnection)           \
+  KIND(22, 10008, LSTM)                     \
+  KIND(26, 10011, TensorActivation)
 
 /// Throws LoadFailure with the expression's own words.
 #define TALVO1_REQUIRE(expression) \
@@ -40,10 +66,11 @@ class BodyReader {
 
 std::vector<float> Widened(half_float::half const* values, std::size_t count);
 
-/// One type of layer. `read` makes the record and reads it from its id to the end of its body.
+/// One kind of layer. `read` makes the record and reads it from its id to the end of its body.
 struct RecordForm {
   unsigned short type;
   unsigned int from_version;
+  char const* name;
   std::unique_ptr<QZLayerInfo> (*read)(BodyReader& body);
 };
 
