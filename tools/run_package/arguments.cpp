@@ -3,10 +3,13 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "tools/common/program.h"
 #include "tools/run_package/layouts.h"
 
 namespace run_package {
 namespace {
+
+using tools::UsageError;
 
 constexpr unsigned long kMaximumRepeat = 1000000;
 

@@ -1,17 +1,10 @@
 // The command line of run_package.
 #pragma once
 
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace run_package {
-
-/// A command line that cannot be understood; the text says why.
-class UsageError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
 
 /// LAYER=FILE.npy or LAYER=LAYOUT:FILE.npy; an empty layout leaves the choice to the array's rank.
 struct InputFile {
@@ -32,7 +25,7 @@ struct Arguments {
 
 extern char const* const kUsage;
 
-/// Throws UsageError.
+/// Throws tools::UsageError.
 Arguments ParseArguments(int count, char const* const* words);
 
 }  // namespace run_package

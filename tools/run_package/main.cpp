@@ -1,12 +1,11 @@
 // Runs a model package as an application would: reads it, builds the net for a back end, feeds .npy files, writes the
 // outputs.
-#include <algorithm>
 #include <cstdio>
-#include <exception>
 #include <iostream>
 #include <stdexcept>
 #include <string>
 
+#include "tools/common/program.h"
 #include "tools/run_package/describe.h"
 #include "tools/run_package/report.h"
 
@@ -25,13 +24,6 @@ void RunAll(run_package::Arguments const& arguments, run_package::Session& sessi
   }
 }
 
-// Ids and paths may hold line breaks; a report of an error is one line.
-std::string OneLine(std::string text) {
-  std::replace_if(
-      text.begin(), text.end(), [](char c) { return c == '\n' || c == '\r'; }, ' ');
-  return text;
-}
-
 void Run(run_package::Arguments const& arguments) {
   run_package::Session session(arguments);
   if (arguments.list) {
@@ -46,14 +38,5 @@ void Run(run_package::Arguments const& arguments) {
 }  // namespace
 
 int main(int count, char** words) {
-  try {
-    Run(run_package::ParseArguments(count, words));
-    return 0;
-  } catch (run_package::UsageError const& error) {
-    std::fprintf(stderr, "run_package: %s\n%s\n", error.what(), run_package::kUsage);
-    return 2;
-  } catch (std::exception const& error) {
-    std::fprintf(stderr, "run_package: %s\n", OneLine(error.what()).c_str());
-    return 1;
-  }
+  return tools::RunProgram("run_package", run_package::kUsage, [&] { Run(run_package::ParseArguments(count, words)); });
 }

@@ -1,7 +1,7 @@
 #include "tools/run_package/package_file.h"
 
-#include <rapidjson/document.h>
 #include <rapidjson/error/en.h>
+#include <rapidjson/reader.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -9,15 +9,18 @@
 #include <cstring>
 #include <filesystem>
 #include <iterator>
+#include <new>
 #include <stdexcept>
 
 #include "talvo/serialization/file_visitors.h"
 #include "talvo/utility/json_file.h"
+#include "tools/common/program.h"
 
 namespace run_package {
 namespace {
 
 using talvo::runtime::TLNModel;
+using tools::Message;
 
 bool EndsIn(std::string const& text, std::string const& ending) {
   return text.size() >= ending.size() && text.compare(text.size() - ending.size(), ending.size(), ending) == 0;
@@ -38,15 +41,32 @@ void ReadBinary(std::string const& path, TLNModel& package) {
   }
 }
 
+// The parser tests no allocation.
+struct Allocator : rapidjson::CrtAllocator {
+  void* Malloc(std::size_t size) { return Checked(CrtAllocator::Malloc(size), size); }
+  void* Realloc(void* block, std::size_t old_size, std::size_t size) {
+    return Checked(CrtAllocator::Realloc(block, old_size, size), size);
+  }
+
+ private:
+  static void* Checked(void* block, std::size_t size) {
+    if (block == nullptr && size != 0) throw std::bad_alloc();
+    return block;
+  }
+};
+
 // Why the library refuses a text without a word: it does not parse, or is no object.
 std::string ProblemOf(std::string const& text) {
-  rapidjson::Document document;
-  document.Parse<rapidjson::kParseIterativeFlag>(text.c_str());
-  if (!document.HasParseError()) return "the text is no JSON object";
-  auto const end = text.begin() + static_cast<std::ptrdiff_t>(std::min(document.GetErrorOffset(), text.size()));
+  std::string copy = text;
+  rapidjson::InsituStringStream stream(copy.data());
+  rapidjson::BaseReaderHandler<> nothing;
+  rapidjson::GenericReader<rapidjson::UTF8<>, rapidjson::UTF8<>, Allocator> reader;
+  auto const result = reader.Parse<rapidjson::kParseIterativeFlag | rapidjson::kParseInsituFlag>(stream, nothing);
+  if (!result.IsError()) return "the text is no JSON object";
+  auto const end = text.begin() + static_cast<std::ptrdiff_t>(std::min(result.Offset(), text.size()));
   auto const line_start = std::find(std::make_reverse_iterator(end), text.rend(), '\n').base();
   return "no JSON: line " + std::to_string(std::count(text.begin(), end, '\n') + 1) + ", column " +
-         std::to_string(end - line_start + 1) + ": " + rapidjson::GetParseError_En(document.GetParseError());
+         std::to_string(end - line_start + 1) + ": " + rapidjson::GetParseError_En(result.Code());
 }
 
 void ReadJSON(std::string const& path, TLNModel& package) {
@@ -59,13 +79,6 @@ void ReadJSON(std::string const& path, TLNModel& package) {
 }
 
 }  // namespace
-
-std::string Message(std::exception const& refusal) {
-  std::string text = refusal.what();
-  text.erase(text.find_last_not_of('\n') + 1);
-  auto const tag = text.find("]: ");
-  return text[0] == '[' && tag != std::string::npos ? text.substr(tag + 3) : text;
-}
 
 std::shared_ptr<TLNModel> ReadPackage(std::string const& path) {
   auto package = std::make_shared<TLNModel>();

@@ -1,16 +1,12 @@
 // Reads the file of a package and says where a damaged one breaks off.
 #pragma once
 
-#include <exception>
 #include <memory>
 #include <string>
 
 #include "talvo/serialization/model_info.h"
 
 namespace run_package {
-
-/// The text of an exception of the library, without tag and newline.
-std::string Message(std::exception const& refusal);
 
 /// The package in a file, whose ending (.tlnmodel or .json) tells its form. Throws std::runtime_error with the path and
 /// what is wrong: the byte at which reading the binary form ended, the line and column at which a text is no JSON.

@@ -7,6 +7,7 @@
 #include <iomanip>
 #include <limits>
 #include <ostream>
+#include <set>
 #include <stdexcept>
 #include <system_error>
 
@@ -71,11 +72,14 @@ void MakeFolder(std::string const& path) {
   if (!std::filesystem::is_directory(path, problem)) throw std::runtime_error(path + ": no folder can be made here");
 }
 
-std::string FileName(std::string id) {
+// The file name of an output, one of its own: ids that differ in such characters alone get _2, _3 and so on.
+std::string FileName(std::string id, std::set<std::string>& taken) {
   for (char& character : id) {
     if (character == '/' || static_cast<unsigned char>(character) < ' ') character = '_';
   }
-  return id;
+  std::string name = id;
+  for (unsigned int number = 2; !taken.insert(name).second; ++number) name = id + "_" + std::to_string(number);
+  return name + ".npy";
 }
 
 std::string OutputDims(RunResult const& result, unsigned int layer) {
@@ -95,13 +99,15 @@ float Median(std::vector<float> values) {
 
 void ReportOutputs(Session const& session, RunResult const& result, std::string const& directory, std::ostream& out) {
   if (!directory.empty()) MakeFolder(directory);
+  std::set<std::string> file_names;
+  std::set<unsigned int> reported;  // a model may name an output twice
   for (unsigned int index : session.OutputIndices()) {
     auto const found = result.outputs.find(index);
-    if (found == result.outputs.end()) continue;
+    if (found == result.outputs.end() || !reported.insert(index).second) continue;
     for (std::size_t i = 0; i < found->second.size(); ++i) {
       std::string const id = session.Model().squential_ids[index] + (i == 0 ? "" : "." + std::to_string(i));
       PrintSummary(id, *found->second[i], out);
-      if (!directory.empty()) WriteNpy(directory + "/" + FileName(id) + ".npy", *found->second[i]);
+      if (!directory.empty()) WriteNpy(directory + "/" + FileName(id, file_names), *found->second[i]);
     }
   }
   out << "time: " << std::fixed << std::setprecision(3) << result.time_ms << " ms\n"

@@ -9,6 +9,7 @@
 #include "talvo/entry/create_context.h"
 #include "talvo/entry/register_operators.h"
 #include "talvo/utility/log.h"
+#include "tools/common/program.h"
 #include "tools/run_package/npy.h"
 #include "tools/run_package/package_file.h"
 
@@ -17,6 +18,7 @@ namespace {
 
 using namespace talvo::runtime;
 using talvo::utility::get_time_in_ms;
+using tools::Message;
 
 constexpr unsigned int kAlignment = 64;
 

@@ -4,8 +4,12 @@
 #include <cctype>
 #include <filesystem>
 
+#include "tools/common/program.h"
+
 namespace upgrade_model {
 namespace {
+
+using tools::UsageError;
 
 constexpr unsigned long kMaximumVersion = 65535;
 

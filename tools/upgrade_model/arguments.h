@@ -1,16 +1,9 @@
 // The command line of upgrade_model.
 #pragma once
 
-#include <stdexcept>
 #include <string>
 
 namespace upgrade_model {
-
-/// A command line that cannot be understood; the text says why.
-class UsageError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
 
 struct Arguments {
   std::string in, out;
@@ -22,7 +15,7 @@ struct Arguments {
 
 extern char const* const kUsage;
 
-/// Throws UsageError.
+/// Throws tools::UsageError.
 Arguments ParseArguments(int count, char const* const* words);
 
 }  // namespace upgrade_model

@@ -3,7 +3,7 @@
 #include <stdexcept>
 #include <unordered_map>
 
-#include "tools/upgrade_model/message.h"
+#include "tools/common/program.h"
 
 namespace upgrade_model {
 namespace {
@@ -91,7 +91,7 @@ std::shared_ptr<TLModelCfg> ReadConfiguration(std::string const& path) {
   try {
     return parseModelCfgFromJsonContent(talvo::utility::ReadJsonFileText(path.c_str()));
   } catch (std::exception const& refusal) {
-    throw std::runtime_error(path + ": " + Message(refusal, "does not hold a configuration"));
+    throw std::runtime_error(path + ": " + tools::Message(refusal, "does not hold a configuration"));
   }
 }
 

@@ -1,6 +1,5 @@
 // Turns a model file of the first generation into a package: converts the layers, gives each a kernel, and says what
 // became of them.
-#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <iostream>
@@ -8,30 +7,23 @@
 #include <stdexcept>
 
 #include "talvo/talvo.h"
+#include "tools/common/program.h"
 #include "tools/upgrade_model/arguments.h"
 #include "tools/upgrade_model/configuration.h"
 #include "tools/upgrade_model/fold.h"
-#include "tools/upgrade_model/message.h"
 #include "tools/upgrade_model/table.h"
 
 namespace {
 
 using namespace talvo::runtime;
+using tools::Message;
 using upgrade_model::Arguments;
-using upgrade_model::Message;
 
 // The library's lines: errors come back as exceptions and are told once, by main.
 int Report(char const* line) {
   std::string const text(line);
   if (text.find("] (Warnning): ") != std::string::npos) std::fprintf(stderr, "%s\n", line);
   return 0;
-}
-
-// Paths may hold line breaks; a report of an error is one line.
-std::string OneLine(std::string text) {
-  std::replace_if(
-      text.begin(), text.end(), [](char c) { return c == '\n' || c == '\r'; }, ' ');
-  return text;
 }
 
 [[noreturn]] void Refuse(std::string const& text) { throw std::runtime_error(text); }
@@ -57,14 +49,11 @@ std::shared_ptr<TLModelInfo> Convert(std::string const& path, talvo1::QZNetLoade
   auto model = std::make_shared<TLModelInfo>();
   try {
     ConvertTLModel1(loader, *model);
+  } catch (RefusedLayer const& refusal) {
+    Refuse(path + ": layer-" + std::to_string(refusal.id) + " (" + talvo1::QZLayerTypeName(refusal.type) +
+           "): " + Message(refusal, "input and output channels differ"));
   } catch (std::exception const& refusal) {
-    std::string layer;  // the last one that was named
-    if (!model->squential_ids.empty()) {
-      std::string const& name = model->squential_ids.back();
-      auto const id = static_cast<unsigned short>(std::stoul(name.substr(name.find('-') + 1)));
-      layer = name + " (" + upgrade_model::OldTypeName(loader.layers.at(id)->type) + "): ";
-    }
-    Refuse(path + ": " + layer + Message(refusal, "input and output channels differ"));
+    Refuse(path + ": " + Message(refusal));
   }
   return model;
 }
@@ -111,15 +100,8 @@ void Upgrade(Arguments const& arguments) {
 }  // namespace
 
 int main(int count, char** words) {
-  try {
+  return tools::RunProgram("upgrade_model", upgrade_model::kUsage, [&] {
     talvo::utility::SetLogCallback(Report);
     Upgrade(upgrade_model::ParseArguments(count, words));
-    return 0;
-  } catch (upgrade_model::UsageError const& error) {
-    std::fprintf(stderr, "upgrade_model: %s\n%s\n", error.what(), upgrade_model::kUsage);
-    return 2;
-  } catch (std::exception const& error) {
-    std::fprintf(stderr, "upgrade_model: %s\n", OneLine(error.what()).c_str());
-    return 1;
-  }
+  });
 }

@@ -1,7 +1,6 @@
 #include "tools/upgrade_model/table.h"
 
 #include <iomanip>
-#include <iterator>
 #include <ostream>
 
 namespace upgrade_model {
@@ -15,17 +14,6 @@ std::string RecordText(std::string const& id, TLModelInfo const& model, TLModelC
 
 }  // namespace
 
-std::string OldTypeName(unsigned short type) {
-  // clang-format off
-  static char const* const names[] = {
-      "Input", "Conv2D", "Conv2DTranspose", "DepthWiseConv2D", "PixelShuffle", "Pooling", "InstanceNormalization",
-      "BatchNormalization", "Activation", "Region", "ElementWiseOperator", "Concatenate", "", "", "Upsampling",
-      "ChannelShuffle", "DepthWiseConv2DTranspose", "TensorInput", "TensorReshape", "TensorTranspose", "TensorSqueeze",
-      "FullConnection", "LSTM", "", "", "", "TensorActivation"};
-  // clang-format on
-  return type < std::size(names) ? names[type] : "";
-}
-
 void PrintTable(talvo1::QZNetLoader const& loader, TLModelInfo const& model, TLModelCfg const& config,
                 std::map<std::string, std::string> const& folded, std::ostream& out) {
   std::map<std::string, std::string> readers;  // of the convolutions that took a normalisation in
@@ -34,7 +22,7 @@ void PrintTable(talvo1::QZNetLoader const& loader, TLModelInfo const& model, TLM
       << "became\n";
   for (unsigned short const old_id : loader.id_list) {
     std::string const id = "layer-" + std::to_string(old_id);
-    out << std::setw(14) << id << std::setw(26) << OldTypeName(loader.layers.at(old_id)->type);
+    out << std::setw(14) << id << std::setw(26) << talvo1::QZLayerTypeName(loader.layers.at(old_id)->type);
     if (readers.count(id) != 0) {
       out << "with its batch normalisation " << readers[id] << ": " << RecordText(readers[id], model, config) << "\n";
     } else if (folded.count(id) != 0) {

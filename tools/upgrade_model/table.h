@@ -9,9 +9,6 @@
 
 namespace upgrade_model {
 
-/// The name of a layer type of the first generation, as in "Conv2D".
-std::string OldTypeName(unsigned short type);
-
 /// A row for each layer of the file: what it was, and the records and kernels that stand for it. `folded`: ids of
 /// convolutions by those of the batch normalisations that were folded into them.
 void PrintTable(talvo1::QZNetLoader const& loader, talvo::runtime::TLModelInfo const& model,
