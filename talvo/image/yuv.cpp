@@ -156,7 +156,7 @@ void NeedHalfExtents(char const* function, TensorCPU const& luminance, TensorCPU
                      char const* message) {
   for (std::size_t axis = 0; axis < 2; ++axis) {
     Assert(Extent(function, name, chrominance, axis) * 2 == Extent(function, "i_luminancePlane", luminance, axis),
-           message);
+           "%s", message);
   }
 }
 

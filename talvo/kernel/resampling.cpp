@@ -33,7 +33,7 @@ constexpr char kZeros[] = "Zeros", kBorder[] = "Border", kReflection[] = "Reflec
 
 // The name of number `type`. Assert, with this text: there is none.
 char const* NameOf(char const* const (&names)[3], unsigned short type, char const* refusal) {
-  Assert(type < 3, refusal);
+  Assert(type < 3, "%s", refusal);
   return names[type];
 }
 
