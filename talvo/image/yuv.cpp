@@ -155,8 +155,8 @@ void NeedPlane(TensorCPU const& plane, char const* name) {
 void NeedHalfExtents(char const* function, TensorCPU const& luminance, TensorCPU const& chrominance, char const* name,
                      char const* message) {
   for (std::size_t axis = 0; axis < 2; ++axis) {
-    Assert(Extent(function, name, chrominance, axis) * 2 == Extent(function, "i_luminancePlane", luminance, axis),
-           "%s", message);
+    Assert(Extent(function, name, chrominance, axis) * 2 == Extent(function, "i_luminancePlane", luminance, axis), "%s",
+           message);
   }
 }
 

@@ -43,13 +43,18 @@ char const* LevelPrefix(int level) {
   }
 }
 
-[[noreturn]] void ReportAndThrow(char const* format, va_list arguments) {
+void Format(char const* format, va_list arguments) {
+  if (format != nullptr) std::vsnprintf(message_buffer, sizeof message_buffer, format, arguments);
+}
+
+// Reports the message buffer, or nothing for a refusal that has no text.
+[[noreturn]] void ReportAndThrow(bool has_text) {
   std::ostringstream line;
   line << '[' << log_tag << "]: ";
-  if (format == nullptr) throw std::runtime_error(line.str());
-  std::vsnprintf(message_buffer, sizeof message_buffer, format, arguments);
-  line << message_buffer << std::endl;
-  WriteToSink(line.str());
+  if (has_text) {
+    line << message_buffer << std::endl;
+    WriteToSink(line.str());
+  }
   throw std::runtime_error(line.str());
 }
 
@@ -85,7 +90,7 @@ std::string Log(int level, char const* format, ...) {
     if (format == nullptr) Refuse("Log: got a null format, needs a text");
     va_list arguments;
     va_start(arguments, format);
-    std::vsnprintf(message_buffer, sizeof message_buffer, format, arguments);
+    Format(format, arguments);
     va_end(arguments);
     std::ostringstream line;
     line << '[' << log_tag << prefix << message_buffer;
@@ -99,13 +104,17 @@ int Assert(bool condition, char const* format, ...) {
   if (condition) return 0;
   va_list arguments;
   va_start(arguments, format);
-  ReportAndThrow(format, arguments);
+  Format(format, arguments);
+  va_end(arguments);
+  ReportAndThrow(format != nullptr);
 }
 
 void Refuse(char const* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  ReportAndThrow(format, arguments);
+  Format(format, arguments);
+  va_end(arguments);
+  ReportAndThrow(format != nullptr);
 }
 
 std::string StrFormat(char const* format, ...) {
@@ -122,7 +131,7 @@ std::string StringFormat(char const* format, ...) {
   if (format == nullptr) Refuse("StringFormat: got a null format, needs a text");
   va_list arguments;
   va_start(arguments, format);
-  std::vsnprintf(message_buffer, sizeof message_buffer, format, arguments);
+  Format(format, arguments);
   va_end(arguments);
   return message_buffer;
 }

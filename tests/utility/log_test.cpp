@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <stdexcept>
+#include <thread>
 
+#include "talvo/utility/refuse_support.h"
 #include "tests/support/log_capture.h"
 
 namespace talvo::utility {
@@ -73,26 +75,37 @@ TEST_F(LogTest, RefusesNullInPlaceOfAFault) {
   char const* const no_format = nullptr;
   EXPECT_NE(test::RefusalOf([] { SetLogTag(nullptr); }).find("SetLogTag"), std::string::npos);
   EXPECT_NE(test::RefusalOf([] { GetLogLevel(nullptr); }).find("GetLogLevel"), std::string::npos);
-  EXPECT_NE(test::RefusalOf([&] { Log(4, no_format); }).find("Log: "), std::string::npos);
-  EXPECT_NE(test::RefusalOf([&] { StrFormat(no_format); }).find("StrFormat: "), std::string::npos);
-  EXPECT_NE(test::RefusalOf([&] { StringFormat(no_format); }).find("StringFormat: "), std::string::npos);
+  EXPECT_NE(test::RefusalOf([&] { Log(4, no_format, 0); }).find("Log: "), std::string::npos);
+  EXPECT_NE(test::RefusalOf([&] { StrFormat(no_format, 0); }).find("StrFormat: "), std::string::npos);
+  EXPECT_NE(test::RefusalOf([&] { StringFormat(no_format, 0); }).find("StringFormat: "), std::string::npos);
 }
 
-TEST_F(LogTest, AssertReportsAndThrowsTheSameTextWhateverTheMask) {
+// Both ways of refusing, with the tag of the application, whatever the mask.
+TEST_F(LogTest, RefusalsReportAndThrowTheSameText) {
+  SetLogTag("APP");
   SetLogLevel(0);
-  EXPECT_EQ(Log(16, "masked").find("masked"), std::string::npos);
-  auto const thrown = [](char const* text) -> std::string {
-    try {
-      Assert(false, text);
-    } catch (std::runtime_error const& refusal) {
-      return refusal.what();
+  for (bool const lazy : {false, true}) {
+    EXPECT_EQ(test::RefusalOf([&] { lazy ? Refuse(nullptr) : void(Assert(false, nullptr)); }), "[APP]: ");
+    EXPECT_EQ(sink_.Lines(), Lines()) << "nothing was to be said";
+    auto const refuse = [&] { lazy ? Refuse("bad %s %d", "input", 1) : void(Assert(false, "bad %s %d", "input", 1)); };
+    EXPECT_EQ(test::RefusalOf(refuse), "[APP]: bad input 1\n");
+    EXPECT_EQ(sink_.Lines(), Lines{"[APP]: bad input 1\n"});
+  }
+}
+
+// Each thread formats for itself: none sees another's text, in what it gets back or in a refusal.
+TEST_F(LogTest, ThreadsKeepTheirTextsApart) {
+  SetLogLevel(4);
+  auto const talk = [](std::string const& own) {
+    for (int i = 0; i < 2000; ++i) {
+      StringFormat("%s", own.c_str());
+      ASSERT_EQ(Log(8, "masked"), own);
+      ASSERT_EQ(StrFormat("%s", own.c_str()), own);
     }
-    return "nothing was thrown";
   };
-  EXPECT_EQ(thrown(nullptr), "[TLN]: ") << "the tag alone";
-  EXPECT_EQ(sink_.Lines(), Lines());
-  EXPECT_EQ(thrown("bad input"), "[TLN]: bad input\n");
-  EXPECT_EQ(sink_.Lines(), Lines{"[TLN]: bad input\n"});
+  std::thread other(talk, std::string(1500, 'a'));
+  talk(std::string(1500, 'b'));
+  other.join();
 }
 
 TEST(StrReplaceAll, StartsAgainAtTheFront) {
