@@ -129,14 +129,16 @@ bool IsInMainMemory(runtime::Tensor const& tensor, unsigned int data_type, unsig
 }
 
 TensorPtr DecodeWeights(Who const& who, std::string const& layer_id, char const* what, std::string const& base64,
-                        std::vector<unsigned int> dims, unsigned int layout, ContextPtr const& context) {
+                        std::vector<unsigned int> dims, unsigned int layout, ContextPtr const& context,
+                        std::size_t entry) {
   TensorShape shape(std::move(dims), TensorShape::FLOAT32, layout, TensorShape::MainMemory, TensorShape::Extra());
   std::string const bytes = runtime::Base64Decode(base64);
   double needed = sizeof(float);  // extents of a file may pass 32 bits, and 64
   for (unsigned int const extent : shape.dims) needed *= extent;
   if (static_cast<double>(bytes.size()) < needed) {
-    Refuse("%s of layer %s: %s holds %zu bytes, shape %s needs %.0f", who.Text().c_str(), layer_id.c_str(), what,
-           bytes.size(), DimsText(shape.dims).c_str(), needed);
+    std::string const number = entry == kNoEntry ? "" : "[" + std::to_string(entry) + "]";
+    Refuse("%s of layer %s: %s%s holds %zu bytes, shape %s needs %.0f", who.Text().c_str(), layer_id.c_str(), what,
+           number.c_str(), bytes.size(), DimsText(shape.dims).c_str(), needed);
   }
   return Device(who, context).CreateTensor(std::move(shape), bytes.data());
 }

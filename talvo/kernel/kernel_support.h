@@ -123,8 +123,11 @@ bool IsInMainMemory(runtime::Tensor const& tensor, unsigned int data_type);
 bool IsInMainMemory(runtime::Tensor const& tensor, unsigned int data_type, unsigned int layout);
 
 /// A FLOAT32 tensor of `context`'s device with the values of a base64 text; bytes behind those that the shape needs are
-/// ignored. Assert, with kernel and layer: fewer bytes. `what` names the array in the text.
+/// ignored. Assert, with kernel and layer: fewer bytes. `what` names the array in the text, with `entry` in brackets
+/// where it is one of a list.
+constexpr std::size_t kNoEntry = static_cast<std::size_t>(-1);
 TensorPtr DecodeWeights(Who const& who, std::string const& layer_id, char const* what, std::string const& base64,
-                        std::vector<unsigned int> dims, unsigned int layout, ContextPtr const& context);
+                        std::vector<unsigned int> dims, unsigned int layout, ContextPtr const& context,
+                        std::size_t entry = kNoEntry);
 
 }  // namespace talvo::kernel::support

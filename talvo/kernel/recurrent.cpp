@@ -1,269 +1,432 @@
 #include "talvo/kernel/recurrent.h"
 
-#include <algorithm>
+#include <cstring>
+#include <utility>
 
-#include "talvo/kernel/kernel_support.h"
+#include "talvo/kernel/kernel_of_support.h"
 #include "talvo/kernel/recurrent_support.h"
-#include "talvo/kernel/rows/matrix_product.h"
-#include "talvo/utility/log.h"
+#include "talvo/serialization/layer_info_rnn.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::kernel {
+namespace recurrent {
 
-using recurrent::TensorPtr;
 using runtime::TensorShape;
 using support::ContextPtr;
+using support::LayerPtr;
+using support::ParamPtr;
+using support::Shapes;
 using support::Tensors;
-using utility::Assert;
-using utility::StrFormat;
+using utility::Refuse;
+
+// The registered names stand in the order of the variants' numbers.
+struct Rnn {
+  using CellInfo = runtime::RNNCellInfo;
+  using Info = runtime::RNNInfo;
+  static constexpr Gates const& kGates = kRnn;
+  static constexpr char const* kCells[] = {"RNNCell_Fallback_C_F32_M1", "RNNCell_SGEMM_C_F32_M1",
+                                           "RNNCell_ARM_C_F32_M1"};
+  static constexpr char const* kSequences[] = {"RNN_Fallback_SC_F32_M1", "RNN_SGEMM_SC_F32_M1", "RNN_ARM_SC_F32_M1"};
+};
+
+struct Lstm {
+  using CellInfo = runtime::LSTMCellInfo;
+  using Info = runtime::LSTMInfo;
+  static constexpr Gates const& kGates = kLstm;
+  static constexpr char const* kCells[] = {"LSTMCell_Fallback_C_F32_M1", "LSTMCell_SGEMM_C_F32_M1",
+                                           "LSTMCell_ARM_C_F32_M1"};
+  static constexpr char const* kSequences[] = {"LSTM_Fallback_SC_F32_M1", "LSTM_SGEMM_SC_F32_M1", "LSTM_ARM_SC_F32_M1"};
+};
+
+struct Gru {
+  using CellInfo = runtime::GRUCellInfo;
+  using Info = runtime::GRUInfo;
+  static constexpr Gates const& kGates = kGru;
+  static constexpr char const* kCells[] = {"GRUCell_Fallback_C_F32_M1", "GRUCell_SGEMM_C_F32_M1",
+                                           "GRUCell_ARM_C_F32_M1"};
+  static constexpr char const* kSequences[] = {"GRU_Fallback_SC_F32_M1", "GRU_SGEMM_SC_F32_M1", "GRU_ARM_SC_F32_M1"};
+};
+
+struct Fallback {
+  static constexpr std::size_t kNumber = 0;
+  static constexpr Product const& kProduct = kOrdered;
+};
+
+struct Sgemm {
+  static constexpr std::size_t kNumber = 1;
+  static constexpr Product const& kProduct = kBlas;
+};
+
+struct Arm {
+  static constexpr std::size_t kNumber = 2;
+  static constexpr Product const& kProduct = kOrdered;
+};
 
 namespace {
 
-constexpr std::size_t kPackFrom = 4;      // steps from which packed weights pay
-constexpr std::size_t kStepsAtOnce = 64;  // steps whose input products are made together
+unsigned int ActivationOf(runtime::RNNCellInfo const& info) { return info.activation_type; }
+unsigned int ActivationOf(runtime::RNNInfo const& info) { return info.activation_type; }
+unsigned int ActivationOf(runtime::LayerInfo const&) { return kTanh; }
 
-// y = W x + bias for row after row. Where the order of the sums is ours and the rows are many, W is packed once.
-template <class Variant>
-class RowProduct {
- public:
-  RowProduct(TensorPtr const& weight, TensorPtr const& bias, std::size_t rows, runtime::DeviceCPU& device)
-      : outputs_(weight->shape.dims[0]),
-        inputs_(weight->shape.dims[1]),
-        weight_(weight->Data<float>()),
-        bias_(bias != nullptr ? bias->Data<float>() : nullptr) {
-    if (!Variant::kOrdered || rows < kPackFrom) return;
-    packed_ = device.CreateF32FlexiableMainMemory({static_cast<unsigned int>(rows::PackedOutputs(outputs_)), inputs_},
-                                                  nullptr);
-    rows::PackWeights(weight_, outputs_, inputs_, packed_->Data<float>());
-  }
-
-  void Run(float const* x, std::size_t rows, float* y) const {
-    if (packed_ != nullptr) {
-      rows::PackedProduct(packed_->Data<float>(), x, bias_, rows, outputs_, inputs_, y);
-    } else {
-      for (std::size_t r = 0; r < rows; ++r) {
-        Variant::kConnect(x + r * inputs_, inputs_, outputs_, weight_, bias_, y + r * outputs_);
-      }
-    }
-  }
-
- private:
-  unsigned int outputs_, inputs_;
-  float const *weight_, *bias_;
-  TensorPtr packed_;
-};
-
-// One layer in one direction: x [steps, in_size] to hidden states, one every y_stride floats. h and c [hidden_size] are
-// the state before and afterwards; c is null without cell state.
-struct Pass {
-  float const* x;
-  std::size_t steps;
-  bool reverse;
-  float *y, *h, *c;
-  std::size_t y_stride, hidden_size;
-};
-
-template <class Family, class Variant>
-void RunPass(Pass const& pass, recurrent::Weights const& weights, runtime::DeviceCPU& device) {
-  std::size_t const steps = pass.steps, size = pass.hidden_size, outputs = Family::kGates * size;
-  RowProduct<Variant> const from_x(weights.weight_ih, weights.bias_ih, steps, device);
-  RowProduct<Variant> const from_h(weights.weight_hh, weights.bias_hh, steps, device);
-  auto const rows_at_once = static_cast<unsigned int>(std::min(steps, kStepsAtOnce));
-  auto const gates = static_cast<unsigned int>(outputs);
-  auto const a = device.CreateF32FlexiableMainMemory({rows_at_once, gates}, nullptr);
-  auto const b = device.CreateF32CMainMemory(gates, nullptr);
-  float const* h = pass.h;
-  for (std::size_t done = 0; done < steps; done += rows_at_once) {
-    std::size_t const rows = std::min<std::size_t>(rows_at_once, steps - done);
-    std::size_t const first = pass.reverse ? steps - done - rows : done;
-    from_x.Run(pass.x + first * weights.in_size, rows, a->Data<float>());
-    for (std::size_t r = 0; r < rows; ++r) {
-      std::size_t const row = pass.reverse ? rows - 1 - r : r;
-      float* const h_new = pass.y + (first + row) * pass.y_stride;
-      from_h.Run(h, 1, b->Data<float>());
-      Family::Run({a->Data<float>() + row * outputs, b->Data<float>(), h, pass.c, h_new, size, recurrent::kTanh});
-      h = h_new;
-    }
-  }
-  if (h != pass.h) std::copy_n(h, size, pass.h);
-}
-
-constexpr char const* kDirections[] = {"forward", "reverse"};
-
-// The texts of one stacked layer in one direction.
 template <class Info>
-recurrent::WeightTexts TextsOf(runtime::IKernel const& kernel, Info const& info, unsigned int direction,
-                               std::size_t layer) {
-  auto const entry = [&](char const* name, auto const& forward, auto const& reverse) -> std::string const& {
-    auto const& texts = direction == 0 ? forward : reverse;
-    if (layer >= texts.size()) {
-      Assert(false, "%s of layer %s: %s_%s has %zu entries, %u layers need as many", kernel.GetName().c_str(),
-             info.id.c_str(), name, kDirections[direction], texts.size(), unsigned{info.num_layers});
-    }
-    return texts[layer];
-  };
-  return {entry("weight_ih", info.weight_ih_forward, info.weight_ih_reverse),
-          entry("weight_hh", info.weight_hh_forward, info.weight_hh_reverse),
-          info.if_bias ? &entry("bias_ih", info.bias_ih_forward, info.bias_ih_reverse) : nullptr,
-          info.if_bias ? &entry("bias_hh", info.bias_hh_forward, info.bias_hh_reverse) : nullptr};
+bool KnowsActivation(Info const& info) {
+  return ActivationOf(info) == kTanh || ActivationOf(info) == kRelu;
 }
 
-bool IsSequence(runtime::Tensor const& tensor, unsigned int width) {
-  return support::IsInMainMemory(tensor, TensorShape::FLOAT32) && tensor.shape.dims.size() >= 2 &&
-         tensor.shape.dims[1] == width;
+// The codes that cells and sequences share.
+template <class Info>
+int JudgeSizes(Info const* info, ParamPtr const& param) {
+  if (param != nullptr) return -1;
+  if (info == nullptr) return -2;
+  if (info->in_size == 0) return -3;
+  return info->hidden_size == 0 ? -4 : 0;
+}
+
+// The four arrays of one layer in one direction, in the order of the fields of Weights.
+using Names = char const* const[4];
+using Texts = std::string const* [4];  // base64; the biases are null without bias
+
+constexpr Names kCellNames = {"weight_ih", "weight_hh", "bias_ih", "bias_hh"};
+constexpr Names kStackNames[] = {{"weight_ih_forward", "weight_hh_forward", "bias_ih_forward", "bias_hh_forward"},
+                                 {"weight_ih_reverse", "weight_hh_reverse", "bias_ih_reverse", "bias_hh_reverse"}};
+
+// What kernels read of a cell's record, whatever its class.
+struct CellRecord {
+  std::string const& id;
+  unsigned int in_size, hidden_size, activation;
+  Texts texts;
+};
+
+template <class Info>
+CellRecord ReadCell(Info const& info) {
+  return {info.id,
+          info.in_size,
+          info.hidden_size,
+          ActivationOf(info),
+          {&info.weight_ih, &info.weight_hh, info.if_bias ? &info.bias_ih : nullptr,
+           info.if_bias ? &info.bias_hh : nullptr}};
+}
+
+// The same of a sequence's record; texts[direction][array] has an entry for each layer.
+struct StackRecord {
+  std::string const& id;
+  unsigned int in_size, hidden_size, num_layers, directions, complex_rnn_type;
+  bool if_bias;
+  std::vector<std::string> const* texts[2][4];
+};
+
+template <class Info>
+StackRecord ReadStack(Info const& info) {
+  return {info.id,
+          info.in_size,
+          info.hidden_size,
+          info.num_layers,
+          info.bidirectional ? 2u : 1u,
+          info.complex_rnn_type,
+          info.if_bias,
+          {{&info.weight_ih_forward, &info.weight_hh_forward, &info.bias_ih_forward, &info.bias_hh_forward},
+           {&info.weight_ih_reverse, &info.weight_hh_reverse, &info.bias_ih_reverse, &info.bias_hh_reverse}}};
+}
+
+void Clear(TensorPtr const& tensor) {
+  if (tensor != nullptr) std::memset(tensor->data, 0, runtime::ByteCount(tensor->shape));
+}
+
+void Copy(TensorPtr const& from, TensorPtr const& to) {
+  if (from != nullptr) std::memcpy(to->data, from->data, runtime::ByteCount(from->shape));
+}
+
+// Hidden state and, for an LSTM, cell state; null until they are made.
+struct State {
+  TensorPtr h, c;
+};
+
+State Duplicate(State const& state, runtime::DeviceCPU& device) {
+  auto const copy = [&](TensorPtr const& tensor) {
+    return tensor == nullptr ? nullptr : device.CreateF32FlexiableMainMemory(tensor->shape.dims, tensor->data);
+  };
+  return {copy(state.h), copy(state.c)};
 }
 
 }  // namespace
 
-template <class Family, class Variant>
-std::string RecurrentSequence<Family, Variant>::GetName() const {
-  return std::string(Family::kName) + "_" + Variant::kName + "_SC_F32_M1";
-}
+// What cells and sequences have in common.
+struct Operation : support::Plain {
+  explicit Operation(Form const& of) : form(of) {}
 
-template <class Family, class Variant>
-int RecurrentSequence<Family, Variant>::IsValidParam(std::shared_ptr<runtime::LayerInfo> layer,
-                                                     std::shared_ptr<runtime::InferenceParam> param) const {
-  if (param != nullptr) return -1;
-  auto const info = std::dynamic_pointer_cast<typename Family::Info>(layer);
-  if (info == nullptr) return -2;
-  if (info->in_size == 0) return -3;
-  if (info->hidden_size == 0) return -4;
-  if (info->num_layers == 0) return -5;
-  return recurrent::KnowsActivation(Family::Activation(*info)) ? 0 : -6;
-}
+  static bool Passes(int judgement) { return judgement == 0; }
 
-template <class Family, class Variant>
-bool RecurrentSequence<Family, Variant>::Config(std::shared_ptr<runtime::LayerInfo> layer,
-                                                std::shared_ptr<runtime::InferenceParam> param, ContextPtr context) {
-  configured_ = false;
-  if (IsValidParam(layer, param) != 0) return false;
-  auto const& info = dynamic_cast<typename Family::Info const&>(*layer);
-  unsigned int const directions = info.bidirectional ? 2 : 1;
-  CheckState(info.id, info.in_size, info.hidden_size, directions, info.num_layers);
-  layer_id_ = info.id;
-  in_size_ = info.in_size;
-  hidden_size_ = info.hidden_size;
-  directions_ = directions;
-  num_layers_ = info.num_layers;
-  complex_rnn_type_ = info.complex_rnn_type;
-  unsigned int const above = complex_rnn_type_ != 0 ? hidden_size_ : directions_ * hidden_size_;
-  for (unsigned int d = 0; d < 2; ++d) {
-    layers_[d].clear();
-    for (std::size_t l = 0; d < directions_ && l < num_layers_; ++l) {
-      layers_[d].push_back(recurrent::DecodeLayer(*this, layer_id_, StrFormat("%s %zu: ", kDirections[d], l),
-                                                  TextsOf(*this, info, d, l), l == 0 ? in_size_ : above, hidden_size_,
-                                                  Family::kGates, context));
+  int ResetRNNState() const {
+    Clear(state.h);
+    Clear(state.c);
+    return 0;
+  }
+
+  void CheckInput(runtime::TensorCPU const& x, std::size_t elements) const {
+    support::CheckTensor({form.name, layer_id}, "input 0", &x, {sizeof(float), support::kAnyRank, elements});
+  }
+
+  // `entry` is the place of the texts in their lists.
+  Weights Decode(Names const& names, Texts const& texts, std::size_t entry, unsigned int width,
+                 ContextPtr const& context) const {
+    unsigned int const outputs = form.gates.count * hidden_size;
+    std::vector<unsigned int> const dims[] = {{outputs, width}, {outputs, hidden_size}, {outputs}, {outputs}};
+    TensorPtr tensors[4];
+    for (std::size_t k = 0; k < 4; ++k) {
+      if (texts[k] == nullptr) continue;
+      tensors[k] = support::DecodeWeights(form.name, layer_id, names[k], *texts[k], dims[k], TensorShape::FLEXIABLE,
+                                          context, entry);
+    }
+    return {width, tensors[0], tensors[1], tensors[2], tensors[3]};
+  }
+
+  Form form;
+  std::string layer_id;
+  unsigned int hidden_size = 0;
+  mutable State state;  // lives through every Config
+};
+
+struct CellOperation : Operation {
+  using Operation::Operation;
+
+  static int Judge(Tensors const& tensors, unsigned int size) {
+    return support::Judge(tensors, 1, [size](runtime::Tensor const& tensor) {
+      return support::IsInMainMemory(tensor, TensorShape::FLOAT32, TensorShape::C) && !tensor.shape.dims.empty() &&
+             tensor.shape.dims[0] == size;
+    });
+  }
+
+  int IsValidInput(Tensors const& inputs) const { return Judge(inputs, weights.in_size); }
+  int IsValidOutput(Tensors const& outputs) const { return Judge(outputs, hidden_size); }
+
+  Shapes GetOutputShapes(Shapes const&) const {
+    return {TensorShape({hidden_size}, TensorShape::FLOAT32, TensorShape::C, TensorShape::MainMemory,
+                        TensorShape::Extra())};
+  }
+
+  // The state of an LSTM is replaced at each step, so that a longer one serves; the others write into theirs.
+  void CheckState(CellRecord const& record) const {
+    if (state.h == nullptr) return;
+    unsigned int const alive = state.h->shape.dims[0];
+    if (form.gates.has_cell_state ? alive >= record.hidden_size : alive == record.hidden_size) return;
+    Refuse("%s of layer %s: a state of %u elements is alive, hidden_size %u needs another", form.name,
+           record.id.c_str(), alive, record.hidden_size);
+  }
+
+  void Take(CellRecord const& record, ContextPtr const& context) {
+    CheckState(record);
+    layer_id = record.id;
+    hidden_size = record.hidden_size;
+    activation = record.activation;
+    weights = Decode(kCellNames, record.texts, support::kNoEntry, record.in_size, context);
+    if (form.gates.has_cell_state || state.h != nullptr) return;
+    state.h = support::Device(form.name, context).CreateZeroF32CMainMem(hidden_size);
+  }
+
+  int Forward(runtime::IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
+              ContextPtr const& context) const {
+    support::NeedsConfig(kernel);
+    auto const x = support::Input(kernel, inputs, 0);
+    CheckInput(*x, weights.in_size);
+    support::Device(kernel, context);
+    bool const if_bias = weights.bias_ih != nullptr && weights.bias_hh != nullptr;
+    auto const results =
+        RunCell({form, {x, state.h, state.c}, weights, hidden_size, if_bias, activation, context->device_cpu});
+    outputs.assign(1, results[0]);  // the last thing that may throw
+    if (form.gates.has_cell_state) {
+      state = {results[0], results[1]};
+    } else {
+      Copy(results[0], state.h);
+    }
+    return 0;
+  }
+
+  unsigned int activation = kTanh;
+  Weights weights;
+};
+
+struct SequenceOperation : Operation {
+  using Operation::Operation;
+
+  static bool IsSequence(runtime::Tensor const& tensor, unsigned int width) {
+    return support::IsInMainMemory(tensor, TensorShape::FLOAT32) && tensor.shape.dims.size() >= 2 &&
+           tensor.shape.dims[1] == width;
+  }
+
+  int IsValidInput(Tensors const& inputs) const {
+    return support::Judge(inputs, 1, [this](auto const& tensor) { return IsSequence(tensor, in_size); });
+  }
+
+  int IsValidOutput(Tensors const& outputs) const {
+    return support::Judge(outputs, 1, [this](auto const& tensor) {
+      return tensor.shape.layout == TensorShape::SC && IsSequence(tensor, directions * hidden_size);
+    });
+  }
+
+  Shapes GetOutputShapes(Shapes const& input_shapes) const {
+    auto const& dims = support::ShapeAt({form.name, layer_id}, input_shapes, 0).dims;
+    if (dims.empty()) Refuse("%s of layer %s: an input without dims has no steps", form.name, layer_id.c_str());
+    return {TensorShape({dims[0], directions * hidden_size}, TensorShape::FLOAT32, TensorShape::SC,
+                        TensorShape::MainMemory, TensorShape::Extra())};
+  }
+
+  // Rows follow each other at the width that the state was made with: only a single one may be wider than needed.
+  void CheckState(StackRecord const& record) const {
+    if (state.h == nullptr) return;
+    unsigned int const rows = state.h->shape.dims[0], width = state.h->shape.dims[1];
+    unsigned int const needed = record.num_layers * record.directions;
+    if (needed <= rows && (rows == 1 ? record.hidden_size <= width : record.hidden_size == width)) return;
+    Refuse("%s of layer %s: a state of %u rows of %u is alive, needs %u rows of %u", form.name, record.id.c_str(), rows,
+           width, needed, record.hidden_size);
+  }
+
+  // The texts of one layer in one direction.
+  void Pick(StackRecord const& record, std::size_t direction, std::size_t layer, Texts& texts) const {
+    for (std::size_t k = 0; k < (record.if_bias ? 4 : 2); ++k) {
+      auto const& entries = *record.texts[direction][k];
+      if (layer >= entries.size()) {
+        Refuse("%s of layer %s: %s has %zu entries, %u layers need as many", form.name, record.id.c_str(),
+               kStackNames[direction][k], entries.size(), record.num_layers);
+      }
+      texts[k] = &entries[layer];
     }
   }
-  configured_ = true;
-  return true;
-}
 
-template <class Family, class Variant>
-bool RecurrentSequence<Family, Variant>::IsConfigured() const {
-  return configured_;
-}
-
-template <class Family, class Variant>
-std::vector<TensorShape> RecurrentSequence<Family, Variant>::GetOutputShapes(
-    std::vector<TensorShape> const& input_shapes) const {
-  TensorShape const& input = support::ShapeAt(*this, input_shapes, 0);
-  if (input.dims.empty()) Assert(false, "%s: an input without dims has no steps", GetName().c_str());
-  return {TensorShape({input.dims[0], directions_ * hidden_size_}, TensorShape::FLOAT32, TensorShape::SC,
-                      TensorShape::MainMemory, TensorShape::Extra())};
-}
-
-template <class Family, class Variant>
-int RecurrentSequence<Family, Variant>::ResetRNNState() const {
-  recurrent::Clear(state_);
-  recurrent::Clear(cell_state_);
-  return 0;
-}
-
-template <class Family, class Variant>
-int RecurrentSequence<Family, Variant>::IsValidInput(Tensors const& inputs) const {
-  return support::Judge(inputs, 1, [this](auto const& tensor) { return IsSequence(tensor, in_size_); });
-}
-
-template <class Family, class Variant>
-int RecurrentSequence<Family, Variant>::Forward(Tensors const& inputs, Tensors& outputs, ContextPtr context) const {
-  if (!configured_) Assert(false, "%s: Forward before Config", GetName().c_str());
-  auto const x = support::Input(*this, inputs, 0);
-  auto const& dims = x->shape.dims;
-  if (dims.size() < 2 || dims[1] != in_size_ || support::Count(*x) / in_size_ < dims[0]) {
-    Assert(false, "%s of layer %s: input has dims %s, needs [steps, %u]", GetName().c_str(), layer_id_.c_str(),
-           runtime::DimsText(dims).c_str(), in_size_);
+  void Take(StackRecord const& record, ContextPtr const& context) {
+    CheckState(record);
+    layer_id = record.id;
+    in_size = record.in_size;
+    hidden_size = record.hidden_size;
+    directions = record.directions;
+    complex_rnn_type = record.complex_rnn_type;
+    layers.clear();
+    for (std::size_t row = 0; row < std::size_t{record.num_layers} * directions; ++row) {
+      Texts texts = {};
+      Pick(record, row % directions, row / directions, texts);
+      unsigned int const above = complex_rnn_type != 0 ? hidden_size : directions * hidden_size;
+      layers.push_back(
+          Decode(kStackNames[row % directions], texts, row / directions, row < directions ? in_size : above, context));
+    }
   }
-  if (directions_ == 2 && complex_rnn_type_ != 0) Assert(false, "Not Implemented.");
-  auto& device = support::Device(*this, context);
-  auto const y = support::NewOutput(*this, inputs, context);
-  MakeState(device);
-  TensorPtr below = x;
-  for (std::size_t l = 0; l < num_layers_; ++l) {
-    TensorPtr const above = l + 1 == num_layers_ ? y : device.CreateTensor(y->shape, nullptr);
-    RunLayer(l, *below, *above, device);
-    below = above;
+
+  State NewState(runtime::DeviceCPU& device) const {
+    std::vector<unsigned int> const dims = {static_cast<unsigned int>(layers.size()), hidden_size};
+    return {device.CreateZeroF32FlexiableMainMem(dims),
+            form.gates.has_cell_state ? device.CreateZeroF32FlexiableMainMem(dims) : nullptr};
   }
-  outputs.assign(1, y);
-  return 0;
-}
 
-template <class Family, class Variant>
-int RecurrentSequence<Family, Variant>::IsValidOutput(Tensors const& outputs) const {
-  return support::Judge(outputs, 1, [this](auto const& tensor) {
-    return tensor.shape.layout == TensorShape::SC && IsSequence(tensor, directions_ * hidden_size_);
-  });
-}
-
-template <class Family, class Variant>
-void RecurrentSequence<Family, Variant>::CheckState(std::string const& layer_id, unsigned int in_size,
-                                                    unsigned int hidden_size, unsigned int directions,
-                                                    unsigned int num_layers) const {
-  bool const same =
-      in_size == in_size_ && hidden_size == hidden_size_ && directions == directions_ && num_layers == num_layers_;
-  if (state_ == nullptr || same) return;
-  Assert(false,
-         "%s of layer %s: in_size %u, hidden_size %u, %u directions and %u layers while a state of %u, %u, %u and %u "
-         "is alive",
-         GetName().c_str(), layer_id.c_str(), in_size, hidden_size, directions, num_layers, in_size_, hidden_size_,
-         directions_, num_layers_);
-}
-
-template <class Family, class Variant>
-void RecurrentSequence<Family, Variant>::MakeState(runtime::DeviceCPU& device) const {
-  if (state_ != nullptr) return;
-  std::vector<unsigned int> const dims = {directions_ * num_layers_, hidden_size_};
-  auto const state = device.CreateZeroF32FlexiableMainMem(dims);
-  if (Family::kHasCellState) cell_state_ = device.CreateZeroF32FlexiableMainMem(dims);
-  state_ = state;  // both or none, when memory runs out: CheckState looks at this one
-}
-
-// The order of layers and steps changes no value: a layer reads what the one below gave for the same step.
-template <class Family, class Variant>
-void RecurrentSequence<Family, Variant>::RunLayer(std::size_t layer, runtime::TensorCPU const& below,
-                                                  runtime::TensorCPU const& above, runtime::DeviceCPU& device) const {
-  for (std::size_t d = 0; d < directions_; ++d) {
-    std::size_t const row = (layer * directions_ + d) * hidden_size_;
-    Pass pass = {};
-    pass.x = below.Data<float>();
-    pass.steps = above.shape.dims[0];
-    pass.reverse = d == 1;
-    pass.y = above.Data<float>() + d * hidden_size_;
-    pass.y_stride = std::size_t{directions_} * hidden_size_;
-    pass.h = state_->template Data<float>() + row;
-    pass.c = Family::kHasCellState ? cell_state_->template Data<float>() + row : nullptr;
-    pass.hidden_size = hidden_size_;
-    RunPass<Family, Variant>(pass, layers_[d][layer], device);
+  int Forward(runtime::IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
+              ContextPtr const& context) const {
+    support::NeedsConfig(kernel);
+    if (directions == 2 && complex_rnn_type != 0) Refuse("Not Implemented.");
+    auto const x = support::Input(kernel, inputs, 0);
+    auto const y_shape = GetOutputShapes({x->shape})[0];
+    CheckInput(*x, std::size_t{y_shape.dims[0]} * in_size);
+    auto& device = support::Device(kernel, context);
+    auto const y = device.CreateTensor(y_shape, nullptr);
+    State const kept = state.h != nullptr ? state : NewState(device);
+    State const next = Duplicate(kept, device);
+    TensorPtr below = x;
+    for (std::size_t row = 0; row < layers.size(); row += directions) {
+      TensorPtr const above = row + directions == layers.size() ? y : device.CreateTensor(y_shape, nullptr);
+      RunLayer(row, *below, *above, next, device);
+      below = above;
+    }
+    outputs.assign(1, y);  // the last thing that may throw
+    Copy(next.h, kept.h);
+    Copy(next.c, kept.c);
+    state = kept;
+    return 0;
   }
-}
 
-template class RecurrentSequence<recurrent::Rnn, recurrent::Fallback>;
-template class RecurrentSequence<recurrent::Rnn, recurrent::Sgemm>;
-template class RecurrentSequence<recurrent::Rnn, recurrent::Arm>;
-template class RecurrentSequence<recurrent::Lstm, recurrent::Fallback>;
-template class RecurrentSequence<recurrent::Lstm, recurrent::Sgemm>;
-template class RecurrentSequence<recurrent::Lstm, recurrent::Arm>;
-template class RecurrentSequence<recurrent::Gru, recurrent::Fallback>;
-template class RecurrentSequence<recurrent::Gru, recurrent::Sgemm>;
-template class RecurrentSequence<recurrent::Gru, recurrent::Arm>;
+  // Both directions of one layer, the first of which has this row of the state. The order of layers and steps changes
+  // no value: a layer reads what the one below gave for the same step.
+  void RunLayer(std::size_t first_row, runtime::TensorCPU const& below, runtime::TensorCPU const& above,
+                State const& next, runtime::DeviceCPU& device) const {
+    for (std::size_t d = 0; d < directions; ++d) {
+      std::size_t const row = first_row + d;
+      Pass pass = {};
+      pass.x = below.Data<float>();
+      pass.steps = above.shape.dims[0];
+      pass.reverse = d == 1;
+      pass.y = above.Data<float>() + d * hidden_size;
+      pass.y_stride = std::size_t{directions} * hidden_size;
+      pass.h = next.h->Data<float>() + row * hidden_size;
+      pass.c = next.c != nullptr ? next.c->Data<float>() + row * hidden_size : nullptr;
+      pass.hidden_size = hidden_size;
+      RunPass(form, layers[row], pass, device);
+    }
+  }
+
+  unsigned int in_size = 0, directions = 1, complex_rnn_type = 0;
+  std::vector<Weights> layers;  // a row of the state each: for each layer the forward one, then the reverse one
+};
+
+// The judgements and the reading of a record of class Info, for the three variants of a family.
+template <class Info>
+struct CellOf : CellOperation {
+  using CellOperation::CellOperation;
+
+  static int IsValidParam(LayerPtr const& layer, ParamPtr const& param) {
+    auto const* const info = dynamic_cast<Info const*>(layer.get());
+    int const judgement = JudgeSizes(info, param);
+    return judgement != 0 || KnowsActivation(*info) ? judgement : -5;
+  }
+
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const& context) {
+    Take(ReadCell(support::As<Info>(form.name, layer)), context);
+    return true;
+  }
+};
+
+template <class Info>
+struct SequenceOf : SequenceOperation {
+  using SequenceOperation::SequenceOperation;
+
+  static int IsValidParam(LayerPtr const& layer, ParamPtr const& param) {
+    auto const* const info = dynamic_cast<Info const*>(layer.get());
+    int const judgement = JudgeSizes(info, param);
+    if (judgement != 0) return judgement;
+    return info->num_layers == 0 ? -5 : KnowsActivation(*info) ? 0 : -6;
+  }
+
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const& context) {
+    Take(ReadStack(support::As<Info>(form.name, layer)), context);
+    return true;
+  }
+};
+
+template <class Family, class Variant>
+struct Cell : CellOf<typename Family::CellInfo> {
+  static constexpr char const* kName = Family::kCells[Variant::kNumber];
+  Cell() : CellOf<typename Family::CellInfo>({kName, Family::kGates, Variant::kProduct}) {}
+};
+
+template <class Family, class Variant>
+struct Sequence : SequenceOf<typename Family::Info> {
+  static constexpr char const* kName = Family::kSequences[Variant::kNumber];
+  Sequence() : SequenceOf<typename Family::Info>({kName, Family::kGates, Variant::kProduct}) {}
+};
+
+}  // namespace recurrent
+
+template class KernelOf<recurrent::Sequence<recurrent::Rnn, recurrent::Fallback>>;
+template class KernelOf<recurrent::Sequence<recurrent::Rnn, recurrent::Sgemm>>;
+template class KernelOf<recurrent::Sequence<recurrent::Rnn, recurrent::Arm>>;
+template class KernelOf<recurrent::Sequence<recurrent::Lstm, recurrent::Fallback>>;
+template class KernelOf<recurrent::Sequence<recurrent::Lstm, recurrent::Sgemm>>;
+template class KernelOf<recurrent::Sequence<recurrent::Lstm, recurrent::Arm>>;
+template class KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Fallback>>;
+template class KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Sgemm>>;
+template class KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Arm>>;
+template class KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Fallback>>;
+template class KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Sgemm>>;
+template class KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Arm>>;
+template class KernelOf<recurrent::Cell<recurrent::Lstm, recurrent::Fallback>>;
+template class KernelOf<recurrent::Cell<recurrent::Lstm, recurrent::Sgemm>>;
+template class KernelOf<recurrent::Cell<recurrent::Lstm, recurrent::Arm>>;
+template class KernelOf<recurrent::Cell<recurrent::Gru, recurrent::Fallback>>;
+template class KernelOf<recurrent::Cell<recurrent::Gru, recurrent::Sgemm>>;
+template class KernelOf<recurrent::Cell<recurrent::Gru, recurrent::Arm>>;
 
 }  // namespace talvo::kernel

@@ -1,30 +1,148 @@
 #include "talvo/kernel/recurrent_support.h"
 
-#include <cstring>
+#include <algorithm>
+#include <climits>
 
+#include "talvo/kernel/functional/gemm.h"
 #include "talvo/kernel/kernel_support.h"
+#include "talvo/kernel/rows/gates.h"
+#include "talvo/kernel/rows/matrix_product.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::kernel::recurrent {
+namespace {
 
-Weights DecodeLayer(runtime::IKernel const& kernel, std::string const& layer_id, std::string const& where,
-                    WeightTexts const& texts, unsigned int in_size, unsigned int hidden_size, unsigned int gates,
-                    std::shared_ptr<runtime::Context> const& context) {
-  auto const decode = [&](char const* what, std::string const& text, std::vector<unsigned int> dims) {
-    return support::DecodeWeights(kernel, layer_id, (where + what).c_str(), text, std::move(dims),
-                                  runtime::TensorShape::FLEXIABLE, context);
-  };
-  unsigned int const outputs = gates * hidden_size;
-  Weights weights;
-  weights.in_size = in_size;
-  weights.weight_ih = decode("weight_ih", texts.weight_ih, {outputs, in_size});
-  weights.weight_hh = decode("weight_hh", texts.weight_hh, {outputs, hidden_size});
-  if (texts.bias_ih != nullptr) weights.bias_ih = decode("bias_ih", *texts.bias_ih, {outputs});
-  if (texts.bias_hh != nullptr) weights.bias_hh = decode("bias_hh", *texts.bias_hh, {outputs});
-  return weights;
+using utility::Refuse;
+
+constexpr std::size_t kPackFrom = 4;      // steps from which packed weights pay
+constexpr std::size_t kStepsAtOnce = 64;  // steps whose input products are made together
+
+void RunRnn(Step const& step) {
+  if (step.activation != kTanh && step.activation != kRelu) Refuse("Not Implemented.");
+  rows::RnnGates(step.a, step.b, step.activation == kRelu, step.size, step.h_new);
 }
 
-void Clear(TensorPtr const& state) {
-  if (state != nullptr) std::memset(state->data, 0, runtime::ByteCount(state->shape));
+void RunLstm(Step const& step) { rows::LstmGates(step.a, step.b, step.size, step.c, step.h_new); }
+
+void RunGru(Step const& step) { rows::GruGates(step.a, step.b, step.h, step.size, step.h_new); }
+
+void CheckCall(CellCall const& call) {
+  std::size_t const inputs = call.form.gates.has_cell_state ? 3 : 2;
+  unsigned int const most = INT_MAX / call.form.gates.count;
+  if (call.device == nullptr || call.inputs.size() < inputs || call.hidden_size > most) {
+    Refuse("%s: %zu inputs, hidden size %u, %s device; needs %zu inputs, a size of at most %u and a device",
+           call.form.name, call.inputs.size(), call.hidden_size, call.device == nullptr ? "no" : "a", inputs, most);
+  }
+}
+
+float const* Floats(CellCall const& call, char const* what, TensorPtr const& tensor, std::size_t needed) {
+  support::CheckTensor(call.form.name, what, tensor.get(), {sizeof(float), support::kAnyRank, needed});
+  return tensor->Data<float>();
+}
+
+TensorPtr StateOrZeros(CellCall const& call, std::size_t index) {
+  return call.inputs[index] != nullptr ? call.inputs[index] : call.device->CreateZeroF32CMainMem(call.hidden_size);
+}
+
+// One of the two products of a step, and the names of its operands.
+struct Operands {
+  char const* in_name;
+  TensorPtr const& in;
+  unsigned int in_count;
+  char const* weight_name;
+  TensorPtr const& weight;
+  char const* bias_name;
+  TensorPtr const& bias;
+};
+
+TensorPtr Multiply(CellCall const& call, Operands const& of) {
+  unsigned int const outputs = call.form.gates.count * call.hidden_size;
+  auto out = call.device->CreateF32CMainMemory(outputs, nullptr);
+  call.form.product.connect(Floats(call, of.in_name, of.in, of.in_count), of.in_count, outputs,
+                            Floats(call, of.weight_name, of.weight, std::size_t{outputs} * of.in_count),
+                            call.if_bias ? Floats(call, of.bias_name, of.bias, outputs) : nullptr, out->Data<float>());
+  return out;
+}
+
+// y = W x + bias for row after row. Where the order of the sums is ours and the rows are many, W is packed once.
+class RowProduct {
+ public:
+  RowProduct(Product const& product, TensorPtr const& weight, TensorPtr const& bias, std::size_t rows,
+             runtime::DeviceCPU& device)
+      : outputs_(weight->shape.dims[0]),
+        inputs_(weight->shape.dims[1]),
+        weight_(weight->Data<float>()),
+        bias_(bias != nullptr ? bias->Data<float>() : nullptr),
+        connect_(product.connect) {
+    if (!product.ordered || rows < kPackFrom) return;
+    packed_ = device.CreateF32FlexiableMainMemory({static_cast<unsigned int>(rows::PackedOutputs(outputs_)), inputs_},
+                                                  nullptr);
+    rows::PackWeights(weight_, outputs_, inputs_, packed_->Data<float>());
+  }
+
+  void Run(float const* x, std::size_t rows, float* y) const {
+    if (packed_ != nullptr) {
+      rows::PackedProduct(packed_->Data<float>(), x, bias_, rows, outputs_, inputs_, y);
+    } else {
+      for (std::size_t r = 0; r < rows; ++r) {
+        connect_(x + r * inputs_, inputs_, outputs_, weight_, bias_, y + r * outputs_);
+      }
+    }
+  }
+
+ private:
+  unsigned int outputs_, inputs_;
+  float const *weight_, *bias_;
+  Connect* connect_;
+  TensorPtr packed_;
+};
+
+}  // namespace
+
+Gates const kRnn = {1, false, RunRnn};
+Gates const kLstm = {4, true, RunLstm};
+Gates const kGru = {3, false, RunGru};
+Product const kOrdered = {true, functional::fullconnection_fallback_c_f32_m1};
+Product const kBlas = {false, functional::fullconnection_sgemm_c_f32_m1};
+
+std::vector<TensorPtr> RunCell(CellCall const& call) {
+  CheckCall(call);
+  unsigned int const size = call.hidden_size;
+  Weights const& w = call.weights;
+  TensorPtr const h = StateOrZeros(call, 1);
+  auto const a = Multiply(call, {"x", call.inputs[0], w.in_size, "weight_ih", w.weight_ih, "bias_ih", w.bias_ih});
+  auto const b = Multiply(call, {"h", h, size, "weight_hh", w.weight_hh, "bias_hh", w.bias_hh});
+  std::vector<TensorPtr> results = {call.device->CreateF32CMainMemory(size, nullptr)};
+  if (call.form.gates.has_cell_state) {
+    results.push_back(call.device->CreateF32CMainMemory(size, Floats(call, "c", StateOrZeros(call, 2), size)));
+  }
+  call.form.gates.run({a->Data<float>(), b->Data<float>(), h->Data<float>(), results.back()->Data<float>(),
+                       results[0]->Data<float>(), size, call.activation});
+  return results;
+}
+
+void RunPass(Form const& form, Weights const& weights, Pass const& pass, runtime::DeviceCPU& device) {
+  std::size_t const steps = pass.steps, size = pass.hidden_size, outputs = form.gates.count * size;
+  RowProduct const from_x(form.product, weights.weight_ih, weights.bias_ih, steps, device);
+  RowProduct const from_h(form.product, weights.weight_hh, weights.bias_hh, steps, device);
+  auto const rows_at_once = static_cast<unsigned int>(std::min(steps, kStepsAtOnce));
+  auto const columns = static_cast<unsigned int>(outputs);
+  auto const a = device.CreateF32FlexiableMainMemory({rows_at_once, columns}, nullptr);
+  auto const b = device.CreateF32CMainMemory(columns, nullptr);
+  float const* h = pass.h;
+  for (std::size_t done = 0; done < steps; done += rows_at_once) {
+    std::size_t const rows = std::min<std::size_t>(rows_at_once, steps - done);
+    std::size_t const first = pass.reverse ? steps - done - rows : done;
+    from_x.Run(pass.x + first * weights.in_size, rows, a->Data<float>());
+    for (std::size_t r = 0; r < rows; ++r) {
+      std::size_t const row = pass.reverse ? rows - 1 - r : r;
+      float* const h_new = pass.y + (first + row) * pass.y_stride;
+      from_h.Run(h, 1, b->Data<float>());
+      form.gates.run({a->Data<float>() + row * outputs, b->Data<float>(), h, pass.c, h_new, size, kTanh});
+      h = h_new;
+    }
+  }
+  if (h != pass.h) std::copy_n(h, size, pass.h);
 }
 
 }  // namespace talvo::kernel::recurrent

@@ -1,114 +1,66 @@
-// What distinguishes the three recurrent families and the three variants of their matrix step. Internal.
+// The arithmetic of recurrent layers, below their kernels and free forms: one step of a cell and a run over many steps.
+// What distinguishes the families and their matrix steps is data. Internal.
 #pragma once
 
 #include <cstddef>
 #include <memory>
-#include <string>
 #include <vector>
 
-#include "talvo/kernel/functional/gemm.h"
-#include "talvo/kernel/recurrent.h"
-#include "talvo/kernel/rows/gates.h"
 #include "talvo/runtime/device_cpu.h"
 #include "talvo/runtime/tensor_cpu.h"
-#include "talvo/serialization/layer_info_rnn.h"
-#include "talvo/utility/log.h"
 
 namespace talvo::kernel::recurrent {
 
 using TensorPtr = std::shared_ptr<runtime::TensorCPU>;
 
 constexpr unsigned int kRelu = 2, kTanh = 5;  // numbers of `activation_type`
-inline bool KnowsActivation(unsigned int type) { return type == kTanh || type == kRelu; }
 
 /// What stands behind the matrix products of one step, as in rows/gates.h: `c` is replaced in place, where the family
-/// has a cell state; `h_new` may be `h`.
+/// has a cell state; `h_new` may be `h`, but for an LSTM. All of `size` elements, `a` and `b` of as many for each gate.
 struct Step {
   float const *a, *b, *h;
   float *c, *h_new;
   std::size_t size;
-  unsigned int activation;
+  unsigned int activation;  // looked at by an RNN alone; Assert "Not Implemented.": neither kTanh nor kRelu
 };
 
-struct Rnn {
-  using CellInfo = runtime::RNNCellInfo;
-  using Info = runtime::RNNInfo;
-  static constexpr char const* kName = "RNN";
-  static constexpr unsigned int kGates = 1;
-  static constexpr bool kHasCellState = false;
-  template <class Record>
-  static unsigned int Activation(Record const& record) {
-    return record.activation_type;
-  }
-  static void Run(Step const& step) {
-    if (!KnowsActivation(step.activation)) utility::Assert(false, "Not Implemented.");
-    rows::RnnGates(step.a, step.b, step.activation == kRelu, step.size, step.h_new);
-  }
+/// A family of cells by its gates.
+struct Gates {
+  unsigned int count;
+  bool has_cell_state;
+  void (*run)(Step const& step);
+};
+extern Gates const kRnn, kLstm, kGru;
+
+/// out = bias + weight in, as the free forms of functional/gemm.h.
+using Connect = void(float const* in, unsigned int const& in_count, unsigned int const& out_count, float const* weight,
+                     float const* bias, float* out);
+
+/// A matrix step. `ordered`: sums run in the order of the inputs, so that any blocking over outputs and steps gives the
+/// same bits.
+struct Product {
+  bool ordered;
+  Connect* connect;
+};
+extern Product const kOrdered, kBlas;
+
+/// The weights of one layer and direction: [gates * hidden_size, in_size], [gates * hidden_size, hidden_size] and two
+/// biases [gates * hidden_size], null without bias.
+struct Weights {
+  unsigned int in_size = 0;
+  TensorPtr weight_ih, weight_hh, bias_ih, bias_hh;
 };
 
-struct Lstm {
-  using CellInfo = runtime::LSTMCellInfo;
-  using Info = runtime::LSTMInfo;
-  static constexpr char const* kName = "LSTM";
-  static constexpr unsigned int kGates = 4;
-  static constexpr bool kHasCellState = true;
-  template <class Record>
-  static unsigned int Activation(Record const&) {
-    return kTanh;
-  }
-  static void Run(Step const& step) { rows::LstmGates(step.a, step.b, step.size, step.c, step.h_new); }
+/// What a free form or a kernel computes, and its name, for the texts of refusals.
+struct Form {
+  char const* name;
+  Gates const& gates;
+  Product const& product;
 };
-
-struct Gru {
-  using CellInfo = runtime::GRUCellInfo;
-  using Info = runtime::GRUInfo;
-  static constexpr char const* kName = "GRU";
-  static constexpr unsigned int kGates = 3;
-  static constexpr bool kHasCellState = false;
-  template <class Record>
-  static unsigned int Activation(Record const&) {
-    return kTanh;
-  }
-  static void Run(Step const& step) { rows::GruGates(step.a, step.b, step.h, step.size, step.h_new); }
-};
-
-/// kOrdered: sums run in the order of the inputs, so that any blocking over outputs and steps gives the same bits.
-struct Fallback {
-  static constexpr char const* kName = "Fallback";
-  static constexpr bool kOrdered = true;
-  static constexpr auto* kConnect = &functional::fullconnection_fallback_c_f32_m1;
-};
-
-struct Arm {
-  static constexpr char const* kName = "ARM";
-  static constexpr bool kOrdered = true;
-  static constexpr auto* kConnect = &functional::fullconnection_fallback_c_f32_m1;
-};
-
-struct Sgemm {
-  static constexpr char const* kName = "SGEMM";
-  static constexpr bool kOrdered = false;
-  static constexpr auto* kConnect = &functional::fullconnection_sgemm_c_f32_m1;
-};
-
-/// The base64 texts of one layer and direction; the biases are null without bias.
-struct WeightTexts {
-  std::string const &weight_ih, &weight_hh;
-  std::string const *bias_ih, *bias_hh;
-};
-
-/// The weights that `texts` hold, [gates * hidden_size, ...]. `where` stands before the array's name in refusals.
-/// Assert, with kernel and layer: too few bytes.
-Weights DecodeLayer(runtime::IKernel const& kernel, std::string const& layer_id, std::string const& where,
-                    WeightTexts const& texts, unsigned int in_size, unsigned int hidden_size, unsigned int gates,
-                    std::shared_ptr<runtime::Context> const& context);
-
-/// Sets all bytes of `state` to 0, if there is one.
-void Clear(TensorPtr const& state);
 
 /// One step of a cell. `inputs`, their checks and the results are those of functional/recurrent.h.
 struct CellCall {
-  std::string const& name;  // of the function or kernel, for the texts of refusals
+  Form const& form;
   std::vector<TensorPtr> const& inputs;
   Weights const& weights;
   unsigned int hidden_size;
@@ -117,9 +69,20 @@ struct CellCall {
   std::shared_ptr<runtime::DeviceCPU> const& device;
 };
 
-/// The new hidden state, and for an LSTM behind it the new cell state. Made in functional/recurrent.cpp for every
-/// family and variant.
-template <class Family, class Variant>
+/// The new hidden state, and for an LSTM behind it the new cell state.
 std::vector<TensorPtr> RunCell(CellCall const& call);
+
+/// One layer in one direction: x [steps, in_size] to hidden states, one every y_stride floats. h and c [hidden_size]
+/// are the state before and afterwards; c is null without cell state.
+struct Pass {
+  float const* x;
+  std::size_t steps;
+  bool reverse;  // from the last step to the first; results stand at their steps
+  float *y, *h, *c;
+  std::size_t y_stride, hidden_size;
+};
+
+/// Runs all steps of `pass`; scratch comes from `device`. The activation is tanh.
+void RunPass(Form const& form, Weights const& weights, Pass const& pass, runtime::DeviceCPU& device);
 
 }  // namespace talvo::kernel::recurrent

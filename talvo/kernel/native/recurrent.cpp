@@ -8,27 +8,30 @@
 #include "talvo/kernel/rows/gates.h"
 #include "talvo/kernel/rows/matrix_product.h"
 #include "talvo/utility/invariant.h"
-#include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::kernel::native {
 namespace {
 
-using utility::Assert;
+using utility::Refuse;
 using Scratch = std::unique_ptr<float, decltype(&std::free)>;
 
 constexpr std::size_t kGates = 4;
 
 Scratch GateScratch(unsigned int hidden_size) {
   Scratch scratch(static_cast<float*>(std::malloc(kGates * hidden_size * sizeof(float))), &std::free);
-  Assert(scratch != nullptr || hidden_size == 0, "lstm_arm_sc_f32_m1: no memory for %zu floats", kGates * hidden_size);
+  if (scratch == nullptr && hidden_size != 0) {
+    Refuse("lstm_arm_sc_f32_m1: no memory for %zu floats", kGates * hidden_size);
+  }
   return scratch;
 }
 
 void CheckLayers(char const* what, std::vector<float*> const& pointers, unsigned int num_layers) {
-  Assert(pointers.size() >= num_layers, "lstm_arm_sc_f32_m1: %s has %zu entries, %u layers need as many", what,
-         pointers.size(), num_layers);
-  auto const end = pointers.begin() + num_layers;
-  Assert(std::find(pointers.begin(), end, nullptr) == end, "lstm_arm_sc_f32_m1: an entry of %s is null", what);
+  if (pointers.size() < num_layers) {
+    Refuse("lstm_arm_sc_f32_m1: %s has %zu entries, %u layers need as many", what, pointers.size(), num_layers);
+  }
+  auto const end = pointers.begin() + num_layers, null = std::find(pointers.begin(), end, nullptr);
+  if (null != end) Refuse("lstm_arm_sc_f32_m1: entry %td of %s is null", null - pointers.begin(), what);
 }
 
 }  // namespace
@@ -49,9 +52,10 @@ void lstm_arm_sc_f32_m1(float* x, float* h, float* c, float* y, unsigned int S, 
   if (bidirectional) {
     utility::InvariantFailed("0 && \"no support bidirectional rnns.\"", __func__, "lstm_arm_sc_f32_m1", __LINE__);
   }
-  Assert(num_layers != 0, "lstm_arm_sc_f32_m1: 0 layers");
-  Assert(h != nullptr && c != nullptr && (S == 0 || (x != nullptr && y != nullptr)),
-         "lstm_arm_sc_f32_m1: x, h, c or y is null");
+  if (num_layers == 0) Refuse("lstm_arm_sc_f32_m1: 0 layers, needs 1");
+  if (h == nullptr || c == nullptr || (S != 0 && (x == nullptr || y == nullptr))) {
+    Refuse("lstm_arm_sc_f32_m1: x, h, c or y is null");
+  }
   CheckLayers("weight_ih", weight_ih, num_layers);
   CheckLayers("weight_hh", weight_hh, num_layers);
   CheckLayers("bias_ih", bias_ih, if_bias ? num_layers : 0);
