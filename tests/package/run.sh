@@ -1,40 +1,38 @@
 #!/bin/bash
-# run.sh BUILD_DIR: installs the build into a temporary prefix and uses it from outside: through find_package, through
-# pkg-config, and each header alone with both compilers.
+# run.sh BUILD_DIR: installs the build into a temporary prefix and uses it from outside: all that its headers declare,
+# through find_package and, with both compilers, through pkg-config; and each header alone.
 set -euo pipefail
 
 build_dir=$(realpath "$1")
 here=$(dirname "$(realpath "$0")")
 prefix=$(mktemp -d)
 trap 'rm -rf "$prefix"' EXIT
+include=$prefix/installed/include
+compilers=(g++ clang++)
+warnings=(-std=c++17 -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
 
 cmake --install "$build_dir" --prefix "$prefix/installed" >"$prefix/install.log"
+python3 "$here/list_exports.py" "$include" >"$prefix/exports.inc"
 
 cmake -S "$here" -B "$prefix/build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix/installed" -DCMAKE_BUILD_TYPE=Release \
-  >"$prefix/configure.log"
+  -DEXPORTS="$prefix" >"$prefix/configure.log"
 cmake --build "$prefix/build"
 "$prefix/build/application"
 echo "find_package: the application builds and runs"
 
 pc_file=$(find "$prefix/installed" -name tln_core.pc)
-lib_dir=$(dirname "$(dirname "$pc_file")")
-export PKG_CONFIG_PATH=$(dirname "$pc_file")
-# shellcheck disable=SC2046
-g++ -std=c++17 "$here/application.cpp" -o "$prefix/application" $(pkg-config --cflags --libs tln_core)
-LD_LIBRARY_PATH=$lib_dir "$prefix/application"
-echo "pkg-config: the application builds and runs"
+export PKG_CONFIG_PATH=${pc_file%/*} LD_LIBRARY_PATH=${pc_file%/pkgconfig/*}
+read -ra flags <<<"$(pkg-config --cflags --libs tln_core)"
+for compiler in "${compilers[@]}"; do
+  "$compiler" "${warnings[@]}" -I"$prefix" "$here/application.cpp" -o "$prefix/application" "${flags[@]}"
+  "$prefix/application"
+  echo "pkg-config, $compiler: the application builds and runs"
+done
 
-headers=0
-while read -r header; do
-  for compiler in g++ clang++; do
-    "$compiler" -std=c++17 -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror -fsyntax-only \
-      -I "$prefix/installed/include" -x c++ - <<<"#include \"$header\""
-  done
-  headers=$((headers + 1))
-done < <(cd "$prefix/installed/include" && find . -name '*.h' -printf '%P\n' | sort)
-test "$headers" -gt 0
-if find "$prefix/installed/include" -path '*/rows/*' -o -name '*_support.h' | grep .; then
-  echo "internal headers are installed" >&2
-  exit 1
-fi
-echo "headers: $headers compile alone with both compilers"
+(cd "$include" && find . -name '*.h' -printf '%P\n' | grep -v -x talvo/talvo.h | sort) >"$prefix/headers"
+sed -n 's/^#include "\(.*\)"/\1/p' "$include/talvo/talvo.h" | sort | diff - "$prefix/headers"
+for compiler in "${compilers[@]}"; do
+  xargs -a "$prefix/headers" -P "$(nproc)" -I{} \
+    "$compiler" "${warnings[@]}" -fsyntax-only -I"$include" -include {} -x c++ /dev/null
+done
+echo "headers: $(wc -l <"$prefix/headers") stand in talvo.h and compile alone with ${compilers[*]}"
