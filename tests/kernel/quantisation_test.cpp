@@ -19,13 +19,9 @@ namespace {
 
 namespace functional = kernel::functional;
 using runtime::TensorShape;
+using LayerPtr = std::shared_ptr<runtime::LayerInfo>;
+using ParamPtr = std::shared_ptr<runtime::InferenceParam>;
 using Tensors = std::vector<std::shared_ptr<runtime::Tensor>>;
-
-template <typename T>
-std::vector<T> ValuesOf(runtime::Tensor const& tensor) {
-  auto const* const first = static_cast<T const*>(tensor.data);
-  return std::vector<T>(first, first + runtime::ElementCount(tensor.shape.dims));
-}
 
 template <typename T>
 T Quantised(float x, float scale) {
@@ -51,129 +47,135 @@ class QuantisationRows : public testing::TestWithParam<kernel::rows::Instruction
 INSTANTIATE_TEST_SUITE_P(EverySet, QuantisationRows, testing::ValuesIn(kernel::rows::RunnableSets()),
                          [](auto const& set) { return kernel::rows::NameOf(set.param); });
 
-TEST_P(QuantisationRows, RoundsHalvesAwayFromZeroAndClamps) {
+// Values to T and back, for each step that a shift can make, and for those beyond.
+template <typename T, class ToFixed, class ToFloat>
+void ExpectRoundTrips(ToFixed const& to_fixed, ToFloat const& to_float) {
   auto const context = test::GuardedContext();
   for (short step : {short{0}, short{8}, short{12}, short{31}, short{40}, short{-1}}) {
     SCOPED_TRACE(step);
     float const scale = (step & 31) == 31 ? -0x1p31f : std::ldexp(1.0f, step & 31);
     auto const values = Probes(scale);
     auto const input = test::FloatTensor(*context, {static_cast<unsigned int>(values.size())}, TensorShape::C, values);
-    auto const wide = functional::Quantitation_MainMemory_Float_to_Int16_Fallback_M1(input, step, context->device_cpu);
-    auto const narrow = functional::Quantitation_MainMemory_Float_to_Int8_Fallback_M1(input, step, context->device_cpu);
-    EXPECT_EQ(step, wide->shape.extra.step_size);
-    auto const q16 = ValuesOf<std::int16_t>(*wide);
-    auto const q8 = ValuesOf<std::int8_t>(*narrow);
-    std::vector<float> want16, want8;
-    float const back = 1.0f / scale;
+    auto const fixed = to_fixed(input, step, context->device_cpu);
+    std::vector<float> want;
     for (std::size_t i = 0; i < values.size(); ++i) {
-      ASSERT_EQ(Quantised<std::int16_t>(values[i], scale), q16[i]) << values[i];
-      ASSERT_EQ(Quantised<std::int8_t>(values[i], scale), q8[i]) << values[i];
-      want16.push_back(static_cast<float>(q16[i]) * back);
-      want8.push_back(static_cast<float>(q8[i]) * back);
+      T const got = fixed->template Data<T>()[i];
+      ASSERT_EQ(Quantised<T>(values[i], scale), got) << values[i];
+      want.push_back(static_cast<float>(got) * (1.0f / scale));
     }
-    auto const from16 = functional::Dequantitation_MainMemory_Int16_to_Float_Fallback_M1(wide, context->device_cpu);
-    EXPECT_EQ(0, from16->shape.extra.step_size);
-    test::ExpectSameBits(want16, test::Values(*from16));
-    test::ExpectSameBits(want8, test::Values(*functional::Dequantitation_MainMemory_Int8_to_Float_Fallback_M1(
-                                    narrow, context->device_cpu)));
+    test::ExpectSameBits(want, test::Values(*to_float(fixed, context->device_cpu)));
   }
 }
 
-template <class ToFixed, class ToFloat>
-void ExpectConverters(unsigned int data_type) {
-  auto const context = test::GuardedContext();
+TEST_P(QuantisationRows, RoundsHalvesAwayFromZeroAndClamps) {
+  ExpectRoundTrips<std::int16_t>(functional::Quantitation_MainMemory_Float_to_Int16_Fallback_M1,
+                                 functional::Dequantitation_MainMemory_Int16_to_Float_Fallback_M1);
+  ExpectRoundTrips<std::int8_t>(functional::Quantitation_MainMemory_Float_to_Int8_Fallback_M1,
+                                functional::Dequantitation_MainMemory_Int8_to_Float_Fallback_M1);
+}
+
+struct Pair {
+  std::shared_ptr<runtime::IKernel> to_fixed, to_float;
+  unsigned int type;
+  float top;  // the greatest value at a step of 9
+};
+
+std::vector<Pair> Pairs() {
+  using namespace kernel;
+  return {
+      {std::make_shared<Quantitation_MainMemory_Float_to_Int16_Fallback_M1>(),
+       std::make_shared<Dequantitation_MainMemory_Int16_to_Float_Fallback_M1>(), TensorShape::INT16, 32767.0f / 512},
+      {std::make_shared<Quantitation_MainMemory_Float_to_Int8_Fallback_M1>(),
+       std::make_shared<Dequantitation_MainMemory_Int8_to_Float_Fallback_M1>(), TensorShape::INT8, 127.0f / 512}};
+}
+
+std::shared_ptr<runtime::InferenceParamActQuant> Step(short step) {
   auto const param = std::make_shared<runtime::InferenceParamActQuant>();
-  param->output_step_size = 9;
-  ToFixed to_fixed;
-  ToFloat to_float;
-  ASSERT_TRUE(to_fixed.Config(nullptr, param, context));
-  ASSERT_TRUE(to_float.Config(nullptr, nullptr, context));
-  Tensors const inputs = {test::FloatTensor(*context, {1, 2, 2}, TensorShape::HWC, {0.5f, -0.25f, 0.0f, 1.0f / 512}),
-                          test::FloatTensor(*context, {}, TensorShape::C, {-0.125f})};
-  Tensors fixed = {nullptr}, floats;
-  EXPECT_EQ(0, to_fixed.IsValidInput(inputs));
-  EXPECT_EQ(-2, to_float.IsValidInput(inputs));
-  EXPECT_EQ(0, to_fixed.Forward(inputs, fixed, context));
-  ASSERT_EQ(3u, fixed.size()) << "appended to what the caller gave";
-  fixed.erase(fixed.begin());
-  EXPECT_EQ(0, to_fixed.IsValidOutput(fixed));
-  EXPECT_EQ(0, to_float.Forward(fixed, floats, context));
-  EXPECT_EQ(0, to_float.IsValidOutput(floats));
-  ASSERT_EQ(2u, floats.size());
-  auto const shapes = to_fixed.GetOutputShapes({inputs[0]->shape, inputs[1]->shape});
-  for (std::size_t i = 0; i < 2; ++i) {
-    EXPECT_EQ(data_type, fixed[i]->shape.data_type);
-    EXPECT_EQ(data_type, shapes[i].data_type);
-    EXPECT_EQ(inputs[i]->shape.dims, shapes[i].dims);
-    EXPECT_EQ(inputs[i]->shape.dims, fixed[i]->shape.dims);
-    EXPECT_EQ(inputs[i]->shape.layout, fixed[i]->shape.layout);
-    EXPECT_EQ(9, fixed[i]->shape.extra.step_size);
-    EXPECT_EQ(9, shapes[i].extra.step_size);
-    EXPECT_EQ(0, to_float.GetOutputShapes(shapes)[i].extra.step_size);
-  }
-  EXPECT_EQ(-0.125f, test::Values(*floats[1])[0]);
-  float const top = data_type == TensorShape::INT16 ? 0.5f : 127.0f / 512;
-  EXPECT_EQ((std::vector<float>{top, -0.25f, 0.0f, 1.0f / 512}), test::Values(*floats[0]));
+  param->output_step_size = step;
+  return param;
 }
 
 TEST(Quantisation, KernelsConvertEveryInput) {
-  ExpectConverters<kernel::Quantitation_MainMemory_Float_to_Int16_Fallback_M1,
-                   kernel::Dequantitation_MainMemory_Int16_to_Float_Fallback_M1>(TensorShape::INT16);
-  ExpectConverters<kernel::Quantitation_MainMemory_Float_to_Int8_Fallback_M1,
-                   kernel::Dequantitation_MainMemory_Int8_to_Float_Fallback_M1>(TensorShape::INT8);
+  auto const context = test::GuardedContext();
+  Tensors const inputs = {test::FloatTensor(*context, {1, 2, 2}, TensorShape::HWC, {99.0f, -0.25f, 0.0f, 1.0f / 512}),
+                          test::FloatTensor(*context, {}, TensorShape::C, {-0.125f})};
+  for (auto const& [to_fixed, to_float, type, top] : Pairs()) {
+    ASSERT_TRUE(to_fixed->Config(nullptr, Step(9), context));
+    ASSERT_TRUE(to_float->Config(nullptr, nullptr, context));
+    Tensors fixed = {nullptr}, floats;
+    EXPECT_EQ(0, to_fixed->Forward(inputs, fixed, context));
+    ASSERT_EQ(3u, fixed.size()) << "appended to what the caller gave";
+    fixed.erase(fixed.begin());
+    EXPECT_EQ(0, to_float->Forward(fixed, floats, context));
+    ASSERT_EQ(2u, floats.size());
+    EXPECT_EQ((std::vector<float>{top, -0.25f, 0.0f, 1.0f / 512}), test::Values(*floats[0]));
+    EXPECT_EQ((std::vector<float>{-0.125f}), test::Values(*floats[1]));
+    auto const fixed_shapes = to_fixed->GetOutputShapes({inputs[0]->shape, inputs[1]->shape});
+    auto const float_shapes = to_float->GetOutputShapes(fixed_shapes);
+    for (std::size_t i = 0; i < 2; ++i) {
+      for (TensorShape const& shape : {fixed_shapes[i], fixed[i]->shape, float_shapes[i], floats[i]->shape}) {
+        bool const is_float = shape.data_type == TensorShape::FLOAT32;
+        EXPECT_TRUE(is_float || shape.data_type == type);
+        EXPECT_EQ(is_float ? 0 : 9, shape.extra.step_size);
+        EXPECT_EQ(inputs[i]->shape.dims, shape.dims);
+        EXPECT_EQ(inputs[i]->shape.layout, shape.layout);
+      }
+    }
+    auto const elsewhere = test::FloatTensor(*context, {1}, TensorShape::C, {1.0f});
+    elsewhere->shape.location = TensorShape::CPUObject;
+    std::pair<Tensors, bool> const lists[] = {
+        {{}, true}, {inputs, true}, {fixed, false}, {{inputs[0], nullptr}, false}, {{inputs[0], elsewhere}, false}};
+    for (auto const& [list, are_floats] : lists) {
+      bool const are_fixed = list.empty() || list == fixed;
+      EXPECT_EQ(are_floats ? 0 : -2, to_fixed->IsValidInput(list));
+      EXPECT_EQ(are_fixed ? 0 : -2, to_fixed->IsValidOutput(list));
+      EXPECT_EQ(are_fixed ? 0 : -2, to_float->IsValidInput(list));
+      EXPECT_EQ(are_floats ? 0 : -2, to_float->IsValidOutput(list));
+    }
+  }
 }
 
-TEST(Quantisation, JudgesParametersAndTensorLists) {
-  auto const context = test::GuardedContext();
-  kernel::Quantitation_MainMemory_Float_to_Int8_Fallback_M1 to_fixed;
-  kernel::Dequantitation_MainMemory_Int8_to_Float_Fallback_M1 to_float;
-  auto const param = std::make_shared<runtime::InferenceParamActQuant>();
+TEST(Quantisation, TakesAStepAndNoLayer) {
   auto const layer = std::make_shared<runtime::ActivationInfo>();
-  for (auto const& [step, accepted] : {std::pair<short, bool>{7, false}, {8, true}, {12, true}, {13, false}}) {
-    param->output_step_size = step;
-    EXPECT_EQ(accepted ? 0 : -1, to_fixed.IsValidParam(nullptr, param)) << step;
-    EXPECT_EQ(accepted, to_fixed.Config(nullptr, param, context)) << step;
+  auto const foreign = std::make_shared<runtime::InferenceParamUpsampling2DQuant>();
+  std::tuple<LayerPtr, ParamPtr, char> const rows[] = {
+      {nullptr, Step(7), '-'}, {nullptr, Step(8), 'q'}, {nullptr, Step(12), 'q'}, {nullptr, Step(13), '-'},
+      {layer, Step(11), '-'},  {layer, nullptr, '-'},   {nullptr, foreign, '-'},  {nullptr, nullptr, 'd'}};
+  for (auto const& pair : Pairs()) {
+    for (auto const& [info, param, taker] : rows) {
+      EXPECT_EQ(taker == 'q' ? 0 : -1, pair.to_fixed->IsValidParam(info, param));
+      EXPECT_EQ(taker == 'q', pair.to_fixed->Config(info, param, nullptr));
+      EXPECT_EQ(taker == 'd' ? 0 : -1, pair.to_float->IsValidParam(info, param));
+      EXPECT_EQ(taker == 'd', pair.to_float->Config(info, param, nullptr));
+    }
   }
-  param->output_step_size = 11;
-  EXPECT_FALSE(to_fixed.Config(layer, param, context));
-  EXPECT_FALSE(to_fixed.Config(nullptr, nullptr, context));
-  EXPECT_FALSE(to_fixed.Config(nullptr, std::make_shared<runtime::InferenceParamUpsampling2DQuant>(), context));
-  EXPECT_FALSE(to_float.Config(layer, nullptr, context));
-  EXPECT_FALSE(to_float.Config(nullptr, param, context));
-  Tensors outputs;
-  EXPECT_EQ(0, to_fixed.IsValidInput({}));
-  EXPECT_EQ(0, to_float.IsValidOutput({}));
-  EXPECT_EQ(0, to_fixed.Forward({}, outputs, context));
-  EXPECT_TRUE(outputs.empty());
-  auto const elsewhere = context->device_cpu->CreateTensor(
-      TensorShape({1}, TensorShape::FLOAT32, TensorShape::C, TensorShape::CPUObject, {}), nullptr);
-  EXPECT_EQ(-2, to_fixed.IsValidInput({elsewhere}));
-  EXPECT_EQ(-2, to_fixed.IsValidInput({nullptr}));
 }
 
 TEST(Quantisation, RefusesElementsThatAreTooSmallAndMissingDevices) {
   auto const context = test::GuardedContext();
-  auto const tensor = [&](unsigned int type) {
-    return context->device_cpu->CreateTensor(TensorShape({3}, type, TensorShape::C, TensorShape::MainMemory, {}),
-                                             nullptr);
+  auto const halves = context->device_cpu->CreateF16CMainMemory(3, nullptr);
+  auto const bytes = context->device_cpu->CreateU8CHWMainMem({1, 1, 3}, nullptr);
+  auto const refused = [](auto const& form, auto const&... arguments) {
+    return test::RefusalOf([&] { form(arguments...); });
   };
-  auto const& device = context->device_cpu;
-  EXPECT_NE("", test::RefusalOf([&] {
-              functional::Quantitation_MainMemory_Float_to_Int8_Fallback_M1(tensor(TensorShape::INT16), 8, device);
-            }));
-  EXPECT_NE("", test::RefusalOf([&] {
-              functional::Dequantitation_MainMemory_Int16_to_Float_Fallback_M1(tensor(TensorShape::INT8), device);
-            }));
-  EXPECT_NE("",
-            test::RefusalOf([&] { functional::Dequantitation_MainMemory_Int8_to_Float_Fallback_M1(nullptr, device); }));
-  EXPECT_EQ("[TLN]: Can't create output cpu tensor\n", test::RefusalOf([&] {
-              functional::Dequantitation_MainMemory_Int8_to_Float_Fallback_M1(tensor(TensorShape::INT8), nullptr);
-            }));
-  Tensors outputs;
-  EXPECT_NE("", test::RefusalOf([&] {
-              kernel::Dequantitation_MainMemory_Int16_to_Float_Fallback_M1().Forward({tensor(TensorShape::INT16)},
-                                                                                     outputs, nullptr);
-            }));
+  using namespace functional;
+  EXPECT_NE(std::string::npos,
+            refused(Quantitation_MainMemory_Float_to_Int8_Fallback_M1, halves, short{8}, context->device_cpu)
+                .find("needs 4 bytes"));
+  EXPECT_NE(
+      std::string::npos,
+      refused(Dequantitation_MainMemory_Int16_to_Float_Fallback_M1, bytes, context->device_cpu).find("needs 2 bytes"));
+  EXPECT_EQ("[TLN]: Can't create output cpu tensor\n",
+            refused(Dequantitation_MainMemory_Int8_to_Float_Fallback_M1, bytes, nullptr));
+  for (auto const& pair : Pairs()) {
+    for (auto const& kernel : {pair.to_fixed, pair.to_float}) {
+      Tensors outputs;
+      auto const forward = [&](auto const& input) { kernel->Forward({input}, outputs, nullptr); };
+      EXPECT_EQ("[TLN]: " + kernel->GetName() + ": input 0 is no CPU tensor\n", refused(forward, nullptr));
+      EXPECT_EQ("[TLN]: " + kernel->GetName() + ": the context has no CPU device\n",
+                refused(forward, test::FloatTensor(*context, {}, TensorShape::C, {1.0f})));
+    }
+  }
 }
 
 }  // namespace
