@@ -1,7 +1,6 @@
 #include "talvo/kernel/structural.h"
 
 #include <algorithm>
-#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -9,6 +8,7 @@
 #include "talvo/kernel/functional/structural.h"
 #include "talvo/kernel/functional/structural_support.h"
 #include "talvo/kernel/kernel_support.h"
+#include "talvo/kernel/rows/exponential.h"
 #include "talvo/serialization/layer_info.h"
 #include "talvo/serialization/layer_info_activation.h"
 #include "talvo/serialization/layer_info_tensor.h"
@@ -62,10 +62,12 @@ bool EqualButAxis(std::vector<unsigned int> const& a, std::vector<unsigned int> 
 
 // Softmax of n values that follow each other.
 void SoftmaxRow(float const* x, std::size_t n, float* y) {
+  constexpr std::size_t kBlock = 64;  // the processor sums one block while it computes the next
   double sum = 0.0;
-  for (std::size_t k = 0; k < n; ++k) {
-    y[k] = std::exp(x[k]);
-    sum += static_cast<double>(y[k]);
+  for (std::size_t begin = 0; begin < n; begin += kBlock) {
+    std::size_t const end = std::min(begin + kBlock, n);
+    rows::ExpRow(x + begin, end - begin, y + begin);
+    for (std::size_t k = begin; k < end; ++k) sum += static_cast<double>(y[k]);
   }
   for (std::size_t k = 0; k < n; ++k) y[k] = static_cast<float>(static_cast<double>(y[k]) / sum);
 }
@@ -75,12 +77,9 @@ void SoftmaxColumns(float const* x, std::size_t n, std::vector<double>& sums, fl
   std::size_t const columns = sums.size();
   std::fill(sums.begin(), sums.end(), 0.0);
   double* const sum = sums.data();
+  rows::ExpRow(x, n * columns, y);
   for (std::size_t k = 0; k < n; ++k) {
-    for (std::size_t i = 0; i < columns; ++i) {
-      float const e = std::exp(x[k * columns + i]);
-      y[k * columns + i] = e;
-      sum[i] += static_cast<double>(e);
-    }
+    for (std::size_t i = 0; i < columns; ++i) sum[i] += static_cast<double>(y[k * columns + i]);
   }
   for (std::size_t k = 0; k < n; ++k, y += columns) {
     for (std::size_t i = 0; i < columns; ++i) y[i] = static_cast<float>(static_cast<double>(y[i]) / sum[i]);

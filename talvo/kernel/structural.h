@@ -198,7 +198,7 @@ class TALVO_API UnSqueeze_Fallback_M1 : public runtime::IKernel {
   short dim_ = 0;
 };
 
-/// exp(x) / sum of exp(x) along axis `dim` - 1. expf in float, the sum in double and in ascending order, the quotient
+/// exp(x) / sum of exp(x) along axis `dim` - 1. exp in float, the sum in double and in ascending order, the quotient
 /// in double; no maximum is subtracted, so that large inputs overflow. Assert in Forward: `dim` is 0 or above the rank.
 class TALVO_API Softmax_Fallback_Float_M1 : public runtime::IKernel {
  public:

@@ -1,23 +1,14 @@
 #include "talvo/kernel/functional/activation.h"
 
-#include <cmath>
 #include <cstddef>
 #include <limits>
 
 #include "talvo/kernel/kernel_support.h"
 #include "talvo/kernel/rows/elementwise_rows.h"
+#include "talvo/kernel/rows/exponential.h"
 
 namespace talvo::kernel::functional {
 namespace {
-
-// These two are bound by the mathematics library, one element at a time.
-void SigmoidRow(float const* x, std::size_t n, float* y) {
-  for (std::size_t i = 0; i < n; ++i) y[i] = 1.0f / (std::exp(0.0f - x[i]) + 1.0f);
-}
-
-void TanhRow(float const* x, std::size_t n, float* y) {
-  for (std::size_t i = 0; i < n; ++i) y[i] = std::tanh(x[i]);
-}
 
 // The values of a tensor that is to be changed in place; `count` is 0 where nothing is.
 struct InPlace {
@@ -39,9 +30,9 @@ void relu_f32(float const* in, unsigned int const& count, float* out) { rows::Re
 
 void relu6_f32(float const* in, unsigned int const& count, float* out) { rows::Relu6Row(in, count, out); }
 
-void sigmoid_f32(float const* in, unsigned int const& count, float* out) { SigmoidRow(in, count, out); }
+void sigmoid_f32(float const* in, unsigned int const& count, float* out) { rows::SigmoidRow(in, count, out); }
 
-void tanh_f32(float const* in, unsigned int const& count, float* out) { TanhRow(in, count, out); }
+void tanh_f32(float const* in, unsigned int const& count, float* out) { rows::TanhRow(in, count, out); }
 
 void hsigmoid_f32(float const* in, unsigned int const& count, float* out) { rows::HSigmoidRow(in, count, out); }
 
@@ -57,7 +48,7 @@ void linear_f32(float const* in, unsigned int const& count, float const& scale, 
 
 void Sigmoid_F32_M2(std::shared_ptr<runtime::Tensor>& inout) {
   InPlace const row = ValuesOf("Sigmoid_F32_M2", inout.get());
-  SigmoidRow(row.values, row.count, row.values);
+  rows::SigmoidRow(row.values, row.count, row.values);
 }
 
 void PReLU_F32(std::shared_ptr<runtime::Tensor>& inout, float slope) {

@@ -11,7 +11,8 @@ namespace talvo::kernel::functional {
 
 // Each writes out[i] for i = 0 .. count - 1 as an ascending loop over single elements would: the ranges may overlap in
 // any way, and a result that was written may be read as a later input. Arithmetic in float32, in the order shown, a
-// multiplication and an addition never fused; expf and tanhf are the mathematics library's.
+// multiplication and an addition never fused. exp and tanh are our own: they give the bits of glibc's expf and tanhf on
+// x86-64 everywhere, errors 0.502 and 2.19 units in the last place.
 
 /// r = 0 > x ? 0 : x. NaN stays NaN, -0 stays -0.
 TALVO_API void relu_f32(float const* in, unsigned int const& count, float* out);
@@ -19,10 +20,10 @@ TALVO_API void relu_f32(float const* in, unsigned int const& count, float* out);
 /// r as for relu_f32, then 6 < r ? 6 : r. NaN stays NaN.
 TALVO_API void relu6_f32(float const* in, unsigned int const& count, float* out);
 
-/// 1 / (expf(0 - x) + 1).
+/// 1 / (exp(0 - x) + 1).
 TALVO_API void sigmoid_f32(float const* in, unsigned int const& count, float* out);
 
-/// tanhf(x).
+/// tanh(x).
 TALVO_API void tanh_f32(float const* in, unsigned int const& count, float* out);
 
 /// t = x + 3; t = t > 0 ? t : 0; t = t < 6 ? t : 6; t * c. NaN gives 0.

@@ -1,5 +1,5 @@
 // What a recurrent cell does behind its two matrix products a = W_ih x + b_ih and b = W_hh h + b_hh, on bare memory.
-// expf and tanhf are the mathematics library's. Internal.
+// Sigmoid and tanh are those of exponential.h. Internal.
 #pragma once
 
 #include <cstddef>

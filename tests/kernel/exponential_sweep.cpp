@@ -1,0 +1,141 @@
+// `exponential_sweep STRIDE` takes every STRIDE-th of the 2^32 floats, and all near the edges, through each row
+// function of rows/exponential.h in each instruction set: differences from the mathematics library, greatest errors
+// against double, and a digest. Status 1 for a difference, and for digests other than the golden ones of strides 1
+// and 64.
+#include "talvo/kernel/rows/exponential.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+namespace {
+
+using namespace talvo::kernel::rows;
+
+struct Function {
+  char const* name;
+  Primitive<void(float const*, std::size_t, float*)> const& row;
+  float (*library)(float);
+  double (*exact)(double);
+  std::uint64_t golden_1, golden_64;
+};
+
+Function const kFunctions[] = {
+    {"exp", ExpRow, [](float x) { return std::exp(x); }, [](double x) { return std::exp(x); }, 0, 0x6A89EC07B8EF6B3D},
+    {"sigmoid", SigmoidRow, [](float x) { return 1.0f / (std::exp(0.0f - x) + 1.0f); },
+     [](double x) { return 1.0 / (std::exp(-x) + 1.0); }, 0, 0x370874CBE28290D3},
+    {"tanh", TanhRow, [](float x) { return std::tanh(x); }, [](double x) { return std::tanh(x); }, 0,
+     0x0089BE7C6E322D9B},
+    // The nearest a logarithm of a float comes to the middle of two floats is 2^-56.8 of its size.
+    {"log", LogRow, [](float x) { return static_cast<float>(std::log(static_cast<long double>(x))); },
+     [](double x) { return std::log(x); }, 0, 0x41A2B86CCC3FAFB4}};
+
+float FloatOf(std::uint32_t bits) {
+  float x;
+  std::memcpy(&x, &bits, sizeof x);
+  return x;
+}
+
+// Every NaN counts as one.
+std::uint32_t BitsOf(float x) {
+  std::uint32_t bits = 0x7FC00000;
+  if (!std::isnan(x)) std::memcpy(&bits, &x, sizeof bits);
+  return bits;
+}
+
+// Where a step of one of the functions changes its ways, and the two exps that a fused reduction rounds otherwise.
+std::vector<float> Edges() {
+  std::vector<float> edges = {FloatOf(0x4202422F), FloatOf(0xC27C65D9)};
+  for (float const at : {0.0f, 0x1p-126f, 0x1p-28f, 0x1p-25f, 0.3465736f, 1.0f, 1.0397208f, 9.01091f, 10.0f, 22.0f,
+                         88.72284f, 87.33655f, 90.0f, 103.97208f, 105.0f, 0x1.fffffep+127f}) {
+    for (std::uint32_t near = 0; near < 32; ++near) {
+      edges.push_back(FloatOf(BitsOf(at) + near - 16));
+      edges.push_back(-edges.back());
+    }
+  }
+  return edges;
+}
+
+// glibc's functions give the promised bits where they are compiled with fused multiply-add.
+bool LibraryCounts() {
+#if defined(__x86_64__) && defined(__GLIBC__)
+  return __builtin_cpu_supports("fma");
+#else
+  return false;
+#endif
+}
+
+// Where the result is neither infinite nor 0: sigmoid has no subnormal results below -88.7, since e^x overflows.
+double UnitsApart(double exact, float y) {
+  int const exponent = std::max(static_cast<int>(BitsOf(static_cast<float>(exact)) >> 23 & 255), 1);
+  return std::isfinite(y) && y != 0.0f ? std::abs(static_cast<double>(y) - exact) * std::ldexp(1.0, 150 - exponent)
+                                       : 0.0;
+}
+
+struct Result {
+  std::uint64_t digest = 0xCBF29CE484222325;  // FNV-1a over the words that the baseline gives
+  std::uint64_t differing[kInstructionSets] = {};
+  double error = 0.0;
+};
+
+// What differs is counted against the library where it counts, else against the baseline.
+void Walk(Function const& function, std::vector<float> const& x, bool against_library, Result& result) {
+  std::vector<float> want(x.size()), y(x.size());
+  function.row(x.data(), x.size(), y.data());
+  for (std::size_t i = 0; i < x.size(); ++i) {
+    result.digest = (result.digest ^ BitsOf(y[i])) * 0x100000001B3;
+    result.error = std::max(result.error, UnitsApart(function.exact(static_cast<double>(x[i])), y[i]));
+    want[i] = against_library ? function.library(x[i]) : y[i];
+  }
+  for (auto const set : RunnableSets()) {
+    ScopedInstructionSet const use(set);
+    function.row(x.data(), x.size(), y.data());
+    std::uint64_t& differing = result.differing[static_cast<std::size_t>(set)];
+    for (std::size_t i = 0; i < x.size(); ++i) differing += BitsOf(y[i]) != BitsOf(want[i]);
+  }
+}
+
+bool Passes(Function const& function, std::uint64_t stride) {
+  bool const against_library = LibraryCounts();
+  ScopedInstructionSet const use(InstructionSet::kBaseline);
+  Result result;
+  auto x = Edges();
+  std::uint64_t inputs = 0;
+  for (std::uint64_t bits = 0; !x.empty(); inputs += x.size()) {
+    Walk(function, x, against_library, result);
+    for (x.clear(); x.size() < 4096 && bits < std::uint64_t{1} << 32; bits += stride) {
+      x.push_back(FloatOf(static_cast<std::uint32_t>(bits)));
+    }
+  }
+  std::printf("%s: %" PRIu64 " inputs, digest 0x%016" PRIX64 ", greatest error %.3f", function.name, inputs,
+              result.digest, result.error);
+  bool good = true;
+  for (auto const set : RunnableSets()) {
+    std::uint64_t const differing = result.differing[static_cast<std::size_t>(set)];
+    std::printf(", %s differs from the %s on %" PRIu64, NameOf(set), against_library ? "library" : "baseline",
+                differing);
+    good = good && differing == 0;
+  }
+  bool const known = stride == 1 || stride == 64;
+  bool const golden = !known || result.digest == (stride == 1 ? function.golden_1 : function.golden_64);
+  std::printf("%s\n", golden ? "" : ", NOT THE GOLDEN DIGEST");
+  return good && golden;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::uint64_t const stride = argc == 2 ? std::strtoull(argv[1], nullptr, 10) : 0;
+  if (stride == 0) {
+    std::fprintf(stderr, "usage: exponential_sweep STRIDE\n");
+    return 2;
+  }
+  bool good = true;
+  for (Function const& function : kFunctions) good = Passes(function, stride) && good;
+  return good ? 0 : 1;
+}
