@@ -103,7 +103,7 @@ TEST(Activation, FreeFormsEqualTheAscendingLoopForAnyOverlap) {
       SCOPED_TRACE(c.name + " with " + kernel::rows::NameOf(set));
       for (unsigned int count : {0u, 1u, 3u, 4u, 5u, 8u, 31u, 64u, 1003u}) {
         // Distance from input to output in elements; 0 is in place, the last leaves the ranges disjoint.
-        for (int distance : {0, 1, -1, 2, -3, 4, -4, 7, 8, -8, 15, 16, 17, -33, 1043}) {
+        for (int distance : {0, 1, -1, 2, -3, 4, -4, 7, 8, -8, 15, 16, 17, 31, -33, 63, 64, 1043}) {
           SCOPED_TRACE("count " + std::to_string(count) + ", distance " + std::to_string(distance));
           auto want = Inputs(3000), got = want;
           auto const output = static_cast<std::size_t>(static_cast<int>(kInput) + distance);

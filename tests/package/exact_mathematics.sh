@@ -1,0 +1,11 @@
+#!/bin/bash
+# exact_mathematics.sh LIBRARY COMPILER NM: of the mathematics library, the shared library calls only functions whose
+# results are exact or rounded correctly, and so the same everywhere.
+set -euo pipefail
+
+nm=$3
+names() { "$nm" -D "$1" "$2" | awk '{ sub(/@.*/, "", $NF); print $NF }' | sort -u; }
+
+called=$(comm -12 <(names --undefined-only "$1") <(names --defined-only "$("$2" -print-file-name=libm.so.6)"))
+exact='(floor|ceil|trunc|round|rint|nearbyint|l?lrint|l?lround|sqrt|fabs|copysign|fmin|fmax|ldexp|scalbl?n|frexp|modf)f?'
+! grep -vxE "$exact" <<<"$called" | grep .
