@@ -1,5 +1,5 @@
-// The activation kernels on 1 M floats beside memcpy of the same bytes and the plain loop. Bytes are those of the
-// input.
+// The activation kernels on 1 M floats beside memcpy of the same bytes and the plain loop, bytes those of the input;
+// and exp, sigmoid, tanh and log on 4096 floats in each instruction set beside the mathematics library, by elements.
 #include <benchmark/benchmark.h>
 
 #include <cmath>
@@ -10,6 +10,7 @@
 
 #include "talvo/entry/create_context.h"
 #include "talvo/kernel/activation.h"
+#include "talvo/kernel/rows/exponential.h"
 #include "talvo/runtime/device_cpu.h"
 #include "talvo/runtime/tensor_cpu.h"
 #include "talvo/serialization/layer_info_activation.h"
@@ -18,6 +19,7 @@
 namespace {
 
 using namespace talvo;
+namespace rows = kernel::rows;
 
 constexpr unsigned int kCount = 1 << 20;
 
@@ -50,6 +52,32 @@ void PlainLoop(benchmark::State& state, Step step) {
     benchmark::ClobberMemory();
   }
   SetBytes(state);
+}
+
+// One row function or library loop on a row that stays in the nearest cache.
+template <class Row>
+void InCache(benchmark::State& state, rows::InstructionSet set, Row const& row) {
+  constexpr std::size_t kInCache = 4096;
+  rows::ScopedInstructionSet const use(set);
+  auto const x = Inputs();
+  std::vector<float> y(kInCache);
+  for (auto _ : state) {
+    row(x.data(), kInCache, y.data());
+    benchmark::ClobberMemory();
+  }
+  state.SetItemsProcessed(static_cast<std::int64_t>(kInCache) * state.iterations());
+}
+
+template <class Row, class Step>
+void RegisterInCache(std::string const& name, Row const& row, Step step) {
+  auto const loop = [step](float const* x, std::size_t n, float* y) {
+    for (std::size_t i = 0; i < n; ++i) y[i] = step(x[i]);
+  };
+  benchmark::RegisterBenchmark((name + "/4096/library").c_str(), InCache<decltype(loop)>,
+                               rows::InstructionSet::kBaseline, loop);
+  for (auto const set : rows::RunnableSets()) {
+    benchmark::RegisterBenchmark((name + "/4096/" + rows::NameOf(set)).c_str(), InCache<Row>, set, row);
+  }
 }
 
 void Forward(benchmark::State& state, std::shared_ptr<runtime::IKernel> const& kernel) {
@@ -90,6 +118,10 @@ int main(int argc, char** argv) {
   Register<kernel::PReLU_Fallback_Float_M1>("PReLU_in_place");
   Register<kernel::Sigmoid_Fallback_Float_M1>("Sigmoid");
   Register<kernel::TanH_Fallback_Float_M1>("TanH");
+  RegisterInCache("exp", rows::ExpRow, [](float x) { return std::exp(x); });
+  RegisterInCache("sigmoid", rows::SigmoidRow, sigmoid);
+  RegisterInCache("tanh", rows::TanhRow, [](float x) { return std::tanh(x); });
+  RegisterInCache("log", rows::LogRow, [](float x) { return std::log(x); });
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();
 }

@@ -6,12 +6,15 @@
 #include <cstddef>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "bench/blas_in_use.h"
 #include "talvo/entry/create_context.h"
 #include "talvo/kernel/recurrent.h"
+#include "talvo/kernel/rows/gates.h"
+#include "talvo/kernel/rows/instruction_sets.h"
 #include "talvo/runtime/device_cpu.h"
 #include "talvo/runtime/tensor_cpu.h"
 #include "talvo/serialization/layer_info_rnn.h"
@@ -19,6 +22,8 @@
 
 namespace talvo::bench {
 namespace {
+
+namespace rows = kernel::rows;
 
 constexpr unsigned int kSteps = 100, kIn = 128, kHidden = 256;
 
@@ -62,6 +67,10 @@ struct PlainCell {
   void Step(float const* x) {
     Connect(x, in_size, ih, bias_ih, a);
     Connect(h.data(), kHidden, hh, bias_hh, b);
+    Gates();
+  }
+
+  void Gates() {
     for (std::size_t j = 0; j < kHidden; ++j) {
       if (gates == 4) {
         float const i = Sigmoid(SumOf(0, j)), f = Sigmoid(SumOf(1, j)), g = std::tanh(SumOf(2, j));
@@ -167,6 +176,25 @@ void PlainStep(benchmark::State& state, unsigned int gates) {
   }
 }
 
+// What follows the products alone, by elements of the hidden state; without a set the plain cell.
+void GatesAlone(benchmark::State& state, unsigned int gates, std::optional<rows::InstructionSet> set) {
+  rows::ScopedInstructionSet const use(set.value_or(rows::InstructionSet::kBaseline));
+  PlainCell cell(gates, kIn, 0);
+  cell.a = Weights(cell.a.size(), 1);
+  cell.b = Weights(cell.b.size(), 2);
+  for (auto _ : state) {
+    if (!set) {
+      cell.Gates();
+    } else if (gates == 4) {
+      rows::LstmGates(cell.a.data(), cell.b.data(), kHidden, cell.c.data(), cell.h.data());
+    } else {
+      rows::GruGates(cell.a.data(), cell.b.data(), cell.h.data(), kHidden, cell.h.data());
+    }
+    benchmark::ClobberMemory();
+  }
+  state.SetItemsProcessed(state.iterations() * kHidden);
+}
+
 template <class Kernel, class Info>
 void Step(benchmark::State& state, unsigned int gates) {
   std::shared_ptr<runtime::Context> context;
@@ -205,6 +233,10 @@ void RegisterCells(std::string const& family, unsigned int gates) {
   benchmark::RegisterBenchmark((family + "/cell/Fallback").c_str(), Step<Fallback, Info>, gates);
   benchmark::RegisterBenchmark((family + "/cell/ARM").c_str(), Step<Arm, Info>, gates);
   benchmark::RegisterBenchmark((family + "/cell/SGEMM").c_str(), Step<Sgemm, Info>, gates);
+  benchmark::RegisterBenchmark((family + "/gates/plain_cell").c_str(), GatesAlone, gates, std::nullopt);
+  for (auto const set : rows::RunnableSets()) {
+    benchmark::RegisterBenchmark((family + "/gates/" + rows::NameOf(set)).c_str(), GatesAlone, gates, set);
+  }
 }
 
 }  // namespace

@@ -62,13 +62,9 @@ bool EqualButAxis(std::vector<unsigned int> const& a, std::vector<unsigned int> 
 
 // Softmax of n values that follow each other.
 void SoftmaxRow(float const* x, std::size_t n, float* y) {
-  constexpr std::size_t kBlock = 64;  // the processor sums one block while it computes the next
+  rows::ExpRow(x, n, y);
   double sum = 0.0;
-  for (std::size_t begin = 0; begin < n; begin += kBlock) {
-    std::size_t const end = std::min(begin + kBlock, n);
-    rows::ExpRow(x + begin, end - begin, y + begin);
-    for (std::size_t k = begin; k < end; ++k) sum += static_cast<double>(y[k]);
-  }
+  for (std::size_t k = 0; k < n; ++k) sum += static_cast<double>(y[k]);
   for (std::size_t k = 0; k < n; ++k) y[k] = static_cast<float>(static_cast<double>(y[k]) / sum);
 }
 
