@@ -4,8 +4,15 @@ include(CMakePackageConfigHelpers)
 install(TARGETS tln_core EXPORT talvoTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(EXPORT talvoTargets NAMESPACE talvo:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/talvo)
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/talvo DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h"
-        PATTERN "rows" EXCLUDE PATTERN "*_support.h" EXCLUDE PATTERN "rapidjson_include.h" EXCLUDE)
+
+# The public headers are those that talvo/talvo.h lists; no other is installed.
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/talvo/talvo.h)
+file(STRINGS ${PROJECT_SOURCE_DIR}/talvo/talvo.h TALVO_PUBLIC_HEADERS REGEX "^#include \"")
+list(TRANSFORM TALVO_PUBLIC_HEADERS REPLACE "^#include \"(.*)\"$" "\\1")
+foreach(header talvo/talvo.h ${TALVO_PUBLIC_HEADERS})
+  get_filename_component(folder ${header} DIRECTORY)
+  install(FILES ${PROJECT_SOURCE_DIR}/${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${folder})
+endforeach()
 
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/talvoConfig.cmake.in ${PROJECT_BINARY_DIR}/talvoConfig.cmake
                               INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/talvo)

@@ -1,4 +1,4 @@
-// All public headers of libtln_core.
+// All public headers of libtln_core: what is included here is installed, and nothing else is.
 #pragma once
 
 #include "talvo/entry/create_context.h"

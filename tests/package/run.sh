@@ -29,10 +29,9 @@ for compiler in "${compilers[@]}"; do
   echo "pkg-config, $compiler: the application builds and runs"
 done
 
-(cd "$include" && find . -name '*.h' -printf '%P\n' | grep -v -x talvo/talvo.h | sort) >"$prefix/headers"
-sed -n 's/^#include "\(.*\)"/\1/p' "$include/talvo/talvo.h" | sort | diff - "$prefix/headers"
+(cd "$include" && find . -name '*.h' -printf '%P\n') >"$prefix/headers"
 for compiler in "${compilers[@]}"; do
   xargs -a "$prefix/headers" -P "$(nproc)" -I{} \
     "$compiler" "${warnings[@]}" -fsyntax-only -I"$include" -include {} -x c++ /dev/null
 done
-echo "headers: $(wc -l <"$prefix/headers") stand in talvo.h and compile alone with ${compilers[*]}"
+echo "headers: $(wc -l <"$prefix/headers") compile alone with ${compilers[*]}"
