@@ -16,7 +16,6 @@
 #include "talvo/image/yuv.h"
 #include "talvo/kernel/activation.h"
 #include "talvo/kernel/convolution.h"
-#include "talvo/kernel/direct_convolution.h"
 #include "talvo/kernel/elementwise.h"
 #include "talvo/kernel/functional/activation.h"
 #include "talvo/kernel/functional/elementwise.h"

@@ -4,11 +4,9 @@
 #include <cstdint>
 #include <initializer_list>
 #include <limits>
-#include <utility>
 
-#include "talvo/kernel/direct_convolution.h"
+#include "talvo/kernel/convolution_support.h"
 #include "talvo/kernel/kernel_support.h"
-#include "talvo/kernel/padding.h"
 #include "talvo/serialization/layer_info_conv.h"
 #include "talvo/utility/log.h"
 
@@ -80,43 +78,24 @@ unsigned int Height(Dims const& dims) { return dims.size() == 3 ? dims[1] : 1; }
 unsigned int Width(Dims const& dims) { return dims.back(); }
 
 ConvolutionShape ShapeOf(ConvolutionFields const& f, Dims const& input, Dims const& output) {
-  return {f.groups,     f.in_per_group, f.out_per_group, f.kernel_y,   f.kernel_x,     f.stride_y,   f.stride_x,
-          f.dilation_y, f.dilation_x,   Height(input),   Width(input), Height(output), Width(output)};
-}
-
-ConvolutionData DataOf(TensorCPU const& input, TensorCPU const& weight, TensorCPU const* bias,
-                       TensorCPU const& output) {
-  return {input.Data<float>(), weight.Data<float>(), bias == nullptr ? nullptr : bias->Data<float>(),
-          output.Data<float>()};
-}
-
-// What a Compute works on; the bias may be null.
-struct Operands {
-  std::shared_ptr<TensorCPU> const& input;
-  TensorCPU const& weight;
-  TensorCPU const* bias;
-  TensorCPU const& output;
-  std::shared_ptr<runtime::DeviceCPU> const& device;
-};
-
-// `pad` makes the padded copy of the input; the ways by columns and by groups pad a group or some at a time.
-template <class Pad>
-void ComputeDirect(ConvolutionFields const& f, Operands const& operands, Pad pad) {
-  auto const shape = ShapeOf(f, operands.input->shape.dims, operands.output.shape.dims);
-  auto data = DataOf(*operands.input, operands.weight, operands.bias, operands.output);
-  auto const left = static_cast<unsigned int>(f.padding_l), right = static_cast<unsigned int>(f.padding_r);
-  auto const top = static_cast<unsigned int>(f.padding_t), bottom = static_cast<unsigned int>(f.padding_b);
-  ConvolutionShape padded_shape = shape;
-  padded_shape.in_height += top + bottom;
-  padded_shape.in_width += left + right;
-  Way const way = FastestWay(padded_shape);
-  if (way != Way::kChannels) {
-    Padding const padding = {top, left, padded_shape.in_height, padded_shape.in_width};
-    return (way == Way::kColumns ? ConvolveByColumns : ConvolveByGroups)(shape, padding, data, *operands.device);
-  }
-  auto const padded = pad(left, right, top, bottom);
-  data.input = padded->template Data<float>();
-  ConvolveByChannels(padded_shape, data, *operands.device);
+  Axis const y = AxisY(f, Height(input)), x = AxisX(f, Width(input));
+  return {f.groups,
+          f.in_per_group,
+          f.out_per_group,
+          f.kernel_y,
+          f.kernel_x,
+          f.stride_y,
+          f.stride_x,
+          f.dilation_y,
+          f.dilation_x,
+          y.extent,
+          x.extent,
+          Height(output),
+          Width(output),
+          f.padding_t,
+          f.padding_l,
+          y.extent + Borders(y),
+          x.extent + Borders(x)};
 }
 
 }  // namespace
@@ -135,11 +114,7 @@ struct Conv2dStep {
     return {f.out_channels, DirectExtent(AxisY(f, dims[1])), DirectExtent(AxisX(f, dims[2]))};
   }
   static bool Fits(Axis const& axis) { return DirectFits(axis); }
-  static void Compute(ConvolutionFields const& f, Operands const& operands) {
-    ComputeDirect(f, operands, [&](unsigned int l, unsigned int r, unsigned int t, unsigned int b) {
-      return Padding_HW_MainMemory_CHW_Float_Fallback_M1(operands.input, l, r, t, b, 0.0f, operands.device);
-    });
-  }
+  static constexpr auto Compute = ConvolveDirect;
 };
 
 struct Conv1dStep {
@@ -161,11 +136,7 @@ struct Conv1dStep {
     return {f.out_channels, DirectExtent(AxisX(f, dims[1]))};
   }
   static bool Fits(Axis const& axis) { return DirectFits(axis); }
-  static void Compute(ConvolutionFields const& f, Operands const& operands) {
-    ComputeDirect(f, operands, [&](unsigned int l, unsigned int r, unsigned int, unsigned int) {
-      return Padding_L_MainMemory_CL_Float_Fallback_M1(operands.input, l, r, 0.0f, operands.device);
-    });
-  }
+  static constexpr auto Compute = ConvolveDirect;
 };
 
 struct ConvTranspose2dStep {
@@ -182,11 +153,7 @@ struct ConvTranspose2dStep {
     return {f.out_channels, TransposedExtent(AxisY(f, dims[1])), TransposedExtent(AxisX(f, dims[2]))};
   }
   static bool Fits(Axis const& axis) { return TransposedFits(axis); }
-  static void Compute(ConvolutionFields const& f, Operands const& operands) {
-    auto const shape = ShapeOf(f, operands.input->shape.dims, operands.output.shape.dims);
-    auto const data = DataOf(*operands.input, operands.weight, operands.bias, operands.output);
-    ConvolveTransposed(shape, f.padding_t, f.padding_l, data, *operands.device);
-  }
+  static constexpr auto Compute = ConvolveTransposed;
 };
 
 template <class Step>
@@ -298,7 +265,11 @@ int DirectConvolution<Step>::Forward(std::vector<std::shared_ptr<runtime::Tensor
   auto const output = support::NewOutput(*this, inputs, context);
   FillWithoutWork(*output);
   bool const work = fields_.in_per_group > 0 && fields_.out_per_group > 0 && support::Count(*output) > 0;
-  if (work) Step::Compute(fields_, {input, *weight_, bias_.get(), *output, context->device_cpu});
+  if (work) {
+    float const* const bias = bias_ == nullptr ? nullptr : bias_->Data<float>();
+    Step::Compute(ShapeOf(fields_, input->shape.dims, output->shape.dims),
+                  {input->template Data<float>(), weight_->Data<float>(), bias, output->template Data<float>()}, *context->device_cpu);
+  }
   outputs.assign(1, output);
   return 0;
 }
