@@ -6,21 +6,39 @@
 #include <limits>
 
 #include "talvo/kernel/convolution_support.h"
-#include "talvo/kernel/kernel_support.h"
+#include "talvo/kernel/kernel_of_support.h"
 #include "talvo/serialization/layer_info_conv.h"
-#include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::kernel {
 
 using runtime::DimsText;
+using runtime::IKernel;
 using runtime::TensorCPU;
 using runtime::TensorShape;
-using utility::Assert;
+using support::ContextPtr;
+using support::LayerPtr;
+using support::ParamPtr;
+using support::Shapes;
+using support::Tensors;
+using utility::Refuse;
 
 namespace {
 
 using Dims = std::vector<unsigned int>;
 constexpr unsigned int kMost = std::numeric_limits<unsigned int>::max();
+
+// What a convolution takes from its layer. One dimension is a row: kernel_y = stride_y = dilation_y = 1, no padding at
+// the top and bottom. Channels that a division by the groups leaves over get no work.
+struct ConvolutionFields {
+  unsigned int kernel_x = 1, kernel_y = 1, stride_x = 1, stride_y = 1, dilation_x = 1, dilation_y = 1;
+  unsigned int in_channels = 0, out_channels = 0, groups = 1;
+  int padding_l = 0, padding_r = 0, padding_t = 0, padding_b = 0;
+  bool if_bias = false;
+
+  unsigned int InPerGroup() const { return in_channels / groups; }
+  unsigned int OutPerGroup() const { return out_channels / groups; }
+};
 
 bool AnyZero(std::initializer_list<unsigned int> values) {
   return std::find(values.begin(), values.end(), 0u) != values.end();
@@ -78,52 +96,140 @@ unsigned int Height(Dims const& dims) { return dims.size() == 3 ? dims[1] : 1; }
 unsigned int Width(Dims const& dims) { return dims.back(); }
 
 ConvolutionShape ShapeOf(ConvolutionFields const& f, Dims const& input, Dims const& output) {
-  Axis const y = AxisY(f, Height(input)), x = AxisX(f, Width(input));
-  return {f.groups,
-          f.in_per_group,
-          f.out_per_group,
-          f.kernel_y,
-          f.kernel_x,
-          f.stride_y,
-          f.stride_x,
-          f.dilation_y,
-          f.dilation_x,
-          y.extent,
-          x.extent,
-          Height(output),
-          Width(output),
-          f.padding_t,
-          f.padding_l,
-          y.extent + Borders(y),
-          x.extent + Borders(x)};
+  ConvolutionShape s{};
+  s.groups = f.groups, s.in_per_group = f.InPerGroup(), s.out_per_group = f.OutPerGroup();
+  s.kernel_y = f.kernel_y, s.stride_y = f.stride_y, s.dilation_y = f.dilation_y;
+  s.kernel_x = f.kernel_x, s.stride_x = f.stride_x, s.dilation_x = f.dilation_x;
+  s.in_height = Height(input), s.in_width = Width(input);
+  s.out_height = Height(output), s.out_width = Width(output);
+  s.top = f.padding_t, s.padded_height = Height(input) + Borders(AxisY(f, 0));
+  s.left = f.padding_l, s.padded_width = Width(input) + Borders(AxisX(f, 0));
+  return s;
 }
+
+// What the kernels have in common. An operation has besides: its record's fields, the weights' dims, the output's dims,
+// whether an axis has an output, and what computes.
+template <class Operation, class Info>
+struct Convolution : support::Strict<Info> {
+  static int IsValidParam(LayerPtr const& layer, ParamPtr const& param) {
+    auto const info = std::dynamic_pointer_cast<Info>(layer);
+    if (param != nullptr || info == nullptr) return -1;
+    ConvolutionFields const f = Operation::Fields(*info);
+    return AnyZero({f.in_channels, f.out_channels, f.kernel_x, f.kernel_y, f.stride_x, f.stride_y, f.dilation_x,
+                    f.dilation_y, f.groups})
+               ? -1
+               : 0;
+  }
+
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const& context) {
+    Info const& info = support::As<Info>(Operation::kName, layer);
+    weight = bias = nullptr;  // the memory of an earlier layer's goes back first
+    fields = Operation::Fields(info);
+    layer_id = info.id;
+    weight = support::DecodeWeights(Operation::kName, layer_id, "weight", info.weight, Operation::WeightDims(fields),
+                                    Operation::kWeightLayout, context);
+    if (fields.if_bias) {
+      bias = support::DecodeWeights(Operation::kName, layer_id, "bias", info.bias,
+                                    {fields.groups, fields.OutPerGroup()}, TensorShape::GN, context);
+    }
+    return true;
+  }
+
+  Shapes GetOutputShapes(Shapes const& input_shapes) const {
+    TensorShape const& input = support::ShapeAt(Operation::kName, input_shapes, 0, Operation::kRank);
+    return {TensorShape(Operation::OutputDims(fields, input.dims), input.data_type, input.layout, input.location,
+                        TensorShape::Extra())};
+  }
+
+  int IsValidInput(Tensors const& inputs) const { return Judge(inputs, fields.in_channels); }
+  int IsValidOutput(Tensors const& outputs) const { return Judge(outputs, fields.out_channels); }
+
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+    support::NeedsConfig(kernel);
+    auto const input = support::Input(Self(), inputs, 0, Operation::kRank);
+    CheckFit(*input);
+    auto const output = support::NewOutput(kernel, inputs, context);
+    FillWithoutWork(*output);
+    if (fields.InPerGroup() > 0 && fields.OutPerGroup() > 0 && support::Count(*output) > 0) {
+      Operation::kCompute(ShapeOf(fields, input->shape.dims, output->shape.dims),
+                          {input->Data<float>(), weight->Data<float>(), Bias(), output->Data<float>()},
+                          *context->device_cpu);
+    }
+    outputs.assign(1, output);
+    return 0;
+  }
+
+ private:
+  support::Who Self() const { return {Operation::kName, layer_id}; }
+  float const* Bias() const { return bias == nullptr ? nullptr : bias->Data<float>(); }
+
+  static int Judge(Tensors const& tensors, unsigned int channels) {
+    return support::Judge(tensors, 1, [channels](runtime::Tensor const& tensor) {
+      return support::IsInMainMemory(tensor, TensorShape::FLOAT32, Operation::kLayout) && !tensor.shape.dims.empty() &&
+             tensor.shape.dims[0] == channels;
+    });
+  }
+
+  // Refuses what the loops would read beyond its end, and what they cannot make a result of.
+  void CheckFit(TensorCPU const& input) const {
+    support::Needs needs = {sizeof(float), Operation::kRank, 0, TensorShape::FLOAT32};
+    if (Operation::kNeedsLayout) needs.layout = Operation::kLayout;
+    support::CheckTensor(Self(), "input 0", &input, needs);
+    Dims const& dims = input.shape.dims;
+    unsigned int const read = fields.groups * fields.InPerGroup(), made = fields.groups * fields.OutPerGroup();
+    if (dims[0] < read) {
+      Refuse("%s: input 0 has dims %s, needs %u channels", Self().Text().c_str(), DimsText(dims).c_str(), read);
+    }
+    for (Axis const& axis : {AxisY(fields, Height(dims)), AxisX(fields, Width(dims))}) {
+      if (Operation::Fits(axis)) continue;
+      Refuse("%s: an extent of %u with borders of %d and %d, kernel %u, stride %u, dilation %u has no output",
+             Self().Text().c_str(), axis.extent, axis.before, axis.after, axis.kernel, axis.stride, axis.dilation);
+    }
+    if (fields.if_bias && made != fields.out_channels) {
+      Refuse("%s: the bias has %u values, needs %u", Self().Text().c_str(), made, fields.out_channels);
+    }
+  }
+
+  // The output channels to which no sum is added: the bias, or 0.
+  void FillWithoutWork(TensorCPU const& output) const {
+    std::size_t const plane = std::size_t{Height(output.shape.dims)} * Width(output.shape.dims);
+    unsigned int const first = fields.InPerGroup() == 0 ? 0 : fields.groups * fields.OutPerGroup();
+    for (unsigned int c = first; c < fields.out_channels; ++c) {
+      std::fill_n(output.Data<float>() + c * plane, plane, bias == nullptr ? 0.0f : Bias()[c]);
+    }
+  }
+
+  ConvolutionFields fields;
+  std::string layer_id;
+  support::TensorPtr weight, bias;
+};
 
 }  // namespace
 
-struct Conv2dStep {
-  using Info = runtime::Conv2dInfo;
+struct Conv2dOperation : Convolution<Conv2dOperation, runtime::Conv2dInfo> {
   static constexpr char const* kName = "Conv2D_Knxm_Snxm_Dnxm_Gn_Fallback_CHW_Float_M1";
   static constexpr unsigned int kLayout = TensorShape::CHW, kWeightLayout = TensorShape::GNCHW, kRank = 3;
   static constexpr bool kNeedsLayout = true;
+  static constexpr auto Fields = PlaneFields<runtime::Conv2dInfo>;
+  static constexpr auto Fits = DirectFits;
+  static constexpr auto kCompute = ConvolveDirect;
 
-  static ConvolutionFields Fields(Info const& info) { return PlaneFields(info); }
   static Dims WeightDims(ConvolutionFields const& f) {
-    return {f.groups, f.out_per_group, f.in_per_group, f.kernel_y, f.kernel_x};
+    return {f.groups, f.OutPerGroup(), f.InPerGroup(), f.kernel_y, f.kernel_x};
   }
   static Dims OutputDims(ConvolutionFields const& f, Dims const& dims) {
     return {f.out_channels, DirectExtent(AxisY(f, dims[1])), DirectExtent(AxisX(f, dims[2]))};
   }
-  static bool Fits(Axis const& axis) { return DirectFits(axis); }
-  static constexpr auto Compute = ConvolveDirect;
 };
 
-struct Conv1dStep {
-  using Info = runtime::Conv1dInfo;
+struct Conv1dOperation : Convolution<Conv1dOperation, runtime::Conv1dInfo> {
   static constexpr char const* kName = "Conv1D_Kn_Sn_Dn_Gn_Fallback_CL_Float_M1";
   static constexpr unsigned int kLayout = TensorShape::CL, kWeightLayout = TensorShape::GNCL, kRank = 2;
   static constexpr bool kNeedsLayout = true;
+  static constexpr auto Fits = DirectFits;
+  static constexpr auto kCompute = ConvolveDirect;
 
-  static ConvolutionFields Fields(Info const& info) {
+  static ConvolutionFields Fields(runtime::Conv1dInfo const& info) {
     ConvolutionFields fields;
     fields.kernel_x = info.kernel_size, fields.stride_x = info.stride, fields.dilation_x = info.dilation;
     fields.in_channels = info.in_channels, fields.out_channels = info.out_channels, fields.groups = info.groups;
@@ -131,151 +237,30 @@ struct Conv1dStep {
     fields.if_bias = info.if_bias;
     return fields;
   }
-  static Dims WeightDims(ConvolutionFields const& f) { return {f.groups, f.out_per_group, f.in_per_group, f.kernel_x}; }
+  static Dims WeightDims(ConvolutionFields const& f) { return {f.groups, f.OutPerGroup(), f.InPerGroup(), f.kernel_x}; }
   static Dims OutputDims(ConvolutionFields const& f, Dims const& dims) {
     return {f.out_channels, DirectExtent(AxisX(f, dims[1]))};
   }
-  static bool Fits(Axis const& axis) { return DirectFits(axis); }
-  static constexpr auto Compute = ConvolveDirect;
 };
 
-struct ConvTranspose2dStep {
-  using Info = runtime::ConvTranspose2dInfo;
+struct ConvTranspose2dOperation : Convolution<ConvTranspose2dOperation, runtime::ConvTranspose2dInfo> {
   static constexpr char const* kName = "ConvTranspose2D_Knxm_Snxm_Dnxm_Gn_Fallback_CHW_Float_M1";
   static constexpr unsigned int kLayout = TensorShape::CHW, kWeightLayout = TensorShape::GNCHW, kRank = 3;
   static constexpr bool kNeedsLayout = false;  // the input is read as it lies
+  static constexpr auto Fields = PlaneFields<runtime::ConvTranspose2dInfo>;
+  static constexpr auto Fits = TransposedFits;
+  static constexpr auto kCompute = ConvolveTransposed;
 
-  static ConvolutionFields Fields(Info const& info) { return PlaneFields(info); }
   static Dims WeightDims(ConvolutionFields const& f) {
-    return {f.groups, f.in_per_group, f.out_per_group, f.kernel_y, f.kernel_x};
+    return {f.groups, f.InPerGroup(), f.OutPerGroup(), f.kernel_y, f.kernel_x};
   }
   static Dims OutputDims(ConvolutionFields const& f, Dims const& dims) {
     return {f.out_channels, TransposedExtent(AxisY(f, dims[1])), TransposedExtent(AxisX(f, dims[2]))};
   }
-  static bool Fits(Axis const& axis) { return TransposedFits(axis); }
-  static constexpr auto Compute = ConvolveTransposed;
 };
 
-template <class Step>
-std::string DirectConvolution<Step>::GetName() const {
-  return Step::kName;
-}
-
-template <class Step>
-int DirectConvolution<Step>::IsValidParam(std::shared_ptr<runtime::LayerInfo> layer,
-                                          std::shared_ptr<runtime::InferenceParam> param) const {
-  auto const info = std::dynamic_pointer_cast<typename Step::Info>(layer);
-  if (param != nullptr || info == nullptr) return -1;
-  ConvolutionFields const f = Step::Fields(*info);
-  return AnyZero({f.in_channels, f.out_channels, f.kernel_x, f.kernel_y, f.stride_x, f.stride_y, f.dilation_x,
-                  f.dilation_y, f.groups})
-             ? -1
-             : 0;
-}
-
-template <class Step>
-bool DirectConvolution<Step>::Config(std::shared_ptr<runtime::LayerInfo> layer,
-                                     std::shared_ptr<runtime::InferenceParam> param,
-                                     std::shared_ptr<runtime::Context> context) {
-  configured_ = false;
-  if (IsValidParam(layer, param) == -1) return false;
-  auto const& info = static_cast<typename Step::Info const&>(*layer);
-  weight_ = bias_ = nullptr;  // those of an earlier layer do not fit the new fields
-  fields_ = Step::Fields(info);
-  fields_.in_per_group = fields_.in_channels / fields_.groups;
-  fields_.out_per_group = fields_.out_channels / fields_.groups;
-  layer_id_ = info.id;
-  weight_ = support::DecodeWeights(*this, layer_id_, "weight", info.weight, Step::WeightDims(fields_),
-                                   Step::kWeightLayout, context);
-  if (fields_.if_bias) {
-    bias_ = support::DecodeWeights(*this, layer_id_, "bias", info.bias, {fields_.groups, fields_.out_per_group},
-                                   TensorShape::GN, context);
-  }
-  configured_ = true;
-  return true;
-}
-
-template <class Step>
-bool DirectConvolution<Step>::IsConfigured() const {
-  return configured_;
-}
-
-template <class Step>
-std::vector<TensorShape> DirectConvolution<Step>::GetOutputShapes(std::vector<TensorShape> const& input_shapes) const {
-  TensorShape const& input = support::ShapeAt(*this, input_shapes, 0, Step::kRank);
-  return {TensorShape(Step::OutputDims(fields_, input.dims), input.data_type, input.layout, input.location,
-                      TensorShape::Extra())};
-}
-
-template <class Step>
-int DirectConvolution<Step>::IsValidInput(std::vector<std::shared_ptr<runtime::Tensor>> const& inputs) const {
-  return support::Judge(inputs, 1, [this](runtime::Tensor const& tensor) {
-    return support::IsInMainMemory(tensor, TensorShape::FLOAT32, Step::kLayout) && !tensor.shape.dims.empty() &&
-           tensor.shape.dims[0] == fields_.in_channels;
-  });
-}
-
-template <class Step>
-int DirectConvolution<Step>::IsValidOutput(std::vector<std::shared_ptr<runtime::Tensor>> const& outputs) const {
-  return support::Judge(outputs, 1, [this](runtime::Tensor const& tensor) {
-    return support::IsInMainMemory(tensor, TensorShape::FLOAT32, Step::kLayout) && !tensor.shape.dims.empty() &&
-           tensor.shape.dims[0] == fields_.out_channels;
-  });
-}
-
-// Refuses what the loops would read beyond its end, and what they cannot make a result of.
-template <class Step>
-void DirectConvolution<Step>::CheckInput(TensorCPU const& input) const {
-  TensorShape const& shape = input.shape;
-  std::string const who = std::string(Step::kName) + " of layer " + layer_id_;
-  Assert(weight_ != nullptr, "%s: no layer is configured", Step::kName);
-  bool const typed = Step::kNeedsLayout ? support::IsInMainMemory(input, TensorShape::FLOAT32, Step::kLayout)
-                                        : shape.data_type == TensorShape::FLOAT32;
-  Assert(typed && shape.dims[0] == fields_.in_channels,
-         "%s: the input has data type %u, layout %u, location %u, dims %s; needs FLOAT32, layout %u and %u channels",
-         who.c_str(), shape.data_type, shape.layout, shape.location, DimsText(shape.dims).c_str(), Step::kLayout,
-         fields_.in_channels);
-  for (Axis const& axis : {AxisY(fields_, Height(shape.dims)), AxisX(fields_, Width(shape.dims))}) {
-    Assert(Step::Fits(axis),
-           "%s: an extent of %u with borders of %d and %d, kernel %u, stride %u, dilation %u has no "
-           "output",
-           who.c_str(), axis.extent, axis.before, axis.after, axis.kernel, axis.stride, axis.dilation);
-  }
-  unsigned int const worked = fields_.groups * fields_.out_per_group;
-  Assert(!fields_.if_bias || worked == fields_.out_channels, "%s: the bias has %u values, needs %u", who.c_str(),
-         worked, fields_.out_channels);
-}
-
-// The output channels to which no sum is added: the bias, or 0.
-template <class Step>
-void DirectConvolution<Step>::FillWithoutWork(TensorCPU const& output) const {
-  std::size_t const plane = std::size_t{Height(output.shape.dims)} * Width(output.shape.dims);
-  unsigned int const first = fields_.in_per_group == 0 ? 0 : fields_.groups * fields_.out_per_group;
-  for (unsigned int c = first; c < fields_.out_channels; ++c) {
-    std::fill_n(output.Data<float>() + c * plane, plane, bias_ == nullptr ? 0.0f : bias_->Data<float>()[c]);
-  }
-}
-
-template <class Step>
-int DirectConvolution<Step>::Forward(std::vector<std::shared_ptr<runtime::Tensor>> const& inputs,
-                                     std::vector<std::shared_ptr<runtime::Tensor>>& outputs,
-                                     std::shared_ptr<runtime::Context> context) const {
-  auto const input = support::Input(*this, inputs, 0, Step::kRank);
-  CheckInput(*input);
-  auto const output = support::NewOutput(*this, inputs, context);
-  FillWithoutWork(*output);
-  bool const work = fields_.in_per_group > 0 && fields_.out_per_group > 0 && support::Count(*output) > 0;
-  if (work) {
-    float const* const bias = bias_ == nullptr ? nullptr : bias_->Data<float>();
-    Step::Compute(ShapeOf(fields_, input->shape.dims, output->shape.dims),
-                  {input->template Data<float>(), weight_->Data<float>(), bias, output->template Data<float>()}, *context->device_cpu);
-  }
-  outputs.assign(1, output);
-  return 0;
-}
-
-template class DirectConvolution<Conv2dStep>;
-template class DirectConvolution<Conv1dStep>;
-template class DirectConvolution<ConvTranspose2dStep>;
+template class KernelOf<Conv2dOperation>;
+template class KernelOf<Conv1dOperation>;
+template class KernelOf<ConvTranspose2dOperation>;
 
 }  // namespace talvo::kernel

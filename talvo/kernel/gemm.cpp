@@ -3,33 +3,27 @@
 #include <cstdint>
 
 #include "talvo/kernel/functional/gemm.h"
-#include "talvo/kernel/kernel_support.h"
+#include "talvo/kernel/kernel_of_support.h"
 #include "talvo/kernel/padding.h"
 #include "talvo/kernel/sgemm.h"
 #include "talvo/serialization/layer_info_conv.h"
-#include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::kernel {
-namespace {
 
+using runtime::DimsText;
+using runtime::IKernel;
 using runtime::TensorShape;
 using support::ContextPtr;
+using support::LayerPtr;
+using support::ParamPtr;
+using support::Shapes;
 using support::Tensors;
-using utility::Assert;
+using utility::Refuse;
 
-int JudgeVector(Tensors const& tensors, unsigned int features) {
-  return support::Judge(tensors, 1, [features](runtime::Tensor const& tensor) {
-    return support::IsInMainMemory(tensor, TensorShape::FLOAT32, TensorShape::C) && !tensor.shape.dims.empty() &&
-           tensor.shape.dims[0] == features;
-  });
-}
+namespace {
 
-constexpr char const* kPointwise = "Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1";
-
-bool IsFloats(support::TensorPtr const& tensor) {
-  return tensor != nullptr && tensor->data != nullptr && tensor->shape.data_type <= TensorShape::UINT8 &&
-         runtime::ElementSize(tensor->shape.data_type) >= sizeof(float);
-}
+constexpr char const* kProduct = "Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1_Convolution";
 
 bool IsPointwise(runtime::Conv2dInfo const& info) {
   bool const unit = info.kernel_x == 1 && info.kernel_y == 1 && info.stride_x == 1 && info.stride_y == 1 &&
@@ -38,172 +32,162 @@ bool IsPointwise(runtime::Conv2dInfo const& info) {
   return unit && !padded && info.in_channels != 0 && info.out_channels != 0 && info.groups != 0;
 }
 
+int JudgePlanes(Tensors const& tensors, bool half_too) {
+  return support::Judge(tensors, 1, [half_too](runtime::Tensor const& tensor) {
+    return support::IsInMainMemory(tensor, TensorShape::FLOAT32, TensorShape::CHW) ||
+           (half_too && support::IsInMainMemory(tensor, TensorShape::FLOAT16, TensorShape::CHW));
+  });
+}
+
+int JudgeVector(Tensors const& tensors, unsigned int features) {
+  return support::Judge(tensors, 1, [features](runtime::Tensor const& tensor) {
+    return support::IsInMainMemory(tensor, TensorShape::FLOAT32, TensorShape::C) && !tensor.shape.dims.empty() &&
+           tensor.shape.dims[0] == features;
+  });
+}
+
+// What the full connections have in common. An operation has besides its name the free form that computes.
+template <class Operation>
+struct FullConnection : support::Strict<runtime::FullConnectionInfo> {
+  static int IsValidParam(LayerPtr const& layer, ParamPtr const& param) {
+    auto const info = std::dynamic_pointer_cast<runtime::FullConnectionInfo>(layer);
+    return param == nullptr && info != nullptr && info->in_features != 0 && info->out_features != 0 ? 0 : -1;
+  }
+
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const& context) {
+    auto const& info = support::As<runtime::FullConnectionInfo>(Operation::kName, layer);
+    layer_id = info.id;
+    in_features = info.in_features, out_features = info.out_features;
+    weight = support::DecodeWeights(Operation::kName, layer_id, "weight", info.weight, {out_features, in_features},
+                                    TensorShape::FLEXIABLE, context);
+    bias = nullptr;
+    if (info.if_bias) {
+      bias = support::DecodeWeights(Operation::kName, layer_id, "bias", info.bias, {out_features},
+                                    TensorShape::FLEXIABLE, context);
+    }
+    return true;
+  }
+
+  Shapes GetOutputShapes(Shapes const& input_shapes) const {
+    TensorShape const& input = support::ShapeAt(Operation::kName, input_shapes, 0);
+    return {TensorShape({out_features}, input.data_type, TensorShape::C, input.location, TensorShape::Extra())};
+  }
+
+  int IsValidInput(Tensors const& inputs) const { return JudgeVector(inputs, in_features); }
+  int IsValidOutput(Tensors const& outputs) const { return JudgeVector(outputs, out_features); }
+
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+    support::NeedsConfig(kernel);
+    support::Who const self(Operation::kName, layer_id);
+    auto const x = support::Input(self, inputs, 0);
+    support::CheckTensor(self, "input 0", x.get(), {sizeof(float), support::kAnyRank, in_features});
+    auto const y = support::NewOutput(kernel, inputs, context);
+    Operation::kRun(x->Data<float>(), in_features, out_features, weight->Data<float>(),
+                    bias == nullptr ? nullptr : bias->Data<float>(), y->Data<float>());
+    outputs.assign(1, y);
+    return 0;
+  }
+
+ private:
+  std::string layer_id;
+  unsigned int in_features = 0, out_features = 0;
+  support::TensorPtr weight, bias;  // [out_features, in_features]; [out_features], null without bias
+};
+
 }  // namespace
 
+// The leading dimension of a row-major operand is its own extent: the input's planes may lie farther apart than the
+// output's only where the product reads past their ends, which is why bytes are compared and not extents.
 void Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1_Convolution(support::TensorPtr input, support::TensorPtr output,
                                                              support::TensorPtr weight) {
-  Assert(IsFloats(input) && IsFloats(output) && IsFloats(weight),
-         "%s_Convolution: input, output or weight is null, has no memory or elements of fewer than 4 bytes",
-         kPointwise);
+  support::CheckTensor(kProduct, "input", input.get(), {0, 3});
+  support::CheckTensor(kProduct, "output", output.get(), {0, 3});
+  support::CheckTensor(kProduct, "weight", weight.get(), {0});
   auto const &x = input->shape.dims, &y = output->shape.dims;
-  bool const fits = x.size() == 3 && y.size() == 3 && x[1] == y[1] && x[2] == y[2] &&
-                    std::uint64_t{y[0]} * x[0] <= support::Count(*weight);
-  if (!fits) {
-    Assert(false, "%s_Convolution: input %s, output %s and weight %s do not fit", kPointwise,
-           runtime::DimsText(x).c_str(), runtime::DimsText(y).c_str(), runtime::DimsText(weight->shape.dims).c_str());
+  if (support::Count(*output) == 0) return;
+  std::uint64_t const m = y[0], k = x[0], n = std::uint64_t{y[1]} * y[2];
+  auto const holds = [](runtime::TensorCPU const& tensor, std::uint64_t floats) {
+    return runtime::ByteCount(tensor.shape) / sizeof(float) >= floats;
+  };
+  if (!holds(*weight, m * k) || !holds(*input, k * n) || !holds(*output, m * n)) {
+    Refuse("%s: input %s, output %s and weight %s of data types %u, %u and %u do not hold a product of %u x %u x %u",
+           kProduct, DimsText(x).c_str(), DimsText(y).c_str(), DimsText(weight->shape.dims).c_str(),
+           input->shape.data_type, output->shape.data_type, weight->shape.data_type, y[0], x[0], y[1] * y[2]);
   }
-  Sgemm(static_cast<int>(y[0]), static_cast<int>(x[0]), static_cast<int>(y[1] * y[2]), 1.0f, weight->Data<float>(),
+  Sgemm(static_cast<int>(m), static_cast<int>(k), static_cast<int>(n), 1.0f, weight->Data<float>(),
         input->Data<float>(), 0.0f, output->Data<float>());
 }
 
-std::string Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1::GetName() const { return kPointwise; }
+struct PointwiseOperation : support::Strict<runtime::Conv2dInfo> {
+  static constexpr char const* kName = "Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1";
 
-int Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1::IsValidParam(std::shared_ptr<runtime::LayerInfo> layer,
-                                                              std::shared_ptr<runtime::InferenceParam> param) const {
-  auto const info = std::dynamic_pointer_cast<runtime::Conv2dInfo>(layer);
-  return param == nullptr && info != nullptr && IsPointwise(*info) ? 0 : -1;
-}
+  static int IsValidParam(LayerPtr const& layer, ParamPtr const& param) {
+    auto const info = std::dynamic_pointer_cast<runtime::Conv2dInfo>(layer);
+    return param == nullptr && info != nullptr && IsPointwise(*info) ? 0 : -1;
+  }
 
-bool Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1::Config(std::shared_ptr<runtime::LayerInfo> layer,
-                                                         std::shared_ptr<runtime::InferenceParam> param,
-                                                         ContextPtr context) {
-  configured_ = false;
-  if (IsValidParam(layer, param) == -1) return false;
-  auto const& info = dynamic_cast<runtime::Conv2dInfo const&>(*layer);
-  layer_id_ = info.id;
-  in_channels_ = info.in_channels;
-  out_channels_ = info.out_channels;
-  unsigned int const groups = info.groups;
-  weight_ = support::DecodeWeights(*this, layer_id_, "weight", info.weight, {1, out_channels_, in_channels_, 1, 1},
-                                   TensorShape::GNCHW, context);
-  bias_ = nullptr;
-  if (info.if_bias) {
-    if (out_channels_ % groups != 0) {
-      Assert(false, "%s of layer %s: a bias needs output channels, %u, that are a multiple of the groups, %u",
-             kPointwise, layer_id_.c_str(), out_channels_, groups);
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const& context) {
+    auto const& info = support::As<runtime::Conv2dInfo>(kName, layer);
+    layer_id = info.id;
+    in_channels = info.in_channels, out_channels = info.out_channels;
+    weight = support::DecodeWeights(kName, layer_id, "weight", info.weight, {1, out_channels, in_channels, 1, 1},
+                                    TensorShape::GNCHW, context);
+    bias = info.if_bias ? DecodeBias(info, context) : nullptr;
+    return true;
+  }
+
+  // (H + 0 + 0 - 1 * (1 - 1) - 1) / 1 + 1 is H, and 0 for 0 in arithmetic that wraps.
+  Shapes GetOutputShapes(Shapes const& input_shapes) const {
+    TensorShape const& input = support::ShapeAt(kName, input_shapes, 0, 3);
+    return {TensorShape({out_channels, input.dims[1], input.dims[2]}, input.data_type, input.layout, input.location,
+                        TensorShape::Extra())};
+  }
+
+  static int IsValidInput(Tensors const& inputs) { return JudgePlanes(inputs, true); }
+  static int IsValidOutput(Tensors const& outputs) { return JudgePlanes(outputs, false); }
+
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+    support::NeedsConfig(kernel);
+    auto const x = support::Input({kName, layer_id}, inputs, 0, 3);
+    if (x->shape.dims[0] > in_channels) {
+      Refuse("%s of layer %s: input 0 has dims %s, the weights serve %u channels", kName, layer_id.c_str(),
+             DimsText(x->shape.dims).c_str(), in_channels);
     }
-    bias_ = support::DecodeWeights(*this, layer_id_, "bias", info.bias, {groups, out_channels_ / groups},
-                                   TensorShape::GN, context);
+    auto const y = support::NewOutput(kernel, inputs, context);
+    Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1_Convolution(x, y, weight);
+    if (bias != nullptr) ADDBias_MainMemory_CHW_Float_Fallback_M1(y, bias);
+    outputs.assign(1, y);
+    return 0;
   }
-  configured_ = true;
-  return true;
-}
 
-bool Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1::IsConfigured() const { return configured_; }
-
-// (H + 0 + 0 - 1 * (1 - 1) - 1) / 1 + 1 is H, and 0 for 0 in arithmetic that wraps.
-std::vector<TensorShape> Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1::GetOutputShapes(
-    std::vector<TensorShape> const& input_shapes) const {
-  TensorShape const& input = support::ShapeAt(*this, input_shapes, 0, 3);
-  return {TensorShape({out_channels_, input.dims[1], input.dims[2]}, input.data_type, input.layout, input.location,
-                      TensorShape::Extra())};
-}
-
-int Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1::IsValidInput(Tensors const& inputs) const {
-  return support::Judge(inputs, 1, [](runtime::Tensor const& tensor) {
-    return support::IsInMainMemory(tensor, TensorShape::FLOAT32, TensorShape::CHW) ||
-           support::IsInMainMemory(tensor, TensorShape::FLOAT16, TensorShape::CHW);
-  });
-}
-
-int Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1::Forward(Tensors const& inputs, Tensors& outputs,
-                                                         ContextPtr context) const {
-  if (!configured_) Assert(false, "%s: Forward before Config", kPointwise);
-  auto const x = support::Input(*this, inputs, 0, 3);
-  if (x->shape.dims[0] != in_channels_) {
-    Assert(false, "%s of layer %s: input has dims %s, needs %u channels", kPointwise, layer_id_.c_str(),
-           runtime::DimsText(x->shape.dims).c_str(), in_channels_);
+ private:
+  support::TensorPtr DecodeBias(runtime::Conv2dInfo const& info, ContextPtr const& context) const {
+    unsigned int const groups = info.groups;
+    if (out_channels % groups != 0) {
+      Refuse("%s of layer %s: a bias needs output channels, %u, that are a multiple of the groups, %u", kName,
+             layer_id.c_str(), out_channels, groups);
+    }
+    return support::DecodeWeights(kName, layer_id, "bias", info.bias, {groups, out_channels / groups}, TensorShape::GN,
+                                  context);
   }
-  auto const y = support::NewOutput(*this, inputs, context);
-  Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1_Convolution(x, y, weight_);
-  if (bias_ != nullptr) ADDBias_MainMemory_CHW_Float_Fallback_M1(y, bias_);
-  outputs.assign(1, y);
-  return 0;
-}
 
-int Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1::IsValidOutput(Tensors const& outputs) const {
-  return support::Judge(outputs, 1, [](runtime::Tensor const& tensor) {
-    return support::IsInMainMemory(tensor, TensorShape::FLOAT32, TensorShape::CHW);
-  });
-}
+  std::string layer_id;
+  unsigned int in_channels = 0, out_channels = 0;
+  support::TensorPtr weight, bias;  // [1, out, in, 1, 1]; [groups, out / groups], null without bias
+};
 
-void FallbackFullConnectionStep::Run(float const* in, unsigned int in_count, unsigned int out_count,
-                                     float const* weight, float const* bias, float* out) {
-  functional::fullconnection_fallback_c_f32_m1(in, in_count, out_count, weight, bias, out);
-}
+struct FallbackFullConnectionOperation : FullConnection<FallbackFullConnectionOperation> {
+  static constexpr char const* kName = "FullConnection_Fallback_C_Float_M1";
+  static constexpr auto kRun = functional::fullconnection_fallback_c_f32_m1;
+};
 
-void SgemmFullConnectionStep::Run(float const* in, unsigned int in_count, unsigned int out_count, float const* weight,
-                                  float const* bias, float* out) {
-  functional::fullconnection_sgemm_c_f32_m1(in, in_count, out_count, weight, bias, out);
-}
+struct SgemmFullConnectionOperation : FullConnection<SgemmFullConnectionOperation> {
+  static constexpr char const* kName = "FullConnection_SGEMM_C_Float_M1";
+  static constexpr auto kRun = functional::fullconnection_sgemm_c_f32_m1;
+};
 
-template <class Step>
-std::string FullConnection<Step>::GetName() const {
-  return Step::kName;
-}
-
-template <class Step>
-int FullConnection<Step>::IsValidParam(std::shared_ptr<runtime::LayerInfo> layer,
-                                       std::shared_ptr<runtime::InferenceParam> param) const {
-  auto const info = std::dynamic_pointer_cast<runtime::FullConnectionInfo>(layer);
-  return param == nullptr && info != nullptr && info->in_features != 0 && info->out_features != 0 ? 0 : -1;
-}
-
-template <class Step>
-bool FullConnection<Step>::Config(std::shared_ptr<runtime::LayerInfo> layer,
-                                  std::shared_ptr<runtime::InferenceParam> param, ContextPtr context) {
-  configured_ = false;
-  if (IsValidParam(layer, param) == -1) return false;
-  auto const& info = dynamic_cast<runtime::FullConnectionInfo const&>(*layer);
-  layer_id_ = info.id;
-  in_features_ = info.in_features;
-  out_features_ = info.out_features;
-  weight_ = support::DecodeWeights(*this, layer_id_, "weight", info.weight, {out_features_, in_features_},
-                                   TensorShape::FLEXIABLE, context);
-  bias_ = info.if_bias ? support::DecodeWeights(*this, layer_id_, "bias", info.bias, {out_features_},
-                                                TensorShape::FLEXIABLE, context)
-                       : nullptr;
-  configured_ = true;
-  return true;
-}
-
-template <class Step>
-bool FullConnection<Step>::IsConfigured() const {
-  return configured_;
-}
-
-template <class Step>
-std::vector<TensorShape> FullConnection<Step>::GetOutputShapes(std::vector<TensorShape> const& input_shapes) const {
-  TensorShape const& input = support::ShapeAt(*this, input_shapes, 0);
-  return {TensorShape({out_features_}, input.data_type, TensorShape::C, input.location, TensorShape::Extra())};
-}
-
-template <class Step>
-int FullConnection<Step>::IsValidInput(Tensors const& inputs) const {
-  return JudgeVector(inputs, in_features_);
-}
-
-template <class Step>
-int FullConnection<Step>::Forward(Tensors const& inputs, Tensors& outputs, ContextPtr context) const {
-  if (!configured_) Assert(false, "%s: Forward before Config", Step::kName);
-  auto const x = support::Input(*this, inputs, 0);
-  if (support::Count(*x) < in_features_) {
-    Assert(false, "%s of layer %s: input has dims %s, needs %u elements", Step::kName, layer_id_.c_str(),
-           runtime::DimsText(x->shape.dims).c_str(), in_features_);
-  }
-  auto const y = support::NewOutput(*this, inputs, context);
-  Step::Run(x->template Data<float>(), in_features_, out_features_, weight_->template Data<float>(),
-            bias_ != nullptr ? bias_->template Data<float>() : nullptr, y->template Data<float>());
-  outputs.assign(1, y);
-  return 0;
-}
-
-template <class Step>
-int FullConnection<Step>::IsValidOutput(Tensors const& outputs) const {
-  return JudgeVector(outputs, out_features_);
-}
-
-template class FullConnection<FallbackFullConnectionStep>;
-template class FullConnection<SgemmFullConnectionStep>;
+template class KernelOf<PointwiseOperation>;
+template class KernelOf<FallbackFullConnectionOperation>;
+template class KernelOf<SgemmFullConnectionOperation>;
 
 }  // namespace talvo::kernel
