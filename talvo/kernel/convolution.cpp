@@ -151,15 +151,15 @@ struct Convolution : support::Strict<Info> {
     auto const output = support::NewOutput(kernel, inputs, context);
     FillWithoutWork(*output);
     if (fields.InPerGroup() > 0 && fields.OutPerGroup() > 0 && support::Count(*output) > 0) {
-      Operation::kCompute(ShapeOf(fields, input->shape.dims, output->shape.dims),
-                          {input->Data<float>(), weight->Data<float>(), Bias(), output->Data<float>()},
-                          *context->device_cpu);
+      Operation::kCompute(
+          ShapeOf(fields, input->shape.dims, output->shape.dims),
+          {input->template Data<float>(), weight->template Data<float>(), Bias(), output->template Data<float>()},
+          *context->device_cpu);
     }
     outputs.assign(1, output);
     return 0;
   }
 
- private:
   support::Who Self() const { return {Operation::kName, layer_id}; }
   float const* Bias() const { return bias == nullptr ? nullptr : bias->Data<float>(); }
 

@@ -88,7 +88,6 @@ struct FullConnection : support::Strict<runtime::FullConnectionInfo> {
     return 0;
   }
 
- private:
   std::string layer_id;
   unsigned int in_features = 0, out_features = 0;
   support::TensorPtr weight, bias;  // [out_features, in_features]; [out_features], null without bias
@@ -160,7 +159,6 @@ struct PointwiseOperation : support::Strict<runtime::Conv2dInfo> {
     return 0;
   }
 
- private:
   support::TensorPtr DecodeBias(runtime::Conv2dInfo const& info, ContextPtr const& context) const {
     unsigned int const groups = info.groups;
     if (out_channels % groups != 0) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <limits>
 #include <memory>
 #include <string>
@@ -96,42 +97,54 @@ std::shared_ptr<runtime::FullConnectionInfo> Dense(unsigned short in, unsigned s
   return layer;
 }
 
-TEST(FullConnection, KernelsGiveTheGoldenValues) {
-  for (auto const& c : golden::kFullConnectionCases) {
+std::shared_ptr<runtime::Context> const context = GuardedContext();
+
+std::vector<float> Compute(runtime::IKernel const& kernel, std::vector<unsigned int> const& dims, unsigned int layout,
+                           std::vector<float> const& values) {
+  std::vector<std::shared_ptr<runtime::Tensor>> outputs;
+  EXPECT_EQ(kernel.Forward({FloatTensor(*context, dims, layout, values)}, outputs, context), 0);
+  return Values(*outputs.at(0));
+}
+
+// Refused, with the kernel's name before `text`.
+void ExpectRefusal(runtime::IKernel const& kernel, std::string const& text, std::function<void()> const& action) {
+  std::string const refusal = RefusalOf(action);
+  EXPECT_NE(refusal.find(kernel.GetName() + text), std::string::npos) << refusal;
+}
+
+void ExpectForwardRefused(runtime::IKernel const& kernel, std::string const& text,
+                          std::shared_ptr<runtime::Tensor> const& input) {
+  std::vector<std::shared_ptr<runtime::Tensor>> outputs;
+  ExpectRefusal(kernel, text, [&] { kernel.Forward({input}, outputs, context); });
+}
+
+template <class Kernel>
+void ExpectFullConnection() {
+  Kernel kernel;
+  for (auto const& c : golden::kFullConnectionCases) {  // the second has no bias
     SCOPED_TRACE(c.why);
-    auto const context = GuardedContext();
-    auto const layer = Dense(c.in_features, c.out_features, c.weight, c.bias);
-    std::vector<std::shared_ptr<runtime::IKernel>> const kernels = {
-        std::make_shared<kernel::FullConnection_Fallback_C_Float_M1>(),
-        std::make_shared<kernel::FullConnection_SGEMM_C_Float_M1>()};
-    for (auto const& kernel : kernels) {
-      ASSERT_TRUE(kernel->Config(layer, nullptr, context));
-      std::vector<std::shared_ptr<runtime::Tensor>> const inputs = {
-          FloatTensor(*context, {c.in_features}, TensorShape::C, c.input)};
-      std::vector<std::shared_ptr<runtime::Tensor>> outputs;
-      EXPECT_EQ(kernel->IsValidInput(inputs), 0);
-      ASSERT_EQ(kernel->Forward(inputs, outputs, context), 0);
-      EXPECT_EQ(kernel->IsValidOutput(outputs), 0);
-      ExpectSameBits(c.output, Values(*outputs.at(0)));
-    }
+    ASSERT_TRUE(kernel.Config(Dense(c.in_features, c.out_features, c.weight, c.bias), nullptr, context));
+    ExpectSameBits(c.output, Compute(kernel, {c.in_features}, TensorShape::C, c.input));
+  }
+  auto const layer = Dense(3, 2, Floats(1, 6), Floats(2, 2));
+  ASSERT_TRUE(kernel.Config(layer, nullptr, context));
+  EXPECT_EQ(Compute(kernel, {3}, TensorShape::C, {1, 2, 3}), Compute(kernel, {4}, TensorShape::C, {1, 2, 3, 9}));
+  ExpectForwardRefused(kernel, " of layer dense: input 0 has dims [2], data type 0; needs 3 elements",
+                       FloatTensor(*context, {2}, TensorShape::C, {1, 2}));
+  layer->weight = WeightText(Floats(1, 5));
+  ExpectRefusal(kernel, " of layer dense: weight holds 20 bytes, shape [2, 3] needs 24",
+                [&] { kernel.Config(layer, nullptr, context); });
+  ExpectForwardRefused(kernel, ": Forward before Config", FloatTensor(*context, {3}, TensorShape::C, {1, 2, 3}));
+  for (auto const field : {&runtime::FullConnectionInfo::in_features, &runtime::FullConnectionInfo::out_features}) {
+    auto const zero = Dense(3, 2, Floats(1, 6), {});
+    (*zero).*field = 0;
+    EXPECT_FALSE(kernel.Config(zero, nullptr, context));
   }
 }
 
-TEST(FullConnection, RefusesWhatWouldReadBeyondItsMemory) {
-  auto const context = GuardedContext();
-  auto const layer = Dense(3, 2, Floats(1, 5), Floats(2, 2));
-  kernel::FullConnection_Fallback_C_Float_M1 kernel;
-  std::string refusal = RefusalOf([&] { kernel.Config(layer, nullptr, context); });
-  EXPECT_NE(refusal.find("dense: weight holds 20 bytes"), std::string::npos);
-  EXPECT_FALSE(kernel.IsConfigured());
-  layer->weight = WeightText(Floats(1, 6));
-  ASSERT_TRUE(kernel.Config(layer, nullptr, context));
-  auto const input = FloatTensor(*context, {2}, TensorShape::C, Floats(3, 2));
-  std::vector<std::shared_ptr<runtime::Tensor>> outputs;
-  refusal = RefusalOf([&] { kernel.Forward({input}, outputs, context); });
-  EXPECT_NE(refusal.find("layer dense: input has dims [2], needs 3"), std::string::npos);
-  layer->out_features = 0;
-  EXPECT_FALSE(kernel.Config(layer, nullptr, context));
+TEST(FullConnection, KernelsGiveTheGoldenValuesAndRefuseWhatWouldReadBeyondMemory) {
+  ExpectFullConnection<kernel::FullConnection_Fallback_C_Float_M1>();
+  ExpectFullConnection<kernel::FullConnection_SGEMM_C_Float_M1>();
 }
 
 std::shared_ptr<runtime::Conv2dInfo> Pointwise(unsigned short in, unsigned short out, bool if_bias) {
@@ -150,67 +163,94 @@ TEST(PointwiseConvolution, MultipliesChannelsByPixelsAndThenAddsTheBias) {
   struct Case {
     char const* why;
     unsigned short in, out, groups;
-    unsigned int height, width;
+    unsigned int channels, height, width;
     bool if_bias;
   };
-  for (Case const& c : {Case{"one pixel", 5, 3, 1, 1, 1, true},
-                        {"odd extents", 17, 9, 1, 5, 7, true},
-                        {"no bias", 4, 8, 1, 3, 2, false},
-                        {"groups do not split the product", 6, 4, 2, 2, 3, true},
-                        {"no rows", 3, 2, 1, 0, 4, true}}) {
+  kernel::Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1 kernel;
+  for (Case const& c : {Case{"one pixel", 5, 3, 1, 5, 1, 1, true},
+                        {"no bias, where one stood", 4, 8, 1, 4, 3, 2, false},
+                        {"odd extents", 17, 9, 1, 17, 5, 7, true},
+                        {"groups do not split the product", 6, 4, 2, 6, 2, 3, true},
+                        {"rows of the weights are as long as the input has channels", 6, 4, 1, 5, 2, 3, true},
+                        {"no rows", 3, 2, 1, 3, 0, 4, true}}) {
     SCOPED_TRACE(c.why);
-    auto const context = GuardedContext();
     auto const layer = Pointwise(c.in, c.out, c.if_bias);
     layer->groups = c.groups;
-    kernel::Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1 kernel;
     ASSERT_TRUE(kernel.Config(layer, nullptr, context));
     std::size_t const pixels = c.height * c.width;
-    auto const x = Floats(3, c.in * pixels), weight = Floats(1, std::size_t{c.in} * c.out), bias = Floats(2, c.out);
+    auto const x = Floats(3, c.channels * pixels), weight = Floats(1, std::size_t{c.in} * c.out),
+               bias = Floats(2, c.out);
     std::vector<float> want(c.out * pixels);
     for (std::size_t i = 0; i < want.size(); ++i) {
       std::size_t const o = i / pixels, p = i % pixels;
       want[i] = c.if_bias ? bias[o] : 0.0f;
-      for (std::size_t k = 0; k < c.in; ++k) want[i] += weight[o * c.in + k] * x[k * pixels + p];
+      for (std::size_t k = 0; k < c.channels; ++k) want[i] += weight[o * c.channels + k] * x[k * pixels + p];
     }
-    std::vector<std::shared_ptr<runtime::Tensor>> const inputs = {
-        FloatTensor(*context, {c.in, c.height, c.width}, TensorShape::CHW, x)};
-    std::vector<std::shared_ptr<runtime::Tensor>> outputs;
-    ASSERT_EQ(kernel.Forward(inputs, outputs, context), 0);
-    EXPECT_EQ(outputs.at(0)->shape.dims, (std::vector<unsigned int>{c.out, c.height, c.width}));
-    ExpectNearSum(want, Values(*outputs[0]), c.in + 1u, 1.0f);
+    auto const got = Compute(kernel, {c.channels, c.height, c.width}, TensorShape::CHW, x);
+    ExpectNearSum(want, got, c.in + 1u, 1.0f);
   }
 }
 
 TEST(PointwiseConvolution, RefusesOtherShapesAndShortWeights) {
-  auto const context = GuardedContext();
   kernel::Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1 kernel;
   auto const layer = Pointwise(4, 6, true);
-  for (unsigned short runtime::Conv2dInfo::*field :
-       {&runtime::Conv2dInfo::kernel_x, &runtime::Conv2dInfo::kernel_y, &runtime::Conv2dInfo::stride_x,
-        &runtime::Conv2dInfo::dilation_y, &runtime::Conv2dInfo::padding_l, &runtime::Conv2dInfo::padding_b}) {
+  using I = runtime::Conv2dInfo;
+  for (unsigned short I::*field :
+       {&I::kernel_x, &I::kernel_y, &I::stride_x, &I::stride_y, &I::dilation_x, &I::dilation_y, &I::padding_l,
+        &I::padding_r, &I::padding_t, &I::padding_b, &I::in_channels, &I::out_channels, &I::groups}) {
     unsigned short const good = layer.get()->*field;
-    layer.get()->*field = 3;
+    layer.get()->*field = good == 0 ? 1 : good == 1 && field != &I::groups ? 3 : 0;
     EXPECT_FALSE(kernel.Config(layer, nullptr, context));
     layer.get()->*field = good;
   }
+  std::string const who = " of layer pointwise: ";
+  ASSERT_TRUE(kernel.Config(layer, nullptr, context));
+  ExpectForwardRefused(kernel, who + "input 0 has dims [5, 2, 2], the weights serve 4 channels",
+                       FloatTensor(*context, {5, 2, 2}, TensorShape::CHW, Floats(3, 20)));
+  ExpectForwardRefused(kernel, who + "input 0 has dims [4, 2], data type 0; needs rank 3",
+                       FloatTensor(*context, {4, 2}, TensorShape::CHW, Floats(3, 8)));
+  auto const half = context->device_cpu->CreateTensor(
+      {{4, 2, 2}, TensorShape::FLOAT16, TensorShape::CHW, TensorShape::MainMemory, {}}, nullptr);
+  ExpectForwardRefused(kernel, who + "input 0 has dims [4, 2, 2], data type 1; needs rank 3, 4 bytes", half);
   layer->groups = 4;
-  std::string refusal = RefusalOf([&] { kernel.Config(layer, nullptr, context); });
-  EXPECT_NE(refusal.find("multiple of the groups, 4"), std::string::npos);
+  ExpectRefusal(kernel, who + "a bias needs output channels, 6, that are a multiple of the groups, 4",
+                [&] { kernel.Config(layer, nullptr, context); });
   layer->groups = 2;
   layer->weight = WeightText(Floats(1, 12));  // as a grouped convolution would hold them
-  refusal = RefusalOf([&] { kernel.Config(layer, nullptr, context); });
-  EXPECT_NE(refusal.find("weight holds 48 bytes"), std::string::npos);
-  layer->weight = WeightText(Floats(1, 24));
-  ASSERT_TRUE(kernel.Config(layer, nullptr, context));
-  std::vector<std::shared_ptr<runtime::Tensor>> outputs;
-  for (auto const& dims : {std::vector<unsigned int>{5, 2, 2}, {4, 2}}) {
-    auto const x = FloatTensor(*context, dims, TensorShape::CHW, Floats(3, runtime::ElementCount(dims)));
-    EXPECT_EQ(kernel.IsValidInput({x}), 0);  // neither channels nor rank are judged
-    EXPECT_NE(RefusalOf([&] { kernel.Forward({x}, outputs, context); }).find("input"), std::string::npos);
+  ExpectRefusal(kernel, who + "weight holds 48 bytes, shape [1, 6, 4, 1, 1] needs 96",
+                [&] { kernel.Config(layer, nullptr, context); });
+  ExpectForwardRefused(kernel, ": Forward before Config", half);
+}
+
+TEST(PointwiseConvolution, TheFreeProductRefusesNothingButWhatLiesBeyondMemory) {
+  using Dims = std::vector<unsigned int>;
+  auto const run = [](Dims const& x_dims, Dims const& y_dims, Dims const& w_dims) {
+    auto const tensor = [](Dims const& dims) {
+      return FloatTensor(*context, dims, TensorShape::CHW, std::vector<float>(runtime::ElementCount(dims), 1.0f));
+    };
+    auto const y = tensor(y_dims);
+    kernel::Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1_Convolution(tensor(x_dims), y, tensor(w_dims));
+    return Values(*y);
+  };
+  EXPECT_EQ(std::vector<float>(8, 3.0f), run({3, 2, 2}, {2, 1, 4}, {6}));
+  EXPECT_EQ(std::vector<float>(4, 3.0f), run({3, 2, 2}, {2, 1, 2}, {1, 9}));
+  EXPECT_EQ(std::vector<float>(), run({3, 2, 2}, {2, 9, 0}, {1}));
+  struct {
+    Dims x, y, w;
+    char const* text;
+  } const rows[] = {{{3, 2, 2},
+                     {2, 1, 5},
+                     {6},
+                     "input [3, 2, 2], output [2, 1, 5] and weight [6] of data types 0, 0 and "
+                     "0 do not hold a product of 2 x 3 x 5"},
+                    {{3, 2, 2}, {2, 1, 4}, {5}, "do not hold a product of 2 x 3 x 4"},
+                    {{3, 4}, {2, 1, 4}, {6}, "input has dims [3, 4], data type 0; needs rank 3"},
+                    {{3, 2, 2}, {8}, {6}, "output has dims [8], data type 0; needs rank 3"}};
+  for (auto const& row : rows) {
+    std::string const refusal = RefusalOf([&] { run(row.x, row.y, row.w); });
+    EXPECT_NE(refusal.find("CHW_FLOAT_M1_Convolution: "), std::string::npos);
+    EXPECT_NE(refusal.find(row.text), std::string::npos) << refusal;
   }
-  auto const x = FloatTensor(*context, {4, 2, 2}, TensorShape::CHW, Floats(3, 16));
-  auto const y = FloatTensor(*context, {6, 2, 3}, TensorShape::CHW, Floats(4, 36));
-  RefusalOf([&] { kernel::Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1_Convolution(x, y, y); });
 }
 
 }  // namespace
