@@ -14,6 +14,7 @@
 #include "talvo/kernel/rows/instruction_sets.h"
 #include "talvo/runtime/context.h"
 #include "talvo/runtime/device_cpu.h"
+#include "talvo/runtime/tensor_cpu.h"
 #include "talvo/serialization/layer_info_conv.h"
 #include "talvo/utility/base64.h"
 
