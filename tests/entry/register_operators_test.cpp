@@ -94,51 +94,83 @@ std::function<Record()> With(Value Info::*field, std::common_type_t<Value> const
 
 std::function<Record()> Reshape(std::vector<short> const& shape) { return With(&TensorReshapeInfo::new_shape, shape); }
 
-// A record that the kernel takes: four channels in, four out.
-Record RecordFor(std::string const& name) {
-  struct Entry {
-    char const* start;  // of the names that take this record
-    std::function<Record()> make;
-  };
-  static std::vector<Entry> const entries = {
-      {"Input_", Make<InputInfo>},
-      {"Straight_Through_", Make<InputInfo>},
-      {"LayerPlaceholder_", With(&LayerPlaceholderInfo::output_shape, {4, 4, 4})},
-      {"ConvTranspose2D_", Make<ConvTranspose2dInfo>},
-      {"Conv2", Make<Conv2dInfo>},
-      {"Conv1D_", Make<Conv1dInfo>},
-      {"FullConnection_", Make<FullConnectionInfo>},
-      {"AdaptivePooling2D_", With(&AdaptiveAvgPool2dInfo::output_size, {2, 2})},
-      {"Pooling2D_Avg_", Make<AvgPool2dInfo>},
-      {"Pooling2D_Max_", Make<MaxPool2dInfo>},
-      {"Elementwise_", Make<ElementWiseOperatorInfo>},
-      {"BroadcastOperator_", Make<BroadcastOperatorInfo>},
-      {"Concatenate_C_", With(&ConcatenateInfo::dim, 1)},
-      {"Concatenate_", Make<ConcatenateInfo>},
-      {"Reshape_Fallback_CnHWn_To_CL_", Reshape({1, 4, 16})},
-      {"Reshape_Fallback_CnHWn_To_C_", Reshape({1, 64})},
-      {"Reshape_Fallback_To_SC_", Reshape({1, 4, 16})},
-      {"Reshape_Fallback_To_C_", Reshape({1, 64})},
-      {"Reshape_", Reshape({1, 4, 4, 4})},
-      {"Transform_MainMemory_Reshape_", Reshape({1, 16, 4})},
-      {"Transform_MainMemory_Permute_", With(&TensorTransposeInfo::axes, {0, 2, 3, 1})},
-      {"Expand_", With(&TensorExpandInfo::new_shape, {1, 4, 4, 4})},
-      {"TensorArithmetic_", With(&TensorArithmeticInfo::dim, {2, 3})},
-      {"UnSqueeze_", With(&TensorUnSqueezeInfo::dim, 1)},
-      {"Slice_", With(&TensorSliceInfo::slice_dims, {0, 2, 1, 0, 2, 1, 0, 2, 1})},
-      {"Softmax_", With(&SoftmaxInfo::dim, 1)},
-      {"Upsampling2D_", Make<Upsample2dInfo>},
-      {"Pixelshuffle_", With(&PixelShuffleInfo::upscale_factor, 2.0f)},
-      {"GridSample_", Make<GridSampleInfo>},
-      {"RNNCell_", [] { return Recurrent<RNNCellInfo, false>(1); }},
-      {"LSTMCell_", [] { return Recurrent<LSTMCellInfo, false>(4); }},
-      {"GRUCell_", [] { return Recurrent<GRUCellInfo, false>(3); }},
-      {"RNN_", [] { return Recurrent<RNNInfo, true>(1); }},
-      {"LSTM_", [] { return Recurrent<LSTMInfo, true>(4); }},
-      {"GRU_", [] { return Recurrent<GRUInfo, true>(3); }},
-      {"", With(&ActivationInfo::weight, Weights(1))}};
-  return std::find_if(entries.begin(), entries.end(), [&](Entry const& e) { return name.rfind(e.start, 0) == 0; })
-      ->make();
+// What a kernel is given: a record that it takes, four channels in, four out; inputs that pass; and the codes, as
+// digits of their negatives, of its three judgements.
+struct Entry {
+  char const* start;  // of the names of the kernels
+  std::function<Record()> make;
+  std::size_t inputs;
+  std::vector<unsigned int> dims;
+  unsigned int layout;
+  // IsValidParam of: the record; nothing; another record; the record and an inference parameter.
+  // IsValidInput and IsValidOutput of lists in which all is well; the last is missing; one is too many; the first is
+  // null, UINT8, INT16, FLOAT16, outside main memory, of layout HWC, has one more in its first and its last extent.
+  char const *param, *input, *output;
+};
+
+constexpr char const *kStrict = "0111", *kInverted = "1011", *kRecurrent = "0221";
+constexpr char const *kFloat = "02222222000", *kFloatPlane = "02222222200", *kChannels = "02222222220",
+                     *kVector = "02222222222", *kOne = "02220002000", *kPositive = "02220002022";
+
+std::vector<Entry> Entries() {
+  using Dims = std::vector<unsigned int>;
+  constexpr unsigned int C = TensorShape::C, SC = TensorShape::SC, CL = TensorShape::CL, CHW = TensorShape::CHW;
+  Dims const plane = {4, 4, 4}, row = {4, 4}, row16 = {4, 16}, vector = {4};
+  auto const activation = With(&ActivationInfo::weight, Weights(1));
+  return {{"Input_", Make<InputInfo>, 1, plane, CHW, kInverted, "02220000000", "02220000000"},
+          {"Straight_Through_", Make<InputInfo>, 1, plane, CHW, kInverted, kOne, kOne},
+          {"LayerPlaceholder_", With(&LayerPlaceholderInfo::output_shape, {4, 4, 4}), 1, plane, CHW, kStrict,
+           "02020002000", "02020002000"},
+          {"ConvTranspose2D_", Make<ConvTranspose2dInfo>, 1, plane, CHW, kStrict, kChannels, kChannels},
+          {"Conv2D_", Make<Conv2dInfo>, 1, plane, CHW, kStrict, kChannels, kChannels},
+          {"Conv2d_", Make<Conv2dInfo>, 1, plane, CHW, kStrict, "02222202200", kFloatPlane},
+          {"Conv1D_", Make<Conv1dInfo>, 1, row, CL, kStrict, kChannels, kChannels},
+          {"FullConnection_", Make<FullConnectionInfo>, 1, vector, C, kStrict, kVector, kVector},
+          {"AdaptivePooling2D_", With(&AdaptiveAvgPool2dInfo::output_size, {2, 2}), 1, plane, CHW, kStrict, kFloatPlane,
+           kFloatPlane},
+          {"Pooling2D_Avg_", Make<AvgPool2dInfo>, 1, plane, CHW, kStrict, kFloatPlane, kFloatPlane},
+          {"Pooling2D_Max_", Make<MaxPool2dInfo>, 1, plane, CHW, kStrict, kFloatPlane, kFloatPlane},
+          {"Elementwise_", Make<ElementWiseOperatorInfo>, 2, plane, CHW, kStrict, kFloat, kFloat},
+          {"BroadcastOperator_", Make<BroadcastOperatorInfo>, 2, plane, CHW, kStrict, "02222222022", kFloat},
+          {"Concatenate_C_", With(&ConcatenateInfo::dim, 1), 2, plane, CHW, kStrict, "00022222200", "02220002200"},
+          {"Concatenate_", Make<ConcatenateInfo>, 2, plane, CHW, kStrict, "02022222002", kOne},
+          {"Reshape_Fallback_CnHWn_To_CL_", Reshape({1, 4, 16}), 1, plane, CHW, kStrict, "02222002222", "02222002200"},
+          {"Reshape_Fallback_CnHWn_To_C_", Reshape({1, 64}), 1, plane, CHW, kStrict, "02222002222", "02222002200"},
+          {"Reshape_Fallback_CL_To_CHW_", Reshape({1, 4, 4, 4}), 1, row16, CL, kStrict, "02222022022", "02222022200"},
+          {"Reshape_Fallback_To_SC_", Reshape({1, 4, 16}), 1, plane, CHW, kStrict, kPositive, kOne},
+          {"Reshape_Fallback_To_C_", Reshape({1, 64}), 1, plane, CHW, kStrict, kPositive, kOne},
+          {"Reshape_", Reshape({1, 4, 4, 4}), 1, plane, CHW, kStrict, kPositive, kOne},
+          {"Transform_MainMemory_Reshape_", Reshape({1, 16, 4}), 1, plane, CHW, kStrict, kPositive, kPositive},
+          {"Transform_MainMemory_Permute_", With(&TensorTransposeInfo::axes, {0, 2, 3, 1}), 1, plane, CHW, kStrict,
+           kOne, kOne},
+          {"Expand_", With(&TensorExpandInfo::new_shape, {1, 4, 4, 4}), 1, plane, CHW, kStrict, "02222022200",
+           "02222022200"},
+          {"TensorArithmetic_", With(&TensorArithmeticInfo::dim, {2, 3}), 1, plane, CHW, kStrict, "02222022000",
+           "02222022000"},
+          {"UnSqueeze_", With(&TensorUnSqueezeInfo::dim, 1), 1, plane, CHW, kStrict, "02222022000", "02222022000"},
+          {"Slice_", With(&TensorSliceInfo::slice_dims, {0, 2, 1, 0, 2, 1, 0, 2, 1}), 1, plane, CHW, "1111",
+           kFloatPlane, kFloatPlane},
+          {"Softmax_", With(&SoftmaxInfo::dim, 1), 1, plane, CHW, kStrict, "02022222000", "02022222000"},
+          {"Upsampling2D_", Make<Upsample2dInfo>, 1, plane, CHW, kStrict, kFloatPlane, kFloatPlane},
+          {"Pixelshuffle_", With(&PixelShuffleInfo::upscale_factor, 2.0f), 1, plane, CHW, kStrict, kFloatPlane,
+           kFloatPlane},
+          {"GridSample_", Make<GridSampleInfo>, 2, plane, CHW, kStrict, kFloatPlane, kFloatPlane},
+          {"RNNCell_", [] { return Recurrent<RNNCellInfo, false>(1); }, 1, vector, C, kRecurrent, kVector, kVector},
+          {"LSTMCell_", [] { return Recurrent<LSTMCellInfo, false>(4); }, 1, vector, C, kRecurrent, kVector, kVector},
+          {"GRUCell_", [] { return Recurrent<GRUCellInfo, false>(3); }, 1, vector, C, kRecurrent, kVector, kVector},
+          {"RNN_", [] { return Recurrent<RNNInfo, true>(1); }, 1, row, SC, kRecurrent, "02222222002", "02222222202"},
+          {"LSTM_", [] { return Recurrent<LSTMInfo, true>(4); }, 1, row, SC, kRecurrent, "02222222002", "02222222202"},
+          {"GRU_", [] { return Recurrent<GRUInfo, true>(3); }, 1, row, SC, kRecurrent, "02222222002", "02222222202"},
+          {"ReLU6_", activation, 1, plane, CHW, kInverted, kFloat, kFloat},
+          {"Leaky_", activation, 1, plane, CHW, kInverted, kFloat, kFloat},
+          {"Linear_", activation, 1, plane, CHW, kInverted, kFloat, kFloat},
+          {"PReLU_", activation, 1, plane, CHW, kInverted, kFloat, kFloat},
+          {"", activation, 1, plane, CHW, kStrict, kFloat, kFloat}};
+}
+
+Entry const& EntryFor(std::string const& name) {
+  static std::vector<Entry> const entries = Entries();
+  return *std::find_if(entries.begin(), entries.end(), [&](Entry const& e) { return name.rfind(e.start, 0) == 0; });
 }
 
 // Texts of the interface that name no kernel; a net adds the layer.
@@ -182,11 +214,12 @@ struct Catalogue {
 class Walk {
  public:
   void Visit(std::string const& name) {
+    Judge(name, EntryFor(name));
     for (bool const configure : {false, true}) {
       auto const make = [&] {
         auto const kernel = catalogue_.kernels.Create(name);
         if (configure) {
-          EXPECT_TRUE(kernel->Config(RecordFor(name), nullptr, context_)) << name;
+          EXPECT_TRUE(kernel->Config(EntryFor(name).make(), nullptr, context_)) << name;
           EXPECT_TRUE(kernel->IsConfigured()) << name;
         }
         return kernel;
@@ -208,27 +241,66 @@ class Walk {
   // Three of each: no kernel needs more inputs.
   std::vector<std::pair<std::string, Tensors>> BadInputs() {
     auto const three = [](std::shared_ptr<Tensor> const& tensor) { return Tensors(3, tensor); };
-    constexpr auto kFloat = TensorShape::FLOAT32;
+    constexpr auto kFloats = TensorShape::FLOAT32;
     return {{"no input", {}},
             {"one null", {nullptr}},
             {"three nulls", Tensors(3)},
             {"bytes", three(Of({4, 4, 4}, TensorShape::UINT8, TensorShape::CHW))},
             {"one row of bytes", {Of({4}, TensorShape::UINT8, TensorShape::C)}},
-            {"rank 0", three(Of({}, kFloat, TensorShape::CHW))},
-            {"rank 9", three(Of(std::vector<unsigned int>(9, 1u), kFloat, TensorShape::FLEXIABLE))},
-            {"nothing in it", three(Of({0, 4, 4}, kFloat, TensorShape::CHW))},
-            {"nothing in a row", three(Of({0}, kFloat, TensorShape::C))},
-            {"one element", three(Of({1, 1, 1}, kFloat, TensorShape::CHW))},
-            {"too few channels", three(Of({3, 2}, kFloat, TensorShape::SC))},
-            {"a value and a null", {Of({4, 4, 4}, kFloat, TensorShape::CHW), nullptr}},
-            {"two shapes", {Of({4, 4, 4}, kFloat, TensorShape::CHW), Of({2, 2}, kFloat, TensorShape::SC)}}};
+            {"rank 0", three(Of({}, kFloats, TensorShape::CHW))},
+            {"rank 9", three(Of(std::vector<unsigned int>(9, 1u), kFloats, TensorShape::FLEXIABLE))},
+            {"nothing in it", three(Of({0, 4, 4}, kFloats, TensorShape::CHW))},
+            {"nothing in a row", three(Of({0}, kFloats, TensorShape::C))},
+            {"one element", three(Of({1, 1, 1}, kFloats, TensorShape::CHW))},
+            {"too few channels", three(Of({3, 2}, kFloats, TensorShape::SC))},
+            {"a value and a null", {Of({4, 4, 4}, kFloats, TensorShape::CHW), nullptr}},
+            {"two shapes", {Of({4, 4, 4}, kFloats, TensorShape::CHW), Of({2, 2}, kFloats, TensorShape::SC)}}};
+  }
+
+  // The codes of `judge` for `probes` arguments.
+  static std::string Codes(int probes, std::function<int(int)> const& judge) {
+    std::string codes;
+    for (int probe = 0; probe < probes; ++probe) codes += static_cast<char>('0' - judge(probe));
+    return codes;
+  }
+
+  // `count` tensors of a shape, changed as the comment of Entry tells.
+  Tensors Probe(TensorShape shape, std::size_t count, int probe) {
+    Tensors list(count, context_->device_cpu->CreateTensor(shape, nullptr));
+    if (probe == 1) list.pop_back();
+    if (probe == 2) list.push_back(list[0]);
+    if (probe == 4) shape.data_type = TensorShape::UINT8;
+    if (probe == 5) shape.data_type = TensorShape::INT16;
+    if (probe == 6) shape.data_type = TensorShape::FLOAT16;
+    if (probe == 7) shape.location = 1;
+    if (probe == 8) shape.layout = TensorShape::HWC;
+    if (probe == 9) ++shape.dims.front();
+    if (probe == 10) ++shape.dims.back();
+    if (probe >= 3) list[0] = probe == 3 ? nullptr : context_->device_cpu->CreateTensor(shape, nullptr);
+    return list;
+  }
+
+  void Judge(std::string const& name, Entry const& entry) {
+    SCOPED_TRACE(name);
+    auto const kernel = catalogue_.kernels.Create(name);
+    auto const record = entry.make(), other = Record(Make<GemmInfo>());
+    auto const param = catalogue_.params.Create("InferenceParamConv2DQuant");
+    EXPECT_EQ(
+        entry.param, Codes(4, [&](int probe) {
+          return kernel->IsValidParam(probe == 1 ? nullptr : probe == 2 ? other : record, probe == 3 ? param : nullptr);
+        }));
+    ASSERT_TRUE(kernel->Config(record, nullptr, context_));
+    TensorShape const in(entry.dims, TensorShape::FLOAT32, entry.layout, TensorShape::MainMemory, {});
+    TensorShape const out = kernel->GetOutputShapes(std::vector<TensorShape>(entry.inputs, in)).at(0);
+    EXPECT_EQ(entry.input, Codes(11, [&](int probe) { return kernel->IsValidInput(Probe(in, entry.inputs, probe)); }));
+    EXPECT_EQ(entry.output, Codes(11, [&](int probe) { return kernel->IsValidOutput(Probe(out, 1, probe)); }));
   }
 
   void Configure(std::string const& name) {
     auto const context_without = std::make_shared<Context>();
     for (auto const& [what, record] : {std::pair<char const*, Record>{"Config without layer", nullptr},
                                        {"Config of another record", Make<GemmInfo>()},
-                                       {"Config of the right record", RecordFor(name)}}) {
+                                       {"Config of the right record", EntryFor(name).make()}}) {
       for (auto const& context : {std::shared_ptr<Context>(), context_without, context_}) {
         AnswersOrRefuses(name, what, [&, layer = record] {
           auto const kernel = catalogue_.kernels.Create(name);

@@ -162,7 +162,7 @@ TEST_F(RunPackageTest, ReportsBadInputInOneLine) {
   Write(folder_ / "cut.npy", ReadAll(folder_ / "in.npy").substr(0, 300));
   WriteNpy("double.npy", "<f8", "3, 8, 8", test::Floats(1, 384));
   WriteNpy("rank.npy", "<f4", "192,", test::Floats(1, 192));
-  WriteNpy("channels.npy", "<f4", "12, 4, 4", test::Floats(1, 192));
+  WriteNpy("channels.npy", "<f4", "2, 8, 12", test::Floats(1, 192));
   WriteNpy("huge.npy", "<f4", "4000000000, 4000000000, 4000000000", {});
   std::string const run = " --input picture=in.npy";
   for (auto const& [words, named] : std::vector<std::pair<std::string, std::string>>{
@@ -188,8 +188,8 @@ TEST_F(RunPackageTest, ReportsBadInputInOneLine) {
            {"p.json --input picture=cut.npy", "shape [3, 8, 8] needs 768"},
            {"p.json --input picture=double.npy", "double.npy: holds '<f8'"},
            {"p.json --input picture=huge.npy", "huge.npy: its shape [4000000000"},
-           {"p.json --input picture=rank.npy", "layer conv: Conv2D_"},
-           {"p.json --input picture=channels.npy", "of layer conv: "}}) {
+           {"p.json --input picture=rank.npy", "Float_M1 of layer conv: input 0 has dims [192]"},
+           {"p.json --input picture=channels.npy", "of layer conv: input 0 has dims [2, 8, 12], needs 3 channels"}}) {
     ExpectError(words, named);
   }
   EXPECT_EQ(Run("p.json" + run + " >/dev/full 2>full; test $? = 1 && cat full").out,
