@@ -142,63 +142,29 @@ TEST(Activation, KernelsMapEveryElementOfAnyShape) {
   }
 }
 
-TEST(Activation, TwoFormsOfJudgementStayApart) {
+// The codes of IsValidParam are compared by the walk over the catalogue.
+TEST(Activation, ConfigReadsTwoFormsOfJudgement) {
   auto const good = Layer();
+  auto const foreign = std::make_shared<runtime::SoftmaxInfo>();
   auto const param = std::make_shared<runtime::InferenceParamActQuant>();
-  struct {
-    std::shared_ptr<runtime::LayerInfo> layer;
-    std::shared_ptr<runtime::InferenceParam> param;
-    int strict, inverted;
-  } const rows[] = {{good, nullptr, 0, -1},
-                    {nullptr, nullptr, -1, 0},
-                    {std::make_shared<runtime::SoftmaxInfo>(), nullptr, -1, -1},
-                    {good, param, -1, -1},
-                    {nullptr, param, -1, -1}};
   for (Case const& c : Cases()) {
-    for (auto const& row : rows) {
-      SCOPED_TRACE(c.name + ", row " + std::to_string(&row - rows));
-      bool const taken = c.strict ? row.strict == 0 : row.inverted != 0 && (!c.reads || row.layer == good);
-      EXPECT_EQ(c.strict ? row.strict : row.inverted, c.kernel->IsValidParam(row.layer, row.param));
-      EXPECT_EQ(taken, c.kernel->Config(row.layer, row.param, nullptr));
-      EXPECT_EQ(taken, c.kernel->IsConfigured());
-    }
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(!c.strict, c.kernel->Config(good, param, nullptr));
+    EXPECT_EQ(!c.strict && !c.reads, c.kernel->Config(foreign, nullptr, nullptr));
+    EXPECT_EQ(!c.strict && !c.reads, c.kernel->Config(nullptr, param, nullptr));
+    EXPECT_TRUE(c.kernel->Config(good, nullptr, nullptr));
+    EXPECT_TRUE(c.kernel->IsConfigured());
+    EXPECT_FALSE(c.kernel->Config(nullptr, nullptr, nullptr));
+    EXPECT_FALSE(c.kernel->IsConfigured());
   }
   kernel::PReLU_Fallback_Float_M1 prelu;
   EXPECT_FALSE(prelu.Config(Layer({}), nullptr, nullptr)) << "an empty weight";
   good->weight = runtime::Base64Encode(reinterpret_cast<unsigned char const*>("abc"), 3);
   auto const text = test::RefusalOf([&] { prelu.Config(good, nullptr, nullptr); });
   EXPECT_NE(std::string::npos, text.find("PReLU_Fallback_Float_M1 of layer act: weight holds 3 bytes")) << text;
-  EXPECT_FALSE(prelu.IsConfigured());
 }
 
-TEST(Activation, JudgesTensorListsAndRefusesWhatItCannotRead) {
-  auto const context = test::GuardedContext();
-  auto const good = test::FloatTensor(*context, {2}, TensorShape::C, {1.0f, 2.0f});
-  auto const elsewhere = test::FloatTensor(*context, {2}, TensorShape::C, {1.0f, 2.0f});
-  elsewhere->shape.location = TensorShape::MetalBuffer;
-  std::shared_ptr<Tensor> bytes = context->device_cpu->CreateU8CHWMainMem({1, 1, 2}, nullptr), none;
-  for (Case const& c : Cases()) {
-    EXPECT_EQ(0, c.kernel->IsValidInput({good}));
-    EXPECT_EQ(0, c.kernel->IsValidOutput({good}));
-    for (Tensors const& bad : {Tensors{}, Tensors{good, good}, Tensors{bytes}, Tensors{elsewhere}, Tensors{none}}) {
-      EXPECT_EQ(-2, c.kernel->IsValidInput(bad));
-      EXPECT_EQ(-2, c.kernel->IsValidOutput(bad));
-    }
-    Tensors outputs;
-    for (Tensors const& bad : {Tensors{}, Tensors{bytes}, Tensors{none}}) {
-      auto const text = test::RefusalOf([&] { c.kernel->Forward(bad, outputs, context); });
-      EXPECT_NE(std::string::npos, text.find(c.name + ": input 0 ")) << text;
-    }
-  }
-  for (auto* const tensor : {&bytes, &none}) {
-    auto const sigmoid = test::RefusalOf([&] { kernel::functional::Sigmoid_F32_M2(*tensor); });
-    EXPECT_NE(std::string::npos, sigmoid.find("Sigmoid_F32_M2: the tensor ")) << sigmoid;
-    auto const prelu = test::RefusalOf([&] { kernel::functional::PReLU_F32(*tensor, 0.5f); });
-    EXPECT_NE(std::string::npos, prelu.find("PReLU_F32: the tensor ")) << prelu;
-  }
-}
-
-// What a kernel computes with before Config, and a layer that says nothing, seen in f(-8); then Sigmoid in place.
+// What a kernel computes with before Config, seen in f(-8), and after a layer that says nothing.
 TEST(Activation, ParametersHaveTheirDefaults) {
   auto const context = test::GuardedContext();
   auto const run = [&](runtime::IKernel const& kernel) {
@@ -206,17 +172,27 @@ TEST(Activation, ParametersHaveTheirDefaults) {
     kernel.Forward({test::FloatTensor(*context, {1}, TensorShape::C, {-8.0f})}, outputs, context);
     return test::Values(*outputs[0])[0];
   };
-  kernel::Leaky_Fallback_Float_M1 leaky;
   kernel::Linear_Fallback_Float_M1 linear;
-  EXPECT_EQ(-0.8f, run(leaky));
-  EXPECT_EQ(-8.0f, run(linear));
+  EXPECT_EQ(-0.8f, run(kernel::Leaky_Fallback_Float_M1()));
   EXPECT_EQ(-2.0f, run(kernel::PReLU_Fallback_Float_M1()));
+  EXPECT_EQ(-8.0f, run(linear));
   ASSERT_TRUE(linear.Config(Layer(), nullptr, nullptr));
   ASSERT_TRUE(linear.Config(std::make_shared<ActivationInfo>(), nullptr, nullptr));
   EXPECT_EQ(-8.0f, run(linear)) << "nothing of the layer before";
+}
+
+TEST(Activation, InPlaceFormsRefuseWhatTheyCannotRead) {
+  auto const context = test::GuardedContext();
   std::shared_ptr<Tensor> x = test::FloatTensor(*context, {}, TensorShape::C, {0.0f});
   kernel::functional::Sigmoid_F32_M2(x);
   test::ExpectSameBits({0.5f}, test::Values(*x));
+  for (auto tensor :
+       {std::shared_ptr<Tensor>(), std::shared_ptr<Tensor>(context->device_cpu->CreateF16CMainMemory(8, nullptr))}) {
+    auto const sigmoid = test::RefusalOf([&] { kernel::functional::Sigmoid_F32_M2(tensor); });
+    auto const prelu = test::RefusalOf([&] { kernel::functional::PReLU_F32(tensor, 0.5f); });
+    EXPECT_NE(std::string::npos, sigmoid.find("Sigmoid_F32_M2: the tensor ")) << sigmoid;
+    EXPECT_NE(std::string::npos, prelu.find("PReLU_F32: the tensor ")) << prelu;
+  }
 }
 
 }  // namespace
