@@ -79,5 +79,4 @@
 #include "talvo/utility/json_file.h"
 #include "talvo/utility/log.h"
 #include "talvo/utility/metrics.h"
-#include "talvo/utility/restrict.h"
 #include "talvo/utility/timer.h"

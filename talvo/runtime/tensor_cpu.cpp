@@ -5,6 +5,7 @@
 
 #include "talvo/kernel/native/permute.h"
 #include "talvo/runtime/device_cpu.h"
+#include "talvo/runtime/tensor_cpu_support.h"
 #include "talvo/utility/log.h"
 
 namespace talvo::runtime {

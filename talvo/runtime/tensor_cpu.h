@@ -97,12 +97,4 @@ class TALVO_API TensorCPU : public Tensor {
   }
 };
 
-/// What TensorCPU::Reshape does, for a result of this layout, made by this device.
-TALVO_API std::shared_ptr<TensorCPU> ReshapeTensor(TensorCPU const& tensor, std::vector<int> const& new_dims,
-                                                   unsigned int layout, DeviceCPU& device);
-
-/// What TensorCPU::Permute does, for a result made by this device.
-TALVO_API std::shared_ptr<TensorCPU> PermuteTensor(TensorCPU const& tensor, std::vector<unsigned int> const& axes,
-                                                   DeviceCPU& device);
-
 }  // namespace talvo::runtime

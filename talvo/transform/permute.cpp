@@ -1,6 +1,7 @@
 #include "talvo/transform/permute.h"
 
 #include "talvo/kernel/native/permute.h"
+#include "talvo/runtime/tensor_cpu_support.h"
 #include "talvo/serialization/layer_info_tensor.h"
 #include "talvo/transform/transform_support.h"
 #include "talvo/utility/log.h"

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "talvo/kernel/native/permute.h"
+#include "talvo/runtime/tensor_cpu_support.h"
 #include "talvo/serialization/layer_info_tensor.h"
 #include "talvo/transform/transform_support.h"
 #include "talvo/utility/log.h"

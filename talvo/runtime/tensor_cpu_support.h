@@ -1,0 +1,19 @@
+// The reshape and the permutation of tensors with a device of the caller's choice. Internal.
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "talvo/runtime/tensor_cpu.h"
+
+namespace talvo::runtime {
+
+/// What TensorCPU::Reshape does, for a result of this layout, made by this device.
+std::shared_ptr<TensorCPU> ReshapeTensor(TensorCPU const& tensor, std::vector<int> const& new_dims, unsigned int layout,
+                                         DeviceCPU& device);
+
+/// What TensorCPU::Permute does, for a result made by this device.
+std::shared_ptr<TensorCPU> PermuteTensor(TensorCPU const& tensor, std::vector<unsigned int> const& axes,
+                                         DeviceCPU& device);
+
+}  // namespace talvo::runtime
