@@ -1,11 +1,11 @@
-#include "talvo/serialization/rapidjson_include.h"
+#include "talvo/serialization/rapidjson_support.h"
 
 #include "talvo/runtime/inference_config.h"
 
 #include <cstdlib>
 #include <utility>
 
-#include "talvo/serialization/json_document_support.h"
+#include "talvo/serialization/json_text_support.h"
 #include "talvo/serialization/json_visitors.h"
 #include "talvo/utility/log.h"
 
@@ -16,8 +16,6 @@ using rapidjson::Value;
 using utility::Assert;
 using ParamRegistry = ClassRegistry<std::shared_ptr<InferenceParam>>;
 using Converters = std::map<unsigned int, std::shared_ptr<KernelInferenceConfig>>;
-
-constexpr unsigned int kIndentBlanks = 4;
 
 // The text of a member; empty when there is none.
 std::string TextOf(Value const& value, char const* key) {
@@ -119,11 +117,7 @@ std::string InferenceConfig::ToJSON() const {
   Value records(rapidjson::kArrayType);
   for (LayerInferenceConfig const& layer : layers) records.PushBack(WriteLayer(layer, allocator), allocator);
   document.AddMember("config", records, allocator);
-  rapidjson::StringBuffer buffer;
-  rapidjson::PrettyWriter<rapidjson::StringBuffer> writer(buffer);
-  writer.SetIndent(' ', kIndentBlanks);
-  document.Accept(writer);
-  return std::string(buffer.GetString(), buffer.GetSize());
+  return support::PrettyJSON(document);
 }
 
 std::shared_ptr<InferenceConfig> CreateConfigFromJSON(std::string const& json, ParamRegistry const& params) {

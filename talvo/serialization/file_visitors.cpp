@@ -8,18 +8,20 @@
 #include <typeinfo>
 
 #include "talvo/serialization/serializable.h"
-#include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::runtime {
 namespace {
+
+using utility::Refuse;
 
 // Up to this many bytes memory is taken before it is known whether the stream holds them.
 constexpr std::size_t kTrustedBytes = std::size_t{1} << 16;
 
 std::FILE* Open(char const* path, char const* mode) {
-  utility::Assert(path != nullptr, "cannot open a file without a path");
+  if (path == nullptr) Refuse("cannot open a file without a path");
   std::FILE* const stream = std::fopen(path, mode);
-  utility::Assert(stream != nullptr, "cannot open the file %s as \"%s\"", path, mode);
+  if (stream == nullptr) Refuse("cannot open the file %s as \"%s\"", path, mode);
   return stream;
 }
 
@@ -33,7 +35,7 @@ constexpr char const* NameOf(T const*) {
 FILEWriter::FILEWriter(char const* path) : FILEWriter(Open(path, "wb"), true) { borrowed_ = false; }
 
 FILEWriter::FILEWriter(std::FILE* stream, bool write_version) : stream_(stream), borrowed_(true) {
-  utility::Assert(stream != nullptr, "cant construct FILEWriter object using a NULL ptr.");
+  if (stream == nullptr) Refuse("cant construct FILEWriter object using a NULL ptr.");
   if (write_version) std::fwrite(&_serialization_protocol_version, sizeof _serialization_protocol_version, 1, stream);
 }
 
@@ -43,13 +45,13 @@ FILEWriter::~FILEWriter() {
 
 void FILEWriter::Put(void const* data, std::size_t element_bytes, std::size_t count, char const* type_name) {
   if (std::fwrite(data, element_bytes, count, stream_) != count)
-    utility::Assert(false, "failed to write a %s value, error code is %d.\n", type_name, std::ferror(stream_));
+    Refuse("failed to write a %s value, error code is %d.\n", type_name, std::ferror(stream_));
 }
 
 void FILEWriter::PutCount(std::size_t count) {
   unsigned long long const wide = count;
   if (std::fwrite(&wide, sizeof wide, 1, stream_) != 1)
-    utility::Assert(false, "failed to write the %s value, error code is %d.\n", NameOf(&wide), std::ferror(stream_));
+    Refuse("failed to write the %s value, error code is %d.\n", NameOf(&wide), std::ferror(stream_));
 }
 
 template <class T>
@@ -83,10 +85,10 @@ void FILEWriter::Write(std::vector<std::vector<unsigned short>> const* rows) {
 
 void FILEWriter::Write(Serializable* record) { record->VisitAttr(std::make_shared<FILEWriter>(stream_, false)); }
 
-#define TALVO_VISIT(type)                                                                    \
-  void FILEWriter::Visit(type* value, char const*) {                                         \
-    utility::Assert(value != nullptr, "cannot write a %s value from a null pointer", #type); \
-    Write(value);                                                                            \
+#define TALVO_VISIT(type)                                                               \
+  void FILEWriter::Visit(type* value, char const*) {                                    \
+    if (value == nullptr) Refuse("cannot write a %s value from a null pointer", #type); \
+    Write(value);                                                                       \
   }
 TALVO_FOR_EACH_VISITED_TYPE(TALVO_VISIT)
 #undef TALVO_VISIT
@@ -94,15 +96,15 @@ TALVO_FOR_EACH_VISITED_TYPE(TALVO_VISIT)
 FILEReader::FILEReader(char const* path) : stream_(Open(path, "rb")), borrowed_(false) { ReadVersion(); }
 
 FILEReader::FILEReader(std::FILE* stream, unsigned int version) : stream_(stream), borrowed_(true) {
-  utility::Assert(stream != nullptr, "cant construct FILEReader object using a NULL ptr.");
+  if (stream == nullptr) Refuse("cant construct FILEReader object using a NULL ptr.");
   if (version != 0) {
     _serialization_protocol_version = version;
     return;
   }
   ReadVersion();
-  utility::Assert(_serialization_protocol_version <= __SERIALIZATION_PROTOCOL_VERSION__,
-                  "_serialization_protocol_version > __SERIALIZATION_PROTOCOL_VERSION__.");
-  utility::Assert(_serialization_protocol_version != 0, "_serialization_protocol_version is 0, no version of a file.");
+  if (_serialization_protocol_version > __SERIALIZATION_PROTOCOL_VERSION__)
+    Refuse("_serialization_protocol_version > __SERIALIZATION_PROTOCOL_VERSION__.");
+  if (_serialization_protocol_version == 0) Refuse("_serialization_protocol_version is 0, no version of a file.");
 }
 
 FILEReader::~FILEReader() {
@@ -115,8 +117,7 @@ void FILEReader::ReadVersion() {
 }
 
 void FILEReader::Require(bool condition, char const* type_name) const {
-  if (!condition)
-    utility::Assert(false, "failed to read a %s value, error code is %d.\n", type_name, std::ferror(stream_));
+  if (!condition) Refuse("failed to read a %s value, error code is %d.\n", type_name, std::ferror(stream_));
 }
 
 void FILEReader::Get(void* data, std::size_t element_bytes, std::size_t count, char const* type_name) {
@@ -178,6 +179,8 @@ void FILEReader::Read(std::string* text) { GetElements(text, NameOf(text)); }
 void FILEReader::Read(std::vector<std::string>* texts) {
   unsigned long long const count = GetCount();
   texts->clear();
+  bool known;
+  if (EnoughLeft(count, sizeof count, &known) && known) texts->reserve(static_cast<std::size_t>(count));
   for (unsigned long long i = 0; i < count; ++i) {
     std::string text;
     Visit(&text, nullptr);
@@ -195,6 +198,7 @@ void FILEReader::Read(std::vector<std::vector<unsigned short>>* rows) {
     GetElements(&row, NameOf(rows));
     if (!row.empty()) filled.push_back(std::move(row));
   }
+  rows->reserve(static_cast<std::size_t>(count) + filled.size());
   rows->resize(static_cast<std::size_t>(count));
   rows->insert(rows->end(), std::make_move_iterator(filled.begin()), std::make_move_iterator(filled.end()));
 }
@@ -203,10 +207,10 @@ void FILEReader::Read(Serializable* record) {
   record->VisitAttr(std::make_shared<FILEReader>(stream_, _serialization_protocol_version));
 }
 
-#define TALVO_VISIT(type)                                                                 \
-  void FILEReader::Visit(type* value, char const*) {                                      \
-    utility::Assert(value != nullptr, "cannot read a %s value to a null pointer", #type); \
-    Read(value);                                                                          \
+#define TALVO_VISIT(type)                                                            \
+  void FILEReader::Visit(type* value, char const*) {                                 \
+    if (value == nullptr) Refuse("cannot read a %s value to a null pointer", #type); \
+    Read(value);                                                                     \
   }
 TALVO_FOR_EACH_VISITED_TYPE(TALVO_VISIT)
 #undef TALVO_VISIT

@@ -4,7 +4,7 @@
 #include <typeinfo>
 
 #include "talvo/serialization/record_support.h"
-#include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::runtime {
 namespace {
@@ -123,7 +123,7 @@ void InferenceParamMetalComputeCommon::VisitAttr(std::shared_ptr<Visitor> visito
 }
 
 std::shared_ptr<InferenceParam> CreateInferenceParamPtr(char const* name) {
-  utility::Assert(name != nullptr, "an inference parameter record needs the name of its class, got null");
+  if (name == nullptr) utility::Refuse("an inference parameter record needs the name of its class, got null");
   for (Maker const& maker : kMakers) {
     if (maker.name == name) return maker.make();
   }

@@ -1,15 +1,18 @@
-#include "talvo/serialization/rapidjson_include.h"
+#include "talvo/serialization/rapidjson_support.h"
 
 #include "talvo/serialization/json_visitors.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <map>
 #include <string_view>
 #include <type_traits>
 #include <utility>
 
+#include "talvo/serialization/json_text_support.h"
+#include "talvo/serialization/record_support.h"
 #include "talvo/serialization/serializable.h"
+#include "talvo/utility/log.h"
 
 namespace talvo::runtime {
 namespace {
@@ -20,18 +23,25 @@ using rapidjson::Value;
 constexpr char kVersionKey[] = "serialization_protocol_version";
 constexpr SizeType kIndexedMembers = 32;  // with fewer, members are searched one after the other
 
+// What a text may make records take beyond one reading of each of its values, for each of its bytes and in all.
+constexpr std::size_t kBytesForEach = 8, kBytesAtLeast = std::size_t{1} << 19;
+
 template <class T>
 constexpr bool kIsFloat = std::is_floating_point_v<T> || std::is_same_v<T, half_float::half>;
+
+template <class T>
+constexpr bool kIsList = false;
+template <class T>
+constexpr bool kIsList<std::vector<T>> = true;
 
 std::string Joined(std::string const& path, char const* key) { return path.empty() ? key : path + "." + key; }
 
 void AssertAt(bool condition, std::string const& path, char const* key, char const* problem) {
-  if (condition) return;
-  utility::Assert(false, "JSON: %s: key \"%s\", path \"%s\"", problem, key, Joined(path, key).c_str());
+  if (!condition) utility::Refuse("JSON: %s: key \"%s\", path \"%s\"", problem, key, Joined(path, key).c_str());
 }
 
 void AssertTarget(void const* value, std::string const& path, char const* key) {
-  utility::Assert(key != nullptr, "JSON: a field needs a key");
+  if (key == nullptr) utility::Refuse("JSON: a field needs a key");
   AssertAt(value != nullptr, path, key, "a null pointer is no field");
 }
 
@@ -169,6 +179,7 @@ struct Kind<std::vector<std::vector<unsigned short>>> {
   static constexpr char const* kNeeds = "needs an array of arrays of integers";
   static bool Take(Value const& from, std::vector<std::vector<unsigned short>>& to) {
     if (!from.IsArray()) return false;
+    to.reserve(to.size() + from.Size());
     for (Value const& row : from.GetArray()) {
       std::vector<int> taken;
       if (!Kind<std::vector<int>>::Take(row, taken)) return false;
@@ -179,41 +190,32 @@ struct Kind<std::vector<std::vector<unsigned short>>> {
   }
 };
 
-// Hands a value of any depth to a writer; its own Accept would spend stack on each level.
-template <class Writer>
-bool Render(Value const& root, Writer& writer) {
-  struct Level {
-    Value const* value;
-    SizeType next;
-  };
-  std::vector<Level> open;
-  auto const begin = [&](Value const& value) {
-    if (!value.IsObject() && !value.IsArray()) return value.Accept(writer);
-    open.push_back({&value, 0});
-    return value.IsObject() ? writer.StartObject() : writer.StartArray();
-  };
-  bool good = begin(root);
-  while (good && !open.empty()) {
-    Value const& value = *open.back().value;
-    SizeType const next = open.back().next++;
-    if (value.IsObject() && next < value.MemberCount()) {
-      auto const member = value.MemberBegin() + static_cast<std::ptrdiff_t>(next);
-      good = writer.Key(member->name.GetString(), member->name.GetStringLength()) && begin(member->value);
-    } else if (value.IsArray() && next < value.Size()) {
-      good = begin(value[next]);
-    } else {
-      good = value.IsObject() ? writer.EndObject(value.MemberCount()) : writer.EndArray(value.Size());
-      open.pop_back();
-    }
-  }
-  return good;
+std::string_view NameOf(Value::Member const& member) {
+  return {member.name.GetString(), member.name.GetStringLength()};
+}
+
+// What a list takes once it holds these values; nothing for a field that is replaced.
+template <class T>
+std::size_t AppendedBytes(Value const&, T const*) {
+  return 0;
+}
+std::size_t AppendedBytes(Value const& from, std::string const*) {
+  return from.IsString() ? from.GetStringLength() + 1 : 0;
+}
+template <class T>
+std::size_t AppendedBytes(Value const& from, std::vector<T> const*) {
+  if (!from.IsArray()) return 0;
+  std::size_t bytes = 0;
+  for (Value const& element : from.GetArray())
+    bytes += sizeof(T) + AppendedBytes(element, static_cast<T const*>(nullptr));
+  return bytes;
 }
 
 }  // namespace
 
 JSONNodeSetter::JSONNodeSetter(Value& node, JSONAllocator& allocator, bool write_version)
     : node_(node), allocator_(allocator) {
-  utility::Assert(node.IsObject(), "JSON: a record is written to an object");
+  if (!node.IsObject()) utility::Refuse("JSON: a record is written to an object");
   if (write_version) Visit(&_serialization_protocol_version, kVersionKey);
 }
 
@@ -245,7 +247,7 @@ TALVO_FOR_EACH_VISITED_TYPE(TALVO_VISIT)
 #undef TALVO_VISIT
 
 struct JSONNodeGetter::Index {
-  std::map<std::string_view, Value const*> members;
+  std::vector<Value::Member const*> members;  // by key, equal ones in the order of the text
 };
 
 JSONNodeGetter::JSONNodeGetter(Value const& node, unsigned int version, std::string path)
@@ -264,8 +266,19 @@ void JSONNodeGetter::TakeVersion(unsigned int version) {
   if (member == nullptr) return;
   AssertAt(Kind<unsigned int>::Take(*member, _serialization_protocol_version), path_, kVersionKey,
            Kind<unsigned int>::kNeeds);
-  utility::Assert(_serialization_protocol_version <= __SERIALIZATION_PROTOCOL_VERSION__,
-                  "_serialization_protocol_version > __SERIALIZATION_PROTOCOL_VERSION__.");
+  if (_serialization_protocol_version > __SERIALIZATION_PROTOCOL_VERSION__)
+    utility::Refuse("_serialization_protocol_version > __SERIALIZATION_PROTOCOL_VERSION__.");
+}
+
+std::unique_ptr<JSONNodeGetter::Index> JSONNodeGetter::IndexOf(Value const& object) {
+  auto index = std::make_unique<Index>();
+  index->members.reserve(object.MemberCount());
+  for (auto const& member : object.GetObject()) index->members.push_back(&member);
+  std::sort(index->members.begin(), index->members.end(), [](auto const* a, auto const* b) {
+    int const order = NameOf(*a).compare(NameOf(*b));
+    return order != 0 ? order < 0 : a < b;
+  });
+  return index;
 }
 
 Value const* JSONNodeGetter::FindOrNull(char const* key) {
@@ -274,13 +287,11 @@ Value const* JSONNodeGetter::FindOrNull(char const* key) {
     auto const member = node_.FindMember(key);
     return member == node_.MemberEnd() ? nullptr : &member->value;
   }
-  if (index_ == nullptr) {
-    index_ = std::make_unique<Index>();
-    for (auto const& member : node_.GetObject())
-      index_->members.emplace(std::string_view(member.name.GetString(), member.name.GetStringLength()), &member.value);
-  }
-  auto const place = index_->members.find(key);
-  return place == index_->members.end() ? nullptr : place->second;
+  if (index_ == nullptr) index_ = IndexOf(node_);
+  auto const& members = index_->members;
+  auto const place = std::lower_bound(members.begin(), members.end(), std::string_view(key),
+                                      [](auto const* member, auto name) { return NameOf(*member) < name; });
+  return place != members.end() && NameOf(**place) == key ? &(*place)->value : nullptr;
 }
 
 Value const& JSONNodeGetter::Find(char const* key) {
@@ -291,7 +302,11 @@ Value const& JSONNodeGetter::Find(char const* key) {
 
 template <class T>
 void JSONNodeGetter::Take(T* value, char const* key) {
-  AssertAt(Kind<T>::Take(Find(key), *value), path_, key, Kind<T>::kNeeds);
+  Value const& from = Find(key);
+  if constexpr (kIsList<T>) {
+    if (!value->empty()) Charge(AppendedBytes(from, value), key);
+  }
+  AssertAt(Kind<T>::Take(from, *value), path_, key, Kind<T>::kNeeds);
 }
 
 void JSONNodeGetter::Take(char* text, char const* key) {
@@ -303,8 +318,18 @@ void JSONNodeGetter::Take(char* text, char const* key) {
 void JSONNodeGetter::Take(Serializable* record, char const* key) {
   Value const& value = Find(key);
   if (value.IsNull()) return;
-  AssertAt(value.IsObject() || value.IsArray(), path_, key, "Created node is a unkown value.");
-  record->VisitAttr(std::make_shared<JSONNodeGetter>(value, _serialization_protocol_version, Joined(path_, key)));
+  if (!value.IsObject() && !value.IsArray()) utility::Refuse("Created node is a unkown value.");
+  auto const nested = std::make_shared<JSONNodeGetter>(value, _serialization_protocol_version, Joined(path_, key));
+  nested->bytes_left_ = bytes_left_;
+  record->VisitAttr(nested);
+}
+
+// Reading a record again appends to its lists, and a record that stands as null is made all the same: without a limit
+// a small text could fill the memory.
+void JSONNodeGetter::Charge(std::size_t bytes, char const* key) {
+  if (bytes_left_ == nullptr) return;
+  AssertAt(bytes <= *bytes_left_, path_, key, "repeated and null records take more memory than such a text may");
+  *bytes_left_ -= bytes;
 }
 
 #define TALVO_VISIT(type)                                    \
@@ -315,14 +340,24 @@ void JSONNodeGetter::Take(Serializable* record, char const* key) {
 TALVO_FOR_EACH_VISITED_TYPE(TALVO_VISIT)
 #undef TALVO_VISIT
 
-void printjsonvalue(Value const& value) { utility::Log(1, "%s", SerializeJSONValue(value).c_str()); }
-
-std::string SerializeJSONValue(Value const& value) {
-  rapidjson::StringBuffer buffer;
-  rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-  utility::Assert(Render(value, writer), "JSON: infinity and NaN cannot be written");
-  return std::string(buffer.GetString(), buffer.GetSize());
+void support::ReadRecord(JSONText const& text, Serializable* record, char const* refusal) {
+  utility::Assert(text.Root().IsObject(), refusal);
+  auto const getter = std::make_shared<JSONNodeGetter>(text.Root(), 0);
+  getter->bytes_left_ = std::make_shared<std::size_t>(kBytesAtLeast + kBytesForEach * text.Bytes());
+  record->VisitAttr(getter);
 }
+
+void support::ChargeRecord(Visitor& visitor, std::size_t bytes, std::string const& id) {
+  if (auto* const getter = dynamic_cast<JSONNodeGetter*>(&visitor)) getter->Charge(bytes, id.c_str());
+}
+
+void printjsonvalue(Value const& value) {
+  unsigned int mask = 0;
+  utility::GetLogLevel(&mask);
+  if ((mask & 1) != 0) utility::Log(1, "%s", SerializeJSONValue(value).c_str());
+}
+
+std::string SerializeJSONValue(Value const& value) { return support::CompactJSON(value); }
 
 Value ToJSONValue(std::vector<std::string> const& values, JSONAllocator& allocator) {
   Value result;
@@ -333,22 +368,23 @@ Value ToJSONValue(std::vector<std::string> const& values, JSONAllocator& allocat
 Value ToJSONValue(std::string const& value, JSONAllocator& allocator) { return Value(value.c_str(), allocator); }
 
 Value ToJSONValue(Serializable* record, JSONAllocator& allocator) {
-  utility::Assert(record != nullptr, "JSON: a null record cannot be written");
+  if (record == nullptr) utility::Refuse("JSON: a null record cannot be written");
   Value result(rapidjson::kObjectType);
   record->VisitAttr(std::make_shared<JSONNodeSetter>(result, allocator, true));
   return result;
 }
 
 void JSONValueTo(Value const& value, std::vector<std::string>& out) {
-  utility::Assert(Kind<std::vector<std::string>>::Take(value, out), "JSON: a value needs to be an array of strings");
+  if (!Kind<std::vector<std::string>>::Take(value, out))
+    utility::Refuse("JSON: a value needs to be an array of strings");
 }
 
 void JSONValueTo(Value const& value, std::string& out) {
-  utility::Assert(Kind<std::string>::Take(value, out), "JSON: a value needs to be a string");
+  if (!Kind<std::string>::Take(value, out)) utility::Refuse("JSON: a value needs to be a string");
 }
 
 void JSONValueTo(Value const& value, Serializable* record) {
-  utility::Assert(record != nullptr, "JSON: a null record cannot be read");
+  if (record == nullptr) utility::Refuse("JSON: a null record cannot be read");
   record->VisitAttr(std::make_shared<JSONNodeGetter>(value, 0));
 }
 

@@ -4,6 +4,7 @@
 
 #include <rapidjson/fwd.h>
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <vector>
@@ -12,6 +13,12 @@
 #include "talvo/utility/export.h"
 
 namespace talvo::runtime {
+
+namespace support {
+class JSONText;
+void ChargeRecord(Visitor& visitor, std::size_t bytes, std::string const& id);
+void ReadRecord(JSONText const& text, Serializable* record, char const* refusal);
+}  // namespace support
 
 using JSONAllocator = rapidjson::MemoryPoolAllocator<rapidjson::CrtAllocator>;
 
@@ -42,7 +49,8 @@ class TALVO_API JSONNodeSetter : public Visitor {
 /// Fills fields from the members of an object, whatever their order; of members with the same key the first counts.
 /// Vectors are appended to, narrow integers keep their low bits, a nested null leaves its record as it is. A `char`
 /// field receives the characters of a whole text without a terminator: the caller's memory must hold them. Assert, with
-/// the key and the path of keys to it: a missing key, a value of the wrong kind.
+/// the key and the path of keys to it: a missing key, a value of the wrong kind; without them, a nested record that is
+/// no object, array or null.
 class TALVO_API JSONNodeGetter : public Visitor {
  public:
   /// `node` outlives the visitor. With `version` 0 the member "serialization_protocol_version" of `node` tells the
@@ -56,8 +64,11 @@ class TALVO_API JSONNodeGetter : public Visitor {
 #undef TALVO_VISIT
 
  private:
+  friend void support::ChargeRecord(Visitor& visitor, std::size_t bytes, std::string const& id);
+  friend void support::ReadRecord(support::JSONText const& text, Serializable* record, char const* refusal);
   struct Index;
 
+  static std::unique_ptr<Index> IndexOf(rapidjson::Value const& object);
   void TakeVersion(unsigned int version);
   rapidjson::Value const* FindOrNull(char const* key);
   rapidjson::Value const& Find(char const* key);
@@ -65,13 +76,15 @@ class TALVO_API JSONNodeGetter : public Visitor {
   void Take(T* value, char const* key);
   void Take(char* text, char const* key);
   void Take(Serializable* record, char const* key);
+  void Charge(std::size_t bytes, char const* key);
 
   rapidjson::Value const& node_;
-  std::string path_;              // keys from the root to `node_`
-  std::unique_ptr<Index> index_;  // of an object with many members, made at the first search
+  std::string path_;                         // keys from the root to `node_`
+  std::unique_ptr<Index> index_;             // of an object with many members, made at the first search
+  std::shared_ptr<std::size_t> bytes_left_;  // what repeated and null records may still take, in all; null: no limit
 };
 
-/// Logs the value as compact JSON at the verbose level.
+/// Logs the value as compact JSON at the verbose level, and does nothing where the mask keeps that level back.
 TALVO_API void printjsonvalue(rapidjson::Value const& value);
 
 /// The value as compact JSON. Nesting of any depth is served. Assert: a number that JSON cannot hold.

@@ -1,16 +1,18 @@
-#include "talvo/serialization/rapidjson_include.h"
+#include "talvo/serialization/rapidjson_support.h"
 
 #include "talvo/serialization/layer_info_maker_support.h"
 
 #include <string_view>
 
-#include "talvo/serialization/json_document_support.h"
+#include "talvo/serialization/json_text_support.h"
 #include "talvo/serialization/layer_info_activation.h"
 #include "talvo/serialization/layer_info_conv.h"
 #include "talvo/serialization/layer_info_norm.h"
 #include "talvo/serialization/layer_info_plane.h"
 #include "talvo/serialization/layer_info_rnn.h"
 #include "talvo/serialization/layer_info_tensor.h"
+#include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::runtime {
 namespace {
@@ -77,17 +79,15 @@ std::shared_ptr<LayerInfo> support::MakeLayerInfo(unsigned short type) {
   for (Maker const& maker : kMakers) {
     if (maker.type == type && (maker.use & kInModel) != 0) return maker.make();
   }
-  utility::Assert(type != 65535, "Unknow Layer Type.");
-  utility::Assert(false, "Unsupported Layer Type [%u].", static_cast<unsigned int>(type));
-  return nullptr;
+  if (type == 65535) utility::Refuse("Unknow Layer Type.");
+  utility::Refuse("Unsupported Layer Type [%u].", static_cast<unsigned int>(type));
 }
 
 std::shared_ptr<LayerInfo> support::MakeLayerInfo(std::string const& class_name) {
   for (Maker const& maker : kMakers) {
     if (maker.name == class_name && (maker.use & kAlone) != 0) return maker.make();
   }
-  utility::Assert(false, "Unsupported Layer Type.");
-  return nullptr;
+  utility::Refuse("Unsupported Layer Type.");
 }
 
 std::shared_ptr<LayerInfo> LayerInfoFactory(std::string const& json) {
@@ -96,7 +96,7 @@ std::shared_ptr<LayerInfo> LayerInfoFactory(std::string const& json) {
   std::string class_name;
   JSONNodeGetter(text.Root(), __SERIALIZATION_PROTOCOL_VERSION__).Visit(&class_name, "serializable_type");
   std::shared_ptr<LayerInfo> const layer = support::MakeLayerInfo(class_name);
-  JSONValueTo(text.Root(), layer.get());
+  support::ReadRecord(text, layer.get(), nullptr);
   return layer;
 }
 

@@ -89,8 +89,11 @@ TensorGetItemInfo::TensorGetItemInfo() : LayerInfo(22, "TensorGetItemInfo") {}
 void TensorGetItemInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
   LayerInfo::VisitAttr(visitor);
   TALVO_VISIT_FIELD(num_sampling_infos);
-  sampling_infos.resize(num_sampling_infos);
-  for (std::size_t i = 0; i < sampling_infos.size(); ++i) visitor->Visit(&sampling_infos[i], std::to_string(i).c_str());
+  if (sampling_infos.size() > num_sampling_infos) sampling_infos.resize(num_sampling_infos);
+  for (std::size_t i = 0; i < num_sampling_infos; ++i) {
+    if (i == sampling_infos.size()) sampling_infos.emplace_back();  // one by one: a file's number may be a lie
+    visitor->Visit(&sampling_infos[i], std::to_string(i).c_str());
+  }
 }
 
 }  // namespace talvo::runtime

@@ -1,8 +1,8 @@
-#include "talvo/serialization/rapidjson_include.h"
+#include "talvo/serialization/rapidjson_support.h"
 
 #include "talvo/serialization/model_cfg.h"
 
-#include "talvo/serialization/json_document_support.h"
+#include "talvo/serialization/json_text_support.h"
 #include "talvo/serialization/record_support.h"
 
 namespace talvo::runtime {
@@ -15,7 +15,7 @@ void KernelCfg::VisitAttr(std::shared_ptr<Visitor> visitor) {
 }
 
 void KernelCfgArr::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  support::VisitTable(visitor, kernel_ids, "kernel_ids", kernels);
+  support::VisitTable(visitor, kernel_ids, "kernel_ids", kernels, sizeof(KernelCfg));
 }
 
 LayerCfg::LayerCfg()
@@ -32,7 +32,8 @@ void LayerCfg::VisitAttr(std::shared_ptr<Visitor> visitor) {
 
 void TLModelCfg::VisitAttr(std::shared_ptr<Visitor> visitor) {
   TALVO_VISIT_FIELD(summary);
-  support::VisitTable(visitor, squential_ids, "squential_ids", layers);
+  constexpr std::size_t kLayerBytes = sizeof(LayerCfg) + 2 * sizeof(KernelCfgArr) + sizeof(KernelCfg);
+  support::VisitTable(visitor, squential_ids, "squential_ids", layers, kLayerBytes);
 }
 
 TLModelMultiBackendCfgs::TLModelMultiBackendCfgs()
@@ -57,14 +58,13 @@ void TLModelMultiBackendCfgs::VisitAttr(std::shared_ptr<Visitor> visitor) {
 }
 
 void TLModelMultiBackendCfgsArr::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  support::VisitTable(visitor, squential_ids, "squential_ids", configs);
+  constexpr std::size_t kConfigBytes = sizeof(TLModelMultiBackendCfgs) + 8 * sizeof(TLModelCfg);
+  support::VisitTable(visitor, squential_ids, "squential_ids", configs, kConfigBytes);
 }
 
 std::shared_ptr<TLModelCfg> parseModelCfgFromJsonContent(std::string const& json) {
   auto const cfg = std::make_shared<TLModelCfg>();
-  support::JSONText const text(json);
-  utility::Assert(text.Root().IsObject(), "Document must be a Object.");
-  JSONValueTo(text.Root(), cfg.get());
+  support::ReadRecord(support::JSONText(json), cfg.get(), "Document must be a Object.");
   return cfg;
 }
 

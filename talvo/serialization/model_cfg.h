@@ -25,7 +25,7 @@ class TALVO_API KernelCfg : public Serializable {
 };
 
 /// Converters, in order of application. In this and the following tables each id of the list names one record; reading
-/// makes records that are absent. Assert: an id that stands more than 8 times in the list, a model more than twice.
+/// makes records that are absent. Assert: an id that stands more than 8 times in the list.
 class TALVO_API KernelCfgArr : public Serializable {
  public:
   void VisitAttr(std::shared_ptr<Visitor> visitor) override;

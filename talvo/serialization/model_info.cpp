@@ -1,14 +1,17 @@
-#include "talvo/serialization/rapidjson_include.h"
+#include "talvo/serialization/rapidjson_support.h"
 
 #include "talvo/serialization/model_info.h"
 
 #include <algorithm>
-#include <unordered_set>
+#include <set>
+#include <string_view>
 
-#include "talvo/serialization/json_document_support.h"
+#include "talvo/serialization/json_text_support.h"
 #include "talvo/serialization/layer_info_maker_support.h"
 #include "talvo/serialization/record_support.h"
-#include "talvo/utility/json_file.h"
+#include "talvo/utility/file_support.h"
+#include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::runtime {
 namespace {
@@ -29,10 +32,15 @@ void VisitLayer(Visitor& visitor, std::string const& id, unsigned short type, La
   layer->type = type;
 }
 
+void RequireTypes(TLModelInfo const& model) {
+  if (model.squential_ids.size() != model.squential_types.size())
+    utility::Refuse("Length of layer id and type mismatch.");
+}
+
 // The ids of `order` that nothing reads, each once, then those that only the table holds, sorted.
 std::vector<std::string> UnreadIDs(std::vector<std::string> const& order, Layers const& layers) {
   std::vector<std::string> unread, others;
-  std::unordered_set<std::string> seen;
+  std::set<std::string_view> seen;  // a hash table of ours would be one more that a file can make slow
   for (std::string const& id : order) {
     auto const place = layers.find(id);
     if (place != layers.end() && seen.insert(id).second && place->second->read_count == 0) unread.push_back(id);
@@ -91,14 +99,14 @@ void TLModelInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
   TALVO_VISIT_FIELD(extra_info);
   TALVO_VISIT_FIELD(squential_ids);
   TALVO_VISIT_FIELD(squential_types);
-  utility::Assert(squential_ids.size() == squential_types.size(), "Length of layer id and type mismatch.");
+  RequireTypes(*this);
   support::AssertFewRepeats(squential_ids);
   for (std::size_t i = 0; i < squential_ids.size(); ++i)
     VisitLayer(*visitor, squential_ids[i], squential_types[i], layers);
 }
 
 std::vector<std::string> TLModelInfo::GetInputIDs() {
-  utility::Assert(squential_ids.size() == squential_types.size(), "Length of layer id and type mismatch.");
+  RequireTypes(*this);
   std::vector<std::string> ids;
   for (std::size_t i = 0; i < squential_ids.size(); ++i) {
     if (squential_types[i] == 0) ids.push_back(squential_ids[i]);
@@ -108,7 +116,7 @@ std::vector<std::string> TLModelInfo::GetInputIDs() {
 
 std::vector<std::string> TLModelInfo::GetOutputIDs() {
   for (auto const& [id, layer] : layers) {
-    utility::Assert(layer != nullptr, "model: layer \"%s\" has no record", id.c_str());
+    if (layer == nullptr) utility::Refuse("model: layer \"%s\" has no record", id.c_str());
     layer->read_count = 0;
   }
   for (auto const& entry : layers) {
@@ -119,7 +127,7 @@ std::vector<std::string> TLModelInfo::GetOutputIDs() {
 
 void TLModelInfoArr::VisitAttr(std::shared_ptr<Visitor> visitor) {
   Serializable::VisitAttr(visitor);
-  support::VisitTable(visitor, squential_ids, "squential_ids", models);
+  support::VisitTable(visitor, squential_ids, "squential_ids", models, sizeof(TLModelInfo));
 }
 
 TLNModel::TLNModel()
@@ -137,9 +145,7 @@ void TLNModel::VisitAttr(std::shared_ptr<Visitor> visitor) {
 
 std::shared_ptr<TLModelInfo> parseModelInfoPtrFromJson(char const* path) {
   auto const model = std::make_shared<TLModelInfo>();
-  support::JSONText const text(utility::ReadJsonFileText(path));
-  utility::Assert(text.Root().IsObject(), "Document must be a Object.");
-  JSONValueTo(text.Root(), model.get());
+  support::ReadRecord(support::JSONText(utility::ReadJsonFileText(path)), model.get(), "Document must be a Object.");
   return model;
 }
 

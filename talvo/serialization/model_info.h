@@ -70,7 +70,7 @@ class TALVO_API TLModelInfo : public Serializable {
   std::unordered_map<std::string, std::shared_ptr<LayerInfo>> layers;
 };
 
-/// Networks by name. Assert, in VisitAttr: a name that stands more than twice in the list.
+/// Networks by name. Assert, in VisitAttr: a name that stands more than 8 times in the list.
 class TALVO_API TLModelInfoArr : public Serializable {
  public:
   void VisitAttr(std::shared_ptr<Visitor> visitor) override;

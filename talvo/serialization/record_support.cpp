@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::runtime::support {
 
@@ -34,10 +34,8 @@ std::string const* RepeatedTooOften(std::vector<std::string> const& ids) {
 }
 
 void AssertFewRepeats(std::vector<std::string> const& ids) {
-  std::string const* const repeated = RepeatedTooOften(ids);
-  if (repeated == nullptr) return;
-  utility::Assert(false, "list of %zu ids: \"%s\" stands more than %u times", ids.size(), repeated->c_str(),
-                  kMostRepeats);
+  if (std::string const* const repeated = RepeatedTooOften(ids))
+    utility::Refuse("list of %zu ids: \"%s\" stands more than %u times", ids.size(), repeated->c_str(), kMostRepeats);
 }
 
 }  // namespace talvo::runtime::support

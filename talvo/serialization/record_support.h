@@ -1,6 +1,7 @@
 // What the VisitAttr of several records share. Internal: not installed.
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -36,16 +37,24 @@ std::string const* RepeatedTooOften(std::vector<std::string> const& ids);
 /// Assert: an id that stands more than kMostRepeats times.
 void AssertFewRepeats(std::vector<std::string> const& ids);
 
-/// Visits the list of ids, then for each id its record, which is made where the table has none.
+/// Counts a record that a table makes while JSON is read; other visitors let it pass. Assert, naming `id`: more than a
+/// text of this size may make.
+void ChargeRecord(Visitor& visitor, std::size_t bytes, std::string const& id);
+
+/// Visits the list of ids, then for each id its record, which is made where the table has none. `record_bytes` is what
+/// a fresh one takes with the records in it.
 template <class Record>
 void VisitTable(std::shared_ptr<Visitor> const& visitor, std::vector<std::string>& ids, char const* key,
-                std::unordered_map<std::string, std::shared_ptr<Record>>& table) {
+                std::unordered_map<std::string, std::shared_ptr<Record>>& table, std::size_t record_bytes) {
   visitor->Visit(&ids, key);
   AssertFewRepeats(ids);
   for (std::string const& id : ids) {
-    auto const place = table.try_emplace(id);
-    if (place.second) place.first->second = std::make_shared<Record>();
-    visitor->Visit(place.first->second.get(), id.c_str());
+    auto place = table.find(id);
+    if (place == table.end()) {
+      ChargeRecord(*visitor, record_bytes, id);
+      place = table.emplace(id, std::make_shared<Record>()).first;
+    }
+    visitor->Visit(place->second.get(), id.c_str());
   }
 }
 

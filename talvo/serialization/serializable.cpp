@@ -1,4 +1,4 @@
-#include "talvo/serialization/rapidjson_include.h"
+#include "talvo/serialization/rapidjson_support.h"
 
 #include "talvo/serialization/serializable.h"
 
@@ -10,31 +10,24 @@
 #include <typeinfo>
 
 #include "talvo/serialization/file_visitors.h"
-#include "talvo/serialization/json_document_support.h"
+#include "talvo/serialization/json_text_support.h"
 #include "talvo/serialization/json_visitors.h"
 #include "talvo/serialization/record_support.h"
-#include "talvo/utility/json_file.h"
+#include "talvo/utility/file_support.h"
+#include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::runtime {
 namespace {
 
-using Stream = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
-
-void ReadJSON(std::string text, Serializable* record) {
-  support::JSONText const document(std::move(text));
-  utility::Assert(document.Root().IsObject(), nullptr);
-  JSONValueTo(document.Root(), record);
-}
+using utility::Refuse;
+using utility::Stream;
 
 std::string PrettyText(Serializable* record) {
   JSONAllocator allocator(65536);
   rapidjson::Value root(rapidjson::kObjectType);
   record->VisitAttr(std::make_shared<JSONNodeSetter>(root, allocator, true));
-  rapidjson::StringBuffer buffer;
-  rapidjson::PrettyWriter<rapidjson::StringBuffer> writer(buffer);
-  writer.SetIndent(' ', 4);
-  root.Accept(writer);  // as deep as the walk of the record was
-  return std::string(buffer.GetString(), buffer.GetSize());
+  return support::PrettyJSON(root);
 }
 
 void WriteJSON(Serializable* record, char const* path) {
@@ -42,11 +35,11 @@ void WriteJSON(Serializable* record, char const* path) {
   std::ofstream stream(path, std::ios::binary);
   if (!stream.is_open()) return;
   stream.write(text.data(), static_cast<std::streamsize>(text.size()));
-  utility::Assert(stream.flush().good(), "failed to write the file %s: %zu bytes", path, text.size());
+  if (!stream.flush().good()) Refuse("failed to write the file %s: %zu bytes", path, text.size());
 }
 
 bool ReadBinary(Serializable* record, char const* path) {
-  Stream const stream(std::fopen(path, "rb"), &std::fclose);
+  Stream const stream(std::fopen(path, "rb"));
   if (stream == nullptr) {
     utility::Log(16, "Failed to open model file, file path: %s.", path);
     return false;
@@ -56,15 +49,15 @@ bool ReadBinary(Serializable* record, char const* path) {
 }
 
 void WriteBinary(Serializable* record, char const* path) {
-  Stream const stream(std::fopen(path, "wb+"), &std::fclose);
-  utility::Assert(stream != nullptr, "cannot open the file %s for writing", path);
+  Stream const stream(std::fopen(path, "wb+"));
+  if (stream == nullptr) Refuse("cannot open the file %s for writing", path);
   record->VisitAttr(std::make_shared<FILEWriter>(stream.get(), true));
-  utility::Assert(std::fflush(stream.get()) == 0, "failed to write the file %s, error code is %d.\n", path,
-                  std::ferror(stream.get()));
+  if (std::fflush(stream.get()) != 0)
+    Refuse("failed to write the file %s, error code is %d.\n", path, std::ferror(stream.get()));
 }
 
 void AssertText(char const* text, char const* what) {
-  utility::Assert(text != nullptr, "a record cannot be read or written: %s is null", what);
+  if (text == nullptr) Refuse("a record cannot be read or written: %s is null", what);
 }
 
 }  // namespace
@@ -88,15 +81,14 @@ bool Serializable::FromFile(char const* path) {
   for (std::string const ending : {".json", ".tlmod", ".tlcfg", ".tlmods", ".tlcfgs"}) {
     if (name.substr(name.size() - ending.size()) == ending) return FromFile(path, ending == ".json" ? "json" : "bin");
   }
-  utility::Assert(false, "Unknow nets file type, file path: %s.", path);
-  return false;
+  Refuse("Unknow nets file type, file path: %s.", path);
 }
 
 bool Serializable::FromFile(char const* path, char const* type) {
   AssertText(path, "the path");
   AssertText(type, "the type word");
   if (std::string_view(type) == "json") {
-    ReadJSON(utility::ReadJsonFileText(path), this);
+    support::ReadRecord(support::JSONText(utility::ReadJsonFileText(path)), this, nullptr);
     return true;
   }
   if (std::string_view(type) == "bin") return ReadBinary(this, path);
@@ -106,7 +98,7 @@ bool Serializable::FromFile(char const* path, char const* type) {
 
 bool Serializable::FromJsonString(char const* json) {
   AssertText(json, "the text");
-  ReadJSON(json, this);
+  support::ReadRecord(support::JSONText(json), this, nullptr);
   return true;
 }
 

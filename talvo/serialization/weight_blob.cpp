@@ -7,7 +7,7 @@
 #include "talvo/serialization/json_visitors.h"
 #include "talvo/utility/base64.h"
 #include "talvo/utility/half.h"
-#include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::runtime {
 namespace {
@@ -58,7 +58,7 @@ void VisitWeights(Visitor& visitor, std::string* text, char const* key) {
     return visitor.Visit(text, key);
   if (auto* const reader = dynamic_cast<FILEReader*>(&visitor)) return ReadWeightBlob(*reader, *text);
   if (auto* const writer = dynamic_cast<FILEWriter*>(&visitor)) return WriteWeightBlob(*writer, *text);
-  utility::Assert(false, "Not Implemented.");
+  utility::Refuse("Not Implemented.");
 }
 
 void VisitWeights(Visitor& visitor, std::vector<std::string>* texts, char const* key) {
@@ -77,7 +77,7 @@ void VisitWeights(Visitor& visitor, std::vector<std::string>* texts, char const*
     writer->Visit(&count, nullptr);
     for (std::string const& text : *texts) WriteWeightBlob(*writer, text);
   } else {
-    utility::Assert(false, "Not Implemented.");
+    utility::Refuse("Not Implemented.");
   }
 }
 

@@ -1,10 +1,12 @@
 #include "talvo/utility/base64.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstring>
 
-#include "talvo/utility/log.h"
+#include "talvo/utility/base64_support.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::runtime {
 namespace {
@@ -48,7 +50,7 @@ void StoreGroup(std::uint32_t group, std::size_t count, char* bytes) {
 }  // namespace
 
 std::string Base64Encode(unsigned char const* data, unsigned long size) {
-  utility::Assert(data != nullptr || size == 0, "Base64Encode: no data for %lu bytes", size);
+  if (data == nullptr && size != 0) utility::Refuse("Base64Encode: no data for %lu bytes", size);
   std::string result((size + 2) / 3 * 4, '=');
   char* text = result.data();
   unsigned long const whole = size / 3 * 3;
@@ -66,21 +68,25 @@ std::string Base64Encode(unsigned char const* data, unsigned long size) {
   return result;
 }
 
-std::string Base64Decode(std::string const& text) {
-  std::string result(text.size() / 4 * 3 + 2, '\0');
-  char* bytes = result.data();
+std::size_t support::DecodeBase64(std::string_view text, void* bytes, std::size_t room_bytes) {
   auto const* at = reinterpret_cast<unsigned char const*>(text.data());
   auto const* const end = at + text.size();
-  for (; end - at >= 4; at += 4, bytes += 3) {
+  auto* to = static_cast<char*>(bytes);
+  for (; end - at >= 4 && room_bytes >= 3; at += 4, to += 3, room_bytes -= 3) {
     std::uint32_t const group = Group(at, 4);
     if ((group & kNoValue) != 0) break;
-    StoreGroup(group, 3, bytes);
+    StoreGroup(group, 3, to);
   }
-  std::size_t tail = 0;  // characters of the alphabet that do not fill a group
-  while (tail < 3 && at + tail != end && (kValueOf[0][at[tail]] & kNoValue) == 0) ++tail;
-  std::size_t const tail_bytes = tail * 6 / 8;
-  StoreGroup(Group(at, tail), tail_bytes, bytes);
-  result.resize(static_cast<std::size_t>(bytes - result.data()) + tail_bytes);
+  std::size_t tail = 0;  // characters of the alphabet that do not fill a group, or more than there is room for
+  while (tail < 4 && at + tail != end && (kValueOf[0][at[tail]] & kNoValue) == 0) ++tail;
+  std::size_t const tail_bytes = std::min(tail * 6 / 8, room_bytes);
+  StoreGroup(Group(at, tail), tail_bytes, to);
+  return static_cast<std::size_t>(to - static_cast<char*>(bytes)) + tail_bytes;
+}
+
+std::string Base64Decode(std::string const& text) {
+  std::string result(text.size() / 4 * 3 + 2, '\0');
+  result.resize(support::DecodeBase64(text, result.data(), result.size()));
   return result;
 }
 

@@ -2,17 +2,13 @@
 
 #include <sys/stat.h>
 
-#include <cstdio>
-#include <memory>
+#include <new>
 #include <utility>
+
+#include "talvo/utility/file_support.h"
 
 namespace talvo::utility {
 namespace {
-
-struct Close {
-  void operator()(std::FILE* stream) const { std::fclose(stream); }
-};
-using Stream = std::unique_ptr<std::FILE, Close>;
 
 // A directory can be opened, and its end lies where no memory reaches.
 bool IsDirectory(std::FILE* stream) {
@@ -22,17 +18,25 @@ bool IsDirectory(std::FILE* stream) {
 
 }  // namespace
 
-bool LoadFile(std::string path, std::string& content) {
-  Stream const stream(std::fopen(path.c_str(), "rb"));
-  if (stream == nullptr || IsDirectory(stream.get())) return false;
-  if (std::fseek(stream.get(), 0, SEEK_END) != 0) return false;
+FileReading ReadWholeFile(char const* path, std::string& content) {
+  Stream const stream(std::fopen(path, "rb"));
+  if (stream == nullptr) return FileReading::kNotOpened;
+  if (IsDirectory(stream.get()) || std::fseek(stream.get(), 0, SEEK_END) != 0) return FileReading::kNotWhole;
   long const size = std::ftell(stream.get());
-  if (size < 0) return false;
+  if (size < 0) return FileReading::kNotWhole;
   std::rewind(stream.get());
   std::string bytes(static_cast<std::size_t>(size), '\0');
-  if (std::fread(bytes.data(), 1, bytes.size(), stream.get()) != bytes.size()) return false;
+  if (std::fread(bytes.data(), 1, bytes.size(), stream.get()) != bytes.size()) return FileReading::kNotWhole;
   content = std::move(bytes);
-  return true;
+  return FileReading::kWhole;
+}
+
+bool LoadFile(std::string path, std::string& content) {
+  try {
+    return ReadWholeFile(path.c_str(), content) == FileReading::kWhole;
+  } catch (std::bad_alloc const&) {  // the answer to every failure is false, and a caller can go on with less
+    return false;
+  }
 }
 
 bool SaveFile(std::string path, std::string const& content) {

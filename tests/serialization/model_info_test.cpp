@@ -3,11 +3,11 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
 #include <stdexcept>
 
 #include "talvo/serialization/layer_info_activation.h"
 #include "talvo/serialization/layer_info_tensor.h"
-#include "tests/serialization/golden_package.h"
 #include "tests/serialization/record_catalogue.h"
 #include "tests/support/log_capture.h"
 
@@ -27,72 +27,65 @@ std::string OneLayer(unsigned short type, std::shared_ptr<LayerInfo> info) {
 
 TEST(TLModelInfo, MakesTheRecordOfEachNumber) {
   LogCapture const quiet;
-  int made = 0;
+  std::set<std::string> const records_alone = {
+      "LayerInfo", "SQFCConv2dInfo", "SQFCConv2dFoldedBNInfo", "Pad1dInfo", "AdaptiveMaxPool2dInfo", "SpaceToDepthInfo",
+      "Pad2dInfo", "GemmInfo"};
+  std::set<unsigned short> made;
   for (RecordClass const& entry : RecordCatalogue()) {
     auto const info = std::dynamic_pointer_cast<LayerInfo>(entry.make());
-    std::string const name = entry.name;
-    if (info == nullptr || name == "LayerInfo") continue;
-    SCOPED_TRACE(name);
-    auto const number = static_cast<unsigned short>(name == "TensorUnSqueezeInfo" ? 16 : info->type);
-    std::string const bytes = OneLayer(number, info);
+    if (info == nullptr || records_alone.count(entry.name) != 0) continue;
+    SCOPED_TRACE(entry.name);
+    auto const number = static_cast<unsigned short>(entry.name == "TensorUnSqueezeInfo" ? 16 : info->type);
     TLModelInfo read;
-    if (number == 23 || number == 24 || number == 27 || number == 28 || number == 39 || number == 42 || number == 43) {
-      EXPECT_EQ(RefusalOf([&] { ReadFrom(read, bytes, "bin"); }),
-                "[TLN]: Unsupported Layer Type [" + std::to_string(number) + "].\n");
-    } else {
-      ReadFrom(read, bytes, "bin");
-      EXPECT_EQ(read.layers.at("a")->type, number);
-      EXPECT_EQ(read.layers.at("a")->GetClassTypeName(), name);
-      ++made;
-    }
+    ReadFrom(read, OneLayer(number, info), "bin");
+    EXPECT_EQ(read.layers.at("a")->type, number);
+    EXPECT_EQ(read.layers.at("a")->GetClassTypeName(), entry.name);
+    made.insert(number);
   }
-  EXPECT_EQ(made, 35);
+  EXPECT_EQ(made.size(), 35u);
+  for (unsigned int type = 0; type < 65536; type += type < 300 ? 1 : 65535 - 300) {
+    auto const number = static_cast<unsigned short>(type);
+    if (made.count(number) != 0) continue;
+    LogCapture const of_writing;
+    std::string const bytes = OneLayer(number, std::make_shared<InputInfo>());
+    EXPECT_EQ(RefusalOf([&] {
+                TLModelInfo read;
+                ReadFrom(read, bytes, "bin");
+              }),
+              type == 65535 ? "[TLN]: Unknow Layer Type.\n"
+                            : "[TLN]: Unsupported Layer Type [" + std::to_string(type) + "].\n");
+  }
 }
 
-TEST(TLModelInfo, RefusesWhatNamesNoLayer) {
-  for (auto const& [type, text] : {std::pair<int, char const*>{4, "Unsupported Layer Type [4].\n"},
-                                   {251, "Unsupported Layer Type [251].\n"},
-                                   {300, "Unsupported Layer Type [300].\n"},
-                                   {65535, "Unknow Layer Type.\n"}}) {
-    auto const number = static_cast<unsigned short>(type);
-    auto const info = std::make_shared<InputInfo>();
-    LogCapture const quiet;
-    std::string const bytes = OneLayer(number, info);
-    EXPECT_EQ(RefusalOf([&, &refused = bytes] {
-                TLModelInfo read;
-                ReadFrom(read, refused, "bin");
-              }),
-              std::string("[TLN]: ") + text);
-  }
-  TLModelInfo uneven;
-  uneven.squential_ids = {"a"};
+TEST(TLModelInfo, RefusesUnevenListsAndMissingRecords) {
+  TLModelInfo uneven, without_record;
+  uneven.squential_ids = without_record.squential_ids = {"a"};
   EXPECT_EQ(RefusalOf([&] { Written(uneven, "bin"); }), "[TLN]: Length of layer id and type mismatch.\n");
-  TLModelInfo without_record;
-  without_record.squential_ids = {"a"};
   without_record.squential_types = {0};
   without_record.layers["a"] = nullptr;
-  EXPECT_THROW(Written(without_record, "json"), std::runtime_error);
+  EXPECT_NE(RefusalOf([&] { Written(without_record, "json"); }).find("\"a\""), std::string::npos);
 }
 
-TEST(TLModelInfo, ReadsAnIdTwiceIntoOneRecordAndRefusesMore) {
+TEST(TLModelInfo, ReadsAnIdOftenIntoOneRecordAndRefusesMore) {
   LogCapture const quiet;
-  for (std::size_t repeats : {2u, 8u, 9u}) {
-    auto const model = GoldenPackage(20015)->model_arr->models["net"];
-    model->squential_ids.assign(repeats, "act");
-    model->squential_types.assign(repeats, 1);
+  for (std::size_t repeats : {8u, 9u}) {
+    TLModelInfo model, read;
+    model.squential_ids.assign(repeats, "a");
+    model.squential_types.assign(repeats, 12);
+    model.layers["a"] = std::make_shared<ConcatenateInfo>();
+    model.layers["a"]->input_ids = {"b"};
+    TLModelInfoArr models;
+    models.squential_ids.assign(repeats, "net");
     if (repeats > 8) {
-      EXPECT_NE(RefusalOf([&] { Written(*model, "json"); }).find("\"act\" stands more than 8 times"),
-                std::string::npos);
-      continue;
+      EXPECT_NE(RefusalOf([&] { Written(model, "json"); }).find("\"a\" stands more than 8 times"), std::string::npos);
+      EXPECT_NE(RefusalOf([&] { Written(models, "bin"); }).find("\"net\" stands more than 8 times"), std::string::npos);
+    } else {
+      ReadFrom(read, Written(model, "json"), "json");
+      EXPECT_EQ(read.layers.size(), 1u);
+      EXPECT_EQ(read.layers["a"]->input_ids.size(), repeats);
+      Written(models, "json");
     }
-    TLModelInfo read;
-    ReadFrom(read, Written(*model, "json"), "json");
-    EXPECT_EQ(read.layers.size(), 1u);
-    EXPECT_EQ(read.layers["act"]->input_ids.size(), repeats);
   }
-  TLModelInfoArr models;
-  models.squential_ids.assign(9, "net");
-  EXPECT_NE(RefusalOf([&] { Written(models, "json"); }).find("\"net\" stands more than 8 times"), std::string::npos);
 }
 
 TEST(TLModelInfo, TellsInputsAndOutputsOfTheGraph) {
@@ -132,26 +125,52 @@ TEST(LayerInfo, GoesOnWithoutAReadableType) {
 }
 
 TEST(LayerInfoFactory, MakesTheClassesThatMayStandAlone) {
+  std::set<std::string> const in_models_alone = {"LayerInfo",
+                                                 "SQFCConv2dInfo",
+                                                 "SQFCConv2dFoldedBNInfo",
+                                                 "AdaptiveMaxPool2dInfo",
+                                                 "BatchNorm1dInfo",
+                                                 "SpaceToDepthInfo",
+                                                 "Pad1dInfo",
+                                                 "Pad2dInfo",
+                                                 "TensorSliceInfo",
+                                                 "LayerPlaceholderInfo"};
   int made = 0;
   for (RecordClass const& entry : RecordCatalogue()) {
     auto const info = std::dynamic_pointer_cast<LayerInfo>(entry.make());
     if (info == nullptr) continue;
     SCOPED_TRACE(entry.name);
-    std::string const name = entry.name, text = Written(*info, "json");
-    bool const alone = name != "LayerInfo" && name != "SQFCConv2dInfo" && name != "SQFCConv2dFoldedBNInfo" &&
-                       name != "AdaptiveMaxPool2dInfo" && name != "BatchNorm1dInfo" && name != "SpaceToDepthInfo" &&
-                       name != "Pad1dInfo" && name != "Pad2dInfo" && name != "TensorSliceInfo" &&
-                       name != "LayerPlaceholderInfo";
-    if (alone) {
-      EXPECT_EQ(LayerInfoFactory(text)->GetClassTypeName(), name);
-      ++made;
-    } else {
+    std::string const text = Written(*info, "json");
+    if (in_models_alone.count(entry.name) != 0) {
       EXPECT_EQ(RefusalOf([&] { LayerInfoFactory(text); }), "[TLN]: Unsupported Layer Type.\n");
+    } else {
+      EXPECT_EQ(LayerInfoFactory(text)->GetClassTypeName(), entry.name);
+      ++made;
     }
   }
   EXPECT_EQ(made, 33);
   EXPECT_EQ(RefusalOf([] { LayerInfoFactory("[]"); }), "[TLN]: ");
   EXPECT_NE(RefusalOf([] { LayerInfoFactory("{}"); }).find("\"serializable_type\""), std::string::npos);
+}
+
+// Each maker of a record from JSON looks for the version in the text.
+TEST(Makers, HeedTheVersion) {
+  ActivationInfo activation;
+  activation.num_parameters = 3;
+  TLModelInfo model;
+  model.extra_info.summary = "told";
+  TLModelCfg cfg;
+  auto const with = [](Serializable& record, char const* version) {
+    std::string text = Written(record, "json");
+    return text.replace(text.find("20015"), 5, version);
+  };
+  ScratchFile const old_model(with(model, "20003")), new_model(with(model, "20016"));
+  EXPECT_EQ(dynamic_cast<ActivationInfo&>(*LayerInfoFactory(with(activation, "20011"))).num_parameters, 1);
+  EXPECT_EQ(parseModelInfoPtrFromJson(old_model.Path())->extra_info.summary, "");
+  for (auto const& make : {std::function<void()>([&] { LayerInfoFactory(with(activation, "20016")); }),
+                           std::function<void()>([&] { parseModelInfoPtrFromJson(new_model.Path()); }),
+                           std::function<void()>([&] { parseModelCfgFromJsonContent(with(cfg, "20016")); })})
+    EXPECT_EQ(RefusalOf(make), "[TLN]: _serialization_protocol_version > __SERIALIZATION_PROTOCOL_VERSION__.\n");
 }
 
 TEST(InferenceParam, IsMadeByTheNamesOfConfigurations) {
@@ -190,8 +209,9 @@ TEST(Parsing, RefusesARootThatIsNoObject) {
   EXPECT_EQ(RefusalOf([&] { parseModelInfoPtrFromJson(array.Path()); }), text);
   EXPECT_EQ(RefusalOf([&] { parseModelInfoPtrFromJson(broken.Path()); }), text);
   EXPECT_EQ(RefusalOf([] { parseModelCfgFromJsonContent("7"); }), text);
-  auto const package = GoldenPackage(20015);
-  auto const cfg = package->config_arr->configs["net"]->cpu_sse;
+  TLNModel package;
+  ReadFrom(package, Golden("package.json"), "json");
+  auto const cfg = package.config_arr->configs["net"]->cpu_sse;
   EXPECT_EQ(ListFields(*parseModelCfgFromJsonContent(Written(*cfg, "json")), true), ListFields(*cfg, true));
 }
 

@@ -1,4 +1,4 @@
-#include "talvo/serialization/rapidjson_include.h"
+#include "talvo/serialization/rapidjson_support.h"
 
 #include "tests/serialization/record_catalogue.h"
 
@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -59,11 +60,13 @@ struct JSONStorage {
   rapidjson::Value object{rapidjson::kObjectType};
 };
 
-// Weights are visited as text where the visitor is one of the JSON pair; hence the bases of these two.
+// Weights are visited as text where the visitor is one of the JSON pair; hence the bases of these three.
 class Lister : private JSONStorage, public JSONNodeSetter {
  public:
-  Lister(std::vector<std::string>& lines, bool deep)
-      : JSONNodeSetter(object, allocator, false), lines_(lines), deep_(deep) {}
+  Lister(std::vector<std::string>& lines, bool deep, unsigned int version)
+      : JSONNodeSetter(object, allocator, false), lines_(lines), deep_(deep) {
+    _serialization_protocol_version = version;
+  }
 
 #define TALVO_VISIT(type) \
   void Visit(type* value, char const* key) override { List(value, key); }
@@ -81,7 +84,7 @@ class Lister : private JSONStorage, public JSONNodeSetter {
   }
   void List(Serializable* record, char const* key) {
     lines_.push_back(std::string("record ") + key + "=");
-    if (deep_) record->VisitAttr(std::make_shared<Lister>(lines_, true));
+    if (deep_) record->VisitAttr(std::make_shared<Lister>(lines_, true, _serialization_protocol_version));
   }
 
   std::vector<std::string>& lines_;
@@ -99,15 +102,15 @@ class Filler : private JSONStorage, public JSONNodeGetter {
 
  private:
   template <class T>
-  void Fill(T* value, char const*) {
-    *value = static_cast<T>(++count_);
+  void Fill(T* value, char const* key) {
+    *value = static_cast<T>(std::string_view(key) == "num_sampling_infos" ? 2 : ++count_);
   }
   void Fill(float* value, char const*) { *value = static_cast<float>(++count_) + 0.1f; }
   void Fill(half* value, char const*) { *value = half(static_cast<float>(++count_) + 0.5f); }
   void Fill(bool* value, char const*) { *value = !*value; }
   void Fill(std::string* value, char const* key) {
     if (std::string_view(key) == "serializable_type") return;
-    float const number = static_cast<float>(++count_) * -0.25f;
+    float const number = static_cast<float>(++count_) * -0.1f;
     *value = Base64Encode(reinterpret_cast<unsigned char const*>(&number), sizeof number);
   }
   template <class T>
@@ -123,15 +126,60 @@ class Filler : private JSONStorage, public JSONNodeGetter {
   int& count_;
 };
 
+std::string NameOf(std::type_info const& type) {
+  std::unique_ptr<char, void (*)(void*)> const text(abi::__cxa_demangle(type.name(), nullptr, nullptr, nullptr),
+                                                    &std::free);
+  std::string const full = text.get();
+  return full.substr(full.rfind(':') + 1);
+}
+
+class Encoder : private JSONStorage, public JSONNodeSetter {
+ public:
+  Encoder(std::string& bytes, Blobs const& blobs, Serializable const& record)
+      : JSONNodeSetter(object, allocator, false), bytes_(bytes), blobs_(blobs), class_(NameOf(typeid(record))) {}
+
+#define TALVO_VISIT(type) \
+  void Visit(type* value, char const* key) override { Put(value, key); }
+  TALVO_FOR_EACH_VISITED_TYPE(TALVO_VISIT)
+#undef TALVO_VISIT
+
+ private:
+  template <class T>
+  void Put(T const* value, char const*) {
+    bytes_.append(reinterpret_cast<char const*>(value), sizeof *value);
+  }
+  void PutCount(unsigned long long count) { Put(&count, nullptr); }
+  void Put(std::string const* text, char const* key) {
+    auto const keys = blobs_.find(class_);
+    if (keys == blobs_.end() || keys->second.count(key) == 0) {
+      PutCount(text->size());
+      bytes_ += *text;
+      return;
+    }
+    std::string const floats = Base64Decode(*text);
+    PutCount(floats.size() / sizeof(float));
+    for (std::size_t at = 0; at < floats.size(); at += sizeof(float)) {
+      float value;
+      std::memcpy(&value, &floats[at], sizeof value);
+      half const cut(value);
+      Put(&cut, nullptr);
+    }
+  }
+  template <class T>
+  void Put(std::vector<T> const* values, char const* key) {
+    PutCount(values->size());
+    for (T const& value : *values) Put(&value, key);
+  }
+  void Put(Serializable* record, char const*) { record->VisitAttr(std::make_shared<Encoder>(bytes_, blobs_, *record)); }
+
+  std::string& bytes_;
+  Blobs const& blobs_;
+  std::string class_;
+};
+
 template <class... Records>
 std::vector<RecordClass> Catalogue() {
-  auto const name = [](std::type_info const& type) {
-    std::unique_ptr<char, void (*)(void*)> const text(abi::__cxa_demangle(type.name(), nullptr, nullptr, nullptr),
-                                                      &std::free);
-    std::string const full = text.get();
-    return full.substr(full.rfind(':') + 1);
-  };
-  return {{name(typeid(Records)), [] { return std::make_shared<Records>(); }}...};
+  return {{NameOf(typeid(Records)), [] { return std::make_shared<Records>(); }}...};
 }
 
 }  // namespace
@@ -160,15 +208,18 @@ std::vector<RecordClass> const& RecordCatalogue() {
   return catalogue;
 }
 
-std::vector<std::string> ListFields(Serializable& record, bool deep) {
+std::vector<std::string> ListFields(Serializable& record, bool deep, unsigned int version) {
   std::vector<std::string> lines;
-  record.VisitAttr(std::make_shared<Lister>(lines, deep));
+  record.VisitAttr(std::make_shared<Lister>(lines, deep, version));
   return lines;
 }
 
-void FillFields(Serializable& record) {
-  int count = 0;
-  record.VisitAttr(std::make_shared<Filler>(count));
+void FillFields(Serializable& record, int count) { record.VisitAttr(std::make_shared<Filler>(count)); }
+
+std::string Encoded(Serializable& record, Blobs const& blobs) {
+  std::string bytes;
+  record.VisitAttr(std::make_shared<Encoder>(bytes, blobs, record));
+  return bytes;
 }
 
 ScratchFile::ScratchFile(std::string const& bytes) {

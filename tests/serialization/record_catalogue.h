@@ -1,8 +1,10 @@
-// All record classes, and walks that list or fill the fields of any record.
+// All record classes, and walks that list, fill or encode the fields of any record.
 #pragma once
 
 #include <functional>
+#include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -17,11 +19,18 @@ struct RecordClass {
 
 std::vector<RecordClass> const& RecordCatalogue();
 
-/// "kind key=value" for each field; a nested record is "record key=", with its own fields behind it if `deep`.
-std::vector<std::string> ListFields(runtime::Serializable& record, bool deep);
+/// "kind key=value" for each field that files of `version` hold; a nested record is "record key=", with its own fields
+/// behind it if `deep`.
+std::vector<std::string> ListFields(runtime::Serializable& record, bool deep, unsigned int version = 20015);
 
-/// Gives every field, of nested records too, a value that no other field has; weights are exact as halves.
-void FillFields(runtime::Serializable& record);
+/// Gives every field, of nested records too, a value that no other field has, from `count` on; weights are no halves.
+void FillFields(runtime::Serializable& record, int count = 0);
+
+/// The fields of each class that the binary stream holds as halves.
+using Blobs = std::map<std::string, std::set<std::string>>;
+
+/// The bytes of the record in the stream, without a version word, by the definition of each kind.
+std::string Encoded(runtime::Serializable& record, Blobs const& blobs);
 
 /// A file of the test's own that goes with the object.
 class ScratchFile {

@@ -89,7 +89,7 @@ std::shared_ptr<TLModelCfg> DefaultConfiguration(TLModelInfo const& model) {
 
 std::shared_ptr<TLModelCfg> ReadConfiguration(std::string const& path) {
   try {
-    return parseModelCfgFromJsonContent(talvo::utility::ReadJsonFileText(path.c_str()));
+    return parseModelCfgFromJsonContent(talvo::utility::ReadJsonFile2StrStream(path.c_str()).str());
   } catch (std::exception const& refusal) {
     throw std::runtime_error(path + ": " + tools::Message(refusal, "does not hold a configuration"));
   }

@@ -2,7 +2,7 @@
 """Writes the golden packages beside this script, byte by byte and without the library.
 
 package_<version>.tlnmodel hold one small model whose layers and configuration cross every version gate of the format;
-package.json is the newest of them as JSON. golden_package.cpp builds the same package as records.
+package.json is the newest of them as JSON.
 """
 import base64
 import decimal
