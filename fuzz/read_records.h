@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/memory_meter.h"
 #include "talvo/serialization/json_visitors.h"
 #include "talvo/serialization/model_info.h"
 #include "talvo/utility/log.h"
@@ -91,12 +92,18 @@ bool Rereads(Record& record, char const* form) {
   return read || !written;
 }
 
-/// Reads the scratch file as a `Record`. What was read goes through both forms once more, and the binary form must read
-/// again; in JSON ids may meet other keys, and texts end at their first zero character.
+/// Reads the scratch file as a `Record`, in memory of no more than 1 MiB and 40 times (JSON) or 16 times its length.
+/// What was read goes through both forms once more, and the binary form must read again; in JSON ids may meet other
+/// keys, and texts end at their first zero character.
 template <class Record>
 void ReadAndReread(char const* form, std::size_t size) {
   Record record;
-  bool const read = Accepted([&] { return record.FromFile(ScratchPath().c_str(), form); });
+  bool read;
+  {
+    MemoryMeter const meter;
+    read = Accepted([&] { return record.FromFile(ScratchPath().c_str(), form); });
+    if (meter.PeakBytes() > (1u << 20) + size * (*form == 'j' ? 40 : 16)) std::abort();
+  }
   if (!read || size > kRewrittenBytes) return;
   if (!Rereads(record, "bin") && !NamesARecordTwice(record)) std::abort();
   Rereads(record, "json");

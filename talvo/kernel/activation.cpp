@@ -1,11 +1,10 @@
 #include "talvo/kernel/activation.h"
 
-#include <cstring>
 
 #include "talvo/kernel/functional/activation.h"
 #include "talvo/kernel/kernel_of_support.h"
 #include "talvo/serialization/layer_info_activation.h"
-#include "talvo/utility/base64.h"
+#include "talvo/utility/base64_support.h"
 #include "talvo/utility/refuse_support.h"
 
 namespace talvo::kernel {
@@ -111,12 +110,13 @@ struct PReluOperation : InvertedForm {
   bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) {
     auto const* const info = dynamic_cast<ActivationInfo const*>(layer.get());
     if (info == nullptr || info->weight.empty()) return false;
-    std::string const bytes = runtime::Base64Decode(info->weight);
-    if (bytes.size() < sizeof slope) {
-      utility::Refuse("%s of layer %s: weight holds %zu bytes, the slope needs %zu", kName, info->id.c_str(),
-                      bytes.size(), sizeof slope);
+    float first;
+    std::size_t const bytes = runtime::support::DecodeBase64(info->weight, &first, sizeof first);
+    if (bytes < sizeof first) {
+      utility::Refuse("%s of layer %s: weight holds %zu bytes, the slope needs %zu", kName, info->id.c_str(), bytes,
+                      sizeof first);
     }
-    std::memcpy(&slope, bytes.data(), sizeof slope);
+    slope = first;
     return true;
   }
 

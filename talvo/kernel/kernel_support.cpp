@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "talvo/utility/base64.h"
+#include "talvo/utility/base64_support.h"
 #include "talvo/utility/refuse_support.h"
 
 namespace talvo::kernel::support {
@@ -132,15 +133,16 @@ TensorPtr DecodeWeights(Who const& who, std::string const& layer_id, char const*
                         std::vector<unsigned int> dims, unsigned int layout, ContextPtr const& context,
                         std::size_t entry) {
   TensorShape shape(std::move(dims), TensorShape::FLOAT32, layout, TensorShape::MainMemory, TensorShape::Extra());
-  std::string const bytes = runtime::Base64Decode(base64);
   double needed = sizeof(float);  // extents of a file may pass 32 bits, and 64
   for (unsigned int const extent : shape.dims) needed *= extent;
-  if (static_cast<double>(bytes.size()) < needed) {
-    std::string const number = entry == kNoEntry ? "" : "[" + std::to_string(entry) + "]";
-    Refuse("%s of layer %s: %s%s holds %zu bytes, shape %s needs %.0f", who.Text().c_str(), layer_id.c_str(), what,
-           number.c_str(), bytes.size(), DimsText(shape.dims).c_str(), needed);
+  if (static_cast<double>(base64.size()) * 0.75 >= needed) {  // else it cannot be enough, and no tensor is made
+    auto const weights = Device(who, context).CreateTensor(shape, nullptr);
+    auto const bytes = static_cast<std::size_t>(needed);
+    if (runtime::support::DecodeBase64(base64, weights->data, bytes) == bytes) return weights;
   }
-  return Device(who, context).CreateTensor(std::move(shape), bytes.data());
+  std::string const number = entry == kNoEntry ? "" : "[" + std::to_string(entry) + "]";
+  Refuse("%s of layer %s: %s%s holds %zu bytes, shape %s needs %.0f", who.Text().c_str(), layer_id.c_str(), what,
+         number.c_str(), runtime::Base64Decode(base64).size(), DimsText(shape.dims).c_str(), needed);
 }
 
 }  // namespace talvo::kernel::support

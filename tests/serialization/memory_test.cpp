@@ -5,13 +5,13 @@
 #include <new>
 #include <stdexcept>
 
+#include "fuzz/memory_meter.h"
 #include "talvo/serialization/layer_info_activation.h"
 #include "talvo/serialization/layer_info_tensor.h"
 #include "talvo/serialization/model_info.h"
 #include "talvo/utility/file.h"
 #include "tests/serialization/record_catalogue.h"
 #include "tests/support/log_capture.h"
-#include "fuzz/memory_meter.h"
 
 namespace talvo::test {
 namespace {
