@@ -1,6 +1,5 @@
 #include "talvo/kernel/activation.h"
 
-
 #include "talvo/kernel/functional/activation.h"
 #include "talvo/kernel/kernel_of_support.h"
 #include "talvo/serialization/layer_info_activation.h"

@@ -74,7 +74,8 @@ void ReadJSON(std::string const& path, TLNModel& package) {
     package.FromFile(path.c_str(), "json");
   } catch (std::exception const& refusal) {
     std::string const message = Message(refusal);
-    throw std::runtime_error(message.empty() ? ProblemOf(talvo::utility::ReadJsonFile2StrStream(path.c_str()).str()) : message);
+    throw std::runtime_error(message.empty() ? ProblemOf(talvo::utility::ReadJsonFile2StrStream(path.c_str()).str())
+                                             : message);
   }
 }
 
