@@ -2,12 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstring>
 #include <functional>
 #include <string>
 
 #include "talvo/kernel/functional/activation.h"
+#include "talvo/kernel/rows/exponential.h"
 #include "talvo/kernel/rows/instruction_sets.h"
 #include "talvo/serialization/inference_param.h"
 #include "talvo/serialization/layer_info_activation.h"
@@ -50,8 +50,16 @@ Case Of(char const* name, char const* form, FreeForm const& free_form, std::func
   return {name, std::make_shared<Kernel>(), form[0] == 's', std::strstr(form, "reads") != nullptr, free_form, step};
 }
 
+// One element as a row of its own; exponential_sweep has the values.
+template <auto* kRow>
+float Alone(float x) {
+  (*kRow)(&x, 1, &x);
+  return x;
+}
+
 std::vector<Case> Cases() {
   using namespace kernel;
+  using kernel::rows::SigmoidRow, kernel::rows::TanhRow;
   namespace f = kernel::functional;
   auto const leaky = [](float alpha) -> FreeForm {
     return [=](float const* in, unsigned int const& count, float* out) { f::leaky_f32(in, count, alpha, out); };
@@ -63,9 +71,8 @@ std::vector<Case> Cases() {
                                      [](float x) { return 0.0f > x ? 0.0f : x; }),
           Of<ReLU6_Fallback_Float_M1>("ReLU6_Fallback_Float_M1", "inverted", f::relu6_f32,
                                       [](float x) { return 0.0f > x ? 0.0f : (6.0f < x ? 6.0f : x); }),
-          Of<Sigmoid_Fallback_Float_M1>("Sigmoid_Fallback_Float_M1", "strict", f::sigmoid_f32,
-                                        [](float x) { return 1.0f / (expf(-x) + 1.0f); }),
-          Of<TanH_Fallback_Float_M1>("TanH_Fallback_Float_M1", "strict", f::tanh_f32, tanhf),
+          Of<Sigmoid_Fallback_Float_M1>("Sigmoid_Fallback_Float_M1", "strict", f::sigmoid_f32, Alone<&SigmoidRow>),
+          Of<TanH_Fallback_Float_M1>("TanH_Fallback_Float_M1", "strict", f::tanh_f32, Alone<&TanhRow>),
           Of<HSigmoid_Fallback_Float_M1>("HSigmoid_Fallback_Float_M1", "strict", f::hsigmoid_f32, HardSigmoid),
           Of<HSwish_Fallback_Float_M1>("HSwish_Fallback_Float_M1", "strict", f::hswish_f32,
                                        [](float x) { return HardSigmoid(x) * x; }),
