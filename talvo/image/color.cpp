@@ -1,13 +1,12 @@
 #include "talvo/image/color.h"
 
 #include <algorithm>
-#include <cstdint>
 #include <cstring>
 
 #include "talvo/image/image_process_fallback.h"
 #include "talvo/image/image_support.h"
-#include "talvo/image/planes_support.h"
 #include "talvo/kernel/rows/pixels.h"
+#include "talvo/kernel/rows/transpose.h"
 #include "talvo/utility/restrict.h"
 
 namespace talvo::kernel {
@@ -18,67 +17,70 @@ using namespace image;
 
 constexpr std::size_t kRgb = 3, kRgba = 4;  // bytes of an interleaved pixel
 
-void SplitFrame(unsigned char const* pixels, std::size_t pixel_bytes, std::size_t count, Planes const& planes) {
-  pixel_bytes == kRgba ? SplitPixels4(pixels, count, planes) : SplitPixels3(pixels, count, planes);
+// Planes 0, 1 and 2 from the first three bytes of each pixel, in this order or in the reverse one.
+void SplitPixels(unsigned char const* pixels, std::size_t pixel_bytes, std::size_t count, Planes const& planes,
+                 bool reverse) {
+  auto const& split = pixel_bytes == kRgba ? rows::SplitFour : rows::SplitThree;
+  split(pixels, count, planes[reverse ? 2 : 0], planes[1], planes[reverse ? 0 : 2]);
 }
 
-Planes Reversed(Planes const& planes) { return {planes[2], planes[1], planes[0]}; }
+// The planes of a colour copy are found with Locate3D: a `dst` of a rank other than 3 ends the process.
+void LocatePlanes(Argument const& dst) { dst.tensor().Locate3D(0, 0, 0); }
 
-// Pixels of a plane of `dst`.
-std::size_t PlanePixels(Images const& images) {
-  return Volume(Extent(images.name, "dst", images.dst, 1), Extent(images.name, "dst", images.dst, 2));
+void CopyColours(Argument const& src, Argument const& dst, std::size_t pixel_bytes, bool reverse) {
+  LocatePlanes(dst);
+  std::size_t const count = dst.Pixels(1);
+  Planes const planes = ThreePlanes(dst, count);
+  SplitPixels(src.Memory(Volume(count, pixel_bytes)), pixel_bytes, count, planes, reverse);
 }
 
-// The same for the colour copies, which find their planes with Locate3D: a rank other than 3 ends the process.
-std::size_t CopiedPixels(Images const& images) {
-  images.dst.Locate3D(0, 0, 0);
-  return PlanePixels(images);
+void CopyRgba(char const* operation, TensorPtr const& source, TensorPtr const& destination, bool reverse) {
+  Argument const src(operation, "src", source), dst(operation, "dst", destination);
+  Validate(dst.shape().layout == TensorShape::CHW);
+  CopyColours(src, dst, kRgba, reverse);
 }
 
-// Three planes from interleaved pixels, in their order or in the reverse one.
-void SplitInto(Images const& images, std::size_t pixel_bytes, bool reverse) {
-  std::size_t const count = CopiedPixels(images);
-  Planes const planes = ThreePlanes(images.name, "dst", images.dst, count);
-  auto const* const pixels = Memory(images.name, "src", images.src, Volume(count, pixel_bytes));
-  SplitFrame(pixels, pixel_bytes, count, reverse ? Reversed(planes) : planes);
-}
-
-void ToGray(Images const& images, std::size_t pixel_bytes, bool blue_first) {
-  Assert(images.dst.shape.layout == TensorShape::CHW, nullptr);
-  unsigned int const layout = images.src.shape.layout;
+void ToGray(char const* operation, TensorPtr const& source, TensorPtr const& destination, std::size_t pixel_bytes,
+            bool blue_first) {
+  Argument const src(operation, "src", source), dst(operation, "dst", destination);
+  Validate(dst.shape().layout == TensorShape::CHW);
+  unsigned int const layout = src.shape().layout;
   if (layout != TensorShape::HWC && layout != TensorShape::CHW) return;
-  std::size_t const count = PlanePixels(images);
-  unsigned char* const gray = Memory(images.name, "dst", images.dst, count);
-  if (layout == TensorShape::HWC) {
-    auto const* const pixels = Memory(images.name, "src", images.src, Volume(count, pixel_bytes));
-    if (pixel_bytes == kRgba) return rows::GrayFour(pixels, count, gray);
-    return rows::GrayThree(pixels, blue_first ? rows::kBlue : rows::kRed, blue_first ? rows::kRed : rows::kBlue, count,
-                           gray);
+  std::size_t const count = dst.Pixels(1);
+  unsigned char* const gray = dst.Memory(count);
+  if (layout == TensorShape::CHW) {
+    Planes const planes = ThreePlanes(src, count);
+    return rows::GrayRow(planes[blue_first ? 2 : 0], planes[1], planes[blue_first ? 0 : 2], count, gray);
   }
-  NeedRank(images.name, "src", images.src, 3);
-  Planes const planes = ThreePlanes(images.name, "src", images.src, count);
-  Planes const rgb = blue_first ? Reversed(planes) : planes;
-  rows::GrayRow(rgb[0], rgb[1], rgb[2], count, gray);
+  auto const* const pixels = src.Memory(Volume(count, pixel_bytes));
+  if (pixel_bytes == kRgba) return rows::GrayFour(pixels, count, gray);
+  rows::GrayThree(pixels, blue_first ? rows::kBlue : rows::kRed, blue_first ? rows::kRed : rows::kBlue, count, gray);
 }
 
-// Elements, extents and memory of the two conversions between HWC and CHW.
-struct Exchange {
-  Exchange(Images const& images, std::size_t plane_axis, std::size_t channel_axis)
-      : element_bytes(images.src.shape.data_type == TensorShape::FLOAT32 ? 4 : 1),
-        count(Volume(Extent(images.name, "dst", images.dst, plane_axis),
-                     Extent(images.name, "dst", images.dst, plane_axis + 1))),
-        channels(Extent(images.name, "dst", images.dst, channel_axis)) {
-    unsigned int const type = images.src.shape.data_type;
-    Assert(type == TensorShape::UINT8 || type == TensorShape::FLOAT32, "Not Implemented.");
-    std::size_t const bytes = Volume(count, channels, element_bytes);
-    from = Memory(images.name, "src", images.src, bytes);
-    to = Memory(images.name, "dst", images.dst, bytes);
-  }
-
-  std::size_t element_bytes, count, channels;
-  void const* from = nullptr;
-  void* to = nullptr;
+// An interleaved image and a planar one of the same extents, which are those of `dst`.
+struct Exchanged {
+  std::size_t element_bytes, pixels, channels;
+  unsigned char const* from;
+  unsigned char* to;
 };
+
+Exchanged ValidateExchange(Argument const& src, Argument const& dst, unsigned int dst_layout) {
+  Validate(dst.shape().layout == dst_layout);
+  unsigned int const type = src.shape().data_type;
+  if (type != TensorShape::UINT8 && type != TensorShape::FLOAT32) Refuse("Not Implemented.");
+  std::size_t const row_axis = dst_layout == TensorShape::CHW ? 1 : 0, channel_axis = row_axis == 1 ? 0 : 2;
+  Exchanged e{};
+  e.element_bytes = runtime::ElementSize(type);
+  e.pixels = dst.Pixels(row_axis);
+  e.channels = dst.Extent(channel_axis);
+  std::size_t const bytes = Volume(e.pixels, e.channels, e.element_bytes);
+  if (bytes == 0) return {};  // extents beside a 0 may be as large as they like: nobody walks them
+  e.from = src.Memory(bytes);
+  e.to = dst.Memory(bytes);
+  return e;
+}
+
+std::ptrdiff_t Signed(std::size_t bytes) { return static_cast<std::ptrdiff_t>(bytes); }
 
 void WidenRow(unsigned char const* TALVO_RESTRICT bytes, std::size_t count, float* TALVO_RESTRICT floats) {
   for (std::size_t i = 0; i < count; ++i) floats[i] = bytes[i];
@@ -87,70 +89,61 @@ void WidenRow(unsigned char const* TALVO_RESTRICT bytes, std::size_t count, floa
 }  // namespace
 
 void ImageProcessFallback::ConvertRGBAtoRGB(TensorPtr& src, TensorPtr& dst, ContextPtr) {
-  Images const images("ConvertRGBAtoRGB", src, dst);
-  Assert(images.dst.shape.layout == TensorShape::CHW, nullptr);
-  SplitInto(images, kRgba, false);
+  CopyRgba("ConvertRGBAtoRGB", src, dst, false);
 }
 
 void ImageProcessFallback::ConvertRGBAtoBGR(TensorPtr& src, TensorPtr& dst, ContextPtr) {
-  Images const images("ConvertRGBAtoBGR", src, dst);
-  Assert(images.dst.shape.layout == TensorShape::CHW, nullptr);
-  SplitInto(images, kRgba, true);
+  CopyRgba("ConvertRGBAtoBGR", src, dst, true);
 }
 
-void ImageProcessFallback::ConvertRGBtoBGR(TensorPtr& src, TensorPtr& dst, ContextPtr) {
-  Images const images("ConvertRGBtoBGR", src, dst);
-  if (images.src.shape.layout != TensorShape::CHW) return SplitInto(images, kRgb, true);
-  std::size_t const count = CopiedPixels(images);
-  Planes const to = ThreePlanes(images.name, "dst", images.dst, count);
-  NeedRank(images.name, "src", images.src, 3);
-  Planes const from = ThreePlanes(images.name, "src", images.src, count);
+void ImageProcessFallback::ConvertRGBtoBGR(TensorPtr& source, TensorPtr& destination, ContextPtr) {
+  Argument const src("ConvertRGBtoBGR", "src", source), dst("ConvertRGBtoBGR", "dst", destination);
+  if (src.shape().layout != TensorShape::CHW) return CopyColours(src, dst, kRgb, true);
+  LocatePlanes(dst);
+  std::size_t const count = dst.Pixels(1);
+  Planes const to = ThreePlanes(dst, count), from = ThreePlanes(src, count);
   if (count == 0) return;
   for (std::size_t k = 0; k < 3; ++k) std::memcpy(to[k], from[2 - k], count);
 }
 
 void ImageProcessFallback::ConvertRGB2Gray(TensorPtr& src, TensorPtr& dst, ContextPtr) {
-  ToGray(Images("ConvertRGB2Gray", src, dst), kRgb, false);
+  ToGray("ConvertRGB2Gray", src, dst, kRgb, false);
 }
 
 void ImageProcessFallback::ConvertRGBA2Gray(TensorPtr& src, TensorPtr& dst, ContextPtr) {
-  ToGray(Images("ConvertRGBA2Gray", src, dst), kRgba, false);
+  ToGray("ConvertRGBA2Gray", src, dst, kRgba, false);
 }
 
 void ImageProcessFallback::ConvertBGR2Gray(TensorPtr& src, TensorPtr& dst, ContextPtr) {
-  ToGray(Images("ConvertBGR2Gray", src, dst), kRgb, true);
+  ToGray("ConvertBGR2Gray", src, dst, kRgb, true);
 }
 
+// Between pixels and planes a matrix [pixels, channels] is transposed. Three bytes a pixel have a primitive of their
+// own, since a matrix of three columns leaves the transposer no squares.
+
 void ImageProcessFallback::HWC2CHW(TensorPtr& src, TensorPtr& dst, ContextPtr) {
-  Images const images("HWC2CHW", src, dst);
-  Assert(images.dst.shape.layout == TensorShape::CHW, nullptr);
-  Exchange const e(images, 1, 0);
-  if (e.element_bytes == 1) {
-    SplitPixels(static_cast<std::uint8_t const*>(e.from), e.count, e.channels, static_cast<std::uint8_t*>(e.to));
-  } else {
-    SplitPixels(static_cast<std::uint32_t const*>(e.from), e.count, e.channels, static_cast<std::uint32_t*>(e.to));
+  Exchanged const e = ValidateExchange({"HWC2CHW", "src", src}, {"HWC2CHW", "dst", dst}, TensorShape::CHW);
+  if (e.channels == 3 && e.element_bytes == 1) {
+    return rows::SplitThree(e.from, e.pixels, e.to, e.to + e.pixels, e.to + 2 * e.pixels);
   }
+  rows::TransposeElements(e.element_bytes, {e.from, Signed(e.channels * e.element_bytes), e.pixels, e.channels, e.to,
+                                            Signed(e.pixels * e.element_bytes), Signed(e.element_bytes)});
 }
 
 void ImageProcessFallback::CHW2HWC(TensorPtr& src, TensorPtr& dst, ContextPtr) {
-  Images const images("CHW2HWC", src, dst);
-  Assert(images.dst.shape.layout == TensorShape::HWC, nullptr);
-  Exchange const e(images, 0, 2);
-  if (e.element_bytes == 1) {
-    MergePlanes(static_cast<std::uint8_t const*>(e.from), e.count, e.channels, static_cast<std::uint8_t*>(e.to));
-  } else {
-    MergePlanes(static_cast<std::uint32_t const*>(e.from), e.count, e.channels, static_cast<std::uint32_t*>(e.to));
+  Exchanged const e = ValidateExchange({"CHW2HWC", "src", src}, {"CHW2HWC", "dst", dst}, TensorShape::HWC);
+  if (e.channels == 3 && e.element_bytes == 1) {
+    return rows::MergeThree(e.from, e.from + e.pixels, e.from + 2 * e.pixels, e.pixels, e.to);
   }
+  rows::TransposeElements(e.element_bytes, {e.from, Signed(e.pixels * e.element_bytes), e.channels, e.pixels, e.to,
+                                            Signed(e.channels * e.element_bytes), Signed(e.element_bytes)});
 }
 
-void ImageProcessFallback::Convert8U_To_32F(TensorPtr& src, TensorPtr& dst, ContextPtr) {
-  Images const images("Convert8U_To_32F", src, dst);
-  Assert(images.src.shape.data_type == TensorShape::UINT8, nullptr);
-  std::size_t const rows = Extent(images.name, "src", images.src, 2);
-  std::size_t const count = Volume(images.src.shape.dims[0], images.src.shape.dims[1], rows);
-  auto const* const bytes = Memory(images.name, "src", images.src, count);
-  WidenRow(bytes, count,
-           reinterpret_cast<float*>(Memory(images.name, "dst", images.dst, Volume(count, sizeof(float)))));
+void ImageProcessFallback::Convert8U_To_32F(TensorPtr& source, TensorPtr& destination, ContextPtr) {
+  Argument const src("Convert8U_To_32F", "src", source), dst("Convert8U_To_32F", "dst", destination);
+  Validate(src.shape().data_type == TensorShape::UINT8);
+  std::size_t const last = src.Extent(2), count = Volume(src.Extent(0), src.Extent(1), last);
+  WidenRow(src.Memory(count), count, dst.Memory<float>(count));
 }
 
 }  // namespace talvo::kernel
@@ -158,20 +151,20 @@ void ImageProcessFallback::Convert8U_To_32F(TensorPtr& src, TensorPtr& dst, Cont
 namespace talvo::kernel::functional {
 namespace {
 
-void ToPlanes(char const* name, TensorPtr const& i_img, TensorPtr const& o_img, std::size_t pixel_bytes, bool reverse) {
-  TensorCPU const& input = Cast(i_img, "i_img");
-  TensorCPU const& output = Cast(o_img, "o_img");
-  NeedType(input, "i_img", TensorShape::UINT8, "UInt8");
-  NeedType(output, "o_img", TensorShape::UINT8, "UInt8");
-  NeedLayout(input, "i_img", TensorShape::HWC, "CHW");  // the message names the output's layout for both
-  NeedLayout(output, "o_img", TensorShape::CHW, "CHW");
-  NeedMainMemory(input, "i_img");
-  NeedMainMemory(output, "o_img");
-  NeedRank(name, "o_img", output, 3);
-  std::size_t const count = Volume(Extent(name, "i_img", input, 0), Extent(name, "i_img", input, 1));
-  auto const* const pixels = Memory(name, "i_img", input, Volume(count, pixel_bytes));
-  Planes const planes = ThreePlanes(name, "o_img", output, count);
-  SplitFrame(pixels, pixel_bytes, count, reverse ? Reversed(planes) : planes);
+void ToPlanes(char const* function, TensorPtr const& i_img, TensorPtr const& o_img, std::size_t pixel_bytes,
+              bool reverse) {
+  Argument const input(function, "i_img", i_img), output(function, "o_img", o_img);
+  input.ValidateTensorCPU();
+  output.ValidateTensorCPU();
+  input.ValidateType(TensorShape::UINT8, "UInt8");
+  output.ValidateType(TensorShape::UINT8, "UInt8");
+  input.ValidateLayout(TensorShape::HWC, "CHW");  // the message names the output's layout for both
+  output.ValidateLayout(TensorShape::CHW, "CHW");
+  input.ValidateMainMemory();
+  output.ValidateMainMemory();
+  std::size_t const count = input.Pixels(0);
+  auto const* const pixels = input.Memory(Volume(count, pixel_bytes));
+  SplitPixels(pixels, pixel_bytes, count, ThreePlanes(output, count), reverse);
 }
 
 struct Weights {
@@ -191,12 +184,13 @@ void GrayDouble(unsigned char const* TALVO_RESTRICT pixels, Weights const weight
 }
 
 template <std::size_t kPixelBytes>
-void ToGray8(char const* name, TensorPtr const& i_img, TensorPtr const& o_img, Weights const& weights) {
-  TensorCPU const& input = Cast(i_img, "i_img");
-  TensorCPU const& output = Cast(o_img, "o_img");
-  std::size_t const count = Volume(Extent(name, "i_img", input, 0), Extent(name, "i_img", input, 1));
-  auto const* const pixels = Memory(name, "i_img", input, Volume(count, kPixelBytes));
-  GrayDouble<kPixelBytes>(pixels, weights, count, Memory(name, "o_img", output, count));
+void ToGray8(char const* function, TensorPtr const& i_img, TensorPtr const& o_img, Weights const& weights) {
+  Argument const input(function, "i_img", i_img), output(function, "o_img", o_img);
+  input.ValidateTensorCPU();
+  output.ValidateTensorCPU();
+  std::size_t const count = input.Pixels(0);
+  auto const* const pixels = input.Memory(Volume(count, kPixelBytes));
+  GrayDouble<kPixelBytes>(pixels, weights, count, output.Memory(count));
 }
 
 }  // namespace

@@ -28,24 +28,22 @@ std::size_t BytesUpTo(std::int64_t y, std::int64_t x, std::int64_t width, std::s
 
 // The area from (top, left) to (bottom, right), both included, clipped to the image; a row of `dst` is as long as the
 // area is wide before clipping.
-void CropPixels(char const* name, TensorPtr const& source, TensorPtr const& destination, float left_share,
+void CropPixels(char const* operation, TensorPtr const& source, TensorPtr const& destination, float left_share,
                 float top_share, float right_share, float bottom_share, std::size_t pixel_bytes) {
-  Images const images(name, source, destination);
-  auto const& [operation, src, dst] = images;
-  auto const w = static_cast<std::int64_t>(Extent(operation, "src", src, 1));
-  auto const h = static_cast<std::int64_t>(src.shape.dims[0]);
-  std::int64_t const left = PixelOfShare(operation, left_share, src.shape.dims[1]);
-  std::int64_t const top = PixelOfShare(operation, top_share, src.shape.dims[0]);
-  std::int64_t const right = PixelOfShare(operation, right_share, src.shape.dims[1]);
-  std::int64_t const bottom = PixelOfShare(operation, bottom_share, src.shape.dims[0]);
+  Argument const src(operation, "src", source), dst(operation, "dst", destination);
+  std::size_t const columns = src.Extent(1), lines = src.Extent(0);
+  auto const w = static_cast<std::int64_t>(columns), h = static_cast<std::int64_t>(lines);
+  std::int64_t const left = PixelOfShare(operation, left_share, columns);
+  std::int64_t const top = PixelOfShare(operation, top_share, lines);
+  std::int64_t const right = PixelOfShare(operation, right_share, columns);
+  std::int64_t const bottom = PixelOfShare(operation, bottom_share, lines);
   std::int64_t const x0 = std::max<std::int64_t>(left, 0), x1 = std::min(w - 1, right);
   std::int64_t const y0 = std::max<std::int64_t>(top, 0), y1 = std::min(h - 1, bottom);
   if (x0 > x1 || y0 > y1) return;
   std::int64_t const span = right - left + 1;
-  auto const* const from = Memory(operation, "src", src, BytesUpTo(y1, x1, w, pixel_bytes));
-  auto* const to = Memory(operation, "dst", dst, BytesUpTo(y1 - top, x1 - left, span, pixel_bytes));
-  std::size_t const from_row = static_cast<std::size_t>(w) * pixel_bytes;
-  std::size_t const to_row = static_cast<std::size_t>(span) * pixel_bytes;
+  auto const* const from = src.Memory(BytesUpTo(y1, x1, w, pixel_bytes));
+  auto* const to = dst.Memory(BytesUpTo(y1 - top, x1 - left, span, pixel_bytes));
+  std::size_t const from_row = columns * pixel_bytes, to_row = static_cast<std::size_t>(span) * pixel_bytes;
   CopyRows(from + static_cast<std::size_t>(y0) * from_row + static_cast<std::size_t>(x0) * pixel_bytes, from_row,
            static_cast<std::size_t>(y1 - y0 + 1), static_cast<std::size_t>(x1 - x0 + 1) * pixel_bytes,
            to + static_cast<std::size_t>(y0 - top) * to_row + static_cast<std::size_t>(x0 - left) * pixel_bytes,
@@ -83,89 +81,93 @@ namespace {
 struct RowLayout {
   unsigned int layout;
   char const* name;
-  std::size_t rank;
-  std::size_t row_axis;  // the columns are the axis behind it
+  std::size_t row_axis;      // the columns are the axis behind it
+  std::size_t channel_axis;  // whose extents must agree
+  bool is_blocked;           // the axis behind the columns is the block, otherwise a pixel of its own is one element
 };
-constexpr RowLayout kHWC = {TensorShape::HWC, "HWC", 3, 0};
-constexpr RowLayout kCHW = {TensorShape::CHW, "CHW", 3, 1};
-constexpr RowLayout kC4HW4 = {TensorShape::C4HW4, "C4HW4", 4, 1};
-constexpr RowLayout kC8HW8 = {TensorShape::C8HW8, "C8HW8", 4, 1};
+constexpr RowLayout kHWC = {TensorShape::HWC, "HWC", 0, 2, false};
+constexpr RowLayout kCHW = {TensorShape::CHW, "CHW", 1, 0, false};
+constexpr RowLayout kC4HW4 = {TensorShape::C4HW4, "C4HW4", 1, 0, true};
+constexpr RowLayout kC8HW8 = {TensorShape::C8HW8, "C8HW8", 1, 0, true};
 
 struct Area {
   std::uint64_t y, x, height, width;
 };
 
+void ValidatePlanes(Argument const& image, RowLayout const& rows) {
+  image.ValidateLayout(rows.layout, rows.name);
+  image.ValidateMainMemory();
+}
+
 // Without a text: the shapes fit each other and the area.
-void NeedArea(TensorShape const& input, TensorShape const& output, std::size_t row_axis, Area const& area) {
-  Assert(input.data_type == output.data_type, nullptr);
-  for (std::size_t axis = 0; axis < input.dims.size(); ++axis) {
-    bool const spatial = axis == row_axis || axis == row_axis + 1;
-    Assert(spatial || input.dims[axis] == output.dims[axis], nullptr);
-  }
-  Assert(area.height == output.dims[row_axis] && area.width == output.dims[row_axis + 1], nullptr);
-  Assert(area.height + area.y <= input.dims[row_axis] && area.width + area.x <= input.dims[row_axis + 1], nullptr);
-  Assert(input.dims.size() < 4 || input.dims[3] == 4 || input.dims[3] == 8, nullptr);
+void ValidateArea(Argument const& input, Argument const& output, RowLayout const& rows, Area const& area) {
+  Validate(input.shape().data_type == output.shape().data_type);
+  Validate(area.height == output.Extent(rows.row_axis));
+  Validate(area.width == output.Extent(rows.row_axis + 1));
+  Validate(input.Extent(rows.channel_axis) == output.Extent(rows.channel_axis));
+  Validate(area.height + area.y <= input.Extent(rows.row_axis));
+  Validate(area.width + area.x <= input.Extent(rows.row_axis + 1));
+  if (!rows.is_blocked) return;
+  Validate(input.Extent(3) == output.Extent(3));
+  Validate(input.Extent(3) == 4 || input.Extent(3) == 8);
 }
 
 void CropRows(char const* function, TensorPtr const& i_img, Area const& area, TensorPtr const& o_img,
               RowLayout const& rows) {
-  TensorCPU const& input = Cast(i_img, "i_img");
-  TensorCPU const& output = Cast(o_img, "o_img");
-  NeedLayout(input, "i_img", rows.layout, rows.name);
-  NeedMainMemory(input, "i_img");
-  NeedLayout(output, "o_img", rows.layout, rows.name);
-  NeedMainMemory(output, "o_img");
-  NeedRank(function, "i_img", input, rows.rank);
-  NeedRank(function, "o_img", output, rows.rank);
-  NeedArea(input.shape, output.shape, rows.row_axis, area);
-  auto const& dims = input.shape.dims;
-  std::size_t const pixel_bytes = runtime::ElementSize(input.shape.data_type) *
-                                  (rows.row_axis + 2 < rows.rank ? dims[rows.row_axis + 2] : std::size_t{1});
-  std::size_t const planes = rows.row_axis == 0 ? 1 : dims[0];
-  std::size_t const plane = Volume(dims[rows.row_axis], dims[rows.row_axis + 1], pixel_bytes);
+  Argument const input(function, "i_img", i_img), output(function, "o_img", o_img);
+  input.ValidateTensorCPU();
+  output.ValidateTensorCPU();
+  ValidatePlanes(input, rows);
+  ValidatePlanes(output, rows);
+  ValidateArea(input, output, rows, area);
+  bool const interleaved = rows.channel_axis == 2;
+  std::size_t const planes = interleaved ? 1 : input.Extent(0), columns = input.Extent(rows.row_axis + 1);
+  std::size_t const elements = interleaved ? input.Extent(2) : rows.is_blocked ? input.Extent(3) : 1;
+  std::size_t const pixel_bytes = runtime::ElementSize(input.shape().data_type) * elements;
+  std::size_t const plane = Volume(input.Extent(rows.row_axis), columns, pixel_bytes);
   std::size_t const cropped_plane = Volume(area.height, area.width, pixel_bytes);
   if (planes == 0 || cropped_plane == 0) return;
-  auto const* const from = Memory(function, "i_img", input, Volume(planes, plane));
-  auto* const to = Memory(function, "o_img", output, Volume(planes, cropped_plane));
-  std::size_t const from_row = dims[rows.row_axis + 1] * pixel_bytes, to_row = area.width * pixel_bytes;
+  auto const* const from = input.Memory(Volume(planes, plane));
+  auto* const to = output.Memory(Volume(planes, cropped_plane));
+  std::size_t const from_row = columns * pixel_bytes, to_row = area.width * pixel_bytes;
   for (std::size_t p = 0; p < planes; ++p) {
     CopyRows(from + p * plane + area.y * from_row + area.x * pixel_bytes, from_row, area.height, to_row,
              to + p * cropped_plane, to_row);
   }
 }
 
-void NeedByteFrame(TensorCPU const& tensor, char const* name) {
-  NeedType(tensor, name, TensorShape::UINT8, "UInt8");
-  NeedLayout(tensor, name, TensorShape::HWC, "HWC");
-  NeedMainMemory(tensor, name);
+void ValidateByteFrame(Argument const& image) {
+  image.ValidateType(TensorShape::UINT8, "UInt8");
+  image.ValidateLayout(TensorShape::HWC, "HWC");
+  image.ValidateMainMemory();
 }
 
 void CropFilled(char const* function, TensorPtr const& i_img, std::int64_t y, std::int64_t x, std::int64_t height,
                 std::int64_t width, unsigned char fill, TensorPtr const& o_img) {
-  TensorCPU const& input = Cast(i_img, "i_img");
-  TensorCPU const& output = Cast(o_img, "o_img");
-  NeedByteFrame(input, "i_img");
-  NeedByteFrame(output, "o_img");
-  NeedRank(function, "i_img", input, 3);
-  NeedRank(function, "o_img", output, 3);
-  auto const &from_dims = input.shape.dims, &to_dims = output.shape.dims;
-  Assert(height == to_dims[0], nullptr);
-  Assert(width == to_dims[1], nullptr);
-  Assert(from_dims[2] == to_dims[2], nullptr);
-  std::size_t const bytes = runtime::ByteCount(output.shape), pixel_bytes = to_dims[2];
-  auto const* const from = Memory(function, "i_img", input, runtime::ByteCount(input.shape));
-  auto* const to = Memory(function, "o_img", output, bytes);
+  Argument const input(function, "i_img", i_img), output(function, "o_img", o_img);
+  input.ValidateTensorCPU();
+  output.ValidateTensorCPU();
+  ValidateByteFrame(input);
+  ValidateByteFrame(output);
+  Validate(height == static_cast<std::int64_t>(output.Extent(0)));
+  Validate(width == static_cast<std::int64_t>(output.Extent(1)));
+  Validate(input.Extent(2) == output.Extent(2));
+  std::size_t const lines = input.Extent(0), columns = input.Extent(1), pixel_bytes = input.Extent(2);
+  std::size_t const bytes = runtime::ByteCount(output.shape());  // all of it, also what further axes hold
+  auto const* const from = input.Memory(Volume(lines, columns, pixel_bytes));
+  auto* const to = output.Memory(std::max(bytes, Volume(output.Extent(0), output.Extent(1), pixel_bytes)));
   if (bytes == 0) return;
   std::memset(to, fill, bytes);
-  std::int64_t const y0 = std::max<std::int64_t>(y, 0), y1 = std::min<std::int64_t>(y + height, from_dims[0]);
-  std::int64_t const x0 = std::max<std::int64_t>(x, 0), x1 = std::min<std::int64_t>(x + width, from_dims[1]);
+  std::int64_t const y0 = std::max<std::int64_t>(y, 0), x0 = std::max<std::int64_t>(x, 0);
+  std::int64_t const y1 = std::min(y + height, static_cast<std::int64_t>(lines));
+  std::int64_t const x1 = std::min(x + width, static_cast<std::int64_t>(columns));
   if (y0 >= y1 || x0 >= x1) return;  // y1 and x1 are one behind the last
-  auto const offset = [&](std::int64_t row, std::int64_t column, std::size_t columns) {
-    return (static_cast<std::size_t>(row) * columns + static_cast<std::size_t>(column)) * pixel_bytes;
+  auto const offset = [&](std::int64_t row, std::int64_t column, std::size_t row_pixels) {
+    return (static_cast<std::size_t>(row) * row_pixels + static_cast<std::size_t>(column)) * pixel_bytes;
   };
-  CopyRows(from + offset(y0, x0, from_dims[1]), from_dims[1] * pixel_bytes, static_cast<std::size_t>(y1 - y0),
-           static_cast<std::size_t>(x1 - x0) * pixel_bytes, to + offset(y0 - y, x0 - x, to_dims[1]),
-           to_dims[1] * pixel_bytes);
+  CopyRows(from + offset(y0, x0, columns), columns * pixel_bytes, static_cast<std::size_t>(y1 - y0),
+           static_cast<std::size_t>(x1 - x0) * pixel_bytes,
+           to + offset(y0 - y, x0 - x, static_cast<std::size_t>(width)), static_cast<std::size_t>(width) * pixel_bytes);
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 #include "talvo/image/image_process.h"
 
 #include "talvo/utility/invariant.h"
-#include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::kernel {
 namespace {
@@ -70,7 +70,7 @@ void ImageProcess::ConvertPixel(Image& src, Image& dst, int code, ContextPtr con
 
 void ImageProcess::ConvertPixel(Image& src, Image& dst, float a, float b, float c, float d, int code,
                                 ContextPtr context) {
-  utility::Assert(src != nullptr, "ConvertPixel: src is null");
+  if (src == nullptr) utility::Refuse("ConvertPixel: src is null");
   TALVO_INVARIANT(src->shape.data_type == runtime::TensorShape::UINT8);
   for (auto const& entry : kShareOperations) {
     if (entry.code == code) (this->*entry.operation)(src, dst, a, b, c, d, context);

@@ -1,6 +1,6 @@
 #include "talvo/image/image_process_fallback.h"
 
-#include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::kernel {
 
@@ -8,12 +8,12 @@ ImageProcessFallback::~ImageProcessFallback() = default;
 
 void ImageProcessFallback::Affine_Unimplemented(std::shared_ptr<Tensor>&, std::shared_ptr<Tensor>&, float const*,
                                                 std::shared_ptr<Context>) {
-  utility::Assert(false, "Not Implemented.");
+  utility::Refuse("Not Implemented.");
 }
 
 void ImageProcessFallback::Affine_INV_Unimplemented(std::shared_ptr<Tensor>&, std::shared_ptr<Tensor>&, float const*,
                                                     std::shared_ptr<Context>) {
-  utility::Assert(false, "Not Implemented.");
+  utility::Refuse("Not Implemented.");
 }
 
 void ImageProcessFallback::Crop_Resize_Nearest_C2(std::shared_ptr<Tensor>&, std::shared_ptr<Tensor>&, float, float,

@@ -10,7 +10,7 @@
 namespace talvo::kernel {
 
 /// Images are UINT8 unless told otherwise, and `src` and `dst` do not overlap. Every operation refuses through Assert a
-/// null tensor and one whose memory or rank is too small for what it would touch.
+/// null tensor and one whose memory or rank is too small for what it would touch, after the refusals told below.
 class TALVO_API ImageProcessFallback : public ImageProcess {
  public:
   ~ImageProcessFallback() override;

@@ -1,31 +1,58 @@
 #include "talvo/image/image_support.h"
 
-#include <limits>
-
 namespace talvo::kernel::image {
 
-TensorCPU const& Cast(TensorPtr const& tensor, char const* name, char const* format) {
-  auto const* const cast = dynamic_cast<TensorCPU const*>(tensor.get());
-  Assert(cast != nullptr, format, name);
-  return *cast;
+void Argument::ValidateSet(char const* format) const {
+  if (tensor_ == nullptr) Refuse(format, name_);
 }
 
-void NeedLayout(TensorCPU const& tensor, char const* name, unsigned int layout, char const* layout_name) {
-  Assert(tensor.shape.layout == layout, "%s must be a %s Layout Tensor.", name, layout_name);
+void Argument::ValidateTensorCPU(char const* format) const {
+  if (dynamic_cast<TensorCPU const*>(tensor_.get()) == nullptr) Refuse(format, name_);
 }
 
-void NeedType(TensorCPU const& tensor, char const* name, unsigned int type, char const* type_name) {
-  Assert(tensor.shape.data_type == type, "%s must be a %s DataType Tensor.", name, type_name);
+void Argument::ValidateLayout(unsigned int layout, char const* layout_name) const {
+  if (shape().layout != layout) Refuse("%s must be a %s Layout Tensor.", name_, layout_name);
 }
 
-void NeedMainMemory(TensorCPU const& tensor, char const* name) {
-  Assert(tensor.shape.location == TensorShape::MainMemory, "%s must be a MainMemory Location Tensor.", name);
+void Argument::ValidateType(unsigned int type, char const* type_name) const {
+  if (shape().data_type != type) Refuse("%s must be a %s DataType Tensor.", name_, type_name);
 }
 
-Images::Images(char const* operation, TensorPtr const& source, TensorPtr const& destination)
-    : name(operation),
-      src(Cast(source, operation, "%s: src is no CPU tensor")),
-      dst(Cast(destination, operation, "%s: dst is no CPU tensor")) {}
+void Argument::ValidateMainMemory() const {
+  if (shape().location != TensorShape::MainMemory) Refuse("%s must be a MainMemory Location Tensor.", name_);
+}
+
+TensorShape const& Argument::shape() const {
+  if (tensor_ == nullptr) Refuse("%s: %s is no CPU tensor", function_, name_);
+  return tensor_->shape;
+}
+
+std::size_t Argument::Extent(std::size_t axis) const {
+  auto const& dims = shape().dims;
+  if (axis >= dims.size()) Refuse("%s: %s has rank %zu, needs %zu", function_, name_, dims.size(), axis + 1);
+  return dims[axis];
+}
+
+std::size_t Argument::Pixels(std::size_t row_axis) const {
+  std::size_t const columns = Extent(row_axis + 1);
+  return Volume(Extent(row_axis), columns);
+}
+
+TensorCPU const& Argument::tensor() const {
+  auto const* const cpu = dynamic_cast<TensorCPU const*>(tensor_.get());
+  if (cpu == nullptr) Refuse("%s: %s is no CPU tensor", function_, name_);
+  return *cpu;
+}
+
+void* Argument::CheckedMemory(std::size_t bytes) const {
+  TensorCPU const& cpu = tensor();
+  std::size_t const held = cpu.data == nullptr ? 0 : runtime::ByteCount(cpu.shape);
+  if (bytes > held) {
+    Refuse("%s: %s of dims %s holds %zu bytes, needs %zu", function_, name_, runtime::DimsText(cpu.shape.dims).c_str(),
+           held, bytes);
+  }
+  return cpu.data;
+}
 
 std::size_t Volume(std::size_t a, std::size_t b, std::size_t c, std::size_t d) {
   constexpr std::size_t kLargest = std::numeric_limits<std::size_t>::max();
@@ -34,45 +61,24 @@ std::size_t Volume(std::size_t a, std::size_t b, std::size_t c, std::size_t d) {
   return a * b * c * d;
 }
 
-std::size_t Extent(char const* function, char const* name, TensorCPU const& tensor, std::size_t axis) {
-  if (axis >= tensor.shape.dims.size()) {
-    Assert(false, "%s: %s has rank %zu, needs %zu", function, name, tensor.shape.dims.size(), axis + 1);
-  }
-  return tensor.shape.dims[axis];
-}
-
 std::int64_t PixelOfShare(char const* function, float share, std::size_t extent) {
   float const pixel = share * static_cast<float>(extent);
   if (!(pixel >= -2147483648.0f && pixel < 2147483648.0f)) {
-    Assert(false, "%s: share %g of %zu pixels is no int", function, static_cast<double>(share), extent);
+    Refuse("%s: share %g of %zu pixels is no int", function, static_cast<double>(share), extent);
   }
   return static_cast<int>(pixel);
 }
 
-void NeedRank(char const* function, char const* name, TensorCPU const& tensor, std::size_t rank) {
-  Assert(tensor.shape.dims.size() == rank, "%s: %s has rank %zu, needs %zu", function, name, tensor.shape.dims.size(),
-         rank);
-}
-
-unsigned char* Memory(char const* function, char const* name, TensorCPU const& tensor, std::size_t bytes) {
-  std::size_t const held = tensor.data == nullptr ? 0 : runtime::ByteCount(tensor.shape);
-  if (bytes > held) {
-    Assert(false, "%s: %s of dims %s holds %zu bytes, needs %zu", function, name,
-           runtime::DimsText(tensor.shape.dims).c_str(), held, bytes);
+Planes ThreePlanes(Argument const& image, std::size_t pixels) {
+  std::size_t const plane = image.Pixels(1);
+  if (pixels == 0) return {};
+  if (plane < pixels) {
+    Refuse("%s: %s of dims %s needs memory for 3 planes of %zu pixels", image.function(), image.name(),
+           runtime::DimsText(image.shape().dims).c_str(), pixels);
   }
-  return tensor.Data<unsigned char>();
-}
-
-std::array<unsigned char*, 3> ThreePlanes(char const* function, char const* name, TensorCPU const& tensor,
-                                          std::size_t pixels) {
-  unsigned char* const first = tensor.Locate3D(0, 0, 0);
-  if (pixels == 0) return {first, first, first};
-  auto const& dims = tensor.shape.dims;
-  if (tensor.data == nullptr || dims[0] < 3 || Volume(dims[1], dims[2]) < pixels) {
-    Assert(false, "%s: %s of dims %s needs memory for 3 planes of %zu pixels", function, name,
-           runtime::DimsText(dims).c_str(), pixels);
-  }
-  return {first, tensor.Locate3D(1, 0, 0), tensor.Locate3D(2, 0, 0)};
+  std::size_t const step = Volume(plane, runtime::ElementSize(image.shape().data_type));
+  unsigned char* const first = image.Memory(Volume(3, step));
+  return {first, first + step, first + 2 * step};
 }
 
 }  // namespace talvo::kernel::image

@@ -1,4 +1,5 @@
-// What the image operations share: tensors cast, their layout, type, place, rank and memory checked. Internal.
+// What the image operations share: an argument of a call, bound to the names that refusals give it, and its tests.
+// Internal.
 #pragma once
 
 #include <array>
@@ -9,61 +10,79 @@
 
 #include "talvo/runtime/context.h"
 #include "talvo/runtime/tensor_cpu.h"
-#include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::kernel::image {
 
 using runtime::TensorCPU;
 using runtime::TensorShape;
-using utility::Assert;
+using utility::Refuse;
 
 using TensorPtr = std::shared_ptr<runtime::Tensor>;
 using ContextPtr = std::shared_ptr<runtime::Context>;
 
-constexpr char const* kMustBeTensorCPU = "%s must be a TensorCPUPtr.";
-constexpr char const* kMustNotBeNull = "%s must not be nullptr.";
-constexpr char const* kMustBeValidTensorCPU = "%s must be a vaild TensorCPUPtr.";
+/// Refuses without a text, as most tests of the class operations do.
+inline void Validate(bool condition) {
+  if (!condition) Refuse(nullptr);
+}
 
-// The tests of the free functions; `name` is the argument's name, with which the message begins.
-TensorCPU const& Cast(TensorPtr const& tensor, char const* name, char const* format = kMustBeTensorCPU);
-void NeedLayout(TensorCPU const& tensor, char const* name, unsigned int layout, char const* layout_name);
-void NeedType(TensorCPU const& tensor, char const* name, unsigned int type, char const* type_name);
-void NeedMainMemory(TensorCPU const& tensor, char const* name);
+/// One tensor of a call. Every test refuses where it is reached and not before, so that a function refuses in the order
+/// in which it asks. Refers to the tensor: it lives no longer than the call.
+class Argument {
+ public:
+  Argument(char const* function, char const* name, TensorPtr const& tensor)
+      : function_(function), name_(name), tensor_(tensor) {}
 
-/// The tensors of one class operation. Assert, with the operation's name: one that is no CPU tensor.
-struct Images {
-  Images(char const* operation, TensorPtr const& source, TensorPtr const& destination);
+  char const* function() const { return function_; }
+  char const* name() const { return name_; }
+  bool is_set() const { return tensor_ != nullptr; }
 
-  char const* name;
-  TensorCPU const& src;
-  TensorCPU const& dst;
+  // With the texts of the free functions, which begin with the argument's name.
+
+  void ValidateSet(char const* format) const;
+  void ValidateTensorCPU(char const* format = kMustBeTensorCPU) const;
+  void ValidateLayout(unsigned int layout, char const* layout_name) const;
+  void ValidateType(unsigned int type, char const* type_name) const;
+  void ValidateMainMemory() const;
+
+  // What is touched, refused with function, argument and numbers.
+
+  /// Refuses null.
+  TensorShape const& shape() const;
+  /// Refuses a tensor without such an axis; one with more axes is served.
+  std::size_t Extent(std::size_t axis) const;
+  /// Volume of the axes `row_axis` and `row_axis` + 1.
+  std::size_t Pixels(std::size_t row_axis) const;
+  /// Refuses what is no CPU tensor.
+  TensorCPU const& tensor() const;
+  /// The first of at least `count` elements of T. Refuses a tensor that holds fewer bytes.
+  template <class T = unsigned char>
+  T* Memory(std::size_t count) const;
+
+  static constexpr char const* kMustBeTensorCPU = "%s must be a TensorCPUPtr.";
+
+ private:
+  void* CheckedMemory(std::size_t bytes) const;
+
+  char const* function_;
+  char const* name_;
+  TensorPtr const& tensor_;
 };
 
 /// Product of the extents, 0 as soon as one is 0, and the largest number where it does not fit.
 std::size_t Volume(std::size_t a, std::size_t b, std::size_t c = 1, std::size_t d = 1);
 
-/// Truncated towards zero; NaN gives 0, a value beyond int the nearest int.
-inline int TruncateToInt(float value) {
-  if (value >= 2147483648.0f) return std::numeric_limits<int>::max();
-  if (value <= -2147483648.0f) return std::numeric_limits<int>::min();
-  return value == value ? static_cast<int>(value) : 0;
+template <class T>
+T* Argument::Memory(std::size_t count) const {
+  return static_cast<T*>(CheckedMemory(Volume(count, sizeof(T))));
 }
 
-/// Extent of an axis. Assert, with function and argument: there is no such axis.
-std::size_t Extent(char const* function, char const* name, TensorCPU const& tensor, std::size_t axis);
-
-/// The pixel that a share of an extent names: their float32 product, truncated. Assert: it is NaN or no int.
+/// The pixel that a share of an extent names: their float32 product, truncated. Refuses NaN and what is no int.
 std::int64_t PixelOfShare(char const* function, float share, std::size_t extent);
 
-/// Assert, with function and argument: another rank.
-void NeedRank(char const* function, char const* name, TensorCPU const& tensor, std::size_t rank);
-
-/// The tensor's memory. Assert, with function and argument: fewer than `bytes` bytes.
-unsigned char* Memory(char const* function, char const* name, TensorCPU const& tensor, std::size_t bytes);
-
-/// Starts of the first three planes of a tensor [planes, rows, columns], each of at least `pixels` bytes. Assert, with
-/// function and argument: fewer planes or shorter ones. A rank other than 3 ends the process.
-std::array<unsigned char*, 3> ThreePlanes(char const* function, char const* name, TensorCPU const& tensor,
-                                          std::size_t pixels);
+/// Starts of the first three planes of a tensor [planes, rows, columns], of which `pixels` bytes each are touched; null
+/// where none is. Refuses shorter planes, and memory for fewer of them.
+using Planes = std::array<unsigned char*, 3>;
+Planes ThreePlanes(Argument const& image, std::size_t pixels);
 
 }  // namespace talvo::kernel::image

@@ -1,80 +1,77 @@
 #include "talvo/image/normalise.h"
 
-#include <algorithm>
 #include <cstdint>
 
 #include "talvo/image/image_support.h"
 #include "talvo/kernel/rows/pixels.h"
+#include "talvo/kernel/rows/saturate.h"
 
 namespace talvo::kernel::functional {
 namespace {
 
 using namespace image;
 
-enum class Place { kTested, kNotTested };
+struct Type {
+  unsigned int number;
+  char const* name;
+};
+constexpr Type kUInt8 = {TensorShape::UINT8, "UInt8"};
+constexpr Type kInt16 = {TensorShape::INT16, "Int16"};
+constexpr Type kFloat32 = {TensorShape::FLOAT32, "Float32"};
 
-void NeedValues(TensorCPU const& values, char const* name, char const* rank_format, Place place) {
-  Assert(values.shape.dims.size() == 1, rank_format, name);
-  NeedType(values, name, TensorShape::FLOAT32, "Float32");
-  if (place == Place::kTested) NeedMainMemory(values, name);
-}
+// The four tensors of a normalisation.
+struct Arguments {
+  Arguments(char const* function, TensorPtr const& i_img, TensorPtr const& i_sub, TensorPtr const& i_mul,
+            TensorPtr const& o_img)
+      : image(function, "i_img", i_img),
+        sub(function, "i_sub", i_sub),
+        mul(function, "i_mul", i_mul),
+        output(function, "o_img", o_img) {}
 
-void NeedEqualShapes(TensorShape const& a, TensorShape const& b) {
-  Assert(a.dims == b.dims && a.data_type == b.data_type && a.layout == b.layout && a.location == b.location &&
-             a.extra.step_size == b.extra.step_size,
-         nullptr);
-}
-
-// The four tensors of a normalisation, tested in the order that all forms share; what differs are the types of image
-// and output, their names in the messages, and whether the place of the values is tested.
-struct Normalisation {
-  struct Type {
-    unsigned int number;
-    char const* name;
-  };
-
-  Normalisation(char const* function, TensorPtr const& i_img, TensorPtr const& i_sub, TensorPtr const& i_mul,
-                TensorPtr const& o_img, Type from, Type to, Place place_of_values)
-      : image(Cast(i_img, "i_img")),
-        sub_tensor(Cast(i_sub, "i_sub")),
-        mul_tensor(Cast(i_mul, "i_mul")),
-        output(Cast(o_img, "o_img")) {
-    NeedLayout(image, "i_img", TensorShape::CHW, "CHW");
-    NeedType(image, "i_img", from.number, from.name);
-    NeedMainMemory(image, "i_img");
-    NeedValues(sub_tensor, "i_sub", "%s must be a 1D Tensor.", place_of_values);
-    NeedValues(mul_tensor, "i_mul", "%s must be a 1D DataType Tensor.", place_of_values);
-    NeedLayout(output, "o_img", TensorShape::CHW, "CHW");
-    NeedType(output, "o_img", to.number, to.name);
-    NeedMainMemory(output, "o_img");
-    NeedEqualShapes(sub_tensor.shape, mul_tensor.shape);
-    NeedRank(function, "i_img", image, 3);
-    auto const& dims = image.shape.dims;
-    Assert(dims[0] == sub_tensor.shape.dims[0], nullptr);
-    channels = dims[0];
-    plane = Volume(dims[1], dims[2]);
-    std::size_t const count = Volume(channels, dims[1], dims[2]);
-    if (count == 0) channels = 0;
-    in = Memory(function, "i_img", image, Volume(count, runtime::ElementSize(from.number)));
-    out = Memory(function, "o_img", output, Volume(count, runtime::ElementSize(to.number)));
-    sub = reinterpret_cast<float const*>(Memory(function, "i_sub", sub_tensor, channels * sizeof(float)));
-    mul = reinterpret_cast<float const*>(Memory(function, "i_mul", mul_tensor, channels * sizeof(float)));
-  }
-
-  TensorCPU const& image;
-  TensorCPU const& sub_tensor;
-  TensorCPU const& mul_tensor;
-  TensorCPU const& output;
-  std::size_t channels = 0, plane = 0;
-  unsigned char* in = nullptr;
-  unsigned char* out = nullptr;
-  float const* sub = nullptr;
-  float const* mul = nullptr;
+  Argument image, sub, mul, output;
 };
 
-constexpr Normalisation::Type kUInt8 = {TensorShape::UINT8, "UInt8"};
-constexpr Normalisation::Type kInt16 = {TensorShape::INT16, "Int16"};
-constexpr Normalisation::Type kFloat32 = {TensorShape::FLOAT32, "Float32"};
+void ValidateImage(Argument const& image, Type type) {
+  image.ValidateLayout(TensorShape::CHW, "CHW");
+  image.ValidateType(type.number, type.name);
+  image.ValidateMainMemory();
+}
+
+void ValidateValues(Argument const& values, char const* rank_format, bool look_at_place) {
+  if (values.shape().dims.size() != 1) Refuse(rank_format, values.name());
+  values.ValidateType(TensorShape::FLOAT32, "Float32");
+  if (look_at_place) values.ValidateMainMemory();
+}
+
+void ValidateEqualShapes(TensorShape const& a, TensorShape const& b) {
+  Validate(a.dims == b.dims && a.data_type == b.data_type && a.layout == b.layout && a.location == b.location &&
+           a.extra.step_size == b.extra.step_size);
+}
+
+// In the order that all forms share; what differs are the types of image and output, and that the fixed-point form
+// alone looks at the place of the values.
+void ValidateArguments(Arguments const& call, Type from, Type to, bool look_at_place) {
+  for (auto const* const argument : {&call.image, &call.sub, &call.mul, &call.output}) argument->ValidateTensorCPU();
+  ValidateImage(call.image, from);
+  ValidateValues(call.sub, "%s must be a 1D Tensor.", look_at_place);
+  ValidateValues(call.mul, "%s must be a 1D DataType Tensor.", look_at_place);
+  ValidateImage(call.output, to);
+  ValidateEqualShapes(call.sub.shape(), call.mul.shape());
+  Validate(call.image.Extent(0) == call.sub.Extent(0));
+}
+
+// Calls row(in, pixels, sub, mul, out) for the plane of each channel.
+template <class In, class Out, class Row>
+void ForEachChannel(Arguments const& call, Row const& row) {
+  std::size_t const channels = call.image.Extent(0), plane = call.image.Pixels(1);
+  std::size_t const count = Volume(channels, plane);
+  if (count == 0) return;
+  In const* const in = call.image.Memory<In>(count);
+  Out* const out = call.output.Memory<Out>(count);
+  float const* const sub = call.sub.Memory<float>(channels);
+  float const* const mul = call.mul.Memory<float>(channels);
+  for (std::size_t c = 0; c < channels; ++c) row(in + c * plane, plane, sub[c], mul[c], out + c * plane);
+}
 
 void SubtractFrom(float const* in, std::size_t count, float const sub, float* out) {
   for (std::size_t i = 0; i < count; ++i) out[i] = in[i] - sub;
@@ -84,101 +81,88 @@ void MultiplyBy(float const* in, std::size_t count, float const mul, float* out)
   for (std::size_t i = 0; i < count; ++i) out[i] = in[i] * mul;
 }
 
-constexpr std::size_t kGroup = 8;  // pixels that saturate together
-
+// Groups of eight pixels saturate; what is left of a plane wraps around. The two agree as long as results fit.
 template <int kStep>
-void NormaliseFixed(Normalisation const& n) {
-  for (std::size_t c = 0; c < n.channels; ++c) {
-    float const sub = n.sub[c], scale = n.mul[c] * static_cast<float>(1 << kStep);
-    unsigned char const* const in = n.in + c * n.plane;
-    std::int16_t* const out = reinterpret_cast<std::int16_t*>(n.out) + c * n.plane;
-    std::size_t const grouped = n.plane / kGroup * kGroup;
+struct FixedPointRow {
+  void operator()(unsigned char const* in, std::size_t count, float sub, float mul, std::int16_t* out) const {
+    float const scale = mul * static_cast<float>(1 << kStep);
+    std::size_t const grouped = count / 8 * 8;
     rows::NormaliseSaturated(in, grouped, sub, scale, out);
-    for (std::size_t i = grouped; i < n.plane; ++i) {
-      out[i] = static_cast<std::int16_t>(TruncateToInt((static_cast<float>(in[i]) - sub) * scale));
+    for (std::size_t i = grouped; i < count; ++i) {
+      out[i] = static_cast<std::int16_t>(rows::Saturated<std::int32_t>((static_cast<float>(in[i]) - sub) * scale));
     }
   }
-}
+};
 
-void ToFixed(char const* function, TensorPtr const& i_img, TensorPtr const& i_sub, TensorPtr const& i_mul,
-             TensorPtr const& o_img) {
-  Normalisation const n(function, i_img, i_sub, i_mul, o_img, kUInt8, kInt16, Place::kTested);
-  switch (n.output.shape.extra.step_size) {
+void ToFixed(Arguments const& call) {
+  ValidateArguments(call, kUInt8, kInt16, true);
+  switch (call.output.shape().extra.step_size) {
     case 8:
-      return NormaliseFixed<8>(n);
+      return ForEachChannel<unsigned char, std::int16_t>(call, FixedPointRow<8>());
     case 9:
-      return NormaliseFixed<9>(n);
+      return ForEachChannel<unsigned char, std::int16_t>(call, FixedPointRow<9>());
     case 10:
-      return NormaliseFixed<10>(n);
+      return ForEachChannel<unsigned char, std::int16_t>(call, FixedPointRow<10>());
     case 11:
-      return NormaliseFixed<11>(n);
+      return ForEachChannel<unsigned char, std::int16_t>(call, FixedPointRow<11>());
     case 12:
-      return NormaliseFixed<12>(n);
+      return ForEachChannel<unsigned char, std::int16_t>(call, FixedPointRow<12>());
     default:
-      Assert(false, "Not Implemented.");
+      Refuse("Not Implemented.");
   }
 }
 
-void BytesToFloats(char const* function, TensorPtr const& i_img, TensorPtr const& i_sub, TensorPtr const& i_mul,
-                   TensorPtr const& o_img) {
-  Normalisation const n(function, i_img, i_sub, i_mul, o_img, kUInt8, kFloat32, Place::kNotTested);
-  for (std::size_t c = 0; c < n.channels; ++c) {
-    rows::NormaliseBytes(n.in + c * n.plane, n.plane, n.sub[c], n.mul[c],
-                         reinterpret_cast<float*>(n.out) + c * n.plane);
-  }
+void BytesToFloats(Arguments const& call) {
+  ValidateArguments(call, kUInt8, kFloat32, false);
+  ForEachChannel<unsigned char, float>(call, rows::NormaliseBytes);
 }
 
-void FloatsToFloats(char const* function, TensorPtr const& i_img, TensorPtr const& i_sub, TensorPtr const& i_mul,
-                    TensorPtr const& o_img) {
-  Normalisation const n(function, i_img, i_sub, i_mul, o_img, kFloat32, kFloat32, Place::kNotTested);
-  for (std::size_t c = 0; c < n.channels; ++c) {
-    rows::NormaliseFloats(reinterpret_cast<float const*>(n.in) + c * n.plane, n.plane, n.sub[c], n.mul[c],
-                          reinterpret_cast<float*>(n.out) + c * n.plane);
-  }
+void FloatsToFloats(Arguments const& call) {
+  ValidateArguments(call, kFloat32, kFloat32, false);
+  ForEachChannel<float, float>(call, rows::NormaliseFloats);
 }
 
 }  // namespace
 
 void F_Normalize_CHW_U8_To_CHW_S16_Fallback(TensorPtr const& i_img, TensorPtr const& i_sub, TensorPtr const& i_mul,
                                             TensorPtr& o_img) {
-  ToFixed(__func__, i_img, i_sub, i_mul, o_img);
+  ToFixed({__func__, i_img, i_sub, i_mul, o_img});
 }
 
 void F_Normalize_CHW_U8_To_CHW_S16_Arm(TensorPtr const& i_img, TensorPtr const& i_sub, TensorPtr const& i_mul,
                                        TensorPtr& o_img) {
-  ToFixed(__func__, i_img, i_sub, i_mul, o_img);
+  ToFixed({__func__, i_img, i_sub, i_mul, o_img});
 }
 
 void F_Normalize_CHW_U8_To_CHW_F32_Fallback(TensorPtr const& i_img, TensorPtr const& i_sub, TensorPtr const& i_mul,
                                             TensorPtr& o_img) {
-  BytesToFloats(__func__, i_img, i_sub, i_mul, o_img);
+  BytesToFloats({__func__, i_img, i_sub, i_mul, o_img});
 }
 
 void F_Normalize_CHW_U8_To_CHW_F32_Arm(TensorPtr const& i_img, TensorPtr const& i_sub, TensorPtr const& i_mul,
                                        TensorPtr& o_img) {
-  BytesToFloats(__func__, i_img, i_sub, i_mul, o_img);
+  BytesToFloats({__func__, i_img, i_sub, i_mul, o_img});
 }
 
 void F_Normalize_CHW_F32_Fallback(TensorPtr const& i_img, TensorPtr const& i_sub, TensorPtr const& i_mul,
                                   TensorPtr& o_img) {
-  FloatsToFloats(__func__, i_img, i_sub, i_mul, o_img);
+  FloatsToFloats({__func__, i_img, i_sub, i_mul, o_img});
 }
 
 void F_Normalize_CHW_F32_Arm(TensorPtr const& i_img, TensorPtr const& i_sub, TensorPtr const& i_mul, TensorPtr& o_img) {
-  FloatsToFloats(__func__, i_img, i_sub, i_mul, o_img);
+  FloatsToFloats({__func__, i_img, i_sub, i_mul, o_img});
 }
 
-void Normalize_CHW_Float_Fallback(TensorPtr& src, TensorPtr& dst, float const* mul, float const* sub) {
-  Images const images(__func__, src, dst);
-  Assert(images.src.shape.layout == TensorShape::CHW, nullptr);
-  NeedRank(images.name, "src", images.src, 3);
-  auto const& dims = images.src.shape.dims;
-  std::size_t const count = Volume(dims[0], dims[1], dims[2]);
-  if (count == 0 || (mul == nullptr && sub == nullptr)) return;
-  std::size_t const plane = count / dims[0];
-  auto const* in = reinterpret_cast<float const*>(Memory(images.name, "src", images.src, Volume(count, sizeof(float))));
-  auto* out = reinterpret_cast<float*>(Memory(images.name, "dst", images.dst, Volume(count, sizeof(float))));
-  for (std::size_t c = 0; c < dims[0]; ++c, in += plane, out += plane) {
+void Normalize_CHW_Float_Fallback(TensorPtr& source, TensorPtr& destination, float const* mul, float const* sub) {
+  Argument const src(__func__, "src", source), dst(__func__, "dst", destination);
+  Validate(src.shape().layout == TensorShape::CHW);
+  if (mul == nullptr && sub == nullptr) return;
+  std::size_t const channels = src.Extent(0), plane = src.Pixels(1);
+  std::size_t const count = Volume(channels, plane);
+  if (count == 0) return;
+  float const* in = src.Memory<float>(count);
+  float* out = dst.Memory<float>(count);
+  for (std::size_t c = 0; c < channels; ++c, in += plane, out += plane) {
     if (mul == nullptr) {
       SubtractFrom(in, plane, sub[c], out);
     } else if (sub == nullptr) {

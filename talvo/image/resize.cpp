@@ -30,26 +30,29 @@ struct Frames {
 
 // Rows and columns are the axes `row_axis` and `row_axis` + 1 of both. Memory is looked at only where there is an
 // output.
-Frames FramesOf(char const* function, TensorCPU const& input, char const* input_name, TensorCPU const& output,
-                char const* output_name, std::size_t row_axis, std::size_t pixel_bytes) {
+Frames FramesOf(Argument const& input, Argument const& output, std::size_t row_axis, std::size_t pixel_bytes) {
   Frames f{};
-  f.from_width = Extent(function, input_name, input, row_axis + 1);
-  f.from_height = input.shape.dims[row_axis];
-  f.to_width = Extent(function, output_name, output, row_axis + 1);
-  f.to_height = output.shape.dims[row_axis];
+  f.from_height = input.Extent(row_axis);
+  f.from_width = input.Extent(row_axis + 1);
+  f.to_height = output.Extent(row_axis);
+  f.to_width = output.Extent(row_axis + 1);
   f.pixel_bytes = pixel_bytes;
   if (f.HasNoOutput()) return f;
-  Assert(f.from_height > 0 && f.from_width > 0, "%s: %s of %zu x %zu pixels, needs at least one", function, input_name,
-         f.from_height, f.from_width);
-  f.from = Memory(function, input_name, input, Volume(f.from_height, f.from_width, pixel_bytes));
-  f.to = Memory(function, output_name, output, Volume(f.to_height, f.to_width, pixel_bytes));
+  if (f.from_height == 0 || f.from_width == 0) {
+    Refuse("%s: %s of %zu x %zu pixels, needs at least one", input.function(), input.name(), f.from_height,
+           f.from_width);
+  }
+  f.from = input.Memory(Volume(f.from_height, f.from_width, pixel_bytes));
+  f.to = output.Memory(Volume(f.to_height, f.to_width, pixel_bytes));
   return f;
 }
 
-Frames FlexiableFrames(Images const& images, std::size_t row_axis, std::size_t pixel_bytes) {
-  Assert(images.src.shape.layout == TensorShape::FLEXIABLE, nullptr);
-  Assert(images.dst.shape.layout == TensorShape::FLEXIABLE, nullptr);
-  return FramesOf(images.name, images.src, "src", images.dst, "dst", row_axis, pixel_bytes);
+Frames FlexiableFrames(char const* operation, TensorPtr const& source, TensorPtr const& destination,
+                       std::size_t row_axis, std::size_t pixel_bytes) {
+  Argument const src(operation, "src", source), dst(operation, "dst", destination);
+  Validate(src.shape().layout == TensorShape::FLEXIABLE);
+  Validate(dst.shape().layout == TensorShape::FLEXIABLE);
+  return FramesOf(src, dst, row_axis, pixel_bytes);
 }
 
 // Position of output pixel i in a source whose extent is `scale` times the output's, with aligned centres.
@@ -128,25 +131,24 @@ Indices CropIndices(std::int64_t first, std::int64_t span, std::size_t from, std
   return indices;
 }
 
-void CropResizeNearest(char const* name, TensorPtr const& source, TensorPtr const& destination, float left_share,
+void CropResizeNearest(char const* operation, TensorPtr const& source, TensorPtr const& destination, float left_share,
                        float top_share, float right_share, float bottom_share, std::size_t pixel_bytes) {
-  Images const images(name, source, destination);
-  Frames const f = FlexiableFrames(images, 0, pixel_bytes);
+  Frames const f = FlexiableFrames(operation, source, destination, 0, pixel_bytes);
   if (f.HasNoOutput()) return;
-  std::int64_t const left = PixelOfShare(name, left_share, f.from_width);
-  std::int64_t const top = PixelOfShare(name, top_share, f.from_height);
-  std::int64_t const right = PixelOfShare(name, right_share, f.from_width);
-  std::int64_t const bottom = PixelOfShare(name, bottom_share, f.from_height);
+  std::int64_t const left = PixelOfShare(operation, left_share, f.from_width);
+  std::int64_t const top = PixelOfShare(operation, top_share, f.from_height);
+  std::int64_t const right = PixelOfShare(operation, right_share, f.from_width);
+  std::int64_t const bottom = PixelOfShare(operation, bottom_share, f.from_height);
   CopyByTables(f, CropIndices(top, bottom - top, f.from_height, f.to_height),
                CropIndices(left, right - left, f.from_width, f.to_width));
 }
 
 // ---- Bilinear: weights of 11 bits, lines with 7 fractional bits, two bits left after the vertical step.
 
-// For each output pixel along one axis: the first of its two source pixels and their weights. In a source of one pixel
-// both are that pixel, and the second has all the weight.
-struct Neighbours {
-  Neighbours(std::size_t from, std::size_t to) : first(to), weight0(to), weight1(to), distance(from > 1 ? 1 : 0) {
+// For each output pixel along one axis: the first of its two taps and the weights of both. In a source of one pixel
+// both taps are that pixel, and the second has all the weight.
+struct Taps {
+  Taps(std::size_t from, std::size_t to) : first(to), weight0(to), weight1(to), distance(from > 1 ? 1 : 0) {
     auto const last = static_cast<std::int64_t>(from) - 1;
     for (std::size_t i = 0; i < to; ++i) {
       float const s = CentreAligned(i, Scale(from, to));
@@ -165,14 +167,14 @@ struct Neighbours {
 
   std::vector<std::uint32_t> first;
   std::vector<std::int16_t> weight0, weight1;
-  std::uint32_t distance;  // from the first source pixel to the second
+  std::uint32_t distance;  // from the first tap to the second
 };
 
-// Both neighbours of every output pixel, side by side in rows of bytes.
+// Both taps of every output pixel, in a row each, so that the blend reads without gaps.
 template <std::size_t kPixelBytes>
-void GatherNeighbours(unsigned char const* TALVO_RESTRICT row, std::uint32_t const* TALVO_RESTRICT first,
-                      std::size_t distance, std::size_t count, unsigned char* TALVO_RESTRICT left,
-                      unsigned char* TALVO_RESTRICT right) {
+void GatherTaps(unsigned char const* TALVO_RESTRICT row, std::uint32_t const* TALVO_RESTRICT first,
+                std::size_t distance, std::size_t count, unsigned char* TALVO_RESTRICT left,
+                unsigned char* TALVO_RESTRICT right) {
   for (std::size_t x = 0; x < count; ++x) {
     unsigned char const* const pixel = row + std::size_t{first[x]} * kPixelBytes;
     std::memcpy(left + x * kPixelBytes, pixel, kPixelBytes);
@@ -222,14 +224,14 @@ class Lines {
 
   void Fill(Line& line, std::size_t row) {
     if (line.row == row) return;
-    GatherNeighbours<kPixelBytes>(frames_.from + row * frames_.from_width * kPixelBytes, columns_.first.data(),
-                                  columns_.distance, frames_.to_width, left_.data(), right_.data());
-    rows::BlendNeighbours(left_.data(), right_.data(), weight0_.data(), weight1_.data(), count_, line.values.data());
+    GatherTaps<kPixelBytes>(frames_.from + row * frames_.from_width * kPixelBytes, columns_.first.data(),
+                            columns_.distance, frames_.to_width, left_.data(), right_.data());
+    rows::BlendTaps(left_.data(), right_.data(), weight0_.data(), weight1_.data(), count_, line.values.data());
     line.row = row;
   }
 
   Frames const frames_;
-  Neighbours const columns_;
+  Taps const columns_;
   std::size_t const count_;  // values of a line
   std::vector<std::int16_t> const weight0_, weight1_;
   std::vector<unsigned char> left_, right_;
@@ -239,7 +241,7 @@ class Lines {
 template <std::size_t kPixelBytes>
 void ResizeBilinear(Frames const& f) {
   if (f.HasNoOutput()) return;
-  Neighbours const taps(f.from_height, f.to_height);
+  Taps const taps(f.from_height, f.to_height);
   Lines<kPixelBytes> lines(f);
   for (std::size_t y = 0; y < f.to_height; ++y) {
     lines.MoveTo(taps.first[y], taps.distance);
@@ -251,25 +253,25 @@ void ResizeBilinear(Frames const& f) {
 }  // namespace
 
 void ImageProcessFallback::Resize_Nearest_C1(TensorPtr& src, TensorPtr& dst, ContextPtr) {
-  Frames const f = FlexiableFrames(Images("Resize_Nearest_C1", src, dst), 0, 1);
+  Frames const f = FlexiableFrames("Resize_Nearest_C1", src, dst, 0, 1);
   if (f.HasNoOutput()) return;
   CopyByTables(f, RoundedIndices(f.from_height, f.to_height), RoundedIndices(f.from_width, f.to_width));
 }
 
 void ImageProcessFallback::Resize_Bilinear_C1(TensorPtr& src, TensorPtr& dst, ContextPtr) {
-  ResizeBilinear<1>(FlexiableFrames(Images("Resize_Bilinear_C1", src, dst), 1, 1));  // three axes, the first being 1
+  ResizeBilinear<1>(FlexiableFrames("Resize_Bilinear_C1", src, dst, 1, 1));  // three axes, the first being 1
 }
 
 void ImageProcessFallback::Resize_Bilinear_C2(TensorPtr& src, TensorPtr& dst, ContextPtr) {
-  ResizeBilinear<2>(FlexiableFrames(Images("Resize_Bilinear_C2", src, dst), 0, 2));
+  ResizeBilinear<2>(FlexiableFrames("Resize_Bilinear_C2", src, dst, 0, 2));
 }
 
 void ImageProcessFallback::Resize_Bilinear_C3(TensorPtr& src, TensorPtr& dst, ContextPtr) {
-  ResizeBilinear<3>(FlexiableFrames(Images("Resize_Bilinear_C3", src, dst), 0, 3));
+  ResizeBilinear<3>(FlexiableFrames("Resize_Bilinear_C3", src, dst, 0, 3));
 }
 
 void ImageProcessFallback::Resize_Bilinear_C4(TensorPtr& src, TensorPtr& dst, ContextPtr) {
-  ResizeBilinear<4>(FlexiableFrames(Images("Resize_Bilinear_C4", src, dst), 0, 4));
+  ResizeBilinear<4>(FlexiableFrames("Resize_Bilinear_C4", src, dst, 0, 4));
 }
 
 void ImageProcessFallback::Crop_Resize_Nearest_C1(TensorPtr& src, TensorPtr& dst, float left, float top, float right,
@@ -293,7 +295,10 @@ namespace talvo::kernel::functional {
 namespace {
 
 Frames FreeFrames(char const* function, TensorPtr const& i_img, TensorPtr const& o_img, std::size_t pixel_bytes) {
-  return FramesOf(function, Cast(i_img, "i_img"), "i_img", Cast(o_img, "o_img"), "o_img", 0, pixel_bytes);
+  Argument const input(function, "i_img", i_img), output(function, "o_img", o_img);
+  input.ValidateTensorCPU();
+  output.ValidateTensorCPU();
+  return FramesOf(input, output, 0, pixel_bytes);
 }
 
 // The free nearest: steps are added up, not multiplied out, and positions are truncated.

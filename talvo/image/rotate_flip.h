@@ -12,9 +12,9 @@ using runtime::Tensor;
 
 // i_img HWC [H, W, C], o_img HWC, both UINT8 in main memory; the pixel (y, x) goes to the place given behind each name.
 // i_img and o_img do not overlap. Assert, in this order and with the messages "... must ...", each for i_img and then
-// for o_img: the tensor, its type, its layout (the message says CHW), its place. The rotations then refuse, without a
-// text, another rank, dims that do not match the rotation and another element size; the flips, with numbers, an o_img
-// that is too small.
+// for o_img: a CPU tensor, its type, its layout (the message says CHW), its place. At the rotations null is refused
+// behind the question for CPU tensors, with a message of its own. The rotations then refuse, without a text, another
+// rank and dims that do not match the rotation. Last, with numbers, a rank below 3 and memory that is too small.
 
 // To (x, H - 1 - y) of [W, H, C].
 TALVO_API void F_Rotate_Clockwise90_HWC_Fallback(std::shared_ptr<Tensor> const& i_img, std::shared_ptr<Tensor>& o_img);

@@ -23,74 +23,74 @@ std::int64_t Truncated(float position) {
   return is_int ? static_cast<int>(position) : -1;
 }
 
-// A CHW tensor as the warps walk it.
+// A CHW tensor as the warps walk it. An empty tensor may have extents whose product fits nowhere.
 struct Planar {
-  Planar(char const* function, char const* name, TensorCPU const& tensor)
-      : width(static_cast<std::int64_t>(Extent(function, name, tensor, 2))),
-        height(tensor.shape.dims[1]),
-        channels(tensor.shape.dims[0]),
-        element_bytes(runtime::ElementSize(tensor.shape.data_type)) {}
+  explicit Planar(Argument const& argument)
+      : image(argument),
+        channels(image.Extent(0)),
+        height(image.Extent(1)),
+        width(image.Extent(2)),
+        plane(Volume(height, width)),
+        element_bytes(runtime::ElementSize(image.shape().data_type)) {}
 
+  bool Holds(std::int64_t x, std::int64_t y) const {
+    return x >= 0 && y >= 0 && x < static_cast<std::int64_t>(width) && y < static_cast<std::int64_t>(height);
+  }
   rows::PlaneExtents Extents() const { return {static_cast<std::int32_t>(width), static_cast<std::int32_t>(height)}; }
   // Byte position of element `index` of plane `channel`.
-  std::size_t Offset(std::size_t channel, std::size_t index) const {
-    return (channel * static_cast<std::size_t>(width * height) + index) * element_bytes;
+  std::size_t Offset(std::size_t channel, std::size_t index) const { return (channel * plane + index) * element_bytes; }
+  // Start of the first `count` planes.
+  unsigned char* Memory(std::size_t count) const { return image.Memory(Volume(count, plane, element_bytes)); }
+  void ValidateMove(std::size_t offset) const {
+    std::size_t const bytes = runtime::ByteCount(image.shape());
+    if (offset + kMoved > bytes) {
+      Refuse("%s: a move of 4 bytes at byte %zu of %s passes its end at %zu", image.function(), offset, image.name(),
+             bytes);
+    }
   }
 
-  std::int64_t width, height;
-  std::size_t channels, element_bytes;
+  Argument const& image;
+  std::size_t channels, height, width, plane, element_bytes;
 };
-
-// Checked start of `tensor`, of which `channels` planes are touched.
-unsigned char* PlanarMemory(Images const& images, char const* name, TensorCPU const& tensor, Planar const& planar,
-                            std::size_t channels) {
-  std::size_t const plane = Volume(tensor.shape.dims[1], tensor.shape.dims[2], planar.element_bytes);
-  return Memory(images.name, name, tensor, Volume(channels, plane));
-}
-
-void NeedMove(Images const& images, char const* name, TensorCPU const& tensor, std::size_t offset) {
-  std::size_t const bytes = runtime::ByteCount(tensor.shape);
-  if (offset + kMoved > bytes) {
-    Assert(false, "%s: a move of 4 bytes at byte %zu of %s passes its end at %zu", images.name, offset, name, bytes);
-  }
-}
 
 struct Position {
   float u, v;
 };
 
-Position Mapped(float const* m, std::int64_t x, std::int64_t y) {
+Position Mapped(float const* m, std::size_t x, std::size_t y) {
   auto const fx = static_cast<float>(x), fy = static_cast<float>(y);
   return {m[0] * fx + m[1] * fy + m[2], m[3] * fx + m[4] * fy + m[5]};
 }
 
-void NeedClassArguments(Images const& images, float const* matrix) {
-  Assert(images.src.shape.layout == TensorShape::CHW, nullptr);
-  Assert(matrix != nullptr, "%s: the matrix is null", images.name);
+void ValidateClassCall(Argument const& src, float const* matrix) {
+  Validate(src.shape().layout == TensorShape::CHW);
+  if (matrix == nullptr) Refuse("%s: the matrix is null", src.function());
 }
 
 // Calls visit(index in `walked`, index in `other`) for each pixel of `walked` that the matrix maps into `other`.
 template <class Visit>
 void WalkNearest(Planar const& walked, Planar const& other, float const* matrix, Visit const& visit) {
-  for (std::int64_t y = 0; y < walked.height; ++y) {
-    for (std::int64_t x = 0; x < walked.width; ++x) {
+  for (std::size_t y = 0; y < walked.height; ++y) {
+    for (std::size_t x = 0; x < walked.width; ++x) {
       Position const p = Mapped(matrix, x, y);
       std::int64_t const tx = Truncated(p.u + 0.5f), ty = Truncated(p.v + 0.5f);
-      if (tx < 0 || tx >= other.width || ty < 0 || ty >= other.height) continue;
-      visit(static_cast<std::size_t>(y * walked.width + x), static_cast<std::size_t>(ty * other.width + tx));
+      if (!other.Holds(tx, ty)) continue;
+      visit(y * walked.width + x, static_cast<std::size_t>(ty) * other.width + static_cast<std::size_t>(tx));
     }
   }
 }
 
 // Both nearest forms. The forward one walks the source, the inverse one the destination; channels are those of the
 // tensor walked. Elements below 4 bytes can be moved past an end, so that all moves are looked at before the first.
-void WarpNearest(Images const& images, float const* matrix, bool forward) {
-  NeedClassArguments(images, matrix);
-  Planar const src(images.name, "src", images.src), dst(images.name, "dst", images.dst);
+void WarpNearest(char const* operation, TensorPtr const& source, TensorPtr const& destination, float const* matrix,
+                 bool forward) {
+  Argument const src_image(operation, "src", source), dst_image(operation, "dst", destination);
+  ValidateClassCall(src_image, matrix);
+  Planar const src(src_image), dst(dst_image);
   std::size_t const channels = forward ? src.channels : dst.channels;
-  if (channels == 0) return;
-  auto const* const from = PlanarMemory(images, "src", images.src, src, channels);
-  auto* const to = PlanarMemory(images, "dst", images.dst, dst, channels);
+  if (channels == 0 || src.plane == 0 || dst.plane == 0) return;
+  auto const* const from = src.Memory(channels);
+  auto* const to = dst.Memory(channels);
   auto const walk = [&](auto const& visit) {
     WalkNearest(forward ? src : dst, forward ? dst : src, matrix, [&](std::size_t walked, std::size_t other) {
       for (std::size_t c = 0; c < channels; ++c) {
@@ -100,8 +100,8 @@ void WarpNearest(Images const& images, float const* matrix, bool forward) {
   };
   if (src.element_bytes < kMoved || dst.element_bytes < kMoved) {
     walk([&](std::size_t from_offset, std::size_t to_offset) {
-      NeedMove(images, "src", images.src, from_offset);
-      NeedMove(images, "dst", images.dst, to_offset);
+      src.ValidateMove(from_offset);
+      dst.ValidateMove(to_offset);
     });
   }
   walk([&](std::size_t from_offset, std::size_t to_offset) {
@@ -109,7 +109,7 @@ void WarpNearest(Images const& images, float const* matrix, bool forward) {
   });
 }
 
-// The samples of one row and the neighbours that they take from a plane of floats.
+// The samples of one row and the taps that they take from a plane of floats.
 class SampleRow {
  public:
   SampleRow(std::size_t count, rows::PlaneExtents plane)
@@ -119,7 +119,7 @@ class SampleRow {
   std::int32_t inside(std::size_t i) const { return inside_[i]; }
   std::int32_t index(std::size_t i) const { return index_[i]; }
 
-  // Blends the neighbours of each sample in one plane.
+  // Blends the taps of each sample in one plane.
   void Blend(float const* plane, bool keep, float* results) {
     std::size_t const count = inside_.size();
     for (std::size_t i = 0; i < count; ++i) Take(plane, i);
@@ -150,18 +150,17 @@ class SampleRow {
   rows::PlaneExtents const plane_;
   std::vector<std::int32_t> inside_, index_;
   std::vector<float> fx_, fy_;
-  std::vector<float> upper_, lower_;  // pairs of neighbours
+  std::vector<float> upper_, lower_;  // pairs of taps
 };
 
 // As for the nearest forms, a source of short elements is looked at before anything is written.
-void NeedSamples(Images const& images, Planar const& src, Planar const& dst, float const* matrix, SampleRow& row) {
-  for (std::int64_t y = 0; y < dst.height; ++y) {
-    auto const columns = static_cast<std::size_t>(dst.width);
-    rows::LocatePixels(matrix, static_cast<float>(y), columns, src.Extents(), row.Samples());
-    for (std::size_t x = 0; x < columns; ++x) {
+void ValidateSamples(Planar const& src, Planar const& dst, float const* matrix, SampleRow& row) {
+  for (std::size_t y = 0; y < dst.height; ++y) {
+    rows::LocatePixels(matrix, static_cast<float>(y), dst.width, src.Extents(), row.Samples());
+    for (std::size_t x = 0; x < dst.width; ++x) {
       if (row.inside(x) == 0) continue;
-      auto const last = static_cast<std::size_t>(row.index(x) + src.width + 1);
-      NeedMove(images, "src", images.src, src.Offset(dst.channels - 1, last));
+      std::size_t const last = static_cast<std::size_t>(row.index(x)) + src.width + 1;
+      src.ValidateMove(src.Offset(dst.channels - 1, last));
     }
   }
 }
@@ -175,29 +174,27 @@ std::vector<float> Widened(unsigned char const* bytes, std::size_t byte_count, s
   return values;
 }
 
-void WarpBilinear(Images const& images, float const* matrix) {
-  NeedClassArguments(images, matrix);
-  Planar const src(images.name, "src", images.src), dst(images.name, "dst", images.dst);
-  auto const* const from = PlanarMemory(images, "src", images.src, src, dst.channels);
-  Assert(src.width * src.height <= std::numeric_limits<std::int32_t>::max(),
-         "%s: a plane of src has %zu elements, needs fewer than 2^31", images.name,
-         static_cast<std::size_t>(src.width * src.height));
-  auto const& dims = images.dst.shape.dims;
-  std::size_t const plane = Volume(dims[1], dims[2]), columns = dims[2];
-  auto* const to = Memory(images.name, "dst", images.dst, Volume(dst.channels, plane, sizeof(float)));
-  if (dst.channels == 0 || plane == 0 || src.width < 2 || src.height < 2) return;  // nothing lies inside
-  SampleRow row(columns, src.Extents());
+void WarpBilinear(char const* operation, TensorPtr const& source, TensorPtr const& destination, float const* matrix) {
+  Argument const src_image(operation, "src", source), dst_image(operation, "dst", destination);
+  ValidateClassCall(src_image, matrix);
+  Planar const src(src_image), dst(dst_image);
+  if (dst.channels == 0 || dst.plane == 0 || src.width < 2 || src.height < 2) return;  // nothing lies inside
+  auto const* const bytes = src.Memory(dst.channels);
+  if (src.plane > std::numeric_limits<std::int32_t>::max()) {
+    Refuse("%s: a plane of src has %zu elements, needs fewer than 2^31", operation, src.plane);
+  }
+  auto* const results = dst_image.Memory<float>(Volume(dst.channels, dst.plane));
+  SampleRow row(dst.width, src.Extents());
   std::vector<float> widened;
   if (src.element_bytes < kMoved) {
-    NeedSamples(images, src, dst, matrix, row);
-    widened = Widened(from, runtime::ByteCount(images.src.shape), src.element_bytes);
+    ValidateSamples(src, dst, matrix, row);
+    widened = Widened(bytes, runtime::ByteCount(src_image.shape()), src.element_bytes);
   }
-  auto const* const values = widened.empty() ? reinterpret_cast<float const*>(from) : widened.data();
-  auto* const results = reinterpret_cast<float*>(to);
-  for (std::size_t y = 0; y < dims[1]; ++y) {
-    rows::LocatePixels(matrix, static_cast<float>(y), columns, src.Extents(), row.Samples());
+  auto const* const values = widened.empty() ? src_image.Memory<float>(src.plane) : widened.data();
+  for (std::size_t y = 0; y < dst.height; ++y) {
+    rows::LocatePixels(matrix, static_cast<float>(y), dst.width, src.Extents(), row.Samples());
     for (std::size_t c = 0; c < dst.channels; ++c) {
-      row.Blend(values + c * static_cast<std::size_t>(src.width * src.height), true, results + c * plane + y * columns);
+      row.Blend(values + c * src.plane, true, results + c * dst.plane + y * dst.width);
     }
   }
 }
@@ -205,15 +202,15 @@ void WarpBilinear(Images const& images, float const* matrix) {
 }  // namespace
 
 void ImageProcessFallback::Affine_Float(TensorPtr& src, TensorPtr& dst, float const* matrix, ContextPtr) {
-  WarpNearest(Images("Affine_Float", src, dst), matrix, true);
+  WarpNearest("Affine_Float", src, dst, matrix, true);
 }
 
 void ImageProcessFallback::Affine_INV_Float(TensorPtr& src, TensorPtr& dst, float const* matrix, ContextPtr) {
-  WarpNearest(Images("Affine_INV_Float", src, dst), matrix, false);
+  WarpNearest("Affine_INV_Float", src, dst, matrix, false);
 }
 
 void ImageProcessFallback::Affine_INV_BILINEAR_Float(TensorPtr& src, TensorPtr& dst, float const* matrix, ContextPtr) {
-  WarpBilinear(Images("Affine_INV_BILINEAR_Float", src, dst), matrix);
+  WarpBilinear("Affine_INV_BILINEAR_Float", src, dst, matrix);
 }
 
 }  // namespace talvo::kernel
@@ -240,25 +237,21 @@ struct AxisTerms {
 }  // namespace
 
 void F_WarpAffine_Bilinear_CHW_F32_Arm(TensorPtr const& i_img, TensorPtr const& i_mat, TensorPtr& o_img) {
-  TensorCPU const& input = Cast(i_img, "i_img", kMustBeValidTensorCPU);
-  TensorCPU const& matrix = Cast(i_mat, "i_mat", kMustBeValidTensorCPU);
-  TensorCPU const& output = Cast(o_img, "o_img", kMustBeValidTensorCPU);
-  NeedRank(__func__, "i_img", input, 3);
-  NeedRank(__func__, "o_img", output, 3);
-  std::size_t const height = input.shape.dims[1], width = input.shape.dims[2];
-  std::size_t const channels = output.shape.dims[0], lines = output.shape.dims[1], columns = output.shape.dims[2];
-  float m[6];
-  std::memcpy(m, Memory(__func__, "i_mat", matrix, sizeof(m)), sizeof(m));
+  Argument const input(__func__, "i_img", i_img), matrix(__func__, "i_mat", i_mat), output(__func__, "o_img", o_img);
+  for (auto const* const argument : {&input, &matrix, &output}) {
+    argument->ValidateTensorCPU("%s must be a vaild TensorCPUPtr.");
+  }
+  std::size_t const height = input.Extent(1), width = input.Extent(2), from_plane = Volume(height, width);
+  std::size_t const channels = output.Extent(0), lines = output.Extent(1), columns = output.Extent(2);
   std::size_t const plane = Volume(lines, columns);
-  auto* const to = reinterpret_cast<float*>(Memory(__func__, "o_img", output, Volume(channels, plane, sizeof(float))));
   if (channels == 0 || plane == 0) return;
-  std::size_t const from_plane = Volume(height, width);
-  auto const* const from =
-      reinterpret_cast<float const*>(Memory(__func__, "i_img", input, Volume(channels, from_plane, sizeof(float))));
+  float const* const m = matrix.Memory<float>(6);
+  float* const to = output.Memory<float>(Volume(channels, plane));
   if (from_plane == 0) {
     std::fill_n(to, channels * plane, 0.0f);
     return;
   }
+  float const* const from = input.Memory<float>(Volume(channels, from_plane));
   AxisTerms const by_row(m[1], m[4], height, lines), by_column(m[0], m[3], width, columns);
   float const ox = (m[2] * 0.5f + 0.5f) * static_cast<float>(width) - 0.5f;
   float const oy = (m[5] * 0.5f + 0.5f) * static_cast<float>(height) - 0.5f;

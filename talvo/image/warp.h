@@ -17,7 +17,7 @@ using runtime::Tensor;
 ///   sy = m3 (W / 2) nx + m4 (H / 2) ny + (m5 / 2 + 0.5) H - 0.5
 /// Neighbours outside count as 0, and so do row and column 0 where they are the upper or the left neighbour; a position
 /// that is NaN or no int lies outside. Layout and type are not tested; the tensors do not overlap. Assert: "... must be
-/// a vaild TensorCPUPtr.", then, with numbers, a rank other than 3 of i_img or o_img, memory that is too small.
+/// a vaild TensorCPUPtr.", then, with numbers, a rank below 3 of i_img or o_img, memory that is too small.
 TALVO_API void F_WarpAffine_Bilinear_CHW_F32_Arm(std::shared_ptr<Tensor> const& i_img,
                                                  std::shared_ptr<Tensor> const& i_mat, std::shared_ptr<Tensor>& o_img);
 

@@ -5,8 +5,8 @@
 
 #include "talvo/image/image_process_fallback.h"
 #include "talvo/image/image_support.h"
-#include "talvo/image/planes_support.h"
 #include "talvo/kernel/rows/pixels.h"
+#include "talvo/kernel/rows/saturate.h"
 #include "talvo/utility/restrict.h"
 
 namespace talvo::kernel {
@@ -25,30 +25,30 @@ struct Frame {
 };
 
 // Both conversions walk the frame in bands of two rows: the chrominance part of each plane is worked out once for a
-// block, as a `Term` for both of its columns, and then joined with the luminance of both rows. A Math gives
+// block, as a `Term` for both of its columns, and then joined with the luminance of both rows. An Algorithm gives
 //   Chrominance(plane, a, b, step, blocks, terms)   the parts of a row of blocks, two equal terms for each
 //   Join(luminance, terms, columns, to)             the bytes of a row of pixels
 
-template <class Math>
-void ConvertFrame(Frame const& frame, Math const& math, Planes const& planes) {
+template <class Algorithm>
+void ConvertFrame(Frame const& frame, Algorithm const& algorithm, Planes const& planes) {
   constexpr std::size_t kBlock = 2048;  // columns whose luminance and terms stay in the first cache
-  typename Math::Term terms[kBlock];
+  typename Algorithm::Term terms[kBlock];
   std::size_t const w = frame.width, chrominance_row = w / 2 * frame.step;
   for (std::size_t y = 0; y < frame.height; y += 2) {
     for (std::size_t x = 0; x < w; x += kBlock) {
       std::size_t const columns = std::min(kBlock, w - x), pixel = y * w + x;
       std::size_t const block = y / 2 * chrominance_row + x / 2 * frame.step;
       for (std::size_t k = 0; k < planes.size(); ++k) {
-        math.Chrominance(k, frame.a + block, frame.b + block, frame.step, columns / 2, terms);
-        math.Join(frame.luminance + pixel, terms, columns, planes[k] + pixel);
-        math.Join(frame.luminance + pixel + w, terms, columns, planes[k] + pixel + w);
+        algorithm.Chrominance(k, frame.a + block, frame.b + block, frame.step, columns / 2, terms);
+        algorithm.Join(frame.luminance + pixel, terms, columns, planes[k] + pixel);
+        algorithm.Join(frame.luminance + pixel + w, terms, columns, planes[k] + pixel + w);
       }
     }
   }
 }
 
 // The class's fixed coefficients, a = U and b = V. As bytes wrap, (64 y + k) >> 6 = y + (k >> 6): the term is a byte.
-struct FixedMath {
+struct ClassAlgorithm {
   using Term = unsigned char;
 
   void Chrominance(std::size_t plane, unsigned char const* a, unsigned char const* b, std::size_t step,
@@ -63,25 +63,23 @@ struct FixedMath {
 
 enum class Order { kUV, kVU, kUThenV };
 
-void ConvertClassFrame(char const* name, TensorPtr const& src_ptr, TensorPtr const& dst_ptr, Order order) {
-  Images const images(name, src_ptr, dst_ptr);
-  auto const& [operation, src, dst] = images;
-  if (dst.shape.layout != TensorShape::CHW || src.shape.location != TensorShape::MainMemory ||
-      dst.shape.location != TensorShape::MainMemory) {
+void ConvertClassFrame(char const* operation, TensorPtr const& source, TensorPtr const& destination, Order order) {
+  Argument const src(operation, "src", source), dst(operation, "dst", destination);
+  if (dst.shape().layout != TensorShape::CHW || src.shape().location != TensorShape::MainMemory ||
+      dst.shape().location != TensorShape::MainMemory) {
     return;
   }
-  std::size_t const h = Extent(operation, "src", src, 0), w = Extent(operation, "src", src, 1);
+  std::size_t const h = src.Extent(0), w = src.Extent(1);
   if (h % 2 != 0 || w % 2 != 0 || h == 0 || w < 2) return;
-  NeedRank(operation, "dst", dst, 3);
-  Planes const planes = ThreePlanes(operation, "dst", dst, Volume(h, w));
-  Assert(src.data != nullptr, "%s: src has no memory", operation);
-  auto const* const luminance = src.Data<unsigned char>();
+  Planes const planes = ThreePlanes(dst, Volume(h, w));
+  auto const* const luminance = src.tensor().Data<unsigned char>();
+  if (luminance == nullptr) Refuse("%s: src has no memory", operation);
   auto const* const chrominance = luminance + h * w;
   if (order == Order::kUThenV) {
-    return ConvertFrame({h, w, luminance, chrominance, chrominance + h * w / 4, 1}, FixedMath(), planes);
+    return ConvertFrame({h, w, luminance, chrominance, chrominance + h * w / 4, 1}, ClassAlgorithm(), planes);
   }
   std::size_t const u = order == Order::kUV ? 0 : 1;
-  ConvertFrame({h, w, luminance, chrominance + u, chrominance + (1 - u), 2}, FixedMath(), planes);
+  ConvertFrame({h, w, luminance, chrominance + u, chrominance + (1 - u), 2}, ClassAlgorithm(), planes);
 }
 
 }  // namespace
@@ -107,10 +105,10 @@ using MatrixPtr = std::shared_ptr<YUVCvtMatrix>;
 
 // The caller's coefficients, fixed-point with 5 fractional bits. A byte is bits 5 to 12 of its sum, so that sums and
 // products modulo 2^16 have all that counts.
-struct MatrixMath {
+struct MatrixAlgorithm {
   using Term = std::uint16_t;
 
-  explicit MatrixMath(YUVCvtMatrix const& m)
+  explicit MatrixAlgorithm(YUVCvtMatrix const& m)
       : y_gain(Fixed(m.m0, 32)),
         a_gain{Fixed(m.m1, 32), Fixed(m.m3, 32), Fixed(m.m5, 32)},
         b_gain{Fixed(m.m2, 32), Fixed(m.m4, 32), Fixed(m.m6, 32)},
@@ -118,7 +116,9 @@ struct MatrixMath {
         a_offset(Fixed(m.m8, 256)),
         b_offset(Fixed(m.m9, 256)) {}
 
-  static Term Fixed(float value, float scale) { return static_cast<Term>(TruncateToInt(value * scale)); }
+  static Term Fixed(float value, float scale) {
+    return static_cast<Term>(rows::Saturated<std::int32_t>(value * scale));
+  }
   static Term Product(unsigned int x, unsigned int y) { return static_cast<Term>(x * y); }
 
   template <std::size_t kStep>
@@ -147,68 +147,63 @@ struct MatrixMath {
   Term y_gain, a_gain[3], b_gain[3], y_offset, a_offset, b_offset;
 };
 
-void NeedPlane(TensorCPU const& plane, char const* name) {
-  NeedMainMemory(plane, name);
-  NeedType(plane, name, TensorShape::UINT8, "UInt8");
+// Place and type come before the question what kind of tensor it is.
+void ValidatePlane(Argument const& plane) {
+  plane.ValidateSet(Argument::kMustBeTensorCPU);
+  plane.ValidateMainMemory();
+  plane.ValidateType(TensorShape::UINT8, "UInt8");
 }
 
-void NeedHalfExtents(char const* function, TensorCPU const& luminance, TensorCPU const& chrominance, char const* name,
-                     char const* message) {
+void ValidateMatrixAndOutput(MatrixPtr const& matrix, Argument const& output) {
+  if (matrix == nullptr) Refuse("i_cvtMat must be a vaild shared pointer.");
+  output.ValidateSet(Argument::kMustBeTensorCPU);
+  output.ValidateLayout(TensorShape::CHW, "CHW");
+  output.ValidateType(TensorShape::UINT8, "UInt8");
+  output.ValidateMainMemory();
+}
+
+void ValidateHalfExtents(Argument const& luminance, Argument const& chrominance, char const* name) {
   for (std::size_t axis = 0; axis < 2; ++axis) {
-    Assert(Extent(function, name, chrominance, axis) * 2 == Extent(function, "i_luminancePlane", luminance, axis), "%s",
-           message);
+    if (chrominance.Extent(axis) * 2 != luminance.Extent(axis)) {
+      Refuse("Shapes of Luminance Plane and %s Plane mismatched.", name);
+    }
   }
-}
-
-// What both forms test behind their planes, but for the extents.
-void NeedMatrixAndOutput(MatrixPtr const& matrix, TensorCPU const& output) {
-  Assert(matrix != nullptr, "i_cvtMat must be a vaild shared pointer.");
-  NeedLayout(output, "o_img", TensorShape::CHW, "CHW");
-  NeedType(output, "o_img", TensorShape::UINT8, "UInt8");
-  NeedMainMemory(output, "o_img");
-}
-
-// `frame` has extents, luminance and chrominance; the output is looked at here.
-void ConvertWithMatrix(char const* function, Frame const& frame, YUVCvtMatrix const& matrix, TensorCPU const& output) {
-  NeedRank(function, "o_img", output, 3);
-  ConvertFrame(frame, MatrixMath(matrix), ThreePlanes(function, "o_img", output, Volume(frame.height, frame.width)));
 }
 
 void TwoPlanes(char const* function, TensorPtr const& i_luminancePlane, TensorPtr const& i_chrominancePlane,
                MatrixPtr const& i_cvtMat, TensorPtr const& o_img) {
-  TensorCPU const& luminance = Cast(i_luminancePlane, "i_luminancePlane");
-  TensorCPU const& chrominance = Cast(i_chrominancePlane, "i_chrominancePlane");
-  TensorCPU const& output = Cast(o_img, "o_img");
-  NeedPlane(luminance, "i_luminancePlane");
-  NeedPlane(chrominance, "i_chrominancePlane");
-  NeedMatrixAndOutput(i_cvtMat, output);
-  NeedHalfExtents(function, luminance, chrominance, "i_chrominancePlane",
-                  "Shapes of Luminance Plane and Chrominance Plane mismatched.");
-  std::size_t const h = luminance.shape.dims[0], w = luminance.shape.dims[1];
-  auto const* const y = Memory(function, "i_luminancePlane", luminance, Volume(h, w));
-  auto const* const ab = Memory(function, "i_chrominancePlane", chrominance, Volume(h / 2, w / 2, 2));
-  ConvertWithMatrix(function, {h, w, y, ab, ab + 1, 2}, *i_cvtMat, output);
+  Argument const luminance(function, "i_luminancePlane", i_luminancePlane);
+  Argument const chrominance(function, "i_chrominancePlane", i_chrominancePlane), output(function, "o_img", o_img);
+  ValidatePlane(luminance);
+  ValidatePlane(chrominance);
+  ValidateMatrixAndOutput(i_cvtMat, output);
+  ValidateHalfExtents(luminance, chrominance, "Chrominance");
+  for (auto const* const argument : {&luminance, &chrominance, &output}) argument->ValidateTensorCPU();
+  std::size_t const h = luminance.Extent(0), w = luminance.Extent(1);
+  if (h == 0 || w == 0) return;
+  auto const* const y = luminance.Memory(Volume(h, w));
+  auto const* const ab = chrominance.Memory(Volume(h / 2, w / 2, 2));
+  ConvertFrame({h, w, y, ab, ab + 1, 2}, MatrixAlgorithm(*i_cvtMat), ThreePlanes(output, Volume(h, w)));
 }
 
 void ThreePlaneFrame(char const* function, TensorPtr const& i_luminancePlane, TensorPtr const& i_chrominanceBPlane,
                      TensorPtr const& i_chrominanceRPlane, MatrixPtr const& i_cvtMat, TensorPtr const& o_img) {
-  TensorCPU const& luminance = Cast(i_luminancePlane, "i_luminancePlane");
-  TensorCPU const& first = Cast(i_chrominanceBPlane, "i_chrominanceBPlane");
-  TensorCPU const& second = Cast(i_chrominanceRPlane, "i_chrominanceRPlane");
-  TensorCPU const& output = Cast(o_img, "o_img");
-  NeedPlane(luminance, "i_luminancePlane");
-  NeedPlane(first, "i_chrominanceBPlane");
-  NeedPlane(second, "i_chrominanceRPlane");
-  NeedMatrixAndOutput(i_cvtMat, output);
-  NeedHalfExtents(function, luminance, first, "i_chrominanceBPlane",
-                  "Shapes of Luminance Plane and ChrominanceB Plane mismatched.");
-  NeedHalfExtents(function, luminance, second, "i_chrominanceRPlane",
-                  "Shapes of Luminance Plane and ChrominanceR Plane mismatched.");
-  std::size_t const h = luminance.shape.dims[0], w = luminance.shape.dims[1], samples = Volume(h / 2, w / 2);
-  auto const* const y = Memory(function, "i_luminancePlane", luminance, Volume(h, w));
-  auto const* const a = Memory(function, "i_chrominanceBPlane", first, samples);
-  auto const* const b = Memory(function, "i_chrominanceRPlane", second, samples);
-  ConvertWithMatrix(function, {h, w, y, a, b, 1}, *i_cvtMat, output);
+  Argument const luminance(function, "i_luminancePlane", i_luminancePlane);
+  Argument const first(function, "i_chrominanceBPlane", i_chrominanceBPlane);
+  Argument const second(function, "i_chrominanceRPlane", i_chrominanceRPlane), output(function, "o_img", o_img);
+  ValidatePlane(luminance);
+  ValidatePlane(first);
+  ValidatePlane(second);
+  ValidateMatrixAndOutput(i_cvtMat, output);
+  ValidateHalfExtents(luminance, first, "ChrominanceB");
+  ValidateHalfExtents(luminance, second, "ChrominanceR");
+  for (auto const* const argument : {&luminance, &first, &second, &output}) argument->ValidateTensorCPU();
+  std::size_t const h = luminance.Extent(0), w = luminance.Extent(1), samples = Volume(h / 2, w / 2);
+  if (samples == 0) return;
+  auto const* const y = luminance.Memory(Volume(h, w));
+  auto const* const a = first.Memory(samples);
+  auto const* const b = second.Memory(samples);
+  ConvertFrame({h, w, y, a, b, 1}, MatrixAlgorithm(*i_cvtMat), ThreePlanes(output, Volume(h, w)));
 }
 
 }  // namespace
@@ -240,11 +235,11 @@ void F_ColorCvt_YUV_3Plane_UInt8_To_CHW_UInt8_Arm(TensorPtr const& i_luminancePl
 }
 
 void F_ColorCvt_NV21_To_RGB_CHW_UInt8_Arm(TensorPtr const&, TensorPtr const&, MatrixPtr const&, TensorPtr&) {
-  Assert(false, "Not Implemented.");
+  Refuse("Not Implemented.");
 }
 
 void F_ColorCvt_NV12_To_RGB_CHW_UInt8_Arm(TensorPtr const&, TensorPtr const&, MatrixPtr const&, TensorPtr&) {
-  Assert(false, "Not Implemented.");
+  Refuse("Not Implemented.");
 }
 
 }  // namespace talvo::kernel::functional

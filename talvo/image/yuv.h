@@ -28,7 +28,8 @@ using runtime::Tensor;
 // [H / 2, W / 2, 2], or two planes [H / 2, W / 2]. o_img CHW, three planes. All UINT8 in main memory. Gains become
 // integers of 1/32, offsets integers, truncated and cut to their low 16 bits; each sum is shifted right by 5 and stored
 // with wrap-around. Assert, in this order, with "... must be a ..." or "Shapes of ...": place and type of each plane,
-// the matrix, layout, type and place of o_img, extents of the planes; then, with numbers, memory that is too small.
+// the matrix, layout, type and place of o_img, extents of the planes, CPU tensors (null earlier, where its place would
+// be read); then, with numbers, memory that is too small.
 TALVO_API void F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(std::shared_ptr<Tensor> const& i_luminancePlane,
                                                                  std::shared_ptr<Tensor> const& i_chrominancePlane,
                                                                  std::shared_ptr<YUVCvtMatrix> const& i_cvtMat,

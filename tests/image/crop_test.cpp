@@ -2,26 +2,24 @@
 
 #include <limits>
 
-#include "talvo/image/image_process_fallback.h"
 #include "tests/image/image_test_support.h"
 
 namespace talvo::test {
 namespace {
 
 using namespace kernel::functional;
-using P = kernel::ImageProcessFallback;
-using CropOperation = void (P::*)(ImagePtr&, ImagePtr&, float, float, float, float, std::shared_ptr<runtime::Context>);
 using CropFunction = void (*)(ImagePtr const&, unsigned int const&, unsigned int const&, unsigned int const&,
                               unsigned int const&, ImagePtr&);
 
-constexpr CropOperation kCrops[] = {&P::Crop_C1, &P::Crop_C2, &P::Crop_C3, &P::Crop_C4};
-
 class Crop : public ImageTest {
  protected:
-  kernel::ImageProcessFallback process_;
+  // The class operation for `channels` channels, through the dispatcher.
+  void CropShares(unsigned int channels, ImagePtr src, ImagePtr dst, float left, float top, float right, float bottom) {
+    process_.ConvertPixel(src, dst, left, top, right, bottom, static_cast<int>(99 + channels), nullptr);
+  }
 };
 
-TEST_F(Crop, ClassCopiesWhatLiesInside) {
+TEST_P(Crop, ClassCopiesWhatLiesInside) {
   struct Shares {
     char const* why;
     float left, top, right, bottom;
@@ -52,29 +50,28 @@ TEST_F(Crop, ClassCopiesWhatLiesInside) {
           }
         }
       }
-      (process_.*kCrops[n - 1])(src, dst, s.left, s.top, s.right, s.bottom, nullptr);
+      CropShares(n, src, dst, s.left, s.top, s.right, s.bottom);
       ASSERT_EQ(want, BytesOf(dst)) << h << " x " << w << " x " << n;
     }
   }
 }
 
-TEST_F(Crop, ClassRefusesWhatWouldLeaveTheTensors) {
+TEST_P(Crop, ClassRefusesWhatWouldLeaveTheTensors) {
   auto src = Image({4, 4, 3}, TensorShape::HWC), dst = Image({4, 4, 3}, TensorShape::HWC);
-  auto small = Image({3, 3, 3}, TensorShape::HWC);
-  float const nan = std::numeric_limits<float>::quiet_NaN();
-  EXPECT_EQ(Report("Crop_C3: dst of dims [3, 3, 3] holds 27 bytes, needs 57"),
-            RefusalOf([&] { process_.Crop_C3(src, small, 0, 0, 1, 1, nullptr); }));
-  EXPECT_EQ(Report("Crop_C4: src of dims [4, 4, 3] holds 48 bytes, needs 64"),
-            RefusalOf([&] { process_.Crop_C4(src, dst, 0, 0, 1, 1, nullptr); }));
-  EXPECT_EQ(Report("Crop_C1: share nan of 4 pixels is no int"),
-            RefusalOf([&] { process_.Crop_C1(src, dst, 0, nan, 1, 1, nullptr); }));
-  EXPECT_EQ(Report("Crop_C1: share 1e+09 of 4 pixels is no int"),
-            RefusalOf([&] { process_.Crop_C1(src, dst, 0, 0, 1e9f, 1, nullptr); }));
-  EXPECT_EQ(Report("Crop_C1: dst of dims [4, 4, 3] holds 48 bytes, needs 1280000002400000001"),
-            RefusalOf([&] { process_.Crop_C1(src, dst, -2e8f, -4e8f, 0, 0, nullptr); }));
+  struct Case {
+    float left, top, right;
+    char const* text;
+  };
+  for (Case const& c : {Case{0, std::numeric_limits<float>::quiet_NaN(), 1, "share nan of 4 pixels is no int"},
+                        {0, 0, 1e9f, "share 1e+09 of 4 pixels is no int"},
+                        {0, 0, 1.25f, "dst of dims [4, 4, 3] holds 48 bytes, needs 66"},  // 3 rows of 6 pixels and 4
+                        {-2e8f, -4e8f, 0, "dst of dims [4, 4, 3] holds 48 bytes, needs 3840000007200000003"}}) {
+    EXPECT_EQ(Report(std::string("Crop_C3: ") + c.text),
+              RefusalOf([&] { CropShares(3, src, dst, c.left, c.top, c.right, c.top == 0 ? 1 : 0); }));
+  }
 }
 
-TEST_F(Crop, FreeFormsCopyAnyType) {
+TEST_P(Crop, FreeFormsCopyAnyType) {
   struct Case {
     char const* why;
     CropFunction function, twin;
@@ -116,7 +113,7 @@ TEST_F(Crop, FreeFormsCopyAnyType) {
   }
 }
 
-TEST_F(Crop, FilledCropMayLieOutside) {
+TEST_P(Crop, FilledCropMayLieOutside) {
   for (std::uint32_t i = 0; i < 200; ++i) {
     unsigned int const h = Size(6 * i, 1, 8), w = Size(6 * i + 1, 1, 8), c = Size(6 * i + 2, 1, 4);
     int const y = static_cast<int>(Size(6 * i + 3, 0, 24)) - 12, x = static_cast<int>(Size(6 * i + 4, 0, 24)) - 12;
@@ -144,12 +141,13 @@ TEST_F(Crop, FilledCropMayLieOutside) {
   EXPECT_EQ(ByteVector(9, 5), BytesOf(dst)) << "sums of positions do not wrap";
 }
 
-TEST_F(Crop, FreeFormsRefuseInOrder) {
+TEST_P(Crop, FreeFormsRefuseInOrder) {
   auto hwc = Image({4, 4, 3}, TensorShape::HWC), chw = Image({3, 4, 4}, TensorShape::CHW);
   auto out = Image({2, 2, 3}, TensorShape::HWC), out2 = Image({2, 2, 2}, TensorShape::HWC);
   auto floats = FloatImage({2, 2, 3}, TensorShape::HWC, Floats(1, 12));
   auto elsewhere = Image({4, 4, 3}, TensorShape::HWC);
   elsewhere->shape.location = TensorShape::OpenGLSSBO;
+  auto rank2 = Image({4, 12}, TensorShape::HWC), bytes2 = Image({2, 2}, TensorShape::HWC);
   struct Case {
     ImagePtr input, output;
     unsigned int y, x, height, width;
@@ -160,6 +158,8 @@ TEST_F(Crop, FreeFormsRefuseInOrder) {
                  {hwc, chw, 0, 0, 2, 2, "o_img must be a HWC Layout Tensor."},
                  {hwc, elsewhere, 0, 0, 2, 2, "o_img must be a MainMemory Location Tensor."},
                  {hwc, floats, 0, 0, 2, 2, ""},
+                 {rank2, bytes2, 0, 0, 2, 2, "F_Crop_HWC_Arm: i_img has rank 2, needs 3"},
+                 {rank2, floats, 0, 0, 2, 2, ""},
                  {hwc, out, 0, 0, 3, 2, ""},
                  {hwc, out, 0, 0, 2, 1, ""},
                  {hwc, out2, 0, 0, 2, 2, ""},
@@ -177,6 +177,8 @@ TEST_F(Crop, FreeFormsRefuseInOrder) {
   EXPECT_EQ(Report(""), RefusalOf([&] { F_Crop_U8_HWC_Memcpy(hwc, 0, 0, -2, 2, 0, out); }));
   EXPECT_EQ(Report(""), RefusalOf([&] { F_Crop_U8_HWC_Memcpy(hwc, 0, 0, 2, 2, 0, out2); }));
 }
+
+INSTANTIATE_TEST_SUITE_P(Sets, Crop, kEverySet);
 
 }  // namespace
 }  // namespace talvo::test

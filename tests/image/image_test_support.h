@@ -4,11 +4,14 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "talvo/image/image_process_fallback.h"
+#include "talvo/kernel/rows/instruction_sets.h"
 #include "talvo/runtime/tensor_cpu.h"
 #include "tests/support/bits.h"
 #include "tests/support/guarded_context.h"
@@ -21,8 +24,15 @@ using ImagePtr = std::shared_ptr<runtime::Tensor>;
 using Dims = std::vector<unsigned int>;
 using ByteVector = std::vector<unsigned char>;
 
-/// Makes tensors of one guarded context.
-class ImageTest : public testing::Test {
+/// A tensor that is no CPU tensor.
+class Foreign : public runtime::Tensor {
+ public:
+  explicit Foreign(TensorShape const& tensor_shape) : Tensor(tensor_shape, nullptr, nullptr) {}
+  std::function<void(void*)> GetDeleter() const override { return {}; }
+};
+
+/// Runs under each instruction set that the machine runs; makes tensors of one guarded context.
+class ImageTest : public testing::TestWithParam<kernel::rows::InstructionSet> {
  protected:
   ImagePtr Make(Dims dims, unsigned int layout, unsigned int type, void const* data) {
     TensorShape const shape(std::move(dims), type, layout, TensorShape::MainMemory, TensorShape::Extra());
@@ -42,8 +52,15 @@ class ImageTest : public testing::Test {
     return FloatTensor(*context_, dims, layout, values);
   }
 
+  /// The class operation of a code, through the dispatcher.
+  void Run(int code, ImagePtr src, ImagePtr dst) { process_.ConvertPixel(src, dst, code, nullptr); }
+
   std::shared_ptr<runtime::Context> context_ = GuardedContext();
+  kernel::ImageProcessFallback process_;
+  kernel::rows::ScopedInstructionSet const set_{GetParam()};
 };
+
+inline auto const kEverySet = testing::ValuesIn(kernel::rows::RunnableSets());
 
 inline ByteVector BytesOf(ImagePtr const& image) {
   auto const* const first = static_cast<unsigned char const*>(image->data);

@@ -1,6 +1,5 @@
 #include "talvo/image/rotate_flip.h"
 
-#include "talvo/image/image_process_fallback.h"
 #include "tests/image/image_test_support.h"
 
 namespace talvo::test {
@@ -8,16 +7,10 @@ namespace {
 
 using namespace kernel::functional;
 
-class RotateFlip : public ImageTest {
- protected:
-  kernel::ImageProcessFallback process_;
-};
-
-using P = kernel::ImageProcessFallback;
+class RotateFlip : public ImageTest {};
 
 struct Turn {
-  char const* why;
-  void (P::*operation)(ImagePtr&, ImagePtr&, std::shared_ptr<runtime::Context>);
+  int code;
   void (*free)(ImagePtr const&, ImagePtr&);
   void (*twin)(ImagePtr const&, ImagePtr&);
   bool on_its_side;
@@ -25,29 +18,29 @@ struct Turn {
 };
 
 Turn const kTurns[] = {
-    {"90", &P::ClockwiseRotate90, F_Rotate_Clockwise90_HWC_Fallback, F_Rotate_Clockwise90_HWC_Arm, true,
+    {50, F_Rotate_Clockwise90_HWC_Fallback, F_Rotate_Clockwise90_HWC_Arm, true,
      [](auto y, auto x, auto h, auto) { return std::make_pair(x, h - 1 - y); }},
-    {"180", &P::ClockwiseRotate180, F_Rotate_Clockwise180_HWC_Fallback, F_Rotate_Clockwise180_HWC_Arm, false,
+    {51, F_Rotate_Clockwise180_HWC_Fallback, F_Rotate_Clockwise180_HWC_Arm, false,
      [](auto y, auto x, auto h, auto w) { return std::make_pair(h - 1 - y, w - 1 - x); }},
-    {"270", &P::ClockwiseRotate270, F_Rotate_Clockwise270_HWC_Fallback, F_Rotate_Clockwise270_HWC_Arm, true,
+    {52, F_Rotate_Clockwise270_HWC_Fallback, F_Rotate_Clockwise270_HWC_Arm, true,
      [](auto y, auto x, auto, auto w) { return std::make_pair(w - 1 - x, y); }},
-    {"horizontal", &P::Flip_Horizintal, F_HFlip_HWC_Fallback, F_HFlip_HWC_Arm, false,
+    {53, F_HFlip_HWC_Fallback, F_HFlip_HWC_Arm, false,
      [](auto y, auto x, auto, auto w) { return std::make_pair(y, w - 1 - x); }},
-    {"vertical", &P::Flip_Vertical, F_VFlip_HWC_Fallback, F_VFlip_HWC_Arm, false,
+    {54, F_VFlip_HWC_Fallback, F_VFlip_HWC_Arm, false,
      [](auto y, auto x, auto h, auto) { return std::make_pair(h - 1 - y, x); }},
 };
 
-TEST_F(RotateFlip, EveryPixelGoesToItsPlace) {
+TEST_P(RotateFlip, EveryPixelGoesToItsPlace) {
   for (Turn const& turn : kTurns) {
-    SCOPED_TRACE(turn.why);
+    SCOPED_TRACE(turn.code);
     for (std::uint32_t i = 0; i < 60; ++i) {
-      unsigned int const h = Size(3 * i, 1, 70), w = Size(3 * i + 1, 1, i % 4 == 0 ? 5 : 80), c = 1 + i % 5;
+      unsigned int const h = Size(3 * i, 1, 70), w = Size(3 * i + 1, 1, i % 4 == 0 ? 5 : 80), c = 1 + i % 9;
       unsigned int const to_h = turn.on_its_side ? w : h, to_w = turn.on_its_side ? h : w;
       auto src = Image({h, w, c}, TensorShape::HWC, i), planar = Image({c, h, w}, TensorShape::CHW, i);
       auto dst = Image({to_h, to_w, c}, TensorShape::HWC), planar_dst = Image({c, to_h, to_w}, TensorShape::CHW);
       auto free = Image({to_h, to_w, c}, TensorShape::HWC), twin = Image({to_h, to_w, c}, TensorShape::HWC);
-      (process_.*turn.operation)(src, dst, nullptr);
-      (process_.*turn.operation)(planar, planar_dst, nullptr);
+      Run(turn.code, src, dst);
+      Run(turn.code, planar, planar_dst);
       turn.free(src, free);
       turn.twin(src, twin);
       auto const from = BytesOf(src);
@@ -69,20 +62,7 @@ TEST_F(RotateFlip, EveryPixelGoesToItsPlace) {
   }
 }
 
-TEST_F(RotateFlip, ClassRefusesOrIgnores) {
-  auto src = Image({2, 3, 3}, TensorShape::HWC), planar = Image({3, 2, 3}, TensorShape::CHW);
-  auto other = Image({3, 2, 3}, TensorShape::FLEXIABLE), small = Image({2, 3, 2}, TensorShape::HWC);
-  auto const before = BytesOf(other);
-  process_.ClockwiseRotate90(src, other, nullptr);
-  EXPECT_EQ(before, BytesOf(other));
-  EXPECT_EQ(Report(""), RefusalOf([&] { process_.Flip_Vertical(planar, src, nullptr); }));
-  EXPECT_EQ(Report("Flip_Horizintal: dst of dims [2, 3, 2] holds 12 bytes, needs 18"),
-            RefusalOf([&] { process_.Flip_Horizintal(src, small, nullptr); }));
-  auto empty = Image({0, 3, 3}, TensorShape::HWC);
-  process_.ClockwiseRotate90(empty, small, nullptr);
-}
-
-TEST_F(RotateFlip, FreeFormsRefuseInOrder) {
+TEST_P(RotateFlip, FreeFormsRefuseInOrder) {
   auto good = Image({2, 3, 3}, TensorShape::HWC), turned = Image({3, 2, 3}, TensorShape::HWC);
   auto planar = Image({3, 2, 3}, TensorShape::CHW), floats = FloatImage({3, 2, 3}, TensorShape::CHW, Floats(1, 18));
   auto elsewhere = Image({3, 2, 3}, TensorShape::HWC);
@@ -102,15 +82,28 @@ TEST_F(RotateFlip, FreeFormsRefuseInOrder) {
     if (c.input == c.output && c.input == good) break;
     EXPECT_EQ(Report(c.text), RefusalOf([&] { F_HFlip_HWC_Arm(c.input, c.output); }));
   }
-  ImagePtr none;
-  EXPECT_EQ(Report("i_img must not be nullptr."), RefusalOf([&] { F_Rotate_Clockwise180_HWC_Fallback(none, none); }));
-  EXPECT_EQ(Report("o_img must not be nullptr."), RefusalOf([&] { F_Rotate_Clockwise180_HWC_Fallback(good, none); }));
-  EXPECT_EQ(Report("o_img must be a TensorCPUPtr."), RefusalOf([&] { F_VFlip_HWC_Fallback(good, none); }));
-  auto small = Image({2, 2, 3}, TensorShape::HWC);
-  EXPECT_EQ(Report("F_VFlip_HWC_Fallback: o_img of dims [2, 2, 3] holds 12 bytes, needs 18"),
-            RefusalOf([&] { F_VFlip_HWC_Fallback(good, small); }));
+  struct Pair {
+    ImagePtr input, output;
+    char const *rotation, *flip;
+  };
+  auto const foreign = std::make_shared<Foreign>(good->shape);
+  for (Pair c : {Pair{nullptr, foreign, "o_img must be a TensorCPUPtr.", "i_img must be a TensorCPUPtr."},
+                 {foreign, nullptr, "i_img must be a TensorCPUPtr.", "i_img must be a TensorCPUPtr."},
+                 {nullptr, nullptr, "i_img must not be nullptr.", "i_img must be a TensorCPUPtr."},
+                 {floats, nullptr, "o_img must not be nullptr.", "o_img must be a TensorCPUPtr."}}) {
+    EXPECT_EQ(Report(c.rotation), RefusalOf([&] { F_Rotate_Clockwise180_HWC_Fallback(c.input, c.output); }));
+    EXPECT_EQ(Report(c.flip), RefusalOf([&] { F_VFlip_HWC_Fallback(c.input, c.output); }));
+  }
+  auto row = Image({6}, TensorShape::HWC), rows = Image({2, 3}, TensorShape::HWC);
+  EXPECT_EQ(Report(""), RefusalOf([&] { F_Rotate_Clockwise90_HWC_Fallback(row, rows); }));
   EXPECT_EQ(Report(""), RefusalOf([&] { F_Rotate_Clockwise180_HWC_Fallback(good, turned); }));
+  EXPECT_EQ(Report("F_Rotate_Clockwise90_HWC_Fallback: i_img has rank 1, needs 2"),
+            RefusalOf([&] { F_Rotate_Clockwise90_HWC_Fallback(row, row); }));
+  EXPECT_EQ(Report("F_VFlip_HWC_Fallback: i_img has rank 2, needs 3"),
+            RefusalOf([&] { F_VFlip_HWC_Fallback(rows, rows); }));
 }
+
+INSTANTIATE_TEST_SUITE_P(Sets, RotateFlip, kEverySet);
 
 }  // namespace
 }  // namespace talvo::test

@@ -1,11 +1,9 @@
 #include "talvo/image/warp.h"
 
 #include <array>
-#include <cmath>
 #include <cstring>
 #include <limits>
 
-#include "talvo/image/image_process_fallback.h"
 #include "tests/image/image_test_support.h"
 
 namespace talvo::test {
@@ -28,173 +26,172 @@ constexpr Matrix kMatrices[] = {
 
 class Warp : public ImageTest {
  protected:
-  kernel::ImageProcessFallback process_;
+  ImagePtr Warped(int code, Matrix const& m, ImagePtr src, ImagePtr dst) {
+    process_.ConvertPixel(src, dst, m.data(), code, nullptr);
+    return dst;
+  }
+};
+
+// Planes of elements of any size, and how often their pixels are walked.
+struct Planes {
+  unsigned int channels;
+  int h, w;
+
+  Dims dims() const { return {channels, static_cast<unsigned int>(h), static_cast<unsigned int>(w)}; }
+  std::size_t count() const { return runtime::ElementCount(dims()); }
+  bool Holds(int y, int x) const { return y >= 0 && y < h && x >= 0 && x < w; }
+  std::size_t At(unsigned int k, int y, int x) const {
+    return (k * static_cast<std::size_t>(h) + static_cast<std::size_t>(y)) * static_cast<std::size_t>(w) +
+           static_cast<std::size_t>(x);
+  }
+  template <class Visit>
+  void ForEach(Visit const& visit) const {
+    for (int y = 0; y < h; ++y) {
+      for (int x = 0; x < w; ++x) {
+        for (unsigned int k = 0; k < channels; ++k) visit(k, y, x);
+      }
+    }
+  }
 };
 
 // Truncated; -1 for what is no int.
 int Whole(float v) { return v > -2147483648.0f && v < 2147483648.0f ? static_cast<int>(v) : -1; }
 
-struct Case {
-  unsigned int channels, from_h, from_w, to_h, to_w;
-};
+float Mapped(float const* row, int x, int y) {
+  return row[0] * static_cast<float>(x) + row[1] * static_cast<float>(y) + row[2];
+}
 
-std::vector<Case> Cases() {
-  std::vector<Case> cases = {{1, 1, 1, 1, 1}, {3, 1, 5, 5, 1}, {2, 16, 16, 16, 16}};
+float Blend(float t00, float t10, float t01, float t11, float fx, float fy) {
+  return (t11 * fx + t01 * (1 - fx)) * fy + (t10 * fx + t00 * (1 - fx)) * (1 - fy);
+}
+
+// Pairs of images of the same channels.
+std::vector<std::pair<Planes, Planes>> Pairs() {
+  std::vector<std::pair<Planes, Planes>> pairs = {
+      {{1, 1, 1}, {1, 1, 1}}, {{3, 1, 5}, {3, 5, 1}}, {{2, 16, 16}, {2, 16, 16}}};
+  auto const extent = [](std::uint32_t i, unsigned int most) { return static_cast<int>(Size(i, 1, most)); };
   for (std::uint32_t i = 0; i < 25; ++i) {
-    cases.push_back(
-        {1 + i % 4, Size(4 * i, 1, 20), Size(4 * i + 1, 1, 20), Size(4 * i + 2, 1, 24), Size(4 * i + 3, 1, 24)});
+    pairs.push_back({{1 + i % 4, extent(4 * i, 20), extent(4 * i + 1, 20)},
+                     {1 + i % 4, extent(4 * i + 2, 24), extent(4 * i + 3, 24)}});
   }
-  return cases;
+  return pairs;
 }
 
-TEST_F(Warp, ClassFormsWorkInPixels) {
-  for (Matrix const& m : kMatrices) {
-    for (Case const& c : Cases()) {
-      auto const from = Floats(1, c.channels * c.from_h * c.from_w), before = Floats(2, c.channels * c.to_h * c.to_w);
-      auto src = FloatImage({c.channels, c.from_h, c.from_w}, TensorShape::CHW, from);
-      auto want_forward = before, want_inverse = before, want_bilinear = before;
-      auto const position = [&](int x, int y, float const* row) {
-        return row[0] * static_cast<float>(x) + row[1] * static_cast<float>(y) + row[2];
-      };
-      int const fh = static_cast<int>(c.from_h), fw = static_cast<int>(c.from_w);
-      int const th = static_cast<int>(c.to_h), tw = static_cast<int>(c.to_w);
-      auto const at = [](unsigned int k, int y, int x, unsigned int h, unsigned int w) {
-        return (k * h + static_cast<unsigned int>(y)) * w + static_cast<unsigned int>(x);
-      };
-      for (int y = 0; y < fh; ++y) {
-        for (int x = 0; x < fw; ++x) {
-          int const tx = Whole(position(x, y, &m[0]) + 0.5f), ty = Whole(position(x, y, &m[3]) + 0.5f);
-          if (tx < 0 || tx > tw - 1 || ty < 0 || ty > th - 1) continue;
-          for (unsigned int k = 0; k < c.channels; ++k) {
-            want_forward[at(k, ty, tx, c.to_h, c.to_w)] = from[at(k, y, x, c.from_h, c.from_w)];
-          }
-        }
+TEST_P(Warp, NearestMovesFourBytesForAnElementOfAnySize) {
+  struct Types {
+    unsigned int src, dst;
+  };
+  // With the short elements only row 0 maps inside, so that no move passes an end.
+  Matrix const first_row = {1, 0, 0, 0, 100, 0};
+  for (Types const& types : {Types{TensorShape::FLOAT32, TensorShape::FLOAT32},
+                             {TensorShape::UINT8, TensorShape::INT32},
+                             {TensorShape::INT32, TensorShape::INT16},
+                             {TensorShape::INT16, TensorShape::UINT8}}) {
+    std::size_t const src_bytes = runtime::ElementSize(types.src), dst_bytes = runtime::ElementSize(types.dst);
+    bool const is_short = src_bytes < 4 || dst_bytes < 4;
+    for (Matrix const& any : kMatrices) {
+      Matrix const& m = is_short ? first_row : any;
+      for (auto const& [from, to] : Pairs()) {
+        Planes const src = is_short ? Planes{2, 3, 5} : from, dst = is_short ? Planes{2, 4, 6} : to;
+        auto const data = Bytes(1, src.count() * src_bytes), before = Bytes(2, dst.count() * dst_bytes);
+        auto const image = Make(src.dims(), TensorShape::CHW, types.src, data.data());
+        auto forward = before, inverse = before;
+        auto const map = [&](Planes const& other, int y, int x, auto const& move) {
+          int const ty = Whole(Mapped(&m[3], x, y) + 0.5f), tx = Whole(Mapped(&m[0], x, y) + 0.5f);
+          if (other.Holds(ty, tx)) move(ty, tx);
+        };
+        auto const move = [&](std::size_t from_element, ByteVector& bytes, std::size_t to_element) {
+          std::memcpy(bytes.data() + to_element * dst_bytes, data.data() + from_element * src_bytes, 4);
+        };
+        src.ForEach([&](unsigned int k, int y, int x) {
+          map(dst, y, x, [&](int ty, int tx) { move(src.At(k, y, x), forward, dst.At(k, ty, tx)); });
+        });
+        dst.ForEach([&](unsigned int k, int y, int x) {
+          map(src, y, x, [&](int sy, int sx) { move(src.At(k, sy, sx), inverse, dst.At(k, y, x)); });
+        });
+        auto const made = [&] { return Make(dst.dims(), TensorShape::CHW, types.dst, before.data()); };
+        ASSERT_EQ(forward, BytesOf(Warped(56, m, image, made()))) << types.src << " to " << types.dst;
+        ASSERT_EQ(inverse, BytesOf(Warped(57, m, image, made()))) << types.src << " to " << types.dst;
       }
-      for (int y = 0; y < th; ++y) {
-        for (int x = 0; x < tw; ++x) {
-          float const u = position(x, y, &m[0]), v = position(x, y, &m[3]);
-          int const sx = Whole(u + 0.5f), sy = Whole(v + 0.5f), ix = Whole(u), iy = Whole(v);
-          float const fx = u < 0 ? 0 : u - static_cast<float>(ix), fy = v < 0 ? 0 : v - static_cast<float>(iy);
-          for (unsigned int k = 0; k < c.channels; ++k) {
-            std::size_t const to = at(k, y, x, c.to_h, c.to_w);
-            auto const t = [&](int dx, int dy) { return from[at(k, iy + dy, ix + dx, c.from_h, c.from_w)]; };
-            if (sx >= 0 && sx <= fw - 1 && sy >= 0 && sy <= fh - 1)
-              want_inverse[to] = from[at(k, sy, sx, c.from_h, c.from_w)];
-            if (ix < 0 || ix >= fw - 1 || iy < 0 || iy >= fh - 1) continue;
-            want_bilinear[to] =
-                (t(1, 1) * fx + t(0, 1) * (1 - fx)) * fy + (t(1, 0) * fx + t(0, 0) * (1 - fx)) * (1 - fy);
-          }
-        }
-      }
-      Dims const to_dims = {c.channels, c.to_h, c.to_w};
-      auto forward = FloatImage(to_dims, TensorShape::CHW, before),
-           inverse = FloatImage(to_dims, TensorShape::CHW, before);
-      auto bilinear = FloatImage(to_dims, TensorShape::CHW, before);
-      process_.Affine_Float(src, forward, m.data(), nullptr);
-      process_.Affine_INV_Float(src, inverse, m.data(), nullptr);
-      process_.Affine_INV_BILINEAR_Float(src, bilinear, m.data(), nullptr);
-      ExpectSameBits(want_forward, Values(*forward));
-      ExpectSameBits(want_inverse, Values(*inverse));
-      ExpectSameBits(want_bilinear, Values(*bilinear));
-      if (HasFailure())
-        FAIL() << c.channels << ": " << c.from_h << " x " << c.from_w << " to " << c.to_h << " x " << c.to_w;
     }
   }
 }
 
-TEST_F(Warp, FreeFormWorksInNormalisedCoordinates) {
+TEST_P(Warp, BilinearWorksInPixelsOrInNormalisedCoordinates) {
   for (Matrix const& m : kMatrices) {
-    for (Case const& c : Cases()) {
-      auto const plain = Floats(3, c.channels * c.from_h * c.from_w);
-      auto const h = static_cast<float>(c.from_h), w = static_cast<float>(c.from_w);
-      std::vector<float> want;
-      for (unsigned int k = 0; k < c.channels; ++k) {
-        for (unsigned int j = 0; j < c.to_h; ++j) {
-          for (unsigned int i = 0; i < c.to_w; ++i) {
-            float const ny = (static_cast<float>(j) + 0.5f) * (1.0f / (static_cast<float>(c.to_h) * 0.5f)) - 1.0f;
-            float const nx = (static_cast<float>(i) + 0.5f) * (1.0f / (static_cast<float>(c.to_w) * 0.5f)) - 1.0f;
-            float const sx = m[0] * 0.5f * w * nx + m[1] * 0.5f * h * ny + ((m[2] * 0.5f + 0.5f) * w - 0.5f);
-            float const sy = m[3] * 0.5f * w * nx + m[4] * 0.5f * h * ny + ((m[5] * 0.5f + 0.5f) * h - 0.5f);
-            int const ix = Whole(sx), iy = Whole(sy), fw = static_cast<int>(c.from_w), fh = static_cast<int>(c.from_h);
-            bool const is_int = sx - static_cast<float>(ix) < 1 && sy - static_cast<float>(iy) < 1;
-            float const fx = is_int ? sx - static_cast<float>(ix) : 0, fy = is_int ? sy - static_cast<float>(iy) : 0;
-            auto const t = [&](int x, int y, bool inside) {
-              return inside ? plain[(k * c.from_h + static_cast<unsigned int>(y)) * c.from_w +
-                                    static_cast<unsigned int>(x)]
-                            : 0;
-            };
-            bool const left = 0 < ix && ix < fw, top = 0 < iy && iy < fh;
-            bool const right = 0 <= ix && ix + 1 < fw, bottom = 0 <= iy && iy + 1 < fh;
-            float const t00 = t(ix, iy, left && top), t10 = t(ix + 1, iy, right && top);
-            float const t01 = t(ix, iy + 1, left && bottom), t11 = t(ix + 1, iy + 1, right && bottom);
-            want.push_back(fy * (t11 * fx + t01 * (1 - fx)) + (1 - fy) * (t10 * fx + t00 * (1 - fx)));
-          }
+    for (auto const& [src, dst] : Pairs()) {
+      auto const from = Floats(1, src.count()), before = Floats(2, dst.count());
+      auto want = before, want_free = before;
+      float const fw = static_cast<float>(src.w), fh = static_cast<float>(src.h);
+      dst.ForEach([&, &s = src, &d = dst](unsigned int k, int y, int x) {
+        auto const t = [&](int ty, int tx, bool inside) { return inside ? from[s.At(k, ty, tx)] : 0.0f; };
+        float const u = Mapped(&m[0], x, y), v = Mapped(&m[3], x, y);
+        int const ix = Whole(u), iy = Whole(v);
+        if (ix >= 0 && ix < s.w - 1 && iy >= 0 && iy < s.h - 1) {
+          want[d.At(k, y, x)] =
+              Blend(t(iy, ix, true), t(iy, ix + 1, true), t(iy + 1, ix, true), t(iy + 1, ix + 1, true),
+                    u < 0 ? 0 : u - static_cast<float>(ix), v < 0 ? 0 : v - static_cast<float>(iy));
         }
-      }
-      auto const image = FloatImage({c.channels, c.from_h, c.from_w}, TensorShape::CHW, plain);
-      auto const matrix = FloatImage({2, 3}, TensorShape::FLEXIABLE, {m.begin(), m.end()});
-      auto out = FloatImage({c.channels, c.to_h, c.to_w}, TensorShape::CHW, Floats(4, want.size()));
-      F_WarpAffine_Bilinear_CHW_F32_Arm(image, matrix, out);
-      ExpectSameBits(want, Values(*out));
-      if (HasFailure())
-        FAIL() << c.channels << ": " << c.from_h << " x " << c.from_w << " to " << c.to_h << " x " << c.to_w;
+        float const ny = (static_cast<float>(y) + 0.5f) * (1.0f / (static_cast<float>(d.h) * 0.5f)) - 1.0f;
+        float const nx = (static_cast<float>(x) + 0.5f) * (1.0f / (static_cast<float>(d.w) * 0.5f)) - 1.0f;
+        float const px = m[0] * 0.5f * fw * nx + m[1] * 0.5f * fh * ny + ((m[2] * 0.5f + 0.5f) * fw - 0.5f);
+        float const py = m[3] * 0.5f * fw * nx + m[4] * 0.5f * fh * ny + ((m[5] * 0.5f + 0.5f) * fh - 0.5f);
+        int const jx = Whole(px), jy = Whole(py);
+        bool const left = 0 < jx && jx < s.w, top = 0 < jy && jy < s.h;
+        bool const right = 0 <= jx && jx + 1 < s.w, bottom = 0 <= jy && jy + 1 < s.h;
+        bool const any = (left || right) && (top || bottom);  // else the parts need not be numbers
+        want_free[d.At(k, y, x)] =
+            any ? Blend(t(jy, jx, left && top), t(jy, jx + 1, right && top), t(jy + 1, jx, left && bottom),
+                        t(jy + 1, jx + 1, right && bottom), px - static_cast<float>(jx), py - static_cast<float>(jy))
+                : 0.0f;
+      });
+      auto const image = FloatImage(src.dims(), TensorShape::CHW, from);
+      ExpectSameBits(want, Values(*Warped(58, m, image, FloatImage(dst.dims(), TensorShape::CHW, before))));
+      auto free = FloatImage(dst.dims(), TensorShape::CHW, before);
+      F_WarpAffine_Bilinear_CHW_F32_Arm(image, FloatImage({6}, TensorShape::C, {m.begin(), m.end()}), free);
+      ExpectSameBits(want_free, Values(*free));
+      if (HasFailure()) FAIL() << src.channels << ": " << src.h << " x " << src.w << " to " << dst.h << " x " << dst.w;
     }
   }
 }
 
-TEST_F(Warp, IdentityKeepsAllButTheEdges) {
-  auto const data = Floats(1, 64), before = Floats(2, 64);
-  auto image = FloatImage({1, 8, 8}, TensorShape::CHW, data),
-       bilinear = FloatImage({1, 8, 8}, TensorShape::CHW, before);
-  auto free = FloatImage({1, 8, 8}, TensorShape::CHW, before);
-  Matrix const& identity = kMatrices[0];
-  process_.Affine_INV_BILINEAR_Float(image, bilinear, identity.data(), nullptr);
-  F_WarpAffine_Bilinear_CHW_F32_Arm(image, FloatImage({6}, TensorShape::C, {identity.begin(), identity.end()}), free);
-  for (std::size_t i = 0; i < 64; ++i) {
-    EXPECT_EQ(i % 8 == 7 || i / 8 == 7 ? before[i] : data[i], Values(*bilinear)[i]);
-    EXPECT_EQ(i % 8 == 0 || i / 8 == 0 ? 0.0f : data[i], Values(*free)[i]);
+TEST_P(Warp, ShortSourcesAreReadAsFloatsAndMovesStayInside) {
+  auto const data = Bytes(3, 48);
+  auto const shorts = Make({2, 3, 4}, TensorShape::CHW, TensorShape::INT16, data.data());
+  auto const value = [&](std::size_t element) {
+    float number = 0.0f;
+    std::memcpy(&number, data.data() + 2 * element, sizeof(number));
+    return number;
+  };
+  std::vector<float> want(24, 7.0f);
+  for (std::size_t k : {0u, 12u}) {
+    for (std::size_t x = 0; x < 3; ++x) {
+      want[k + x] = Blend(value(k + x), value(k + x + 1), value(k + x + 4), value(k + x + 5), 0.25f, 0.5f);
+    }
   }
-}
-
-TEST_F(Warp, ShortElementsMoveFourBytes) {
-  auto bytes = Image({1, 2, 4}, TensorShape::CHW, {1, 2, 3, 4, 5, 6, 7, 8});
-  auto wide = Make({1, 2, 4}, TensorShape::CHW, TensorShape::INT32, ByteVector(32, 0).data());
-  float const first_row[] = {1, 0, 0, 0, 100, 0};  // only the row 0 stays inside
-  process_.Affine_Float(bytes, wide, first_row, nullptr);
-  auto const before = BytesOf(wide);
-  EXPECT_EQ((ByteVector{1, 2, 3, 4, 2, 3, 4, 5, 3, 4, 5, 6, 4, 5, 6, 7}),
-            ByteVector(before.begin(), before.begin() + 16));
-  EXPECT_EQ(Report("Affine_Float: a move of 4 bytes at byte 5 of src passes its end at 8"),
-            RefusalOf([&] { process_.Affine_Float(bytes, wide, kMatrices[0].data(), nullptr); }));
-  EXPECT_EQ(before, BytesOf(wide)) << "a refused call moves nothing";
-  EXPECT_EQ(Report("Affine_INV_BILINEAR_Float: a move of 4 bytes at byte 5 of src passes its end at 8"),
-            RefusalOf([&] { process_.Affine_INV_BILINEAR_Float(bytes, wide, kMatrices[0].data(), nullptr); }));
-}
-
-TEST_F(Warp, Refuses) {
-  auto image = FloatImage({2, 2, 2}, TensorShape::CHW, Floats(1, 8)),
-       flat = FloatImage({4}, TensorShape::C, Floats(1, 4));
-  auto plane = FloatImage({1, 2, 2}, TensorShape::CHW, Floats(1, 4)),
-       hwc = FloatImage({2, 2, 2}, TensorShape::HWC, Floats(1, 8));
-  float const* const m = kMatrices[0].data();
-  EXPECT_EQ(Report(""), RefusalOf([&] { process_.Affine_Float(hwc, image, m, nullptr); }));
+  auto const dst = FloatImage({2, 3, 4}, TensorShape::CHW, std::vector<float>(24, 7.0f));
+  ExpectSameBits(want, Values(*Warped(58, {1, 0, 0.25f, 0, 100, 0.5f}, shorts, dst)));
+  auto const bytes = Image({1, 2, 4}, TensorShape::CHW), wide = FloatImage({1, 2, 4}, TensorShape::CHW, Floats(1, 8));
+  auto const before = BytesOf(bytes), wide_before = BytesOf(wide);
+  struct Case {
+    int code;
+    ImagePtr src, dst;
+    char const* text;
+  };
+  for (Case const& c :
+       {Case{56, bytes, wide, "Affine_Float: a move of 4 bytes at byte 5 of src passes its end at 8"},
+        {57, wide, bytes, "Affine_INV_Float: a move of 4 bytes at byte 5 of dst passes its end at 8"},
+        {58, bytes, wide, "Affine_INV_BILINEAR_Float: a move of 4 bytes at byte 5 of src passes its end at 8"}}) {
+    EXPECT_EQ(Report(c.text), RefusalOf([&] { Warped(c.code, kMatrices[0], c.src, c.dst); }));
+  }
+  EXPECT_EQ(before, BytesOf(bytes)) << "a refused call moves nothing";
+  EXPECT_EQ(wide_before, BytesOf(wide)) << "a refused call moves nothing";
+  ImagePtr src = wide, to = wide;
   EXPECT_EQ(Report("Affine_INV_Float: the matrix is null"),
-            RefusalOf([&] { process_.Affine_INV_Float(image, image, nullptr, nullptr); }));
-  EXPECT_EQ(Report("Affine_Float: dst of dims [1, 2, 2] holds 16 bytes, needs 32"),
-            RefusalOf([&] { process_.Affine_Float(image, plane, m, nullptr); }));
-  EXPECT_EQ(Report("Affine_INV_BILINEAR_Float: src of dims [1, 2, 2] holds 16 bytes, needs 32"),
-            RefusalOf([&] { process_.Affine_INV_BILINEAR_Float(plane, image, m, nullptr); }));
-  EXPECT_EQ(Report("Not Implemented."), RefusalOf([&] { process_.Affine_Unimplemented(image, image, m, nullptr); }));
-  EXPECT_EQ(Report("Not Implemented."),
-            RefusalOf([&] { process_.Affine_INV_Unimplemented(image, image, m, nullptr); }));
-  ImagePtr none;
-  EXPECT_EQ(Report("i_mat must be a vaild TensorCPUPtr."),
-            RefusalOf([&] { F_WarpAffine_Bilinear_CHW_F32_Arm(image, none, none); }));
-  EXPECT_EQ(Report("F_WarpAffine_Bilinear_CHW_F32_Arm: i_mat of dims [4] holds 16 bytes, needs 24"),
-            RefusalOf([&] { F_WarpAffine_Bilinear_CHW_F32_Arm(image, flat, image); }));
-  EXPECT_EQ(Report("F_WarpAffine_Bilinear_CHW_F32_Arm: i_img of dims [1, 2, 2] holds 16 bytes, needs 32"),
-            RefusalOf([&] { F_WarpAffine_Bilinear_CHW_F32_Arm(plane, image, image); }));
+            RefusalOf([&] { process_.ConvertPixel(src, to, nullptr, 57, nullptr); }));
 }
+
+INSTANTIATE_TEST_SUITE_P(Sets, Warp, kEverySet);
 
 }  // namespace
 }  // namespace talvo::test

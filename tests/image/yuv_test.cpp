@@ -1,184 +1,199 @@
 #include "talvo/image/yuv.h"
 
-#include "talvo/image/image_process_fallback.h"
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
 #include "tests/image/image_test_support.h"
 
 namespace talvo::test {
 namespace {
 
 using namespace kernel::functional;
-using Matrix = std::shared_ptr<YUVCvtMatrix>;
 
-class Yuv : public ImageTest {
- protected:
-  kernel::ImageProcessFallback process_;
-};
+class Yuv : public ImageTest {};
 
 struct Shape {
   unsigned int height, width;
 };
 constexpr Shape kFrames[] = {{2, 2}, {2, 4}, {4, 30}, {6, 32}, {2, 34}, {8, 66}, {2, 2046}, {4, 2050}, {2, 4100}};
 
-TEST_F(Yuv, ClassFramesWrapAround) {
-  struct Case {
-    char const* why;
-    void (kernel::ImageProcessFallback::*operation)(ImagePtr&, ImagePtr&, std::shared_ptr<runtime::Context>);
-    bool planar;
-    std::size_t u, v;  // place in a pair, or number of the plane
-  };
-  using P = kernel::ImageProcessFallback;
-  for (Case const& c : {Case{"NV21", &P::ConvertYUV2RGB_NV21, false, 1, 0},
-                        {"NV12", &P::ConvertYUV2RGB_NV12, false, 0, 1},
-                        {"IYUV", &P::ConvertYUV2RGB_IYUV, true, 0, 1}}) {
-    SCOPED_TRACE(c.why);
-    for (Shape const& shape : kFrames) {
-      unsigned int const h = shape.height, w = shape.width;
-      auto const frame = Bytes(h + w, h * w * 3 / 2);
-      auto src = Image({h, w, 1}, TensorShape::HWC), dst = Image({3, h, w}, TensorShape::CHW);
-      src = context_->device_cpu->CreateTensorExternal(src->shape, const_cast<unsigned char*>(frame.data()));
-      (process_.*c.operation)(src, dst, nullptr);
-      ByteVector want(3 * h * w);
-      for (std::size_t y = 0; y < h; ++y) {
-        for (std::size_t x = 0; x < w; ++x) {
-          std::size_t const block = y / 2 * (w / 2) + x / 2;
-          auto const chrominance = [&](std::size_t which) {
-            return frame[h * w + (c.planar ? which * (h * w / 4) + block : 2 * block + which)] - 128;
-          };
-          int const luma = frame[y * w + x], u = chrominance(c.u), v = chrominance(c.v);
-          int const rgb[] = {(64 * luma + 90 * v) >> 6, (64 * luma - 22 * u - 46 * v) >> 6, (64 * luma + 113 * u) >> 6};
-          for (std::size_t k = 0; k < 3; ++k) want[k * h * w + y * w + x] = static_cast<unsigned char>(rgb[k]);
-        }
-      }
-      ASSERT_EQ(want, BytesOf(dst)) << h << " x " << w;
-    }
-  }
-  auto frame = Image({2, 2, 3}, TensorShape::HWC, {255, 255, 255, 255, 128, 255, 0, 0, 0, 0, 0, 0});
-  auto dst = Image({3, 2, 2}, TensorShape::CHW);
-  process_.ConvertYUV2RGB_NV12(frame, dst, nullptr);
-  EXPECT_EQ(177, BytesOf(dst)[0]) << "433 wraps around";
-}
+struct Coefficients {
+  std::int64_t y_gain, a_gain[3], b_gain[3], y_offset, a_offset, b_offset;
+  int shift;
+};
 
-TEST_F(Yuv, ClassIgnoresWhatItCannotConvert) {
-  auto frame = Image({4, 4, 2}, TensorShape::HWC), dst = Image({3, 4, 4}, TensorShape::CHW);
-  auto const before = BytesOf(dst);
-  auto const ignores = [&](char const* why) {
-    process_.ConvertYUV2RGB_NV21(frame, dst, nullptr);
-    EXPECT_EQ(before, BytesOf(dst)) << why;
-  };
-  frame->shape.dims = {3, 4, 2};
-  ignores("odd height");
-  frame->shape.dims = {4, 3, 2};
-  ignores("odd width");
-  frame->shape.dims = {4, 0, 2};
-  ignores("no columns");
-  frame->shape.dims = {0, 4, 2};
-  ignores("no rows");
-  frame->shape.dims = {4, 4, 2};
-  dst->shape.layout = TensorShape::HWC;
-  ignores("dst is not CHW");
-  dst->shape.layout = TensorShape::CHW;
-  dst->shape.location = TensorShape::MetalBuffer;
-  ignores("dst is elsewhere");
-  dst->shape.location = TensorShape::MainMemory;
-  auto small = Image({3, 4, 3}, TensorShape::CHW);
-  EXPECT_EQ(Report("ConvertYUV2RGB_IYUV: dst of dims [3, 4, 3] needs memory for 3 planes of 16 pixels"),
-            RefusalOf([&] { process_.ConvertYUV2RGB_IYUV(frame, small, nullptr); }));
-}
-
-// The definition in 64 bits, where nothing overflows.
-ByteVector WantWithMatrix(ByteVector const& y, ByteVector const& a, ByteVector const& b, std::size_t h, std::size_t w,
-                          YUVCvtMatrix const& m) {
-  auto const fixed = [](float value, float scale) {
-    return std::int64_t{static_cast<std::int16_t>(static_cast<int>(value * scale))};
-  };
-  std::int64_t const y_gain = fixed(m.m0, 32), a_gain[] = {fixed(m.m1, 32), fixed(m.m3, 32), fixed(m.m5, 32)};
-  std::int64_t const b_gain[] = {fixed(m.m2, 32), fixed(m.m4, 32), fixed(m.m6, 32)};
+// The definition in 64 bits, where nothing overflows. Chrominance values lie `step` bytes apart.
+ByteVector Want(Shape const& s, unsigned char const* y, unsigned char const* a, unsigned char const* b,
+                std::size_t step, Coefficients const& m) {
   ByteVector want;
+  std::size_t const w = s.width;
   for (std::size_t k = 0; k < 3; ++k) {
-    for (std::size_t i = 0; i < h * w; ++i) {
-      std::size_t const block = i / w / 2 * (w / 2) + i % w / 2;
-      std::int64_t const sum = (y[i] - fixed(m.m7, 256)) * y_gain + (a[block] - fixed(m.m8, 256)) * a_gain[k] +
-                               (b[block] - fixed(m.m9, 256)) * b_gain[k];
-      want.push_back(static_cast<unsigned char>(sum >> 5));
+    for (std::size_t i = 0; i < s.height * w; ++i) {
+      std::size_t const at = (i / w / 2 * (w / 2) + i % w / 2) * step;
+      std::int64_t const sum =
+          (y[i] - m.y_offset) * m.y_gain + (a[at] - m.a_offset) * m.a_gain[k] + (b[at] - m.b_offset) * m.b_gain[k];
+      want.push_back(static_cast<unsigned char>(sum >> m.shift));
     }
   }
   return want;
 }
 
-TEST_F(Yuv, FreeFormsUseTheMatrix) {
-  YUVCvtMatrix const matrices[] = {{1.164f, 0, 1.596f, -0.391f, -0.813f, 2.018f, 0, 0.0625f, 0.5f, 0.5f},
-                                   {1, 0, 0, 0, 0, 0, 0, 0, 0, 0},
-                                   {-3.3f, 900.5f, -77.7f, 1023.9f, -1023.9f, 12.5f, 31.0f, -1.5f, 99.0f, -0.7f}};
-  for (auto const& values : matrices) {
-    auto const matrix = std::make_shared<YUVCvtMatrix>(values);
-    for (auto [h, w] : kFrames) {
-      auto y = Image({h, w, 1}, TensorShape::HWC, 1), ab = Image({h / 2, w / 2, 2}, TensorShape::HWC, 2);
-      ByteVector a, b;
-      auto const pairs = BytesOf(ab);
-      for (std::size_t i = 0; i < pairs.size(); i += 2) {
-        a.push_back(pairs[i]);
-        b.push_back(pairs[i + 1]);
-      }
-      auto first = Image({h / 2, w / 2}, TensorShape::HWC, a), second = Image({h / 2, w / 2}, TensorShape::HWC, b);
-      auto const want = WantWithMatrix(BytesOf(y), a, b, h, w, values);
-      auto dst = Image({3, h, w}, TensorShape::CHW, 3), twin = Image({3, h, w}, TensorShape::CHW, 4);
-      F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(y, ab, matrix, dst);
-      F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Arm(y, ab, matrix, twin);
-      ASSERT_EQ(want, BytesOf(dst)) << h << " x " << w;
-      ASSERT_EQ(want, BytesOf(twin)) << h << " x " << w;
-      auto dst3 = Image({3, h, w}, TensorShape::CHW, 3), twin3 = Image({3, h, w}, TensorShape::CHW, 4);
-      F_ColorCvt_YUV_3Plane_UInt8_To_CHW_UInt8_Fallback(y, first, second, matrix, dst3);
-      F_ColorCvt_YUV_3Plane_UInt8_To_CHW_UInt8_Arm(y, first, second, matrix, twin3);
-      ASSERT_EQ(want, BytesOf(dst3)) << h << " x " << w;
-      ASSERT_EQ(want, BytesOf(twin3)) << h << " x " << w;
+TEST_P(Yuv, ClassFramesWrapAround) {
+  Coefficients const coefficients = {64, {0, -22, 113}, {90, -46, 0}, 0, 128, 128, 6};
+  for (Shape const& s : kFrames) {
+    std::size_t const pixels = std::size_t{s.height} * s.width;
+    auto frame = Bytes(s.height + s.width, pixels * 3 / 2);
+    TensorShape const shape({s.height, s.width, 1}, TensorShape::UINT8, TensorShape::HWC, TensorShape::MainMemory, {});
+    auto const src = context_->device_cpu->CreateTensorExternal(shape, frame.data());
+    auto const* const chrominance = frame.data() + pixels;
+    struct Case {
+      int code;
+      std::size_t u, v, step;
+    };
+    for (Case const& c : {Case{24, 1, 0, 2}, {22, 0, 1, 2}, {32, 0, pixels / 4, 1}}) {
+      auto const dst = Image({3, s.height, s.width}, TensorShape::CHW);
+      Run(c.code, src, dst);
+      ASSERT_EQ(Want(s, frame.data(), chrominance + c.u, chrominance + c.v, c.step, coefficients), BytesOf(dst))
+          << c.code << ": " << s.height << " x " << s.width;
     }
   }
 }
 
-TEST_F(Yuv, FreeFormsRefuseInOrder) {
-  auto const matrix = std::make_shared<YUVCvtMatrix>();
-  auto y = Image({4, 4, 1}, TensorShape::HWC), ab = Image({2, 2, 2}, TensorShape::HWC);
-  auto dst = Image({3, 4, 4}, TensorShape::CHW), plane = Image({2, 2}, TensorShape::HWC);
-  auto floats = FloatImage({2, 2, 2}, TensorShape::HWC, Floats(1, 8));
-  auto elsewhere = FloatImage({2, 2, 2}, TensorShape::HWC, Floats(1, 8));
-  elsewhere->shape.location = TensorShape::OpenGLSSBO;
-  auto short_plane = Image({1, 2, 2}, TensorShape::HWC);
+TEST_P(Yuv, ClassIgnoresWhatItCannotConvert) {
+  auto const frame = Image({4, 4, 2}, TensorShape::HWC), dst = Image({3, 4, 4}, TensorShape::CHW);
+  auto const before = BytesOf(dst);
+  for (Dims const& dims : {Dims{3, 4, 2}, {4, 3, 2}, {4, 0, 2}, {0, 4, 2}}) {
+    frame->shape.dims = dims;
+    Run(24, frame, dst);
+  }
+  frame->shape.dims = {4, 4, 2};
+  dst->shape.layout = TensorShape::HWC;
+  Run(24, nullptr, dst);
+  dst->shape.layout = TensorShape::CHW;
+  auto const foreign = std::make_shared<Foreign>(frame->shape);
+  foreign->shape.location = TensorShape::MetalBuffer;
+  Run(24, foreign, dst);
+  dst->shape.location = TensorShape::MetalBuffer;
+  Run(24, frame, dst);
+  EXPECT_EQ(before, BytesOf(dst));
+  auto const nowhere = context_->device_cpu->CreateTensorExternal(frame->shape, nullptr);
+  auto const small = Image({3, 4, 3}, TensorShape::CHW), two = Image({2, 4, 4}, TensorShape::CHW);
   struct Case {
-    ImagePtr y, ab;
-    Matrix matrix;
-    ImagePtr dst;
+    ImagePtr src, dst;
     char const* text;
+  };
+  for (Case const& c : {Case{nowhere, small, "dst of dims [3, 4, 3] needs memory for 3 planes of 16 pixels"},
+                        {frame, two, "dst of dims [2, 4, 4] holds 32 bytes, needs 48"},
+                        {nowhere, Image({3, 4, 4, 1}, TensorShape::CHW), "src has no memory"},
+                        {Image({32}, TensorShape::HWC), small, "src has rank 1, needs 2"},
+                        {frame, Image({48}, TensorShape::CHW), "dst has rank 1, needs 3"}}) {
+    EXPECT_EQ(Report(std::string("ConvertYUV2RGB_IYUV: ") + c.text), RefusalOf([&] { Run(32, c.src, c.dst); }));
+  }
+}
+
+// Truncated, held within int, cut to its low 16 bits; NaN is 0.
+std::int64_t Fixed(float value, float scale) {
+  double const most = std::numeric_limits<int>::max(), held = std::min(double{value * scale}, most);
+  return std::isnan(value) ? 0 : static_cast<std::int16_t>(static_cast<int>(held));
+}
+
+TEST_P(Yuv, FreeFormsUseTheMatrix) {
+  YUVCvtMatrix const matrices[] = {{1.164f, 0, 1.596f, -0.391f, -0.813f, 2.018f, 0, 0.0625f, 0.5f, 0.5f},
+                                   {-3.3f, 900.5f, -77.7f, 1023.9f, -1023.9f, 12.5f, 31.0f, -1.5f, 99.0f, -0.7f},
+                                   {1025.1f, 2.5f, -1500.7f, 1e12f, 3e4f, NAN, 1.3f, 130.6f, -300.0f, 1e9f}};
+  for (auto const& m : matrices) {
+    auto const matrix = std::make_shared<YUVCvtMatrix>(m);
+    Coefficients const coefficients = {Fixed(m.m0, 32),
+                                       {Fixed(m.m1, 32), Fixed(m.m3, 32), Fixed(m.m5, 32)},
+                                       {Fixed(m.m2, 32), Fixed(m.m4, 32), Fixed(m.m6, 32)},
+                                       Fixed(m.m7, 256),
+                                       Fixed(m.m8, 256),
+                                       Fixed(m.m9, 256),
+                                       5};
+    for (Shape const& s : kFrames) {
+      unsigned int const h = s.height, w = s.width;
+      auto const y = Bytes(1, std::size_t{h} * w), ab = Bytes(2, std::size_t{h} * w / 2);
+      auto const luminance = Image({h, w, 1}, TensorShape::HWC, y),
+                 pairs = Image({h / 2, w / 2, 2}, TensorShape::HWC, ab);
+      auto const half = static_cast<std::ptrdiff_t>(ab.size() / 2);
+      auto const first = Image({h / 2, w / 2}, TensorShape::HWC, ByteVector(ab.begin(), ab.begin() + half));
+      auto const second = Image({h / 2, w / 2}, TensorShape::HWC, ByteVector(ab.begin() + half, ab.end()));
+      auto const expect = [&](ByteVector const& want, auto const& convert) {
+        auto dst = Image({3, h, w}, TensorShape::CHW, 3);
+        convert(dst);
+        ASSERT_EQ(want, BytesOf(dst)) << h << " x " << w;
+      };
+      auto const want2 = Want(s, y.data(), ab.data(), ab.data() + 1, 2, coefficients);
+      expect(want2,
+             [&](ImagePtr& d) { F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(luminance, pairs, matrix, d); });
+      expect(want2, [&](ImagePtr& d) { F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Arm(luminance, pairs, matrix, d); });
+      auto const want3 = Want(s, y.data(), ab.data(), ab.data() + half, 1, coefficients);
+      expect(want3, [&](ImagePtr& d) {
+        F_ColorCvt_YUV_3Plane_UInt8_To_CHW_UInt8_Fallback(luminance, first, second, matrix, d);
+      });
+      expect(want3,
+             [&](ImagePtr& d) { F_ColorCvt_YUV_3Plane_UInt8_To_CHW_UInt8_Arm(luminance, first, second, matrix, d); });
+    }
+  }
+}
+
+// In the order of the tests: each row has all later faults, too.
+TEST_P(Yuv, FreeFormsRefuseInOrder) {
+  auto const matrix = std::make_shared<YUVCvtMatrix>();
+  auto const y = Image({4, 4, 1}, TensorShape::HWC), dst = Image({3, 4, 4}, TensorShape::CHW);
+  auto const floats = FloatImage({2, 2, 2}, TensorShape::HWC, Floats(1, 8));
+  auto const elsewhere = std::make_shared<Foreign>(floats->shape),
+             out_floats = std::make_shared<Foreign>(floats->shape);
+  elsewhere->shape.location = TensorShape::OpenGLSSBO;
+  out_floats->shape.layout = TensorShape::CHW;
+  auto const out_elsewhere = std::make_shared<Foreign>(dst->shape);
+  out_elsewhere->shape.location = TensorShape::OpenGLSSBO;
+  auto const plane = Image({2, 2}, TensorShape::HWC), flat = Image({1, 2, 2}, TensorShape::HWC);
+  auto const foreign = std::make_shared<Foreign>(plane->shape);
+  struct Case {
+    ImagePtr y, first, second;
+    bool has_matrix;
+    ImagePtr dst;
+    char const *text, *text2;  // of the two-plane form, where `first` gives the pairs; null: not called
   };
   for (Case c :
-       {Case{elsewhere, elsewhere, nullptr, elsewhere, "i_luminancePlane must be a MainMemory Location Tensor."},
-        {floats, elsewhere, nullptr, elsewhere, "i_luminancePlane must be a UInt8 DataType Tensor."},
-        {y, elsewhere, nullptr, elsewhere, "i_chrominancePlane must be a MainMemory Location Tensor."},
-        {y, floats, nullptr, elsewhere, "i_chrominancePlane must be a UInt8 DataType Tensor."},
-        {y, short_plane, nullptr, elsewhere, "i_cvtMat must be a vaild shared pointer."},
-        {y, short_plane, matrix, elsewhere, "o_img must be a CHW Layout Tensor."},
-        {y, short_plane, matrix, dst, "Shapes of Luminance Plane and Chrominance Plane mismatched."},
-        {y, plane, matrix, dst,
-         "F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback: i_chrominancePlane of dims [2, 2] holds 4 bytes, "
-         "needs 8"}}) {
+       {Case{elsewhere, elsewhere, elsewhere, false, elsewhere,
+             "i_luminancePlane must be a MainMemory Location Tensor.",
+             "i_luminancePlane must be a MainMemory Location Tensor."},
+        {floats, elsewhere, elsewhere, false, elsewhere, "i_luminancePlane must be a UInt8 DataType Tensor.",
+         "i_luminancePlane must be a UInt8 DataType Tensor."},
+        {y, elsewhere, elsewhere, false, elsewhere, "i_chrominanceBPlane must be a MainMemory Location Tensor.",
+         "i_chrominancePlane must be a MainMemory Location Tensor."},
+        {y, floats, elsewhere, false, elsewhere, "i_chrominanceBPlane must be a UInt8 DataType Tensor.",
+         "i_chrominancePlane must be a UInt8 DataType Tensor."},
+        {y, flat, elsewhere, false, elsewhere, "i_chrominanceRPlane must be a MainMemory Location Tensor.", nullptr},
+        {y, flat, floats, false, elsewhere, "i_chrominanceRPlane must be a UInt8 DataType Tensor.", nullptr},
+        {y, flat, flat, false, elsewhere, "i_cvtMat must be a vaild shared pointer.",
+         "i_cvtMat must be a vaild shared pointer."},
+        {y, flat, flat, true, elsewhere, "o_img must be a CHW Layout Tensor.", "o_img must be a CHW Layout Tensor."},
+        {y, flat, flat, true, out_floats, "o_img must be a UInt8 DataType Tensor.",
+         "o_img must be a UInt8 DataType Tensor."},
+        {y, flat, flat, true, out_elsewhere, "o_img must be a MainMemory Location Tensor.",
+         "o_img must be a MainMemory Location Tensor."},
+        {y, flat, flat, true, dst, "Shapes of Luminance Plane and ChrominanceB Plane mismatched.",
+         "Shapes of Luminance Plane and Chrominance Plane mismatched."},
+        {y, foreign, flat, true, dst, "Shapes of Luminance Plane and ChrominanceR Plane mismatched.",
+         "i_chrominancePlane must be a TensorCPUPtr."}}) {
+    auto const given = c.has_matrix ? matrix : nullptr;
     EXPECT_EQ(Report(c.text),
-              RefusalOf([&] { F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(c.y, c.ab, c.matrix, c.dst); }));
+              RefusalOf([&] { F_ColorCvt_YUV_3Plane_UInt8_To_CHW_UInt8_Arm(c.y, c.first, c.second, given, c.dst); }));
+    if (c.text2 == nullptr) continue;
+    EXPECT_EQ(Report(c.text2),
+              RefusalOf([&] { F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Arm(c.y, c.first, given, c.dst); }));
   }
-  struct Case3 {
-    ImagePtr first, second;
-    char const* text;
-  };
-  for (Case3 c : {Case3{elsewhere, elsewhere, "i_chrominanceBPlane must be a MainMemory Location Tensor."},
-                  {floats, elsewhere, "i_chrominanceBPlane must be a UInt8 DataType Tensor."},
-                  {short_plane, elsewhere, "i_chrominanceRPlane must be a MainMemory Location Tensor."},
-                  {short_plane, floats, "i_chrominanceRPlane must be a UInt8 DataType Tensor."},
-                  {short_plane, plane, "Shapes of Luminance Plane and ChrominanceB Plane mismatched."},
-                  {plane, short_plane, "Shapes of Luminance Plane and ChrominanceR Plane mismatched."}}) {
-    EXPECT_EQ(Report(c.text),
-              RefusalOf([&] { F_ColorCvt_YUV_3Plane_UInt8_To_CHW_UInt8_Arm(y, c.first, c.second, matrix, dst); }));
+  ImagePtr out;
+  for (auto const refused : {F_ColorCvt_NV21_To_RGB_CHW_UInt8_Arm, F_ColorCvt_NV12_To_RGB_CHW_UInt8_Arm}) {
+    EXPECT_EQ(Report("Not Implemented."), RefusalOf([&] { refused(y, y, matrix, out); }));
   }
-  EXPECT_EQ(Report("Not Implemented."), RefusalOf([&] { F_ColorCvt_NV21_To_RGB_CHW_UInt8_Arm(y, ab, matrix, dst); }));
-  EXPECT_EQ(Report("Not Implemented."), RefusalOf([&] { F_ColorCvt_NV12_To_RGB_CHW_UInt8_Arm(y, ab, matrix, dst); }));
 }
+
+INSTANTIATE_TEST_SUITE_P(Sets, Yuv, kEverySet);
 
 }  // namespace
 }  // namespace talvo::test

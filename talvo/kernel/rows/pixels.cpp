@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "talvo/kernel/rows/byte_vectors.h"
+#include "talvo/kernel/rows/saturate.h"
 #include "talvo/utility/restrict.h"
 
 namespace talvo::kernel::rows {
@@ -264,190 +265,9 @@ struct AddBytesBody {
   }
 };
 
-struct ReverseBytesBody {
-  template <class Set>
-  static TALVO_ROWS_INLINE void Run(Byte const* TALVO_RESTRICT x, std::size_t count, Byte* TALVO_RESTRICT y) {
-    for (std::size_t i = 0; i < count; ++i) y[i] = x[count - 1 - i];
-  }
-};
-
-// Five pixels at a time: byte 1 + 3 k + c of the vector goes to byte 3 (4 - k) + c, and byte 15 is overwritten by the
-// next.
-struct ReversedTriple {
-  static constexpr int Of(int place) { return place == 15 ? 0 : 1 + 3 * (4 - place / 3) + place % 3; }
-};
-
-TALVO_ROWS_INLINE void ReverseFive(Byte const* x, Byte* y) {
-  Bytes<1> pixels, reversed;
-  std::memcpy(&pixels, x, sizeof(pixels));
-  ShuffleLanes<ReversedTriple, 1>(pixels, reversed, LaneIndices<1>());
-  std::memcpy(y, &reversed, sizeof(reversed));
-}
-
-struct ReverseTriplesBody {
-  template <class Set>
-  static TALVO_ROWS_INLINE void Run(Byte const* TALVO_RESTRICT x, std::size_t count, Byte* TALVO_RESTRICT y) {
-    std::size_t i = 0;
-    if constexpr (kShuffles<Set>) {  // the load begins a byte early, the store ends a byte late
-      for (; i + 6 <= count; i += 5) ReverseFive(x + 3 * (count - i - 5) - 1, y + 3 * i);
-    }
-    for (; i < count; ++i) std::memcpy(y + 3 * i, x + 3 * (count - 1 - i), 3);
-  }
-};
-
-// ---- Tiles.
-
-template <std::size_t kSize>
-TALVO_ROWS_INLINE void TransposePlain(Byte const* TALVO_RESTRICT from, std::ptrdiff_t from_row, std::size_t row,
-                                      std::size_t rows, std::size_t column, std::size_t columns,
-                                      Byte* TALVO_RESTRICT to, std::ptrdiff_t to_row, std::ptrdiff_t to_step) {
-  for (std::size_t j = column; j < columns; ++j) {
-    for (std::size_t i = row; i < rows; ++i) {
-      std::memcpy(to + static_cast<std::ptrdiff_t>(j) * to_row + static_cast<std::ptrdiff_t>(i) * to_step,
-                  from + static_cast<std::ptrdiff_t>(i) * from_row + j * kSize, kSize);
-    }
-  }
-}
-
-template <int... kIndex>
-TALVO_ROWS_INLINE void InterleaveBytes(Bytes<1> const& a, Bytes<1> const& b, Bytes<1>& low, Bytes<1>& high,
-                                       std::integer_sequence<int, kIndex...>) {
-  low = __builtin_shufflevector(a, b, (kIndex / 2 + kIndex % 2 * kLaneBytes)...);
-  high = __builtin_shufflevector(a, b, (kIndex / 2 + kLaneBytes / 2 + kIndex % 2 * kLaneBytes)...);
-}
-
-// 16 x 16 bytes; four rounds of interleaving rows i and i + 8 transpose them.
-struct TransposeBytesBody {
-  template <class Set>
-  static TALVO_ROWS_INLINE void Run(Byte const* TALVO_RESTRICT from, std::ptrdiff_t from_row, std::size_t rows,
-                                    std::size_t columns, Byte* TALVO_RESTRICT to, std::ptrdiff_t to_row,
-                                    std::ptrdiff_t to_step) {
-    std::size_t const whole_rows = rows / kLaneBytes * kLaneBytes, whole_columns = columns / kLaneBytes * kLaneBytes;
-    for (std::size_t i = 0; i < whole_rows; i += kLaneBytes) {
-      for (std::size_t j = 0; j < whole_columns; j += kLaneBytes) {
-        Square(from + static_cast<std::ptrdiff_t>(i) * from_row + j, from_row,
-               to + static_cast<std::ptrdiff_t>(j) * to_row + static_cast<std::ptrdiff_t>(i) * to_step, to_row,
-               to_step);
-      }
-    }
-    TransposePlain<1>(from, from_row, 0, whole_rows, whole_columns, columns, to, to_row, to_step);
-    TransposePlain<1>(from, from_row, whole_rows, rows, 0, columns, to, to_row, to_step);
-  }
-
-  static TALVO_ROWS_INLINE void Square(Byte const* from, std::ptrdiff_t from_row, Byte* to, std::ptrdiff_t to_row,
-                                       std::ptrdiff_t to_step) {
-    Bytes<1> x[kLaneBytes];
-    // With a negative step the rows are taken from the last one, so that each result is stored forward.
-    for (std::ptrdiff_t i = 0; i < kLaneBytes; ++i)
-      LoadLanes<1>(from + (to_step > 0 ? i : kLaneBytes - 1 - i) * from_row, 0, x[i]);
-    for (int round = 0; round < 4; ++round) {
-      Bytes<1> mixed[kLaneBytes];
-      for (int i = 0; i < kLaneBytes / 2; ++i) {
-        InterleaveBytes(x[i], x[i + kLaneBytes / 2], mixed[2 * i], mixed[2 * i + 1], LaneIndices<1>());
-      }
-      for (int i = 0; i < kLaneBytes; ++i) x[i] = mixed[i];
-    }
-    Byte* const first = to_step > 0 ? to : to - (kLaneBytes - 1);
-    for (std::ptrdiff_t i = 0; i < kLaneBytes; ++i) std::memcpy(first + i * to_row, &x[i], sizeof(x[i]));
-  }
-};
-
-// Pixels of three bytes, from byte kFirst of a lane on, as quads of which byte 3 does not count.
-template <int kFirst>
-struct WidenedTriple {
-  static constexpr int Of(int place) { return kFirst + place / 4 * 3 + (place % 4 == 3 ? 2 : place % 4); }
-};
-
-// The first three bytes of each quad.
-struct NarrowedQuad {
-  static constexpr int Of(int place) { return place < 12 ? place / 3 * 4 + place % 3 : 3; }
-};
-
-// Four columns and 4 kLanes rows. Lane l of a vector takes the rows 4 l to 4 l + 3; with a negative step the rows are
-// taken from the last one, so that the results are stored forward.
-template <std::size_t kSize>
-struct TransposePixelsBody {
-  template <class Set>
-  static TALVO_ROWS_INLINE void Run(Byte const* TALVO_RESTRICT from, std::ptrdiff_t from_row, std::size_t rows,
-                                    std::size_t columns, Byte* TALVO_RESTRICT to, std::ptrdiff_t to_row,
-                                    std::ptrdiff_t to_step) {
-    std::size_t whole_rows = 0, whole_columns = 0;
-    if constexpr (kShuffles<Set>) {
-      constexpr std::size_t kRows = 4 * kByteLanes<Set>;
-      whole_rows = rows / 4 * 4;
-      whole_columns = columns < 6 ? 0 : columns / 4 * 4;  // the first load takes 16 bytes of a row
-      for (std::size_t j = 0; j < whole_columns; j += 4) {
-        Byte const* const column = from + j * kSize;
-        Byte* const target = to + static_cast<std::ptrdiff_t>(j) * to_row;
-        std::size_t i = 0;
-        for (; i + kRows <= whole_rows; i += kRows) {
-          Block<kByteLanes<Set>>(j == 0, column, from_row, i, target, to_row, to_step);
-        }
-        for (; i < whole_rows; i += 4) Block<1>(j == 0, column, from_row, i, target, to_row, to_step);
-      }
-    }
-    TransposePlain<kSize>(from, from_row, 0, whole_rows, whole_columns, columns, to, to_row, to_step);
-    TransposePlain<kSize>(from, from_row, whole_rows, rows, 0, columns, to, to_row, to_step);
-  }
-
-  // A load of four triples takes four bytes more; they lie in front, but for the first column of a tile, where they lie
-  // behind.
-  template <int kLanes>
-  static TALVO_ROWS_INLINE void Block(bool first_column, Byte const* column, std::ptrdiff_t from_row, std::size_t row,
-                                      Byte* target, std::ptrdiff_t to_row, std::ptrdiff_t to_step) {
-    constexpr std::ptrdiff_t kLast = 4 * kLanes - 1;
-    auto const i = static_cast<std::ptrdiff_t>(row);
-    Byte const* const corner = column + (to_step > 0 ? i : i + kLast) * from_row;
-    std::ptrdiff_t const step = to_step > 0 ? from_row : -from_row;
-    Byte* const to = target + (to_step > 0 ? i : i + kLast) * to_step;
-    if (kSize == 4 || first_column) {
-      Transpose<kLanes, 0>(corner, step, to, to_row);
-    } else {
-      Transpose<kLanes, 4>(corner, step, to, to_row);
-    }
-  }
-
-  template <int kLanes, int kFront>
-  static TALVO_ROWS_INLINE void Transpose(Byte const* from, std::ptrdiff_t from_row, Byte* to, std::ptrdiff_t to_row) {
-    Quads<kLanes> x[4], mixed[4];
-    for (std::ptrdiff_t i = 0; i < 4; ++i) {
-      Bytes<kLanes> pixels;
-      LoadLanes<kLanes>(from + i * from_row - kFront, 4 * from_row, pixels);
-      if constexpr (kSize == 3) {
-        Bytes<kLanes> const triples = pixels;
-        ShuffleLanes<WidenedTriple<kFront>, kLanes>(triples, pixels, LaneIndices<kLanes>());
-      }
-      x[i] = reinterpret_cast<Quads<kLanes>>(pixels);
-    }
-    constexpr auto kQuads = std::make_integer_sequence<int, 4 * kLanes>();
-    InterleaveQuads<kLanes>(x[0], x[2], mixed[0], mixed[1], kQuads);
-    InterleaveQuads<kLanes>(x[1], x[3], mixed[2], mixed[3], kQuads);
-    InterleaveQuads<kLanes>(mixed[0], mixed[2], x[0], x[1], kQuads);
-    InterleaveQuads<kLanes>(mixed[1], mixed[3], x[2], x[3], kQuads);
-    for (std::ptrdiff_t i = 0; i < 4; ++i) StoreRow<kLanes>(reinterpret_cast<Bytes<kLanes>>(x[i]), to + i * to_row);
-  }
-
-  // 4 kLanes pixels. A lane of triples is stored whole, and the next lane writes over its last four bytes.
-  template <int kLanes>
-  static TALVO_ROWS_INLINE void StoreRow(Bytes<kLanes> const& quads, Byte* to) {
-    if constexpr (kSize == 4) {
-      std::memcpy(to, &quads, sizeof(quads));
-    } else {
-      Bytes<kLanes> triples;
-      ShuffleLanes<NarrowedQuad, kLanes>(quads, triples, LaneIndices<kLanes>());
-      if constexpr (kLanes > 1) StoreLane<0, kLanes>(triples, to);
-      if constexpr (kLanes > 2) {
-        StoreLane<1, kLanes>(triples, to + 12);
-        StoreLane<2, kLanes>(triples, to + 24);
-      }
-      StoreLane<kLanes - 1, kLanes>(triples, to + 12 * (kLanes - 1), 12);
-    }
-  }
-};
-
 // ---- Resize and normalisation.
 
-struct BlendNeighboursBody {
+struct BlendTapsBody {
   template <class Set>
   static TALVO_ROWS_INLINE void Run(Byte const* TALVO_RESTRICT left, Byte const* TALVO_RESTRICT right,
                                     std::int16_t const* TALVO_RESTRICT weight0,
@@ -491,11 +311,7 @@ struct NormaliseSaturatedBody {
   static TALVO_ROWS_INLINE void Run(Byte const* TALVO_RESTRICT in, std::size_t count, float const sub,
                                     float const scale, std::int16_t* TALVO_RESTRICT out) {
     for (std::size_t i = 0; i < count; ++i) {
-      float value = (static_cast<float>(in[i]) - sub) * scale;
-      value = value == value ? value : 0.0f;
-      value = value > -32768.0f ? value : -32768.0f;
-      value = value < 32767.0f ? value : 32767.0f;
-      out[i] = static_cast<std::int16_t>(static_cast<int>(value));
+      out[i] = Saturated<std::int16_t>((static_cast<float>(in[i]) - sub) * scale);
     }
   }
 };
@@ -511,13 +327,8 @@ Primitive<void(Byte const*, std::size_t, Byte*)> const GrayFour{GrayFourBody()};
 Primitive<void(Byte const*, Byte const*, std::size_t, std::int16_t, std::int16_t, std::size_t, Byte*)> const
     ChrominanceBytes{ChrominanceBytesBody()};
 Primitive<void(Byte const*, Byte const*, std::size_t, Byte*)> const AddBytes{AddBytesBody()};
-Primitive<void(Byte const*, std::size_t, Byte*)> const ReverseBytes{ReverseBytesBody()};
-Primitive<void(Byte const*, std::size_t, Byte*)> const ReverseTriples{ReverseTriplesBody()};
-Primitive<void(Byte const*, std::ptrdiff_t, std::size_t, std::size_t, Byte*, std::ptrdiff_t, std::ptrdiff_t)> const
-    TransposeBytes{TransposeBytesBody()},
-    TransposeTriples{TransposePixelsBody<3>()}, TransposeQuads{TransposePixelsBody<4>()};
 Primitive<void(Byte const*, Byte const*, std::int16_t const*, std::int16_t const*, std::size_t, std::int16_t*)> const
-    BlendNeighbours{BlendNeighboursBody()};
+    BlendTaps{BlendTapsBody()};
 Primitive<void(std::int16_t const*, std::int16_t const*, std::int16_t, std::int16_t, std::size_t, Byte*)> const
     BlendLines{BlendLinesBody()};
 Primitive<void(Byte const*, std::size_t, float, float, float*)> const NormaliseBytes{NormaliseBytesBody()};

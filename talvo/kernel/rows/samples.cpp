@@ -79,7 +79,7 @@ struct BlendPairsBody {
     std::int32_t const* TALVO_RESTRICT const inside = samples.inside;
     float const* TALVO_RESTRICT const fx = samples.fx;
     float const* TALVO_RESTRICT const fy = samples.fy;
-    std::int32_t const never = keep ? 0 : -1;  // no sample has these neighbours
+    std::int32_t const never = keep ? 0 : -1;  // no sample has these taps
     for (std::size_t i = 0; i < count; ++i) {
       float const t00 = upper[2 * i], t10 = upper[2 * i + 1], t01 = lower[2 * i], t11 = lower[2 * i + 1];
       float const value =

@@ -9,14 +9,14 @@
 
 namespace talvo::kernel::rows {
 
-/// Which of the four neighbours lie inside: t00 at (x, y), t10 at (x + 1, y), t01 at (x, y + 1), t11 at (x + 1, y + 1).
+/// Which of the four taps lie inside: t00 at (x, y), t10 at (x + 1, y), t01 at (x, y + 1), t11 at (x + 1, y + 1).
 constexpr std::int32_t kT00 = 1, kT10 = 2, kT01 = 4, kT11 = 8, kAllFour = 15;
 
 /// The samples of one row, each array as long as the row.
 struct Samples {
-  std::int32_t* inside;  // neighbours inside; 0 for a position that is NaN or no int
+  std::int32_t* inside;  // taps inside; 0 for a position that is NaN or no int
   std::int32_t* index;   // element of t00 in its plane where any is inside, which may lie before the plane; else 0
-  float* fx;             // parts towards the right and the lower neighbours
+  float* fx;             // parts towards the right and the lower taps
   float* fy;
 };
 
@@ -25,10 +25,10 @@ struct PlaneExtents {
   std::int32_t width, height;
 };
 
-/// Pixel coordinates u = m[0] x + m[1] y + m[2], v = m[3] x + m[4] y + m[5] for x < count: all four neighbours or none.
+/// Pixel coordinates u = m[0] x + m[1] y + m[2], v = m[3] x + m[4] y + m[5] for x < count: all four taps or none.
 extern Primitive<void(float const* m, float y, std::size_t count, PlaneExtents, Samples const&)> const LocatePixels;
 
-/// Sums of axis terms: u = x_terms[i] + x_row + x_offset, v = y_terms[i] + y_row + y_offset. Each neighbour has a test
+/// Sums of axis terms: u = x_terms[i] + x_row + x_offset, v = y_terms[i] + y_row + y_offset. Each tap has a test
 /// of its own, and t00, t10 and t01 take row and column 0 for outside.
 struct AxisSums {
   float const *x_terms, *y_terms;
