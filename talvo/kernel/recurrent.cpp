@@ -1,5 +1,6 @@
 #include "talvo/kernel/recurrent.h"
 
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
@@ -132,21 +133,10 @@ void Clear(TensorPtr const& tensor) {
   if (tensor != nullptr) std::memset(tensor->data, 0, runtime::ByteCount(tensor->shape));
 }
 
-void Copy(TensorPtr const& from, TensorPtr const& to) {
-  if (from != nullptr) std::memcpy(to->data, from->data, runtime::ByteCount(from->shape));
-}
-
 // Hidden state and, for an LSTM, cell state; null until they are made.
 struct State {
   TensorPtr h, c;
 };
-
-State Duplicate(State const& state, runtime::DeviceCPU& device) {
-  auto const copy = [&](TensorPtr const& tensor) {
-    return tensor == nullptr ? nullptr : device.CreateF32FlexiableMainMemory(tensor->shape.dims, tensor->data);
-  };
-  return {copy(state.h), copy(state.c)};
-}
 
 }  // namespace
 
@@ -236,7 +226,7 @@ struct CellOperation : Operation {
     if (form.gates.has_cell_state) {
       state = {results[0], results[1]};
     } else {
-      Copy(results[0], state.h);
+      std::copy_n(results[0]->Data<float>(), hidden_size, state.h->Data<float>());
     }
     return 0;
   }
@@ -315,6 +305,21 @@ struct SequenceOperation : Operation {
             form.gates.has_cell_state ? device.CreateZeroF32FlexiableMainMem(dims) : nullptr};
   }
 
+  // What a call computes in: the new state, h and behind it c, and the scratch of a pass. One block, since making a
+  // tensor takes as long as a short step.
+  struct Working {
+    TensorPtr block;
+    float *h, *c, *pass;
+  };
+
+  Working Begin(State const& kept, std::size_t steps, runtime::DeviceCPU& device) const {
+    std::size_t const count = support::Count(*kept.h), needed = 2 * count + PassScratch(form, steps, hidden_size);
+    auto const block = device.CreateF32CMainMemory(static_cast<unsigned int>(needed), nullptr);
+    float *const h = block->Data<float>(), *const c = std::copy_n(kept.h->Data<float>(), count, h);
+    if (kept.c != nullptr) std::copy_n(kept.c->Data<float>(), count, c);
+    return {block, h, c, c + count};
+  }
+
   int Forward(runtime::IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
               ContextPtr const& context) const {
     support::NeedsConfig(kernel);
@@ -325,16 +330,16 @@ struct SequenceOperation : Operation {
     auto& device = support::Device(kernel, context);
     auto const y = device.CreateTensor(y_shape, nullptr);
     State const kept = state.h != nullptr ? state : NewState(device);
-    State const next = Duplicate(kept, device);
+    Working const now = Begin(kept, y_shape.dims[0], device);
     TensorPtr below = x;
     for (std::size_t row = 0; row < layers.size(); row += directions) {
       TensorPtr const above = row + directions == layers.size() ? y : device.CreateTensor(y_shape, nullptr);
-      RunLayer(row, *below, *above, next, device);
+      RunLayer(row, *below, *above, now, device);
       below = above;
     }
     outputs.assign(1, y);  // the last thing that may throw
-    Copy(next.h, kept.h);
-    Copy(next.c, kept.c);
+    std::copy(now.h, now.c, kept.h->Data<float>());
+    if (kept.c != nullptr) std::copy(now.c, now.pass, kept.c->Data<float>());
     state = kept;
     return 0;
   }
@@ -342,7 +347,7 @@ struct SequenceOperation : Operation {
   // Both directions of one layer, the first of which has this row of the state. The order of layers and steps changes
   // no value: a layer reads what the one below gave for the same step.
   void RunLayer(std::size_t first_row, runtime::TensorCPU const& below, runtime::TensorCPU const& above,
-                State const& next, runtime::DeviceCPU& device) const {
+                Working const& now, runtime::DeviceCPU& device) const {
     for (std::size_t d = 0; d < directions; ++d) {
       std::size_t const row = first_row + d;
       Pass pass = {};
@@ -351,9 +356,10 @@ struct SequenceOperation : Operation {
       pass.reverse = d == 1;
       pass.y = above.Data<float>() + d * hidden_size;
       pass.y_stride = std::size_t{directions} * hidden_size;
-      pass.h = next.h->Data<float>() + row * hidden_size;
-      pass.c = next.c != nullptr ? next.c->Data<float>() + row * hidden_size : nullptr;
+      pass.h = now.h + row * hidden_size;
+      pass.c = now.c + row * hidden_size;
       pass.hidden_size = hidden_size;
+      pass.scratch = now.pass;
       RunPass(form, layers[row], pass, device);
     }
   }

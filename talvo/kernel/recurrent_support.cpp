@@ -121,24 +121,26 @@ std::vector<TensorPtr> RunCell(CellCall const& call) {
   return results;
 }
 
+std::size_t PassScratch(Form const& form, std::size_t steps, std::size_t hidden_size) {
+  return (std::min(steps, kStepsAtOnce) + 1) * form.gates.count * hidden_size;
+}
+
+// A step reads its hidden state where the one before wrote it, in y.
 void RunPass(Form const& form, Weights const& weights, Pass const& pass, runtime::DeviceCPU& device) {
   std::size_t const steps = pass.steps, size = pass.hidden_size, outputs = form.gates.count * size;
   RowProduct const from_x(form.product, weights.weight_ih, weights.bias_ih, steps, device);
   RowProduct const from_h(form.product, weights.weight_hh, weights.bias_hh, steps, device);
-  auto const rows_at_once = static_cast<unsigned int>(std::min(steps, kStepsAtOnce));
-  auto const columns = static_cast<unsigned int>(outputs);
-  auto const a = device.CreateF32FlexiableMainMemory({rows_at_once, columns}, nullptr);
-  auto const b = device.CreateF32CMainMemory(columns, nullptr);
+  float *const b = pass.scratch, *const a = b + outputs;
   float const* h = pass.h;
-  for (std::size_t done = 0; done < steps; done += rows_at_once) {
-    std::size_t const rows = std::min<std::size_t>(rows_at_once, steps - done);
+  for (std::size_t done = 0; done < steps; done += kStepsAtOnce) {
+    std::size_t const rows = std::min(kStepsAtOnce, steps - done);
     std::size_t const first = pass.reverse ? steps - done - rows : done;
-    from_x.Run(pass.x + first * weights.in_size, rows, a->Data<float>());
+    from_x.Run(pass.x + first * weights.in_size, rows, a);
     for (std::size_t r = 0; r < rows; ++r) {
       std::size_t const row = pass.reverse ? rows - 1 - r : r;
       float* const h_new = pass.y + (first + row) * pass.y_stride;
-      from_h.Run(h, 1, b->Data<float>());
-      form.gates.run({a->Data<float>() + row * outputs, b->Data<float>(), h, pass.c, h_new, size, kTanh});
+      from_h.Run(h, 1, b);
+      form.gates.run({a + row * outputs, b, h, pass.c, h_new, size, kTanh});
       h = h_new;
     }
   }

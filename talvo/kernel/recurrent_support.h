@@ -73,16 +73,20 @@ struct CellCall {
 std::vector<TensorPtr> RunCell(CellCall const& call);
 
 /// One layer in one direction: x [steps, in_size] to hidden states, one every y_stride floats. h and c [hidden_size]
-/// are the state before and afterwards; c is null without cell state.
+/// are the state before and afterwards; c is not looked at without cell state.
 struct Pass {
   float const* x;
   std::size_t steps;
   bool reverse;  // from the last step to the first; results stand at their steps
   float *y, *h, *c;
   std::size_t y_stride, hidden_size;
+  float* scratch;  // PassScratch elements
 };
 
-/// Runs all steps of `pass`; scratch comes from `device`. The activation is tanh.
+/// Elements that a pass over this many steps needs beside packed weights.
+std::size_t PassScratch(Form const& form, std::size_t steps, std::size_t hidden_size);
+
+/// Runs all steps of `pass`; packed weights come from `device`. The activation is tanh.
 void RunPass(Form const& form, Weights const& weights, Pass const& pass, runtime::DeviceCPU& device);
 
 }  // namespace talvo::kernel::recurrent
