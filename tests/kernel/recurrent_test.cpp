@@ -261,7 +261,7 @@ TYPED_TEST(Recurrent, SpecialValuesPassEachGate) {
   Weights& w = stack.weights[0];
   Row const specials = SpecialFloats(1, 28);  // 25 and 28: each gate of a unit has another value
   for (std::size_t o = 0; o < w[0].size(); ++o) w[0][o] = w[2][o] = specials[o % 28];
-  for (std::size_t const k : {1, 3}) w[k].assign(w[k].size(), -0.0f);  // adds nothing, and keeps -0
+  for (std::size_t const k : {1u, 3u}) w[k].assign(w[k].size(), -0.0f);  // adds nothing, and keeps -0
   auto const cell = TypeParam::Cells()[kFallback];
   ASSERT_TRUE(Configure<TypeParam>(*cell, stack, context));
   ExpectSameBits(stack.Run({1.0f}), Run(*cell, {1.0f}, 1, context));
