@@ -20,7 +20,6 @@
 #include "talvo/kernel/functional/activation.h"
 #include "talvo/kernel/functional/elementwise.h"
 #include "talvo/kernel/functional/gemm.h"
-#include "talvo/kernel/functional/pooling.h"
 #include "talvo/kernel/functional/quantisation.h"
 #include "talvo/kernel/functional/recurrent.h"
 #include "talvo/kernel/functional/resampling.h"

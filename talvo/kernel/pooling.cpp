@@ -2,9 +2,9 @@
 
 #include <cmath>
 #include <cstdint>
-#include <limits>
 
 #include "talvo/kernel/kernel_support.h"
+#include "talvo/kernel/rows/saturate.h"
 #include "talvo/serialization/layer_info.h"
 #include "talvo/serialization/layer_info_plane.h"
 #include "talvo/utility/log.h"
@@ -47,8 +47,7 @@ unsigned int MaximumExtent(unsigned int extent, std::size_t kernel, std::size_t 
   unsigned int const numerator = extent + static_cast<unsigned int>(padding) - reach - 1;
   float const steps = static_cast<float>(numerator) / static_cast<float>(stride);
   float const result = (ceil_mode ? std::ceil(steps) : std::floor(steps)) + 1.0f;
-  constexpr float kBound = 4294967296.0f;
-  return result < kBound ? static_cast<unsigned int>(result) : std::numeric_limits<unsigned int>::max();
+  return rows::Saturated<unsigned int>(result);
 }
 
 std::size_t Reach(std::size_t kernel, std::size_t dilation) { return kernel == 0 ? 0 : (kernel - 1) * dilation + 1; }
@@ -75,8 +74,6 @@ PoolingShape ShapeOf(runtime::TensorCPU const& input, runtime::TensorCPU const& 
 }
 
 std::shared_ptr<runtime::TensorCPU> MakeScratch(std::size_t count, runtime::DeviceCPU& device) {
-  Assert(count <= std::numeric_limits<unsigned int>::max(), "pooling: %zu floats of scratch do not fit a tensor",
-         count);
   return device.CreateTensor(TensorShape({static_cast<unsigned int>(count)}, TensorShape::FLOAT32, TensorShape::C,
                                          TensorShape::MainMemory, TensorShape::Extra()),
                              nullptr);
@@ -106,7 +103,7 @@ void AveragePooling::Check(runtime::TensorCPU const& input) const { CheckInput(*
 void AveragePooling::Run(runtime::TensorCPU const& input, runtime::TensorCPU const& output,
                          runtime::DeviceCPU& device) const {
   PoolingShape const shape = ShapeOf(input, output);
-  auto const scratch = MakeScratch(functional::pool_scratch_f32(shape, window), device);
+  auto const scratch = MakeScratch(functional::average_pool_scratch_f32(shape, window), device);
   functional::average_pool_f32(input.Data<float>(), shape, window, count_include_pad, scratch->Data<float>(),
                                output.Data<float>());
 }
@@ -132,7 +129,7 @@ void MaximumPooling::Check(runtime::TensorCPU const& input) const { CheckInput(*
 void MaximumPooling::Run(runtime::TensorCPU const& input, runtime::TensorCPU const& output,
                          runtime::DeviceCPU& device) const {
   PoolingShape const shape = ShapeOf(input, output);
-  auto const scratch = MakeScratch(functional::pool_scratch_f32(shape, window), device);
+  auto const scratch = MakeScratch(functional::max_pool_scratch_f32(shape, window), device);
   functional::max_pool_f32(input.Data<float>(), shape, window, scratch->Data<float>(), output.Data<float>());
 }
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "talvo/kernel/functional/pooling.h"
+#include "talvo/kernel/functional/pooling_support.h"
 #include "talvo/runtime/kernel.h"
 #include "talvo/utility/export.h"
 

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "talvo/kernel/native/permute.h"
+#include "talvo/kernel/rows/saturate.h"
 #include "talvo/utility/invariant.h"
 #include "talvo/utility/log.h"
 
@@ -208,19 +209,10 @@ TensorPtr ToChannels(Arrangement const& arrangement, TensorPtr const& input, Dev
 std::vector<unsigned char> CropRows(unsigned char const* rows, std::size_t count, std::size_t row_bytes,
                                     std::size_t kept_bytes) {
   std::vector<unsigned char> kept(count * kept_bytes);
-  if (kept_bytes == 0) return kept;
   for (std::size_t row = 0; row < count; ++row) {
     std::memcpy(kept.data() + row * kept_bytes, rows + row * row_bytes, kept_bytes);
   }
   return kept;
-}
-
-// The low byte of a number as a 32-bit integer, which saturates; 0 for NaN.
-int LowByte(float value) {
-  constexpr float kEnd = 0x1p31f;
-  if (value != value) return 0;
-  if (value >= kEnd) return 0xFF;
-  return value < -kEnd ? 0 : static_cast<int>(value) & 0xFF;
 }
 
 using Pack = TensorPtr (*)(TensorPtr, DevicePtr);
@@ -274,16 +266,18 @@ TensorPtr Function_Tensor_C4HW4_Image2D_To_CHW_Fallback(TensorPtr input, int wid
   Dims const& dims = input->shape.dims;
   CheckLanes(kC4HW4, dims);
   auto const rows = static_cast<unsigned int>(height), columns = static_cast<unsigned int>(width);
-  if (dims[0] == 0 || height < 1 || rows > dims[1] || width < 0 || columns > dims[2]) {
+  bool const told = height >= 1 && width >= 0, reads = told && rows <= dims[1];
+  if (!told || (reads && (dims[0] == 0 || columns > dims[2]))) {
     Assert(false, "C4HW4 image of dims %s: blocks of %d rows and %d columns do not fit", DimsText(dims).c_str(), height,
            width);
   }
   Dims const plain = {CheckedExtent(std::uint64_t{dims[1] / rows} * 4, dims), rows, columns};
   unsigned int const element_bytes = ElementSize(input->shape.data_type);
   TensorPtr output = NewLike(input, plain, TensorShape::CHW, device, input->shape.extra);
+  if (runtime::ElementCount(plain) == 0) return output;
   if (columns == dims[2]) {
     UnblockChannels(kC4HW4, plain, element_bytes, input->data, output->data);
-  } else if (columns != 0) {
+  } else {
     std::size_t const pixel_bytes = std::size_t{4} * element_bytes;
     auto const kept = CropRows(input->Data<unsigned char>(), std::size_t{dims[1] / rows} * rows, dims[2] * pixel_bytes,
                                columns * pixel_bytes);
@@ -377,10 +371,10 @@ TensorPtr Function_Tensor_GNCHW_Concat_Value(TensorPtr input, float value, Devic
   TensorPtr output = NewLike(input, padded, TensorShape::GNCHW, device);
   std::size_t const plane_bytes = std::size_t{dims[3]} * dims[4] * ElementSize(input->shape.data_type);
   std::size_t const read_bytes = dims[2] * plane_bytes, row_bytes = padded[2] * plane_bytes;
-  int const fill = LowByte(value);
+  int const fill = rows::Saturated<int>(value) & 0xFF;
   auto const* from = input->Data<unsigned char>();
   auto* to = output->Data<unsigned char>();
-  if (row_bytes == 0) return output;
+  if (runtime::ElementCount(padded) == 0) return output;  // whatever the other extents are
   for (std::size_t g = 0; g < dims[0]; ++g) {
     for (std::size_t n = 0; n < dims[1]; ++n, from += read_bytes, to += row_bytes) {
       std::memcpy(to, from, read_bytes);

@@ -36,7 +36,8 @@ TALVO_API std::shared_ptr<runtime::TensorCPU> Function_Tensor_C8HW8_To_CHW_Fallb
 TALVO_API std::shared_ptr<runtime::TensorCPU> Function_Tensor_CHW_To_C4HW4_Image2D_Fallback(
     std::shared_ptr<runtime::TensorCPU> input, std::shared_ptr<runtime::DeviceCPU> device);
 /// The reverse, for blocks of `height` rows of which the first `width` columns are read: dims 4 (dims[1] / height),
-/// height, width. Keeps Extra. Assert: a height outside 1 .. dims[1], a width outside 0 .. dims[2].
+/// height, width, which a height above dims[1] leaves without channels. Keeps Extra. Assert: a height below 1, a
+/// negative width; where there are channels, no image or a width above dims[2].
 TALVO_API std::shared_ptr<runtime::TensorCPU> Function_Tensor_C4HW4_Image2D_To_CHW_Fallback(
     std::shared_ptr<runtime::TensorCPU> input, int width, int height, std::shared_ptr<runtime::DeviceCPU> device);
 

@@ -412,13 +412,6 @@ TEST_F(Resampling, AgreesWithAnIndependentFramework) {
                        {Image({c.channels, c.height, c.width}, c.input), grid});
     ExpectNear(c.output, test::Values(*y));
   }
-  for (auto const& c : test::golden::kPixelShuffleCases) {
-    SCOPED_TRACE(c.why);
-    Pixelshuffle_Fallback_CHW_Float_M1 kernel;
-    auto const y = Run(kernel, ShuffleLayer(c.upscale_factor), {Image({c.channels, c.height, c.width}, c.input)});
-    EXPECT_EQ((Dims{c.out_channels, c.out_height, c.out_width}), y->shape.dims);
-    EXPECT_EQ(c.output, test::Values(*y));
-  }
 }
 
 }  // namespace

@@ -1,116 +1,142 @@
-#include "talvo/kernel/functional/pooling.h"
-
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <limits>
 #include <vector>
 
+#include "talvo/kernel/functional/pooling_support.h"
+#include "talvo/kernel/rows/phase_plane.h"
 #include "talvo/kernel/rows/pooling_rows.h"
-#include "talvo/utility/log.h"
+#include "talvo/kernel/rows/saturate.h"
 
 namespace talvo::kernel::functional {
 namespace {
 
-constexpr float kLowest = std::numeric_limits<float>::lowest();
+constexpr std::size_t kMostFloats = std::numeric_limits<unsigned int>::max() / sizeof(float);  // of one tensor
 
-// Whole cache lines, so that the taps of column 0 stand aligned; not for strides whose many short phases would waste
-// memory.
-std::size_t PhasePitch(std::size_t count, std::size_t stride) {
+// The two folds of a window: where they start, which is the value of the border too, and how they go on.
+struct Maximum {
+  static constexpr float kStart = std::numeric_limits<float>::lowest();
+  static float Fold(float best, float v) { return v <= best ? best : v; }
+};
+struct Sum {
+  static constexpr float kStart = 0.0f;
+  static float Fold(float sum, float v) { return sum + v; }
+};
+
+// Pitches of whole cache lines, so that the taps of column 0 stand aligned; not for strides whose many short phases
+// would waste memory, nor for narrow planes.
+rows::PhasePlane PlaneOf(PoolingShape const& shape, PoolingWindow const& window) {
   constexpr std::size_t kLine = 64 / sizeof(float);
-  return stride <= 2 ? (count + kLine - 1) / kLine * kLine : count;
+  std::size_t const width = shape.width + window.padding_l + window.padding_r;
+  std::size_t const phase = rows::PhasePlane::PhaseWidth(width, window.stride_x);
+  bool const aligned = window.stride_x <= 2 && phase >= kLine;
+  return {shape.height,
+          shape.width,
+          window.padding_t,
+          window.padding_l,
+          shape.height + window.padding_t + window.padding_b,
+          width,
+          window.stride_x,
+          aligned ? (phase + kLine - 1) / kLine * kLine : phase};
 }
 
-// One padded plane in scratch, its rows sorted by the phase of the column stride: the taps of neighbouring outputs then
-// stand side by side.
-class PaddedPlane {
+// Whether a padded plane is laid out in scratch. A border may be many times as large as what is pooled; then each
+// output is folded by itself, as it is where there are no taps.
+bool LaysOut(PoolingShape const& shape, PoolingWindow const& window) {
+  if (shape.channels == 0 || window.kernel_y == 0 || window.kernel_x == 0) return false;
+  std::size_t const served = shape.height * shape.width + shape.out_height * shape.out_width;
+  std::size_t const count = PlaneOf(shape, window).Count();
+  return count <= 4 * served + 4096 && count + shape.out_height * shape.out_width <= kMostFloats;
+}
+
+// The taps of one row of outputs in a plane that is laid out, as offsets from its start.
+class Taps {
  public:
-  PaddedPlane(PoolingShape const& shape, PoolingWindow const& window, float* scratch)
-      : shape_(shape),
-        window_(window),
-        height_(shape.height + window.padding_t + window.padding_b),
-        width_(shape.width + window.padding_l + window.padding_r),
-        phase_pitch_(PhasePitch((width_ + window.stride_x - 1) / window.stride_x, window.stride_x)),
-        row_pitch_(phase_pitch_ * std::min(window.stride_x, width_)),
-        rows_(scratch) {}
-
-  std::size_t Height() const { return height_; }
-  std::size_t Width() const { return width_; }
-  std::size_t Count() const { return height_ * row_pitch_; }
-  float const* Row(std::size_t row) const { return rows_ + row * row_pitch_; }
-
-  // Once for all planes: nothing else writes to the border.
-  void FillBorder(float border) { std::fill_n(rows_, Count(), border); }
-
-  void Fill(float const* x) {
-    rows::CopyPhases(x, {shape_.height, shape_.width, window_.padding_l, window_.stride_x, phase_pitch_, row_pitch_},
-                     rows_ + window_.padding_t * row_pitch_);
+  Taps(rows::PhasePlane const& plane, PoolingWindow const& window)
+      : plane_(plane), window_(window), rows_(window.kernel_y) {
+    for (std::size_t kx = 0; kx < window.kernel_x; ++kx) columns_.push_back(plane.Place(kx * window.dilation_x));
+    MoveTo(0);
   }
 
-  // Where the taps of output (y, 0) stand behind Row(y * stride_y), ky outermost; rows behind the plane are its last
-  // one.
-  std::vector<std::size_t> TapOffsets(std::size_t y) const {
-    std::vector<std::size_t> offsets;
-    std::size_t const first = y * window_.stride_y;
-    for (std::size_t ky = 0; ky < window_.kernel_y; ++ky) {
-      std::size_t const row = std::min(first + ky * window_.dilation_y, height_ - 1);
-      for (std::size_t kx = 0; kx < window_.kernel_x; ++kx) {
-        offsets.push_back((row - first) * row_pitch_ + Place(kx * window_.dilation_x));
-      }
+  // Rows behind the plane are its last one.
+  void MoveTo(std::size_t y) {
+    for (std::size_t ky = 0; ky < rows_.size(); ++ky) {
+      std::size_t const row = y * window_.stride_y + ky * window_.dilation_y;
+      rows_[ky] = std::min(row, plane_.padded_height - 1) * plane_.RowPitch();
     }
-    return offsets;
   }
 
-  std::size_t RowStep() const { return window_.stride_y * row_pitch_; }
-  float At(std::size_t row, std::size_t column) const { return Row(row)[Place(column)]; }
+  rows::TapGrid Grid(std::size_t rows, std::size_t width) const {
+    return {rows_.data(),
+            columns_.data(),
+            rows_.size(),
+            columns_.size(),
+            rows,
+            width,
+            window_.stride_y * plane_.RowPitch()};
+  }
 
  private:
-  std::size_t Place(std::size_t column) const {
-    return column % window_.stride_x * phase_pitch_ + column / window_.stride_x;
-  }
-
-  PoolingShape const& shape_;
+  rows::PhasePlane const& plane_;
   PoolingWindow const& window_;
-  std::size_t const height_, width_, phase_pitch_, row_pitch_;
-  float* const rows_;
+  std::vector<std::size_t> rows_, columns_;
 };
 
 // Outputs along one axis whose taps all lie in the padded extent.
 std::size_t InnerOutputs(std::size_t outputs, std::size_t kernel, std::size_t dilation, std::size_t stride,
                          std::size_t extent) {
-  std::size_t const reach = kernel == 0 ? 0 : (kernel - 1) * dilation;
+  std::size_t const reach = (kernel - 1) * dilation;
   return reach >= extent ? 0 : std::min(outputs, (extent - 1 - reach) / stride + 1);
 }
 
-// One output near the right end, whose taps behind the plane read its last column.
-float ClampedMaximum(PaddedPlane const& plane, PoolingWindow const& window, std::size_t y, std::size_t x) {
-  float best = kLowest;
+// Output (y, q) of the plane x by the definition: taps behind the padded plane read its last row or column.
+template <class Kind>
+float FoldOne(float const* x, PoolingShape const& shape, PoolingWindow const& window, std::size_t y, std::size_t q) {
+  std::size_t const last_row = shape.height + window.padding_t + window.padding_b - 1,
+                    last_column = shape.width + window.padding_l + window.padding_r - 1;
+  float fold = Kind::kStart;
   for (std::size_t ky = 0; ky < window.kernel_y; ++ky) {
-    std::size_t const row = std::min(y * window.stride_y + ky * window.dilation_y, plane.Height() - 1);
+    // Rows and columns before the plane wrap around and lie behind it.
+    std::size_t const row = std::min(y * window.stride_y + ky * window.dilation_y, last_row) - window.padding_t;
     for (std::size_t kx = 0; kx < window.kernel_x; ++kx) {
-      float const v = plane.At(row, std::min(x * window.stride_x + kx * window.dilation_x, plane.Width() - 1));
-      best = v <= best ? best : v;
+      std::size_t const column = std::min(q * window.stride_x + kx * window.dilation_x, last_column) - window.padding_l;
+      bool const inside = row < shape.height && column < shape.width;
+      fold = Kind::Fold(fold, inside ? x[row * shape.width + column] : Kind::kStart);
     }
   }
-  return best;
+  return fold;
 }
 
-// A row of outputs of which some reach behind the plane.
-void EdgeRow(PaddedPlane const& plane, PoolingShape const& shape, PoolingWindow const& window, std::size_t row,
-             std::size_t inner_columns, float* y) {
-  std::size_t const first = row * window.stride_y;
-  if (first < plane.Height()) {
-    auto const offsets = plane.TapOffsets(row);
-    rows::MaximumOfTaps(plane.Row(first), {offsets.data(), offsets.size(), 1, inner_columns, 0}, y);
-  } else {
-    inner_columns = 0;
-  }
-  for (std::size_t x = inner_columns; x < shape.out_width; ++x) y[x] = ClampedMaximum(plane, window, row, x);
+// Outputs (y, first) to (y, out_width - 1), and the end in `out`.
+template <class Kind>
+float* FoldOneByOne(float const* x, PoolingShape const& shape, PoolingWindow const& window, std::size_t y,
+                    std::size_t first, float* out) {
+  for (std::size_t q = first; q < shape.out_width; ++q) *out++ = FoldOne<Kind>(x, shape, window, y, q);
+  return out;
+}
+
+// Taps without a step between them read one element again and again, which changes no maximum.
+PoolingWindow WithoutRepeats(PoolingWindow window) {
+  if (window.dilation_y == 0) window.kernel_y = std::min<std::size_t>(window.kernel_y, 1);
+  if (window.dilation_x == 0) window.kernel_x = std::min<std::size_t>(window.kernel_x, 1);
+  return window;
 }
 
 // Taps from `start` along one axis of the window that lie inside the plane.
 std::size_t InnerTaps(std::size_t start, std::size_t kernel, std::size_t before, std::size_t extent) {
   std::size_t const first = std::max(start, before), end = std::min(start + kernel, before + extent);
   return end > first ? end - first : 0;
+}
+
+// `area` less 1.0f once for each of `outside`. Up to 2^24 all numbers are exact; above, one subtraction at most is not
+// rounded back.
+float Lowered(float area, std::size_t outside) {
+  for (; outside > 0 && area > 0x1p24f; --outside) {
+    if (area - 1.0f == area) return area;
+    area -= 1.0f;
+  }
+  return area - static_cast<float>(outside);
 }
 
 void FillDivisors(PoolingShape const& shape, PoolingWindow const& window, bool count_include_pad, float* divisors) {
@@ -123,108 +149,142 @@ void FillDivisors(PoolingShape const& shape, PoolingWindow const& window, bool c
     std::size_t const rows = InnerTaps(y * window.stride_y, window.kernel_y, window.padding_t, shape.height);
     for (std::size_t x = 0; x < shape.out_width; ++x) {
       std::size_t const columns = InnerTaps(x * window.stride_x, window.kernel_x, window.padding_l, shape.width);
-      float divisor = static_cast<float>(area);
-      for (std::size_t tap = rows * columns; tap < area; ++tap) divisor -= 1.0f;
-      *divisors++ = divisor;
+      *divisors++ = Lowered(static_cast<float>(area), area - rows * columns);
     }
   }
 }
 
-// The rows or columns of one output of adaptive pooling: [begin, end).
+// The rows or columns of an output of adaptive pooling.
 struct Region {
-  std::size_t begin, end;
+  std::uint32_t begin, end;
 };
 
-std::vector<Region> Regions(std::size_t extent, std::size_t out_extent, char const* what) {
+Region RegionOf(std::size_t extent, std::size_t out_extent, std::size_t index) {
   float const step = static_cast<float>(extent) / static_cast<float>(out_extent);
-  std::vector<Region> regions;
-  for (std::size_t i = 0; i < out_extent; ++i) {
-    auto const begin = static_cast<std::size_t>(std::floor(static_cast<float>(i) * step));
-    auto const end = static_cast<std::size_t>(std::ceil(static_cast<float>(i + 1) * step));
-    utility::Assert(end <= extent, "adaptive pooling of %zu %s to %zu: in float32 output %zu reaches to %zu", extent,
-                    what, out_extent, i, end);
-    regions.push_back({begin, end});
-  }
-  return regions;
+  return {rows::Saturated<std::uint32_t>(std::floor(static_cast<float>(index) * step)),
+          rows::Saturated<std::uint32_t>(std::ceil(static_cast<float>(index + 1) * step))};
 }
 
-float MeanOfOne(float const* x, rows::MeanRegion const& region) {
+// Elements from the start of a plane to the end of its last region.
+std::size_t Reached(PoolingShape const& shape) {
+  std::size_t const rows = RegionOf(shape.height, shape.out_height, shape.out_height - 1).end,
+                    columns = RegionOf(shape.width, shape.out_width, shape.out_width - 1).end;
+  return rows == 0 ? 0 : (rows - 1) * shape.width + columns;
+}
+
+bool HasOutputs(PoolingShape const& shape) {
+  return shape.channels != 0 && shape.out_height != 0 && shape.out_width != 0;
+}
+
+// The mean over a region of a plane, behind which `available` elements from its start on stand zeros.
+float MeanOfOne(float const* x, std::size_t available, rows::MeanRegion const& region) {
   float sum = 0.0f;
-  for (std::size_t r = region.row_begin; r < region.row_end; ++r) {
-    for (std::size_t q = region.column_begin; q < region.column_end; ++q) sum += x[r * region.width + q];
+  if (region.column_begin < region.column_end) {
+    for (std::size_t r = region.row_begin; r < region.row_end; ++r) {
+      std::size_t const end = std::min(r * region.width + region.column_end, available);
+      for (std::size_t i = r * region.width + region.column_begin; i < end; ++i) sum += x[i];
+    }
   }
   return (sum / static_cast<float>(region.row_end - region.row_begin)) /
          static_cast<float>(region.column_end - region.column_begin);
 }
 
-std::vector<rows::MeanRegion> AllRegions(PoolingShape const& shape) {
-  std::vector<rows::MeanRegion> regions;
-  auto const columns = Regions(shape.width, shape.out_width, "columns");
-  for (Region const& r : Regions(shape.height, shape.out_height, "rows")) {
-    for (Region const& q : columns) regions.push_back({r.begin, r.end, q.begin, q.end, shape.width});
-  }
-  return regions;
-}
-
 }  // namespace
 
-std::size_t pool_scratch_f32(PoolingShape const& shape, PoolingWindow const& window) {
-  return PaddedPlane(shape, window, nullptr).Count() + shape.out_height * shape.out_width;
+std::size_t max_pool_scratch_f32(PoolingShape const& shape, PoolingWindow const& window) {
+  PoolingWindow const taps = WithoutRepeats(window);
+  return LaysOut(shape, taps) ? PlaneOf(shape, taps).Count() : 0;
 }
 
-void max_pool_f32(float const* x, PoolingShape const& shape, PoolingWindow const& window, float* scratch, float* y) {
-  PaddedPlane plane(shape, window, scratch);
-  plane.FillBorder(kLowest);
+std::size_t average_pool_scratch_f32(PoolingShape const& shape, PoolingWindow const& window) {
+  if (shape.channels == 0) return 0;
+  return shape.out_height * shape.out_width + (LaysOut(shape, window) ? PlaneOf(shape, window).Count() : 0);
+}
+
+void max_pool_f32(float const* x, PoolingShape const& shape, PoolingWindow const& asked, float* scratch, float* y) {
+  PoolingWindow const window = WithoutRepeats(asked);
+  std::size_t const plane_count = shape.height * shape.width;
+  if (!LaysOut(shape, window)) {
+    for (std::size_t c = 0; c < shape.channels; ++c, x += plane_count)
+      for (std::size_t row = 0; row < shape.out_height; ++row) y = FoldOneByOne<Maximum>(x, shape, window, row, 0, y);
+    return;
+  }
+  rows::PhasePlane const plane = PlaneOf(shape, window);
+  std::fill_n(scratch, plane.Count(), Maximum::kStart);
   std::size_t const inner_rows =
-      InnerOutputs(shape.out_height, window.kernel_y, window.dilation_y, window.stride_y, plane.Height());
+      InnerOutputs(shape.out_height, window.kernel_y, window.dilation_y, window.stride_y, plane.padded_height);
   std::size_t const inner_columns =
-      InnerOutputs(shape.out_width, window.kernel_x, window.dilation_x, window.stride_x, plane.Width());
-  bool const all_inner = inner_columns == shape.out_width;
-  auto const offsets = plane.TapOffsets(0);
-  for (std::size_t c = 0; c < shape.channels; ++c, x += shape.height * shape.width) {
-    plane.Fill(x);
-    std::size_t row = 0;
-    if (all_inner) {
-      rows::MaximumOfTaps(plane.Row(0), {offsets.data(), offsets.size(), inner_rows, shape.out_width, plane.RowStep()},
-                          y);
-      row = inner_rows;
-      y += inner_rows * shape.out_width;
+      InnerOutputs(shape.out_width, window.kernel_x, window.dilation_x, window.stride_x, plane.padded_width);
+  std::size_t const whole_rows = inner_columns == shape.out_width ? inner_rows : 0;
+  Taps taps(plane, window);
+  for (std::size_t c = 0; c < shape.channels; ++c, x += plane_count) {
+    rows::LayPlane(x, plane, scratch);
+    taps.MoveTo(0);
+    rows::MaximumOfTaps(scratch, taps.Grid(whole_rows, shape.out_width), y);
+    y += whole_rows * shape.out_width;
+    for (std::size_t row = whole_rows; row < shape.out_height; ++row) {
+      taps.MoveTo(row);
+      rows::MaximumOfTaps(scratch, taps.Grid(1, inner_columns), y);
+      y = FoldOneByOne<Maximum>(x, shape, window, row, inner_columns, y + inner_columns);
     }
-    for (; row < shape.out_height; ++row, y += shape.out_width) EdgeRow(plane, shape, window, row, inner_columns, y);
   }
 }
 
 void average_pool_f32(float const* x, PoolingShape const& shape, PoolingWindow const& window, bool count_include_pad,
                       float* scratch, float* y) {
-  PaddedPlane plane(shape, window, scratch);
-  plane.FillBorder(0.0f);
-  float* const divisors = scratch + plane.Count();
+  if (shape.channels == 0) return;
+  std::size_t const plane_count = shape.height * shape.width, out_count = shape.out_height * shape.out_width;
+  bool const lays_out = LaysOut(shape, window);
+  float* const divisors = scratch + (lays_out ? PlaneOf(shape, window).Count() : 0);
   FillDivisors(shape, window, count_include_pad, divisors);
-  auto const offsets = plane.TapOffsets(0);
-  rows::TapGrid const grid = {offsets.data(), offsets.size(), shape.out_height, shape.out_width, plane.RowStep()};
-  for (std::size_t c = 0; c < shape.channels; ++c, x += shape.height * shape.width) {
-    plane.Fill(x);
-    rows::MeanOfTaps(plane.Row(0), grid, divisors, y);
-    y += shape.out_height * shape.out_width;
+  if (!lays_out) {
+    for (std::size_t c = 0; c < shape.channels; ++c, x += plane_count, y += out_count) {
+      float* out = y;
+      for (std::size_t row = 0; row < shape.out_height; ++row) out = FoldOneByOne<Sum>(x, shape, window, row, 0, out);
+      for (std::size_t i = 0; i < out_count; ++i) y[i] /= divisors[i];
+    }
+    return;
+  }
+  rows::PhasePlane const plane = PlaneOf(shape, window);
+  std::fill_n(scratch, plane.Count(), Sum::kStart);
+  Taps const taps(plane, window);
+  for (std::size_t c = 0; c < shape.channels; ++c, x += plane_count, y += out_count) {
+    rows::LayPlane(x, plane, scratch);
+    rows::MeanOfTaps(scratch, taps.Grid(shape.out_height, shape.out_width), divisors, y);
   }
 }
 
 std::size_t adaptive_pool_scratch_f32(PoolingShape const& shape) {
-  return shape.height * shape.width * rows::kChannelsTogether;
+  if (!HasOutputs(shape) || shape.channels < rows::kChannelsTogether) return 0;
+  std::size_t const count = Reached(shape) * rows::kChannelsTogether;
+  return count <= kMostFloats ? count : 0;
 }
 
 void adaptive_average_pool_f32(float const* x, PoolingShape const& shape, float* scratch, float* y) {
-  auto const regions = AllRegions(shape);
-  std::size_t const plane = shape.height * shape.width;
-  std::size_t c = 0;
-  for (; c + rows::kChannelsTogether <= shape.channels; c += rows::kChannelsTogether) {
-    rows::MixChannels(x + c * plane, plane, scratch);
-    for (std::size_t i = 0; i < regions.size(); ++i) {
-      rows::MeanOfRegion(scratch, regions[i], regions.size(), y + c * regions.size() + i);
+  if (!HasOutputs(shape)) return;
+  bool const mixes = adaptive_pool_scratch_f32(shape) != 0;
+  std::size_t const plane = shape.height * shape.width, out_plane = shape.out_height * shape.out_width;
+  std::size_t const reached = Reached(shape);
+  std::vector<Region> columns;
+  for (std::size_t q = 0; q < shape.out_width; ++q) columns.push_back(RegionOf(shape.width, shape.out_width, q));
+  for (std::size_t c = 0, together; c < shape.channels; c += together, y += together * out_plane) {
+    float const* const planes = x + c * plane;
+    std::size_t const available = (shape.channels - c) * plane;
+    bool const many = mixes && available >= (rows::kChannelsTogether - 1) * plane + reached;
+    together = many ? rows::kChannelsTogether : 1;
+    if (many) rows::MixChannels(planes, plane, reached, scratch);
+    float* out = y;
+    for (std::size_t row = 0; row < shape.out_height; ++row) {
+      Region const r = RegionOf(shape.height, shape.out_height, row);
+      for (Region const& q : columns) {
+        rows::MeanRegion const region = {r.begin, r.end, q.begin, q.end, shape.width};
+        if (many) {
+          rows::MeanOfRegion(scratch, region, out_plane, out++);
+        } else {
+          *out++ = MeanOfOne(planes, available, region);
+        }
+      }
     }
-  }
-  for (; c < shape.channels; ++c) {
-    for (std::size_t i = 0; i < regions.size(); ++i) y[c * regions.size() + i] = MeanOfOne(x + c * plane, regions[i]);
   }
 }
 

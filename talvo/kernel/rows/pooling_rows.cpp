@@ -42,8 +42,8 @@ struct Division {
 
 // The three taps of one kernel row.
 template <int kLanes>
-TALVO_ROWS_INLINE void LoadTaps(float const* x, std::size_t const* offsets, Vector<kLanes> (&row)[3]) {
-  for (int tap = 0; tap < 3; ++tap) Load<kLanes>(x + offsets[tap], row[tap]);
+TALVO_ROWS_INLINE void LoadTaps(float const* x, std::size_t const* tap_columns, Vector<kLanes> (&row)[3]) {
+  for (int tap = 0; tap < 3; ++tap) Load<kLanes>(x + tap_columns[tap], row[tap]);
 }
 
 template <class Fold, class V>
@@ -66,12 +66,15 @@ TALVO_ROWS_INLINE void FoldVectors(float const* x, TapGrid const& grid, Divisor 
     starts[k] = next + kLanes <= grid.width ? next : grid.width - kLanes;
     folds[k] = start;
   }
-  for (std::size_t tap = 0; tap < grid.tap_count; ++tap) {
-    float const* const values = x + grid.offsets[tap];
-    for (int k = 0; k < kVectors; ++k) {
-      Vector<kLanes> v;
-      Load<kLanes>(values + starts[k], v);
-      Fold::Add(v, folds[k]);
+  for (std::size_t ky = 0; ky < grid.tap_row_count; ++ky) {
+    float const* const row = x + grid.tap_rows[ky];
+    for (std::size_t kx = 0; kx < grid.tap_column_count; ++kx) {
+      float const* const values = row + grid.tap_columns[kx];
+      for (int k = 0; k < kVectors; ++k) {
+        Vector<kLanes> v;
+        Load<kLanes>(values + starts[k], v);
+        Fold::Add(v, folds[k]);
+      }
     }
   }
   for (int k = 0; k < kVectors; ++k) {
@@ -92,7 +95,10 @@ TALVO_ROWS_INLINE void FoldRow(float const* x, TapGrid const& grid, Divisor cons
   }
   for (std::size_t at = 0; at < width; ++at) {
     float fold = Fold::kStart;
-    for (std::size_t tap = 0; tap < grid.tap_count; ++tap) Fold::Add(x[grid.offsets[tap] + at], fold);
+    for (std::size_t ky = 0; ky < grid.tap_row_count; ++ky) {
+      float const* const row = x + grid.tap_rows[ky] + at;
+      for (std::size_t kx = 0; kx < grid.tap_column_count; ++kx) Fold::Add(row[grid.tap_columns[kx]], fold);
+    }
     divisor.DivideOne(first + at, fold);
     y[first + at] = fold;
   }
@@ -100,11 +106,8 @@ TALVO_ROWS_INLINE void FoldRow(float const* x, TapGrid const& grid, Divisor cons
 
 // Whether the taps are three rows of three, `pitch` apart.
 TALVO_ROWS_INLINE bool Is3x3(TapGrid const& grid, std::size_t pitch) {
-  if (grid.tap_count != 9) return false;
-  for (std::size_t tap = 3; tap < 9; ++tap) {
-    if (grid.offsets[tap] != grid.offsets[tap - 3] + pitch) return false;
-  }
-  return true;
+  return grid.tap_row_count == 3 && grid.tap_column_count == 3 && grid.tap_rows[0] == 0 && grid.tap_rows[1] == pitch &&
+         grid.tap_rows[2] == 2 * pitch;
 }
 
 // A column of vectors of a 3x3 window whose output rows are kStride input rows apart. It walks down, so that each input
@@ -117,19 +120,19 @@ TALVO_ROWS_INLINE void FoldDown3x3(float const* x, TapGrid const& grid, Divisor 
   Splat<kLanes>(Fold::kStart, start);
   std::size_t const pitch = grid.row_step / kStride;
   auto const* input = x + at;
-  LoadTaps<kLanes>(input, grid.offsets, row);
+  LoadTaps<kLanes>(input, grid.tap_columns, row);
   FoldTaps<Fold>(row, start, one);
   if (kStride == 1) {
-    LoadTaps<kLanes>(input += pitch, grid.offsets, row);
+    LoadTaps<kLanes>(input += pitch, grid.tap_columns, row);
     FoldTaps<Fold>(row, one, two);
     FoldTaps<Fold>(row, start, one);
   }
   for (std::size_t r = 0; r < grid.rows; ++r, at += grid.width) {
     if (kStride == 2) {
-      LoadTaps<kLanes>(input += pitch, grid.offsets, row);
+      LoadTaps<kLanes>(input += pitch, grid.tap_columns, row);
       FoldTaps<Fold>(row, one, two);
     }
-    LoadTaps<kLanes>(input += pitch, grid.offsets, row);
+    LoadTaps<kLanes>(input += pitch, grid.tap_columns, row);
     FoldTaps<Fold>(row, two, fold);
     if (kStride == 1) FoldTaps<Fold>(row, one, two);
     FoldTaps<Fold>(row, start, one);
@@ -174,68 +177,6 @@ struct MeanBody {
   }
 };
 
-template <int kLanes>
-TALVO_ROWS_INLINE void CopyVector(float const* from, float* to) {
-  Vector<kLanes> v;
-  Load<kLanes>(from, v);
-  Store<kLanes>(v, to);
-}
-
-// Here and below the last vector moves back and writes some elements again.
-template <int kLanes>
-TALVO_ROWS_INLINE void CopyRow(float const* from, std::size_t width, float* to) {
-  std::size_t i = 0;
-  for (; i + kLanes <= width; i += kLanes) CopyVector<kLanes>(from + i, to + i);
-  if (width >= kLanes) {
-    CopyVector<kLanes>(from + width - kLanes, to + width - kLanes);
-  } else {
-    for (; i < width; ++i) to[i] = from[i];
-  }
-}
-
-template <int kLanes>
-TALVO_ROWS_INLINE void SplitVectors(float const* from, float* even, float* odd) {
-  Vector<kLanes> a, b, evens, odds;
-  Load<kLanes>(from, a);
-  Load<kLanes>(from + kLanes, b);
-  Split<kLanes>(a, b, evens, odds, std::make_integer_sequence<int, kLanes>());
-  Store<kLanes>(evens, even);
-  Store<kLanes>(odds, odd);
-}
-
-// Elements 0, 2, ... go to `even`, the others to `odd`.
-template <int kLanes>
-TALVO_ROWS_INLINE void SplitRow(float const* from, std::size_t width, float* even, float* odd) {
-  std::size_t const pairs = width / 2;
-  std::size_t i = 0;
-  for (; i + kLanes <= pairs; i += kLanes) SplitVectors<kLanes>(from + 2 * i, even + i, odd + i);
-  if (i < pairs && pairs >= kLanes) {
-    i = pairs - kLanes;
-    SplitVectors<kLanes>(from + 2 * i, even + i, odd + i);
-    i = pairs;
-  }
-  for (i *= 2; i < width; ++i) (i % 2 == 0 ? even : odd)[i / 2] = from[i];
-}
-
-struct CopyPhasesBody {
-  template <class Set>
-  static TALVO_ROWS_INLINE void Run(float const* from, PhaseRows const& shape, float* to) {
-    for (std::size_t r = 0; r < shape.rows; ++r, from += shape.width, to += shape.to_pitch) {
-      if (shape.stride == 1) {
-        CopyRow<Set::kLanes>(from, shape.width, to + shape.first);
-      } else if (shape.stride == 2) {
-        SplitRow<Set::kLanes>(from, shape.width, to + Place(shape, 0), to + Place(shape, 1));
-      } else {
-        for (std::size_t i = 0; i < shape.width; ++i) to[Place(shape, i)] = from[i];
-      }
-    }
-  }
-
-  static TALVO_ROWS_INLINE std::size_t Place(PhaseRows const& shape, std::size_t i) {
-    return (shape.first + i) % shape.stride * shape.phase_pitch + (shape.first + i) / shape.stride;
-  }
-};
-
 struct MeanOfRegionBody {
   template <class Set>
   static TALVO_ROWS_INLINE void Run(float const* mixed, MeanRegion const& region, std::size_t out_plane, float* y) {
@@ -263,8 +204,8 @@ struct MeanOfRegionBody {
 
 struct MixChannelsBody {
   template <class Set>
-  static TALVO_ROWS_INLINE void Run(float const* x, std::size_t plane, float* mixed) {
-    Transpose<Set::kLanes>(x, plane, kChannelsTogether, plane, mixed, kChannelsTogether);
+  static TALVO_ROWS_INLINE void Run(float const* x, std::size_t plane, std::size_t count, float* mixed) {
+    Transpose<Set::kLanes>(x, plane, kChannelsTogether, count, mixed, kChannelsTogether);
   }
 };
 
@@ -272,8 +213,7 @@ struct MixChannelsBody {
 
 Primitive<void(float const*, TapGrid const&, float*)> const MaximumOfTaps{MaximumBody()};
 Primitive<void(float const*, TapGrid const&, float const*, float*)> const MeanOfTaps{MeanBody()};
-Primitive<void(float const*, PhaseRows const&, float*)> const CopyPhases{CopyPhasesBody()};
 Primitive<void(float const*, MeanRegion const&, std::size_t, float*)> const MeanOfRegion{MeanOfRegionBody()};
-Primitive<void(float const*, std::size_t, float*)> const MixChannels{MixChannelsBody()};
+Primitive<void(float const*, std::size_t, std::size_t, float*)> const MixChannels{MixChannelsBody()};
 
 }  // namespace talvo::kernel::rows

@@ -7,10 +7,12 @@
 
 namespace talvo::kernel::rows {
 
-/// Output rows side by side: output (r, i) stands at y + r * width + i, its tap t at x + r * row_step + offsets[t] + i.
+/// Output rows side by side: output (r, i) stands at y + r * width + i, its tap (ky, kx) at
+/// x + r * row_step + tap_rows[ky] + tap_columns[kx] + i. Taps count ky outermost.
 struct TapGrid {
-  std::size_t const* offsets;
-  std::size_t tap_count, rows, width, row_step;
+  std::size_t const *tap_rows, *tap_columns;
+  std::size_t tap_row_count, tap_column_count;
+  std::size_t rows, width, row_step;
 };
 
 /// y = the fold of the taps by best = v <= best ? best : v, from the lowest finite float. A NaN replaces what stands
@@ -21,24 +23,18 @@ extern Primitive<void(float const* x, TapGrid const& grid, float* y)> const Maxi
 /// nothing.
 extern Primitive<void(float const* x, TapGrid const& grid, float const* divisors, float* y)> const MeanOfTaps;
 
-/// Copies rows of `width` elements, sorted by phase: element i of row r goes to
-/// to[r * to_pitch + (first + i) % stride * phase_pitch + (first + i) / stride].
-struct PhaseRows {
-  std::size_t rows, width, first, stride, phase_pitch, to_pitch;
-};
-extern Primitive<void(float const* from, PhaseRows const& shape, float* to)> const CopyPhases;
-
 /// Means over regions of kChannelsTogether planes of `plane` elements that follow each other, (sum / rows) / columns
 /// each, the sum row by row from 0.0f. y[c * out_plane] is the mean of plane c. `mixed` holds the planes as MixChannels
-/// made them.
+/// made them, up to the end of the region.
 struct MeanRegion {
   std::size_t row_begin, row_end, column_begin, column_end, width;
 };
 extern Primitive<void(float const* mixed, MeanRegion const& region, std::size_t out_plane, float* y)> const
     MeanOfRegion;
 
-/// mixed[i * kChannelsTogether + c] = x[c * plane + i].
-extern Primitive<void(float const* x, std::size_t plane, float* mixed)> const MixChannels;
+/// mixed[i * kChannelsTogether + c] = x[c * plane + i] for i < count, where a count above `plane` takes in what
+/// follows.
+extern Primitive<void(float const* x, std::size_t plane, std::size_t count, float* mixed)> const MixChannels;
 
 constexpr std::size_t kChannelsTogether = kMaxLanes;
 
