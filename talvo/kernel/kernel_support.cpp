@@ -121,6 +121,11 @@ int JudgeOneFloat(Tensors const& tensors) {
   return Judge(tensors, 1, [](auto const& tensor) { return IsInMainMemory(tensor, TensorShape::FLOAT32); });
 }
 
+int JudgeOneImage(Tensors const& tensors, unsigned int data_type) {
+  return Judge(tensors, 1,
+               [data_type](auto const& tensor) { return IsInMainMemory(tensor, data_type, TensorShape::CHW); });
+}
+
 bool IsInMainMemory(runtime::Tensor const& tensor, unsigned int data_type) {
   return tensor.shape.location == TensorShape::MainMemory && tensor.shape.data_type == data_type;
 }

@@ -93,6 +93,9 @@ int JudgeFirst(Tensors const& tensors, std::function<bool(runtime::Tensor const&
 /// 0 for exactly one FLOAT32 tensor in main memory; -2 otherwise.
 int JudgeOneFloat(Tensors const& tensors);
 
+/// 0 for exactly one CHW tensor of this data type in main memory; -2 otherwise.
+int JudgeOneImage(Tensors const& tensors, unsigned int data_type);
+
 /// The strict judgement of what Config takes: 0 for a layer of class Info without inference parameter, -1 otherwise.
 /// Config of a kernel with this form refuses -1.
 template <class Info>

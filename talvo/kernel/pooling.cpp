@@ -3,20 +3,30 @@
 #include <cmath>
 #include <cstdint>
 
-#include "talvo/kernel/kernel_support.h"
+#include "talvo/kernel/functional/pooling_support.h"
+#include "talvo/kernel/kernel_of_support.h"
 #include "talvo/kernel/rows/saturate.h"
 #include "talvo/serialization/layer_info.h"
 #include "talvo/serialization/layer_info_plane.h"
-#include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::kernel {
-namespace {
 
 using functional::PoolingShape;
 using functional::PoolingWindow;
-using runtime::DimsText;
+using runtime::IKernel;
+using runtime::TensorCPU;
 using runtime::TensorShape;
-using utility::Assert;
+using support::ContextPtr;
+using support::LayerPtr;
+using support::ParamPtr;
+using support::Shapes;
+using support::Tensors;
+using utility::Refuse;
+
+namespace {
+
+using Dims = std::vector<unsigned int>;
 
 // The layers' paddings are signed; pooling reads them as unsigned 16-bit numbers.
 template <class Info>
@@ -24,14 +34,6 @@ PoolingWindow ReadWindow(Info const& info) {
   auto const padding = [](short value) { return std::size_t{static_cast<std::uint16_t>(value)}; };
   return {info.kernel_y,           info.kernel_x,           info.stride_y,           info.stride_x,          1, 1,
           padding(info.padding_t), padding(info.padding_b), padding(info.padding_l), padding(info.padding_r)};
-}
-
-// The text of a refusal begins with the kernel's name and its layer.
-template <class Kind>
-void CheckStride(Kind const& kind) {
-  Assert(kind.window.stride_y != 0 && kind.window.stride_x != 0,
-         "%s of layer %s: stride %zu x %zu; a stride is 1 or more", Kind::kName, kind.layer_id.c_str(),
-         kind.window.stride_y, kind.window.stride_x);
 }
 
 unsigned int AverageExtent(unsigned int extent, std::size_t kernel, std::size_t padding, std::size_t stride) {
@@ -46,171 +48,164 @@ unsigned int MaximumExtent(unsigned int extent, std::size_t kernel, std::size_t 
   unsigned int const reach = static_cast<unsigned int>(dilation) * (static_cast<unsigned int>(kernel) - 1);
   unsigned int const numerator = extent + static_cast<unsigned int>(padding) - reach - 1;
   float const steps = static_cast<float>(numerator) / static_cast<float>(stride);
-  float const result = (ceil_mode ? std::ceil(steps) : std::floor(steps)) + 1.0f;
-  return rows::Saturated<unsigned int>(result);
+  return rows::Saturated<unsigned int>((ceil_mode ? std::ceil(steps) : std::floor(steps)) + 1.0f);
 }
 
 std::size_t Reach(std::size_t kernel, std::size_t dilation) { return kernel == 0 ? 0 : (kernel - 1) * dilation + 1; }
 
-// What both windowed kinds need of their input before any output is made.
-template <class Kind>
-void CheckInput(Kind const& kind, runtime::TensorCPU const& input) {
-  auto const& dims = input.shape.dims;
-  PoolingWindow const& window = kind.window;
-  Assert(support::IsInMainMemory(input, TensorShape::FLOAT32, TensorShape::CHW),
-         "%s of layer %s: input of dims %s has data type %u and layout %u; needs FLOAT32 CHW", Kind::kName,
-         kind.layer_id.c_str(), DimsText(dims).c_str(), input.shape.data_type, input.shape.layout);
-  std::size_t const height = dims[1] + window.padding_t + window.padding_b,
-                    width = dims[2] + window.padding_l + window.padding_r;
-  std::size_t const reach_y = Reach(window.kernel_y, window.dilation_y),
-                    reach_x = Reach(window.kernel_x, window.dilation_x);
-  Assert(reach_y <= height && reach_x <= width, "%s of layer %s: a window of %zu x %zu on a padded input of %zu x %zu",
-         Kind::kName, kind.layer_id.c_str(), reach_y, reach_x, height, width);
-}
-
-PoolingShape ShapeOf(runtime::TensorCPU const& input, runtime::TensorCPU const& output) {
+PoolingShape ShapeOf(TensorCPU const& input, TensorCPU const& output) {
   auto const& dims = input.shape.dims;
   return {dims[0], dims[1], dims[2], output.shape.dims[1], output.shape.dims[2]};
 }
 
-std::shared_ptr<runtime::TensorCPU> MakeScratch(std::size_t count, runtime::DeviceCPU& device) {
+// From the pool of the context, so that a pass of a net finds it there again.
+std::shared_ptr<TensorCPU> MakeScratch(std::size_t count, runtime::DeviceCPU& device) {
   return device.CreateTensor(TensorShape({static_cast<unsigned int>(count)}, TensorShape::FLOAT32, TensorShape::C,
                                          TensorShape::MainMemory, TensorShape::Extra()),
                              nullptr);
 }
 
-int JudgeOne(std::vector<std::shared_ptr<runtime::Tensor>> const& tensors) {
-  return support::Judge(tensors, 1, [](runtime::Tensor const& tensor) {
-    return support::IsInMainMemory(tensor, TensorShape::FLOAT32, TensorShape::CHW);
-  });
-}
+// What the three have in common. `Operation` adds its name, what it reads of the layer, the output's dims, what it
+// refuses of its input, and the pooling itself.
+template <class Operation, class Info>
+struct PoolingOf : support::Strict<Info> {
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) {
+    layer_id = layer->id;
+    static_cast<Operation&>(*this).Read(support::As<Info>(Who(), layer));
+    return true;
+  }
+
+  Shapes GetOutputShapes(Shapes const& shapes) const {
+    TensorShape const& input = support::ShapeAt(Who(), shapes, 0, 3);
+    return {TensorShape(Self().OutputDims(input.dims), input.data_type, input.layout, input.location,
+                        TensorShape::Extra())};
+  }
+
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+    auto const x = support::Input(Who(), inputs, 0, 3);
+    Self().Check(*x);
+    auto const y = support::NewOutput(kernel, inputs, context);
+    Self().Run(*x, *y, support::Device(Who(), context));
+    outputs.assign(1, y);
+    return 0;
+  }
+
+  static int IsValidInput(Tensors const& inputs) { return support::JudgeOneImage(inputs, TensorShape::FLOAT32); }
+  static int IsValidOutput(Tensors const& outputs) { return IsValidInput(outputs); }
+
+  Operation const& Self() const { return static_cast<Operation const&>(*this); }
+  support::Who Who() const { return {Operation::kName, layer_id}; }
+
+  std::string layer_id;
+};
+
+// The two kinds with a window.
+template <class Operation, class Info>
+struct WindowedPoolingOf : PoolingOf<Operation, Info> {
+  void CheckStride() const {
+    if (window.stride_y == 0 || window.stride_x == 0) {
+      Refuse("%s: stride %zu x %zu; a stride is 1 or more", this->Who().Text().c_str(), window.stride_y,
+             window.stride_x);
+    }
+  }
+
+  // What it needs of the input before any output is made.
+  void Check(TensorCPU const& input) const {
+    support::CheckTensor(this->Who(), "the input", &input, {4, 3, 0, TensorShape::FLOAT32, TensorShape::CHW});
+    auto const& dims = input.shape.dims;
+    std::size_t const height = dims[1] + window.padding_t + window.padding_b,
+                      width = dims[2] + window.padding_l + window.padding_r;
+    std::size_t const reach_y = Reach(window.kernel_y, window.dilation_y),
+                      reach_x = Reach(window.kernel_x, window.dilation_x);
+    if (reach_y > height || reach_x > width) {
+      Refuse("%s: a window of %zu x %zu on a padded input of %zu x %zu", this->Who().Text().c_str(), reach_y, reach_x,
+             height, width);
+    }
+  }
+
+  PoolingWindow window = {};
+};
 
 }  // namespace
 
-void AveragePooling::Read(Info const& info) {
-  window = ReadWindow(info);
-  count_include_pad = info.count_include_pad;
-}
+struct AveragePoolingOperation : WindowedPoolingOf<AveragePoolingOperation, runtime::AvgPool2dInfo> {
+  static constexpr char const* kName = "Pooling2D_Avg_Fallback_Float_M1";
 
-std::vector<unsigned int> AveragePooling::OutputDims(std::vector<unsigned int> const& dims) const {
-  CheckStride(*this);
-  return {dims[0], AverageExtent(dims[1], window.kernel_y, window.padding_t + window.padding_b, window.stride_y),
-          AverageExtent(dims[2], window.kernel_x, window.padding_l + window.padding_r, window.stride_x)};
-}
+  void Read(runtime::AvgPool2dInfo const& info) {
+    window = ReadWindow(info);
+    count_include_pad = info.count_include_pad;
+  }
 
-void AveragePooling::Check(runtime::TensorCPU const& input) const { CheckInput(*this, input); }
+  Dims OutputDims(Dims const& dims) const {
+    CheckStride();
+    return {dims[0], AverageExtent(dims[1], window.kernel_y, window.padding_t + window.padding_b, window.stride_y),
+            AverageExtent(dims[2], window.kernel_x, window.padding_l + window.padding_r, window.stride_x)};
+  }
 
-void AveragePooling::Run(runtime::TensorCPU const& input, runtime::TensorCPU const& output,
-                         runtime::DeviceCPU& device) const {
-  PoolingShape const shape = ShapeOf(input, output);
-  auto const scratch = MakeScratch(functional::average_pool_scratch_f32(shape, window), device);
-  functional::average_pool_f32(input.Data<float>(), shape, window, count_include_pad, scratch->Data<float>(),
-                               output.Data<float>());
-}
+  void Run(TensorCPU const& input, TensorCPU const& output, runtime::DeviceCPU& device) const {
+    PoolingShape const shape = ShapeOf(input, output);
+    auto const scratch = MakeScratch(functional::average_pool_scratch_f32(shape, window), device);
+    functional::average_pool_f32(input.Data<float>(), shape, window, count_include_pad, scratch->Data<float>(),
+                                 output.Data<float>());
+  }
 
-void MaximumPooling::Read(Info const& info) {
-  window = ReadWindow(info);
-  window.dilation_y = info.dilation_y;
-  window.dilation_x = info.dilation_x;
-  ceil_mode = info.ceil_mode;
-}
+  bool count_include_pad = false;
+};
 
-std::vector<unsigned int> MaximumPooling::OutputDims(std::vector<unsigned int> const& dims) const {
-  CheckStride(*this);
-  return {dims[0],
-          MaximumExtent(dims[1], window.kernel_y, window.dilation_y, window.padding_t + window.padding_b,
-                        window.stride_y, ceil_mode),
-          MaximumExtent(dims[2], window.kernel_x, window.dilation_x, window.padding_l + window.padding_r,
-                        window.stride_x, ceil_mode)};
-}
+struct MaximumPoolingOperation : WindowedPoolingOf<MaximumPoolingOperation, runtime::MaxPool2dInfo> {
+  static constexpr char const* kName = "Pooling2D_Max_Fallback_Float_M1";
 
-void MaximumPooling::Check(runtime::TensorCPU const& input) const { CheckInput(*this, input); }
+  void Read(runtime::MaxPool2dInfo const& info) {
+    window = ReadWindow(info);
+    window.dilation_y = info.dilation_y;
+    window.dilation_x = info.dilation_x;
+    ceil_mode = info.ceil_mode;
+  }
 
-void MaximumPooling::Run(runtime::TensorCPU const& input, runtime::TensorCPU const& output,
-                         runtime::DeviceCPU& device) const {
-  PoolingShape const shape = ShapeOf(input, output);
-  auto const scratch = MakeScratch(functional::max_pool_scratch_f32(shape, window), device);
-  functional::max_pool_f32(input.Data<float>(), shape, window, scratch->Data<float>(), output.Data<float>());
-}
+  Dims OutputDims(Dims const& dims) const {
+    CheckStride();
+    return {dims[0],
+            MaximumExtent(dims[1], window.kernel_y, window.dilation_y, window.padding_t + window.padding_b,
+                          window.stride_y, ceil_mode),
+            MaximumExtent(dims[2], window.kernel_x, window.dilation_x, window.padding_l + window.padding_r,
+                          window.stride_x, ceil_mode)};
+  }
 
-void AdaptiveAveragePooling::Read(Info const& info) {
-  Assert(info.output_size.size() >= 2, "%s of layer %s: output_size has %zu entries, needs 2", kName, layer_id.c_str(),
-         info.output_size.size());
-  out_height = info.output_size[0];
-  out_width = info.output_size[1];
-}
+  void Run(TensorCPU const& input, TensorCPU const& output, runtime::DeviceCPU& device) const {
+    PoolingShape const shape = ShapeOf(input, output);
+    auto const scratch = MakeScratch(functional::max_pool_scratch_f32(shape, window), device);
+    functional::max_pool_f32(input.Data<float>(), shape, window, scratch->Data<float>(), output.Data<float>());
+  }
 
-std::vector<unsigned int> AdaptiveAveragePooling::OutputDims(std::vector<unsigned int> const& dims) const {
-  return {dims[0], out_height, out_width};
-}
+  bool ceil_mode = false;
+};
 
-void AdaptiveAveragePooling::Check(runtime::TensorCPU const&) const {}  // the rank is all that it needs
+struct AdaptiveAveragePoolingOperation : PoolingOf<AdaptiveAveragePoolingOperation, runtime::AdaptiveAvgPool2dInfo> {
+  static constexpr char const* kName = "AdaptivePooling2D_Avg_Fallback_CHW_Float_M1";
 
-void AdaptiveAveragePooling::Run(runtime::TensorCPU const& input, runtime::TensorCPU const& output,
-                                 runtime::DeviceCPU& device) const {
-  PoolingShape const shape = ShapeOf(input, output);
-  auto const scratch = MakeScratch(functional::adaptive_pool_scratch_f32(shape), device);
-  functional::adaptive_average_pool_f32(input.Data<float>(), shape, scratch->Data<float>(), output.Data<float>());
-}
+  void Read(runtime::AdaptiveAvgPool2dInfo const& info) {
+    if (info.output_size.size() < 2) {
+      Refuse("%s: output_size has %zu entries, needs 2", Who().Text().c_str(), info.output_size.size());
+    }
+    out_height = info.output_size[0];
+    out_width = info.output_size[1];
+  }
 
-template <class Kind>
-std::string Pooling<Kind>::GetName() const {
-  return Kind::kName;
-}
+  Dims OutputDims(Dims const& dims) const { return {dims[0], out_height, out_width}; }
 
-template <class Kind>
-int Pooling<Kind>::IsValidParam(std::shared_ptr<runtime::LayerInfo> layer,
-                                std::shared_ptr<runtime::InferenceParam> param) const {
-  return param == nullptr && std::dynamic_pointer_cast<typename Kind::Info>(layer) != nullptr ? 0 : -1;
-}
+  static void Check(TensorCPU const&) {}  // floats in three axes are all that it needs
 
-template <class Kind>
-bool Pooling<Kind>::Config(std::shared_ptr<runtime::LayerInfo> layer, std::shared_ptr<runtime::InferenceParam> param,
-                           std::shared_ptr<runtime::Context>) {
-  configured_ = false;
-  if (IsValidParam(layer, param) == -1) return false;
-  kind_.layer_id = layer->id;
-  kind_.Read(*std::dynamic_pointer_cast<typename Kind::Info>(layer));
-  configured_ = true;
-  return true;
-}
+  void Run(TensorCPU const& input, TensorCPU const& output, runtime::DeviceCPU& device) const {
+    PoolingShape const shape = ShapeOf(input, output);
+    auto const scratch = MakeScratch(functional::adaptive_pool_scratch_f32(shape), device);
+    functional::adaptive_average_pool_f32(input.Data<float>(), shape, scratch->Data<float>(), output.Data<float>());
+  }
 
-template <class Kind>
-bool Pooling<Kind>::IsConfigured() const {
-  return configured_;
-}
+  unsigned int out_height = 0, out_width = 0;
+};
 
-template <class Kind>
-std::vector<TensorShape> Pooling<Kind>::GetOutputShapes(std::vector<TensorShape> const& input_shapes) const {
-  TensorShape const& shape = support::ShapeAt(*this, input_shapes, 0, 3);
-  return {
-      TensorShape(kind_.OutputDims(shape.dims), shape.data_type, shape.layout, shape.location, TensorShape::Extra())};
-}
-
-template <class Kind>
-int Pooling<Kind>::IsValidInput(std::vector<std::shared_ptr<runtime::Tensor>> const& inputs) const {
-  return JudgeOne(inputs);
-}
-
-template <class Kind>
-int Pooling<Kind>::Forward(std::vector<std::shared_ptr<runtime::Tensor>> const& inputs,
-                           std::vector<std::shared_ptr<runtime::Tensor>>& outputs,
-                           std::shared_ptr<runtime::Context> context) const {
-  auto const input = support::Input(*this, inputs, 0, 3);
-  kind_.Check(*input);
-  auto const output = support::NewOutput(*this, inputs, context);
-  kind_.Run(*input, *output, support::Device(*this, context));
-  outputs.assign(1, output);
-  return 0;
-}
-
-template <class Kind>
-int Pooling<Kind>::IsValidOutput(std::vector<std::shared_ptr<runtime::Tensor>> const& outputs) const {
-  return JudgeOne(outputs);
-}
-
-template class Pooling<AveragePooling>;
-template class Pooling<MaximumPooling>;
-template class Pooling<AdaptiveAveragePooling>;
+template class KernelOf<AveragePoolingOperation>;
+template class KernelOf<MaximumPoolingOperation>;
+template class KernelOf<AdaptiveAveragePoolingOperation>;
 
 }  // namespace talvo::kernel

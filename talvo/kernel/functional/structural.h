@@ -22,8 +22,9 @@ TALVO_API std::shared_ptr<runtime::TensorCPU> Concatenate_MainMemory_Fallback(
 /// Copies what slice_dims = {begin, end, step} of C, H and W selects from a [C, H, W] tensor of floats into `output`,
 /// whose extents are (end - begin) / step, truncated. Where the output is as wide as the input the triple of W is not
 /// looked at, where it is as high too that of H neither. The two do not overlap. Assert: fewer than nine values; a step
-/// below 1; a tensor that is null, has no memory, another rank or elements of fewer than 4 bytes; a range that leaves
-/// the input; a selection that is not as large as the output, as with a step that does not divide its range.
+/// below 1; a tensor that is null, has no memory, another rank or elements of fewer than 4 bytes; where the output has
+/// elements, one picked outside the input, and a selection that is not as large as the output, as with a step that does
+/// not divide its range.
 TALVO_API void Function_TensorSlice_Fallback_CHW_Float_M1(std::shared_ptr<runtime::Tensor> const& input,
                                                           std::vector<short> const& slice_dims,
                                                           std::shared_ptr<runtime::Tensor> const& output);
