@@ -22,7 +22,6 @@
 #include "talvo/kernel/functional/gemm.h"
 #include "talvo/kernel/functional/quantisation.h"
 #include "talvo/kernel/functional/recurrent.h"
-#include "talvo/kernel/functional/resampling.h"
 #include "talvo/kernel/functional/structural.h"
 #include "talvo/kernel/gemm.h"
 #include "talvo/kernel/kernel_of.h"

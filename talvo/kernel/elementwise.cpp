@@ -7,25 +7,27 @@
 #include <utility>
 
 #include "talvo/kernel/functional/elementwise.h"
-#include "talvo/kernel/kernel_support.h"
+#include "talvo/kernel/kernel_of_support.h"
 #include "talvo/kernel/rows/elementwise_rows.h"
 #include "talvo/serialization/layer_info_tensor.h"
 #include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::kernel {
-namespace {
 
-using runtime::BroadcastOperatorInfo;
-using runtime::Context;
 using runtime::DimsText;
-using runtime::ElementWiseOperatorInfo;
-using runtime::InferenceParam;
-using runtime::LayerInfo;
+using runtime::IKernel;
 using runtime::Tensor;
-using runtime::TensorArithmeticInfo;
 using runtime::TensorShape;
+using support::ContextPtr;
+using support::LayerPtr;
+using support::ParamPtr;
+using support::Shapes;
 using support::Tensors;
 using utility::Assert;
+using utility::Refuse;
+
+namespace {
 
 using Dims = std::vector<unsigned int>;
 
@@ -106,204 +108,171 @@ bool IsFloatOrInt16(Tensor const& tensor) {
   return support::IsInMainMemory(tensor, TensorShape::FLOAT32) || support::IsInMainMemory(tensor, TensorShape::INT16);
 }
 
+bool IsFloat(Tensor const& tensor) { return support::IsInMainMemory(tensor, TensorShape::FLOAT32); }
+
 }  // namespace
 
-std::string Elementwise_Fallback_Float_M1::GetName() const { return "Elementwise_Fallback_Float_M1"; }
+struct ElementwiseOperation : support::Strict<runtime::ElementWiseOperatorInfo> {
+  static constexpr char const* kName = "Elementwise_Fallback_Float_M1";
 
-int Elementwise_Fallback_Float_M1::IsValidParam(std::shared_ptr<LayerInfo> layer,
-                                                std::shared_ptr<InferenceParam> param) const {
-  return support::StrictParam<ElementWiseOperatorInfo>(layer, param);
-}
-
-bool Elementwise_Fallback_Float_M1::Config(std::shared_ptr<LayerInfo> layer, std::shared_ptr<InferenceParam> param,
-                                           std::shared_ptr<Context>) {
-  configured_ = false;
-  if (IsValidParam(layer, param) == -1) return false;
-  constexpr char const* kOperations[] = {"Add", "Sub", "Mul", "Div"};
-  layer_id_ = layer->id;
-  unsigned short const op_type = dynamic_cast<ElementWiseOperatorInfo const&>(*layer).op_type;
-  Assert(op_type < std::size(kOperations), "Invalid element wise type");
-  operation_ = kOperations[op_type];
-  configured_ = true;
-  return true;
-}
-
-bool Elementwise_Fallback_Float_M1::IsConfigured() const { return configured_; }
-
-std::vector<TensorShape> Elementwise_Fallback_Float_M1::GetOutputShapes(
-    std::vector<TensorShape> const& input_shapes) const {
-  return {support::ShapeAt(*this, input_shapes, 0)};
-}
-
-int Elementwise_Fallback_Float_M1::IsValidInput(Tensors const& inputs) const {
-  return support::Judge(inputs, 2,
-                        [](Tensor const& tensor) { return support::IsInMainMemory(tensor, TensorShape::FLOAT32); });
-}
-
-int Elementwise_Fallback_Float_M1::Forward(Tensors const& inputs, Tensors& outputs,
-                                           std::shared_ptr<Context> context) const {
-  auto const a = support::Input(*this, inputs, 0), b = support::Input(*this, inputs, 1);
-  std::size_t const count = support::Count(*a);
-  if (support::Count(*b) < count) {
-    Assert(false, "%s of layer %s: the first operand has %zu elements, the second %zu", GetName().c_str(),
-           layer_id_.c_str(), count, support::Count(*b));
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) {
+    constexpr char const* kOperations[] = {"Add", "Sub", "Mul", "Div"};
+    layer_id = layer->id;
+    unsigned short const op_type = support::As<runtime::ElementWiseOperatorInfo>(kName, layer).op_type;
+    Assert(op_type < std::size(kOperations), "Invalid element wise type");
+    name = kOperations[op_type];
+    return true;
   }
-  if (operation_.empty()) Assert(false, "%s: no operation is configured", GetName().c_str());
-  auto const y = support::NewOutput(*this, inputs, context);
-  rows::CombineRow(OperationOf(operation_), {a->Data<float>(), false}, {b->Data<float>(), false}, count,
-                   y->Data<float>());
-  outputs.assign(1, y);
-  return 0;
-}
 
-int Elementwise_Fallback_Float_M1::IsValidOutput(Tensors const& outputs) const {
-  return support::JudgeOneFloat(outputs);
-}
+  static Shapes GetOutputShapes(Shapes const& shapes) { return {support::ShapeAt(kName, shapes, 0)}; }
 
-std::string BroadcastOperator_Fallback_Float_M1::GetName() const { return "BroadcastOperator_Fallback_Float_M1"; }
+  static int IsValidInput(Tensors const& inputs) { return support::Judge(inputs, 2, IsFloat); }
 
-int BroadcastOperator_Fallback_Float_M1::IsValidParam(std::shared_ptr<LayerInfo> layer,
-                                                      std::shared_ptr<InferenceParam> param) const {
-  if (param != nullptr) return -1;
-  layer_ = std::dynamic_pointer_cast<BroadcastOperatorInfo>(layer);
-  return layer_ != nullptr ? 0 : -1;
-}
-
-bool BroadcastOperator_Fallback_Float_M1::Config(std::shared_ptr<LayerInfo> layer,
-                                                 std::shared_ptr<InferenceParam> param, std::shared_ptr<Context>) {
-  configured_ = false;
-  configured_ = IsValidParam(layer, param) != -1;
-  return configured_;
-}
-
-bool BroadcastOperator_Fallback_Float_M1::IsConfigured() const { return configured_; }
-
-std::vector<TensorShape> BroadcastOperator_Fallback_Float_M1::GetOutputShapes(
-    std::vector<TensorShape> const& input_shapes) const {
-  TensorShape const& first = support::ShapeAt(*this, input_shapes, 0);
-  TensorShape const& second = support::ShapeAt(*this, input_shapes, 1);
-  std::size_t const rank = std::max(first.dims.size(), second.dims.size());
-  Dims dims = Extended(first.dims, rank);
-  Dims const other = Extended(second.dims, rank);
-  for (std::size_t i = 0; i < rank; ++i) dims[i] = std::max(dims[i], other[i]);
-  return {TensorShape(dims, first.data_type, first.layout, first.location, TensorShape::Extra())};
-}
-
-int BroadcastOperator_Fallback_Float_M1::IsValidInput(Tensors const& inputs) const {
-  int const floats =
-      support::Judge(inputs, 2, [](Tensor const& tensor) { return tensor.shape.data_type == TensorShape::FLOAT32; });
-  if (floats != 0) return -2;
-  TensorShape const &a = inputs[0]->shape, &b = inputs[1]->shape;
-  bool const alike = a.location == b.location && a.extra.step_size == b.extra.step_size;
-  return alike && AreCompatible(a.dims, b.dims) ? 0 : -2;
-}
-
-int BroadcastOperator_Fallback_Float_M1::Forward(Tensors const& inputs, Tensors& outputs,
-                                                 std::shared_ptr<Context> context) const {
-  if (layer_ == nullptr) Assert(false, "%s: no operation is configured", GetName().c_str());
-  auto const a = support::Input(*this, inputs, 0), b = support::Input(*this, inputs, 1);
-  auto const y = support::NewOutput(*this, inputs, context);
-  if (support::Count(*y) != 0) {
-    Dims const &a_dims = a->shape.dims, &b_dims = b->shape.dims, &dims = y->shape.dims;
-    if (support::Count(*a) == 0 || support::Count(*b) == 0) {
-      Assert(false, "%s of layer %s: operands of dims %s and %s, one has no elements", GetName().c_str(),
-             layer_->id.c_str(), DimsText(a_dims).c_str(), DimsText(b_dims).c_str());
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+    support::NeedsConfig(kernel);
+    support::Who const who = {kName, layer_id};
+    auto const a = support::Input(who, inputs, 0), b = support::Input(who, inputs, 1);
+    std::size_t const count = support::Count(*a);
+    if (support::Count(*b) < count) {
+      Refuse("%s: the first operand has %zu elements, the second %zu", who.Text().c_str(), count, support::Count(*b));
     }
-    auto const axes = BroadcastAxes(Extended(a_dims, dims.size()), Extended(b_dims, dims.size()), dims);
-    if (layer_->op_type >= kOperationCount) throw std::bad_function_call();
-    Combine(static_cast<rows::Operation>(layer_->op_type), axes.data(), axes.size(), a->Data<float>(), b->Data<float>(),
-            y->Data<float>());
+    auto const y = support::NewOutput(kernel, inputs, context);
+    rows::CombineRow(OperationOf(name), {a->Data<float>(), false}, {b->Data<float>(), false}, count, y->Data<float>());
+    outputs.assign(1, y);
+    return 0;
   }
-  outputs.assign(1, y);
-  return 0;
-}
 
-int BroadcastOperator_Fallback_Float_M1::IsValidOutput(Tensors const& outputs) const {
-  return support::JudgeOneFloat(outputs);
-}
+  std::string layer_id, name;
+};
 
-std::string TensorArithmetic_Fallback_M1::GetName() const { return "TensorArithmetic_Fallback_M1"; }
+struct BroadcastOperation : support::Strict<runtime::BroadcastOperatorInfo> {
+  static constexpr char const* kName = "BroadcastOperator_Fallback_Float_M1";
 
-int TensorArithmetic_Fallback_M1::IsValidParam(std::shared_ptr<LayerInfo> layer,
-                                               std::shared_ptr<InferenceParam> param) const {
-  if (support::StrictParam<TensorArithmeticInfo>(layer, param) == -1) return -1;
-  auto const& info = dynamic_cast<TensorArithmeticInfo const&>(*layer);
-  Assert(info.arith_type <= 1, "Invalid arithmetic type");
-  return info.dim.empty() || std::count(info.dim.begin(), info.dim.end(), -1) >= 2 ? -1 : 0;
-}
+  // The one judgement that writes: what it was given last is what Forward reads.
+  int IsValidParam(LayerPtr const& given, ParamPtr const& param) const {
+    if (param != nullptr) return -1;
+    layer = std::dynamic_pointer_cast<runtime::BroadcastOperatorInfo>(given);
+    return layer != nullptr ? 0 : -1;
+  }
 
-bool TensorArithmetic_Fallback_M1::Config(std::shared_ptr<LayerInfo> layer, std::shared_ptr<InferenceParam> param,
-                                          std::shared_ptr<Context>) {
-  configured_ = false;
-  if (IsValidParam(layer, param) == -1) return false;
-  auto const& info = dynamic_cast<TensorArithmeticInfo const&>(*layer);
-  layer_id_ = info.id;
-  dim_ = info.dim;
-  operation_ = info.arith_type == 0 ? "Sum" : "Mean";
-  configured_ = true;
-  return true;
-}
+  static Shapes GetOutputShapes(Shapes const& shapes) {
+    TensorShape const &first = support::ShapeAt(kName, shapes, 0), &second = support::ShapeAt(kName, shapes, 1);
+    std::size_t const rank = std::max(first.dims.size(), second.dims.size());
+    Dims dims = Extended(first.dims, rank);
+    Dims const other = Extended(second.dims, rank);
+    for (std::size_t i = 0; i < rank; ++i) dims[i] = std::max(dims[i], other[i]);
+    return {TensorShape(dims, first.data_type, first.layout, first.location, TensorShape::Extra())};
+  }
 
-bool TensorArithmetic_Fallback_M1::IsConfigured() const { return configured_; }
+  static int IsValidInput(Tensors const& inputs) {
+    int const floats =
+        support::Judge(inputs, 2, [](Tensor const& tensor) { return tensor.shape.data_type == TensorShape::FLOAT32; });
+    if (floats != 0) return -2;
+    TensorShape const &a = inputs[0]->shape, &b = inputs[1]->shape;
+    bool const alike = a.location == b.location && a.extra.step_size == b.extra.step_size;
+    return alike && AreCompatible(a.dims, b.dims) ? 0 : -2;
+  }
 
-std::vector<TensorShape> TensorArithmetic_Fallback_M1::GetOutputShapes(
-    std::vector<TensorShape> const& input_shapes) const {
-  TensorShape const& shape = support::ShapeAt(*this, input_shapes, 0);
-  Assert(shape.dims.size() >= dim_.size(), nullptr);
-  Dims dims = shape.dims;
-  for (short model_axis : dim_) {
-    short const axis = TensorAxis(model_axis);
-    if (axis == -1 && !dims.empty()) {
-      dims.pop_back();
-    } else {
-      if (axis < 0 || static_cast<std::size_t>(axis) >= dims.size()) {
-        Assert(false, "%s of layer %s: axis %d of dims %s", GetName().c_str(), layer_id_.c_str(), int{model_axis},
-               DimsText(shape.dims).c_str());
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+    if (layer == nullptr) Refuse("%s: no operation is configured", kName);
+    support::Who const who = {kName, layer->id};
+    auto const a = support::Input(who, inputs, 0), b = support::Input(who, inputs, 1);
+    auto const y = support::NewOutput(kernel, inputs, context);
+    if (support::Count(*y) != 0) {
+      Dims const &a_dims = a->shape.dims, &b_dims = b->shape.dims, &dims = y->shape.dims;
+      if (support::Count(*a) == 0 || support::Count(*b) == 0) {
+        Refuse("%s: operands of dims %s and %s, one has no elements", who.Text().c_str(), DimsText(a_dims).c_str(),
+               DimsText(b_dims).c_str());
       }
-      dims[static_cast<std::size_t>(axis)] = kRemoved;
+      auto const axes = BroadcastAxes(Extended(a_dims, dims.size()), Extended(b_dims, dims.size()), dims);
+      if (layer->op_type >= kOperationCount) throw std::bad_function_call();
+      Combine(static_cast<rows::Operation>(layer->op_type), axes.data(), axes.size(), a->Data<float>(),
+              b->Data<float>(), y->Data<float>());
     }
+    outputs.assign(1, y);
+    return 0;
   }
-  dims.erase(std::remove(dims.begin(), dims.end(), kRemoved), dims.end());
-  if (dims.empty()) dims.push_back(1);
-  unsigned int const layout = LayoutOfRank(dims.size());
-  return {TensorShape(std::move(dims), shape.data_type, layout, shape.location, TensorShape::Extra())};
-}
 
-int TensorArithmetic_Fallback_M1::IsValidInput(Tensors const& inputs) const {
-  return support::Judge(inputs, 1, IsFloatOrInt16);
-}
+  mutable std::shared_ptr<runtime::BroadcastOperatorInfo> layer;
+};
 
-int TensorArithmetic_Fallback_M1::Forward(Tensors const& inputs, Tensors& outputs,
-                                          std::shared_ptr<Context> context) const {
-  auto const x = support::Input(*this, inputs, 0);
-  Dims const& dims = x->shape.dims;
-  if (x->shape.data_type != TensorShape::FLOAT32) {
-    Assert(false, "%s of layer %s: data type %u, needs FLOAT32", GetName().c_str(), layer_id_.c_str(),
-           x->shape.data_type);
-  }
-  auto const y = support::NewOutput(*this, inputs, context);
-  std::vector<short> axes;
-  for (short axis : dim_) axes.push_back(axis == -1 ? static_cast<short>(dims.size() - 1) : TensorAxis(axis));
-  std::sort(axes.begin(), axes.end());
-  auto const left = functional::ReducedDims(dims, axes);
-  std::size_t const results = runtime::ElementCount(left), elements = support::Count(*y);
-  if (results > elements) {
-    Assert(false, "%s of layer %s: dims %s are reduced to %s, the output has %s", GetName().c_str(), layer_id_.c_str(),
-           DimsText(dims).c_str(), DimsText(left).c_str(), DimsText(y->shape.dims).c_str());
-  }
-  std::fill_n(y->Data<float>() + results, elements - results, 0.0f);
-  if (operation_ == "Mean") {
-    functional::Function_TensorTensorArithmetic_Mean_Fallback_Float_M1(x->Data<float>(), y->Data<float>(), dims, axes);
-  } else {
-    if (operation_ != "Sum") Assert(false, "%s: no operation is configured", GetName().c_str());
-    functional::Function_TensorTensorArithmetic_Sum_Fallback_Float_M1(x->Data<float>(), y->Data<float>(), dims, axes);
-  }
-  outputs.assign(1, y);
-  return 0;
-}
+struct ReductionOperation : support::Strict<runtime::TensorArithmeticInfo> {
+  static constexpr char const* kName = "TensorArithmetic_Fallback_M1";
+  using Info = runtime::TensorArithmeticInfo;
 
-int TensorArithmetic_Fallback_M1::IsValidOutput(Tensors const& outputs) const {
-  return support::Judge(outputs, 1, IsFloatOrInt16);
-}
+  static int IsValidParam(LayerPtr const& layer, ParamPtr const& param) {
+    if (Strict::IsValidParam(layer, param) == -1) return -1;
+    auto const& info = support::As<Info>(kName, layer);
+    Assert(info.arith_type <= 1, "Invalid arithmetic type");
+    return info.dim.empty() || std::count(info.dim.begin(), info.dim.end(), -1) >= 2 ? -1 : 0;
+  }
+
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) {
+    auto const& info = support::As<Info>(kName, layer);
+    layer_id = info.id;
+    dim = info.dim;
+    name = info.arith_type == 0 ? "Sum" : "Mean";
+    return true;
+  }
+
+  Shapes GetOutputShapes(Shapes const& shapes) const {
+    TensorShape const& shape = support::ShapeAt(Who(), shapes, 0);
+    Assert(shape.dims.size() >= dim.size(), nullptr);
+    Dims dims = shape.dims;
+    for (short const model_axis : dim) {
+      short const axis = TensorAxis(model_axis);
+      if (axis == -1 && !dims.empty()) {
+        dims.pop_back();
+      } else {
+        if (axis < 0 || static_cast<std::size_t>(axis) >= dims.size()) {
+          Refuse("%s: axis %d of dims %s", Who().Text().c_str(), int{model_axis}, DimsText(shape.dims).c_str());
+        }
+        dims[static_cast<std::size_t>(axis)] = kRemoved;
+      }
+    }
+    dims.erase(std::remove(dims.begin(), dims.end(), kRemoved), dims.end());
+    if (dims.empty()) dims.push_back(1);
+    unsigned int const layout = LayoutOfRank(dims.size());
+    return {TensorShape(std::move(dims), shape.data_type, layout, shape.location, TensorShape::Extra())};
+  }
+
+  static int IsValidInput(Tensors const& inputs) { return support::Judge(inputs, 1, IsFloatOrInt16); }
+
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+    support::NeedsConfig(kernel);
+    auto const x = support::Input(Who(), inputs, 0);
+    Dims const& dims = x->shape.dims;
+    if (x->shape.data_type != TensorShape::FLOAT32) {
+      Refuse("%s: data type %u, needs FLOAT32", Who().Text().c_str(), x->shape.data_type);
+    }
+    auto const y = support::NewOutput(kernel, inputs, context);
+    std::vector<short> axes;
+    for (short const axis : dim) axes.push_back(axis == -1 ? static_cast<short>(dims.size() - 1) : TensorAxis(axis));
+    std::sort(axes.begin(), axes.end());
+    auto const left = functional::ReducedDims(dims, axes);
+    std::size_t const results = runtime::ElementCount(left), elements = support::Count(*y);
+    if (results > elements) {
+      Refuse("%s: dims %s are reduced to %s, the output has %s", Who().Text().c_str(), DimsText(dims).c_str(),
+             DimsText(left).c_str(), DimsText(y->shape.dims).c_str());
+    }
+    std::fill_n(y->Data<float>() + results, elements - results, 0.0f);
+    auto const reduce = name == "Mean" ? functional::Function_TensorTensorArithmetic_Mean_Fallback_Float_M1
+                                       : functional::Function_TensorTensorArithmetic_Sum_Fallback_Float_M1;
+    reduce(x->Data<float>(), y->Data<float>(), dims, axes);
+    outputs.assign(1, y);
+    return 0;
+  }
+
+  static int IsValidOutput(Tensors const& outputs) { return IsValidInput(outputs); }
+
+  support::Who Who() const { return {kName, layer_id}; }
+
+  std::string layer_id, name;
+  std::vector<short> dim;
+};
+
+template class KernelOf<ElementwiseOperation>;
+template class KernelOf<BroadcastOperation>;
+template class KernelOf<ReductionOperation>;
 
 }  // namespace talvo::kernel

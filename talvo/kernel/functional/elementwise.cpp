@@ -7,7 +7,7 @@
 
 #include "talvo/kernel/rows/elementwise_rows.h"
 #include "talvo/runtime/tensor.h"
-#include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 #include "talvo/utility/restrict.h"
 
 namespace talvo::kernel::functional {
@@ -72,11 +72,10 @@ void elementwise_mul_f32_m1(float const* a, float const* b, unsigned int const& 
 }
 
 Dims ReducedDims(Dims dims, std::vector<short> const& axes) {
-  utility::Assert(!axes.empty(), "%s: no axes", kReduction);
+  if (axes.empty()) utility::Refuse("%s: no axes", kReduction);
   for (std::size_t i = axes.size(); i-- > 0; dims.erase(dims.begin() + axes[i])) {
     if (axes[i] < 0 || static_cast<std::size_t>(axes[i]) >= dims.size()) {
-      utility::Assert(false, "%s: axis %d of an array of dims %s", kReduction, int{axes[i]},
-                      runtime::DimsText(dims).c_str());
+      utility::Refuse("%s: axis %d of an array of dims %s", kReduction, int{axes[i]}, runtime::DimsText(dims).c_str());
     }
   }
   return dims;
@@ -105,8 +104,7 @@ void Function_TensorTensorArithmetic_Mean_Fallback_Float_M1(float const* in, flo
   for (short axis : axes) {
     unsigned int const extent = dims[static_cast<std::size_t>(axis)];
     if (extent == 0) {
-      utility::Assert(false, "%s: the mean over axis %d of dims %s", kReduction, int{axis},
-                      runtime::DimsText(dims).c_str());
+      utility::Refuse("%s: the mean over axis %d of dims %s", kReduction, int{axis}, runtime::DimsText(dims).c_str());
     }
     results /= extent;
     reduced *= extent;  // wraps for repeated axes alone, when no result is left to divide

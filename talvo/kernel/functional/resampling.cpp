@@ -1,17 +1,17 @@
-#include "talvo/kernel/functional/resampling.h"
+#include "talvo/kernel/functional/resampling_support.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <vector>
 
-#include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 #include "talvo/utility/restrict.h"
 
 namespace talvo::kernel::functional {
 namespace {
 
-using utility::Assert;
+using utility::Refuse;
 
 // y[i] = x[index[i]] for i < n.
 template <typename T>
@@ -37,8 +37,7 @@ std::vector<std::uint32_t> NearestIndices(std::size_t extent, float scale, std::
   for (std::size_t i = 0; i < n; ++i) {
     float const position = std::floor(static_cast<float>(i) / scale);
     if (!(position < static_cast<float>(extent))) {
-      Assert(false, "nearest upsampling by %g: output index %zu of %zu lies beyond the extent %zu", scale, i, n,
-             extent);
+      Refuse("nearest upsampling by %g: output index %zu of %zu lies beyond the extent %zu", scale, i, n, extent);
     }
     indices[i] = static_cast<std::uint32_t>(position);
   }
@@ -71,29 +70,35 @@ struct Position {
   float weight, rest;  // rest = 1 - weight
 };
 
-// The positions of n output indices. `ends_alone`: a position on the first or last index takes that one alone; else its
-// neighbour takes part, with weight 0, read inside the extent.
-std::vector<Position> BilinearPositions(std::size_t extent, std::size_t n, float scale, bool align_corner,
-                                        bool ends_alone) {
-  float const last = static_cast<float>(static_cast<std::int64_t>(extent) - 1);
-  float const aligned_ratio = n > 1 ? last / static_cast<float>(n - 1) : 0.0f;
-  float const ratio = align_corner ? aligned_ratio : 1.0f / scale;
-  float const offset = align_corner ? 0.0f : ratio * 0.5f - 0.5f;
-  std::vector<Position> positions(n);
-  for (std::size_t i = 0; i < n; ++i) {
-    float const place = static_cast<float>(i) * ratio + offset, whole = std::trunc(place);
-    if (!(whole < static_cast<float>(extent))) {
-      Assert(false, "bilinear upsampling by %g: output index %zu of %zu lies beyond the extent %zu", scale, i, n,
-             extent);
+// The positions of output indices along one axis. `ends_alone`: a position on the first or last index takes that one
+// alone; else its neighbour takes part, with weight 0, read inside the extent.
+struct BilinearAxis {
+  std::size_t extent, out_extent;
+  float scale;
+  bool align_corner, ends_alone;
+
+  // Of n output indices from `first` on. Assert: one of them is not below the extent.
+  std::vector<Position> Positions(std::size_t first, std::size_t n) const {
+    float const last = static_cast<float>(static_cast<std::int64_t>(extent) - 1);
+    float const aligned_ratio = out_extent > 1 ? last / static_cast<float>(out_extent - 1) : 0.0f;
+    float const ratio = align_corner ? aligned_ratio : 1.0f / scale;
+    float const offset = align_corner ? 0.0f : ratio * 0.5f - 0.5f;
+    std::vector<Position> positions(n);
+    for (std::size_t i = 0; i < n; ++i) {
+      float const place = static_cast<float>(first + i) * ratio + offset, whole = std::trunc(place);
+      if (!(whole < static_cast<float>(extent))) {
+        Refuse("bilinear upsampling by %g: output index %zu of %zu lies beyond the extent %zu", scale, first + i,
+               out_extent, extent);
+      }
+      bool const between = ends_alone ? place > 0.0f && place < last : place >= 0.0f && place <= last;
+      auto const low = static_cast<std::uint32_t>(whole);
+      auto const inside = static_cast<std::uint32_t>(extent - 1);
+      float const weight = place >= 0.0f ? place - whole : 0.0f;
+      positions[i] = {std::min(low, inside), std::min(low + (between ? 1 : 0), inside), weight, 1.0f - weight};
     }
-    bool const between = ends_alone ? place > 0.0f && place < last : place >= 0.0f && place <= last;
-    auto const low = static_cast<std::uint32_t>(whole);
-    auto const inside = static_cast<std::uint32_t>(extent - 1);
-    float const weight = place >= 0.0f ? place - whole : 0.0f;
-    positions[i] = {std::min(low, inside), std::min(low + (between ? 1 : 0), inside), weight, 1.0f - weight};
+    return positions;
   }
-  return positions;
-}
+};
 
 // y[p n + j] = x[high] weight + x[low] rest of plane p for each of n positions j. Planes that share a position share
 // the cost of reading it.
@@ -145,9 +150,11 @@ class BlendedRows {
   std::uint32_t held_[2] = {kNone, kNone};
 };
 
+// A block of outputs of kPlanes planes, [out_plane / out_width, out_width] each, of which y is the first.
 template <std::size_t kPlanes, typename T>
 void UpsamplePlanes(T const* x, ImageSize const& size, std::vector<Position> const& rows,
-                    std::vector<Position> const& columns, float* scratch, T* y) {
+                    std::vector<Position> const& columns, float* scratch, std::size_t out_width, std::size_t out_plane,
+                    T* y) {
   std::size_t const n = columns.size();
   BlendedRows<kPlanes, T> blended(x, size, columns, scratch);
   for (std::size_t i = 0; i < rows.size(); ++i) {
@@ -155,24 +162,36 @@ void UpsamplePlanes(T const* x, ImageSize const& size, std::vector<Position> con
     float const* const top = blended.Row(row.low, row.high);
     float const* const low = blended.Row(row.high, row.low);
     for (std::size_t p = 0; p < kPlanes; ++p)
-      BlendRows(top + p * n, low + p * n, row.weight, row.rest, n, y + (p * rows.size() + i) * n);
+      BlendRows(top + p * n, low + p * n, row.weight, row.rest, n, y + p * out_plane + i * out_width);
   }
 }
 
+// By blocks of outputs, so that the positions take little memory however large the output is.
 template <typename T>
 void UpsampleBilinearOf(T const* x, ImageSize const& size, float scale_y, float scale_x, bool align_corner,
                         std::size_t out_height, std::size_t out_width, T* y) {
   if (size.channels == 0 || out_height == 0 || out_width == 0) return;
-  constexpr std::size_t kPlanes = 4;
-  auto const rows = BilinearPositions(size.height, out_height, scale_y, align_corner, false);
-  auto const columns = BilinearPositions(size.width, out_width, scale_x, align_corner, true);
-  std::vector<float> scratch(2 * kPlanes * out_width);
+  constexpr std::size_t kPlanes = 4, kBlock = 4096;
+  BilinearAxis const row_axis = {size.height, out_height, scale_y, align_corner, false};
+  BilinearAxis const column_axis = {size.width, out_width, scale_x, align_corner, true};
+  std::vector<float> scratch(2 * kPlanes * std::min(kBlock, out_width));
   std::size_t const plane = size.height * size.width, out_plane = out_height * out_width;
-  std::size_t c = 0;
-  for (; c + kPlanes <= size.channels; c += kPlanes)
-    UpsamplePlanes<kPlanes>(x + c * plane, size, rows, columns, scratch.data(), y + c * out_plane);
-  for (; c < size.channels; ++c)
-    UpsamplePlanes<1>(x + c * plane, size, rows, columns, scratch.data(), y + c * out_plane);
+  for (std::size_t i = 0; i < out_height; i += kBlock) {
+    auto const rows = row_axis.Positions(i, std::min(kBlock, out_height - i));
+    for (std::size_t j = 0; j < out_width; j += kBlock) {
+      auto const columns = column_axis.Positions(j, std::min(kBlock, out_width - j));
+      T* const block = y + i * out_width + j;
+      std::size_t c = 0;
+      for (; c + kPlanes <= size.channels; c += kPlanes) {
+        UpsamplePlanes<kPlanes>(x + c * plane, size, rows, columns, scratch.data(), out_width, out_plane,
+                                block + c * out_plane);
+      }
+      for (; c < size.channels; ++c) {
+        UpsamplePlanes<1>(x + c * plane, size, rows, columns, scratch.data(), out_width, out_plane,
+                          block + c * out_plane);
+      }
+    }
+  }
 }
 
 // y[i count + row] = x[row stride + i] for row < count, i < n: rows become phases. kCount 0: count is not known here.
@@ -195,6 +214,7 @@ void SplitPhases(T const* TALVO_RESTRICT x, std::size_t stride, std::size_t coun
 template <typename T>
 void PixelShuffleOf(T const* x, ImageSize const& size, std::size_t r, T* y) {
   std::size_t const plane = size.height * size.width;
+  if (plane == 0) return;  // there may be any number of empty rows
   auto* const interleave = r == 2 ? InterleaveRows<2, T> : r == 3 ? InterleaveRows<3, T> : InterleaveRows<0, T>;
   for (std::size_t c = 0; c < size.channels; c += r * r, x += r * r * plane)
     for (std::size_t i = 0; i < size.height; ++i)
@@ -205,6 +225,7 @@ void PixelShuffleOf(T const* x, ImageSize const& size, std::size_t r, T* y) {
 template <typename T>
 void PixelUnshuffleOf(T const* x, ImageSize const& size, std::size_t k, T* y) {
   std::size_t const height = size.height / k, width = size.width / k, plane = height * width;
+  if (plane == 0) return;
   auto* const split = k == 2 ? SplitPhases<2, T> : k == 3 ? SplitPhases<3, T> : SplitPhases<0, T>;
   for (std::size_t c = 0; c < size.channels; ++c, x += size.height * size.width)
     for (std::size_t dy = 0; dy < k; ++dy, y += k * plane)
@@ -333,7 +354,7 @@ unsigned int UpsampledExtent(unsigned int extent, float scale) {
   constexpr float kEnd = 0x1p32f;
   float const scaled = std::floor(static_cast<float>(extent) * scale + 0.5f);
   if (!(scale >= 0.0f && scaled < kEnd)) {
-    Assert(false, "upsampling by %g: an extent of %u does not become one of 32 bits", scale, extent);
+    Refuse("upsampling by %g: an extent of %u does not become one of 32 bits", scale, extent);
   }
   return static_cast<unsigned int>(scaled);
 }
@@ -352,7 +373,7 @@ void UpsampleNearest(void const* x, ImageSize const& size, unsigned int element_
     case 4:
       return UpsampleNearestOf(static_cast<float const*>(x), size, rows, columns, static_cast<float*>(y));
     default:
-      Assert(false, "nearest upsampling: elements of %u bytes, needs 1, 2 or 4", element_bytes);
+      Refuse("nearest upsampling: elements of %u bytes, needs 1, 2 or 4", element_bytes);
   }
 }
 
@@ -381,8 +402,9 @@ void PixelUnshuffle(std::int16_t const* x, ImageSize const& size, std::size_t k,
 void GridSample(float const* x, ImageSize const& size, float const* grid, std::size_t out_height, std::size_t out_width,
                 GridSampling const& sampling, float* y) {
   if (size.channels == 0 || out_height == 0 || out_width == 0) return;
-  Assert(!sampling.border || (size.height != 0 && size.width != 0),
-         "grid sampling: planes of %zu x %zu pixels have no border to take", size.height, size.width);
+  if (sampling.border && (size.height == 0 || size.width == 0)) {
+    Refuse("grid sampling: planes of %zu x %zu pixels have no border to take", size.height, size.width);
+  }
   GridReader const reader(size, sampling);
   if (sampling.bilinear) {
     SampleImage(

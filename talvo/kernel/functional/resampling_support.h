@@ -1,11 +1,9 @@
 // Resampling of planes on bare pointers: upsampling, pixel shuffle and its inverse, sampling at given positions.
-// Images are [channels, height, width], row-major; input and output do not overlap.
+// Images are [channels, height, width], row-major; input and output do not overlap. For the kernels. Internal.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-
-#include "talvo/utility/export.h"
 
 namespace talvo::kernel::functional {
 
@@ -14,32 +12,32 @@ struct ImageSize {
 };
 
 /// floor(extent * scale + 0.5), in float32. Assert: a result that is negative, NaN or over 32 bits.
-TALVO_API unsigned int UpsampledExtent(unsigned int extent, float scale);
+unsigned int UpsampledExtent(unsigned int extent, float scale);
 
 /// y[c, i, j] = x[c, floor(i / scale_y), floor(j / scale_x)], in float32, for elements of 1, 2 or 4 bytes.
 /// x [channels, height, width], y [channels, out_height, out_width]. Assert: a last position beyond the plane.
-TALVO_API void UpsampleNearest(void const* x, ImageSize const& size, unsigned int element_bytes, float scale_y,
-                               float scale_x, std::size_t out_height, std::size_t out_width, void* y);
+void UpsampleNearest(void const* x, ImageSize const& size, unsigned int element_bytes, float scale_y, float scale_x,
+                     std::size_t out_height, std::size_t out_width, void* y);
 
 /// Bilinear interpolation between a, b (upper left and right) and d, e (lower left and right), in float32:
 /// y = (e wx + d (1 - wx)) wy + (b wx + a (1 - wx)) (1 - wy); the 16-bit form cuts the result toward zero.
 /// The position in x of output index i is i / scale + (0.5 / scale - 0.5), or i (extent - 1) / (out_extent - 1) with
 /// align_corner, 0 for an out_extent of 1. A position outside the plane takes the nearest row or column alone.
 /// Assert: a last position beyond the plane.
-TALVO_API void UpsampleBilinear(float const* x, ImageSize const& size, float scale_y, float scale_x, bool align_corner,
-                                std::size_t out_height, std::size_t out_width, float* y);
-TALVO_API void UpsampleBilinear(std::int16_t const* x, ImageSize const& size, float scale_y, float scale_x,
-                                bool align_corner, std::size_t out_height, std::size_t out_width, std::int16_t* y);
+void UpsampleBilinear(float const* x, ImageSize const& size, float scale_y, float scale_x, bool align_corner,
+                      std::size_t out_height, std::size_t out_width, float* y);
+void UpsampleBilinear(std::int16_t const* x, ImageSize const& size, float scale_y, float scale_x, bool align_corner,
+                      std::size_t out_height, std::size_t out_width, std::int16_t* y);
 
 /// y[c / r^2, i r + c % r^2 / r, j r + c % r] = x[c, i, j].  y [channels / r^2, height r, width r].
 /// channels is a multiple of r^2, r at least 1. Elements are moved as they are.
-TALVO_API void PixelShuffle(float const* x, ImageSize const& size, std::size_t r, float* y);
-TALVO_API void PixelShuffle(std::int16_t const* x, ImageSize const& size, std::size_t r, std::int16_t* y);
+void PixelShuffle(float const* x, ImageSize const& size, std::size_t r, float* y);
+void PixelShuffle(std::int16_t const* x, ImageSize const& size, std::size_t r, std::int16_t* y);
 
 /// y[c, i, j] = x[c / k^2, i k + c % k^2 / k, j k + c % k].  y [channels k^2, height / k, width / k], k at least 1.
 /// Rows and columns behind the last multiple of k are not read. Elements are moved as they are.
-TALVO_API void PixelUnshuffle(float const* x, ImageSize const& size, std::size_t k, float* y);
-TALVO_API void PixelUnshuffle(std::int16_t const* x, ImageSize const& size, std::size_t k, std::int16_t* y);
+void PixelUnshuffle(float const* x, ImageSize const& size, std::size_t k, float* y);
+void PixelUnshuffle(std::int16_t const* x, ImageSize const& size, std::size_t k, std::int16_t* y);
 
 struct GridSampling {
   bool bilinear;       // between four pixels; otherwise the nearest one
@@ -52,7 +50,7 @@ struct GridSampling {
 /// Nearest: pixel floor((g + 1) 0.5 extent). Bilinear: position (g + 1) 0.5 extent - 0.5, or (g + 1) 0.5 (extent - 1)
 /// with align_corners, where without border a position outside gives 0 as a whole. NaN counts as outside, with border
 /// as 0. Assert: border for planes without pixels.
-TALVO_API void GridSample(float const* x, ImageSize const& size, float const* grid, std::size_t out_height,
-                          std::size_t out_width, GridSampling const& sampling, float* y);
+void GridSample(float const* x, ImageSize const& size, float const* grid, std::size_t out_height, std::size_t out_width,
+                GridSampling const& sampling, float* y);
 
 }  // namespace talvo::kernel::functional
