@@ -126,8 +126,10 @@ int JudgeOneImage(Tensors const& tensors, unsigned int data_type) {
                [data_type](auto const& tensor) { return IsInMainMemory(tensor, data_type, TensorShape::CHW); });
 }
 
+bool LiesInMainMemory(runtime::Tensor const& tensor) { return tensor.shape.location == TensorShape::MainMemory; }
+
 bool IsInMainMemory(runtime::Tensor const& tensor, unsigned int data_type) {
-  return tensor.shape.location == TensorShape::MainMemory && tensor.shape.data_type == data_type;
+  return LiesInMainMemory(tensor) && tensor.shape.data_type == data_type;
 }
 
 bool IsInMainMemory(runtime::Tensor const& tensor, unsigned int data_type, unsigned int layout) {

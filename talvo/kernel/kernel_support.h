@@ -121,6 +121,9 @@ Record const& As(Who const& who, std::shared_ptr<Base> const& record) {
   return *as;
 }
 
+/// A tensor in main memory, of any data type.
+bool LiesInMainMemory(runtime::Tensor const& tensor);
+
 /// A tensor in main memory of this data type, and of this layout.
 bool IsInMainMemory(runtime::Tensor const& tensor, unsigned int data_type);
 bool IsInMainMemory(runtime::Tensor const& tensor, unsigned int data_type, unsigned int layout);

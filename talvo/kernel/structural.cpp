@@ -33,8 +33,6 @@ namespace {
 
 constexpr float kPlaceholder = 128.0f;
 
-bool IsInMainMemory(Tensor const& tensor) { return tensor.shape.location == TensorShape::MainMemory; }
-
 bool IsFloatOrInt16(Tensor const& tensor) {
   return support::IsInMainMemory(tensor, TensorShape::FLOAT32) || support::IsInMainMemory(tensor, TensorShape::INT16);
 }
@@ -42,7 +40,7 @@ bool IsFloatOrInt16(Tensor const& tensor) {
 // The layouts whose outermost axis is that of the channels or of their blocks.
 bool HasChannelsOutermost(Tensor const& tensor) {
   unsigned int const layout = tensor.shape.layout;
-  return IsInMainMemory(tensor) &&
+  return support::LiesInMainMemory(tensor) &&
          (layout == TensorShape::CHW || layout == TensorShape::C4HW4 || layout == TensorShape::C8HW8);
 }
 
@@ -105,7 +103,7 @@ struct InputOperation : PassThrough<AcceptsAny> {
   static constexpr char const* kName = "Input_Fallback_M1";
 };
 
-struct StraightThroughOperation : PassThrough<IsInMainMemory> {
+struct StraightThroughOperation : PassThrough<support::LiesInMainMemory> {
   static constexpr char const* kName = "Straight_Through_Fallback_M1";
 };
 
@@ -136,7 +134,7 @@ struct PlaceholderOperation : support::Strict<runtime::LayerPlaceholderInfo> {
     return 0;
   }
 
-  static int IsValidInput(Tensors const& inputs) { return support::JudgeFirst(inputs, IsInMainMemory); }
+  static int IsValidInput(Tensors const& inputs) { return support::JudgeFirst(inputs, support::LiesInMainMemory); }
   static int IsValidOutput(Tensors const& outputs) { return IsValidInput(outputs); }
 
   std::vector<unsigned short> output_shape;
@@ -184,7 +182,7 @@ struct ConcatenateOperation : support::Strict<runtime::ConcatenateInfo> {
     return 0;
   }
 
-  static int IsValidOutput(Tensors const& outputs) { return support::Judge(outputs, 1, IsInMainMemory); }
+  static int IsValidOutput(Tensors const& outputs) { return support::Judge(outputs, 1, support::LiesInMainMemory); }
 
   unsigned int axis = 0;
 };

@@ -86,6 +86,7 @@ std::shared_ptr<TensorCPU> ReshapeTensor(TensorCPU const& tensor, std::vector<in
 std::shared_ptr<TensorCPU> PermuteTensor(TensorCPU const& tensor, std::vector<unsigned int> const& axes,
                                          DeviceCPU& device) {
   TensorShape const& shape = tensor.shape;
+  utility::Assert(tensor.data != nullptr, "Input shared pointer is null.");
   utility::Assert(shape.dims.size() == axes.size(), "dimensions of shape must be equal to tranpose axes's.");
   std::vector<unsigned int> dims;
   for (unsigned int axis : axes) {

@@ -5,14 +5,14 @@
 #include <cstring>
 
 #include "talvo/kernel/rows/conversion_rows.h"
-#include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::kernel {
 namespace {
 
 using half_float::half;
 using runtime::TensorShape;
-using utility::Assert;
+using utility::Refuse;
 using DevicePtr = std::shared_ptr<runtime::DeviceCPU>;
 using TensorPtr = std::shared_ptr<runtime::TensorCPU>;
 
@@ -43,17 +43,17 @@ std::vector<Element> FromBytes(std::string const& bytes) {
 template <typename To, typename From>
 void ConvertMemory(char const* name, void const* source, unsigned int count, void* destination) {
   if (count == 0) return;
-  Assert(source != nullptr && destination != nullptr, "%s: a null pointer for %u elements", name, count);
+  if (source == nullptr || destination == nullptr) Refuse("%s: a null pointer for %u elements", name, count);
   ConvertRow(static_cast<From const*>(source), count, static_cast<To*>(destination));
 }
 
 // An empty tensor of `data_type` for the elements of `input`, which are read as `element_bytes` each.
 TensorPtr NewConverted(char const* name, TensorPtr const& input, unsigned int data_type, unsigned int element_bytes,
                        DevicePtr const& device) {
-  Assert(input != nullptr && device != nullptr, "%s: the input or the device is null", name);
+  if (input == nullptr || device == nullptr) Refuse("%s: the input or the device is null", name);
   TensorShape const& shape = input->shape;
   if (runtime::ElementSize(shape.data_type) < element_bytes) {
-    Assert(false, "%s: dims %s, data type %u; needs %u bytes an element", name, runtime::DimsText(shape.dims).c_str(),
+    Refuse("%s: dims %s, data type %u; needs %u bytes an element", name, runtime::DimsText(shape.dims).c_str(),
            shape.data_type, element_bytes);
   }
   return device->CreateTensor(TensorShape(shape.dims, data_type, shape.layout, shape.location, TensorShape::Extra()),

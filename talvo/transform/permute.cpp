@@ -1,90 +1,105 @@
 #include "talvo/transform/permute.h"
 
+#include "talvo/kernel/kernel_of_support.h"
 #include "talvo/kernel/native/permute.h"
 #include "talvo/runtime/tensor_cpu_support.h"
 #include "talvo/serialization/layer_info_tensor.h"
 #include "talvo/transform/transform_support.h"
 #include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::kernel {
 
+using runtime::IKernel;
 using runtime::TensorShape;
 using support::ContextPtr;
+using support::LayerPtr;
+using support::ParamPtr;
+using support::Shapes;
 using support::TensorPtr;
 using support::Tensors;
 using utility::Assert;
-using LayerPtr = std::shared_ptr<runtime::LayerInfo>;
-using ParamPtr = std::shared_ptr<runtime::InferenceParam>;
+using utility::Refuse;
 
-namespace {
+struct PermuteOperation : support::Strict<runtime::TensorTransposeInfo> {
+  static constexpr char const* kName = "Transform_MainMemory_Permute_Fallback";
 
-bool IsInMainMemory(runtime::Tensor const& tensor) { return tensor.shape.location == TensorShape::MainMemory; }
-
-}  // namespace
-
-std::string Transform_MainMemory_Permute_Fallback::GetName() const { return "Transform_MainMemory_Permute_Fallback"; }
-
-int Transform_MainMemory_Permute_Fallback::IsValidParam(LayerPtr layer, ParamPtr param) const {
-  return support::StrictParam<runtime::TensorTransposeInfo>(layer, param);
-}
-
-bool Transform_MainMemory_Permute_Fallback::Config(LayerPtr layer, ParamPtr param, ContextPtr) {
-  configured_ = false;
-  if (IsValidParam(layer, param) == -1) return false;
-  auto const& axes = static_cast<runtime::TensorTransposeInfo const&>(*layer).axes;
-  axes_.clear();
-  for (std::size_t i = 1; i < axes.size(); ++i) {
-    if (axes[i] == 0) {
-      Assert(false, "%s of layer %s: entry %zu of %zu axes is 0, the batch axis, which stands in front only",
-             GetName().c_str(), layer->id.c_str(), i, axes.size());
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) {
+    auto const& entries = support::As<runtime::TensorTransposeInfo>(kName, layer).axes;
+    layer_id = layer->id;
+    axes.clear();
+    for (std::size_t i = 1; i < entries.size(); ++i) {
+      if (entries[i] == 0) {
+        Refuse("%s: entry %zu of %zu axes is 0, the batch axis, which stands in front only", Who().Text().c_str(), i,
+               entries.size());
+      }
+      axes.push_back(entries[i] - 1u);
     }
-    axes_.push_back(axes[i] - 1u);
+    return true;
   }
-  configured_ = true;
-  return true;
-}
 
-bool Transform_MainMemory_Permute_Fallback::IsConfigured() const { return configured_; }
-
-std::vector<TensorShape> Transform_MainMemory_Permute_Fallback::GetOutputShapes(
-    std::vector<TensorShape> const& input_shapes) const {
-  TensorShape const& input = support::ShapeAt(*this, input_shapes, 0);
-  std::vector<unsigned int> dims;
-  for (unsigned int axis : axes_) {
-    if (axis >= input.dims.size()) {
-      Assert(false, "%s: dims %s have no axis %u", GetName().c_str(), runtime::DimsText(input.dims).c_str(), axis);
+  Shapes GetOutputShapes(Shapes const& shapes) const {
+    TensorShape const& input = support::ShapeAt(Who(), shapes, 0);
+    std::vector<unsigned int> dims;
+    for (unsigned int const axis : axes) {
+      if (axis >= input.dims.size()) {
+        Refuse("%s: dims %s have no axis %u", Who().Text().c_str(), runtime::DimsText(input.dims).c_str(), axis);
+      }
+      dims.push_back(input.dims[axis]);
     }
-    dims.push_back(input.dims[axis]);
+    return {
+        TensorShape(std::move(dims), input.data_type, TensorShape::FLEXIABLE, input.location, TensorShape::Extra())};
   }
-  return {TensorShape(std::move(dims), input.data_type, TensorShape::FLEXIABLE, input.location, TensorShape::Extra())};
-}
 
-int Transform_MainMemory_Permute_Fallback::IsValidInput(Tensors const& inputs) const {
-  return support::Judge(inputs, 1, IsInMainMemory);
-}
+  static int IsValidInput(Tensors const& inputs) { return support::Judge(inputs, 1, support::LiesInMainMemory); }
 
-int Transform_MainMemory_Permute_Fallback::Forward(Tensors const& inputs, Tensors& outputs, ContextPtr context) const {
-  TensorPtr const input = support::Input(*this, inputs, 0, support::kAnyRank, 1);
-  if (outputs.empty()) {
-    support::Device(*this, context);
-    outputs.push_back(functional::Transform_MainMemory_Permute_Fallback(input, axes_, context->device_cpu));
+  // The tests of the form on bare memory in their order, and then those that name the layer, before memory is taken.
+  void Check(runtime::TensorCPU const& input, bool has_destination) const {
+    Assert(input.data != nullptr, "Input shared pointer is null.");
+    Assert(has_destination, "Output shared pointer is null.");
+    Assert(input.shape.dims.size() == axes.size(), "dimensions of shape must be equal to tranpose axes's.");
+    std::vector<bool> seen(axes.size());
+    for (unsigned int const axis : axes) {
+      if (axis >= axes.size() || seen[axis]) {
+        Refuse("%s: axis %u of dims %s is out of range or repeated", Who().Text().c_str(), axis,
+               runtime::DimsText(input.shape.dims).c_str());
+      }
+      seen[axis] = true;
+    }
+    support::CheckTensor(Who(), "input 0", &input, {1});
+  }
+
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+    support::NeedsConfig(kernel);
+    auto const input = inputs.empty() ? nullptr : std::dynamic_pointer_cast<runtime::TensorCPU>(inputs[0]);
+    if (input == nullptr) support::RefuseTensor(Who(), "input 0", nullptr, {});
+    Check(*input, outputs.empty() || outputs[0] == nullptr || outputs[0]->data != nullptr);
+    if (outputs.empty()) {
+      support::Device(Who(), context);
+      outputs.push_back(functional::Transform_MainMemory_Permute_Fallback(input, axes, context->device_cpu));
+      return 0;
+    }
+    TensorPtr const output = support::GivenOutput(Who(), outputs, runtime::ByteCount(input->shape));
+    native::Transform_MainMemory_Permute_Fallback(input->data, input->shape.dims,
+                                                  runtime::ElementSize(input->shape.data_type), axes, output->data);
     return 0;
   }
-  TensorPtr const output = support::GivenOrNewOutput(*this, inputs, outputs, context, runtime::ByteCount(input->shape));
-  native::Transform_MainMemory_Permute_Fallback(input->data, input->shape.dims,
-                                                runtime::ElementSize(input->shape.data_type), axes_, output->data);
-  return 0;
-}
 
-int Transform_MainMemory_Permute_Fallback::IsValidOutput(Tensors const& outputs) const {
-  return support::Judge(outputs, 1, IsInMainMemory);
-}
+  static int IsValidOutput(Tensors const& outputs) { return IsValidInput(outputs); }
+
+  support::Who Who() const { return {kName, layer_id}; }
+
+  std::string layer_id;
+  std::vector<unsigned int> axes;
+};
+
+template class KernelOf<PermuteOperation>;
 
 namespace functional {
 
 TensorPtr Transform_MainMemory_Permute_Fallback(TensorPtr const& input, std::vector<unsigned int> const& axes,
                                                 std::shared_ptr<runtime::DeviceCPU> const& device) {
-  Assert(input != nullptr && device != nullptr, "%s: the input or the device is null", __func__);
+  if (input == nullptr || device == nullptr) Refuse("%s: the input or the device is null", __func__);
   return runtime::PermuteTensor(*input, axes, *device);
 }
 

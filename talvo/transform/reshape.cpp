@@ -6,29 +6,34 @@
 #include <cstring>
 #include <utility>
 
+#include "talvo/kernel/kernel_of_support.h"
 #include "talvo/kernel/native/permute.h"
 #include "talvo/runtime/tensor_cpu_support.h"
 #include "talvo/serialization/layer_info_tensor.h"
 #include "talvo/transform/transform_support.h"
 #include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::kernel {
 
+using runtime::DimsText;
+using runtime::IKernel;
 using runtime::TensorReshapeInfo;
 using runtime::TensorShape;
 using support::ContextPtr;
+using support::LayerPtr;
+using support::ParamPtr;
+using support::Shapes;
 using support::TensorPtr;
 using support::Tensors;
 using utility::Assert;
-using Dims = std::vector<unsigned int>;
-using LayerPtr = std::shared_ptr<runtime::LayerInfo>;
-using ParamPtr = std::shared_ptr<runtime::InferenceParam>;
+using utility::Refuse;
 
 namespace {
 
-constexpr int kUnknown = -1;
+using Dims = std::vector<unsigned int>;
 
-bool IsInMainMemory(runtime::Tensor const& tensor) { return tensor.shape.location == TensorShape::MainMemory; }
+constexpr int kUnknown = -1;
 
 // Whether the dims are as the entries from `first` on say; entries below 1 say nothing.
 bool FollowsEntries(Dims const& dims, std::vector<int> const& entries, std::size_t first) {
@@ -51,132 +56,6 @@ void DropLeadingOne(Dims& dims, std::size_t count) {
   Assert(dims[0] == 1, nullptr);
   dims.erase(dims.begin());
 }
-
-}  // namespace
-
-struct ToC {
-  static constexpr char const* kName = "Reshape_Fallback_To_C_M1";
-  static constexpr unsigned int kLayout = TensorShape::C;
-  static void DropBatch(Dims& dims) { DropLeadingOne(dims, 2); }
-  static bool Fits(Dims const& dims, std::vector<int> const& entries) { return FollowsAllOrLacksOne(dims, entries); }
-};
-
-struct ToCHW {
-  static constexpr char const* kName = "Reshape_Fallback_To_CHW_M1";
-  static constexpr unsigned int kLayout = TensorShape::CHW;
-  static void DropBatch(Dims& dims) { DropLeadingOne(dims, 4); }
-  static bool Fits(Dims const& dims, std::vector<int> const& entries) { return FollowsAllOrLacksOne(dims, entries); }
-};
-
-struct ToSC {
-  static constexpr char const* kName = "Reshape_Fallback_To_SC_M1";
-  static constexpr unsigned int kLayout = TensorShape::SC;
-  static void DropBatch(Dims& dims) {
-    if (dims.size() != 3) return;
-    Assert(dims[0] == 1 || dims[1] == 1, "[Reshape_Fallback_To_SC_M1] batch of new shape != 1");
-    dims.erase(dims.begin() + (dims[0] == 1 ? 0 : 1));
-  }
-  static bool Fits(Dims const& dims, std::vector<int> const& entries) { return FollowsAllOrLacksOne(dims, entries); }
-};
-
-struct ToFlexible {
-  static constexpr char const* kName = "Transform_MainMemory_Reshape_Fallback";
-  static constexpr unsigned int kLayout = TensorShape::FLEXIABLE;
-  static void DropBatch(Dims& dims) {
-    Assert(!dims.empty(), "%s: new_shape is empty, needs a batch axis", kName);
-    dims.erase(dims.begin());
-  }
-  static bool Fits(Dims const& dims, std::vector<int> const& entries) { return FollowsEntries(dims, entries, 1); }
-};
-
-template <class Target>
-std::string GeneralReshape<Target>::GetName() const {
-  return Target::kName;
-}
-
-template <class Target>
-int GeneralReshape<Target>::IsValidParam(LayerPtr layer, ParamPtr param) const {
-  return support::StrictParam<TensorReshapeInfo>(layer, param);
-}
-
-template <class Target>
-bool GeneralReshape<Target>::Config(LayerPtr layer, ParamPtr param, ContextPtr) {
-  configured_ = IsValidParam(layer, param) != -1;
-  new_shape_.clear();
-  known_product_ = 1;
-  auto const reshape = std::dynamic_pointer_cast<TensorReshapeInfo>(layer);
-  if (reshape == nullptr) return false;
-  bool has_unknown = false;
-  for (int entry : reshape->new_shape) {
-    if (entry == kUnknown && has_unknown) {
-      configured_ = false;
-      break;
-    }
-    has_unknown = has_unknown || entry == kUnknown;
-    if (entry != kUnknown) known_product_ *= static_cast<unsigned int>(entry);
-    new_shape_.push_back(entry);
-  }
-  return configured_;
-}
-
-template <class Target>
-bool GeneralReshape<Target>::IsConfigured() const {
-  return configured_;
-}
-
-template <class Target>
-std::vector<TensorShape> GeneralReshape<Target>::GetOutputShapes(std::vector<TensorShape> const& input_shapes) const {
-  TensorShape const& input = support::ShapeAt(*this, input_shapes, 0);
-  unsigned int const total = runtime::ElementCount(input.dims);
-  Dims dims;
-  for (int entry : new_shape_) {
-    if (entry < 1 && known_product_ == 0) {
-      Assert(false, "%s: the %zu entries of new_shape have a product of 0, which divides no dims %s", Target::kName,
-             new_shape_.size(), runtime::DimsText(input.dims).c_str());
-    }
-    dims.push_back(entry < 1 ? total / known_product_ : static_cast<unsigned int>(entry));
-  }
-  Target::DropBatch(dims);
-  return {TensorShape(std::move(dims), input.data_type, Target::kLayout, input.location, TensorShape::Extra())};
-}
-
-template <class Target>
-int GeneralReshape<Target>::IsValidInput(Tensors const& inputs) const {
-  return support::Judge(inputs, 1, [this](runtime::Tensor const& tensor) {
-    unsigned int const total = runtime::ElementCount(tensor.shape.dims);
-    return IsInMainMemory(tensor) && known_product_ != 0 && total >= known_product_ && total % known_product_ == 0;
-  });
-}
-
-template <class Target>
-int GeneralReshape<Target>::Forward(Tensors const& inputs, Tensors& outputs, ContextPtr context) const {
-  TensorPtr const input = support::Input(*this, inputs, 0, support::kAnyRank, 1);
-  std::size_t const input_bytes = runtime::ByteCount(input->shape);
-  bool const is_new = outputs.empty();
-  TensorPtr const output = support::GivenOrNewOutput(*this, inputs, outputs, context, input_bytes);
-  std::size_t const output_bytes = runtime::ByteCount(output->shape);
-  if (is_new && output_bytes > input_bytes) {
-    Assert(false, "%s: dims %s do not fill dims %s", Target::kName, runtime::DimsText(input->shape.dims).c_str(),
-           runtime::DimsText(output->shape.dims).c_str());
-  }
-  std::size_t const bytes = std::min(input_bytes, output_bytes);
-  if (bytes != 0) std::memmove(output->data, input->data, bytes);
-  return 0;
-}
-
-template <class Target>
-int GeneralReshape<Target>::IsValidOutput(Tensors const& outputs) const {
-  return support::Judge(outputs, 1, [this](runtime::Tensor const& tensor) {
-    return IsInMainMemory(tensor) && Target::Fits(tensor.shape.dims, new_shape_);
-  });
-}
-
-template class GeneralReshape<ToC>;
-template class GeneralReshape<ToCHW>;
-template class GeneralReshape<ToSC>;
-template class GeneralReshape<ToFlexible>;
-
-namespace {
 
 bool IsFloatOrInt16(unsigned int data_type) {
   return data_type == TensorShape::FLOAT32 || data_type == TensorShape::INT16;
@@ -216,153 +95,260 @@ std::uint64_t KnownProduct(std::vector<short> const& entries) {
   return product;
 }
 
-// b, h, w, lane to b, lane, h, w.
-void Unblock(char const* name, runtime::TensorCPU const& input, unsigned int lanes, void* output) {
-  TensorShape const& shape = input.shape;
-  if (shape.dims.size() != 4 || shape.dims[3] != lanes) {
-    Assert(false, "%s: dims %s, needs rank 4 and %u lanes", name, runtime::DimsText(shape.dims).c_str(), lanes);
-  }
-  native::Transform_MainMemory_Permute_Fallback(input.data, shape.dims, runtime::ElementSize(shape.data_type),
-                                                {0, 3, 1, 2}, output);
+// Lanes of a C4HW4 or C8HW8 tensor, which stand in its last extent. Assert: they do not.
+void CheckLanes(support::Who const& who, TensorShape const& shape, unsigned int lanes) {
+  if (shape.dims.size() == 4 && shape.dims[3] == lanes) return;
+  Refuse("%s: dims %s, needs rank 4 and %u lanes", who.Text().c_str(), DimsText(shape.dims).c_str(), lanes);
 }
 
-void Copy(runtime::TensorCPU const& input, void* output) {
-  if (input.data != nullptr) std::memmove(output, input.data, runtime::ByteCount(input.shape));
+// b, h, w, lane to b, lane, h, w; one lane is plain.
+void Unblock(runtime::TensorCPU const& input, unsigned int lanes, void* output) {
+  if (lanes != 1) {
+    native::Transform_MainMemory_Permute_Fallback(input.data, input.shape.dims,
+                                                  runtime::ElementSize(input.shape.data_type), {0, 3, 1, 2}, output);
+  } else if (input.data != nullptr) {
+    std::memmove(output, input.data, runtime::ByteCount(input.shape));
+  }
 }
+
+[[noreturn]] void RefuseSize(support::Who const& who, TensorShape const& input, TensorShape const& output) {
+  Refuse("%s: dims %s do not fill dims %s", who.Text().c_str(), DimsText(input.dims).c_str(),
+         DimsText(output.dims).c_str());
+}
+
+// A general reshape. Operation adds its name, its layout, how the batch axis goes and which outputs fit.
+template <class Operation>
+struct GeneralReshape : support::Strict<TensorReshapeInfo> {
+  static bool Passes(int) { return true; }  // Config goes on whatever the judgement, which is its result
+
+  bool Config(LayerPtr const& layer, ParamPtr const& param, ContextPtr const&) {
+    bool good = IsValidParam(layer, param) != -1, has_unknown = false;
+    new_shape.clear();
+    known_product = 1;
+    auto const* const info = dynamic_cast<TensorReshapeInfo const*>(layer.get());
+    if (info == nullptr) return false;
+    layer_id = info->id;
+    for (int const entry : info->new_shape) {
+      if (entry == kUnknown && has_unknown) {
+        good = false;
+        break;
+      }
+      has_unknown = has_unknown || entry == kUnknown;
+      if (entry != kUnknown) known_product *= static_cast<unsigned int>(entry);
+      new_shape.push_back(entry);
+    }
+    return good;
+  }
+
+  Shapes GetOutputShapes(Shapes const& shapes) const {
+    TensorShape const& input = support::ShapeAt(Who(), shapes, 0);
+    unsigned int const total = runtime::ElementCount(input.dims);
+    Dims dims;
+    for (int const entry : new_shape) {
+      if (entry < 1 && known_product == 0) {
+        Refuse("%s: the %zu entries of new_shape have a product of 0, which divides no dims %s", Who().Text().c_str(),
+               new_shape.size(), DimsText(input.dims).c_str());
+      }
+      dims.push_back(entry < 1 ? total / known_product : static_cast<unsigned int>(entry));
+    }
+    static_cast<Operation const&>(*this).DropBatch(dims);
+    return {TensorShape(std::move(dims), input.data_type, Operation::kLayout, input.location, TensorShape::Extra())};
+  }
+
+  int IsValidInput(Tensors const& inputs) const {
+    return support::Judge(inputs, 1, [this](runtime::Tensor const& tensor) {
+      unsigned int const total = runtime::ElementCount(tensor.shape.dims);
+      return support::LiesInMainMemory(tensor) && known_product != 0 && total >= known_product &&
+             total % known_product == 0;
+    });
+  }
+
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+    support::NeedsConfig(kernel);
+    TensorPtr const input = support::Input(Who(), inputs, 0, support::kAnyRank, 1);
+    unsigned int const bytes = runtime::ByteCount(input->shape);
+    if (outputs.empty()) {
+      TensorShape const shape = support::ShapeAt(Who(), kernel.GetOutputShapes({input->shape}), 0);
+      if (runtime::ByteCount(shape) > bytes) RefuseSize(Who(), input->shape, shape);
+      outputs.push_back(support::Device(Who(), context).CreateTensor(shape, input->data));
+      return 0;
+    }
+    TensorPtr const output = support::GivenOutput(Who(), outputs, bytes);
+    if (bytes != 0) std::memmove(output->data, input->data, bytes);
+    return 0;
+  }
+
+  int IsValidOutput(Tensors const& outputs) const {
+    return support::Judge(outputs, 1, [this](runtime::Tensor const& tensor) {
+      return support::LiesInMainMemory(tensor) && Operation::Fits(tensor.shape.dims, new_shape);
+    });
+  }
+
+  support::Who Who() const { return {Operation::kName, layer_id}; }
+
+  std::string layer_id;
+  std::vector<int> new_shape;
+  unsigned int known_product = 1;
+};
+
+// A reshape that may take blocks apart. Operation adds its name, its layout, the entries of new_shape and what it takes
+// of types and layouts; Lanes refuses, in the told order, what it does not move.
+template <class Operation, std::size_t kEntries, unsigned int kLayout>
+struct UnblockingReshape : support::Strict<TensorReshapeInfo> {
+  static bool TakesBatch(short entry) { return entry == 1; }
+  static bool TakesType(unsigned int data_type) { return IsFloatHalfOrInt16(data_type); }
+
+  static int IsValidParam(LayerPtr const& layer, ParamPtr const& param) {
+    if (Strict::IsValidParam(layer, param) == -1) return -1;
+    auto const& entries = support::As<TensorReshapeInfo>(Operation::kName, layer).new_shape;
+    return entries.size() == kEntries && Operation::TakesBatch(entries[0]) && AreExtents(entries) ? 0 : -1;
+  }
+
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) {
+    layer_id = layer->id;
+    new_shape = support::As<TensorReshapeInfo>(Operation::kName, layer).new_shape;
+    return true;
+  }
+
+  Shapes GetOutputShapes(Shapes const& shapes) const {
+    TensorShape const& input = support::ShapeAt(Who(), shapes, 0);
+    auto const rest = static_cast<unsigned int>(runtime::ElementCount(input.dims) / KnownProduct(new_shape));
+    Dims dims;
+    for (std::size_t i = 1; i < new_shape.size(); ++i) {
+      dims.push_back(new_shape[i] == kUnknown ? rest : static_cast<unsigned int>(new_shape[i]));
+    }
+    return {TensorShape(std::move(dims), input.data_type, kLayout, input.location, input.extra)};
+  }
+
+  int IsValidInput(Tensors const& inputs) const {
+    return support::Judge(inputs, 1, [this](runtime::Tensor const& tensor) {
+      TensorShape const& shape = tensor.shape;
+      bool const taken = Operation::TakesType(shape.data_type) && Operation::TakesLayout(shape);
+      if (!support::LiesInMainMemory(tensor) || !taken) return false;
+      std::uint64_t const total = runtime::ElementCount(shape.dims), known = KnownProduct(new_shape);
+      return UnknownCount(new_shape) != 0 ? total % known == 0 : total == known;
+    });
+  }
+
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+    support::NeedsConfig(kernel);
+    TensorPtr const input = support::Input(Who(), inputs, 0, support::kAnyRank, 1);
+    unsigned int const lanes = Operation::Lanes(input->shape), bytes = runtime::ByteCount(input->shape);
+    if (lanes != 1) CheckLanes(Who(), input->shape, lanes);
+    if (!outputs.empty()) {
+      Unblock(*input, lanes, support::GivenOutput(Who(), outputs, bytes)->data);
+      return 0;
+    }
+    TensorShape const shape = support::ShapeAt(Who(), kernel.GetOutputShapes({input->shape}), 0);
+    if (runtime::ByteCount(shape) != bytes) RefuseSize(Who(), input->shape, shape);
+    TensorPtr const output = support::Device(Who(), context).CreateTensor(shape, nullptr);
+    Unblock(*input, lanes, output->data);
+    outputs.push_back(output);
+    return 0;
+  }
+
+  static int IsValidOutput(Tensors const& outputs) {
+    return support::Judge(outputs, 1, [](runtime::Tensor const& tensor) {
+      TensorShape const& shape = tensor.shape;
+      return support::LiesInMainMemory(tensor) && Operation::TakesType(shape.data_type) && shape.layout == kLayout;
+    });
+  }
+
+  support::Who Who() const { return {Operation::kName, layer_id}; }
+
+  std::string layer_id;
+  std::vector<short> new_shape;
+};
 
 }  // namespace
 
-struct CnHWnToC {
-  static constexpr char const* kName = "Reshape_Fallback_CnHWn_To_C_M1";
+struct ReshapeToCOperation : GeneralReshape<ReshapeToCOperation> {
+  static constexpr char const* kName = "Reshape_Fallback_To_C_M1";
   static constexpr unsigned int kLayout = TensorShape::C;
-  static constexpr std::size_t kEntries = 2;
+  static void DropBatch(Dims& dims) { DropLeadingOne(dims, 2); }
+  static bool Fits(Dims const& dims, std::vector<int> const& entries) { return FollowsAllOrLacksOne(dims, entries); }
+};
+
+struct ReshapeToCHWOperation : GeneralReshape<ReshapeToCHWOperation> {
+  static constexpr char const* kName = "Reshape_Fallback_To_CHW_M1";
+  static constexpr unsigned int kLayout = TensorShape::CHW;
+  static void DropBatch(Dims& dims) { DropLeadingOne(dims, 4); }
+  static bool Fits(Dims const& dims, std::vector<int> const& entries) { return FollowsAllOrLacksOne(dims, entries); }
+};
+
+struct ReshapeToSCOperation : GeneralReshape<ReshapeToSCOperation> {
+  static constexpr char const* kName = "Reshape_Fallback_To_SC_M1";
+  static constexpr unsigned int kLayout = TensorShape::SC;
+  static void DropBatch(Dims& dims) {
+    if (dims.size() != 3) return;
+    Assert(dims[0] == 1 || dims[1] == 1, "[Reshape_Fallback_To_SC_M1] batch of new shape != 1");
+    dims.erase(dims.begin() + (dims[0] == 1 ? 0 : 1));
+  }
+  static bool Fits(Dims const& dims, std::vector<int> const& entries) { return FollowsAllOrLacksOne(dims, entries); }
+};
+
+struct ReshapeToFlexibleOperation : GeneralReshape<ReshapeToFlexibleOperation> {
+  static constexpr char const* kName = "Transform_MainMemory_Reshape_Fallback";
+  static constexpr unsigned int kLayout = TensorShape::FLEXIABLE;
+  void DropBatch(Dims& dims) const {
+    if (dims.empty()) Refuse("%s: new_shape is empty, needs a batch axis", Who().Text().c_str());
+    dims.erase(dims.begin());
+  }
+  static bool Fits(Dims const& dims, std::vector<int> const& entries) { return FollowsEntries(dims, entries, 1); }
+};
+
+struct UnblockToCOperation : UnblockingReshape<UnblockToCOperation, 2, TensorShape::C> {
+  static constexpr char const* kName = "Reshape_Fallback_CnHWn_To_C_M1";
   static bool TakesBatch(short entry) { return entry == 1 || entry == kUnknown; }
-  static bool TakesType(unsigned int data_type) { return IsFloatHalfOrInt16(data_type); }
   static bool TakesLayout(TensorShape const& shape) { return IsChannelLayout(shape.layout); }
-  static void Move(runtime::TensorCPU const& input, void* output) {
-    unsigned int const lanes = LanesOf(input.shape.layout);
+  static unsigned int Lanes(TensorShape const& shape) {
+    unsigned int const lanes = LanesOf(shape.layout);
     Assert(lanes != 0, "Invalid input tensor layout");
-    if (lanes == 1) return Copy(input, output);
-    Assert(TakesType(input.shape.data_type), "Invalid input data type");
-    Unblock(kName, input, lanes, output);
+    Assert(lanes == 1 || TakesType(shape.data_type), "Invalid input data type");
+    return lanes;
   }
 };
 
-struct CnHWnToCL {
+struct UnblockToCLOperation : UnblockingReshape<UnblockToCLOperation, 3, TensorShape::CL> {
   static constexpr char const* kName = "Reshape_Fallback_CnHWn_To_CL_M1";
-  static constexpr unsigned int kLayout = TensorShape::CL;
-  static constexpr std::size_t kEntries = 3;
-  static bool TakesBatch(short entry) { return entry == 1; }
-  static bool TakesType(unsigned int data_type) { return IsFloatHalfOrInt16(data_type); }
   static bool TakesLayout(TensorShape const& shape) {
     std::size_t const rank = shape.dims.size();
     return IsChannelLayout(shape.layout) || (shape.layout == TensorShape::FLEXIABLE && (rank == 3 || rank == 4));
   }
-  // A FLEXIABLE tensor of four axes tells by the last one.
+  // A FLEXIABLE tensor of four axes tells by the last one. Narrower than TakesType on purpose: halves are refused here,
+  // whatever the layout.
   static unsigned int Lanes(TensorShape const& shape) {
-    if (shape.layout != TensorShape::FLEXIABLE) return LanesOf(shape.layout);
-    if (shape.dims.size() == 3) return 1;
-    return shape.dims.size() == 4 && (shape.dims[3] == 4 || shape.dims[3] == 8) ? shape.dims[3] : 0;
-  }
-  // Narrower than TakesType on purpose: halves are refused here, whatever the layout.
-  static void Move(runtime::TensorCPU const& input, void* output) {
-    unsigned int const lanes = Lanes(input.shape);
+    bool const flexible = shape.layout == TensorShape::FLEXIABLE;
+    std::size_t const rank = shape.dims.size();
+    unsigned int lanes = LanesOf(shape.layout);
+    if (flexible && rank == 3) lanes = 1;
+    if (flexible && rank == 4 && (shape.dims[3] == 4 || shape.dims[3] == 8)) lanes = shape.dims[3];
     Assert(lanes != 0, "Invalid input tensor layout");
-    Assert(IsFloatOrInt16(input.shape.data_type), "Invalid input data type");
-    lanes == 1 ? Copy(input, output) : Unblock(kName, input, lanes, output);
+    Assert(IsFloatOrInt16(shape.data_type), "Invalid input data type");
+    return lanes;
   }
 };
 
-struct CLToCHW {
+struct ReshapeCLToCHWOperation : UnblockingReshape<ReshapeCLToCHWOperation, 4, TensorShape::CHW> {
   static constexpr char const* kName = "Reshape_Fallback_CL_To_CHW_M1";
-  static constexpr unsigned int kLayout = TensorShape::CHW;
-  static constexpr std::size_t kEntries = 4;
-  static bool TakesBatch(short entry) { return entry == 1; }
   static bool TakesType(unsigned int data_type) { return IsFloatOrInt16(data_type); }
   static bool TakesLayout(TensorShape const&) { return true; }
-  static void Move(runtime::TensorCPU const& input, void* output) { Copy(input, output); }
+  static unsigned int Lanes(TensorShape const&) { return 1; }
 };
 
-template <class Step>
-std::string UnblockingReshape<Step>::GetName() const {
-  return Step::kName;
-}
-
-template <class Step>
-int UnblockingReshape<Step>::IsValidParam(LayerPtr layer, ParamPtr param) const {
-  if (support::StrictParam<TensorReshapeInfo>(layer, param) == -1) return -1;
-  auto const& entries = static_cast<TensorReshapeInfo const&>(*layer).new_shape;
-  return entries.size() == Step::kEntries && Step::TakesBatch(entries[0]) && AreExtents(entries) ? 0 : -1;
-}
-
-template <class Step>
-bool UnblockingReshape<Step>::Config(LayerPtr layer, ParamPtr param, ContextPtr) {
-  configured_ = false;
-  if (IsValidParam(layer, param) == -1) return false;
-  new_shape_ = static_cast<TensorReshapeInfo const&>(*layer).new_shape;
-  configured_ = true;
-  return true;
-}
-
-template <class Step>
-bool UnblockingReshape<Step>::IsConfigured() const {
-  return configured_;
-}
-
-template <class Step>
-std::vector<TensorShape> UnblockingReshape<Step>::GetOutputShapes(std::vector<TensorShape> const& input_shapes) const {
-  TensorShape const& input = support::ShapeAt(*this, input_shapes, 0);
-  Assert(new_shape_.size() == Step::kEntries, "%s: new_shape has %zu entries, needs %zu", Step::kName,
-         new_shape_.size(), Step::kEntries);
-  auto const rest = static_cast<unsigned int>(runtime::ElementCount(input.dims) / KnownProduct(new_shape_));
-  Dims dims;
-  for (std::size_t i = 1; i < new_shape_.size(); ++i) {
-    dims.push_back(new_shape_[i] == kUnknown ? rest : static_cast<unsigned int>(new_shape_[i]));
-  }
-  return {TensorShape(std::move(dims), input.data_type, Step::kLayout, input.location, input.extra)};
-}
-
-template <class Step>
-int UnblockingReshape<Step>::IsValidInput(Tensors const& inputs) const {
-  return support::Judge(inputs, 1, [this](runtime::Tensor const& tensor) {
-    TensorShape const& shape = tensor.shape;
-    if (!IsInMainMemory(tensor) || !Step::TakesType(shape.data_type) || !Step::TakesLayout(shape)) return false;
-    std::uint64_t const total = runtime::ElementCount(shape.dims), known = KnownProduct(new_shape_);
-    return UnknownCount(new_shape_) != 0 ? total % known == 0 : total == known;
-  });
-}
-
-template <class Step>
-int UnblockingReshape<Step>::Forward(Tensors const& inputs, Tensors& outputs, ContextPtr context) const {
-  TensorPtr const input = support::Input(*this, inputs, 0, support::kAnyRank, 1);
-  std::size_t const bytes = runtime::ByteCount(input->shape);
-  bool const is_new = outputs.empty();
-  TensorPtr const output = support::GivenOrNewOutput(*this, inputs, outputs, context, bytes);
-  if (is_new && runtime::ByteCount(output->shape) != bytes) {
-    Assert(false, "%s: dims %s do not fill dims %s", Step::kName, runtime::DimsText(input->shape.dims).c_str(),
-           runtime::DimsText(output->shape.dims).c_str());
-  }
-  Step::Move(*input, output->data);
-  return 0;
-}
-
-template <class Step>
-int UnblockingReshape<Step>::IsValidOutput(Tensors const& outputs) const {
-  return support::Judge(outputs, 1, [](runtime::Tensor const& tensor) {
-    TensorShape const& shape = tensor.shape;
-    return IsInMainMemory(tensor) && Step::TakesType(shape.data_type) && shape.layout == Step::kLayout;
-  });
-}
-
-template class UnblockingReshape<CnHWnToC>;
-template class UnblockingReshape<CnHWnToCL>;
-template class UnblockingReshape<CLToCHW>;
+template class KernelOf<ReshapeToCOperation>;
+template class KernelOf<ReshapeToCHWOperation>;
+template class KernelOf<ReshapeToSCOperation>;
+template class KernelOf<ReshapeToFlexibleOperation>;
+template class KernelOf<UnblockToCOperation>;
+template class KernelOf<UnblockToCLOperation>;
+template class KernelOf<ReshapeCLToCHWOperation>;
 
 namespace functional {
 
 TensorPtr Transform_MainMemory_Reshape_Fallback(TensorPtr const& input, std::vector<int> const& new_shape,
                                                 std::shared_ptr<runtime::DeviceCPU> const& device) {
-  Assert(input != nullptr && device != nullptr, "%s: the input or the device is null", __func__);
+  if (input == nullptr || device == nullptr) Refuse("%s: the input or the device is null", __func__);
   return runtime::ReshapeTensor(*input, new_shape, TensorShape::FLEXIABLE, *device);
 }
 

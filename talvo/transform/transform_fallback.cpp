@@ -13,7 +13,7 @@
 #include "talvo/kernel/native/permute.h"
 #include "talvo/kernel/rows/saturate.h"
 #include "talvo/utility/invariant.h"
-#include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::kernel {
 namespace {
@@ -21,7 +21,7 @@ namespace {
 using runtime::DimsText;
 using runtime::ElementSize;
 using runtime::TensorShape;
-using utility::Assert;
+using utility::Refuse;
 using DevicePtr = std::shared_ptr<runtime::DeviceCPU>;
 using Dims = std::vector<unsigned int>;
 using TensorPtr = std::shared_ptr<runtime::TensorCPU>;
@@ -78,8 +78,8 @@ SplitAxes Split(Arrangement const& arrangement, Dims const& dims) {
     char const name = arrangement.plain_axes[axis];
     unsigned int const block = BlockOf(arrangement, name);
     if (dims[axis] % block != 0) {
-      Assert(false, "layout %s to %s: dims %s, axis %c needs a multiple of %u", arrangement.plain_axes,
-             arrangement.axes, DimsText(dims).c_str(), name, block);
+      Refuse("layout %s to %s: dims %s, axis %c needs a multiple of %u", arrangement.plain_axes, arrangement.axes,
+             DimsText(dims).c_str(), name, block);
     }
     split.extents.push_back(dims[axis] / block);
     names += name;
@@ -107,7 +107,7 @@ Dims Inverse(Dims const& order) {
 
 unsigned int CheckedExtent(std::uint64_t extent, Dims const& dims) {
   if (extent > std::numeric_limits<unsigned int>::max()) {
-    Assert(false, "layout conversion of dims %s: an extent does not fit 32 bits", DimsText(dims).c_str());
+    Refuse("layout conversion of dims %s: an extent does not fit 32 bits", DimsText(dims).c_str());
   }
   return static_cast<unsigned int>(extent);
 }
@@ -118,15 +118,15 @@ unsigned int RoundUp(unsigned int extent, unsigned int block, Dims const& dims) 
 
 // Whether a conversion answers at all. Assert: what it would answer cannot be made.
 bool Accepts(char const* axes, unsigned int layout, TensorPtr const& input, DevicePtr const& device) {
-  Assert(input != nullptr, "layout conversion from %s: the input is null", axes);
+  if (input == nullptr) Refuse("layout conversion from %s: the input is null", axes);
   TensorShape const& shape = input->shape;
   if (shape.location != TensorShape::MainMemory || (layout != kAnyLayout && shape.layout != layout)) return false;
   auto const rank = static_cast<std::size_t>(std::count_if(axes, axes + std::strlen(axes), ::isalpha));
   if (shape.dims.size() != rank || device == nullptr ||
       (input->data == nullptr && runtime::ElementCount(shape.dims) != 0)) {
-    Assert(false, "layout conversion from %s: dims %s of rank %zu%s%s, needs rank %zu", axes,
-           DimsText(shape.dims).c_str(), shape.dims.size(), device == nullptr ? ", no device" : "",
-           input->data == nullptr ? ", no memory" : "", rank);
+    Refuse("layout conversion from %s: dims %s of rank %zu%s%s, needs rank %zu", axes, DimsText(shape.dims).c_str(),
+           shape.dims.size(), device == nullptr ? ", no device" : "", input->data == nullptr ? ", no memory" : "",
+           rank);
   }
   return true;
 }
@@ -135,6 +135,13 @@ TensorPtr NewLike(TensorPtr const& input, Dims dims, unsigned int layout, Device
                   TensorShape::Extra extra = TensorShape::Extra()) {
   return device->CreateTensor(
       TensorShape(std::move(dims), input->shape.data_type, layout, input->shape.location, extra), nullptr);
+}
+
+// For the two functions that look at N and C before anything else.
+void NeedNAndC(Arrangement const& arrangement, TensorPtr const& input) {
+  if (input == nullptr || input->shape.dims.size() <= 2) {
+    Refuse("layout %s to %s: the input has no axes N and C", arrangement.plain_axes, arrangement.axes);
+  }
 }
 
 TensorPtr ToBlocked(Arrangement const& arrangement, TensorPtr const& input, DevicePtr const& device) {
@@ -183,7 +190,7 @@ TensorPtr ToChannelBlocks(Arrangement const& arrangement, TensorPtr const& input
 
 void CheckLanes(Arrangement const& arrangement, Dims const& dims) {
   if (dims.back() == BlockOf(arrangement, 'C')) return;
-  Assert(false, "layout %s to %s: dims %s, the last one needs to be %u", arrangement.axes, arrangement.plain_axes,
+  Refuse("layout %s to %s: dims %s, the last one needs to be %u", arrangement.axes, arrangement.plain_axes,
          DimsText(dims).c_str(), BlockOf(arrangement, 'C'));
 }
 
@@ -224,7 +231,7 @@ std::vector<Element> PackArray(std::vector<Element> const& values, Dims dims, bo
   constexpr unsigned int kDataType = sizeof(Element) == sizeof(float) ? TensorShape::FLOAT32 : TensorShape::FLOAT16;
   unsigned int const count = runtime::ElementCount(dims);
   if (values.size() < count || device == nullptr) {
-    Assert(false, "weight array of dims %s: %zu values%s, needs %u", DimsText(dims).c_str(), values.size(),
+    Refuse("weight array of dims %s: %zu values%s, needs %u", DimsText(dims).c_str(), values.size(),
            device == nullptr ? " and no device" : "", count);
   }
   bool const ragged = dims[1] % 4 != 0 || dims[2] % 4 != 0;
@@ -268,7 +275,7 @@ TensorPtr Function_Tensor_C4HW4_Image2D_To_CHW_Fallback(TensorPtr input, int wid
   auto const rows = static_cast<unsigned int>(height), columns = static_cast<unsigned int>(width);
   bool const told = height >= 1 && width >= 0, reads = told && rows <= dims[1];
   if (!told || (reads && (dims[0] == 0 || columns > dims[2]))) {
-    Assert(false, "C4HW4 image of dims %s: blocks of %d rows and %d columns do not fit", DimsText(dims).c_str(), height,
+    Refuse("C4HW4 image of dims %s: blocks of %d rows and %d columns do not fit", DimsText(dims).c_str(), height,
            width);
   }
   Dims const plain = {CheckedExtent(std::uint64_t{dims[1] / rows} * 4, dims), rows, columns};
@@ -347,14 +354,14 @@ TensorPtr Function_Tensor_GNCHW_To_GC4N4HW4c4n_Fallback(TensorPtr input, DeviceP
 }
 
 TensorPtr Function_Tensor_GNCHW_To_G4NCHW4_Fallback(TensorPtr input, DevicePtr device) {
-  Assert(input != nullptr && input->shape.dims.size() > 2, "layout GNCHW to G4NCHW4: the input has no axes N and C");
+  NeedNAndC(kG4NCHW4, input);
   TALVO_INVARIANT(input->shape.dims[1] == 1);
   TALVO_INVARIANT(input->shape.dims[2] == 1);
   return ToBlocked(kG4NCHW4, input, device);
 }
 
 TensorPtr Function_Tensor_GNCHW_To_G8NCHW8_Fallback(TensorPtr input, DevicePtr device) {
-  Assert(input != nullptr && input->shape.dims.size() > 2, "layout GNCHW to G8NCHW8: the input has no axes N and C");
+  NeedNAndC(kG8NCHW8, input);
   TALVO_INVARIANT(input->shape.dims[1] == 1);
   TALVO_INVARIANT(input->shape.dims[2] == 1);
   return ToBlocked(kG8NCHW8, input, device);

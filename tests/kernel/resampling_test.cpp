@@ -75,9 +75,13 @@ class Resampling : public testing::Test {
     return std::static_pointer_cast<runtime::TensorCPU>(outputs[0]);
   }
 
-  std::string RefusalOf(runtime::IKernel& kernel, std::shared_ptr<runtime::LayerInfo> const& layer,
-                        Tensors const& inputs) const {
-    return test::RefusalOf([&] { Run(kernel, layer, inputs); });
+  // The refusal holds `text`; one that begins with a blank stands behind the names of kernel and layer.
+  void ExpectRefusal(runtime::IKernel&& kernel, std::shared_ptr<runtime::LayerInfo> const& layer, Tensors const& inputs,
+                     std::string const& text) const {
+    layer->id = "r";
+    auto const refusal = test::RefusalOf([&] { Run(kernel, layer, inputs); });
+    EXPECT_NE(std::string::npos, refusal.find(text)) << refusal;
+    EXPECT_EQ(text[0] != ' ', refusal.find(kernel.GetName() + " of layer r:") == std::string::npos) << refusal;
   }
 
   std::shared_ptr<runtime::Context> const context_ = test::GuardedContext();
@@ -183,32 +187,64 @@ TEST_F(Resampling, UpsamplingKeepsAwayFromInfinitiesThatTakeNoPart) {
   }
 }
 
-TEST_F(Resampling, NearestUpsamplingMovesElementsOfAnyType) {
-  std::vector<unsigned char> const bytes = {1, 2, 3, 4};
-  auto const image = context_->device_cpu->CreateTensor(
-      TensorShape({1, 2, 2}, TensorShape::UINT8, TensorShape::CHW, TensorShape::MainMemory, {}), bytes.data());
-  Upsampling2D_Fallback_CHW_Float_M1 kernel;
-  auto const y = Run(kernel, UpsampleLayer(1, 3, 0), {image});
-  EXPECT_EQ((std::vector<unsigned char>{1, 1, 1, 2, 2, 2, 3, 3, 3, 4, 4, 4}), ValuesOf<unsigned char>(*y));
-  EXPECT_NE("", RefusalOf(kernel, UpsampleLayer(1, 3, 1), {image})) << "but cannot interpolate bytes";
+// Positions are found for 4096 rows and columns at a time.
+TEST_F(Resampling, UpsamplesLargePlanesByBlocks) {
+  for (Dims const& dims : {Dims{5, 2, 2100}, {1, 2100, 2}}) {
+    auto const layer = UpsampleLayer(dims[1] > 2 ? 2 : 1, dims[2] > 2 ? 2 : 1, 1);
+    Dims const out = {dims[0], dims[1] > 2 ? 4200u : 2u, dims[2] > 2 ? 4200u : 2u};
+    auto const x = test::Floats(5, runtime::ElementCount(dims));
+    Upsampling2D_Fallback_CHW_Float_M1 kernel;
+    test::ExpectSameBits(Upsampled(x, dims, *layer, out), test::Values(*Run(kernel, layer, {Image(dims, x)})));
+  }
 }
 
-TEST_F(Resampling, RefusesScalesAndSizesThatDoNotFit) {
-  auto const image = Image({1, 2, 3}, test::Floats(1, 6));
-  Upsampling2D_Fallback_CHW_Float_M1 kernel;
-  for (float scale : {-1.0f, kNan, kInfinity, 3e9f}) {
-    SCOPED_TRACE(scale);
-    EXPECT_NE("", RefusalOf(kernel, UpsampleLayer(scale, 1, 0), {image}));
-    EXPECT_NE("", RefusalOf(kernel, UpsampleLayer(1, scale, 1), {image}));
+TEST_F(Resampling, RefusesWhatDoesNotFit) {
+  auto const image = Image({1, 2, 3}, test::Floats(1, 6)), deep = Image({6, 2, 2}, test::Floats(1, 24));
+  auto const empty = Image<float>({1, 0, 3}, {});
+  std::vector<unsigned char> const bytes = {1, 2, 3, 4};
+  auto const byte_image = context_->device_cpu->CreateTensor(
+      TensorShape({1, 2, 2}, TensorShape::UINT8, TensorShape::CHW, TensorShape::MainMemory, {}), bytes.data());
+  auto const grid = [&](Dims const& dims) {
+    return test::FloatTensor(*context_, dims, TensorShape::FLEXIABLE, test::Floats(2, runtime::ElementCount(dims)));
+  };
+  using Upsampling = Upsampling2D_Fallback_CHW_Float_M1;
+  using Pixelshuffle = Pixelshuffle_Fallback_CHW_Float_M1;
+  using GridSample = GridSample_Fallback_CHW_Float_M1;
+  for (float scale : {-1.0f, kNan}) {
+    ExpectRefusal(Upsampling(), UpsampleLayer(scale, 1, 0), {image}, " scale factors");
+    ExpectRefusal(Upsampling(), UpsampleLayer(1, scale, 1), {image}, " scale factors");
+  }
+  for (float scale : {kInfinity, 3e9f}) {
+    ExpectRefusal(Upsampling(), UpsampleLayer(scale, 1, 0), {image}, "an extent of 2 does not become one of 32 bits");
+    ExpectRefusal(Upsampling(), UpsampleLayer(1, scale, 1), {image}, "an extent of 3 does not become one of 32 bits");
   }
   // 1.8e7 output columns: float32 carries the last ones beyond the plane.
-  EXPECT_NE(std::string::npos, RefusalOf(kernel, UpsampleLayer(1, 6e6f, 0), {image}).find("beyond the extent 3"));
-  EXPECT_NE("", RefusalOf(kernel, UpsampleLayer(1, 1, 0), {Image({2, 3}, test::Floats(1, 6))}));
-  EXPECT_NE("", RefusalOf(kernel, UpsampleLayer(1, 1, 0), {nullptr}));
+  ExpectRefusal(Upsampling(), UpsampleLayer(1, 6e6f, 0), {image}, "beyond the extent 3");
+  ExpectRefusal(Upsampling(), UpsampleLayer(1, 1, 0), {Image({2, 3}, test::Floats(1, 6))}, " input 0 has dims [2, 3]");
+  ExpectRefusal(Upsampling(), UpsampleLayer(1, 3, 1), {byte_image}, " input 0 has dims [1, 2, 2], data type 7");
+  Upsampling nearest;
+  EXPECT_EQ((std::vector<unsigned char>{1, 1, 1, 2, 2, 2, 3, 3, 3, 4, 4, 4}),
+            ValuesOf<unsigned char>(*Run(nearest, UpsampleLayer(1, 3, 0), {byte_image})));
+  for (float factor : {0.0f, kNan})
+    ExpectRefusal(Pixelshuffle(), ShuffleLayer(factor), {deep}, " an upscale factor of");
+  for (float factor : {2.0f, kInfinity}) ExpectRefusal(Pixelshuffle(), ShuffleLayer(factor), {deep}, " 6 channels");
+  ExpectRefusal(Pixelshuffle(), ShuffleLayer(1e-3f * 1e-3f), {deep}, " an extent of 6 times");
+  auto const zeros = GridLayer(1, 0, false);
+  ExpectRefusal(GridSample(), zeros, {image, grid({8})}, " a grid of dims [8]");
+  for (Dims const& dims : {Dims{3, 4}, {3, 4, 1}}) {
+    ExpectRefusal(GridSample(), zeros, {image, grid(dims)}, " the grid has dims [3, 4");
+  }
+  ExpectRefusal(GridSample(), zeros, {image}, " input 1 is no CPU tensor");
+  ExpectRefusal(GridSample(), GridLayer(1, 1, false), {empty, grid({3, 4, 2})}, "planes of 0 x 3 pixels");
+  GridSample sampler;
+  EXPECT_EQ(std::vector<float>(12), test::Values(*Run(sampler, zeros, {empty, grid({3, 4, 2})})));
+  EXPECT_EQ((Dims{1, 3, 4}), Run(sampler, zeros, {image, grid({3, 4, 3, 1})})->shape.dims) << "longer is served";
+  for (auto const& [dims, judged] :
+       {std::pair<Dims, int>{{3, 4, 5}, 0}, {{3, 4, 2, 1}, 0}, {{3, 4}, -2}, {{3, 4, 1, 2}, -2}}) {
+    EXPECT_EQ(judged, sampler.IsValidInput({image, grid(dims)})) << testing::PrintToString(dims);
+  }
   Tensors outputs;
-  EXPECT_EQ("[TLN]: ",
-            test::RefusalOf([&] { Upsampling2D_Fallback_CHW_Float_M1().Forward({image}, outputs, context_); }))
-      << "not configured: no name";
+  EXPECT_EQ("[TLN]: ", test::RefusalOf([&] { Upsampling().Forward({image}, outputs, context_); })) << "no name yet";
 }
 
 TEST_F(Resampling, ShufflesPixelsBothWays) {
@@ -249,20 +285,6 @@ TEST_F(Resampling, ShufflesPixelsBothWays) {
   EXPECT_EQ((Dims{4, 1, 2}), cut->shape.dims) << "the last row and column are left out";
   auto const x = test::Values(*image);
   EXPECT_EQ((std::vector<float>{x[0], x[2], x[1], x[3], x[5], x[7], x[6], x[8]}), test::Values(*cut));
-}
-
-TEST_F(Resampling, RefusesFactorsThatDoNotFit) {
-  auto const image = Image({6, 2, 2}, test::Floats(1, 24));
-  Pixelshuffle_Fallback_CHW_Float_M1 kernel;
-  for (float factor : {0.0f, kNan, 2.0f, kInfinity, 1e-3f * 1e-3f}) {
-    SCOPED_TRACE(factor);
-    EXPECT_EQ(0, kernel.IsValidParam(ShuffleLayer(factor), nullptr));
-    EXPECT_NE("", RefusalOf(kernel, ShuffleLayer(factor), {image}));
-  }
-  EXPECT_FALSE(kernel.Config(ShuffleLayer(-2), nullptr, context_));
-  EXPECT_FALSE(kernel.Config(ShuffleLayer(2), Quant(8), context_));
-  EXPECT_FALSE(kernel.Config(UpsampleLayer(1, 1, 0), nullptr, context_));
-  EXPECT_FALSE(kernel.Config(nullptr, nullptr, context_));
 }
 
 // One value of grid sampling, as the definition tells it case by case.
@@ -324,69 +346,25 @@ TEST_F(Resampling, SamplesAtPositionsInsideAtAndBeyondTheBorder) {
   }
 }
 
-TEST_F(Resampling, RefusesGridsThatDoNotFit) {
-  auto const image = Image({1, 2, 3}, test::Floats(1, 6)), empty = Image<float>({1, 0, 3}, {});
-  auto const grid = [&](Dims const& dims) {
-    return test::FloatTensor(*context_, dims, TensorShape::FLEXIABLE, test::Floats(2, runtime::ElementCount(dims)));
-  };
-  GridSample_Fallback_CHW_Float_M1 kernel;
-  auto const zeros = GridLayer(1, 0, false), border = GridLayer(1, 1, false);
-  EXPECT_NE("", RefusalOf(kernel, zeros, {image, grid({8})}));
-  EXPECT_NE("", RefusalOf(kernel, zeros, {image, grid({3, 4})}));
-  EXPECT_NE("", RefusalOf(kernel, zeros, {image, grid({3, 4, 1})}));
-  EXPECT_NE("", RefusalOf(kernel, zeros, {image, nullptr}));
-  EXPECT_NE("", RefusalOf(kernel, zeros, {image}));
-  EXPECT_NE("", RefusalOf(kernel, border, {empty, grid({3, 4, 2})}));
-  EXPECT_EQ(std::vector<float>(12), test::Values(*Run(kernel, zeros, {empty, grid({3, 4, 2})})));
-  EXPECT_EQ((Dims{1, 3, 4}), Run(kernel, zeros, {image, grid({3, 4, 3, 1})})->shape.dims) << "longer is served";
-  for (auto const& [dims, judged] :
-       {std::pair<Dims, int>{{3, 4, 5}, 0}, {{3, 4, 2, 1}, 0}, {{3, 4}, -2}, {{3, 4, 1, 2}, -2}}) {
-    EXPECT_EQ(judged, kernel.IsValidInput({image, grid(dims)})) << testing::PrintToString(dims);
-  }
-  EXPECT_EQ(-2, kernel.IsValidInput({image}));
-  EXPECT_EQ(-2, kernel.IsValidInput({grid({3, 4, 2}), grid({3, 4, 2})}));
-}
-
 TEST_F(Resampling, JudgesParameters) {
   Upsampling2D_Fallback_CHW_Float_M1 on_floats;
   Upsampling2D_Fallback_CHW_Int16_M1 on_shorts;
   GridSample_Fallback_CHW_Float_M1 sampler;
+  Pixelshuffle_Fallback_CHW_Float_M1 shuffle;
   EXPECT_FALSE(on_floats.Config(UpsampleLayer(1, 1, 2), nullptr, context_)) << "bicubic";
-  EXPECT_FALSE(on_floats.Config(UpsampleLayer(1, 1, 1), Quant(8), context_));
-  EXPECT_FALSE(on_floats.Config(nullptr, nullptr, context_));
-  EXPECT_FALSE(on_shorts.Config(UpsampleLayer(1, 1, 1), nullptr, context_));
   EXPECT_FALSE(on_shorts.Config(UpsampleLayer(1, 1, 1), std::make_shared<runtime::InferenceParamActQuant>(), context_));
   for (auto const& [step, accepted] : {std::pair<short, bool>{7, false}, {8, true}, {12, true}, {13, false}})
     EXPECT_EQ(accepted, on_shorts.Config(UpsampleLayer(1, 1, 1), Quant(step), context_)) << step;
-  EXPECT_EQ("[TLN]: Invalid upsample2d type\n",
-            test::RefusalOf([&] { on_floats.Config(UpsampleLayer(1, 1, 3), nullptr, context_); }));
   EXPECT_FALSE(sampler.Config(GridLayer(2, 0, false), nullptr, context_));
   EXPECT_FALSE(sampler.Config(GridLayer(1, 2, false), nullptr, context_));
-  EXPECT_FALSE(sampler.Config(GridLayer(1, 1, false), Quant(8), context_));
-  EXPECT_FALSE(sampler.Config(UpsampleLayer(1, 1, 1), nullptr, context_));
+  EXPECT_FALSE(shuffle.Config(ShuffleLayer(-2), nullptr, context_));
+  EXPECT_TRUE(shuffle.Config(ShuffleLayer(0), nullptr, context_));
+  EXPECT_EQ("[TLN]: Invalid upsample2d type\n",
+            test::RefusalOf([&] { on_floats.Config(UpsampleLayer(1, 1, 3), nullptr, context_); }));
   EXPECT_EQ("[TLN]: Invalid gridsample mode\n",
             test::RefusalOf([&] { sampler.Config(GridLayer(3, 0, false), nullptr, context_); }));
   EXPECT_EQ("[TLN]: Invalid gridsample padding_mode\n",
             test::RefusalOf([&] { sampler.Config(GridLayer(0, 9, false), nullptr, context_); }));
-  EXPECT_FALSE(sampler.IsConfigured());
-}
-
-TEST_F(Resampling, JudgesImages) {
-  auto const floats = Image({1, 1, 1}, test::Floats(1, 1)), flat = test::FloatTensor(*context_, {1}, 24, {1.0f});
-  auto const shorts = Image({1, 1, 1}, Shorts(1, 1));
-  Upsampling2D_Fallback_CHW_Float_M1 upsample_floats;
-  Upsampling2D_Fallback_CHW_Int16_M1 upsample_shorts;
-  Pixelshuffle_Fallback_CHW_Float_M1 shuffle_floats;
-  Pixelshuffle_Fallback_CHW_Int16_M1 shuffle_shorts;
-  for (runtime::IKernel const* kernel : std::initializer_list<runtime::IKernel const*>{
-           &upsample_floats, &upsample_shorts, &shuffle_floats, &shuffle_shorts}) {
-    bool const takes_floats = kernel == &upsample_floats || kernel == &shuffle_floats;
-    SCOPED_TRACE(kernel->GetName());
-    EXPECT_EQ(takes_floats ? 0 : -2, kernel->IsValidInput({floats}));
-    EXPECT_EQ(takes_floats ? -2 : 0, kernel->IsValidOutput({shorts}));
-    EXPECT_EQ(-2, kernel->IsValidInput({flat}));
-    EXPECT_EQ(-2, kernel->IsValidInput({floats, shorts}));
-  }
 }
 
 // Values of the golden tables are computed in double and have magnitudes up to 2.

@@ -139,7 +139,10 @@ TEST_F(TransformFallback, StacksChannelBlocksAsOneImage) {
     EXPECT_EQ(2u, image->shape.layout);
     image->shape.extra.step_size = 2;
     unsigned int const bytes = runtime::ElementSize(type);
-    for (Case const& c : {Case{"the image that it was", 5, 3}, {"columns left over", 2, 3}, {"rows left over", 5, 4}}) {
+    for (Case const& c : {Case{"the image that it was", 5, 3},
+                          {"columns left over", 2, 3},
+                          {"rows left over", 5, 4},
+                          {"no block", 9, 7}}) {
       SCOPED_TRACE(testing::Message() << c.why << ", type " << type);
       auto const again = Function_Tensor_C4HW4_Image2D_To_CHW_Fallback(image, c.width, c.height, device_);
       auto const w = static_cast<unsigned int>(c.width), h = static_cast<unsigned int>(c.height);
@@ -199,7 +202,7 @@ TEST_F(TransformFallback, RefusesWhatWouldLeaveItsMemory) {
   }
   EXPECT_NE("", Refusal(Function_Tensor_CHW_To_C4HW4_Fallback, Random({4, 1, 1}), nullptr));
   auto const image = Random({1, 6, 5, 4}, TensorShape::C4HW4);
-  for (auto const& [width, height] : {std::pair<int, int>{5, 0}, {5, -3}, {5, 7}, {6, 3}, {-1, 3}}) {
+  for (auto const& [width, height] : {std::pair<int, int>{5, 0}, {5, -3}, {6, 3}, {-1, 3}, {-1, 7}}) {
     SCOPED_TRACE(testing::Message() << width << " x " << height);
     EXPECT_NE("", Refusal(Function_Tensor_C4HW4_Image2D_To_CHW_Fallback, image, width, height, device_));
   }

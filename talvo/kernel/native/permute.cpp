@@ -8,6 +8,7 @@
 
 #include "talvo/kernel/rows/transpose.h"
 #include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::kernel::native {
 namespace {
@@ -23,15 +24,16 @@ using Axes = std::vector<Axis>;
 
 void Check(std::vector<unsigned int> const& dims, std::vector<unsigned int> const& axes) {
   std::vector<bool> seen(axes.size());
-  for (unsigned int axis : axes) {
-    Assert(axis < axes.size() && !seen[axis], "permute: axis %u is out of range or repeated among %zu axes", axis,
-           axes.size());
+  for (unsigned int const axis : axes) {
+    if (axis >= axes.size() || seen[axis]) {
+      utility::Refuse("permute: axis %u is out of range or repeated among %zu axes", axis, axes.size());
+    }
     seen[axis] = true;
   }
   std::uint64_t count = std::count(dims.begin(), dims.end(), 0u) == 0;
-  for (unsigned int extent : dims) {
+  for (unsigned int const extent : dims) {
     count *= extent;
-    Assert(count <= 0xFFFFFFFFu, "permute: dims of more than 4294967295 elements");
+    if (count > 0xFFFFFFFFu) utility::Refuse("permute: dims of more than 4294967295 elements");
   }
 }
 
