@@ -175,9 +175,13 @@ Entry const& EntryFor(std::string const& name) {
 
 // Texts of the interface that name no kernel; a net adds the layer.
 bool IsFixedText(std::string const& text) {
-  static std::set<std::string> const fixed = {
-      "[TLN]: ", "[TLN]: Invalid forward input param\n", "[TLN]: input tensor shapes error.\n",
-      "[TLN]: dimensions of shape must be equal to tranpose axes's.\n", "[TLN]: Invalid input data type\n"};
+  static std::set<std::string> const fixed = {"[TLN]: ",
+                                              "[TLN]: Invalid forward input param\n",
+                                              "[TLN]: input tensor shapes error.\n",
+                                              "[TLN]: dimensions of shape must be equal to tranpose axes's.\n",
+                                              "[TLN]: Invalid input data type\n",
+                                              "[TLN]: Invalid input tensor layout\n",
+                                              "[TLN]: Input shared pointer is null.\n"};
   return fixed.count(text) == 1;
 }
 
