@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "talvo/utility/invariant.h"
-#include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::kernel {
 namespace {
@@ -16,7 +16,7 @@ using runtime::DeviceCPU;
 using runtime::DimsText;
 using runtime::TensorCPU;
 using runtime::TensorShape;
-using utility::Assert;
+using utility::Refuse;
 using Pointer = std::shared_ptr<TensorCPU>;
 using DevicePointer = std::shared_ptr<DeviceCPU>;
 
@@ -25,7 +25,7 @@ struct Borders {
 };
 
 void RequireTensor(char const* function, char const* what, Pointer const& tensor) {
-  Assert(tensor != nullptr, "%s: the %s is null", function, what);
+  if (tensor == nullptr) Refuse("%s: the %s is null", function, what);
 }
 
 // The rank, and memory behind the elements.
@@ -33,7 +33,7 @@ void RequireRank(char const* function, TensorCPU const& tensor, std::size_t rank
   bool const filled = tensor.data != nullptr || runtime::ElementCount(tensor.shape.dims) == 0;
   bool const ranked = tensor.shape.dims.size() == rank && tensor.strides.size() == rank;
   if (!filled || !ranked) {
-    Assert(false, "%s: a tensor has dims %s%s; needs rank %zu", function, DimsText(tensor.shape.dims).c_str(),
+    Refuse("%s: a tensor has dims %s%s; needs rank %zu", function, DimsText(tensor.shape.dims).c_str(),
            filled ? "" : " and no memory", rank);
   }
 }
@@ -47,22 +47,24 @@ bool IsFloat(TensorShape const& shape, unsigned int layout) { return IsFloat(sha
 // extent + before + after. Assert: over 32 bits.
 unsigned int Widened(char const* function, unsigned int extent, unsigned int before, unsigned int after) {
   std::uint64_t const sum = std::uint64_t{extent} + before + after;
-  Assert(sum <= std::numeric_limits<unsigned int>::max(), "%s: an extent of %u and borders of %u and %u exceed 32 bits",
-         function, extent, before, after);
+  if (sum > std::numeric_limits<unsigned int>::max()) {
+    Refuse("%s: an extent of %u and borders of %u and %u exceed 32 bits", function, extent, before, after);
+  }
   return static_cast<unsigned int>(sum);
 }
 
 // extent - before - after. Assert: below 0.
 unsigned int Narrowed(char const* function, unsigned int extent, unsigned int before, unsigned int after) {
-  Assert(std::uint64_t{before} + after <= extent, "%s: borders of %u and %u are cut from an extent of %u", function,
-         before, after, extent);
+  if (std::uint64_t{before} + after > extent) {
+    Refuse("%s: borders of %u and %u are cut from an extent of %u", function, before, after, extent);
+  }
   return extent - before - after;
 }
 
 // A tensor of the input's data type, layout and location.
 Pointer NewLike(char const* function, TensorCPU const& input, std::vector<unsigned int> dims,
                 DevicePointer const& device, TensorShape::Extra extra = TensorShape::Extra()) {
-  Assert(device != nullptr, "%s: the device is null", function);
+  if (device == nullptr) Refuse("%s: the device is null", function);
   TensorShape const& shape = input.shape;
   return device->CreateTensor(
       TensorShape(std::move(dims), shape.data_type, shape.layout, shape.location, std::move(extra)), nullptr);
@@ -75,15 +77,17 @@ float* PadRow(float const* from, std::size_t count, std::size_t before, std::siz
   return std::fill_n(to, after, value);
 }
 
-Pointer PadFloats(char const* function, Pointer const& input, Borders borders, float value,
+// Of rank 3, or of rank 2: a row of each channel.
+Pointer PadFloats(char const* function, Pointer const& input, std::size_t rank, Borders borders, float value,
                   DevicePointer const& device) {
   RequireTensor(function, "input", input);
-  if (!IsFloat(input->shape, TensorShape::CHW)) return nullptr;
-  RequireRank(function, *input, 3);
-  unsigned int const channels = input->shape.dims[0], height = input->shape.dims[1], width = input->shape.dims[2];
-  unsigned int const padded_height = Widened(function, height, borders.t, borders.b);
-  unsigned int const padded_width = Widened(function, width, borders.l, borders.r);
-  auto result = NewLike(function, *input, {channels, padded_height, padded_width}, device);
+  if (!IsFloat(input->shape, rank == 3 ? TensorShape::CHW : TensorShape::CL)) return nullptr;
+  RequireRank(function, *input, rank);
+  std::vector<unsigned int> dims = input->shape.dims;
+  unsigned int const channels = dims[0], height = rank == 3 ? dims[1] : 1, width = dims.back();
+  if (rank == 3) dims[1] = Widened(function, height, borders.t, borders.b);
+  unsigned int const padded_width = dims.back() = Widened(function, width, borders.l, borders.r);
+  auto result = NewLike(function, *input, std::move(dims), device);
   float* to = result->Data<float>();
   for (unsigned int c = 0; c < channels; ++c) {
     to = std::fill_n(to, std::size_t{borders.t} * padded_width, value);
@@ -100,9 +104,8 @@ Pointer PadFloats(char const* function, Pointer const& input, Borders borders, f
 // last axis shorter than the group.
 std::size_t GroupBytes(char const* function, TensorCPU const& tensor, unsigned int block) {
   RequireRank(function, tensor, block == 1 ? 3 : 4);
-  if (block > 1) {
-    Assert(tensor.shape.dims[3] >= block, "%s: dims %s need a last axis of %u", function,
-           DimsText(tensor.shape.dims).c_str(), block);
+  if (block > 1 && tensor.shape.dims[3] < block) {
+    Refuse("%s: dims %s need a last axis of %u", function, DimsText(tensor.shape.dims).c_str(), block);
   }
   return std::size_t{block} * runtime::ElementSize(tensor.shape.data_type);
 }
@@ -195,26 +198,17 @@ int FillZero(char const* function, Pointer const& inout, unsigned int data_type)
 
 Pointer Padding_HW_MainMemory_CHW_Float_Fallback_M1(Pointer input, unsigned int l, unsigned int r, unsigned int t,
                                                     unsigned int b, float value, DevicePointer device) {
-  return PadFloats(__func__, input, {l, r, t, b}, value, device);
+  return PadFloats(__func__, input, 3, {l, r, t, b}, value, device);
 }
 
 Pointer Padding_HW_MainMemory_CHW_Zero_Fallback_M1(Pointer input, unsigned int l, unsigned int r, unsigned int t,
                                                    unsigned int b, DevicePointer device) {
-  return PadFloats(__func__, input, {l, r, t, b}, 0.0f, device);
+  return PadFloats(__func__, input, 3, {l, r, t, b}, 0.0f, device);
 }
 
 Pointer Padding_L_MainMemory_CL_Float_Fallback_M1(Pointer input, unsigned int left, unsigned int right, float value,
                                                   DevicePointer device) {
-  RequireTensor(__func__, "input", input);
-  if (!IsFloat(input->shape, TensorShape::CL)) return nullptr;
-  RequireRank(__func__, *input, 2);
-  unsigned int const channels = input->shape.dims[0], length = input->shape.dims[1];
-  auto result = NewLike(__func__, *input, {channels, Widened(__func__, length, left, right)}, device);
-  float* to = result->Data<float>();
-  for (unsigned int c = 0; c < channels; ++c) {
-    to = PadRow(input->Data<float>() + std::size_t{c} * input->strides[0], length, left, right, value, to);
-  }
-  return result;
+  return PadFloats(__func__, input, 2, {left, right, 0, 0}, value, device);
 }
 
 Pointer ZeroPadding_HW_MainMemory_CHW_Int16_Fallback_M1(Pointer input, unsigned int l, unsigned int r, unsigned int t,
@@ -286,7 +280,7 @@ int FillBias_MainMemory_Float_Fallback_M1(Pointer inout, Pointer bias) {
   RequireRank(__func__, *inout, inout->shape.dims.size());
   unsigned int const needed = runtime::ByteCount(inout->shape);
   unsigned int const held = bias->data == nullptr ? 0 : runtime::ByteCount(bias->shape);
-  Assert(held >= needed, "%s: the bias holds %u bytes, the tensor needs %u", __func__, held, needed);
+  if (held < needed) Refuse("%s: the bias holds %u bytes, the tensor needs %u", __func__, held, needed);
   if (needed > 0) std::memmove(inout->data, bias->data, needed);
   return 0;
 }

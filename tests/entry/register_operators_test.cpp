@@ -96,16 +96,19 @@ std::function<Record()> Reshape(std::vector<short> const& shape) { return With(&
 
 // What a kernel is given: a record that it takes, four channels in, four out; inputs that pass; and the codes, as
 // digits of their negatives, of its three judgements.
-struct Entry {
-  char const* start;  // of the names of the kernels
-  std::function<Record()> make;
+struct Given {
   std::size_t inputs;
   std::vector<unsigned int> dims;
   unsigned int layout;
+};
+struct Entry {
+  char const* start;  // of the names of the kernels
+  std::function<Record()> make;
+  Given given;
   // IsValidParam of: the record; nothing; another record; the record and an inference parameter.
   // IsValidInput and IsValidOutput of lists in which all is well; the last is missing; one is too many; the first is
   // null, UINT8, INT16, FLOAT16, outside main memory, of layout HWC, has one more in its first and its last extent.
-  char const *param, *input, *output;
+  char const *param, *input, *output = input;
 };
 
 constexpr char const *kStrict = "0111", *kInverted = "1011", *kRecurrent = "0221";
@@ -113,59 +116,52 @@ constexpr char const *kFloat = "02222222000", *kFloatPlane = "02222222200", *kCh
                      *kVector = "02222222222", *kOne = "02220002000", *kPositive = "02220002022";
 
 std::vector<Entry> Entries() {
-  using Dims = std::vector<unsigned int>;
-  constexpr unsigned int C = TensorShape::C, SC = TensorShape::SC, CL = TensorShape::CL, CHW = TensorShape::CHW;
-  Dims const plane = {4, 4, 4}, row = {4, 4}, row16 = {4, 16}, vector = {4};
+  Given const plane = {1, {4, 4, 4}, TensorShape::CHW}, planes = {2, {4, 4, 4}, TensorShape::CHW},
+              row = {1, {4, 4}, TensorShape::CL}, long_row = {1, {4, 16}, TensorShape::CL},
+              steps = {1, {4, 4}, TensorShape::SC}, vector = {1, {4}, TensorShape::C};
   auto const activation = With(&ActivationInfo::weight, Weights(1));
-  return {{"Input_", Make<InputInfo>, 1, plane, CHW, kInverted, "02220000000", "02220000000"},
-          {"Straight_Through_", Make<InputInfo>, 1, plane, CHW, kInverted, kOne, kOne},
-          {"LayerPlaceholder_", With(&LayerPlaceholderInfo::output_shape, {4, 4, 4}), 1, plane, CHW, kStrict,
-           "02020002000", "02020002000"},
-          {"ConvTranspose2D_", Make<ConvTranspose2dInfo>, 1, plane, CHW, kStrict, kChannels, kChannels},
-          {"Conv2D_", Make<Conv2dInfo>, 1, plane, CHW, kStrict, kChannels, kChannels},
-          {"Conv2d_", Make<Conv2dInfo>, 1, plane, CHW, kStrict, "02222202200", kFloatPlane},
-          {"Conv1D_", Make<Conv1dInfo>, 1, row, CL, kStrict, kChannels, kChannels},
-          {"FullConnection_", Make<FullConnectionInfo>, 1, vector, C, kStrict, kVector, kVector},
-          {"AdaptivePooling2D_", With(&AdaptiveAvgPool2dInfo::output_size, {2, 2}), 1, plane, CHW, kStrict, kFloatPlane,
-           kFloatPlane},
-          {"Pooling2D_Avg_", Make<AvgPool2dInfo>, 1, plane, CHW, kStrict, kFloatPlane, kFloatPlane},
-          {"Pooling2D_Max_", Make<MaxPool2dInfo>, 1, plane, CHW, kStrict, kFloatPlane, kFloatPlane},
-          {"Elementwise_", Make<ElementWiseOperatorInfo>, 2, plane, CHW, kStrict, kFloat, kFloat},
-          {"BroadcastOperator_", Make<BroadcastOperatorInfo>, 2, plane, CHW, kStrict, "02222222022", kFloat},
-          {"Concatenate_C_", With(&ConcatenateInfo::dim, 1), 2, plane, CHW, kStrict, "00022222200", "02220002200"},
-          {"Concatenate_", Make<ConcatenateInfo>, 2, plane, CHW, kStrict, "02022222002", kOne},
-          {"Reshape_Fallback_CnHWn_To_CL_", Reshape({1, 4, 16}), 1, plane, CHW, kStrict, "02222002222", "02222002200"},
-          {"Reshape_Fallback_CnHWn_To_C_", Reshape({1, 64}), 1, plane, CHW, kStrict, "02222002222", "02222002200"},
-          {"Reshape_Fallback_CL_To_CHW_", Reshape({1, 4, 4, 4}), 1, row16, CL, kStrict, "02222022022", "02222022200"},
-          {"Reshape_Fallback_To_SC_", Reshape({1, 4, 16}), 1, plane, CHW, kStrict, kPositive, kOne},
-          {"Reshape_Fallback_To_C_", Reshape({1, 64}), 1, plane, CHW, kStrict, kPositive, kOne},
-          {"Reshape_", Reshape({1, 4, 4, 4}), 1, plane, CHW, kStrict, kPositive, kOne},
-          {"Transform_MainMemory_Reshape_", Reshape({1, 16, 4}), 1, plane, CHW, kStrict, kPositive, kPositive},
-          {"Transform_MainMemory_Permute_", With(&TensorTransposeInfo::axes, {0, 2, 3, 1}), 1, plane, CHW, kStrict,
-           kOne, kOne},
-          {"Expand_", With(&TensorExpandInfo::new_shape, {1, 4, 4, 4}), 1, plane, CHW, kStrict, "02222022200",
-           "02222022200"},
-          {"TensorArithmetic_", With(&TensorArithmeticInfo::dim, {2, 3}), 1, plane, CHW, kStrict, "02222022000",
-           "02222022000"},
-          {"UnSqueeze_", With(&TensorUnSqueezeInfo::dim, 1), 1, plane, CHW, kStrict, "02222022000", "02222022000"},
-          {"Slice_", With(&TensorSliceInfo::slice_dims, {0, 2, 1, 0, 2, 1, 0, 2, 1}), 1, plane, CHW, "1111",
-           kFloatPlane, kFloatPlane},
-          {"Softmax_", With(&SoftmaxInfo::dim, 1), 1, plane, CHW, kStrict, "02022222000", "02022222000"},
-          {"Upsampling2D_", Make<Upsample2dInfo>, 1, plane, CHW, kStrict, kFloatPlane, kFloatPlane},
-          {"Pixelshuffle_", With(&PixelShuffleInfo::upscale_factor, 2.0f), 1, plane, CHW, kStrict, kFloatPlane,
-           kFloatPlane},
-          {"GridSample_", Make<GridSampleInfo>, 2, plane, CHW, kStrict, kFloatPlane, kFloatPlane},
-          {"RNNCell_", [] { return Recurrent<RNNCellInfo, false>(1); }, 1, vector, C, kRecurrent, kVector, kVector},
-          {"LSTMCell_", [] { return Recurrent<LSTMCellInfo, false>(4); }, 1, vector, C, kRecurrent, kVector, kVector},
-          {"GRUCell_", [] { return Recurrent<GRUCellInfo, false>(3); }, 1, vector, C, kRecurrent, kVector, kVector},
-          {"RNN_", [] { return Recurrent<RNNInfo, true>(1); }, 1, row, SC, kRecurrent, "02222222002", "02222222202"},
-          {"LSTM_", [] { return Recurrent<LSTMInfo, true>(4); }, 1, row, SC, kRecurrent, "02222222002", "02222222202"},
-          {"GRU_", [] { return Recurrent<GRUInfo, true>(3); }, 1, row, SC, kRecurrent, "02222222002", "02222222202"},
-          {"ReLU6_", activation, 1, plane, CHW, kInverted, kFloat, kFloat},
-          {"Leaky_", activation, 1, plane, CHW, kInverted, kFloat, kFloat},
-          {"Linear_", activation, 1, plane, CHW, kInverted, kFloat, kFloat},
-          {"PReLU_", activation, 1, plane, CHW, kInverted, kFloat, kFloat},
-          {"", activation, 1, plane, CHW, kStrict, kFloat, kFloat}};
+  return {{"Input_", Make<InputInfo>, plane, kInverted, "02220000000"},
+          {"Straight_Through_", Make<InputInfo>, plane, kInverted, kOne},
+          {"LayerPlaceholder_", With(&LayerPlaceholderInfo::output_shape, {4, 4, 4}), plane, kStrict, "02020002000"},
+          {"ConvTranspose2D_", Make<ConvTranspose2dInfo>, plane, kStrict, kChannels},
+          {"Conv2D_", Make<Conv2dInfo>, plane, kStrict, kChannels},
+          {"Conv2d_", Make<Conv2dInfo>, plane, kStrict, "02222202200", kFloatPlane},
+          {"Conv1D_", Make<Conv1dInfo>, row, kStrict, kChannels},
+          {"FullConnection_", Make<FullConnectionInfo>, vector, kStrict, kVector},
+          {"AdaptivePooling2D_", With(&AdaptiveAvgPool2dInfo::output_size, {2, 2}), plane, kStrict, kFloatPlane},
+          {"Pooling2D_Avg_", Make<AvgPool2dInfo>, plane, kStrict, kFloatPlane},
+          {"Pooling2D_Max_", Make<MaxPool2dInfo>, plane, kStrict, kFloatPlane},
+          {"Elementwise_", Make<ElementWiseOperatorInfo>, planes, kStrict, kFloat},
+          {"BroadcastOperator_", Make<BroadcastOperatorInfo>, planes, kStrict, "02222222022", kFloat},
+          {"Concatenate_C_", With(&ConcatenateInfo::dim, 1), planes, kStrict, "00022222200", "02220002200"},
+          {"Concatenate_", Make<ConcatenateInfo>, planes, kStrict, "02022222002", kOne},
+          {"Reshape_Fallback_CnHWn_To_CL_", Reshape({1, 4, 16}), plane, kStrict, "02222002222", "02222002200"},
+          {"Reshape_Fallback_CnHWn_To_C_", Reshape({1, 64}), plane, kStrict, "02222002222", "02222002200"},
+          {"Reshape_Fallback_CL_To_CHW_", Reshape({1, 4, 4, 4}), long_row, kStrict, "02222022022", "02222022200"},
+          {"Reshape_Fallback_To_SC_", Reshape({1, 4, 16}), plane, kStrict, kPositive, kOne},
+          {"Reshape_Fallback_To_C_", Reshape({1, 64}), plane, kStrict, kPositive, kOne},
+          {"Reshape_", Reshape({1, 4, 4, 4}), plane, kStrict, kPositive, kOne},
+          {"Transform_MainMemory_Reshape_", Reshape({1, 16, 4}), plane, kStrict, kPositive},
+          {"Transform_MainMemory_Permute_", With(&TensorTransposeInfo::axes, {0, 2, 3, 1}), plane, kStrict, kOne},
+          {"Expand_", With(&TensorExpandInfo::new_shape, {1, 4, 4, 4}), plane, kStrict, "02222022200"},
+          {"TensorArithmetic_", With(&TensorArithmeticInfo::dim, {2, 3}), plane, kStrict, "02222022000"},
+          {"UnSqueeze_", With(&TensorUnSqueezeInfo::dim, 1), plane, kStrict, "02222022000"},
+          {"Slice_", With(&TensorSliceInfo::slice_dims, {0, 2, 1, 0, 2, 1, 0, 2, 1}), plane, "1111", kFloatPlane},
+          {"Softmax_", With(&SoftmaxInfo::dim, 1), plane, kStrict, "02022222000"},
+          {"Upsampling2D_", Make<Upsample2dInfo>, plane, kStrict, kFloatPlane},
+          {"Pixelshuffle_", With(&PixelShuffleInfo::upscale_factor, 2.0f), plane, kStrict, kFloatPlane},
+          {"GridSample_", Make<GridSampleInfo>, planes, kStrict, kFloatPlane},
+          {"RNNCell_", [] { return Recurrent<RNNCellInfo, false>(1); }, vector, kRecurrent, kVector},
+          {"LSTMCell_", [] { return Recurrent<LSTMCellInfo, false>(4); }, vector, kRecurrent, kVector},
+          {"GRUCell_", [] { return Recurrent<GRUCellInfo, false>(3); }, vector, kRecurrent, kVector},
+          {"RNN_", [] { return Recurrent<RNNInfo, true>(1); }, steps, kRecurrent, "02222222002", "02222222202"},
+          {"LSTM_", [] { return Recurrent<LSTMInfo, true>(4); }, steps, kRecurrent, "02222222002", "02222222202"},
+          {"GRU_", [] { return Recurrent<GRUInfo, true>(3); }, steps, kRecurrent, "02222222002", "02222222202"},
+          {"ReLU6_", activation, plane, kInverted, kFloat},
+          {"Leaky_", activation, plane, kInverted, kFloat},
+          {"Linear_", activation, plane, kInverted, kFloat},
+          {"PReLU_", activation, plane, kInverted, kFloat},
+          {"", activation, plane, kStrict, kFloat}};
 }
 
 Entry const& EntryFor(std::string const& name) {
@@ -294,9 +290,10 @@ class Walk {
           return kernel->IsValidParam(probe == 1 ? nullptr : probe == 2 ? other : record, probe == 3 ? param : nullptr);
         }));
     ASSERT_TRUE(kernel->Config(record, nullptr, context_));
-    TensorShape const in(entry.dims, TensorShape::FLOAT32, entry.layout, TensorShape::MainMemory, {});
-    TensorShape const out = kernel->GetOutputShapes(std::vector<TensorShape>(entry.inputs, in)).at(0);
-    EXPECT_EQ(entry.input, Codes(11, [&](int probe) { return kernel->IsValidInput(Probe(in, entry.inputs, probe)); }));
+    TensorShape const in(entry.given.dims, TensorShape::FLOAT32, entry.given.layout, TensorShape::MainMemory, {});
+    TensorShape const out = kernel->GetOutputShapes(std::vector<TensorShape>(entry.given.inputs, in)).at(0);
+    EXPECT_EQ(entry.input,
+              Codes(11, [&](int probe) { return kernel->IsValidInput(Probe(in, entry.given.inputs, probe)); }));
     EXPECT_EQ(entry.output, Codes(11, [&](int probe) { return kernel->IsValidOutput(Probe(out, 1, probe)); }));
   }
 

@@ -1,6 +1,5 @@
-// Convolutions: images [C, H, W], signals [C, L], weights in the order of the layer records, an empty bias where
-// there is none. Made by make_golden.py. Every value is exact in float32 in any order of summation: compare bit by
-// bit.
+// Convolutions: images [C, H, W], weights in the order of the layer records, an empty bias where there is none. Made
+// by make_golden.py. Every value is exact in float32 in any order of summation: compare bit by bit.
 #pragma once
 
 #include <vector>
@@ -45,20 +44,6 @@ inline const std::vector<ConvTranspose2dCase> kConvTranspose2dCases = {
      -1.5, -0.375, 1.875, -1.625, 0.625}, {1, -0.25, -1.75, 0.125}, {-2.3125, 1, 3.828125, -4.5625, 1, 4.828125,
      0.84375, -0.25, 2.875, 0.453125, -0.25, 5.359375, -4.125, -1.75, 1.0625, -2.546875, -1.75, -3.609375, 1.109375,
      0.125, -0.65625, -2.296875, 0.125, -2.125}},
-};
-
-struct Conv1dCase {
-  char const* why;
-  unsigned short in_channels, out_channels, kernel_size, padding_f, padding_b, stride, dilation, groups;
-  unsigned int length, out_length;
-  std::vector<float> input, weight, bias, output;
-};
-
-inline const std::vector<Conv1dCase> kConv1dCases = {
-    {"stride, dilation, unequal borders", 3, 2, 3, 2, 1, 2, 2, 1, 9, 4, {-0.25, 1.5, 0.75, -0.625, -1.875, 0.375,
-     -0.875, 0.75, 1.5, -0.625, 1.625, 0.125, 0.125, 1.125, 1.25, 1.75, 2, -1.5, -0.375, 1.75, -0.75, -2, 0.375, 1, 1,
-     1.25, 0.625}, {-1.5, 1.375, -0.375, 1.375, 1.25, 2, -2, 1.5, 0.5, 0, 1.25, 1.875, 0, -1.75, 0.875, -1.125,
-     -1.125, -1.25}, {-1.25, 1.75}, {-3.34375, 2.21875, 3.015625, 1.59375, 5.40625, 0.734375, -3.5, -3.234375}},
 };
 
 }  // namespace talvo::test::golden

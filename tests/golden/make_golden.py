@@ -82,7 +82,6 @@ def fields_of(names, kind="unsigned short"):
 
 CONV2D = ["in_channels", "out_channels", "kernel_x", "kernel_y", "padding_l", "padding_t", "padding_r", "padding_b",
           "stride_x", "stride_y", "dilation_x", "dilation_y", "groups"]
-CONV1D = ["in_channels", "out_channels", "kernel_size", "padding_f", "padding_b", "stride", "dilation", "groups"]
 
 
 def conv2d_case(source, why, bias, extents, **given):
@@ -115,20 +114,9 @@ def conv_transpose2d_case(source, why, bias, extents, padding=(0, 0), output_pad
     return (why, *(p[name] for name in CONV2D), *x.shape[1:], *y.shape[1:], x, weight, offsets, y)
 
 
-def conv1d_case(source, why, bias, length, **given):
-    p = {**{name: 0 if name.startswith("padding") else 1 for name in CONV1D}, **given}
-    x = source.tensor(p["in_channels"], length)
-    weight = source.tensor(p["out_channels"], p["in_channels"] // p["groups"], p["kernel_size"])
-    offsets = source.tensor(p["out_channels"] if bias else 0)
-    y = functional.conv1d(functional.pad(x, [p["padding_f"], p["padding_b"]])[None], weight, offsets if bias else None,
-                          p["stride"], 0, p["dilation"], p["groups"])[0]
-    assert_exact(y, why)
-    return (why, *(p[name] for name in CONV1D), length, y.shape[1], x, weight, offsets, y)
-
-
 def convolution():
     source = Source()
-    header = Header("convolution", "Convolutions: images [C, H, W], signals [C, L], weights in the order of the layer "
+    header = Header("convolution", "Convolutions: images [C, H, W], weights in the order of the layer "
                     "records, an empty bias where there is none.", EXACT)
     floats = ("std::vector<float>", "input, weight, bias, output")
     header.struct("template <class Padding>\nstruct Image2dCase",
@@ -144,11 +132,6 @@ def convolution():
         conv_transpose2d_case(source, "two groups, all differs by axis, borders that crop", True, (3, 2), (3, 1),
                               (1, 0), in_channels=4, out_channels=4, kernel_x=2, kernel_y=3, stride_x=3, stride_y=2,
                               groups=2)])
-    header.struct("struct Conv1dCase", [("char const*", "why"), fields_of(CONV1D),
-                                        ("unsigned int", "length, out_length"), floats])
-    header.cases("Conv1dCase", "kConv1dCases", [
-        conv1d_case(source, "stride, dilation, unequal borders", True, 9, in_channels=3, out_channels=2, kernel_size=3,
-                    stride=2, dilation=2, padding_f=2, padding_b=1)])
     return header
 
 

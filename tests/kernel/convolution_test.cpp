@@ -52,57 +52,42 @@ Data MakeData(Case const& c, std::uint32_t seed) {
   return d;
 }
 
-// The definition of the direct convolution, one dimension being a row.
-std::vector<float> PlainDirect(Case const& c, Data const& d) {
-  int const oh = (c.height + c.t + c.b - c.dy * (c.ky - 1) - 1) / c.sy + 1;
-  int const ow = (c.width + c.l + c.r - c.dx * (c.kx - 1) - 1) / c.sx + 1;
-  int const ipg = c.in / c.groups, opg = c.out / c.groups;
-  auto const padded = [&](int channel, int y, int x) {
-    bool const inside = y >= c.t && y < c.t + c.height && x >= c.l && x < c.l + c.width;
-    return inside ? d.input[std::size_t((channel * c.height + y - c.t) * c.width + x - c.l)] : 0.0f;
-  };
-  std::vector<float> result(std::size_t(c.out * oh * ow), 0.0f);
-  for (int o = 0; o < c.groups * opg; ++o) {
-    for (int i = 0; i < oh * ow; ++i) {
-      float& value = result[std::size_t(o * oh * ow + i)];
-      if (c.bias) value = d.bias[std::size_t(o)];
-      for (int channel = 0; channel < ipg; ++channel) {
-        float s = 0.0f;
-        for (int k = 0; k < c.ky * c.kx; ++k) {
-          s += d.weight[std::size_t((o * ipg + channel) * c.ky * c.kx + k)] *
-               padded(o / opg * ipg + channel, i / ow * c.sy + k / c.kx * c.dy, i % ow * c.sx + k % c.kx * c.dx);
-        }
-        value += s;
-      }
-    }
-  }
-  return result;
-}
-
-// The definition of the transposed convolution, element by element.
-std::vector<float> PlainTransposed(Case const& c, Data const& d) {
-  int const oh = c.sy * c.height + c.t + c.b - c.dy * (c.ky - 1), ow = c.sx * c.width + c.l + c.r - c.dx * (c.kx - 1);
-  int const ipg = c.in / c.groups, opg = c.out / c.groups, taps = c.ky * c.kx;
-  std::vector<float> result(std::size_t(c.out * oh * ow), 0.0f);
-  for (int o = 0; o < c.groups * opg; ++o) {
-    for (int i = 0; i < oh * ow; ++i) {
-      float& value = result[std::size_t(o * oh * ow + i)];
-      if (c.bias) value = d.bias[std::size_t(o)];
-      for (int channel = o / opg * ipg; channel < (o / opg + 1) * ipg; ++channel) {
-        for (int k = 0; k < taps; ++k) {
-          int const y = i / ow - c.t + k / c.kx * c.dy, x = i % ow - c.l + k % c.kx * c.dx;
-          if (y % c.sy != 0 || x % c.sx != 0 || y < 0 || y >= c.sy * c.height || x < 0 || x >= c.sx * c.width) continue;
-          value += d.input[std::size_t((channel * c.height + y / c.sy) * c.width + x / c.sx)] *
-                   d.weight[std::size_t((channel * opg + o % opg) * taps + taps - 1 - k)];
-        }
-      }
-    }
-  }
-  return result;
-}
-
 enum Form { kPlane, kTransposed, kRow };
 constexpr Form kForms[] = {kPlane, kTransposed, kRow};
+
+// The definitions, element by element. Position y of the border's frame is input row y, in the transposed form row
+// y / sy where that divides; the direct form sums each channel by itself and reads 0 outside.
+std::vector<float> Plain(Form form, Case const& c, Data const& d) {
+  bool const turned = form == kTransposed;
+  auto const extent = [turned](int extent, int border, int reach, int stride) {
+    return turned ? stride * extent + border - reach : (extent + border - reach - 1) / stride + 1;
+  };
+  int const oh = extent(c.height, c.t + c.b, c.dy * (c.ky - 1), c.sy);
+  int const ow = extent(c.width, c.l + c.r, c.dx * (c.kx - 1), c.sx);
+  int const ipg = c.in / c.groups, opg = c.out / c.groups, taps = c.ky * c.kx;
+  std::vector<float> result(std::size_t(c.out * oh * ow), 0.0f);
+  for (int i = 0; i < c.groups * opg * oh * ow; ++i) {
+    int const o = i / (oh * ow), row = i / ow % oh, column = i % ow;
+    float& value = result[std::size_t(i)];
+    if (c.bias) value = d.bias[std::size_t(o)];
+    for (int channel = o / opg * ipg; channel < (o / opg + 1) * ipg; ++channel) {
+      float sum = 0.0f;
+      for (int k = 0; k < taps; ++k) {
+        int y = row * (turned ? 1 : c.sy) - c.t + k / c.kx * c.dy,
+            x = column * (turned ? 1 : c.sx) - c.l + k % c.kx * c.dx;
+        bool const met = !turned || (y % c.sy == 0 && x % c.sx == 0 && y >= 0 && x >= 0);
+        if (turned) y /= c.sy, x /= c.sx;
+        bool const inside = met && y >= 0 && y < c.height && x >= 0 && x < c.width;
+        float const in = inside ? d.input[std::size_t((channel * c.height + y) * c.width + x)] : 0.0f;
+        int const weight = turned ? (channel * opg + o % opg + 1) * taps - 1 - k : (o * ipg + channel % ipg) * taps + k;
+        if (turned && inside) value += in * d.weight[std::size_t(weight)];
+        if (!turned) sum += in * d.weight[std::size_t(weight)];
+      }
+      if (!turned) value += sum;
+    }
+  }
+  return result;
+}
 
 std::shared_ptr<runtime::IKernel> KernelOf(Form form) {
   if (form == kPlane) return std::make_shared<kernel::Conv2D_Knxm_Snxm_Dnxm_Gn_Fallback_CHW_Float_M1>();
@@ -148,12 +133,24 @@ std::vector<float> Compute(runtime::IKernel const& kernel, Tensor const& input,
   return test::Values(*outputs.at(0));
 }
 
-// In every instruction set.
+// Nobody may hold more than `most_floats`.
+struct BoundedPool : test::GuardedPool {
+  void* Malloc(unsigned long size) override {
+    EXPECT_LE(HeapSize() + size, 4 * most_floats) << "scratch beside what it serves";
+    return GuardedPool::Malloc(size);
+  }
+  unsigned long most_floats = 0;
+};
+
+// In every instruction set, with scratch of at most 4 MiB and four times what is read and written.
 void ExpectResult(Form form, Case const& c, Data const& d, std::vector<float> const& want) {
   for (auto const set : kernel::rows::RunnableSets()) {
     SCOPED_TRACE(kernel::rows::NameOf(set));
     kernel::rows::ScopedInstructionSet const use(set);
-    auto const context = test::GuardedContext();
+    auto const pool = std::make_shared<BoundedPool>();
+    pool->most_floats = (1 << 20) + 64 + 5 * (d.input.size() + d.weight.size() + d.bias.size() + want.size());
+    auto const device = runtime::CreateDeviceCPU(runtime::DetectCPUDevice(), pool, nullptr, nullptr);
+    auto const context = runtime::CreateContext(device, nullptr, nullptr, nullptr, nullptr, nullptr);
     auto const kernel = KernelOf(form);
     ASSERT_TRUE(kernel->Config(RecordOf(form, c, d), nullptr, context));
     test::ExpectSameBits(want, Compute(*kernel, InputOf(form, *context, c, d), context));
@@ -161,8 +158,9 @@ void ExpectResult(Form form, Case const& c, Data const& d, std::vector<float> co
   }
 }
 
-void ExpectPlain(Form form, Case const& c, Data const& d) {
-  ExpectResult(form, c, d, form == kTransposed ? PlainTransposed(c, d) : PlainDirect(c, d));
+void ExpectPlain(Form form, Case const& c, std::uint32_t seed) {
+  Data const d = MakeData(c, seed);
+  ExpectResult(form, c, d, Plain(form, c, d));
 }
 
 // Any case whose window fits; `transposed` lets paddings be negative.
@@ -190,7 +188,7 @@ TEST(Convolution, RandomShapesGiveTheBitsOfThePlainLoops) {
     Form const form = kForms[round / 4 % 3];
     Case c = RandomCase(random, form == kTransposed);
     if (form == kRow) c.height = c.ky = c.sy = c.dy = 1, c.t = c.b = 0;
-    ExpectPlain(form, c, MakeData(c, round));
+    ExpectPlain(form, c, round);
   }
 }
 
@@ -207,7 +205,6 @@ TEST(Convolution, EveryWayThroughTheTiles) {
       {"more than a strip of positions, channels that pass in chunks",
        {1, 37, 33, 12, 23, 3, 3, 1, 1, 1, 1, 1, 1, 1, 1, true}},
       {"a block of two vectors and one of one vector", {1, 3, 48, 5, 9, 2, 2, 1, 1, 1, 1, 0, 0, 0, 0, true}},
-      {"1x1", {1, 20, 40, 7, 7, 1, 1, 1, 1, 1, 1, 0, 0, 0, 0, false}},
       {"out_channels no multiple of groups: the rest holds 0", {3, 7, 8, 4, 5, 3, 3, 1, 1, 1, 1, 1, 1, 1, 1, false}},
       {"more groups than input channels: the bias alone", {4, 3, 4, 3, 3, 1, 1, 1, 1, 1, 1, 0, 0, 0, 0, true}},
       {"more groups than output channels: zeros", {4, 8, 3, 3, 3, 1, 1, 1, 1, 1, 1, 0, 0, 0, 0, false}},
@@ -215,7 +212,6 @@ TEST(Convolution, EveryWayThroughTheTiles) {
       {"groups of some channels each, one result", {19, 38, 57, 3, 3, 3, 3, 1, 1, 1, 1, 0, 0, 0, 0, false}},
       {"groups, stride and dilation", {16, 32, 32, 7, 6, 2, 3, 2, 3, 2, 1, 1, 0, 2, 0, true}},
       {"a stride wider than the input", {4, 4, 4, 3, 2, 1, 1, 9, 60, 1, 1, 0, 0, 0, 0, true}},
-      {"windows in the padding alone", {1, 2, 3, 2, 2, 1, 1, 1, 1, 1, 1, 3, 2, 3, 3, true}},
       {"several strips of a row, columns that meet nothing", {1, 2, 3, 1, 40, 1, 5, 1, 60, 1, 7, 3, 2, 0, 0, true}},
       {"a strip narrower than the stride", {1, 1, 1, 1, 3, 1, 2, 1, 1500, 1, 1, 2, 0, 0, 0, true}},
       {"a border that would dwarf its input", {1, 1, 1, 1, 1, 1, 1, 600, 600, 1, 1, 600, 600, 600, 600, true}, false},
@@ -223,8 +219,8 @@ TEST(Convolution, EveryWayThroughTheTiles) {
   };
   for (auto const& row : cases) {
     SCOPED_TRACE(row.why);
-    ExpectPlain(kPlane, row.c, MakeData(row.c, 4));
-    if (row.transposed) ExpectPlain(kTransposed, row.c, MakeData(row.c, 8));
+    ExpectPlain(kPlane, row.c, 4);
+    if (row.transposed) ExpectPlain(kTransposed, row.c, 8);
   }
 }
 
@@ -242,25 +238,6 @@ void ExpectGolden(Form form, std::vector<Golden> const& cases) {
 TEST(Convolution, AgreesWithAnIndependentFramework) {
   ExpectGolden(kPlane, test::golden::kConv2dCases);
   ExpectGolden(kTransposed, test::golden::kConvTranspose2dCases);
-  for (auto const& k : test::golden::kConv1dCases) {
-    Case const c = {k.groups,
-                    k.in_channels,
-                    k.out_channels,
-                    1,
-                    int(k.length),
-                    1,
-                    k.kernel_size,
-                    1,
-                    k.stride,
-                    1,
-                    k.dilation,
-                    k.padding_f,
-                    k.padding_b,
-                    0,
-                    0,
-                    true};
-    ExpectResult(kRow, c, {k.input, k.weight, k.bias}, k.output);
-  }
 }
 
 struct ConvolutionForms : testing::TestWithParam<Form> {

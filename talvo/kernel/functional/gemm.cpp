@@ -5,15 +5,15 @@
 
 #include "talvo/kernel/rows/matrix_product.h"
 #include "talvo/kernel/sgemm.h"
-#include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::kernel::functional {
 
 void fullconnection_sgemm_c_f32_m1(const float* in, const unsigned int& in_count, const unsigned int& out_count,
                                    const float* weight, const float* bias, float* out) {
   if (in_count > INT_MAX || out_count > INT_MAX) {
-    utility::Assert(false, "fullconnection_sgemm_c_f32_m1: %u inputs and %u outputs, at most %d each", in_count,
-                    out_count, INT_MAX);
+    utility::Refuse("fullconnection_sgemm_c_f32_m1: %u inputs and %u outputs, at most %d each", in_count, out_count,
+                    INT_MAX);
   }
   if (bias != nullptr) {
     std::copy_n(bias, out_count, out);

@@ -12,12 +12,15 @@ TALVO_ROWS_INLINE void CopyRow(float const* from, std::size_t count, float* to) 
   if constexpr (kLanes > 1) {
     if (count < kLanes) return CopyRow<(kLanes > 4 ? kLanes / 2 : 1)>(from, count, to);
   }
-  for (std::size_t next = 0; next < count; next += kLanes) {
-    std::size_t const i = std::min<std::size_t>(next, count - kLanes);
-    Vector<kLanes> v;
+  Vector<kLanes> v;
+  std::size_t i = 0;
+  for (; i + kLanes <= count; i += kLanes) {
     Load<kLanes>(from + i, v);
     Store<kLanes>(v, to + i);
   }
+  if (i == count) return;
+  Load<kLanes>(from + count - kLanes, v);
+  Store<kLanes>(v, to + count - kLanes);
 }
 
 // Elements 0, 2, ... go to `even`, the others to `odd`.
