@@ -2,11 +2,9 @@
 #include "talvo/serialization/file_visitors.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <algorithm>
+#include <cstring>
 #include <memory>
-#include <thread>
 #include <typeinfo>
 
 #include "talvo/serialization/layer_info_conv.h"
@@ -31,18 +29,11 @@ std::string Count(unsigned long long count) { return {reinterpret_cast<char cons
 void OnBothStreams(std::string const& bytes, std::function<void(FILEReader&)> const& action) {
   ScratchFile const file(bytes);
   Stream const regular(std::fopen(file.Path(), "rb"), &std::fclose);
-  FILEReader regular_reader(regular.get(), 20015);
-  action(regular_reader);
-  int ends[2];
-  ASSERT_EQ(pipe(ends), 0);
-  std::thread feeder([&] {
-    Stream const in(fdopen(ends[1], "wb"), &std::fclose);
-    std::fwrite(bytes.data(), 1, bytes.size(), in.get());
-  });
-  Stream const out(fdopen(ends[0], "rb"), &std::fclose);
-  FILEReader pipe_reader(out.get(), 20015);
-  action(pipe_reader);
-  feeder.join();
+  Stream const piped(popen((std::string("cat ") + file.Path()).c_str(), "r"), &pclose);
+  for (auto const& stream : {regular.get(), piped.get()}) {
+    FILEReader reader(stream, 20015);
+    action(reader);
+  }
 }
 
 template <class T>
@@ -77,30 +68,14 @@ TEST(FILEReader, RefusesCountsBeyondTheStream) {
   ExpectRefusedCount<std::string>("1234567", typeid(unsigned long long));
 }
 
-TEST(FILEReader, ReadsLongFieldsFromEveryStream) {
-  std::string const text(1000001, 'x');
-  OnBothStreams(Count(text.size()) + text + "!", [&](FILEReader& reader) {
-    std::string read;
-    signed char behind = 0;
-    reader.Visit(&read, nullptr);
-    reader.Visit(&behind, nullptr);
-    EXPECT_TRUE(read == text);
-    EXPECT_EQ(behind, '!');
-  });
-}
-
-TEST(FILEReader, ReplacesVectorsAndKeepsZeroBytes) {
-  OnBothStreams(Count(3) + std::string("a\0b", 3) + Count(0) + std::string("\2", 1) + Count(0), [](FILEReader& reader) {
-    std::string text = "old";
-    std::vector<int> numbers = {1, 2};
-    std::vector<std::string> texts = {"old"};
+TEST(FILEReader, ReadsLongTextsZeroBytesAndFlagsFromEveryStream) {
+  std::string const text(1000001, '\0');
+  OnBothStreams(Count(text.size()) + text + "\2", [&](FILEReader& reader) {
+    std::string read = "old";
     bool flag = false;
-    reader.Visit(&text, nullptr);
-    reader.Visit(&numbers, nullptr);
+    reader.Visit(&read, nullptr);
     reader.Visit(&flag, nullptr);
-    reader.Visit(&texts, nullptr);
-    EXPECT_EQ(text, std::string("a\0b", 3));
-    EXPECT_TRUE(numbers.empty() && texts.empty());
+    EXPECT_TRUE(read == text);
     EXPECT_TRUE(flag);
   });
 }
@@ -133,17 +108,13 @@ TEST(FILEWriter, RefusesAFullStream) {
             "[TLN]: failed to write the y value, error code is 1.\n\n");
 }
 
-std::string Text(std::vector<float> const& values, std::size_t bytes) {
-  return Base64Encode(reinterpret_cast<unsigned char const*>(values.data()), bytes);
-}
-
 // Against the walk element by element, for lengths around the pieces that the library moves.
 TEST(WeightBlob, EqualsTheWalkElementByElement) {
   for (std::size_t count : {0u, 1u, 12287u, 12288u, 12289u, 50000u}) {
     SCOPED_TRACE(count);
-    std::vector<float> const values = SpecialFloats(7, count);
     std::string want = Count(count);
     std::vector<float> widened;
+    auto const values = SpecialFloats(7, count);
     for (float value : values) {
       half const cut(value);
       want.append(reinterpret_cast<char const*>(&cut), sizeof cut);
@@ -153,30 +124,26 @@ TEST(WeightBlob, EqualsTheWalkElementByElement) {
     {
       Stream const stream(std::fopen(file.Path(), "wb"), &std::fclose);
       FILEWriter writer(stream.get(), false);
-      WriteWeightBlob(writer, Text(values, count * sizeof(float)));
+      WriteWeightBlob(writer, WeightText(values));
     }
     EXPECT_TRUE(file.Bytes() == want);
-    OnBothStreams(want + "!", [&](FILEReader& reader) {
+    OnBothStreams(want, [&](FILEReader& reader) {
       std::string text = "old";
-      char behind = 0;
       ReadWeightBlob(reader, text);
-      reader.Visit(&behind, nullptr);
-      std::string const bytes = Base64Decode(text);
-      ASSERT_EQ(bytes.size(), count * sizeof(float));
       std::vector<float> got(count);
-      std::copy(bytes.begin(), bytes.end(), reinterpret_cast<char*>(got.data()));
+      ASSERT_EQ(Base64Decode(text).size(), count * sizeof(float));
+      if (count != 0) std::memcpy(got.data(), Base64Decode(text).data(), count * sizeof(float));
       ExpectSameBits(widened, got);
-      EXPECT_EQ(behind, '!');
     });
   }
 }
 
 TEST(WeightBlob, DropsWhatIsNoWholeFloatAndServesTheFourVisitorsAlone) {
   FullConnectionInfo dense;
-  dense.weight = Text({1.0f, 2.0f}, 6);
+  dense.weight = WeightText({1.0f, 2.0f}).substr(0, 8);  // six bytes
   FullConnectionInfo read;
   ReadFrom(read, Written(dense, "bin"), "bin");
-  EXPECT_EQ(read.weight, Text({1.0f}, 4));
+  EXPECT_EQ(read.weight, WeightText({1.0f}));
   EXPECT_EQ(read.bias, "");
   struct Other : Visitor {
 #define TALVO_VISIT(type) \

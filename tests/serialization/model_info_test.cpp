@@ -25,36 +25,44 @@ std::string OneLayer(unsigned short type, std::shared_ptr<LayerInfo> info) {
   return Written(model, "bin");
 }
 
-TEST(TLModelInfo, MakesTheRecordOfEachNumber) {
-  LogCapture const quiet;
-  std::set<std::string> const records_alone = {
-      "LayerInfo", "SQFCConv2dInfo", "SQFCConv2dFoldedBNInfo", "Pad1dInfo", "AdaptiveMaxPool2dInfo", "SpaceToDepthInfo",
-      "Pad2dInfo", "GemmInfo"};
-  std::set<unsigned short> made;
+TEST(Makers, MakeTheClassesOfTheTable) {
+  std::set<unsigned int> numbers;
   for (RecordClass const& entry : RecordCatalogue()) {
-    auto const info = std::dynamic_pointer_cast<LayerInfo>(entry.make());
-    if (info == nullptr || records_alone.count(entry.name) != 0) continue;
     SCOPED_TRACE(entry.name);
+    LogCapture const quiet;
+    auto const may = [marks = Described().at(entry.name).marks](char const* mark) { return marks.count(mark) != 0; };
+    auto const param = CreateInferenceParamPtr(entry.name.c_str());
+    EXPECT_EQ(param != nullptr, may("made"));
+    EXPECT_TRUE(param == nullptr || param->GetClassName() == entry.name);
+    auto const info = std::dynamic_pointer_cast<LayerInfo>(entry.make());
+    if (info == nullptr) continue;
+    std::string const text = Written(*info, "json");
+    if (may("alone")) {
+      EXPECT_EQ(LayerInfoFactory(text)->GetClassTypeName(), entry.name);
+    } else {
+      EXPECT_EQ(RefusalOf([&] { LayerInfoFactory(text); }), "[TLN]: Unsupported Layer Type.\n");
+    }
+    if (!may("model")) continue;
     auto const number = static_cast<unsigned short>(entry.name == "TensorUnSqueezeInfo" ? 16 : info->type);
     TLModelInfo read;
     ReadFrom(read, OneLayer(number, info), "bin");
     EXPECT_EQ(read.layers.at("a")->type, number);
     EXPECT_EQ(read.layers.at("a")->GetClassTypeName(), entry.name);
-    made.insert(number);
+    numbers.insert(number);
   }
-  EXPECT_EQ(made.size(), 35u);
-  for (unsigned int type = 0; type < 65536; type += type < 300 ? 1 : 65535 - 300) {
-    auto const number = static_cast<unsigned short>(type);
-    if (made.count(number) != 0) continue;
+  EXPECT_EQ(numbers.size(), 35u);
+  for (unsigned int number = 0; number < 65536; number += number < 300 ? 1 : 65535 - 300) {
+    if (numbers.count(number) != 0) continue;
     LogCapture const of_writing;
-    std::string const bytes = OneLayer(number, std::make_shared<InputInfo>());
-    EXPECT_EQ(RefusalOf([&] {
-                TLModelInfo read;
-                ReadFrom(read, bytes, "bin");
-              }),
-              type == 65535 ? "[TLN]: Unknow Layer Type.\n"
-                            : "[TLN]: Unsupported Layer Type [" + std::to_string(type) + "].\n");
+    std::string const bytes = OneLayer(static_cast<unsigned short>(number), std::make_shared<InputInfo>());
+    EXPECT_EQ(RefusalOf([&] { ReadFrom(*std::make_unique<TLModelInfo>(), bytes, "bin"); }),
+              number == 65535 ? "[TLN]: Unknow Layer Type.\n"
+                              : "[TLN]: Unsupported Layer Type [" + std::to_string(number) + "].\n");
   }
+  EXPECT_EQ(CreateInferenceParamPtr(""), nullptr);
+  EXPECT_NE(RefusalOf([] { CreateInferenceParamPtr(nullptr); }), "");
+  EXPECT_EQ(RefusalOf([] { LayerInfoFactory("[]"); }), "[TLN]: ");
+  EXPECT_NE(RefusalOf([] { LayerInfoFactory("{}"); }).find("\"serializable_type\""), std::string::npos);
 }
 
 TEST(TLModelInfo, RefusesUnevenListsAndMissingRecords) {
@@ -124,35 +132,6 @@ TEST(LayerInfo, GoesOnWithoutAReadableType) {
   EXPECT_EQ(log.Lines().back(), "[TLN] (Warnning): This may be a old version model file.");
 }
 
-TEST(LayerInfoFactory, MakesTheClassesThatMayStandAlone) {
-  std::set<std::string> const in_models_alone = {"LayerInfo",
-                                                 "SQFCConv2dInfo",
-                                                 "SQFCConv2dFoldedBNInfo",
-                                                 "AdaptiveMaxPool2dInfo",
-                                                 "BatchNorm1dInfo",
-                                                 "SpaceToDepthInfo",
-                                                 "Pad1dInfo",
-                                                 "Pad2dInfo",
-                                                 "TensorSliceInfo",
-                                                 "LayerPlaceholderInfo"};
-  int made = 0;
-  for (RecordClass const& entry : RecordCatalogue()) {
-    auto const info = std::dynamic_pointer_cast<LayerInfo>(entry.make());
-    if (info == nullptr) continue;
-    SCOPED_TRACE(entry.name);
-    std::string const text = Written(*info, "json");
-    if (in_models_alone.count(entry.name) != 0) {
-      EXPECT_EQ(RefusalOf([&] { LayerInfoFactory(text); }), "[TLN]: Unsupported Layer Type.\n");
-    } else {
-      EXPECT_EQ(LayerInfoFactory(text)->GetClassTypeName(), entry.name);
-      ++made;
-    }
-  }
-  EXPECT_EQ(made, 33);
-  EXPECT_EQ(RefusalOf([] { LayerInfoFactory("[]"); }), "[TLN]: ");
-  EXPECT_NE(RefusalOf([] { LayerInfoFactory("{}"); }).find("\"serializable_type\""), std::string::npos);
-}
-
 // Each maker of a record from JSON looks for the version in the text.
 TEST(Makers, HeedTheVersion) {
   ActivationInfo activation;
@@ -171,24 +150,6 @@ TEST(Makers, HeedTheVersion) {
                            std::function<void()>([&] { parseModelInfoPtrFromJson(new_model.Path()); }),
                            std::function<void()>([&] { parseModelCfgFromJsonContent(with(cfg, "20016")); })})
     EXPECT_EQ(RefusalOf(make), "[TLN]: _serialization_protocol_version > __SERIALIZATION_PROTOCOL_VERSION__.\n");
-}
-
-TEST(InferenceParam, IsMadeByTheNamesOfConfigurations) {
-  int made = 0;
-  for (RecordClass const& entry : RecordCatalogue()) {
-    auto const param = std::dynamic_pointer_cast<InferenceParam>(entry.make());
-    if (param == nullptr) continue;
-    EXPECT_EQ(param->GetClassName(), entry.name);
-    auto const by_name = CreateInferenceParamPtr(entry.name.c_str());
-    if (by_name == nullptr) continue;
-    EXPECT_EQ(by_name->GetClassName(), entry.name);
-    ++made;
-  }
-  EXPECT_EQ(made, 22);
-  for (char const* name : {"", "InferenceParam", "InferenceParamConv2DCUDA", "InferenceParamVulkan",
-                           "InferenceParamConv2DVulkan", "InferenceParamConvTranspose2DOpenGLCompute"})
-    EXPECT_EQ(CreateInferenceParamPtr(name), nullptr) << name;
-  EXPECT_NE(RefusalOf([] { CreateInferenceParamPtr(nullptr); }), "");
 }
 
 TEST(KernelCfg, KeepsItsParameterRecordWhenReadAgain) {

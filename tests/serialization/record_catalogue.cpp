@@ -4,13 +4,9 @@
 
 #include <cxxabi.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <sstream>
 #include <string_view>
 #include <type_traits>
@@ -208,6 +204,40 @@ std::vector<RecordClass> const& RecordCatalogue() {
   return catalogue;
 }
 
+std::map<std::string, Description> Described() {
+  std::map<std::string, Description> classes;
+  std::istringstream text(Golden("fields.txt"));
+  std::string name;
+  for (std::string line; std::getline(text, line);) {
+    std::istringstream words(line);
+    std::string first, word;
+    words >> first;
+    if (first == "#") continue;
+    bool const starts = std::isupper(first[0]);
+    if (starts) name = first;
+    auto& [fields, marks] = classes[name];
+    while (words >> word) {
+      if (!starts) {
+        Field field{first, word.substr(0, word.find('@'))};
+        int const version = field.text == word ? 0 : std::stoi(word.substr(word.find('@') + 1));
+        (version < 0 ? field.until : field.since) = std::abs(version);
+        fields.push_back(field);
+      } else if (std::isupper(word[0])) {
+        fields = classes.at(word).fields;
+      } else if (std::isdigit(word[0])) {
+        fields = {{"string", "serializable_type"},
+                  {"u16", "type=" + word},
+                  {"string", "id= "},
+                  {"vector<string>", "input_ids="},
+                  {"u16", "read_count"}};
+      } else {
+        marks.insert(word);
+      }
+    }
+  }
+  return classes;
+}
+
 std::vector<std::string> ListFields(Serializable& record, bool deep, unsigned int version) {
   std::vector<std::string> lines;
   record.VisitAttr(std::make_shared<Lister>(lines, deep, version));
@@ -222,34 +252,22 @@ std::string Encoded(Serializable& record, Blobs const& blobs) {
   return bytes;
 }
 
-ScratchFile::ScratchFile(std::string const& bytes) {
-  static int count = 0;
-  path_ = testing::TempDir() + "talvo_" + std::to_string(getpid()) + "_" + std::to_string(++count);
-  std::ofstream(path_, std::ios::binary) << bytes;
-}
-
-ScratchFile::~ScratchFile() { std::filesystem::remove(path_); }
-
-std::string ScratchFile::Bytes() const {
-  std::ifstream stream(path_, std::ios::binary);
-  return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
-}
-
-std::string Golden(std::string const& name) {
-  std::ifstream stream("tests/serialization/golden/" + name, std::ios::binary);
-  EXPECT_TRUE(stream.good()) << name;
-  return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+std::string BytesOf(std::string const& path) {
+  std::string bytes;
+  EXPECT_TRUE(utility::LoadFile(path, bytes)) << path;
+  return bytes;
 }
 
 std::string Written(Serializable& record, char const* form) {
-  ScratchFile const file;
-  EXPECT_TRUE(record.ToFile(file.Path(), form));
-  return file.Bytes();
+  static ScratchFolder const folder;
+  std::string const path = folder.Path("written");
+  EXPECT_TRUE(record.ToFile(path.c_str(), form));
+  return BytesOf(path);
 }
 
 void ReadFrom(Serializable& record, std::string const& bytes, char const* form) {
-  ScratchFile const file(bytes);
-  EXPECT_TRUE(record.FromFile(file.Path(), form));
+  static ScratchFolder const folder;
+  EXPECT_TRUE(record.FromFile(folder.Save("read", bytes).c_str(), form));
 }
 
 }  // namespace talvo::test

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "talvo/serialization/serializable.h"
+#include "tests/support/scratch_folder.h"
 
 namespace talvo::test {
 
@@ -18,6 +19,19 @@ struct RecordClass {
 };
 
 std::vector<RecordClass> const& RecordCatalogue();
+
+struct Field {
+  std::string kind, text;  // the text is "key=default", or "key" where no default is promised
+  int since = 0, until = 99999;
+};
+
+struct Description {
+  std::vector<Field> fields;
+  std::set<std::string> marks;
+};
+
+/// What golden/fields.txt says of each class.
+std::map<std::string, Description> Described();
 
 /// "kind key=value" for each field that files of `version` hold; a nested record is "record key=", with its own fields
 /// behind it if `deep`.
@@ -32,23 +46,22 @@ using Blobs = std::map<std::string, std::set<std::string>>;
 /// The bytes of the record in the stream, without a version word, by the definition of each kind.
 std::string Encoded(runtime::Serializable& record, Blobs const& blobs);
 
+/// The bytes of a file; fails the test where there is none.
+std::string BytesOf(std::string const& path);
+
 /// A file of the test's own that goes with the object.
 class ScratchFile {
  public:
-  explicit ScratchFile(std::string const& bytes = "");
-  ScratchFile(ScratchFile const&) = delete;
-  ScratchFile& operator=(ScratchFile const&) = delete;
-  ~ScratchFile();
-
+  explicit ScratchFile(std::string const& bytes = "") : path_(folder_.Save("file", bytes)) {}
   char const* Path() const { return path_.c_str(); }
-  std::string Bytes() const;
+  std::string Bytes() const { return BytesOf(path_); }
 
  private:
+  ScratchFolder folder_;
   std::string path_;
 };
 
-/// The bytes of a file of tests/serialization/golden.
-std::string Golden(std::string const& name);
+inline std::string Golden(std::string const& name) { return BytesOf("tests/serialization/golden/" + name); }
 
 /// The bytes that the record is written as.
 std::string Written(runtime::Serializable& record, char const* form);

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <sstream>
 
 #include "talvo/serialization/layer_info_tensor.h"
 #include "talvo/serialization/model_info.h"
@@ -14,55 +13,14 @@ namespace {
 
 using namespace runtime;
 
-struct Field {
-  std::string kind, text;  // the text is "key=default", or "key" where no default is promised
-  int since = 0, until = 99999;
-};
-
-// The classes of fields.txt.
-std::map<std::string, std::vector<Field>> DescribedFields() {
-  std::map<std::string, std::vector<Field>> classes;
-  std::istringstream text(Golden("fields.txt"));
-  std::string name;
-  for (std::string line; std::getline(text, line);) {
-    std::istringstream words(line);
-    std::string first, word;
-    words >> first;
-    if (first == "#") continue;
-    if (std::isupper(first[0])) {
-      name = first;
-      std::vector<Field>& fields = classes[name];
-      if (!(words >> word)) continue;
-      if (std::isupper(word[0]))
-        fields = classes.at(word);
-      else
-        fields = {{"string", "serializable_type"},
-                  {"u16", "type=" + word},
-                  {"string", "id= "},
-                  {"vector<string>", "input_ids="},
-                  {"u16", "read_count"}};
-      continue;
-    }
-    while (words >> word) {
-      Field field{first, word.substr(0, word.find('@'))};
-      if (field.text != word) {
-        int const version = std::stoi(word.substr(word.find('@') + 1));
-        (version < 0 ? field.until : field.since) = std::abs(version);
-      }
-      classes.at(name).push_back(field);
-    }
-  }
-  return classes;
-}
-
 TEST(Records, HaveTheFieldsOfEachVersionInOrder) {
-  auto const described = DescribedFields();
+  auto const described = Described();
   EXPECT_EQ(described.size(), RecordCatalogue().size());
   for (int version : {20003, 20004, 20005, 20006, 20007, 20008, 20011, 20012, 20015}) {
     for (RecordClass const& entry : RecordCatalogue()) {
       SCOPED_TRACE(entry.name + ", " + std::to_string(version));
       std::vector<std::string> want, got = ListFields(*entry.make(), false, static_cast<unsigned int>(version));
-      for (Field const& field : described.at(entry.name)) {
+      for (Field const& field : described.at(entry.name).fields) {
         if (version < field.since || version > field.until) continue;
         std::string kind = field.kind;
         if (kind.find("blob") != kind.npos) kind.replace(kind.find("blob"), 4, "string");
@@ -93,8 +51,8 @@ void DoubleLists(Serializable* record) {
 TEST(Records, GoThroughBothFormsAndBack) {
   LogCapture const quiet;
   Blobs blobs;
-  for (auto const& [name, fields] : DescribedFields())
-    for (Field const& field : fields)
+  for (auto const& [name, described] : Described())
+    for (Field const& field : described.fields)
       if (field.kind.find("blob") != field.kind.npos) blobs[name].insert(field.text.substr(0, field.text.find('=')));
   for (RecordClass const& entry : RecordCatalogue()) {
     SCOPED_TRACE(entry.name);

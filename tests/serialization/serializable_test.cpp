@@ -22,18 +22,13 @@ namespace {
 
 using namespace runtime;
 
-TEST(Serializable, NamesItsClass) {
-  Conv2dInfo conv;
-  EXPECT_EQ(conv.GetClassTypeName(), "Conv2dInfo");
-  EXPECT_EQ(conv.serializable_type, "talvo::runtime::Conv2dInfo");
-  EXPECT_EQ(conv.GetClassTypeNameWithNamespace(), "talvo::runtime::Conv2dInfo");
-}
-
-TEST(Serializable, KeepsTheStoredClassNameUntilItIsWritten) {
+TEST(Serializable, NamesItsClassAndKeepsTheStoredNameUntilItIsWritten) {
   TimeInfo time;
+  EXPECT_EQ(time.GetClassTypeName(), "TimeInfo");
+  EXPECT_EQ(time.serializable_type, "talvo::runtime::TimeInfo");
+  EXPECT_EQ(time.GetClassTypeNameWithNamespace(), "talvo::runtime::TimeInfo");
   std::string text = Written(time, "json");
-  text.replace(text.find("TimeInfo"), 8, "Whatever");
-  ReadFrom(time, text, "json");
+  ReadFrom(time, text.replace(text.find("TimeInfo"), 8, "Whatever"), "json");
   EXPECT_EQ(time.serializable_type, "Whatever");
   EXPECT_NE(Written(time, "json").find("\"TimeInfo\""), std::string::npos);
 }
@@ -57,24 +52,19 @@ TEST(Serializable, ChoosesTheFormByTheEnding) {
     EXPECT_THROW(TimeInfo().FromFile(path), std::out_of_range) << path;
 }
 
-TEST(Serializable, AnswersFalseWithALine) {
-  LogCapture const log;
-  TimeInfo time;
-  EXPECT_FALSE(time.FromFile("/nowhere/at/all", "bin"));
-  EXPECT_FALSE(time.FromFile("/nowhere/at/all", "BIN"));
-  EXPECT_FALSE(time.ToFile("/nowhere/at/all", ""));
-  std::vector<std::string> const want = {"[TLN]: Failed to open model file, file path: /nowhere/at/all.\n",
-                                         "[TLN]: Unknow file type, file path: /nowhere/at/all.\n",
-                                         "[TLN]: Unknow file type, file path: /nowhere/at/all.\n"};
-  EXPECT_EQ(log.Lines(), want);
-}
-
-TEST(Serializable, ToFileReportsWhatCannotBeWritten) {
+TEST(Serializable, ReportsWhatItCannotOpenOrWrite) {
   TimeInfo time;
   EXPECT_TRUE(time.ToFile("/nowhere/at/all", "json"));  // silent by design
   EXPECT_NE(RefusalOf([&] { time.ToFile("/nowhere/at/all", "bin"); }).find("/nowhere/at/all"), std::string::npos);
   for (char const* form : {"bin", "json"})
     EXPECT_NE(RefusalOf([&] { time.ToFile("/dev/full", form); }).find("/dev/full"), std::string::npos) << form;
+  LogCapture const log;
+  EXPECT_FALSE(time.FromFile("/nowhere", "bin"));
+  EXPECT_FALSE(time.FromFile("/nowhere", "BIN"));
+  EXPECT_FALSE(time.ToFile("/nowhere", ""));
+  EXPECT_EQ(log.Lines(), (std::vector<std::string>{"[TLN]: Failed to open model file, file path: /nowhere.\n",
+                                                   "[TLN]: Unknow file type, file path: /nowhere.\n",
+                                                   "[TLN]: Unknow file type, file path: /nowhere.\n"}));
 }
 
 TEST(Serializable, RefusesNumbersThatJSONCannotHoldBeforeTheFileIsTouched) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "talvo/utility/base64_support.h"
 #include "tests/support/bits.h"
 #include "tests/support/log_capture.h"
 
@@ -27,12 +28,9 @@ std::string PlainEncode(std::vector<unsigned char> const& data) {
 }
 
 TEST(Base64, GivesThePublishedVectors) {  // RFC 4648, section 10
-  struct Case {
-    char const *bytes, *text;
-  };
-  for (Case const& c : {Case{"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foobar", "Zm9vYmFy"}}) {
-    EXPECT_EQ(Encode(c.bytes), c.text);
-    EXPECT_EQ(Base64Decode(c.text), c.bytes);
+  for (auto const& [bytes, text] : {std::pair("", ""), {"f", "Zg=="}, {"fo", "Zm8="}, {"foobar", "Zm9vYmFy"}}) {
+    EXPECT_EQ(Encode(bytes), text);
+    EXPECT_EQ(Base64Decode(text), bytes);
   }
 }
 
@@ -43,22 +41,24 @@ TEST(Base64, CodesEveryByteAndLength) {
     std::string const text = Base64Encode(data.data(), data.size());
     ASSERT_EQ(text, PlainEncode(data));
     EXPECT_EQ(Base64Decode(text), std::string(data.begin(), data.end()));
+    for (std::size_t room = size < 10 ? 0 : size - 5; room < size + 3; ++room) {  // no byte more than there is room for
+      std::string bytes(room + 4, '#');
+      EXPECT_EQ(support::DecodeBase64(text, bytes.data(), room), std::min(room, size));
+      EXPECT_EQ(bytes.substr(0, std::min(room, size)), Base64Decode(text).substr(0, room));
+      EXPECT_EQ(bytes.substr(room), "####");
+    }
   }
 }
 
 TEST(Base64, DecodesUpToTheFirstForeignCharacterAndRefusesMissingData) {
-  struct Case {
-    char const *why, *text, *want;
-  };
-  for (Case const& c : {Case{"line break at a group's end", "Zm9v\nYmFy", "foo"},
-                        {"line break inside a group", "Zm9vYm\nFy", "foob"},
-                        {"one character is left", "Zm9vY\nmFy", "foo"},
-                        {"text behind the padding", "Zg==Zm9v", "f"},
-                        {"padding left out", "Zm9vYmE", "fooba"},
-                        {"the URL alphabet is foreign", "Zm9_", "fo"},
-                        {"a byte above 127", "Zm9v\xC3\xA4mFy", "foo"}}) {
-    EXPECT_EQ(Base64Decode(c.text), c.want) << c.why;
-  }
+  for (auto const& [text, want] : {std::pair("Zm9v\nYmFy", "foo"),  // a line break at a group's end
+                                   {"Zm9vYm\nFy", "foob"},          // and inside one
+                                   {"Zm9vY\nmFy", "foo"},           // one character is left
+                                   {"Zg==Zm9v", "f"},
+                                   {"Zm9vYmE", "fooba"},  // padding left out
+                                   {"Zm9_", "fo"},        // the URL alphabet is foreign
+                                   {"Zm9v\xC3\xA4mFy", "foo"}})
+    EXPECT_EQ(Base64Decode(text), want) << text;
   EXPECT_EQ(Base64Decode(std::string("Zm9v\0Zm9v", 9)), "foo") << "a zero character";
   EXPECT_EQ(test::RefusalOf([] { Base64Encode(nullptr, 3); }), "[TLN]: Base64Encode: no data for 3 bytes\n");
 }
