@@ -341,7 +341,10 @@ TALVO_FOR_EACH_VISITED_TYPE(TALVO_VISIT)
 #undef TALVO_VISIT
 
 void support::ReadRecord(JSONText const& text, Serializable* record, char const* refusal) {
-  utility::Assert(text.Root().IsObject(), refusal);
+  if (!text.Root().IsObject()) {
+    if (refusal != nullptr) utility::Refuse("%s", refusal);
+    utility::Assert(false, nullptr);
+  }
   auto const getter = std::make_shared<JSONNodeGetter>(text.Root(), 0);
   getter->bytes_left_ = std::make_shared<std::size_t>(kBytesAtLeast + kBytesForEach * text.Bytes());
   record->VisitAttr(getter);

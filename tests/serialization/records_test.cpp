@@ -59,6 +59,11 @@ TEST(Records, GoThroughBothFormsAndBack) {
     auto const written = entry.make(), fresh = entry.make(), used = entry.make(), twice = entry.make();
     FillFields(*written);
     FillFields(*used, 1000);
+    std::set<std::string> values;  // a member under the key of another would stand twice
+    for (std::string const& line : ListFields(*written, false))
+      EXPECT_TRUE(line.find("bool") == 0 || line.find("record") == 0 ||
+                  values.insert(line.substr(line.find('='))).second)
+          << line;
     std::string const json = Written(*written, "json"), binary = Written(*written, "bin");
     EXPECT_EQ(binary, "\x2f\x4e" + std::string(2, '\0') + Encoded(*written, blobs));
     ReadFrom(*twice, json, "json");
