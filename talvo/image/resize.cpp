@@ -10,7 +10,7 @@
 #include "talvo/image/image_process_fallback.h"
 #include "talvo/image/image_support.h"
 #include "talvo/kernel/rows/pixels.h"
-#include "talvo/utility/restrict.h"
+#include "talvo/utility/restrict_support.h"
 
 namespace talvo::kernel {
 namespace {

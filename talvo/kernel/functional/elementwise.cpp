@@ -8,7 +8,7 @@
 #include "talvo/kernel/rows/elementwise_rows.h"
 #include "talvo/runtime/tensor.h"
 #include "talvo/utility/refuse_support.h"
-#include "talvo/utility/restrict.h"
+#include "talvo/utility/restrict_support.h"
 
 namespace talvo::kernel::functional {
 namespace {

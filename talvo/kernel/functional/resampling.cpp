@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "talvo/utility/refuse_support.h"
-#include "talvo/utility/restrict.h"
+#include "talvo/utility/restrict_support.h"
 
 namespace talvo::kernel::functional {
 namespace {

@@ -3,7 +3,7 @@
 #include <cmath>
 #include <cstring>
 
-#include "talvo/utility/restrict.h"
+#include "talvo/utility/restrict_support.h"
 
 namespace talvo::kernel::rows {
 namespace {

@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "talvo/kernel/rows/vectors.h"
-#include "talvo/utility/restrict.h"
+#include "talvo/utility/restrict_support.h"
 
 namespace talvo::kernel::rows {
 namespace {

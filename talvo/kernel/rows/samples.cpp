@@ -1,6 +1,6 @@
 #include "talvo/kernel/rows/samples.h"
 
-#include "talvo/utility/restrict.h"
+#include "talvo/utility/restrict_support.h"
 
 namespace talvo::kernel::rows {
 namespace {

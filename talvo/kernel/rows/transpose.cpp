@@ -6,7 +6,7 @@
 
 #include "talvo/kernel/rows/byte_vectors.h"
 #include "talvo/kernel/rows/instruction_sets.h"
-#include "talvo/utility/restrict.h"
+#include "talvo/utility/restrict_support.h"
 
 namespace talvo::kernel::rows {
 namespace {
