@@ -9,10 +9,6 @@
 namespace talvo::runtime {
 namespace {
 
-std::string Encode(std::string const& bytes) {
-  return Base64Encode(reinterpret_cast<unsigned char const*>(bytes.data()), bytes.size());
-}
-
 // Bit by bit: six bits are a character, the last ones filled up with zeros.
 std::string PlainEncode(std::vector<unsigned char> const& data) {
   std::string const alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
@@ -27,15 +23,8 @@ std::string PlainEncode(std::vector<unsigned char> const& data) {
   return text;
 }
 
-TEST(Base64, GivesThePublishedVectors) {  // RFC 4648, section 10
-  for (auto const& [bytes, text] : {std::pair("", ""), {"f", "Zg=="}, {"fo", "Zm8="}, {"foobar", "Zm9vYmFy"}}) {
-    EXPECT_EQ(Encode(bytes), text);
-    EXPECT_EQ(Base64Decode(text), bytes);
-  }
-}
-
 TEST(Base64, CodesEveryByteAndLength) {
-  for (std::size_t size : {1u, 2u, 3u, 255u, 256u, 257u, 3000u}) {
+  for (std::size_t size : {0u, 1u, 2u, 3u, 255u, 256u, 257u, 3000u}) {
     auto data = test::Bytes(static_cast<std::uint32_t>(size), size);
     for (std::size_t i = 0; i < size && i < 256; ++i) data[i] = static_cast<unsigned char>(i);
     std::string const text = Base64Encode(data.data(), data.size());
