@@ -11,8 +11,6 @@ namespace {
 
 std::atomic<std::ptrdiff_t> held{0}, peak{0}, limit{PTRDIFF_MAX};
 
-bool Fits(std::size_t bytes) { return bytes < PTRDIFF_MAX / 2 && held + static_cast<std::ptrdiff_t>(bytes) <= limit; }
-
 void Count(std::ptrdiff_t bytes) {
   std::ptrdiff_t const now = held += bytes;
   for (std::ptrdiff_t most = peak; now > most && !peak.compare_exchange_weak(most, now);) {
@@ -35,6 +33,8 @@ namespace {
 }  // namespace
 #else
 namespace {
+
+bool Fits(std::size_t bytes) { return bytes < PTRDIFF_MAX / 2 && held + static_cast<std::ptrdiff_t>(bytes) <= limit; }
 
 std::ptrdiff_t SizeOf(void* block) { return static_cast<std::ptrdiff_t>(malloc_usable_size(block)); }
 
