@@ -125,12 +125,12 @@ def convolution():
     header.parts.append("using Conv2dCase = Image2dCase<unsigned short>;\n"
                         "using ConvTranspose2dCase = Image2dCase<short>;  // a negative border crops")
     header.cases("Conv2dCase", "kConv2dCases", [
-        conv2d_case(source, "two groups, all differs by axis and side", True, (5, 4), in_channels=4, out_channels=4,
+        conv2d_case(source, "two groups, all differs by axis and side", True, (3, 3), in_channels=4, out_channels=2,
                     kernel_x=2, kernel_y=3, stride_x=2, dilation_x=3, dilation_y=2, padding_t=2, padding_r=3,
                     padding_b=1, groups=2)])
     header.cases("ConvTranspose2dCase", "kConvTranspose2dCases", [
         conv_transpose2d_case(source, "two groups, all differs by axis, borders that crop", True, (3, 2), (3, 1),
-                              (1, 0), in_channels=4, out_channels=4, kernel_x=2, kernel_y=3, stride_x=3, stride_y=2,
+                              (1, 0), in_channels=2, out_channels=4, kernel_x=2, kernel_y=3, stride_x=3, stride_y=2,
                               groups=2)])
     return header
 

@@ -88,12 +88,8 @@ using runtime::TensorShape;
 std::shared_ptr<runtime::FullConnectionInfo> Dense(unsigned short in, unsigned short out,
                                                    std::vector<float> const& weight, std::vector<float> const& bias) {
   auto const layer = std::make_shared<runtime::FullConnectionInfo>();
-  layer->id = "dense";
-  layer->in_features = in;
-  layer->out_features = out;
-  layer->if_bias = !bias.empty();
-  layer->weight = WeightText(weight);
-  layer->bias = WeightText(bias);
+  layer->id = "dense", layer->in_features = in, layer->out_features = out, layer->if_bias = !bias.empty();
+  layer->weight = WeightText(weight), layer->bias = WeightText(bias);
   return layer;
 }
 
@@ -149,13 +145,9 @@ TEST(FullConnection, KernelsGiveTheGoldenValuesAndRefuseWhatWouldReadBeyondMemor
 
 std::shared_ptr<runtime::Conv2dInfo> Pointwise(unsigned short in, unsigned short out, bool if_bias) {
   auto const layer = std::make_shared<runtime::Conv2dInfo>();
-  layer->id = "pointwise";
-  layer->in_channels = in;
-  layer->out_channels = out;
-  layer->kernel_x = layer->kernel_y = 1;
-  layer->if_bias = if_bias;
-  layer->weight = WeightText(Floats(1, std::size_t{in} * out));
-  layer->bias = WeightText(Floats(2, out));
+  layer->id = "pointwise", layer->in_channels = in, layer->out_channels = out;
+  layer->kernel_x = layer->kernel_y = 1, layer->if_bias = if_bias;
+  layer->weight = WeightText(Floats(1, std::size_t{in} * out)), layer->bias = WeightText(Floats(2, out));
   return layer;
 }
 
