@@ -1,6 +1,7 @@
 #include "talvo/image/color.h"
 
 #include <algorithm>
+#include <array>
 
 #include "tests/image/image_test_support.h"
 
@@ -80,21 +81,19 @@ TEST_P(Color, GrayOfTheClassIsIntegerArithmetic) {
 
 TEST_P(Color, FreeGrayWeighsBytesByPositionInDoublePrecision) {
   struct Case {
-    Free function;
     unsigned int pixel_bytes;
     double weights[3];
+    std::array<Free, 4> functions;
   };
-  constexpr double kFirst = 0.299, kSecond = 0.587, kThird = 0.114;
-  for (Case const& c : {Case{F_ColorCvt_BGR888_To_Gray8_Fallback, 3, {kFirst, kSecond, kThird}},
-                        {F_ColorCvt_BGR888_To_Gray8_Arm, 3, {kFirst, kSecond, kThird}},
-                        {F_ColorCvt_RGB888_To_Gray8_Fallback, 3, {kFirst, kSecond, kThird}},
-                        {F_ColorCvt_RGB888_To_Gray8_Arm, 3, {kFirst, kSecond, kThird}},
-                        {F_ColorCvt_BGRA8888_To_Gray8_Fallback, 4, {kThird, kSecond, kFirst}},
-                        {F_ColorCvt_BGRA8888_To_Gray8_Arm, 4, {kThird, kSecond, kFirst}},
-                        {F_ColorCvt_RGBA8888_To_Gray8_Fallback, 4, {kThird, kSecond, kFirst}},
-                        {F_ColorCvt_RGBA8888_To_Gray8_Arm, 4, {kThird, kSecond, kFirst}}}) {
+  for (Case const& c : {Case{3,
+                             {0.299, 0.587, 0.114},
+                             {F_ColorCvt_BGR888_To_Gray8_Fallback, F_ColorCvt_BGR888_To_Gray8_Arm,
+                              F_ColorCvt_RGB888_To_Gray8_Fallback, F_ColorCvt_RGB888_To_Gray8_Arm}},
+                        {4,
+                         {0.114, 0.587, 0.299},
+                         {F_ColorCvt_BGRA8888_To_Gray8_Fallback, F_ColorCvt_BGRA8888_To_Gray8_Arm,
+                          F_ColorCvt_RGBA8888_To_Gray8_Fallback, F_ColorCvt_RGBA8888_To_Gray8_Arm}}}) {
     auto src = Image({7, 301, c.pixel_bytes}, TensorShape::HWC), dst = Image({7, 301, 1}, TensorShape::HWC);
-    c.function(src, dst);
     auto const from = BytesOf(src);
     ByteVector want;
     for (std::size_t i = 0; i < from.size(); i += c.pixel_bytes) {
@@ -102,7 +101,10 @@ TEST_P(Color, FreeGrayWeighsBytesByPositionInDoublePrecision) {
       for (std::size_t k = 0; k < 3; ++k) sum += c.weights[k] * from[i + k];
       want.push_back(static_cast<unsigned char>(std::min(static_cast<int>(sum), 255)));
     }
-    EXPECT_EQ(want, BytesOf(dst));
+    for (Free function : c.functions) {
+      function(src, dst);
+      EXPECT_EQ(want, BytesOf(dst));
+    }
   }
 }
 
@@ -139,30 +141,13 @@ TEST_P(Color, BytesBecomeFloats) {
   ExpectSameBits(std::vector<float>(from.begin(), from.end()), Values(*dst));
 }
 
-TEST_P(Color, FreeFormsRefuseInOrder) {
-  auto good = Image({2, 2, 4}, TensorShape::HWC), out = Image({3, 2, 2}, TensorShape::CHW);
-  auto floats = FloatImage({2, 2, 4}, TensorShape::CHW, Floats(1, 16));
-  auto elsewhere = Image({2, 2, 4}, TensorShape::HWC), out_elsewhere = Image({3, 2, 2}, TensorShape::CHW);
-  elsewhere->shape.location = TensorShape::OpenGLSSBO;
-  out_elsewhere->shape.location = TensorShape::OpenGLSSBO;
-  struct Case {
-    ImagePtr input, output;
-    char const* text;
-  };
-  for (Case c : {Case{nullptr, nullptr, "i_img must be a TensorCPUPtr."},
-                 {floats, nullptr, "o_img must be a TensorCPUPtr."},
-                 {floats, floats, "i_img must be a UInt8 DataType Tensor."},
-                 {out, floats, "o_img must be a UInt8 DataType Tensor."},
-                 {out, good, "i_img must be a CHW Layout Tensor."},
-                 {elsewhere, good, "o_img must be a CHW Layout Tensor."},
-                 {elsewhere, out_elsewhere, "i_img must be a MainMemory Location Tensor."},
-                 {good, out_elsewhere, "o_img must be a MainMemory Location Tensor."},
-                 {Image({3, 2, 4}, TensorShape::HWC), out,
-                  "F_ColorCvt_RGBA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback: o_img of dims [3, 2, 2] needs memory for 3 "
-                  "planes of 6 pixels"}}) {
-    EXPECT_EQ(Report(c.text),
-              RefusalOf([&] { F_ColorCvt_RGBA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback(c.input, c.output); }));
-  }
+TEST_P(Color, FreeFormsRefusePlanesThatAreShort) {
+  auto const wide = Image({3, 2, 4}, TensorShape::HWC);
+  auto out = Image({3, 2, 2}, TensorShape::CHW);
+  EXPECT_EQ(
+      Report("F_ColorCvt_BGRA2RGB_HWC_UInt8_To_CHW_UInt8_Arm: o_img of dims [3, 2, 2] needs memory for 3 planes of "
+             "6 pixels"),
+      RefusalOf([&] { F_ColorCvt_BGRA2RGB_HWC_UInt8_To_CHW_UInt8_Arm(wide, out); }));
 }
 
 INSTANTIATE_TEST_SUITE_P(Sets, Color, kEverySet);

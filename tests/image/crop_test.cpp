@@ -1,5 +1,6 @@
 #include "talvo/image/crop.h"
 
+#include <algorithm>
 #include <limits>
 
 #include "tests/image/image_test_support.h"
@@ -71,96 +72,86 @@ TEST_P(Crop, ClassRefusesWhatWouldLeaveTheTensors) {
   }
 }
 
+// Rows y to y + rows, columns x to x + columns of planes [h, w] of pixels; 77 outside.
+ByteVector Want(ByteVector const& from, int planes, int h, int w, int pixel, int y, int x, int rows, int columns) {
+  ByteVector want;
+  for (int p = 0; p < planes; ++p) {
+    for (int row = y; row < y + rows; ++row) {
+      for (int column = x; column < x + columns; ++column) {
+        bool const inside = row >= 0 && column >= 0 && row < h && column < w;
+        for (int k = 0; k < pixel; ++k) {
+          want.push_back(inside ? from[static_cast<std::size_t>(((p * h + row) * w + column) * pixel + k)] : 77);
+        }
+      }
+    }
+  }
+  return want;
+}
+
 TEST_P(Crop, FreeFormsCopyAnyType) {
   struct Case {
-    char const* why;
-    CropFunction function, twin;
     unsigned int layout, block;
+    CropFunction functions[2];
   };
-  for (Case const& c : {Case{"HWC", F_Crop_HWC_Memcpy, F_Crop_HWC_Arm, TensorShape::HWC, 0},
-                        {"CHW", F_Crop_CHW_Memcpy, F_Crop_CHW_Arm, TensorShape::CHW, 0},
-                        {"C4HW4", F_Crop_C4HW4_Memcpy, F_Crop_C4HW4_Arm, TensorShape::C4HW4, 4},
-                        {"C8HW8", F_Crop_C8HW8_Memcpy, F_Crop_C8HW8_Arm, TensorShape::C8HW8, 8}}) {
-    SCOPED_TRACE(c.why);
+  for (Case const& c : {Case{TensorShape::HWC, 0, {F_Crop_HWC_Memcpy, F_Crop_HWC_Arm}},
+                        {TensorShape::CHW, 0, {F_Crop_CHW_Memcpy, F_Crop_CHW_Arm}},
+                        {TensorShape::C4HW4, 4, {F_Crop_C4HW4_Memcpy, F_Crop_C4HW4_Arm}},
+                        {TensorShape::C8HW8, 8, {F_Crop_C8HW8_Memcpy, F_Crop_C8HW8_Arm}}}) {
     for (std::uint32_t i = 0; i < 60; ++i) {
       unsigned int const h = Size(6 * i, 1, 12), w = Size(6 * i + 1, 1, 12), channels = Size(6 * i + 2, 1, 5);
       unsigned int const y = Size(6 * i + 3, 0, h), x = Size(6 * i + 4, 0, w);
       unsigned int const rows = Size(6 * i + 5, 0, h - y), columns = w - x;
+      bool const interleaved = c.layout == TensorShape::HWC;
       auto const dims = [&](unsigned int height, unsigned int width) {
-        if (c.layout == TensorShape::HWC) return Dims{height, width, channels};
+        if (interleaved) return Dims{height, width, channels};
         return c.block == 0 ? Dims{channels, height, width} : Dims{channels, height, width, c.block};
       };
       unsigned int const type = i % 2 == 0 ? TensorShape::UINT8 : TensorShape::FLOAT16;
-      std::size_t const planes = c.layout == TensorShape::HWC ? 1 : channels;
-      std::size_t const pixel = runtime::ElementSize(type) * (planes == 1 && c.layout == TensorShape::HWC ? channels
-                                                              : c.block == 0                              ? 1u
-                                                                                                          : c.block);
-      auto const data = Bytes(i, planes * h * w * pixel);
-      auto src = Make(dims(h, w), c.layout, type, data.data());
-      ByteVector want;
-      for (std::size_t p = 0; p < planes; ++p) {
-        for (std::size_t row = y; row < y + rows; ++row) {
-          auto const* const first = data.data() + ((p * h + row) * w + x) * pixel;
-          want.insert(want.end(), first, first + columns * pixel);
-        }
-      }
-      for (CropFunction function : {c.function, c.twin}) {
+      unsigned int const elements = interleaved ? channels : std::max(c.block, 1u);
+      auto const data = Bytes(i, std::size_t{channels} * h * w * std::max(c.block, 1u) * runtime::ElementSize(type));
+      auto const src = Make(dims(h, w), c.layout, type, data.data());
+      auto const sign = [](unsigned int n) { return static_cast<int>(n); };
+      auto const want = Want(data, interleaved ? 1 : sign(channels), sign(h), sign(w),
+                             sign(elements * runtime::ElementSize(type)), sign(y), sign(x), sign(rows), sign(columns));
+      for (CropFunction function : c.functions) {
         auto dst = Make(dims(rows, columns), c.layout, type, nullptr);
         function(src, y, x, rows, columns, dst);
-        ASSERT_EQ(want, BytesOf(dst)) << h << " x " << w << " x " << channels;
+        ASSERT_EQ(want, BytesOf(dst)) << c.layout << ": " << h << " x " << w << " x " << channels;
       }
     }
   }
 }
 
 TEST_P(Crop, FilledCropMayLieOutside) {
+  constexpr int kMost = std::numeric_limits<int>::max();
   for (std::uint32_t i = 0; i < 200; ++i) {
-    unsigned int const h = Size(6 * i, 1, 8), w = Size(6 * i + 1, 1, 8), c = Size(6 * i + 2, 1, 4);
-    int const y = static_cast<int>(Size(6 * i + 3, 0, 24)) - 12, x = static_cast<int>(Size(6 * i + 4, 0, 24)) - 12;
-    unsigned int const rows = Size(6 * i + 5, 0, 10), columns = Size(6 * i + 6, 0, 10);
-    auto src = Image({h, w, c}, TensorShape::HWC, i);
-    auto const from = BytesOf(src);
-    ByteVector want;
-    for (int row = y; row < y + static_cast<int>(rows); ++row) {
-      for (int column = x; column < x + static_cast<int>(columns); ++column) {
-        bool const inside = row >= 0 && column >= 0 && row < static_cast<int>(h) && column < static_cast<int>(w);
-        for (std::size_t k = 0; k < c; ++k) {
-          want.push_back(inside ? from[static_cast<std::size_t>(row * static_cast<int>(w) + column) * c + k] : 77);
-        }
-      }
-    }
+    auto const size = [i](std::uint32_t k, unsigned int least, unsigned int most) {
+      return static_cast<int>(Size(6 * i + k, least, most));
+    };
+    int const h = size(0, 1, 8), w = size(1, 1, 8), c = size(2, 1, 4), rows = size(5, 0, 10), columns = size(6, 0, 10);
+    int const y = i == 0 ? kMost - 10 : size(3, 0, 24) - 12, x = i == 0 ? kMost - 10 : size(4, 0, 24) - 12;
+    auto const dims = [c](int a, int b) {
+      return Dims{static_cast<unsigned int>(a), static_cast<unsigned int>(b), static_cast<unsigned int>(c)};
+    };
+    auto const src = Image(dims(h, w), TensorShape::HWC, i);
     for (auto const function : {F_Crop_U8_HWC_Memcpy, F_Crop_U8_HWC_Arm}) {
-      auto dst = Image({rows, columns, c}, TensorShape::HWC, i);
-      function(src, y, x, static_cast<int>(rows), static_cast<int>(columns), 77, dst);
-      ASSERT_EQ(want, BytesOf(dst)) << y << ", " << x;
+      auto dst = Image(dims(rows, columns), TensorShape::HWC, i);
+      function(src, i == 0 ? kMost : y, i == 0 ? kMost : x, rows, columns, 77, dst);  // sums of positions do not wrap
+      ASSERT_EQ(Want(BytesOf(src), 1, h, w, c, y, x, rows, columns), BytesOf(dst)) << y << ", " << x;
     }
   }
-  auto src = Image({2, 2, 1}, TensorShape::HWC), dst = Image({3, 3, 1}, TensorShape::HWC);
-  int const most = std::numeric_limits<int>::max();
-  F_Crop_U8_HWC_Memcpy(src, most, most, 3, 3, 5, dst);
-  EXPECT_EQ(ByteVector(9, 5), BytesOf(dst)) << "sums of positions do not wrap";
 }
 
-TEST_P(Crop, FreeFormsRefuseInOrder) {
-  auto hwc = Image({4, 4, 3}, TensorShape::HWC), chw = Image({3, 4, 4}, TensorShape::CHW);
-  auto out = Image({2, 2, 3}, TensorShape::HWC), out2 = Image({2, 2, 2}, TensorShape::HWC);
-  auto floats = FloatImage({2, 2, 3}, TensorShape::HWC, Floats(1, 12));
-  auto elsewhere = Image({4, 4, 3}, TensorShape::HWC);
-  elsewhere->shape.location = TensorShape::OpenGLSSBO;
-  auto rank2 = Image({4, 12}, TensorShape::HWC), bytes2 = Image({2, 2}, TensorShape::HWC);
+TEST_P(Crop, FreeFormsRefuseShapesThatDoNotFit) {
+  auto const hwc = Image({4, 4, 3}, TensorShape::HWC), out = Image({2, 2, 3}, TensorShape::HWC);
+  auto const out2 = Image({2, 2, 2}, TensorShape::HWC), flat = Image({4, 12}, TensorShape::HWC);
   struct Case {
     ImagePtr input, output;
     unsigned int y, x, height, width;
     char const* text;
   };
-  for (Case c : {Case{chw, chw, 0, 0, 2, 2, "i_img must be a HWC Layout Tensor."},
-                 {elsewhere, chw, 0, 0, 2, 2, "i_img must be a MainMemory Location Tensor."},
-                 {hwc, chw, 0, 0, 2, 2, "o_img must be a HWC Layout Tensor."},
-                 {hwc, elsewhere, 0, 0, 2, 2, "o_img must be a MainMemory Location Tensor."},
-                 {hwc, floats, 0, 0, 2, 2, ""},
-                 {rank2, bytes2, 0, 0, 2, 2, "F_Crop_HWC_Arm: i_img has rank 2, needs 3"},
-                 {rank2, floats, 0, 0, 2, 2, ""},
-                 {hwc, out, 0, 0, 3, 2, ""},
+  for (Case c : {Case{flat, out, 0, 0, 2, 2, "F_Crop_HWC_Arm: i_img has rank 2, needs 3"},
+                 {flat, out, 0, 0, 3, 2, ""},
                  {hwc, out, 0, 0, 2, 1, ""},
                  {hwc, out2, 0, 0, 2, 2, ""},
                  {hwc, out, 3, 0, 2, 2, ""},
@@ -168,14 +159,12 @@ TEST_P(Crop, FreeFormsRefuseInOrder) {
                  {hwc, out, 0xFFFFFFFF, 0, 2, 2, ""}}) {
     EXPECT_EQ(Report(c.text), RefusalOf([&] { F_Crop_HWC_Arm(c.input, c.y, c.x, c.height, c.width, c.output); }));
   }
-  auto blocks = Image({1, 2, 2, 3}, TensorShape::C4HW4);
+  auto blocks = Image({1, 2, 2, 3}, TensorShape::C4HW4), filled = out2;
   EXPECT_EQ(Report(""), RefusalOf([&] { F_Crop_C4HW4_Memcpy(blocks, 0, 0, 2, 2, blocks); }));
   EXPECT_EQ(Report("i_img must be a C8HW8 Layout Tensor."),
             RefusalOf([&] { F_Crop_C8HW8_Memcpy(blocks, 0, 0, 2, 2, blocks); }));
-  EXPECT_EQ(Report("i_img must be a UInt8 DataType Tensor."),
-            RefusalOf([&] { F_Crop_U8_HWC_Memcpy(floats, 0, 0, 2, 2, 0, out); }));
-  EXPECT_EQ(Report(""), RefusalOf([&] { F_Crop_U8_HWC_Memcpy(hwc, 0, 0, -2, 2, 0, out); }));
-  EXPECT_EQ(Report(""), RefusalOf([&] { F_Crop_U8_HWC_Memcpy(hwc, 0, 0, 2, 2, 0, out2); }));
+  EXPECT_EQ(Report(""), RefusalOf([&] { F_Crop_U8_HWC_Memcpy(hwc, 0, 0, -2, 2, 0, filled); }));
+  EXPECT_EQ(Report(""), RefusalOf([&] { F_Crop_U8_HWC_Memcpy(hwc, 0, 0, 2, 2, 0, filled); }));
 }
 
 INSTANTIATE_TEST_SUITE_P(Sets, Crop, kEverySet);

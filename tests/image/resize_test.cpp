@@ -12,6 +12,8 @@ namespace {
 using namespace kernel::functional;
 using Free = void (*)(ImagePtr const&, ImagePtr&);
 
+#define TALVO_C1_TO_C4(begin, end) begin##1##end, begin##2##end, begin##3##end, begin##4##end
+
 class Resize : public ImageTest {};
 
 struct Extents {
@@ -70,10 +72,8 @@ ByteVector WantBilinear(ByteVector const& from, Extents const& e, std::size_t n)
 }
 
 TEST_P(Resize, BilinearIsFixedPoint) {
-  constexpr Free kFree[] = {F_Resize_Bilinear_HWC_U8_C1_Fallback, F_Resize_Bilinear_HWC_U8_C2_Fallback,
-                            F_Resize_Bilinear_HWC_U8_C3_Fallback, F_Resize_Bilinear_HWC_U8_C4_Fallback};
-  constexpr Free kTwins[] = {F_Resize_Bilinear_HWC_U8_C1_Arm_M1, F_Resize_Bilinear_HWC_U8_C2_Arm_M1,
-                             F_Resize_Bilinear_HWC_U8_C3_Arm_M1, F_Resize_Bilinear_HWC_U8_C4_Arm_M1};
+  constexpr Free kFree[] = {TALVO_C1_TO_C4(F_Resize_Bilinear_HWC_U8_C, _Fallback)};
+  constexpr Free kTwins[] = {TALVO_C1_TO_C4(F_Resize_Bilinear_HWC_U8_C, _Arm_M1)};
   for (unsigned int n = 1; n <= 4; ++n) {
     for (Extents const& e : AllExtents()) {
       auto const frame = [n](unsigned int h, unsigned int w) { return n == 1 ? Dims{1, h, w} : Dims{h, w, n}; };
@@ -97,27 +97,31 @@ TEST_P(Resize, BilinearIsFixedPoint) {
 }
 
 TEST_P(Resize, NearestFormsRoundOrAddUp) {
-  constexpr Free kFree[] = {F_Resize_Nearest_HWC_U8_C1_Fallback, F_Resize_Nearest_HWC_U8_C2_Fallback,
-                            F_Resize_Nearest_HWC_U8_C3_Fallback, F_Resize_Nearest_HWC_U8_C4_Fallback};
-  constexpr Free kTwins[] = {F_Resize_Nearest_HWC_U8_C1_Arm_M1, F_Resize_Nearest_HWC_U8_C2_Arm_M1,
-                             F_Resize_Nearest_HWC_U8_C3_Arm_M1, F_Resize_Nearest_HWC_U8_C4_Arm_M1};
-  auto const rounded = [](std::size_t i, std::size_t from, std::size_t to) {
-    double const nearest = std::floor(static_cast<double>(Centre(i, from, to)) + 0.5);
-    return std::min(static_cast<std::size_t>(nearest), from - 1);
+  constexpr Free kFree[] = {TALVO_C1_TO_C4(F_Resize_Nearest_HWC_U8_C, _Fallback)};
+  constexpr Free kTwins[] = {TALVO_C1_TO_C4(F_Resize_Nearest_HWC_U8_C, _Arm_M1)};
+  using Indices = std::vector<std::size_t>;
+  auto const rounded = [](std::size_t from, std::size_t to) {
+    Indices indices;
+    for (std::size_t i = 0; i < to; ++i) {
+      double const nearest = std::floor(static_cast<double>(Centre(i, from, to)) + 0.5);
+      indices.push_back(std::min(static_cast<std::size_t>(nearest), from - 1));
+    }
+    return indices;
   };
-  auto const summed = [](std::size_t i, std::size_t from, std::size_t to) {
+  auto const summed = [](std::size_t from, std::size_t to) {
+    Indices indices;
     float position = 0.0f;
-    for (std::size_t k = 0; k < i; ++k) position += static_cast<float>(from) / static_cast<float>(to);
-    return std::min(static_cast<std::size_t>(position), from - 1);
+    for (std::size_t i = 0; i < to; ++i, position += static_cast<float>(from) / static_cast<float>(to)) {
+      indices.push_back(std::min(static_cast<std::size_t>(position), from - 1));
+    }
+    return indices;
   };
-  auto const expect = [](Extents const& e, unsigned int n, ImagePtr const& src, ImagePtr const& dst, auto index) {
+  auto const expect = [](Extents const& e, unsigned int n, ImagePtr const& src, ImagePtr const& dst, auto table) {
     auto const from = BytesOf(src);
     ByteVector want;
-    std::vector<std::size_t> columns;
-    for (unsigned int x = 0; x < e.to_w; ++x) columns.push_back(index(x, e.from_w, e.to_w));
-    for (unsigned int y = 0; y < e.to_h; ++y) {
-      for (std::size_t column : columns) {
-        auto const* const pixel = from.data() + (index(y, e.from_h, e.to_h) * e.from_w + column) * n;
+    for (std::size_t row : table(e.from_h, e.to_h)) {
+      for (std::size_t column : table(e.from_w, e.to_w)) {
+        auto const* const pixel = from.data() + (row * e.from_w + column) * n;
         want.insert(want.end(), pixel, pixel + n);
       }
     }
