@@ -13,7 +13,7 @@ using namespace talvo1;
 QZShape OldShape(unsigned short channels, unsigned int height, unsigned int width) {
   QZShape shape;
   shape.width = half(static_cast<float>(width) / 64.0f);
-  shape.height = half(static_cast<float>(height) / 64.0f);
+  shape.height = half(static_cast<float>(height) / 128.0f);
   shape.channels = channels;
   return shape;
 }
@@ -30,18 +30,30 @@ std::vector<float> HalfFloats(std::uint32_t seed, std::size_t count) {
   return values;
 }
 
-void TLModel1Writer::Put(std::initializer_list<unsigned int> numbers_of_16_bits) {
-  for (unsigned int const number : numbers_of_16_bits) {
+TLModel1Writer& TLModel1Writer::Put(std::initializer_list<unsigned int> numbers) {
+  for (unsigned int const number : numbers) {
     bytes += static_cast<char>(number & 0xFF);
     bytes += static_cast<char>(number >> 8);
   }
+  return *this;
+}
+
+TLModel1Writer& TLModel1Writer::Any(int count) {
+  for (int i = 0; i < count; ++i) Put({++next_});
+  return *this;
+}
+
+TLModel1Writer& TLModel1Writer::Unread(int count) {
+  for (int i = 0; i < count; ++i) Put({0xDEAD});
+  return *this;
+}
+
+void TLModel1Writer::End() {
+  Put({0xAAAA});
+  ends.push_back(bytes.size());
 }
 
 namespace {
-
-void PutUnread(TLModel1Writer& file, int count) {
-  for (int i = 0; i < count; ++i) file.Put({0xDEAD});
-}
 
 // The fields of each record between its id and its end, as files of `version` hold them.
 class BodyWriter {
@@ -55,7 +67,7 @@ class BodyWriter {
     Put(l.dilation_x, l.dilation_y, l.if_bias, l.activation);
     if (version_ > 10000) {
       Put(l.groups);
-      PutUnread(file_, 10);
+      file_.Unread(10);
     }
     Put(l.weights, l.bias);
   }
@@ -96,7 +108,7 @@ class BodyWriter {
   }
   void Body(QZLayerInfo_ChannelShuffle const& l) {
     Put(l.input_ids[0], l.input_shapes[0]);
-    PutUnread(file_, 10);
+    file_.Unread(10);
     Put(l.order);
   }
   void Body(QZLayerInfo_TensorInput const& l) { Put(l.location, l.output_tensor); }
@@ -143,7 +155,7 @@ class BodyWriter {
   void Field(float number) { Field(half(number)); }
   void Field(QZShape const& shape) { Put(shape.width, shape.height, shape.channels); }
   void Field(QZTensorDescriptor const& tensor) {
-    PutUnread(file_, 2);
+    file_.Unread(2);
     Put(tensor.dimension_count, tensor.dimensions);
   }
   void Field(QZLSTMWeights const& w) { Put(w.weight_ih, w.weight_hh, w.bias_ih, w.bias_hh); }
@@ -160,182 +172,78 @@ class BodyWriter {
   unsigned int version_;
 };
 
-template <class... Layers>
-void PutBodyOf(QZLayerInfo const& layer, BodyWriter writer) {
-  auto const put = [&writer](auto const* record) {
-    if (record != nullptr) writer.Body(*record);
-  };
-  (put(dynamic_cast<Layers const*>(&layer)), ...);
-}
-
 }  // namespace
 
 TLModel1Writer::TLModel1Writer(unsigned int version) : version_(version) {
-  Put({0x5555, 0, version & 0xFFFF, version >> 16});
-  PutUnread(*this, 2);
-  Put({77, 0, 88, 0, 64, 0, 64, 0});
-  PutUnread(*this, 484);
-  Put({0xAAAA, 0});
+  Put({0x5555, 0, version & 0xFFFF, version >> 16}).Unread(2);
+  Put({77, 0, 88, 0, 64, 0, 128, 0}).Unread(484).Put({0xAAAA, 0});
 }
 
 void TLModel1Writer::Add(QZLayerInfo const& layer) {
-  Put({0x5555, layer.type, layer.id});
-  PutBodyOf<QZLayerInfo_Input, QZLayerInfo_Conv2D, QZLayerInfo_Conv2DTranspose, QZLayerInfo_DepthWiseConv2D,
-            QZLayerInfo_DepthWiseConv2DTranspose, QZLayerInfo_PixelShuffle, QZLayerInfo_Pooling,
-            QZLayerInfo_InstanceNormalization, QZLayerInfo_BatchNormalization, QZLayerInfo_Activation,
-            QZLayerInfo_Region, QZLayerInfo_ElementWiseOperator, QZLayerInfo_Concatenate, QZLayerInfo_Upsampling,
-            QZLayerInfo_ChannelShuffle, QZLayerInfo_TensorInput, QZLayerInfo_TensorReshape, QZLayerInfo_TensorTranspose,
-            QZLayerInfo_TensorSqueeze, QZLayerInfo_FullConnection, QZLayerInfo_LSTM, QZLayerInfo_TensorActivation>(
-      layer, BodyWriter(*this, version_));
-  Put({0xAAAA});
+  Start(layer.type).Put({layer.id});
+  BodyWriter writer(*this, version_);
+  switch (layer.type) {
+#define TALVO1_BODY(type, from_version, name)                   \
+  case type:                                                    \
+    writer.Body(static_cast<QZLayerInfo_##name const&>(layer)); \
+    break;
+    TALVO1_FOR_EACH_KIND(TALVO1_BODY)
+#undef TALVO1_BODY
+  }
+  End();
 }
 
-namespace {
-
-// Fills records with numbers that differ from each other.
-class Sampler {
- public:
-  explicit Sampler(unsigned int version) : version_(version) {}
-
-  template <class Layer>
-  Layer& Add(unsigned short type, std::vector<unsigned short> inputs) {
-    auto layer = std::make_unique<Layer>(OldLayer<Layer>(type, static_cast<unsigned short>(layers.size() + 1), inputs));
-    Layer& result = *layer;
-    layers.push_back(std::move(layer));
-    return result;
+TLModel1Writer EveryOldLayer(unsigned int version) {
+  TLModel1Writer file(version);
+  // Behind an id and an input: the shapes of output and input, each a width, a height and channels.
+  auto const planes = [&file](unsigned int type, unsigned int in, unsigned int out) -> TLModel1Writer& {
+    return file.Start(type).Any(4).Put({out}).Any(2).Put({in});
+  };
+  auto const tensor = [&file](unsigned int dimensions) -> TLModel1Writer& {
+    return file.Unread(2).Put({dimensions}).Any(11);
+  };
+  file.Start(0).Any(5).End();
+  planes(1, 4, 6).Put({3, 2}).Any(8);  // taps; paddings, strides, dilations, bias, activation
+  if (version > 10000) file.Put({/* groups */ 2}).Unread(10);
+  file.Any(6 * 3 * 2 * (version > 10000 ? 2 : 4) + 6).End();
+  planes(2, 4, 2).Put({3, 2}).Any(6);
+  if (version >= 10003) file.Put({/* divisor */ 2});
+  file.Any(2 * 4 * 3 * 2 / (version >= 10003 ? 2 : 1) + 2).End();
+  for (unsigned int const type : {3u, 16u}) {
+    if (type == 3 || version >= 10003)
+      planes(type, 3, 6).Put({/* multiplier */ 2, 3, 2}).Any(8 + 2 * 3 * 2 * 3 + 6).End();
   }
-
-  template <class Layer>
-  Layer& AddPlanes(unsigned short type, unsigned short channels, unsigned short out_channels) {
-    Layer& layer = Add<Layer>(type, {1});
-    layer.input_shapes = {OldShape(channels, 9, 7)};
-    layer.output_shapes = {OldShape(out_channels, 5, 3)};
-    return layer;
+  planes(4, 4, 1).Any(1).End();
+  planes(5, 4, 4).Any(7).End();
+  file.Start(6).Any(5).End();
+  file.Start(7).Any(4).Put({/* channels */ 5}).Any(4 * 5).End();
+  file.Start(8).Any(8).End();
+  file.Start(9).Any(8).End();
+  file.Start(10).Any(1).Put({/* inputs */ 2}).Any(10 + 3 + 2).End();
+  file.Start(11).Any(1).Put({/* inputs */ 3}).Any(10 + 10 * 3 + 3 + 1).End();
+  planes(14, 4, 4).Any(version >= 10007 ? 3 : 2).End();
+  file.Start(15).Any(4).Put({/* channels */ 3}).Unread(10).Any(3).End();
+  if (version < 10008) return file;
+  file.Start(17).Any(2);
+  tensor(2).End();
+  for (unsigned int const type : {18u, 19u, 20u}) {
+    file.Start(type).Any(type == 20 ? 3 : 2);
+    tensor(3);
+    tensor(2).Any(type == 19 ? 10 : 0).End();
   }
-
-  template <class Layer>
-  Layer& AddTensors(unsigned short type) {
-    Layer& layer = Add<Layer>(type, {2});
-    layer.input_tensor = OldTensor({Next(), Next(), Next()});
-    layer.output_tensor = OldTensor({Next(), Next()});
-    return layer;
+  for (unsigned int const if_bias : {0u, 1u}) {
+    file.Start(21).Any(2).Put({/* in, out */ 3, 2, if_bias});
+    tensor(1);
+    tensor(1).Any(3 * 2 + (if_bias != 0 ? 2 : 0)).End();
+    file.Start(22).Any(2).Put({/* in, hidden, layers */ 3, 2, 2, if_bias, /* directions less 1 */ if_bias});
+    file.Any(version >= 10009 ? 1 : 0);
+    tensor(2);
+    tensor(2).Any(2 * (3 * 2 * 4 + 2 * 2 * 4)).Any(if_bias != 0 ? 2 * (3 * 2 * 4 + 2 * 2 * 4) + 4 * 2 * 8 : 0).End();
   }
-
-  template <class Window>
-  void Fill(Window& window) {
-    window.kernel_x = 3;
-    window.kernel_y = 2;
-    for (auto* const value : {&window.pad_x, &window.pad_y, &window.stride_x, &window.stride_y}) *value = Next();
-  }
-
-  void Fill(QZConvolution& convolution, std::size_t weights, std::size_t out) {
-    Fill(convolution);
-    convolution.if_bias = Next();
-    convolution.activation = Next();
-    convolution.weights = HalfFloats(Next(), weights);
-    convolution.bias = HalfFloats(Next(), out);
-  }
-
-  template <class DepthWise>
-  void AddDepthWise(unsigned short type) {
-    DepthWise& layer = AddPlanes<DepthWise>(type, 3, 6);
-    layer.multiplier = 2;
-    layer.dilation_x = Next();
-    layer.dilation_y = Next();
-    Fill(layer, 2 * 3 * 2 * 3, 6);
-  }
-
-  template <class Activation>
-  void FillActivation(Activation& layer) {
-    layer.kind = Next();
-    layer.alpha = half(0.25f);
-    layer.beta = half(-3.0f);
-  }
-
-  void AddPlaneLayers();
-  void AddTensorLayers();
-
-  std::vector<std::unique_ptr<QZLayerInfo>> layers;
-
- private:
-  unsigned short Next() { return ++number_; }
-
-  unsigned int version_;
-  unsigned short number_ = 100;
-};
-
-void Sampler::AddPlaneLayers() {
-  auto& input = Add<QZLayerInfo_Input>(0, {});
-  input.output_shapes = {OldShape(4, 9, 7)};
-  input.value = Next();
-  auto& convolution = AddPlanes<QZLayerInfo_Conv2D>(1, 4, 6);
-  convolution.dilation_x = Next();
-  convolution.dilation_y = Next();
-  convolution.groups = version_ > 10000 ? 2 : 1;
-  Fill(convolution, 6u * 2 * 3 * (4u / convolution.groups), 6);
-  auto& transposed = AddPlanes<QZLayerInfo_Conv2DTranspose>(2, 4, 2);
-  transposed.group_divisor = version_ >= 10003 ? 2 : 1;
-  Fill(transposed, 2u * 4 * 3 * 2 / transposed.group_divisor, 2);
-  AddDepthWise<QZLayerInfo_DepthWiseConv2D>(3);
-  AddPlanes<QZLayerInfo_PixelShuffle>(4, 4, 1).upscale_factor = half(2.0f);
-  auto& pooling = AddPlanes<QZLayerInfo_Pooling>(5, 4, 4);
-  Fill(pooling);
-  pooling.kind = Next();
-  AddPlanes<QZLayerInfo_InstanceNormalization>(6, 4, 4);
-  auto& normalisation = AddPlanes<QZLayerInfo_BatchNormalization>(7, 5, 5);
-  for (auto* const values : {&normalisation.scale, &normalisation.shift, &normalisation.variance, &normalisation.mean})
-    *values = HalfFloats(Next(), 5);
-  FillActivation(AddPlanes<QZLayerInfo_Activation>(8, 4, 4));
-  AddPlanes<QZLayerInfo_Region>(9, 4, 4).values = {Next(), Next(), Next()};
-  auto& elementwise = Add<QZLayerInfo_ElementWiseOperator>(10, {1, 2});
-  elementwise.output_shapes = {OldShape(4, 9, 7)};
-  elementwise.op = Next();
-  elementwise.activation = Next();
-  auto& concatenation = Add<QZLayerInfo_Concatenate>(11, {1, 2, 3});
-  for (QZShape& shape : concatenation.input_shapes) shape = OldShape(Next(), 3, 4);
-  concatenation.output_shapes = {OldShape(12, 9, 7)};
-  concatenation.axis = Next();
-  auto& upsampling = AddPlanes<QZLayerInfo_Upsampling>(14, 4, 4);
-  upsampling.scale_factor = half(1.5f);
-  upsampling.mode = Next();
-  upsampling.align_corner = version_ >= 10007 ? Next() : 0;
-  AddPlanes<QZLayerInfo_ChannelShuffle>(15, 3, 3).order = {Next(), Next(), Next()};
-  if (version_ >= 10003) AddDepthWise<QZLayerInfo_DepthWiseConv2DTranspose>(16);
-}
-
-void Sampler::AddTensorLayers() {
-  auto& input = Add<QZLayerInfo_TensorInput>(17, {});
-  input.location = Next();
-  input.output_tensor = OldTensor({Next(), Next()});
-  AddTensors<QZLayerInfo_TensorReshape>(18);
-  AddTensors<QZLayerInfo_TensorTranspose>(19).axes = {1,      0,      Next(), Next(), Next(),
-                                                      Next(), Next(), Next(), Next(), Next()};
-  AddTensors<QZLayerInfo_TensorSqueeze>(20).dimension = Next();
-  auto& dense = AddTensors<QZLayerInfo_FullConnection>(21);
-  dense.in_features = 3;
-  dense.out_features = 2;
-  dense.if_bias = 1;
-  dense.weights = HalfFloats(Next(), 6);
-  dense.bias = HalfFloats(Next(), 2);
-  auto& lstm = AddTensors<QZLayerInfo_LSTM>(22);
-  lstm.in_size = 3;
-  lstm.hidden_size = 2;
-  lstm.num_layers = 2;
-  lstm.if_bias = lstm.bidirectional = 1;
-  lstm.stacking = version_ >= 10009 ? Next() : 0;
-  for (auto* const direction : {&lstm.forward, &lstm.reverse, &lstm.forward, &lstm.reverse})
-    direction->push_back(
-        {HalfFloats(Next(), 24), HalfFloats(Next(), 16), HalfFloats(Next(), 8), HalfFloats(Next(), 8)});
-  if (version_ >= 10011) FillActivation(AddTensors<QZLayerInfo_TensorActivation>(26));
-}
-
-}  // namespace
-
-std::vector<std::unique_ptr<QZLayerInfo>> OneOfEachOldLayer(unsigned int version) {
-  Sampler sampler(version);
-  sampler.AddPlaneLayers();
-  if (version >= 10008) sampler.AddTensorLayers();
-  return std::move(sampler.layers);
+  if (version < 10011) return file;
+  file.Start(26).Any(2);
+  tensor(3).Any(3).End();
+  return file;
 }
 
 bool ReadOldModel(std::string const& bytes, QZNetLoader& loader) {
