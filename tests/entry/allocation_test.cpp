@@ -6,16 +6,12 @@
 #include <cstdlib>
 #include <new>
 
-#include "talvo/entry/create_context.h"
-#include "talvo/entry/load_model.h"
-#include "talvo/entry/register_operators.h"
-#include "talvo/entry/reset_rnn_state.h"
 #include "talvo/image/image_process_fallback.h"
 #include "talvo/serialization/layer_info_rnn.h"
 #include "talvo/utility/log.h"
 #include "tests/runtime/scripted_kernel.h"
+#include "tests/support/application.h"
 #include "tests/support/bits.h"
-#include "tests/support/guarded_context.h"
 #include "tests/support/scratch_folder.h"
 #include "tests/support/small_model.h"
 
@@ -61,6 +57,7 @@ using namespace talvo::runtime;
 using test::ModelBuilder;
 using test::ScriptedKernel;
 using test::Tensors;
+using Outputs = std::vector<std::vector<float>>;
 
 // A net of `sizes`: each layer makes a tensor of its size, with a scratch tensor of 100 elements beside it.
 Net NetOf(std::vector<unsigned int> const& sizes) {
@@ -101,8 +98,6 @@ TEST(Allocation, PassesOverFixedShapesSoonTakeNothingFromTheSystem) {
     EXPECT_EQ(aligned_allocations, after_first);
   }
 }
-
-using Input = std::shared_ptr<Tensor> (*)(Context const&);
 
 std::shared_ptr<Tensor> Picture(Context const& context) {
   return test::FloatTensor(context, {3, 8, 8}, TensorShape::CHW, test::Floats(1, 192));
@@ -149,75 +144,33 @@ ModelBuilder RecurrentModel() {
   return net;
 }
 
-// An application, from the package's file to the model's outputs. What a failure left undone is done by the next Run.
-class Application {
- public:
-  Application(std::string const& path, Input input) : path_(path), input_(input) {}
-
-  std::vector<float> Run() {
-    if (package_ == nullptr || package_->net == nullptr) Open();
-    utility::ResetRNNState(*package_->net);
-    package_->inputs[0] = input_(*context_);
-    auto const outputs = package_->net->Forward(package_->inputs, package_->output_ids, context_, nullptr, nullptr);
-    std::vector<float> values;
-    for (unsigned int id : package_->output_ids) {
-      auto const more = test::Values(*outputs.at(id).at(0));
-      values.insert(values.end(), more.begin(), more.end());
-    }
-    return values;
-  }
-
- private:
-  void Open() {
-    if (context_ == nullptr) utility::create_context(context_, 64);
-    utility::init_register_operators(kernels_, params_);
-    TLNModel file;
-    bool const is_text = path_.back() == 'n';
-    if (utility::load_model(path_, packages_, context_, kernels_, params_, "test", 3, 4) != 0 ||
-        !file.FromFile(path_.c_str(), is_text ? "json" : "bin"))
-      throw std::runtime_error("the package does not open");
-    package_ = packages_.at("m");
-    Load_Single_Net(package_, file.model_arr->models.at("m"), file.config_arr->configs.at("m"), "x86");
-  }
-
-  std::string const path_;
-  Input const input_;
-  ClassRegistry<std::shared_ptr<IKernel>> kernels_;
-  ClassRegistry<std::shared_ptr<InferenceParam>> params_;
-  std::shared_ptr<Context> context_;  // its pools end the process when a tensor is left
-  std::map<std::string, std::shared_ptr<utility::_NetworkPackage>> packages_;
-  std::shared_ptr<utility::_NetworkPackage> package_;
-};
-
 // Runs with the k-th allocation failing, and then again; false when the run ended before that allocation.
-bool SurvivesFailure(std::string const& path, Input input, long k, std::vector<float> const& want) {
-  Application application(path, input);
-  std::vector<float> got;
+bool SurvivesFailure(std::string const& path, test::Application::Input const& input, long k, Outputs const& want) {
+  test::Application application(path);
+  Outputs got;
   until_failure = k;
   try {
-    got = application.Run();
+    got = application.Run(input);
   } catch (std::exception const&) {
   }
   bool const reached = until_failure == 0;
   until_failure = 0;
-  test::ExpectSameBits(want, got.empty() ? application.Run() : got);
+  if (got.empty()) got = application.Run(input);
+  for (std::size_t i = 0; i < want.size(); ++i) test::ExpectSameBits(want[i], got.at(i));
   return reached;
 }
 
-int Discard(char const*) { return 0; }
-
 TEST(Allocation, EachMayFailAndLeavesNothingBehind) {
-  utility::SetLogCallback(Discard);
+  utility::SetLogCallback([](char const*) { return 0; });
   test::ScratchFolder const folder;
-  for (std::string const ending : {".tlnmodel", ".json"}) {
-    for (auto const& [name, model, input] :
-         {std::tuple<char const*, ModelBuilder, Input>{"picture", test::SmallModel(), Picture},
-          {"steps", RecurrentModel(), Steps},
-          {"frame", test::SmallModel(), PictureOfAFrame}}) {
-      std::string const path = folder.Path(name + ending);
-      model.Package("m")->ToFile(path.c_str(), ending == ".json" ? "json" : "bin");
-      std::vector<float> const want = Application(path, input).Run();
-      ASSERT_FALSE(want.empty());
+  using Row = std::tuple<char const*, ModelBuilder, test::Application::Input>;
+  for (auto const& [name, model, input] :
+       {Row{"picture", test::SmallModel(), Picture}, Row{"steps", RecurrentModel(), Steps},
+        Row{"frame", test::SmallModel(), PictureOfAFrame}}) {
+    for (std::string const form : {"bin", "json"}) {
+      std::string const path = folder.Path(name + std::string(form == "bin" ? ".tlnmodel" : ".json"));
+      model.Package("m")->ToFile(path.c_str(), form.c_str());
+      Outputs const want = test::Application(path).Run(input);
       long const live = live_objects;
       for (long k = 1; SurvivesFailure(path, input, k, want); ++k) {
         ASSERT_FALSE(HasFailure()) << path << ", allocation " << k;

@@ -57,14 +57,24 @@ class CreateNetTest : public testing::Test {
     return builder_.Add<ActivationInfo>(id, inputs, kernel);
   }
 
+  static std::shared_ptr<KernelInferenceConfig> Light(KernelCfg const& config) {
+    auto light = std::make_shared<KernelInferenceConfig>();
+    light->kernel_type = config.kernel_type;
+    light->infer_param = config.infer_param;
+    return light;
+  }
+
   // The light form of the builder's configuration.
   std::shared_ptr<InferenceConfig> Light() const {
     auto light = std::make_shared<InferenceConfig>();
     for (std::string const& id : builder_.model->squential_ids) {
-      LayerInferenceConfig layer;
-      layer.kernel = std::make_shared<KernelInferenceConfig>();
-      layer.kernel->kernel_type = builder_.config->layers.at(id)->kernel->kernel_type;
-      light->layers.push_back(layer);
+      LayerCfg const& config = *builder_.config->layers.at(id);
+      LayerInferenceConfig& layer = light->layers.emplace_back();
+      layer.kernel = Light(*config.kernel);
+      for (auto const& [position, kernel] : config.input_converters->kernels)
+        layer.input_converters[static_cast<unsigned int>(std::atoi(position.c_str()))] = Light(*kernel);
+      for (auto const& [position, kernel] : config.output_converters->kernels)
+        layer.output_converters[static_cast<unsigned int>(std::atoi(position.c_str()))] = Light(*kernel);
     }
     return light;
   }
@@ -82,8 +92,10 @@ TEST_F(CreateNetTest, WiresEveryInputToOutputZeroOfItsProducer) {
   Add("c", {"a"});
   Add("b", {"a"});
   Add("d", {"b", "c", "b", "nowhere"});
+  Add("e", {"c"}).id = "d";
   for (auto const& net : {Packaged(), FromLight()}) {
-    ASSERT_EQ(net->layers.size(), 4u);
+    ASSERT_EQ(net->layers.size(), 5u);
+    EXPECT_EQ(net->layers[1]->consumers, (Refs{{3, 1}, {3, 0}})) << "a reader is what its record says it is";
     EXPECT_EQ(net->layers[3]->input_refs, (Refs{{2, 0}, {1, 0}, {2, 0}, {0, 0}})) << "the order is the layer's own";
     EXPECT_EQ(net->layers[0]->consumers, (Refs{{1, 0}, {2, 0}, {3, 3}})) << "an unknown id counts as layer 0";
     EXPECT_EQ(net->layers[2]->consumers, (Refs{{3, 0}, {3, 2}}));
@@ -92,9 +104,30 @@ TEST_F(CreateNetTest, WiresEveryInputToOutputZeroOfItsProducer) {
 }
 
 TEST_F(CreateNetTest, NamesTypesByTheirNumber) {
-  std::vector<std::pair<unsigned short, char const*>> const rows = {
-      {0, "Input"}, {1, "Activation"},   {2, "Conv2d"}, {4, "UnKnown"},    {16, "TensorUnSqueeze"},
-      {29, "Blob"}, {46, "TensorSlice"}, {254, "Blob"}, {65535, "UnKnown"}};
+  std::vector<std::pair<unsigned short, char const*>> const rows = {{0, "Input"},
+                                                                    {1, "Activation"},
+                                                                    {2, "Conv2d"},
+                                                                    {3, "ConvTranspose2d"},
+                                                                    {4, "UnKnown"},
+                                                                    {6, "AvgPool2d"},
+                                                                    {7, "MaxPool2d"},
+                                                                    {8, "InstanceNorm2d"},
+                                                                    {9, "BatchNorm2d"},
+                                                                    {10, "Upsample2d"},
+                                                                    {11, "ElementWiseOperator"},
+                                                                    {12, "Concatenate"},
+                                                                    {13, "TensorReshape"},
+                                                                    {14, "TensorTranspose"},
+                                                                    {15, "TensorSqueeze"},
+                                                                    {16, "TensorUnSqueeze"},
+                                                                    {17, "FullConnection"},
+                                                                    {21, "PixelShuffle"},
+                                                                    {22, "TensorGetItem"},
+                                                                    {29, "Blob"},
+                                                                    {36, "LSTM"},
+                                                                    {46, "TensorSlice"},
+                                                                    {254, "Blob"},
+                                                                    {65535, "UnKnown"}};
   Add("a", {});
   for (auto const& [number, name] : rows) Add("layer " + std::to_string(number), {"a"}).type = number;
   auto const net = Packaged();
@@ -110,14 +143,20 @@ TEST_F(CreateNetTest, ConfiguresConvertersAroundTheKernelOfEachLayer) {
   AddConverter(*layer.output_converters, "0", "Out");
   AddConverter(*layer.output_converters, "3", "Refusing");
   layer.kernel->infer_param = std::make_shared<InferenceParamConv2DQuant>();
-  auto const net = Packaged();
-  EXPECT_EQ(bound, (std::vector<std::string>{"K(a)", "In(-)", "K(-)", "K(b+p)", "Out(-)", "Refusing(-)"}));
-  auto const& converters = net->layers[1]->input_converters;
-  ASSERT_EQ(converters.size(), 2u);
-  EXPECT_EQ(converters.at(0)->GetName(), "K");
-  EXPECT_EQ(converters.at(1)->GetName(), "In");
-  EXPECT_EQ(net->layers[1]->output_converters.at(0)->GetName(), "Out");
-  EXPECT_EQ(net->layers[1]->output_converters.at(3), nullptr) << "a converter that refuses stays empty";
+  for (bool const packaged : {true, false}) {
+    SCOPED_TRACE(packaged);
+    bound.clear();
+    auto const net = packaged ? Packaged() : FromLight();
+    auto want = std::vector<std::string>{"K(a)", "In(-)", "K(-)", "K(b+p)", "Out(-)", "Refusing(-)"};
+    if (!packaged) std::swap(want[1], want[2]);  // by position
+    EXPECT_EQ(bound, want);
+    auto const& converters = net->layers[1]->input_converters;
+    ASSERT_EQ(converters.size(), 2u);
+    EXPECT_EQ(converters.at(0)->GetName(), "K");
+    EXPECT_EQ(converters.at(1)->GetName(), "In");
+    EXPECT_EQ(net->layers[1]->output_converters.at(0)->GetName(), "Out");
+    EXPECT_EQ(net->layers[1]->output_converters.at(3), nullptr) << "a converter that refuses stays empty";
+  }
 }
 
 TEST_F(CreateNetTest, AMainKernelThatRefusesEndsOneFormAndStaysEmptyInTheOther) {
@@ -185,15 +224,16 @@ TEST_F(CreateNetTest, RefusesWhatCannotRun) {
 
 TEST_F(CreateNetTest, RefusesEmptyArgumentsAndShortLightConfigurations) {
   Add("a", {});
-  test::RefusalOf([&] { CreateNet(nullptr, builder_.config, kernels_, context_); });
-  test::RefusalOf([&] { CreateNet(builder_.model, std::shared_ptr<TLModelCfg>(), kernels_, context_); });
-  test::RefusalOf([&] { CreateNet(builder_.model, CreateCfg(builder_.model, kernels_, "x86"), kernels_, context_); });
-  auto light = Light();
+  auto light = Light(), short_of_one = std::make_shared<InferenceConfig>();
   light->layers[0].kernel = nullptr;
-  test::RefusalOf([&] { CreateNet(builder_.model, light, kernels_, context_); });
-  light->layers.clear();
-  std::string const text = test::RefusalOf([&] { CreateNet(builder_.model, light, kernels_, context_); });
-  EXPECT_NE(text.find("layer a: the configuration has 0 records"), std::string::npos) << text;
+  auto const expect = [&](std::shared_ptr<TLModelInfo> const& model, auto const& config, char const* text) {
+    EXPECT_NE(test::RefusalOf([&] { CreateNet(model, config, kernels_, context_); }).find(text), std::string::npos);
+  };
+  expect(nullptr, builder_.config, "the model is empty");
+  expect(builder_.model, std::shared_ptr<TLModelCfg>(), "the configuration is empty");
+  expect(builder_.model, CreateCfg(builder_.model, kernels_, "x86"), "the configuration is empty");
+  expect(builder_.model, light, "layer a: its configuration names no kernel");
+  expect(builder_.model, short_of_one, "layer a: the configuration has 0 records");
 }
 
 }  // namespace

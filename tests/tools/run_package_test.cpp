@@ -129,21 +129,28 @@ TEST_F(RunPackageTest, ListsNumbersThatJSONCannotHold) {
   ExpectHolds(RunWell("open.tlnmodel --list").out, {"  open                    ClipInfo "});
 }
 
-TEST_F(RunPackageTest, RunsOnWithTheNextInputs) {
+TEST_F(RunPackageTest, RunsOnWithTheNextInputsAndWritesEachOutputToAFileOfItsOwn) {
   ModelBuilder builder;
-  builder.AddInput("in/1");
-  builder.AddInput("two");
-  builder.model->squential_output_ids = {"in/1"};
+  for (char const* id : {"in/1", "in_1", "other"}) builder.AddInput(id);
+  builder.model->squential_output_ids = {"in_1", "in/1", "in_1"};
   Save(*builder.Package("m"), "p.json");
   WriteNpy("a.npy", "<f4", "2,", {1, 2});
   WriteNpy("b.npy", "<f4", "1, 2", {3, 5});
-  Result const result =
-      RunWell("p.json --input in/1=a.npy --next --input in/1=b.npy --next --input in/1=CL:b.npy --output-dir d");
-  ExpectHolds(result.out, {"run 0\nin/1: [2] C, minimum 1, maximum 2, mean 1.5\n", "run 1\nin/1: [1, 2] SC, minimum 3",
-                           "run 2\nin/1: [1, 2] CL"});
-  EXPECT_NE(ReadAll(folder_ / "d/0/in_1.npy"), ReadAll(folder_ / "d/1/in_1.npy"));
-  EXPECT_EQ(ReadAll(folder_ / "d/1/in_1.npy"), ReadAll(folder_ / "d/2/in_1.npy"));
-  ExpectError("p.json --input in/1=a.npy --output two", "input layer \"two\" has no tensor");
+  Result const result = RunWell(
+      "p.json --input in/1=a.npy --input in_1=b.npy --input other=a.npy --next --input in/1=b.npy --next "
+      "--input in/1=CL:b.npy --output-dir d");
+  ExpectHolds(result.out, {"run 0\nin_1: [1, 2] SC, minimum 3, maximum 5, mean 4\nin/1: [2] C, minimum 1",
+                           "run 1\nin_1", "in/1: [1, 2] SC", "in/1: [1, 2] CL"});
+  auto const values = [&](fs::path const& file) {
+    return ReadAll(folder_ / file).substr(fs::file_size(folder_ / file) - 8);
+  };
+  for (auto const& [file, input] : {std::pair{"d/0/in_1.npy", "b.npy"},
+                                    {"d/0/in_1_2.npy", "a.npy"},
+                                    {"d/1/in_1.npy", "b.npy"},
+                                    {"d/2/in_1_2.npy", "b.npy"}})
+    EXPECT_EQ(values(file), values(input)) << file;
+  EXPECT_FALSE(fs::exists(folder_ / "d/0/in_1_3.npy")) << "an output that is named twice";
+  ExpectError("p.json --input in/1=a.npy --output other", "input layer \"in_1\" has no tensor");
 }
 
 TEST_F(RunPackageTest, ReportsBadInputInOneLine) {

@@ -6,10 +6,8 @@
 #include <fstream>
 #include <memory>
 
-#include "talvo/entry/load_model.h"
-#include "talvo/entry/register_operators.h"
+#include "tests/support/application.h"
 #include "tests/support/bits.h"
-#include "tests/support/guarded_context.h"
 #include "tests/support/scratch_folder.h"
 #include "tests/support/tlmodel1_writer.h"
 
@@ -34,33 +32,22 @@ Outcome Upgrade(std::string const& arguments) {
   return outcome;
 }
 
-// A file of version 10011 with an input of four channels, layer 1, and these layers.
+// A file of version 10011 with an input, layer 1, and these layers.
 std::string OldFile(std::initializer_list<QZLayerInfo const*> layers) {
   TLModel1Writer file(10011);
-  auto input = OldLayer<QZLayerInfo_Input>(0, 1, {});
-  input.output_shapes = {OldShape(4, 6, 6)};
-  file.Add(input);
+  file.Add(OldLayer<QZLayerInfo_Input>(1, {}));
   for (QZLayerInfo const* const layer : layers) file.Add(*layer);
   return file.bytes;
 }
 
-template <class Layer>
-Layer OldPlanes(unsigned short type, unsigned short id, unsigned short input, unsigned short in, unsigned short out) {
-  Layer layer = OldLayer<Layer>(type, id, {input});
-  layer.input_shapes = {OldShape(in, 6, 6)};
-  layer.output_shapes = {OldShape(out, 6, 6)};
-  return layer;
-}
-
-template <class Layer>
-void FillConvolution(Layer& layer, std::size_t weights) {
-  layer.kernel_x = layer.kernel_y = layer.stride_x = layer.stride_y = 1;
-  layer.weights = HalfFloats(layer.id, weights);
-  layer.bias = HalfFloats(layer.id + 50u, layer.output_shapes[0].channels);
+// A convolution of one tap.
+template <class Layer = QZLayerInfo_Conv2D>
+Layer OldPoints(unsigned short id, unsigned short input, unsigned short in, unsigned short out, std::size_t weights) {
+  return OldConvolution<Layer>(id, input, in, out, 1, 1, weights);
 }
 
 QZLayerInfo_BatchNormalization Normalisation(unsigned short id, unsigned short input, unsigned short channels) {
-  auto layer = OldPlanes<QZLayerInfo_BatchNormalization>(7, id, input, channels, channels);
+  auto layer = OldLayer<QZLayerInfo_BatchNormalization>(id, {input}, channels, channels);
   layer.scale = HalfFloats(id, channels);
   layer.shift = HalfFloats(id + 50u, channels);
   layer.mean = HalfFloats(id + 60u, channels);
@@ -73,37 +60,26 @@ float Normalised(QZLayerInfo_BatchNormalization const& layer, std::size_t channe
          layer.shift[channel];
 }
 
-// Opens the package with the default sdk and runs its only model on a picture of one point.
-std::vector<float> RunPackage(std::string const& path, std::string const& id, std::vector<float> const& input) {
-  auto context = GuardedContext();
-  ClassRegistry<std::shared_ptr<IKernel>> kernels;
-  ClassRegistry<std::shared_ptr<InferenceParam>> params;
-  utility::init_register_operators(kernels, params);
-  std::map<std::string, std::shared_ptr<utility::_NetworkPackage>> packages;
-  EXPECT_EQ(utility::load_model(path, packages, context, kernels, params, "x86", 1, 0), 0);
-  TLNModel file;
-  file.FromFile(path.c_str(), "bin");
-  auto package = packages.at(id);
-  for (char const* const backend : {"arm", "x86"})
-    utility::Load_Single_Net(package, file.model_arr->models.at(id), file.config_arr->configs.at(id), backend);
-  auto const channels = static_cast<unsigned int>(input.size());
-  package->inputs[0] = FloatTensor(*context, {channels, 1, 1}, TensorShape::CHW, input);
-  auto const outputs = package->net->Forward(package->inputs, package->output_ids, context, nullptr, nullptr);
-  return Values(*outputs.at(package->output_ids.at(0)).at(0));
+// The result of the package on a picture of one point, the same for both back ends.
+std::vector<float> RunPackage(std::string const& path, std::vector<float> const& input) {
+  auto const point = [&](Context const& context) {
+    return FloatTensor(context, {static_cast<unsigned int>(input.size()), 1, 1}, TensorShape::CHW, input);
+  };
+  auto const result = Application(path).Run(point).at(0);
+  EXPECT_EQ(Application(path).Run(point, "arm").at(0), result);
+  return result;
 }
 
 // A grouped convolution and a transposed one, each with its normalisation, and a leaky activation.
 TEST(UpgradeModel, FoldsNormalisationsIntoTheirConvolutions) {
-  auto direct = OldPlanes<QZLayerInfo_Conv2D>(1, 2, 1, 4, 6);
+  auto direct = OldPoints(2, 1, 4, 6, 6 * 2);
   direct.groups = 2;
   direct.if_bias = 1;
-  FillConvolution(direct, 6 * 2);
   auto const first = Normalisation(3, 2, 6), second = Normalisation(6, 5, 3);
-  auto leaky = OldPlanes<QZLayerInfo_Activation>(8, 4, 3, 6, 6);
+  auto leaky = OldLayer<QZLayerInfo_Activation>(4, {3});
   leaky.kind = 6;
   leaky.alpha = half(0.25f);
-  auto transposed = OldPlanes<QZLayerInfo_Conv2DTranspose>(2, 5, 4, 6, 3);
-  FillConvolution(transposed, 6 * 3);
+  auto const transposed = OldPoints<QZLayerInfo_Conv2DTranspose>(5, 4, 6, 3, 6 * 3);
   ScratchFolder const folder;
   std::string const in = folder.Save("in.old", OldFile({&direct, &first, &leaky, &transposed, &second}));
   std::string const out = folder.Path("out.tlnmodel");
@@ -126,14 +102,13 @@ TEST(UpgradeModel, FoldsNormalisationsIntoTheirConvolutions) {
     for (std::size_t i = 0; i < 6; ++i) want[o] += transposed.weights[o * 6 + i] * middle[i];
     want[o] = Normalised(second, o, want[o]);  // if_bias is 0
   }
-  std::vector<float> const got = RunPackage(out, "net", input);
+  std::vector<float> const got = RunPackage(out, input);
   ASSERT_EQ(got.size(), want.size());
   for (std::size_t i = 0; i < 3; ++i) EXPECT_NEAR(got[i], want[i], 0.004f) << "12 roundings to binary16";
 }
 
 TEST(UpgradeModel, TakesTheKernelsOfAConfiguration) {
-  auto convolution = OldPlanes<QZLayerInfo_Conv2D>(1, 2, 1, 4, 2);
-  FillConvolution(convolution, 8);
+  auto convolution = OldPoints(2, 1, 4, 2, 8);
   convolution.activation = 2;
   TLModelCfg config;
   for (auto const& [id, kernel] : {std::pair{"layer-1", "Input_Fallback_M1"},
@@ -156,7 +131,7 @@ TEST(UpgradeModel, TakesTheKernelsOfAConfiguration) {
     for (std::size_t i = 0; i < 4; ++i) want[o] += convolution.weights[o * 4 + i] * input[i];
     want[o] = std::max(want[o], 0.0f);
   }
-  ExpectNearSum(want, RunPackage(out, "stem", input), 4, 4.0f);
+  ExpectNearSum(want, RunPackage(out, input), 4, 4.0f);
   auto second = convolution;
   second.id = 3;
   EXPECT_EQ(Upgrade(folder.Save("stem.old", OldFile({&convolution, &second})) + " " + out + " --config " + json).text,
@@ -164,23 +139,21 @@ TEST(UpgradeModel, TakesTheKernelsOfAConfiguration) {
 }
 
 TEST(UpgradeModel, RefusesWithLayerAndReason) {
-  auto sigmoid = OldPlanes<QZLayerInfo_Activation>(8, 2, 1, 4, 4);
+  auto sigmoid = OldLayer<QZLayerInfo_Activation>(2, {1});
   sigmoid.kind = 1;
-  auto bicubic = OldPlanes<QZLayerInfo_Upsampling>(14, 2, 1, 4, 4);
+  auto bicubic = OldLayer<QZLayerInfo_Upsampling>(2, {1});
   bicubic.mode = 2;
-  auto concatenation = OldLayer<QZLayerInfo_Concatenate>(11, 2, {1, 1});
-  concatenation.output_shapes = {OldShape(4, 6, 6)};
+  auto concatenation = OldLayer<QZLayerInfo_Concatenate>(2, {1, 1});
   concatenation.axis = 1;
-  auto const squeeze = OldLayer<QZLayerInfo_TensorSqueeze>(20, 2, {1});
-  auto shuffle = OldPlanes<QZLayerInfo_ChannelShuffle>(15, 2, 1, 1, 1);
+  auto const squeeze = OldLayer<QZLayerInfo_TensorSqueeze>(2, {1});
+  auto shuffle = OldLayer<QZLayerInfo_ChannelShuffle>(2, {1}, 1);
   shuffle.order = {0};
-  auto convolution = OldPlanes<QZLayerInfo_Conv2D>(1, 2, 1, 4, 2);
-  FillConvolution(convolution, 8);
+  auto const convolution = OldPoints(2, 1, 4, 2, 8);
   auto activated = convolution;
   activated.activation = 2;
   auto const normalisation = Normalisation(3, 2, 2), wide = Normalisation(3, 2, 5), other = Normalisation(4, 2, 2);
   auto const again = Normalisation(4, 3, 2);
-  auto const nothing = OldPlanes<QZLayerInfo_DepthWiseConv2D>(3, 2, 1, 0, 0);
+  auto const nothing = OldLayer<QZLayerInfo_DepthWiseConv2D>(2, {1}, 0, 0);
   auto const of_nothing = Normalisation(3, 2, 0);
   auto constant = normalisation;
   constant.variance[1] = -1.0f;
