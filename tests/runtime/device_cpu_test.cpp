@@ -84,14 +84,12 @@ using S = TensorShape;
 TEST(DeviceCPUFactories, ClearZeroTensors) {
   auto const context = test::GuardedContext();  // fills new blocks with a pattern
   auto& device = *context->device_cpu;
-  std::pair<Want, TensorPtr> const made[] = {
-      {{{5}, S::FLOAT16, S::C}, device.CreateZeroF16CMainMem(5)},
-      {{{5}, S::FLOAT32, S::C}, device.CreateZeroF32CMainMem(5)},
-      {{{2, 3, 4}, S::FLOAT32, S::CHW}, device.CreateZeroF32CHWMainMem(2, 3, 4)},
-      {{{2, 3}, S::FLOAT16, S::FLEXIABLE}, device.CreateZeroF16FlexiableMainMem({2, 3})},
-      {{{2, 3}, S::FLOAT32, S::FLEXIABLE}, device.CreateZeroF32FlexiableMainMem({2, 3})},
-  };
-  for (auto const& [want, tensor] : made) {
+  for (auto const& [want, tensor] : std::initializer_list<std::pair<Want, TensorPtr>>{
+           {{{5}, S::FLOAT16, S::C}, device.CreateZeroF16CMainMem(5)},
+           {{{5}, S::FLOAT32, S::C}, device.CreateZeroF32CMainMem(5)},
+           {{{2, 3, 4}, S::FLOAT32, S::CHW}, device.CreateZeroF32CHWMainMem(2, 3, 4)},
+           {{{2, 3}, S::FLOAT16, S::FLEXIABLE}, device.CreateZeroF16FlexiableMainMem({2, 3})},
+           {{{2, 3}, S::FLOAT32, S::FLEXIABLE}, device.CreateZeroF32FlexiableMainMem({2, 3})}}) {
     ExpectShape(want, tensor);
     auto const* const bytes = tensor->Data<unsigned char>();
     EXPECT_EQ(std::count(bytes, bytes + ByteCount(tensor->shape), 0), ByteCount(tensor->shape));

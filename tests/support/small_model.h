@@ -6,9 +6,8 @@
 
 namespace talvo::test {
 
-/// Input "picture" CHW {3, 8, 8}; outputs "classes" {5}, "plane" {2, 8, 8}, "sequence" {4, 4} and
-/// "sampled" {10, 2, 8}. Every weight is exact in binary16, so
-/// that both package forms hold the same numbers.
+/// The model of fuzz/corpus/run_package. Input "picture" CHW {3, 8, 8}; outputs "classes" {5}, "plane" {2, 8, 8},
+/// "sequence" {4, 4} and "sampled" {10, 2, 8}. Every weight is exact in binary16, so that both forms hold the same.
 ModelBuilder SmallModel();
 
 }  // namespace talvo::test
