@@ -15,47 +15,41 @@ namespace {
 using runtime::ActivationInfo;
 using test::LogCapture;
 using test::ModelBuilder;
-
-constexpr char kLarger[] = "tln_core version required by model is larger than actually used!";
+using Configs = runtime::TLModelMultiBackendCfgs;
 
 TEST(Version, IsOnePointZero) {
   unsigned int major = 9, minor = 9;
   EXPECT_EQ(TLN_Get_Core_Version(major, minor), 0);
-  EXPECT_EQ(major, 1u);
-  EXPECT_EQ(minor, 0u);
+  EXPECT_EQ(major * 10 + minor, 10u);
   EXPECT_EQ(tln_core_iosVersionNumber, 1.0);
   EXPECT_STREQ(tln_core_iosVersionString, "tln_core");
 }
 
 TEST(Version, IsCheckedInOrder) {
+  using Lines = std::vector<std::string>;
+  Lines const kLarger = {"[TLN]: tln_core version required by model is larger than actually used!\n"};
+  std::string const used = "[TLN]: sdk version used now: 3.5\n";
   struct Case {
-    char const *why, *sdk_type;
-    unsigned short core_major, core_minor, sdk_major, sdk_minor;
-    char const *line, *second_line;  // null: none
+    char const* why;
+    _TLNModelVerInfo model;
+    Lines lines;
   };
-  constexpr char kUsed[] = "sdk version used now: 3.5";
-  for (Case const& c :
-       {Case{"equal", "x86", 1, 0, 3, 5, nullptr, nullptr},
-        {"older core", "x86", 0, 0, 3, 5, nullptr, nullptr},
-        {"a minor core number, even of an older one", "x86", 0, 1, 3, 5, kLarger, nullptr},
-        {"a newer minor core number", "x86", 1, 1, 3, 5, kLarger, nullptr},
-        {"a newer core", "x86", 2, 0, 3, 5, kLarger, nullptr},
-        {"an older sdk", "x86", 1, 0, 3, 4, "sdk version required by model: 3.4", kUsed},
-        {"a newer sdk", "x86", 1, 0, 4, 5, "sdk version required by model: 4.5", kUsed},
-        {"the core before the sdk", "x86", 1, 1, 9, 9, kLarger, nullptr},
-        {"the type before all", "X86", 2, 2, 9, 9, "Model type is X86, can not match sdk type", nullptr}}) {
+  for (Case const& c : std::vector<Case>{
+           {"equal", {"x86", 1, 0, 3, 5}, {}},
+           {"older core", {"x86", 0, 0, 3, 5}, {}},
+           {"a minor core number, even of an older one", {"x86", 0, 1, 3, 5}, kLarger},
+           {"a newer minor core number", {"x86", 1, 1, 3, 5}, kLarger},
+           {"a newer core", {"x86", 2, 0, 3, 5}, kLarger},
+           {"an older sdk", {"x86", 1, 0, 3, 4}, {"[TLN]: sdk version required by model: 3.4\n", used}},
+           {"a newer sdk", {"x86", 1, 0, 4, 5}, {"[TLN]: sdk version required by model: 4.5\n", used}},
+           {"the core before the sdk", {"x86", 1, 1, 9, 9}, kLarger},
+           {"the type before all", {"X86", 2, 2, 9, 9}, {"[TLN]: Model type is X86, can not match sdk type\n"}},
+           {"all bytes", {{"x86\0", 4}, 1, 0, 3, 5}, {"[TLN]: Model type is x86, can not match sdk type\n"}}}) {
     SCOPED_TRACE(c.why);
     LogCapture const log;
-    std::vector<std::string> want;
-    for (char const* line : {c.line, c.second_line}) {
-      if (line != nullptr) want.push_back("[TLN]: " + std::string(line) + "\n");
-    }
-    EXPECT_EQ(check_version("x86", 3, 5, {c.sdk_type, c.core_major, c.core_minor, c.sdk_major, c.sdk_minor}),
-              want.empty() ? 0 : -2);
-    EXPECT_EQ(log.Lines(), want);
+    EXPECT_EQ(check_version("x86", 3, 5, c.model), c.lines.empty() ? 0 : -2);
+    EXPECT_EQ(log.Lines(), c.lines);
   }
-  LogCapture const log;
-  EXPECT_EQ(check_version("x86", 3, 5, {std::string("x86\0", 4), 1, 0, 3, 5}), -2) << "all bytes count";
 }
 
 class LoadModelTest : public testing::Test {
@@ -63,6 +57,8 @@ class LoadModelTest : public testing::Test {
   LoadModelTest() {
     create_context(context_, 64);
     init_register_operators(kernels_, params_);
+    package_->kernels = &kernels_;
+    package_->context = context_;
   }
 
   // An input and an activation, twice; the outputs stand in another order.
@@ -81,40 +77,37 @@ class LoadModelTest : public testing::Test {
     return load_model(path, packages_, context_, kernels_, params_, sdk_type, 3, 4);
   }
 
-  int LoadPackage(runtime::TLNModel& file, std::string const& ending, std::string const& sdk_type = "test") {
-    path_ = folder_.Path("package" + ending);
-    file.ToFile(path_.c_str(), ending == ".json" ? "json" : "bin");
-    return Load(path_, sdk_type);
-  }
-
-  std::shared_ptr<_NetworkPackage> EmptyPackage() {
-    auto package = std::make_shared<_NetworkPackage>();
-    package->kernels = &kernels_;
-    package->context = context_;
-    return package;
+  void LoadNet(ModelBuilder const& builder, std::shared_ptr<Configs> const& configs, char const* backend) {
+    Load_Single_Net(package_, builder.model, configs, backend);
   }
 
   std::shared_ptr<runtime::Context> context_;
   runtime::ClassRegistry<std::shared_ptr<runtime::IKernel>> kernels_;
   runtime::ClassRegistry<std::shared_ptr<runtime::InferenceParam>> params_;
   std::map<std::string, std::shared_ptr<_NetworkPackage>> packages_;
+  std::shared_ptr<_NetworkPackage> package_ = std::make_shared<_NetworkPackage>();
   test::ScratchFolder const folder_;
-  std::string path_;  // of the package that was loaded last
 };
 
 TEST_F(LoadModelTest, MakesAnEmptyPackageForEachModelOnce) {
-  for (char const* ending : {".json", ".tlnmodel"}) {
+  auto const file = TwoInputs().Package("one");
+  TwoInputs().AddTo(*file, "two");
+  for (std::string const form : {"json", "bin"}) {
     packages_.clear();
-    auto const file = TwoInputs().Package("one");
-    TwoInputs().AddTo(*file, "two");
-    ASSERT_EQ(LoadPackage(*file, ending), 0);
+    std::string const path = folder_.Path(form == "json" ? "two.json" : "two.tlnmodel");
+    file->ToFile(path.c_str(), form.c_str());
+    EXPECT_EQ(Load(path, "TEST"), -2);
+    EXPECT_TRUE(packages_.empty());
+    ASSERT_EQ(Load(path), 0);
     ASSERT_EQ(packages_.size(), 2u);
     auto const one = packages_.at("one");
     EXPECT_EQ(one->params, &params_);
+    EXPECT_EQ(one->kernels, &kernels_);
+    EXPECT_EQ(one->context, context_);
     EXPECT_EQ(one->net, nullptr);
     EXPECT_EQ(one->inputs.count(0), 1u);
     EXPECT_EQ(one->output_ids, std::vector<unsigned int>{0});
-    EXPECT_EQ(Load(path_), 0);
+    EXPECT_EQ(Load(path), 0);
     EXPECT_EQ(packages_.at("one"), one) << "the second load keeps what is there";
   }
 }
@@ -122,35 +115,30 @@ TEST_F(LoadModelTest, MakesAnEmptyPackageForEachModelOnce) {
 TEST_F(LoadModelTest, RefusesFiles) {
   EXPECT_THROW(Load("a.tlmod"), std::out_of_range) << "shorter than the longest ending";
   EXPECT_THROW(Load("json"), std::out_of_range);
-  EXPECT_NE(test::RefusalOf([&] { Load("folder/a.tlmod"); }).find("Unknow file type, file path: folder/a.tlmod."),
-            std::string::npos);
-  test::RefusalOf([&] { Load("folder/package.JSON"); });
+  for (std::string const path : {"folder/a.tlmod", "folder/package.JSON"})
+    EXPECT_EQ(test::RefusalOf([&] { Load(path); }), "[TLN]: Unknow file type, file path: " + path + ".\n");
   LogCapture const quiet;
   EXPECT_EQ(Load("/nowhere/a.tlnmodel"), -2);
   EXPECT_THROW(Load("/nowhere/a.json"), std::runtime_error);
-  auto const file = TwoInputs().Package("one");
-  EXPECT_EQ(LoadPackage(*file, ".tlnmodel", "TEST"), -2);
-  EXPECT_TRUE(packages_.empty());
   EXPECT_THROW(Load(folder_.Save("cut.tlnmodel", "\x2f\x4e")), std::runtime_error);
 }
 
 TEST_F(LoadModelTest, FillsAPackage) {
   ModelBuilder const builder = TwoInputs();
-  auto package = EmptyPackage();
-  package->inputs.clear();  // the application may drop the idle slot, and loading again keeps slots
-  auto const file = builder.Package("m");
-  Load_Single_Net(package, builder.model, file->config_arr->configs.at("m"), "x86");
-  ASSERT_NE(package->net, nullptr);
-  EXPECT_EQ(package->inputs.size(), 2u);
-  EXPECT_EQ(package->inputs.count(2), 1u);
-  EXPECT_EQ(package->output_ids, (std::vector<unsigned int>{3, 1}));
-  EXPECT_EQ(package->extra_info.model_id, 77u);
+  auto const configs = builder.Package("m")->config_arr->configs.at("m");
+  package_->inputs.clear();  // the application may drop the idle slot, and loading again keeps slots
+  LoadNet(builder, configs, "x86");
+  ASSERT_NE(package_->net, nullptr);
+  EXPECT_EQ(package_->inputs.size(), 2u);
+  EXPECT_EQ(package_->inputs.count(2), 1u);
+  EXPECT_EQ(package_->output_ids, (std::vector<unsigned int>{3, 1}));
+  EXPECT_EQ(package_->extra_info.model_id, 77u);
 
-  package->inputs[7] = nullptr;
+  package_->inputs[7] = nullptr;
   builder.model->squential_output_ids = {"nowhere", "b"};
-  Load_Single_Net(package, builder.model, file->config_arr->configs.at("m"), "x86");
-  EXPECT_EQ(package->inputs.size(), 3u);
-  EXPECT_EQ(package->output_ids, (std::vector<unsigned int>{0, 1})) << "an unknown id counts as layer 0";
+  LoadNet(builder, configs, "x86");
+  EXPECT_EQ(package_->inputs.size(), 3u);
+  EXPECT_EQ(package_->output_ids, (std::vector<unsigned int>{0, 1})) << "an unknown id counts as layer 0";
 }
 
 TEST_F(LoadModelTest, TakesTheConfigurationOfTheBackEnd) {
@@ -161,36 +149,35 @@ TEST_F(LoadModelTest, TakesTheConfigurationOfTheBackEnd) {
     return config;
   };
   auto const sigmoid = other("Sigmoid"), tanh = other("TanH"), swish = other("HSwish"), metal = other("HSigmoid");
-  using Configs = runtime::TLModelMultiBackendCfgs;
+  metal->summary = "m";
   struct Case {
-    char const *why, *backend;
+    char const* backend;
     std::function<void(Configs&)> fill;
     char const* kernel;  // its first word, null: refused
   };
   for (Case const& c : std::vector<Case>{
-           {"x86", "x86", [&](Configs& to) { to.cpu_sse = sigmoid, to.cpu_avx = tanh; }, "Sigmoid"},
-           {"x86 without", "x86", [&](Configs& to) { to.cpu_avx = tanh; }, nullptr},
-           {"x86, null", "x86", [&](Configs& to) { to.cpu_sse = nullptr; }, nullptr},
-           {"arm, first choice", "arm",
-            [&](Configs& to) { to.cpu_armv7 = sigmoid, to.cpu_armv8 = tanh, to.cpu_armv82 = swish; }, "TanH"},
-           {"arm, second choice", "arm", [&](Configs& to) { to.cpu_armv7 = sigmoid, to.cpu_armv82 = swish; }, "HSwish"},
-           {"arm, last choice", "arm", [&](Configs& to) { to.cpu_armv7 = sigmoid; }, "Sigmoid"},
-           {"arm without", "arm", [&](Configs& to) { to.cpu_sse = sigmoid; }, nullptr},
-           {"metal", "metal", [&](Configs& to) { metal->summary = "m", to.gpu_metal = metal; }, "HSigmoid"},
-           {"metal without summary", "metal", [&](Configs& to) { metal->summary.clear(), to.gpu_metal = metal; },
-            nullptr},
-           {"another word", "avx", [&](Configs& to) { to.cpu_avx = to.cpu_sse = sigmoid; }, nullptr}}) {
-    SCOPED_TRACE(c.why);
+           {"x86", [&](Configs& to) { to.cpu_sse = sigmoid, to.cpu_avx = tanh; }, "Sigmoid"},
+           {"x86", [&](Configs& to) { to.cpu_avx = tanh; }, nullptr},
+           {"x86", [&](Configs& to) { to.cpu_sse = nullptr; }, nullptr},
+           {"arm", [&](Configs& to) { to.cpu_armv7 = sigmoid, to.cpu_armv8 = tanh, to.cpu_armv82 = swish; }, "TanH"},
+           {"arm", [&](Configs& to) { to.cpu_armv7 = sigmoid, to.cpu_armv82 = swish; }, "HSwish"},
+           {"arm", [&](Configs& to) { to.cpu_armv7 = sigmoid; }, "Sigmoid"},
+           {"arm", [&](Configs& to) { to.cpu_sse = sigmoid; }, nullptr},
+           {"metal", [&](Configs& to) { to.gpu_metal = metal; }, "HSigmoid"},
+           {"metal", [&](Configs& to) { to.gpu_metal = tanh; }, nullptr},  // without a summary
+           {"avx", [&](Configs& to) { to.cpu_avx = to.cpu_sse = sigmoid; }, nullptr}}) {
+    SCOPED_TRACE(c.backend);
     auto const configs = std::make_shared<Configs>();
     c.fill(*configs);
-    auto package = EmptyPackage();
+    package_->net = nullptr;
     if (c.kernel != nullptr) {
-      Load_Single_Net(package, builder.model, configs, c.backend);
-      EXPECT_EQ(package->net->layers[1]->kernel->GetName(), c.kernel + std::string("_Fallback_Float_M1"));
+      LoadNet(builder, configs, c.backend);
+      EXPECT_EQ(package_->net->layers[1]->kernel->GetName(), c.kernel + std::string("_Fallback_Float_M1"));
+      package_->output_ids.clear();
     } else {
-      test::RefusalOf([&] { Load_Single_Net(package, builder.model, configs, c.backend); });
-      EXPECT_EQ(package->net, nullptr);
-      EXPECT_EQ(package->output_ids, (std::vector<unsigned int>{3, 1})) << "slots and ids come before the net";
+      test::RefusalOf([&] { LoadNet(builder, configs, c.backend); });
+      EXPECT_EQ(package_->net, nullptr);
+      EXPECT_EQ(package_->output_ids, (std::vector<unsigned int>{3, 1})) << "slots and ids come before the net";
     }
   }
 }
@@ -198,12 +185,15 @@ TEST_F(LoadModelTest, TakesTheConfigurationOfTheBackEnd) {
 TEST_F(LoadModelTest, RefusesEmptyArguments) {
   ModelBuilder const builder = TwoInputs();
   auto const configs = builder.Package("m")->config_arr->configs.at("m");
-  auto package = EmptyPackage();
-  for (auto none : {std::shared_ptr<_NetworkPackage>(), std::make_shared<_NetworkPackage>()})
-    test::RefusalOf([&] { Load_Single_Net(none, builder.model, configs, "x86"); });
-  test::RefusalOf([&] { Load_Single_Net(package, nullptr, configs, "x86"); });
-  test::RefusalOf([&] { Load_Single_Net(package, builder.model, nullptr, "x86"); });
-  test::RefusalOf([&] { Load_Single_Net(package, builder.model, configs, nullptr); });
+  auto const refusal = [&](auto package, auto const& model, auto const& from, char const* backend) {
+    return test::RefusalOf([&] { Load_Single_Net(package, model, from, backend); });
+  };
+  std::shared_ptr<_NetworkPackage> const none, unregistered = std::make_shared<_NetworkPackage>();
+  EXPECT_EQ(refusal(none, builder.model, configs, "x86"), "[TLN]: Load_Single_Net: the package is empty\n");
+  EXPECT_NE(refusal(unregistered, builder.model, configs, "x86").find("no registry of kernels"), std::string::npos);
+  EXPECT_NE(refusal(package_, nullptr, configs, "x86").find("the model is empty"), std::string::npos);
+  EXPECT_NE(refusal(package_, builder.model, nullptr, "x86").find("the configuration is empty"), std::string::npos);
+  EXPECT_NE(refusal(package_, builder.model, configs, nullptr).find("the back end's name is"), std::string::npos);
 }
 
 }  // namespace
