@@ -4,6 +4,7 @@
 
 #include "talvo/runtime/create_net.h"
 #include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace {
 
@@ -34,8 +35,7 @@ bool EndsIn(std::string const& path, std::string const& ending) {
 char const* FormOf(std::string const& path) {
   if (EndsIn(path, ".json")) return "json";
   if (EndsIn(path, ".tlnmodel")) return "bin";
-  Assert(false, "Unknow file type, file path: %s.", path.c_str());
-  return nullptr;
+  Refuse("Unknow file type, file path: %s.", path.c_str());
 }
 
 bool NamesLayers(std::shared_ptr<TLModelCfg> const& config) {
@@ -105,18 +105,19 @@ int load_model(std::string path, std::map<std::string, std::shared_ptr<_NetworkP
 
 void Load_Single_Net(std::shared_ptr<_NetworkPackage>& package, std::shared_ptr<runtime::TLModelInfo> const& model,
                      std::shared_ptr<TLModelMultiBackendCfgs> const& configs, char const* sdk_type) {
-  Assert(package != nullptr && package->kernels != nullptr, "Load_Single_Net: %s",
-         package == nullptr ? "the package is empty" : "the package has no registry of kernels");
-  Assert(model != nullptr && configs != nullptr && sdk_type != nullptr, "Load_Single_Net: the %s is empty",
-         model == nullptr     ? "model"
-         : configs == nullptr ? "configuration"
-                              : "back end's name");
+  if (package == nullptr || package->kernels == nullptr)
+    Refuse("Load_Single_Net: %s",
+           package == nullptr ? "the package is empty" : "the package has no registry of kernels");
+  if (model == nullptr || configs == nullptr || sdk_type == nullptr)
+    Refuse("Load_Single_Net: the %s is empty", model == nullptr     ? "model"
+                                               : configs == nullptr ? "configuration"
+                                                                    : "back end's name");
   auto index_of = IndexLayers(model->squential_ids);
   for (std::string const& id : model->GetInputIDs()) package->inputs.emplace(index_of[id], nullptr);
   package->output_ids.clear();
   for (std::string const& id : model->squential_output_ids) package->output_ids.push_back(index_of[id]);
   auto const config = ConfigOf(*configs, sdk_type);
-  Assert(config != nullptr, "Load_Single_Net: the package has no configuration for the back end \"%s\"", sdk_type);
+  if (config == nullptr) Refuse("Load_Single_Net: the package has no configuration for the back end \"%s\"", sdk_type);
   package->net = runtime::CreateNet(model, config, *package->kernels, package->context);
   package->extra_info = model->extra_info;
 }

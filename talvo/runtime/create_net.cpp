@@ -10,11 +10,13 @@
 
 #include "talvo/serialization/record_support.h"
 #include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::runtime {
 namespace {
 
 using utility::Assert;
+using utility::Refuse;
 using KernelRegistry = ClassRegistry<std::shared_ptr<IKernel>>;
 using Converters = std::map<unsigned int, std::shared_ptr<IKernel>>;
 
@@ -51,7 +53,7 @@ char const* TypeName(unsigned int type) {
 void CheckRepetitions(std::vector<std::string> const& ids, char const* what, std::string const* layer_id) {
   std::string const* const repeated = support::RepeatedTooOften(ids);
   if (repeated == nullptr) return;
-  Assert(false, "%s of %s%s: the id %s stands more than %u times", what, layer_id != nullptr ? "layer " : "the model",
+  Refuse("%s of %s%s: the id %s stands more than %u times", what, layer_id != nullptr ? "layer " : "the model",
          layer_id != nullptr ? layer_id->c_str() : "", repeated->c_str(), support::kMostRepeats);
 }
 
@@ -66,7 +68,7 @@ class PackagedConfig {
   LayerCfg const& Layer(std::string const& id, std::size_t) const {
     auto const found = config_.layers.find(id);
     if (found == config_.layers.end() || found->second == nullptr) {
-      Assert(false, "layer %s: the configuration has no record of it", id.c_str());
+      Refuse("layer %s: the configuration has no record of it", id.c_str());
     }
     return *found->second;
   }
@@ -77,7 +79,7 @@ class PackagedConfig {
   template <typename Visit>
   static void ForEachConverter(std::string const& layer_id, std::shared_ptr<KernelCfgArr> const& converters,
                                Visit const& visit) {
-    Assert(converters != nullptr, "layer %s: its configuration has no list of converters", layer_id.c_str());
+    if (converters == nullptr) Refuse("layer %s: its configuration has no list of converters", layer_id.c_str());
     CheckRepetitions(converters->kernel_ids, "converters", &layer_id);
     for (std::string const& id : converters->kernel_ids) {
       auto const found = converters->kernels.find(id);
@@ -101,8 +103,8 @@ class LightConfig {
 
   LayerInferenceConfig const& Layer(std::string const& id, std::size_t index) const {
     if (index >= config_.layers.size()) {
-      Assert(false, "layer %s: the configuration has %zu records, none for layer index %zu", id.c_str(),
-             config_.layers.size(), index);
+      Refuse("layer %s: the configuration has %zu records, none for layer index %zu", id.c_str(), config_.layers.size(),
+             index);
     }
     return config_.layers[index];
   }
@@ -141,7 +143,7 @@ class Builder {
   void AddLayer(std::string const& id, std::size_t index) {
     auto const found = model_.layers.find(id);
     if (found == model_.layers.end() || found->second == nullptr)
-      Assert(false, "layer %s: the model has no record of it", id.c_str());
+      Refuse("layer %s: the model has no record of it", id.c_str());
     std::shared_ptr<LayerInfo> const& info = found->second;
     auto const& config = config_.Layer(id, index);
     auto layer = std::make_shared<Layer>();
@@ -169,11 +171,11 @@ class Builder {
   std::shared_ptr<IKernel> MakeKernel(std::string const& layer_id, std::shared_ptr<KernelConfig> const& config,
                                       std::shared_ptr<LayerInfo> const& info) {
     char const* const role = info != nullptr ? "kernel" : "converter";
-    Assert(config != nullptr, "layer %s: its configuration names no %s", layer_id.c_str(), role);
+    if (config == nullptr) Refuse("layer %s: its configuration names no %s", layer_id.c_str(), role);
     std::string const& name = config->kernel_type;
     auto kernel = kernels_.Create(name);
     if (Config::kLogs) utility::Log(2, "Create Kernel >> %s >> %s", name.c_str(), kernel != nullptr ? "ok" : "nullptr");
-    Assert(kernel != nullptr, "layer %s: its %s \"%s\" is not registered", layer_id.c_str(), role, name.c_str());
+    if (kernel == nullptr) Refuse("layer %s: its %s \"%s\" is not registered", layer_id.c_str(), role, name.c_str());
     if (kernel->Config(info, config->infer_param, context_)) return kernel;
     if (Config::kLogs) utility::Log(2, "Config Kernel <%s> failed.", name.c_str());
     return nullptr;
@@ -184,7 +186,7 @@ class Builder {
     for (std::size_t position = 0; position < info.input_ids.size(); ++position) {
       unsigned int const producer = index_of_[info.input_ids[position]];  // an id that no layer has enters as layer 0
       if (producer >= index) {
-        Assert(false, "layer %s (%s): its input %zu is layer %s, which does not stand before it", info.id.c_str(),
+        Refuse("layer %s (%s): its input %zu is layer %s, which does not stand before it", info.id.c_str(),
                layer.kernel != nullptr ? layer.kernel->GetName().c_str() : "no kernel", position,
                info.input_ids[position].c_str());
       }
@@ -204,9 +206,9 @@ class Builder {
 template <class Config, class Record>
 std::shared_ptr<Net> Create(std::shared_ptr<TLModelInfo> const& model, std::shared_ptr<Record> const& config,
                             KernelRegistry const& kernels, std::shared_ptr<Context> const& context) {
-  Assert(model != nullptr, "CreateNet: the model is empty");
-  Assert(config != nullptr,
-         "CreateNet: the configuration is empty; a package has one for each back end that it serves");
+  if (model == nullptr) Refuse("CreateNet: the model is empty");
+  if (config == nullptr)
+    Refuse("CreateNet: the configuration is empty; a package has one for each back end that it serves");
   return Builder<Config>(*model, Config(*config), kernels, context).Build();
 }
 

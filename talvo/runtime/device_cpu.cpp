@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "talvo/runtime/tensor_cpu.h"
-#include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::runtime {
 namespace {
@@ -16,8 +16,7 @@ TensorShape MainMemoryShape(std::vector<unsigned int> dims, unsigned int data_ty
 
 unsigned int CheckedByteCount(TensorShape const& shape) {
   if (shape.data_type > TensorShape::UINT8) {
-    utility::Assert(false, "tensor of dims %s: data type %u does not exist", DimsText(shape.dims).c_str(),
-                    shape.data_type);
+    utility::Refuse("tensor of dims %s: data type %u does not exist", DimsText(shape.dims).c_str(), shape.data_type);
   }
   return ByteCount(shape);
 }
@@ -30,8 +29,8 @@ std::shared_ptr<TensorCPU> CreatePoolTensor(TensorShape shape, void const* data,
   auto tensor = std::make_unique<TensorCPU>(std::move(shape), nullptr, device);
   tensor->data = pool.Malloc(bytes);
   if (tensor->data == nullptr) {
-    utility::Assert(false, "tensor of dims %s: the pool gave no memory for %u bytes",
-                    DimsText(tensor->shape.dims).c_str(), bytes);
+    utility::Refuse("tensor of dims %s: the pool gave no memory for %u bytes", DimsText(tensor->shape.dims).c_str(),
+                    bytes);
   }
   if (data != nullptr) std::memcpy(tensor->data, data, bytes);
   auto release = (tensor.get()->*deleter)();
@@ -46,12 +45,12 @@ DeviceCPU::DeviceCPU(CPUDeviceDesc const& device_desc, std::shared_ptr<MemoryPoo
 
 std::shared_ptr<TensorCPU> DeviceCPU::CreateTensor(TensorShape shape, void const* data) {
   if (use_dynamic_pool && dynamic_pool != nullptr) return CreateTensorDynamic(std::move(shape), data);
-  utility::Assert(memory_pool != nullptr, "CreateTensor: the device has no memory pool");
+  if (memory_pool == nullptr) utility::Refuse("CreateTensor: the device has no memory pool");
   return CreatePoolTensor(std::move(shape), data, *memory_pool, this, &TensorCPU::GetDeleter);
 }
 
 std::shared_ptr<TensorCPU> DeviceCPU::CreateTensorDynamic(TensorShape shape, void const* data) {
-  utility::Assert(dynamic_pool != nullptr, "CreateTensorDynamic: the device has no dynamic pool");
+  if (dynamic_pool == nullptr) utility::Refuse("CreateTensorDynamic: the device has no dynamic pool");
   return CreatePoolTensor(std::move(shape), data, *dynamic_pool, this, &TensorCPU::GetDynamicDeleter);
 }
 

@@ -7,13 +7,13 @@
 
 #include "talvo/serialization/json_text_support.h"
 #include "talvo/serialization/json_visitors.h"
-#include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::runtime {
 namespace {
 
 using rapidjson::Value;
-using utility::Assert;
+using utility::Refuse;
 using ParamRegistry = ClassRegistry<std::shared_ptr<InferenceParam>>;
 using Converters = std::map<unsigned int, std::shared_ptr<KernelInferenceConfig>>;
 
@@ -29,14 +29,15 @@ std::shared_ptr<InferenceParam> MakeParam(Value const& value, std::string const&
   std::string const type = TextOf(value, "infer_param_type");
   if (type.empty()) return nullptr;
   auto param = params.Create(type);
-  Assert(param != nullptr, "%s: parameters of kernel %s: the type %s is not registered", where.c_str(),
-         TextOf(value, "kernel_type").c_str(), type.c_str());
+  if (param == nullptr)
+    Refuse("%s: parameters of kernel %s: the type %s is not registered", where.c_str(),
+           TextOf(value, "kernel_type").c_str(), type.c_str());
   return param;
 }
 
 std::shared_ptr<KernelInferenceConfig> ReadKernel(Value const& value, std::string const& where,
                                                   ParamRegistry const& params) {
-  Assert(value.IsObject(), "%s: a kernel is an object", where.c_str());
+  if (!value.IsObject()) Refuse("%s: a kernel is an object", where.c_str());
   auto kernel = std::make_shared<KernelInferenceConfig>();
   kernel->infer_param_registry = &params;
   kernel->infer_param = MakeParam(value, where, params);
@@ -48,7 +49,7 @@ Converters ReadConverters(Value const& layer, char const* key, std::string const
   Converters converters;
   auto const found = layer.FindMember(key);
   if (found == layer.MemberEnd()) return converters;
-  Assert(found->value.IsObject(), "%s.%s: converters are an object", where.c_str(), key);
+  if (!found->value.IsObject()) Refuse("%s.%s: converters are an object", where.c_str(), key);
   for (auto const& member : found->value.GetObject()) {
     char const* const position = member.name.GetString();
     // As atoi reads it, and defined for numbers that no int holds.
@@ -60,11 +61,11 @@ Converters ReadConverters(Value const& layer, char const* key, std::string const
 
 LayerInferenceConfig ReadLayer(Value const& value, std::size_t index, ParamRegistry const& params) {
   std::string const where = "config[" + std::to_string(index) + "]";
-  Assert(value.IsObject(), "%s: a layer is an object", where.c_str());
+  if (!value.IsObject()) Refuse("%s: a layer is an object", where.c_str());
   LayerInferenceConfig layer;
   layer.input_converters = ReadConverters(value, "input_converters", where, params);
   auto const kernel = value.FindMember("kernel");
-  Assert(kernel != value.MemberEnd(), "%s: there is no \"kernel\"", where.c_str());
+  if (kernel == value.MemberEnd()) Refuse("%s: there is no \"kernel\"", where.c_str());
   layer.kernel = ReadKernel(kernel->value, where + ".kernel", params);
   layer.output_converters = ReadConverters(value, "output_converters", where, params);
   return layer;
@@ -72,7 +73,7 @@ LayerInferenceConfig ReadLayer(Value const& value, std::size_t index, ParamRegis
 
 // A kernel's members, without a version among them.
 Value WriteKernel(std::shared_ptr<KernelInferenceConfig> const& kernel, JSONAllocator& allocator) {
-  Assert(kernel != nullptr, "InferenceConfig::ToJSON: a layer or a converter has no kernel");
+  if (kernel == nullptr) Refuse("InferenceConfig::ToJSON: a layer or a converter has no kernel");
   Value value(rapidjson::kObjectType);
   kernel->VisitAttr(std::make_shared<JSONNodeSetter>(value, allocator, false));
   return value;
@@ -106,8 +107,8 @@ void KernelInferenceConfig::VisitAttr(std::shared_ptr<Visitor> visitor) {
   if (infer_param_type.empty()) return;
   if (infer_param == nullptr && infer_param_registry != nullptr)
     infer_param = infer_param_registry->Create(infer_param_type);
-  Assert(infer_param != nullptr, "parameters of kernel %s: the type %s is not registered", kernel_type.c_str(),
-         infer_param_type.c_str());
+  if (infer_param == nullptr)
+    Refuse("parameters of kernel %s: the type %s is not registered", kernel_type.c_str(), infer_param_type.c_str());
   visitor->Visit(static_cast<Serializable*>(infer_param.get()), "infer_param");
 }
 
@@ -123,9 +124,9 @@ std::string InferenceConfig::ToJSON() const {
 std::shared_ptr<InferenceConfig> CreateConfigFromJSON(std::string const& json, ParamRegistry const& params) {
   support::JSONText const text(json);
   Value const& document = text.Root();
-  Assert(document.IsObject(), "document.IsObject()");
+  if (!document.IsObject()) Refuse("document.IsObject()");
   auto const records = document.FindMember("config");
-  Assert(records != document.MemberEnd() && records->value.IsArray(), "the configuration has no array \"config\"");
+  if (records == document.MemberEnd() || !records->value.IsArray()) Refuse("the configuration has no array \"config\"");
   auto config = std::make_shared<InferenceConfig>();
   for (auto const& record : records->value.GetArray()) {
     config->layers.push_back(ReadLayer(record, config->layers.size(), params));

@@ -6,7 +6,7 @@
 #include <memory>
 
 #include "talvo/utility/invariant.h"
-#include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::runtime {
 namespace {
@@ -49,8 +49,8 @@ unsigned long TotalBytes(Blocks const& free_blocks, UsedBlocks const& used_block
 }  // namespace
 
 AlignedPool::AlignedPool(unsigned long alignment) : alignment_(static_cast<std::uint32_t>(alignment)) {
-  utility::Assert(alignment_ != 0 && (alignment_ & (alignment_ - 1)) == 0,
-                  "AlignedPool: alignment %lu is no power of two", alignment);
+  if (alignment_ == 0 || (alignment_ & (alignment_ - 1)) != 0)
+    utility::Refuse("AlignedPool: alignment %lu is no power of two", alignment);
 }
 
 AlignedPool::~AlignedPool() {
@@ -105,7 +105,7 @@ void AlignedPool::AlignFree(void* pointer) {
 AlignUpPool::AlignUpPool(unsigned long const& alignment) : alignment_(alignment) {}
 
 AlignUpPool::~AlignUpPool() {
-  utility::Assert(used_blocks_.empty(), "Destory this pool too early!!");
+  if (!used_blocks_.empty()) utility::Refuse("Destory this pool too early!!");
   AlignUpPool::Clear();
 }
 
@@ -115,7 +115,7 @@ void AlignUpPool::Clear() {
 }
 
 void* AlignUpPool::Malloc(unsigned long size) {
-  utility::Assert(alignment_ != 0, "AlignUpPool: an alignment of 0 serves no request (%lu bytes asked for)", size);
+  if (alignment_ == 0) utility::Refuse("AlignUpPool: an alignment of 0 serves no request (%lu bytes asked for)", size);
   if (size > std::numeric_limits<unsigned long>::max() - malloc_margin_ - alignment_) return nullptr;
   unsigned long const with_margin = malloc_margin_ + size + alignment_ - 1;
   unsigned long const rounded = with_margin - with_margin % alignment_;
@@ -132,7 +132,7 @@ void* AlignUpPool::Malloc(unsigned long size) {
 void AlignUpPool::Free(void* pointer) {
   auto const used = used_blocks_.find(pointer);
   if (used == used_blocks_.end()) {
-    utility::Assert(false, "pointer(0x%d) not in alignment memory pool !",
+    utility::Refuse("pointer(0x%d) not in alignment memory pool !",
                     static_cast<int>(static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(pointer))));
   }
   ReturnBlock(used_blocks_, used, free_blocks_);

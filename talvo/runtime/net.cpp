@@ -6,11 +6,12 @@
 #include "talvo/runtime/context.h"
 #include "talvo/runtime/device_cpu.h"
 #include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::runtime {
 namespace {
 
-using utility::Assert;
+using utility::Refuse;
 using Tensors = std::vector<std::shared_ptr<Tensor>>;
 
 constexpr std::string_view kInputType = "Input";
@@ -30,7 +31,7 @@ class Walk {
 
   void Run(unsigned int index) {
     index_ = index;
-    if (net_.layers[index] == nullptr) Assert(false, "layer %u: no layer record", index);
+    if (net_.layers[index] == nullptr) Refuse("layer %u: no layer record", index);
     layer_ = net_.layers[index].get();
     bool const is_requested = states_[index].requests != 0;
     GatherInputs();
@@ -51,7 +52,7 @@ class Walk {
   void RunKernel(std::shared_ptr<IKernel> const& kernel, char const* role, Tensors const& inputs, bool intermediate,
                  Tensors& outputs) {
     if (kernel == nullptr || !kernel->IsConfigured()) {
-      Assert(false, "layer %u (%s): its %s %s", index_, layer_->type.c_str(), role,
+      Refuse("layer %u (%s): its %s %s", index_, layer_->type.c_str(), role,
              kernel == nullptr ? "is missing" : (kernel->GetName() + " is not configured").c_str());
     }
     kernel->PrepareForward(context_, inputs, intermediate, outputs);
@@ -63,7 +64,7 @@ class Walk {
     Tensors product;
     RunKernel(converter, "converter", {tensor}, intermediate, product);
     if (product.empty() || product[0] == nullptr) {
-      Assert(false, "layer %u (%s): its converter %s made no tensor", index_, layer_->type.c_str(),
+      Refuse("layer %u (%s): its converter %s made no tensor", index_, layer_->type.c_str(),
              converter->GetName().c_str());
     }
     return std::move(product[0]);
@@ -73,7 +74,7 @@ class Walk {
     if (layer_->type == kInputType) {
       auto const input = inputs_.find(index_);
       if (input == inputs_.end() || input->second == nullptr) {
-        Assert(false, "layer %u (%s): no input tensor under key %u", index_, layer_->type.c_str(), index_);
+        Refuse("layer %u (%s): no input tensor under key %u", index_, layer_->type.c_str(), index_);
       }
       kernel_inputs_.push_back(input->second);
       return;
@@ -91,8 +92,8 @@ class Walk {
     bool const made =
         producer < index_ && output < states_[producer].outputs.size() && states_[producer].outputs[output] != nullptr;
     if (!made) {
-      Assert(false, "layer %u (%s): its input %u is output %u of layer %u, which %s", index_, layer_->type.c_str(),
-             position, output, producer, producer < index_ ? "did not make that tensor" : "does not stand before it");
+      Refuse("layer %u (%s): its input %u is output %u of layer %u, which %s", index_, layer_->type.c_str(), position,
+             output, producer, producer < index_ ? "did not make that tensor" : "does not stand before it");
     }
     return states_[producer].outputs[output];
   }
@@ -102,8 +103,8 @@ class Walk {
     for (unsigned int position = 0; position < outputs.size(); ++position) {
       auto const converter = layer_->output_converters.find(position);
       if (converter == layer_->output_converters.end()) continue;
-      Assert(outputs[position] != nullptr, "layer %u (%s): output %u, which a converter reads, is missing", index_,
-             layer_->type.c_str(), position);
+      if (outputs[position] == nullptr)
+        Refuse("layer %u (%s): output %u, which a converter reads, is missing", index_, layer_->type.c_str(), position);
       outputs[position] = Convert(converter->second, outputs[position], intermediate);
     }
   }
@@ -113,8 +114,7 @@ class Walk {
     for (auto const& [producer, output] : layer_->input_refs) {
       if (inputs_.count(producer) != 0) continue;
       if (producer >= states_.size() || net_.layers[producer] == nullptr) {
-        Assert(false, "layer %u (%s): it reads layer %u of %zu", index_, layer_->type.c_str(), producer,
-               states_.size());
+        Refuse("layer %u (%s): it reads layer %u of %zu", index_, layer_->type.c_str(), producer, states_.size());
       }
       // Layers run in order: what stands up to this layer has run, even if its own outputs are gone by now.
       if (LastReader(producer) <= index_) states_[producer].outputs.clear();
@@ -128,8 +128,8 @@ class Walk {
     std::uint32_t found = 0;
     for (auto const& reader : net_.layers[producer]->consumers) found = std::max(found, reader.first);
     if (found >= states_.size()) {
-      Assert(false, "layer %u (%s): its consumer %u is beyond the %zu layers", producer,
-             net_.layers[producer]->type.c_str(), found, states_.size());
+      Refuse("layer %u (%s): its consumer %u is beyond the %zu layers", producer, net_.layers[producer]->type.c_str(),
+             found, states_.size());
     }
     return last = found;
   }
@@ -177,8 +177,8 @@ std::unordered_map<unsigned int, Tensors> Net::Forward(
     std::unordered_map<unsigned int, std::shared_ptr<Tensor>> const& inputs,
     std::vector<unsigned int> const& output_ids, std::shared_ptr<Context> context, std::vector<float>* layer_times_ms,
     std::vector<float>* gpu_times_ms) const {
-  Assert(context != nullptr && context->device_cpu != nullptr, "Net::Forward: %s",
-         context == nullptr ? "the context is null" : "the context has no CPU device");
+  if (context == nullptr || context->device_cpu == nullptr)
+    Refuse("Net::Forward: %s", context == nullptr ? "the context is null" : "the context has no CPU device");
   DeviceCPU& device = *context->device_cpu;
   device.use_dynamic_pool = device.dynamic_pool != nullptr;
   EmptyAndReserve(layer_times_ms, layers.size());

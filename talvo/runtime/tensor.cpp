@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "talvo/serialization/record_support.h"
-#include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::runtime {
 namespace {
@@ -90,7 +90,7 @@ void TensorShape::VisitAttr(std::shared_ptr<Visitor> visitor) {
 unsigned int ElementCount(std::vector<unsigned int> const& dims) {
   std::uint64_t const count = SaturatedProduct(dims, 1);
   if (count > kMaximumCount)
-    utility::Assert(false, "tensor of dims %s: more than 4294967295 elements", DimsText(dims).c_str());
+    utility::Refuse("tensor of dims %s: more than 4294967295 elements", DimsText(dims).c_str());
   return static_cast<unsigned int>(count);
 }
 
@@ -98,7 +98,7 @@ unsigned int ByteCount(TensorShape const& shape) {
   unsigned int const element_size = ElementSize(shape.data_type);
   std::uint64_t const bytes = SaturatedProduct(shape.dims, element_size);
   if (bytes > kMaximumCount) {
-    utility::Assert(false, "tensor of dims %s and %u bytes an element: more than 4294967295 bytes",
+    utility::Refuse("tensor of dims %s and %u bytes an element: more than 4294967295 bytes",
                     DimsText(shape.dims).c_str(), element_size);
   }
   return static_cast<unsigned int>(bytes);

@@ -7,6 +7,7 @@
 #include "talvo/runtime/device_cpu.h"
 #include "talvo/runtime/tensor_cpu_support.h"
 #include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::runtime {
 namespace {
@@ -14,7 +15,7 @@ namespace {
 DeviceCPU& DeviceOf(TensorCPU const& tensor) {
   auto* const device = dynamic_cast<DeviceCPU*>(tensor.device);
   if (device == nullptr) {
-    utility::Assert(false, "tensor of dims %s: its device is no CPU device", DimsText(tensor.shape.dims).c_str());
+    utility::Refuse("tensor of dims %s: its device is no CPU device", DimsText(tensor.shape.dims).c_str());
   }
   return *device;
 }
@@ -72,7 +73,7 @@ std::shared_ptr<TensorCPU> ReshapeTensor(TensorCPU const& tensor, std::vector<in
   unsigned int const total = ElementCount(shape.dims);
   utility::Assert(total >= known, nullptr);
   if (known == 0 || tensor.data == nullptr) {
-    utility::Assert(false, "reshape of dims %s: %s", DimsText(shape.dims).c_str(),
+    utility::Refuse("reshape of dims %s: %s", DimsText(shape.dims).c_str(),
                     known == 0 ? "the product of the new extents does not fit 32 bits" : "the tensor has no memory");
   }
   utility::Assert(total % known == 0, nullptr);
@@ -86,12 +87,12 @@ std::shared_ptr<TensorCPU> ReshapeTensor(TensorCPU const& tensor, std::vector<in
 std::shared_ptr<TensorCPU> PermuteTensor(TensorCPU const& tensor, std::vector<unsigned int> const& axes,
                                          DeviceCPU& device) {
   TensorShape const& shape = tensor.shape;
-  utility::Assert(tensor.data != nullptr, "Input shared pointer is null.");
-  utility::Assert(shape.dims.size() == axes.size(), "dimensions of shape must be equal to tranpose axes's.");
+  if (tensor.data == nullptr) utility::Refuse("Input shared pointer is null.");
+  if (shape.dims.size() != axes.size()) utility::Refuse("dimensions of shape must be equal to tranpose axes's.");
   std::vector<unsigned int> dims;
   for (unsigned int axis : axes) {
     if (axis >= shape.dims.size()) {
-      utility::Assert(false, "permute of dims %s: axis %u is out of range", DimsText(shape.dims).c_str(), axis);
+      utility::Refuse("permute of dims %s: axis %u is out of range", DimsText(shape.dims).c_str(), axis);
     }
     dims.push_back(shape.dims[axis]);
   }

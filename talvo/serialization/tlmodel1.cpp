@@ -4,7 +4,7 @@
 
 #include "talvo/serialization/tlmodel1_support.h"
 #include "talvo/utility/invariant.h"
-#include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo1 {
 namespace {
@@ -59,7 +59,7 @@ QZNetLoader::QZNetLoader(char const* path) {
 }
 
 bool QZNetLoader::LoadFile(char const* path, bool) {
-  talvo::utility::Assert(path != nullptr, "a first-generation model cannot be loaded: the path is null");
+  if (path == nullptr) talvo::utility::Refuse("a first-generation model cannot be loaded: the path is null");
   std::unique_ptr<std::FILE, int (*)(std::FILE*)> const stream(std::fopen(path, "rb"), &std::fclose);
   if (stream == nullptr) return false;
   try {
@@ -70,7 +70,7 @@ bool QZNetLoader::LoadFile(char const* path, bool) {
 }
 
 bool QZNetLoader::ReadFile(std::FILE* stream) {
-  talvo::utility::Assert(stream != nullptr, "a first-generation model cannot be loaded: the stream is null");
+  if (stream == nullptr) talvo::utility::Refuse("a first-generation model cannot be loaded: the stream is null");
   std::size_t const ex_count = std::fread(exinfo.bytes.data(), exinfo.bytes.size(), 1, stream);
   TALVO1_REQUIRE(this->exinfo.ifCorrectlyLoad());
   TALVO1_REQUIRE(ex_count == 1);

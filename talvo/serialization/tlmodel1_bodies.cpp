@@ -3,13 +3,13 @@
 #include <algorithm>
 
 #include "talvo/serialization/tlmodel1_support.h"
-#include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo1::support {
 namespace {
 
 using half_float::half;
-using talvo::utility::Assert;
+using talvo::utility::Refuse;
 
 constexpr unsigned short kSlots = 10;  // inputs that a record has room for
 constexpr std::size_t kPiece = 8192;   // halves that are read at once
@@ -23,12 +23,13 @@ std::uint64_t Product(std::initializer_list<unsigned short> factors) {
 }
 
 void RequireNotZero(QZLayerInfo const& layer, char const* name, unsigned short value) {
-  Assert(value != 0, "first-generation layer %u (type %u): %s is 0, needs 1 or more", layer.id, layer.type, name);
+  if (value == 0) Refuse("first-generation layer %u (type %u): %s is 0, needs 1 or more", layer.id, layer.type, name);
 }
 
 void RequireCount(QZLayerInfo const& layer, char const* name, unsigned short count, unsigned int room) {
-  Assert(count <= room, "first-generation layer %u (type %u): %u %s, a record has room for %u", layer.id, layer.type,
-         count, name, room);
+  if (count > room)
+    Refuse("first-generation layer %u (type %u): %u %s, a record has room for %u", layer.id, layer.type, count, name,
+           room);
 }
 
 void ReadInput(BodyReader& body, QZLayerInfo& layer) { layer.input_ids = {body.Next()}; }

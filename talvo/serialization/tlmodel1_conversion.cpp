@@ -15,6 +15,7 @@
 #include "talvo/serialization/tlmodel1_support.h"
 #include "talvo/serialization/tlmodel1_weights_support.h"
 #include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::runtime {
 namespace {
@@ -27,7 +28,9 @@ using LayerPtr = std::shared_ptr<LayerInfo>;
 
 std::string NameOf(unsigned short id) { return "layer-" + std::to_string(id); }
 
-void RequireKnown(bool known) { utility::Assert(known, "Not Implemented."); }
+void RequireKnown(bool known) {
+  if (!known) utility::Refuse("Not Implemented.");
+}
 
 unsigned short ActivationType(unsigned short kind) {
   constexpr unsigned short kNone = 65535, kTypes[] = {0, 1, 2, 5, 6, 7, 4, kNone, 3};
@@ -326,7 +329,7 @@ void ConvertTLModel1(QZNetLoader const& loader, TLModelInfo& model) {
 void TLModelInfo::LoadFromTLModel1(char const* path) {
   QZNetLoader loader;
   bool const result = loader.LoadFile(path, false);
-  utility::Assert(result, "Loading tlmdel1 fail.");
+  if (!result) utility::Refuse("Loading tlmdel1 fail.");
   ConvertTLModel1(loader, *this);
 }
 

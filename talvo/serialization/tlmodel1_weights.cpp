@@ -2,7 +2,7 @@
 
 #include "talvo/serialization/tlmodel1_weights_support.h"
 #include "talvo/utility/base64.h"
-#include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::runtime::support {
 namespace {
@@ -43,10 +43,10 @@ std::string ConvolutionWeight(talvo1::QZLayerInfo_Conv2D const& layer) {
 std::string TransposedConvolutionWeight(talvo1::QZLayerInfo_Conv2DTranspose const& layer) {
   std::size_t const in = layer.input_shapes[0].channels, out = layer.output_shapes[0].channels;
   std::size_t const places = Places(layer), count = in * out * places;
-  utility::Assert(
-      layer.weights.size() >= count,
-      "first-generation layer %u: transposed convolution holds %zu weights, shape [%zu, %u, %u, %zu] needs %zu",
-      layer.id, layer.weights.size(), out, layer.kernel_y, layer.kernel_x, in, count);
+  if (layer.weights.size() < count)
+    utility::Refuse(
+        "first-generation layer %u: transposed convolution holds %zu weights, shape [%zu, %u, %u, %zu] needs %zu",
+        layer.id, layer.weights.size(), out, layer.kernel_y, layer.kernel_x, in, count);
   std::vector<float> blob(count);
   float const* from = layer.weights.data();
   for (std::size_t o = 0; o < out && count > 0; ++o) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cmath>
 #include <thread>
 
@@ -11,9 +12,22 @@
 namespace talvo::utility {
 namespace {
 
+// Both clocks stand between two readings of another one, and between them they show single microseconds.
 TEST(Timer, TicksInMicroseconds) {
-  double const ticks = getTickCount(), milliseconds = get_time_in_ms();
-  EXPECT_NEAR(milliseconds, ticks / 1000.0, 1000.0);
+  auto const wall = [] {
+    return static_cast<double>(
+        std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now().time_since_epoch())
+            .count());
+  };
+  bool odd_ticks = false, odd_milliseconds = false;
+  for (int i = 0; i < 100; ++i) {
+    double const before = wall(), ticks = getTickCount(), milliseconds = get_time_in_ms(), after = wall();
+    EXPECT_TRUE(before - 1 <= ticks && ticks <= after + 1) << ticks - before;
+    EXPECT_TRUE(before - 1 <= milliseconds * 1000 && milliseconds * 1000 <= after + 1) << milliseconds * 1000 - before;
+    odd_ticks |= std::fmod(ticks, 1000.0) != 0;
+    odd_milliseconds |= std::fmod(milliseconds, 1.0) != 0;
+  }
+  EXPECT_TRUE(odd_ticks && odd_milliseconds);
   EXPECT_EQ(getTickFrequency(), 1e6);
 }
 
@@ -42,6 +56,7 @@ TEST(TimeMetrics, CollectsSecondsBetweenTicAndToc) {
     EXPECT_NEAR(metrics.toc(), getTickCount(), 1e5) << "the clock, not the time taken";
   }
   EXPECT_EQ(metrics.cnt(), 2u);
+  EXPECT_EQ(metrics.feq(), 1e6);
   EXPECT_NEAR(metrics.tmin(), 2.0, 0.1);
   EXPECT_NEAR(metrics.tmax(), 6.0, 0.1);
   EXPECT_NEAR(metrics.sum(), 8.0, 0.2);
