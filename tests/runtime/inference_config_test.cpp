@@ -80,8 +80,8 @@ TEST(InferenceConfig, WritesTheInputConvertersTwiceAndReadsWhatItWrote) {
                 "kernel_type": "K",
                 "infer_param_type": "Quant",
                 "infer_param": {
-                    "weight_step_size": 0,
-                    "output_step_size": 0
+                    "weight_step_size": 8,
+                    "output_step_size": 11
                 }
             },
             "output)" + in +
