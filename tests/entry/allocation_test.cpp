@@ -38,17 +38,18 @@ int __wrap_posix_memalign(void** block, std::size_t alignment, std::size_t size)
 }
 }
 
-void* operator new(std::size_t size) {
+// Not inlined: the compiler would see a mismatch of either with the other's insides.
+__attribute__((noinline)) void* operator new(std::size_t size) {
   void* const block = Fails() ? nullptr : __real_malloc(size != 0 ? size : 1);
   if (block == nullptr) throw std::bad_alloc();
   ++live_objects;
   return block;
 }
-void operator delete(void* block) noexcept {
+__attribute__((noinline)) void operator delete(void* block) noexcept {
   if (block != nullptr) --live_objects;
   std::free(block);
 }
-void operator delete(void* block, std::size_t) noexcept { operator delete(block); }
+__attribute__((noinline)) void operator delete(void* block, std::size_t) noexcept { operator delete(block); }
 
 namespace talvo {
 namespace {
