@@ -105,8 +105,9 @@ TEST_F(CreateNetTest, WiresEveryInputToOutputZeroOfItsProducer) {
 
 TEST_F(CreateNetTest, NamesTypesByTheirNumber) {
   for (unsigned short number = 0; number < 256; ++number) Add(std::to_string(number), {}).type = number;
+  auto const net = Packaged();
   std::string names;
-  for (auto const& layer : Packaged()->layers) names += layer->type == "UnKnown" ? "." : layer->type + " ";
+  for (auto const& layer : net->layers) names += layer->type == "UnKnown" ? "." : layer->type + " ";
   EXPECT_EQ(names,
             "Input Activation Conv2d ConvTranspose2d ..AvgPool2d MaxPool2d InstanceNorm2d BatchNorm2d Upsample2d "
             "ElementWiseOperator Concatenate TensorReshape TensorTranspose TensorSqueeze TensorUnSqueeze "
