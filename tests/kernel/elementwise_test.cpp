@@ -12,7 +12,6 @@
 #include "talvo/kernel/rows/instruction_sets.h"
 #include "talvo/serialization/inference_param.h"
 #include "talvo/serialization/layer_info_tensor.h"
-#include "tests/golden/elementwise_golden.h"
 #include "tests/support/bits.h"
 #include "tests/support/guarded_context.h"
 #include "tests/support/log_capture.h"
@@ -161,18 +160,6 @@ TEST_F(ElementwiseKernels, BroadcastEqualsTheDefinition) {
           Run(kernel, LayerWithType<runtime::BroadcastOperatorInfo>(op_type), {Make(a_dims, a), Make(b_dims, b)});
       test::ExpectSameBits(BroadcastByDefinition(a_dims, b_dims, a, b, op_type), test::Values(*y));
     }
-  }
-}
-
-TEST_F(ElementwiseKernels, BroadcastAgreesWithAnIndependentFramework) {
-  kernel::BroadcastOperator_Fallback_Float_M1 kernel;
-  for (auto const& c : test::golden::kBroadcastCases) {
-    SCOPED_TRACE(c.why);
-    Tensors const inputs = {Make(c.a_dims, c.a), Make(c.b_dims, c.b)};
-    auto const y = Run(kernel, LayerWithType<runtime::BroadcastOperatorInfo>(c.op_type), inputs);
-    EXPECT_EQ(0, kernel.IsValidInput(inputs));
-    EXPECT_EQ(c.output_dims, y->shape.dims);
-    test::ExpectSameBits(c.output, test::Values(*y));
   }
 }
 

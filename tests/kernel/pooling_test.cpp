@@ -9,7 +9,6 @@
 #include "talvo/kernel/functional/pooling_support.h"
 #include "talvo/kernel/rows/instruction_sets.h"
 #include "talvo/serialization/layer_info_plane.h"
-#include "tests/golden/pooling_golden.h"
 #include "tests/support/bits.h"
 #include "tests/support/guarded_context.h"
 #include "tests/support/log_capture.h"
@@ -189,30 +188,6 @@ TEST(Pooling, TakesNoMoreMemoryThanASmallMultiple) {
   auto const repeated = WindowInfo<runtime::MaxPool2dInfo>(Window{65535, 65535, 1, 1});
   repeated->dilation_y = repeated->dilation_x = 0;
   ExpectSame({{1, 1, 2}, {5.0f, -3.0f}}, Pool<Pooling2D_Max_Fallback_Float_M1>(repeated, {{1, 1, 2}, {5.0f, -3.0f}}));
-}
-
-template <class Kernel, class Golden, class Info>
-void ExpectGolden(Golden const& k, std::shared_ptr<Info> const& info) {
-  auto const got = Pool<Kernel>(info, {{k.channels, k.height, k.width}, k.input});
-  EXPECT_EQ((std::vector<unsigned int>{k.channels, k.out_height, k.out_width}), got.dims);
-  ExpectSameBits(k.output, got.values);
-}
-
-TEST(Pooling, AgreesWithAnIndependentFramework) {
-  for (auto const& k : test::golden::kMaxPoolCases) {
-    SCOPED_TRACE(k.why);
-    auto const info = WindowInfo<runtime::MaxPool2dInfo>(k);
-    info->dilation_x = k.dilation_x;
-    info->dilation_y = k.dilation_y;
-    info->ceil_mode = k.ceil_mode;
-    ExpectGolden<Pooling2D_Max_Fallback_Float_M1>(k, info);
-  }
-  for (auto const& k : test::golden::kAvgPoolCases) {
-    SCOPED_TRACE(k.why);
-    auto const info = WindowInfo<runtime::AvgPool2dInfo>(k);
-    info->count_include_pad = k.count_include_pad;
-    ExpectGolden<Pooling2D_Avg_Fallback_Float_M1>(k, info);
-  }
 }
 
 TEST(Pooling, SizesOfTheTwoKindsDiffer) {

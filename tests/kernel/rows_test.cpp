@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include "talvo/kernel/rows/convolution_tile.h"
-#include "talvo/kernel/rows/elementwise_rows.h"
 #include "talvo/kernel/rows/instruction_sets.h"
 #include "talvo/kernel/rows/phase_plane.h"
 #include "talvo/kernel/rows/transpose.h"
@@ -71,26 +70,6 @@ TEST(Rows, TransposesAndReversesElementsOfAnySize) {
             }
           }
         }
-      }
-    }
-  }
-}
-
-TEST(Rows, CopiesRowsThatStandApart) {
-  for (auto const set : RunnableSets()) {
-    ScopedInstructionSet const use(set);
-    for (std::size_t const rows : {1u, 4u, 9u}) {
-      for (std::size_t const n : {1u, 31u, 32u, 33u, 100u}) {
-        SCOPED_TRACE(testing::Message() << NameOf(set) << " " << rows << " rows of " << n);
-        std::size_t const stride = n + 3;
-        auto const x = test::Floats(1, (rows - 1) * stride + n);
-        std::vector<float> want, got(rows * n + 1, -9.0f);
-        for (std::size_t r = 0; r < rows; ++r) {
-          for (std::size_t i = 0; i < n; ++i) want.push_back(x[r * stride + i]);
-        }
-        want.push_back(-9.0f);
-        CopyRows(x.data(), stride, n, rows, got.data());
-        test::ExpectSameBits(want, got);
       }
     }
   }

@@ -20,6 +20,7 @@ using CLToCHW = kernel::Reshape_Fallback_CL_To_CHW_M1;
 std::shared_ptr<runtime::TensorReshapeInfo> Layer(Entries const& entries) {
   auto layer = std::make_shared<runtime::TensorReshapeInfo>();
   layer->new_shape = entries;
+  layer->id = "shaped";
   return layer;
 }
 
@@ -69,38 +70,51 @@ TEST_F(Reshape, DropsTheBatchAxis) {
   }
 }
 
+// A refusal takes no memory and leaves nothing in the outputs; told texts come before those of sizes.
 TEST_F(Reshape, Refuses) {
   auto const input = Random({2, 3, 4}), halves = Random({1, 2, 4, 4}, TensorShape::C4HW4, TensorShape::FLOAT16);
   constexpr unsigned int kFlexible = TensorShape::FLEXIABLE;
   constexpr char const* kType = "[TLN]: Invalid input data type\n";
   constexpr char const* kLayout = "[TLN]: Invalid input tensor layout\n";
   KernelPtr const to_c = Configured<BlocksToC>({1, -1}), to_cl = Configured<BlocksToCL>({1, -1, 8});
-  EXPECT_EQ(0, to_cl->IsValidInput({halves}));
+  KernelPtr const short_c = Configured<BlocksToC>({1, 23});
   struct Case {
     char const* why;
     KernelPtr kernel;
     TensorPtr input;
-    char const* text;  // null: any
+    std::string text;  // behind the names of kernel and layer, unless it is told
   };
-  for (Case const& c : {Case{"batch of C", Configured<ToC>({2, 12}), input, "[TLN]: "},
-                        {"batch of CHW", Configured<ToCHW>({2, 1, 3, 4}), input, "[TLN]: "},
-                        {"batch of SC", Configured<ToSC>({2, 2, 6}), input,
-                         "[TLN]: [Reshape_Fallback_To_SC_M1] batch of new shape != 1\n"},
-                        {"a product of 0 keeps Config", Configured<Any>({1, 0, -1}), input, nullptr},
-                        {"longer than the input", Configured<Any>({1, 25}), input, nullptr},
-                        {"no batch axis", Configured<Any>({}), input, nullptr},
-                        {"shorter", Configured<BlocksToC>({1, 23}), input, nullptr},
-                        {"longer", Configured<CLToCHW>({1, 5, 5, 1}), input, nullptr},
-                        {"three lanes", to_c, Random({2, 2, 2, 3}, TensorShape::C4HW4), nullptr},
-                        {"type", to_c, Random({1, 2, 4, 4}, TensorShape::C4HW4, TensorShape::INT32), kType},
-                        {"layout", to_c, Random({1, 2, 4, 4}, kFlexible), kLayout},
-                        {"halves, which the judge takes", to_cl, halves, kType},
-                        {"one lane", to_cl, Random({4, 2, 4, 1}, kFlexible), kLayout},
-                        {"rank 2", to_cl, Random({4, 8}, kFlexible), kLayout}}) {
+  for (Case const& c :
+       {Case{"batch of C", Configured<ToC>({2, 12}), input, "[TLN]: "},
+        {"batch of CHW", Configured<ToCHW>({2, 1, 3, 4}), input, "[TLN]: "},
+        {"batch of SC", Configured<ToSC>({2, 2, 6}), input,
+         "[TLN]: [Reshape_Fallback_To_SC_M1] batch of new shape != 1\n"},
+        {"a product of 0", Configured<Any>({1, 0, -1}), input, "3 entries of new_shape have a product of 0"},
+        {"longer than the input", Configured<Any>({1, 25}), input, "dims [2, 3, 4] do not fill dims [25]"},
+        {"4 GiB", Configured<Any>({1, 32767, 32767}), input, "do not fill dims [32767, 32767]"},
+        {"no batch axis", Configured<Any>({}), input, "new_shape is empty"},
+        {"shorter", short_c, input, "do not fill dims [23]"},
+        {"shorter, and another layout", short_c, Random({1, 2, 4, 4}, kFlexible), kLayout},
+        {"longer", Configured<CLToCHW>({1, 5, 5, 1}), input, "do not fill dims [5, 5, 1]"},
+        {"three lanes", to_c, Random({2, 2, 2, 3}, TensorShape::C4HW4), "needs rank 4 and 4 lanes"},
+        {"type", to_c, Random({1, 2, 4, 4}, TensorShape::C4HW4, TensorShape::INT32), kType},
+        {"halves, which the judge takes", to_cl, halves, kType},
+        {"one lane", to_cl, Random({4, 2, 4, 1}, kFlexible), kLayout},
+        {"rank 2", to_cl, Random({4, 8}, kFlexible), kLayout}}) {
     SCOPED_TRACE(c.why);
-    std::string const text = Refusal(*c.kernel, {c.input}, {}, context_);
-    EXPECT_EQ(c.text == nullptr ? text : c.text, text);
+    Tensors outputs;
+    for (int pass = 0; pass < 2; ++pass) {  // the second meets what the first left
+      std::string const text = RefusalOf([&] { c.kernel->Forward({c.input}, outputs, context_); });
+      if (c.text[0] == '[') {
+        EXPECT_EQ(c.text, text);
+      } else {
+        EXPECT_NE(std::string::npos, text.find(c.kernel->GetName() + " of layer shaped: ")) << text;
+        EXPECT_NE(std::string::npos, text.find(c.text)) << text;
+      }
+      EXPECT_TRUE(outputs.empty());
+    }
   }
+  EXPECT_EQ(0, to_cl->IsValidInput({halves}));
 }
 
 TEST_F(Reshape, UsesAGivenOutput) {
@@ -111,8 +125,10 @@ TEST_F(Reshape, UsesAGivenOutput) {
     EXPECT_EQ(0, kernel->Forward({input}, outputs, nullptr));
     EXPECT_EQ(given, outputs[0].get());
     EXPECT_EQ(0, std::memcmp(input->data, given->data, 24 * sizeof(float))) << "all of the input, whatever new_shape";
-    EXPECT_NE("", Refusal(*kernel, {input}, {Random({23}, TensorShape::C)}, nullptr));
-    EXPECT_NE("", Refusal(*kernel, {input}, {nullptr}, nullptr));
+    for (auto const& [bad, text] : {std::pair<TensorPtr, char const*>{Random({23}), "holds 92 bytes, needs 96"},
+                                    {nullptr, "is no CPU tensor and holds 0 bytes, needs 96"}}) {
+      EXPECT_NE(std::string::npos, Refusal(*kernel, {input}, {bad}, nullptr).find(text));
+    }
   }
 }
 
@@ -122,8 +138,8 @@ TEST_F(Reshape, ConfiguresGeneralKernelsWithoutReadingMuch) {
   EXPECT_FALSE(kernel.Config(Layer({-1, -1}), nullptr, nullptr)) << "two unknowns";
   EXPECT_FALSE(kernel.IsConfigured());
   EXPECT_EQ(0, kernel.IsValidParam(Layer({-1, -1}), nullptr));
-  EXPECT_FALSE(kernel.Config(Layer({1, -1}), std::make_shared<runtime::InferenceParamActQuant>(), nullptr));
-  EXPECT_FALSE(kernel.Config(std::make_shared<runtime::TensorTransposeInfo>(), nullptr, nullptr));
+  EXPECT_FALSE(kernel.Config(Layer({1, 6}), std::make_shared<runtime::InferenceParamActQuant>(), nullptr));
+  EXPECT_EQ((Dims{6}), kernel.GetOutputShapes({Random({6})->shape})[0].dims) << "but the entries are read";
 }
 
 TEST_F(Reshape, JudgesTheEntriesOfUnblockingKernels) {
@@ -164,19 +180,14 @@ TEST_F(Reshape, JudgesTensorLists) {
   for (Case const& c : {Case{"divided", Configured<ToC>({1, 6, -1}), {24}, kFlexible, 7, 0, -2},
                         {"not divided", Configured<ToC>({1, 7}), {24}, kFlexible, 0, -2, 0},
                         {"product of 0", Configured<ToC>({0, -1}), {24}, 0, 0, -2, 0},
-                        {"too short", Configured<ToC>({1, 24}), {3}, 0, 0, -2, 0},
                         {"a scalar", Configured<ToC>({1, 1}), {}, 0, 0, 0, -2},
                         {"all axes", Configured<ToCHW>({2, -1, 4}), {2, 3, 4}, 0, 0, 0, 0},
                         {"all axes, one wrong", Configured<ToSC>({3, -1, 4}), {2, 3, 4}, 0, 0, 0, -2},
                         {"one axis fewer", Configured<Any>({9, 2, -1}), {2, 9}, 0, 0, 0, 0},
                         {"one wrong", Configured<Any>({9, 2, -1}), {9, 2}, 0, 0, 0, -2},
-                        {"all axes", Configured<Any>({9, 2}), {9, 2}, 0, 0, 0, -2},
                         {"whole", Configured<BlocksToC>({1, 16}), {2, 1, 2, 4}, 2, kHalf, 0, -2},
-                        {"other count", Configured<BlocksToC>({1, 15}), {2, 1, 2, 4}, 2, kHalf, -2, -2},
                         {"other layout", Configured<BlocksToC>({1, 16}), {16}, TensorShape::C, 3, -2, 0},
-                        {"other type", Configured<BlocksToC>({1, 16}), {2, 2, 4}, 0, 2, -2, -2},
                         {"flexible", Configured<BlocksToCL>({1, 8, -1}), {2, 1, 2, 4}, kFlexible, 1, 0, -2},
-                        {"flexible of rank 2", Configured<BlocksToCL>({1, 8, -1}), {2, 8}, kFlexible, 0, -2, -2},
                         {"not divided", Configured<BlocksToCL>({1, 3, -1}), {2, 2, 4}, 0, 0, -2, -2},
                         {"CL", Configured<BlocksToCL>({1, 3, 5}), {3, 5}, TensorShape::CL, 3, -2, 0},
                         {"any layout", Configured<CLToCHW>({1, 2, -1, 4}), {24}, 30, 3, 0, -2},
@@ -186,11 +197,6 @@ TEST_F(Reshape, JudgesTensorLists) {
     auto const tensor = Random(c.dims, c.layout, c.type);
     EXPECT_EQ(c.input, c.kernel->IsValidInput({tensor}));
     EXPECT_EQ(c.output, c.kernel->IsValidOutput({tensor}));
-    auto const elsewhere = Random(c.dims, c.layout, c.type, TensorShape::MetalBuffer);
-    for (Tensors const& bad : {Tensors{}, {tensor, tensor}, {elsewhere}, {nullptr}}) {
-      EXPECT_EQ(-2, c.kernel->IsValidInput(bad));
-      EXPECT_EQ(-2, c.kernel->IsValidOutput(bad));
-    }
   }
 }
 
@@ -241,8 +247,6 @@ TEST_F(Reshape, FreeFormMakesFlexibleTensors) {
   EXPECT_EQ(device.get(), output->device);
   EXPECT_EQ(0, std::memcmp(input->data, output->data, 96));
   EXPECT_EQ("[TLN]: ", Refusal(Transform_MainMemory_Reshape_Fallback, input, {-1, -1}, device));
-  EXPECT_NE("", Refusal(Transform_MainMemory_Reshape_Fallback, nullptr, {1}, device));
-  EXPECT_NE("", Refusal(Transform_MainMemory_Reshape_Fallback, input, {24}, nullptr));
 }
 
 }  // namespace
