@@ -53,7 +53,7 @@ TEST(Rows, TransposesAndReversesElementsOfAnySize) {
           auto const from = test::Bytes(1, rows * from_row);
           for (bool const back : {false, true}) {
             SCOPED_TRACE(testing::Message() << NameOf(set) << ", " << rows << " by " << columns << " of " << size);
-            std::vector<unsigned char> want(columns * to_row + 1, 0xEE), got = want, reversed(columns * size, 0xEE);
+            std::vector<unsigned char> want(columns * to_row + 1, 0xEE), got = want, reversed(columns * size + 1, 0xEE);
             for (std::size_t i = 0; i < rows * columns * size; ++i) {
               std::size_t const byte = i % size, c = i / size % columns, r = i / size / columns;
               std::size_t const to = back ? rows - 1 - r : r;
@@ -68,6 +68,7 @@ TEST(Rows, TransposesAndReversesElementsOfAnySize) {
             for (std::size_t i = 0; i < columns * size; ++i) {
               ASSERT_EQ(from[(columns - 1 - i / size) * size + i % size], reversed[i]) << i;
             }
+            ASSERT_EQ(0xEE, reversed.back());
           }
         }
       }
