@@ -17,10 +17,10 @@
 #define TALVO_ROWS_UNROLL _Pragma("GCC unroll 16")
 #endif
 
-// A target names no instruction that fuses, except that AVX-512 cannot be had without: -ffp-contract=off holds there.
+// The instructions that fuse are there for fused_step.h alone: elsewhere -ffp-contract=off holds.
 #if defined(__x86_64__)
-#define TALVO_ROWS_TARGET_AVX2 __attribute__((target("avx2")))
-#define TALVO_ROWS_TARGET_AVX512 __attribute__((target("avx512f,avx512bw,avx512dq,avx512vl")))
+#define TALVO_ROWS_TARGET_AVX2 __attribute__((target("avx2,fma")))
+#define TALVO_ROWS_TARGET_AVX512 __attribute__((target("avx512f,avx512bw,avx512dq,avx512vl,fma")))
 #else
 #define TALVO_ROWS_TARGET_AVX2
 #define TALVO_ROWS_TARGET_AVX512
@@ -31,15 +31,25 @@ namespace talvo::kernel::rows {
 enum class InstructionSet : unsigned char { kBaseline, kAvx2, kAvx512 };
 constexpr std::size_t kInstructionSets = 3;
 
-/// What a primitive knows of the set that it is compiled for: floats in a vector, and vectors that fit registers.
+#if defined(__aarch64__) || defined(__FMA__)
+constexpr bool kBaselineFuses = true;
+#else
+constexpr bool kBaselineFuses = false;
+#endif
+
+/// What a primitive knows of the set that it is compiled for: floats in a vector, vectors that fit registers, and
+/// whether it has an instruction for a fused step.
 struct Baseline {
   static constexpr int kLanes = 4, kRegisters = 16;
+  static constexpr bool kFuses = kBaselineFuses;
 };
 struct Avx2 {
   static constexpr int kLanes = 8, kRegisters = 16;
+  static constexpr bool kFuses = true;
 };
 struct Avx512 {
   static constexpr int kLanes = 16, kRegisters = 32;
+  static constexpr bool kFuses = true;
 };
 constexpr int kMaxLanes = 16;
 

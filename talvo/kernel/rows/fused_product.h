@@ -1,0 +1,57 @@
+// Products of packed weights by fused steps (see fused_step.h): outputs lie side by side in the lanes of a vector, and
+// each result is one chain of steps, or sums of such chains. Internal.
+#pragma once
+
+#include <cstddef>
+
+#include "talvo/kernel/rows/convolution_tile.h"
+#include "talvo/kernel/rows/instruction_sets.h"
+
+namespace talvo::kernel::rows {
+
+/// Packed weights: blocks of kFusedBlock outputs, the last one of those left, each [inputs][outputs of the block], one
+/// behind the other; the same for every set. Input i is a channel's tap where there are taps.
+constexpr std::size_t kFusedBlock = 64;
+
+/// Floats of packed weights: as many as there are weights, and a vector that loads may run into.
+constexpr std::size_t FusedFloats(std::size_t outputs, std::size_t inputs) { return outputs * inputs + kMaxLanes; }
+
+/// Packs weight [outputs, inputs] into FusedFloats(outputs, inputs) floats, which do not overlap it.
+void PackFused(float const* weight, std::size_t outputs, std::size_t inputs, float* packed);
+
+/// Where the chain of a tile begins and ends: at `starts`; at the results that are there; at 0, and then it is added to
+/// the results that are there.
+enum class Chain { kStarts, kGoesOn, kIsAdded };
+
+/// A block of outputs, `lanes`, at some positions: result [position][lane] is a chain of fused steps, input channel
+/// after channel, tap after tap.
+struct FusedTileRun {
+  Chain chain;
+  float const* const* columns;  // [positions]: the input of each position in the first channel
+  std::size_t positions;
+  std::size_t channels, input_plane;  // input channels, and from one to the next
+  Tap const* taps;                    // in the order of the chain
+  std::size_t tap_count;              // 1 or more
+  float const* weights;               // the first channel's; weights + taps[t].weight has all lanes
+  std::size_t weight_plane;           // from one input channel to the next
+  std::size_t lanes;                  // 1 .. kFusedBlock
+  float const* starts;                // [lanes]
+  float* results;
+  std::size_t result_step;  // from one position to the next
+};
+extern Primitive<void(FusedTileRun const&)> const RunFusedTiles;
+
+/// y[r, o] = starts[o], then the fused steps of packed weight (o, i) and x[r, i] for i = 0, 1, ...; null starts count
+/// as 0.0f. x [rows, inputs]; y [rows, outputs] overlaps none of the others. `backwards` takes the blocks of weights
+/// from the last to the first: a caller who does so in every other call finds in the cache what it read last.
+struct FusedProductRun {
+  float const* packed;
+  float const* x;
+  float const* starts;
+  std::size_t rows, outputs, inputs;
+  float* y;
+  bool backwards;
+};
+void FusedProduct(FusedProductRun const& product);
+
+}  // namespace talvo::kernel::rows

@@ -1,0 +1,135 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <random>
+
+#include "talvo/kernel/rows/fused_product.h"
+#include "talvo/kernel/rows/fused_step.h"
+#include "tests/support/bits.h"
+
+namespace talvo::kernel::rows {
+namespace {
+
+// A set that has no instruction to fuse.
+template <class Set>
+struct InSoftware : Set {
+  static constexpr bool kFuses = false;
+};
+
+template <template <class> class Way>
+struct StepRowBody {
+  template <class Set>
+  static TALVO_ROWS_INLINE void Run(float const* a, float const* b, std::size_t n, float* c) {
+    for (std::size_t i = 0; i + Set::kLanes <= n; i += Set::kLanes) {
+      Vector<Set::kLanes> x, y, z;
+      Load<Set::kLanes>(a + i, x), Load<Set::kLanes>(b + i, y), Load<Set::kLanes>(c + i, z);
+      FusedStep<Way<Set>, Set::kLanes>(x, y, z);
+      Store<Set::kLanes>(z, c + i);
+    }
+  }
+};
+template <class Set>
+using AsTheSetHas = Set;
+using StepRow = Primitive<void(float const*, float const*, std::size_t, float*)>;
+StepRow const kStepRow{StepRowBody<AsTheSetHas>()}, kStepRowInSoftware{StepRowBody<InSoftware>()};
+
+float FromBits(std::uint_fast32_t word) {
+  auto const bits = static_cast<std::uint32_t>(word);
+  float value;
+  std::memcpy(&value, &bits, sizeof value);
+  return value;
+}
+
+// Triples of seven kinds in turn.
+void MakeTriple(std::mt19937& random, std::size_t kind, float& a, float& b, float& c) {
+  auto const any = [&] { return FromBits(random()); };  // NaN, infinities and denormals among them
+  auto const near_one = [&] { return FromBits(0x3F800000u | (random() & 0x807FFFFFu)); };
+  a = near_one(), b = near_one();
+  if (kind == 0) a = any(), b = any(), c = any();
+  if (kind == 1) c = near_one();
+  if (kind == 2) c = -(a * b);                                                               // what rounding left over
+  if (kind == 3) c = std::ldexp(near_one(), static_cast<int>(random() % 100) - 50);          // one swallows the other
+  if (kind == 4) a = FromBits(random() & 0x80FFFFFFu), c = FromBits(random() & 0x807FFFFF);  // denormal results
+  if (kind == 5) {  // ties, and a bit far below that breaks them
+    a = FromBits(0x3F800000u | (random() & 0xFFFu) << 11),
+    b = std::ldexp(1.0f, -24) * (random() % 2 == 0 ? 1.0f : -1.0f);
+    c = near_one();
+  }
+  if (kind == 6) {
+    constexpr float kInfinity = std::numeric_limits<float>::infinity(), kMost = std::numeric_limits<float>::max();
+    float const odd[] = {0.0f,
+                         -0.0f,
+                         kInfinity,
+                         -kInfinity,
+                         kMost,
+                         -kMost,
+                         std::nanf(""),
+                         FromBits(1),
+                         FromBits(0x80000001u),
+                         FromBits(0x00800000u),
+                         FromBits(0x7F000000u),
+                         1.0f,
+                         -1.0f,
+                         0.5f,
+                         2.0f,
+                         1.00000012f};
+    a = odd[random() % 16], b = odd[random() % 16], c = odd[random() % 16];
+  }
+}
+
+TEST(FusedStep, RoundsOnceInEverySetWithAndWithoutTheInstruction) {
+  constexpr std::size_t kRow = 7 << 10, kRows = 300;  // 2.1 million triples
+  std::mt19937 random(3);
+  std::vector<float> a(kRow), b(kRow), c(kRow), want(kRow);
+  for (std::size_t row = 0; row < kRows && !HasFailure(); ++row) {
+    for (std::size_t i = 0; i < kRow; ++i) {
+      MakeTriple(random, i % 7, a[i], b[i], c[i]);
+      want[i] = std::fmaf(a[i], b[i], c[i]);
+    }
+    for (auto const set : RunnableSets()) {
+      ScopedInstructionSet const use(set);
+      for (StepRow const* step : {&kStepRow, &kStepRowInSoftware}) {
+        SCOPED_TRACE(testing::Message() << NameOf(set) << (step == &kStepRow ? "" : ", in software"));
+        auto got = c;
+        (*step)(a.data(), b.data(), kRow, got.data());
+        test::ExpectSameBits(want, got);
+      }
+    }
+  }
+}
+
+TEST(FusedProduct, IsOneChainOfFusedStepsForEachResult) {
+  for (std::size_t const outputs : {1u, 5u, 16u, 24u, 63u, 64u, 150u}) {
+    for (std::size_t const inputs : {1u, 7u, 33u}) {
+      auto const weight = test::Floats(1, outputs * inputs), starts = test::Floats(3, outputs);
+      std::vector<float> packed(FusedFloats(outputs, inputs), -9.0f);
+      PackFused(weight.data(), outputs, inputs, packed.data());
+      for (std::size_t const rows : {1u, 4u, 11u, 100u}) {
+        auto const x = test::Floats(2, rows * inputs);
+        for (bool const started : {false, true}) {
+          std::vector<float> want(rows * outputs + 1, -9.0f);
+          for (std::size_t i = 0; i < rows * outputs; ++i) {
+            std::size_t const o = i % outputs;
+            want[i] = started ? starts[o] : 0.0f;
+            for (std::size_t k = 0; k < inputs; ++k) {
+              want[i] = std::fmaf(weight[o * inputs + k], x[i / outputs * inputs + k], want[i]);
+            }
+          }
+          for (auto const set : RunnableSets()) {
+            SCOPED_TRACE(testing::Message() << NameOf(set) << ", " << rows << " rows, " << inputs << " to " << outputs);
+            ScopedInstructionSet const use(set);
+            std::vector<float> got(want.size(), -9.0f);
+            FusedProduct({packed.data(), x.data(), started ? starts.data() : nullptr, rows, outputs, inputs, got.data(),
+                          started});
+            test::ExpectSameBits(want, got);
+          }
+        }
+      }
+    }
+  }
+}
+
+}  // namespace
+}  // namespace talvo::kernel::rows
