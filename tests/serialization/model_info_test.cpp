@@ -113,8 +113,8 @@ TEST(TLModelInfo, TellsInputsAndOutputsOfTheGraph) {
   for (char const* id : {"z", "y"}) model.layers[id] = std::make_shared<ConcatenateInfo>();  // in no list
   EXPECT_EQ(model.GetInputIDs(), (std::vector<std::string>{"in_b", "in_a"}));
   EXPECT_EQ(model.GetOutputIDs(), (std::vector<std::string>{"middle", "last", "y", "z"}));
-  EXPECT_EQ(model.layers["in_b"]->read_count, 3);
-  EXPECT_EQ(model.GetOutputIDs().size(), 4u);  // counts start afresh
+  EXPECT_EQ(model.GetOutputIDs().size(), 4u);
+  EXPECT_EQ(model.layers["in_b"]->read_count, 3);  // counts start afresh
   model.layers["last"]->input_ids.push_back("absent");
   EXPECT_THROW(model.GetOutputIDs(), std::out_of_range);
 }
