@@ -271,7 +271,7 @@ TEST_P(ImageProcess, ClassRefusesInOrder) {
        {Case{1, none, hwc, ""},
         {4, none, chw, "ConvertRGBtoBGR: src is no CPU tensor"},
         {4, hwc, std::make_shared<Foreign>(chw->shape), "ConvertRGBtoBGR: dst is no CPU tensor"},
-        {4, hwc, Image({3, 2, 3}, TensorShape::CHW), "ConvertRGBtoBGR: src of dims [2, 2, 3] holds 12 bytes, needs 18"},
+        {1, Image({3, 5}, TensorShape::HWC), chw, "ConvertRGBAtoRGB: src of dims [3, 5] holds 15 bytes, needs 16"},
         {4, Image({3, 2, 1}, TensorShape::CHW), chw,
          "ConvertRGBtoBGR: src of dims [3, 2, 1] needs memory for 3 planes of 4 pixels"},
         {61, chw, Image({4}, TensorShape::HWC), "CHW2HWC: dst has rank 1, needs 2"},
