@@ -1,5 +1,6 @@
 #include "talvo/entry/register_operators.h"
 
+#include "talvo/entry/register_support.h"
 #include "talvo/kernel/activation.h"
 #include "talvo/kernel/convolution.h"
 #include "talvo/kernel/elementwise.h"
@@ -13,21 +14,6 @@
 
 namespace talvo::utility {
 namespace {
-
-template <class Base>
-struct Entry {
-  char const* name;
-  std::shared_ptr<Base> (*make)();
-};
-
-template <class Base, class Class>
-std::shared_ptr<Base> Make() {
-  return std::make_shared<Class>();
-}
-
-// The registered name is the class's.
-#define TALVO_KERNEL(Class) \
-  { #Class, Make < runtime::IKernel, kernel::Class> }
 
 // Kernels of every build.
 constexpr Entry<runtime::IKernel> kCommonOperators[] = {
@@ -94,18 +80,9 @@ constexpr Entry<runtime::IKernel> kSGEMMOperators[] = {
     TALVO_KERNEL(FullConnection_SGEMM_C_Float_M1),
 };
 
-#undef TALVO_KERNEL
-
 constexpr Entry<runtime::InferenceParam> kInferenceParams[] = {
     {"InferenceParamConv2DQuant", Make<runtime::InferenceParam, runtime::InferenceParamConv2DQuant>},
 };
-
-template <class Base, std::size_t kCount>
-void RegisterAll(Entry<Base> const (&entries)[kCount], runtime::ClassRegistry<std::shared_ptr<Base>>& registry) {
-  for (auto const& entry : entries) registry.Register(entry.name, entry.make, false);
-}
-
-using KernelRegistry = runtime::ClassRegistry<std::shared_ptr<runtime::IKernel>>;
 
 void RegisterCommonOperators(KernelRegistry& kernels) { RegisterAll(kCommonOperators, kernels); }
 void RegisterFallbackOperators(KernelRegistry& kernels) { RegisterAll(kFallbackOperators, kernels); }

@@ -26,8 +26,9 @@ struct Rnn {
   using Info = runtime::RNNInfo;
   static constexpr Gates const& kGates = kRnn;
   static constexpr char const* kCells[] = {"RNNCell_Fallback_C_F32_M1", "RNNCell_SGEMM_C_F32_M1",
-                                           "RNNCell_ARM_C_F32_M1"};
-  static constexpr char const* kSequences[] = {"RNN_Fallback_SC_F32_M1", "RNN_SGEMM_SC_F32_M1", "RNN_ARM_SC_F32_M1"};
+                                           "RNNCell_ARM_C_F32_M1", "RNNCell_Fused_C_F32_M1"};
+  static constexpr char const* kSequences[] = {"RNN_Fallback_SC_F32_M1", "RNN_SGEMM_SC_F32_M1", "RNN_ARM_SC_F32_M1",
+                                               "RNN_Fused_SC_F32_M1"};
 };
 
 struct Lstm {
@@ -35,8 +36,9 @@ struct Lstm {
   using Info = runtime::LSTMInfo;
   static constexpr Gates const& kGates = kLstm;
   static constexpr char const* kCells[] = {"LSTMCell_Fallback_C_F32_M1", "LSTMCell_SGEMM_C_F32_M1",
-                                           "LSTMCell_ARM_C_F32_M1"};
-  static constexpr char const* kSequences[] = {"LSTM_Fallback_SC_F32_M1", "LSTM_SGEMM_SC_F32_M1", "LSTM_ARM_SC_F32_M1"};
+                                           "LSTMCell_ARM_C_F32_M1", "LSTMCell_Fused_C_F32_M1"};
+  static constexpr char const* kSequences[] = {"LSTM_Fallback_SC_F32_M1", "LSTM_SGEMM_SC_F32_M1", "LSTM_ARM_SC_F32_M1",
+                                               "LSTM_Fused_SC_F32_M1"};
 };
 
 struct Gru {
@@ -44,8 +46,9 @@ struct Gru {
   using Info = runtime::GRUInfo;
   static constexpr Gates const& kGates = kGru;
   static constexpr char const* kCells[] = {"GRUCell_Fallback_C_F32_M1", "GRUCell_SGEMM_C_F32_M1",
-                                           "GRUCell_ARM_C_F32_M1"};
-  static constexpr char const* kSequences[] = {"GRU_Fallback_SC_F32_M1", "GRU_SGEMM_SC_F32_M1", "GRU_ARM_SC_F32_M1"};
+                                           "GRUCell_ARM_C_F32_M1", "GRUCell_Fused_C_F32_M1"};
+  static constexpr char const* kSequences[] = {"GRU_Fallback_SC_F32_M1", "GRU_SGEMM_SC_F32_M1", "GRU_ARM_SC_F32_M1",
+                                               "GRU_Fused_SC_F32_M1"};
 };
 
 struct Fallback {
@@ -61,6 +64,11 @@ struct Sgemm {
 struct Arm {
   static constexpr std::size_t kNumber = 2;
   static constexpr Product const& kProduct = kOrdered;
+};
+
+struct Fused {
+  static constexpr std::size_t kNumber = 3;
+  static constexpr Product const& kProduct = kFused;
 };
 
 namespace {
@@ -166,6 +174,7 @@ struct Operation : support::Plain {
       if (texts[k] == nullptr) continue;
       tensors[k] = support::DecodeWeights(form.name, layer_id, names[k], *texts[k], dims[k], TensorShape::FLEXIABLE,
                                           context, entry);
+      if (k < 2) tensors[k] = Keep(form.product, tensors[k], *context->device_cpu);
     }
     return {width, tensors[0], tensors[1], tensors[2], tensors[3]};
   }
@@ -419,20 +428,26 @@ struct Sequence : SequenceOf<typename Family::Info> {
 template class KernelOf<recurrent::Sequence<recurrent::Rnn, recurrent::Fallback>>;
 template class KernelOf<recurrent::Sequence<recurrent::Rnn, recurrent::Sgemm>>;
 template class KernelOf<recurrent::Sequence<recurrent::Rnn, recurrent::Arm>>;
+template class KernelOf<recurrent::Sequence<recurrent::Rnn, recurrent::Fused>>;
 template class KernelOf<recurrent::Sequence<recurrent::Lstm, recurrent::Fallback>>;
 template class KernelOf<recurrent::Sequence<recurrent::Lstm, recurrent::Sgemm>>;
 template class KernelOf<recurrent::Sequence<recurrent::Lstm, recurrent::Arm>>;
+template class KernelOf<recurrent::Sequence<recurrent::Lstm, recurrent::Fused>>;
 template class KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Fallback>>;
 template class KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Sgemm>>;
 template class KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Arm>>;
+template class KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Fused>>;
 template class KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Fallback>>;
 template class KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Sgemm>>;
 template class KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Arm>>;
+template class KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Fused>>;
 template class KernelOf<recurrent::Cell<recurrent::Lstm, recurrent::Fallback>>;
 template class KernelOf<recurrent::Cell<recurrent::Lstm, recurrent::Sgemm>>;
 template class KernelOf<recurrent::Cell<recurrent::Lstm, recurrent::Arm>>;
+template class KernelOf<recurrent::Cell<recurrent::Lstm, recurrent::Fused>>;
 template class KernelOf<recurrent::Cell<recurrent::Gru, recurrent::Fallback>>;
 template class KernelOf<recurrent::Cell<recurrent::Gru, recurrent::Sgemm>>;
 template class KernelOf<recurrent::Cell<recurrent::Gru, recurrent::Arm>>;
+template class KernelOf<recurrent::Cell<recurrent::Gru, recurrent::Fused>>;
 
 }  // namespace talvo::kernel

@@ -1,6 +1,9 @@
-// Recurrent kernels: an Elman RNN, an LSTM and a GRU, for one step (cells) and for whole sequences, in three variants
-// of the matrix step. Fallback and ARM sum in the order of the inputs and give the same bits everywhere; SGEMM
-// multiplies by the CBLAS in use. The hidden state lives in the kernel from call to call until ResetRNNState: one
+// Recurrent kernels: an Elman RNN, an LSTM and a GRU, for one step (cells) and for whole sequences, in four variants of
+// the matrix step. Fallback and ARM sum in the order of the inputs and give the same bits everywhere; SGEMM multiplies
+// by the CBLAS in use. Fused gives the same bits everywhere too, others than Fallback: each element of a = W_ih x +
+// b_ih and of b = W_hh h + b_hh is one chain, s = bias (0.0f without), then s = fmaf(weight[i], input[i], s) for i = 0,
+// 1, ...; behind the two products all variants compute the same. Fused keeps its weights packed and not as they were;
+// the others keep them as they were. The hidden state lives in the kernel from call to call until ResetRNNState: one
 // kernel serves one stream and one thread. It advances when a Forward has succeeded, and not at all otherwise.
 #pragma once
 
@@ -17,6 +20,7 @@ struct Gru;
 struct Fallback;
 struct Sgemm;
 struct Arm;
+struct Fused;
 
 /// One step: x [in_size] to the new hidden state [hidden_size], layout C. The output of an LSTM is the state tensor
 /// itself: the next Forward makes a new one, ResetRNNState clears it. IsValidParam: -1 with an inference parameter, -2
@@ -43,39 +47,51 @@ struct Sequence;
 extern template class TALVO_API KernelOf<recurrent::Sequence<recurrent::Rnn, recurrent::Fallback>>;
 extern template class TALVO_API KernelOf<recurrent::Sequence<recurrent::Rnn, recurrent::Sgemm>>;
 extern template class TALVO_API KernelOf<recurrent::Sequence<recurrent::Rnn, recurrent::Arm>>;
+extern template class TALVO_API KernelOf<recurrent::Sequence<recurrent::Rnn, recurrent::Fused>>;
 extern template class TALVO_API KernelOf<recurrent::Sequence<recurrent::Lstm, recurrent::Fallback>>;
 extern template class TALVO_API KernelOf<recurrent::Sequence<recurrent::Lstm, recurrent::Sgemm>>;
 extern template class TALVO_API KernelOf<recurrent::Sequence<recurrent::Lstm, recurrent::Arm>>;
+extern template class TALVO_API KernelOf<recurrent::Sequence<recurrent::Lstm, recurrent::Fused>>;
 extern template class TALVO_API KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Fallback>>;
 extern template class TALVO_API KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Sgemm>>;
 extern template class TALVO_API KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Arm>>;
+extern template class TALVO_API KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Fused>>;
 extern template class TALVO_API KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Fallback>>;
 extern template class TALVO_API KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Sgemm>>;
 extern template class TALVO_API KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Arm>>;
+extern template class TALVO_API KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Fused>>;
 extern template class TALVO_API KernelOf<recurrent::Cell<recurrent::Lstm, recurrent::Fallback>>;
 extern template class TALVO_API KernelOf<recurrent::Cell<recurrent::Lstm, recurrent::Sgemm>>;
 extern template class TALVO_API KernelOf<recurrent::Cell<recurrent::Lstm, recurrent::Arm>>;
+extern template class TALVO_API KernelOf<recurrent::Cell<recurrent::Lstm, recurrent::Fused>>;
 extern template class TALVO_API KernelOf<recurrent::Cell<recurrent::Gru, recurrent::Fallback>>;
 extern template class TALVO_API KernelOf<recurrent::Cell<recurrent::Gru, recurrent::Sgemm>>;
 extern template class TALVO_API KernelOf<recurrent::Cell<recurrent::Gru, recurrent::Arm>>;
+extern template class TALVO_API KernelOf<recurrent::Cell<recurrent::Gru, recurrent::Fused>>;
 
 using RNN_Fallback_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::Rnn, recurrent::Fallback>>;
 using RNN_SGEMM_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::Rnn, recurrent::Sgemm>>;
 using RNN_ARM_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::Rnn, recurrent::Arm>>;
+using RNN_Fused_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::Rnn, recurrent::Fused>>;
 using LSTM_Fallback_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::Lstm, recurrent::Fallback>>;
 using LSTM_SGEMM_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::Lstm, recurrent::Sgemm>>;
 using LSTM_ARM_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::Lstm, recurrent::Arm>>;
+using LSTM_Fused_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::Lstm, recurrent::Fused>>;
 using GRU_Fallback_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Fallback>>;
 using GRU_SGEMM_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Sgemm>>;
 using GRU_ARM_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Arm>>;
+using GRU_Fused_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Fused>>;
 using RNNCell_Fallback_C_F32_M1 = KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Fallback>>;
 using RNNCell_SGEMM_C_F32_M1 = KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Sgemm>>;
 using RNNCell_ARM_C_F32_M1 = KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Arm>>;
+using RNNCell_Fused_C_F32_M1 = KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Fused>>;
 using LSTMCell_Fallback_C_F32_M1 = KernelOf<recurrent::Cell<recurrent::Lstm, recurrent::Fallback>>;
 using LSTMCell_SGEMM_C_F32_M1 = KernelOf<recurrent::Cell<recurrent::Lstm, recurrent::Sgemm>>;
 using LSTMCell_ARM_C_F32_M1 = KernelOf<recurrent::Cell<recurrent::Lstm, recurrent::Arm>>;
+using LSTMCell_Fused_C_F32_M1 = KernelOf<recurrent::Cell<recurrent::Lstm, recurrent::Fused>>;
 using GRUCell_Fallback_C_F32_M1 = KernelOf<recurrent::Cell<recurrent::Gru, recurrent::Fallback>>;
 using GRUCell_SGEMM_C_F32_M1 = KernelOf<recurrent::Cell<recurrent::Gru, recurrent::Sgemm>>;
 using GRUCell_ARM_C_F32_M1 = KernelOf<recurrent::Cell<recurrent::Gru, recurrent::Arm>>;
+using GRUCell_Fused_C_F32_M1 = KernelOf<recurrent::Cell<recurrent::Gru, recurrent::Fused>>;
 
 }  // namespace talvo::kernel

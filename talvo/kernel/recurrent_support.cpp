@@ -5,6 +5,7 @@
 
 #include "talvo/kernel/functional/gemm.h"
 #include "talvo/kernel/kernel_support.h"
+#include "talvo/kernel/rows/fused_product.h"
 #include "talvo/kernel/rows/gates.h"
 #include "talvo/kernel/rows/matrix_product.h"
 #include "talvo/utility/refuse_support.h"
@@ -64,36 +65,48 @@ TensorPtr Multiply(CellCall const& call, Operands const& of) {
   return out;
 }
 
+void ConnectFused(float const* in, unsigned int const& in_count, unsigned int const& out_count, float const* weight,
+                  float const* bias, float* out) {
+  rows::FusedProduct({weight, in, bias, 1, out_count, in_count, out, false});
+}
+
+struct Extents {
+  std::size_t outputs, inputs;
+};
+
 // y = W x + bias for row after row. Where the order of the sums is ours and the rows are many, W is packed once.
 class RowProduct {
  public:
-  RowProduct(Product const& product, TensorPtr const& weight, TensorPtr const& bias, std::size_t rows,
-             runtime::DeviceCPU& device)
-      : outputs_(weight->shape.dims[0]),
-        inputs_(weight->shape.dims[1]),
+  RowProduct(Product const& product, TensorPtr const& weight, TensorPtr const& bias, Extents const& extents,
+             std::size_t rows, runtime::DeviceCPU& device)
+      : product_(product),
+        outputs_(static_cast<unsigned int>(extents.outputs)),
+        inputs_(static_cast<unsigned int>(extents.inputs)),
         weight_(weight->Data<float>()),
-        bias_(bias != nullptr ? bias->Data<float>() : nullptr),
-        connect_(product.connect) {
-    if (!product.ordered || rows < kPackFrom) return;
+        bias_(bias != nullptr ? bias->Data<float>() : nullptr) {
+    if (product.packing != Packing::kInLongPasses || rows < kPackFrom) return;
     packed_ = device.CreateF32FlexiableMainMemory({static_cast<unsigned int>(rows::PackedOutputs(outputs_)), inputs_},
                                                   nullptr);
     rows::PackWeights(weight_, outputs_, inputs_, packed_->Data<float>());
   }
 
-  void Run(float const* x, std::size_t rows, float* y) const {
-    if (packed_ != nullptr) {
+  // `backwards`: see FusedProductRun.
+  void Run(float const* x, std::size_t rows, bool backwards, float* y) const {
+    if (product_.packing == Packing::kAtOnce) {
+      rows::FusedProduct({weight_, x, bias_, rows, outputs_, inputs_, y, backwards});
+    } else if (packed_ != nullptr) {
       rows::PackedProduct(packed_->Data<float>(), x, bias_, rows, outputs_, inputs_, y);
     } else {
       for (std::size_t r = 0; r < rows; ++r) {
-        connect_(x + r * inputs_, inputs_, outputs_, weight_, bias_, y + r * outputs_);
+        product_.connect(x + r * inputs_, inputs_, outputs_, weight_, bias_, y + r * outputs_);
       }
     }
   }
 
  private:
+  Product const& product_;
   unsigned int outputs_, inputs_;
   float const *weight_, *bias_;
-  Connect* connect_;
   TensorPtr packed_;
 };
 
@@ -102,8 +115,17 @@ class RowProduct {
 Gates const kRnn = {1, false, RunRnn};
 Gates const kLstm = {4, true, RunLstm};
 Gates const kGru = {3, false, RunGru};
-Product const kOrdered = {true, functional::fullconnection_fallback_c_f32_m1};
-Product const kBlas = {false, functional::fullconnection_sgemm_c_f32_m1};
+Product const kOrdered = {Packing::kInLongPasses, functional::fullconnection_fallback_c_f32_m1};
+Product const kBlas = {Packing::kNever, functional::fullconnection_sgemm_c_f32_m1};
+Product const kFused = {Packing::kAtOnce, ConnectFused};
+
+TensorPtr Keep(Product const& product, TensorPtr const& weight, runtime::DeviceCPU& device) {
+  if (product.packing != Packing::kAtOnce) return weight;
+  std::size_t const outputs = weight->shape.dims[0], inputs = weight->shape.dims[1];
+  auto packed = device.CreateF32CMainMemory(static_cast<unsigned int>(rows::FusedFloats(outputs, inputs)), nullptr);
+  rows::PackFused(weight->Data<float>(), outputs, inputs, packed->Data<float>());
+  return packed;
+}
 
 std::vector<TensorPtr> RunCell(CellCall const& call) {
   CheckCall(call);
@@ -128,18 +150,18 @@ std::size_t PassScratch(Form const& form, std::size_t steps, std::size_t hidden_
 // A step reads its hidden state where the one before wrote it, in y.
 void RunPass(Form const& form, Weights const& weights, Pass const& pass, runtime::DeviceCPU& device) {
   std::size_t const steps = pass.steps, size = pass.hidden_size, outputs = form.gates.count * size;
-  RowProduct const from_x(form.product, weights.weight_ih, weights.bias_ih, steps, device);
-  RowProduct const from_h(form.product, weights.weight_hh, weights.bias_hh, steps, device);
+  RowProduct const from_x(form.product, weights.weight_ih, weights.bias_ih, {outputs, weights.in_size}, steps, device);
+  RowProduct const from_h(form.product, weights.weight_hh, weights.bias_hh, {outputs, size}, steps, device);
   float *const b = pass.scratch, *const a = b + outputs;
   float const* h = pass.h;
   for (std::size_t done = 0; done < steps; done += kStepsAtOnce) {
     std::size_t const rows = std::min(kStepsAtOnce, steps - done);
     std::size_t const first = pass.reverse ? steps - done - rows : done;
-    from_x.Run(pass.x + first * weights.in_size, rows, a);
+    from_x.Run(pass.x + first * weights.in_size, rows, false, a);
     for (std::size_t r = 0; r < rows; ++r) {
       std::size_t const row = pass.reverse ? rows - 1 - r : r;
       float* const h_new = pass.y + (first + row) * pass.y_stride;
-      from_h.Run(h, 1, b);
+      from_h.Run(h, 1, r % 2 == 1, b);
       form.gates.run({a + row * outputs, b, h, pass.c, h_new, size, kTanh});
       h = h_new;
     }

@@ -36,16 +36,23 @@ extern Gates const kRnn, kLstm, kGru;
 using Connect = void(float const* in, unsigned int const& in_count, unsigned int const& out_count, float const* weight,
                      float const* bias, float* out);
 
-/// A matrix step. `ordered`: sums run in the order of the inputs, so that any blocking over outputs and steps gives the
-/// same bits.
+/// When a form packs its weights: never; in a pass that is long enough, beside those it keeps; at once, and keeps no
+/// others.
+enum class Packing : unsigned char { kNever, kInLongPasses, kAtOnce };
+
+/// A matrix step. `connect` takes packed weights where the form keeps them. Forms that pack sum in the order of the
+/// inputs, so that any blocking over outputs and steps gives the same bits.
 struct Product {
-  bool ordered;
+  Packing packing;
   Connect* connect;
 };
-extern Product const kOrdered, kBlas;
+extern Product const kOrdered, kBlas, kFused;
 
-/// The weights of one layer and direction: [gates * hidden_size, in_size], [gates * hidden_size, hidden_size] and two
-/// biases [gates * hidden_size], null without bias.
+/// `weight` [outputs, inputs] as `product` keeps it: `weight` itself, or packed as in rows/fused_product.h.
+TensorPtr Keep(Product const& product, TensorPtr const& weight, runtime::DeviceCPU& device);
+
+/// The weights of one layer and direction, as `Keep` gives them: [gates * hidden_size, in_size], [gates * hidden_size,
+/// hidden_size] and two biases [gates * hidden_size], null without bias.
 struct Weights {
   unsigned int in_size = 0;
   TensorPtr weight_ih, weight_hh, bias_ih, bias_hh;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cmath>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -26,25 +27,26 @@ using CpuTensors = std::vector<std::shared_ptr<runtime::TensorCPU>>;
 using Context = std::shared_ptr<runtime::Context>;
 
 constexpr unsigned short kTanh = 5, kRelu = 2;
-constexpr std::size_t kFallback = 0, kForms = 3;
+constexpr std::size_t kFallback = 0, kFused = 2;
 
 template <class... Classes>
 std::vector<std::shared_ptr<runtime::IKernel>> Make() {
   return {std::make_shared<Classes>()...};
 }
 
-// A family; kernels and functions as Fallback, ARM and SGEMM, of which the first two give the same bits.
+// A family; kernels as Fallback, ARM, Fused and SGEMM, functions without Fused. SGEMM alone has a tolerance.
 #define TALVO_TEST_FAMILY(Name, gates)                                                                                 \
   struct Name {                                                                                                        \
     using Info = runtime::Name##Info;                                                                                  \
     using CellInfo = runtime::Name##CellInfo;                                                                          \
     static constexpr unsigned int kGates = gates;                                                                      \
     static auto Sequences() {                                                                                          \
-      return Make<kernel::Name##_Fallback_SC_F32_M1, kernel::Name##_ARM_SC_F32_M1, kernel::Name##_SGEMM_SC_F32_M1>();  \
+      return Make<kernel::Name##_Fallback_SC_F32_M1, kernel::Name##_ARM_SC_F32_M1, kernel::Name##_Fused_SC_F32_M1,     \
+                  kernel::Name##_SGEMM_SC_F32_M1>();                                                                   \
     }                                                                                                                  \
     static auto Cells() {                                                                                              \
       return Make<kernel::Name##Cell_Fallback_C_F32_M1, kernel::Name##Cell_ARM_C_F32_M1,                               \
-                  kernel::Name##Cell_SGEMM_C_F32_M1>();                                                                \
+                  kernel::Name##Cell_Fused_C_F32_M1, kernel::Name##Cell_SGEMM_C_F32_M1>();                             \
     }                                                                                                                  \
     static auto Functions() {                                                                                          \
       return std::array{&kernel::functional::Name##Cell_Fallback_C_F32_M1,                                             \
@@ -74,18 +76,26 @@ Row Map(Function* function, Row x, Rows const&... others) {
 // The k-th of the parts of x, each of `size` elements.
 Row Part(Row const& x, std::size_t size, std::size_t k) { return Row(&x[k * size], &x[k * size] + size); }
 
-Row Connect(Row const& x, Row const& weight, Row const& bias) {
+Row Connect(bool fused, Row const& x, Row const& weight, Row const& bias) {
   Row y(weight.size() / x.size());
+  if (fused) {
+    for (std::size_t o = 0; o < y.size(); ++o) {
+      y[o] = bias.empty() ? 0.0f : bias[o];
+      for (std::size_t i = 0; i < x.size(); ++i) y[o] = std::fmaf(weight[o * x.size() + i], x[i], y[o]);
+    }
+    return y;
+  }
   kernel::functional::fullconnection_fallback_c_f32_m1(x.data(), Size(x), Size(y), weight.data(),
                                                        bias.empty() ? nullptr : bias.data(), y.data());
   return y;
 }
 
 // One step by its definition in public row functions, whose own tests fix their bits. h and c are replaced.
-void StepByDefinition(unsigned int gates, unsigned short activation, Row const& x, Weights const& w, Row& h, Row& c) {
+void StepByDefinition(bool fused, unsigned int gates, unsigned short activation, Row const& x, Weights const& w, Row& h,
+                      Row& c) {
   using namespace kernel::functional;
   auto *const add = elementwise_add_f32_m1, *const sub = elementwise_sub_f32_m1, *const mul = elementwise_mul_f32_m1;
-  Row const a = Connect(x, w[0], w[2]), b = Connect(h, w[1], w[3]), sum = Map(add, a, b);
+  Row const a = Connect(fused, x, w[0], w[2]), b = Connect(fused, h, w[1], w[3]), sum = Map(add, a, b);
   auto const gate = [&](auto* function, std::size_t k) { return Map(function, Part(sum, h.size(), k)); };
   if (gates == RNN::kGates) {
     h = Map(activation == kRelu ? relu_f32 : tanh_f32, sum);
@@ -127,7 +137,7 @@ struct Stack : Shape {
       Row above(steps * directions * hidden_size);
       for (std::size_t k = 0; k < directions * steps; ++k) {
         std::size_t const d = k / steps, t = d == 0 ? k : 2 * steps - 1 - k, at = directions * l + d;
-        StepByDefinition(gates, activation, Part(below, Width(l), t), weights[at], h[at], c[at]);
+        StepByDefinition(fused, gates, activation, Part(below, Width(l), t), weights[at], h[at], c[at]);
         std::copy(h[at].begin(), h[at].end(), &above[(directions * t + d) * hidden_size]);
       }
       below = std::move(above);
@@ -136,6 +146,7 @@ struct Stack : Shape {
   }
 
   unsigned int gates;
+  bool fused = false;
   unsigned short activation = kTanh;
   std::vector<Weights> weights;
   std::vector<Row> h, c;
@@ -169,7 +180,8 @@ std::shared_ptr<Info> Record(Stack const& stack) {
   return info;
 }
 
-bool IsCell(runtime::IKernel const& kernel) { return kernel.GetName().find("Cell_") != std::string::npos; }
+bool Is(char const* part, runtime::IKernel const& kernel) { return kernel.GetName().find(part) != std::string::npos; }
+bool IsCell(runtime::IKernel const& kernel) { return Is("Cell_", kernel); }
 
 template <class Family>
 bool Configure(runtime::IKernel& kernel, Stack const& stack, Context const& context) {
@@ -219,7 +231,7 @@ TYPED_TEST(Recurrent, GivesTheGoldenValues) {
   }
 }
 
-TYPED_TEST(Recurrent, FallbackAndArmGiveTheBitsOfTheDefinition) {
+TYPED_TEST(Recurrent, AllButSgemmGiveTheBitsOfTheDefinition) {
   struct Case {
     char const* why;
     Shape shape;
@@ -247,6 +259,7 @@ TYPED_TEST(Recurrent, FallbackAndArmGiveTheBitsOfTheDefinition) {
         for (int run = 0; run < 2; ++run) {
           EXPECT_EQ(kernel->ResetRNNState(), 0);  // in the first run there is nothing to clear
           Stack reference = stack;
+          reference.fused = Is("_Fused_", *kernel);
           for (auto const steps : {c.first, c.second, c.first}) ExpectSameRun(reference, *kernel, steps, context);
         }
       }
@@ -262,9 +275,13 @@ TYPED_TEST(Recurrent, SpecialValuesPassEachGate) {
   Row const specials = SpecialFloats(1, 28);  // 25 and 28: each gate of a unit has another value
   for (std::size_t o = 0; o < w[0].size(); ++o) w[0][o] = w[2][o] = specials[o % 28];
   for (std::size_t const k : {1u, 3u}) w[k].assign(w[k].size(), -0.0f);  // adds nothing, and keeps -0
-  auto const cell = TypeParam::Cells()[kFallback];
-  ASSERT_TRUE(Configure<TypeParam>(*cell, stack, context));
-  ExpectSameBits(stack.Run({1.0f}), Run(*cell, {1.0f}, 1, context));
+  for (std::size_t const form : {kFallback, kFused}) {
+    auto const cell = TypeParam::Cells()[form];
+    ASSERT_TRUE(Configure<TypeParam>(*cell, stack, context));
+    Stack reference = stack;
+    reference.fused = form == kFused;
+    ExpectSameBits(reference.Run({1.0f}), Run(*cell, {1.0f}, 1, context));
+  }
 }
 
 TYPED_TEST(Recurrent, ASecondConfigIsServedWhereTheStateFits) {
@@ -440,8 +457,10 @@ TYPED_TEST(Recurrent, FunctionsAreTheStepsOfTheirKernels) {
   Stack const stack(TypeParam::kGates, {3, 2, 1, true, false});
   CpuTensors w;
   for (Row const& row : stack.weights[0]) w.push_back(device->CreateF32CMainMemory(Size(row), row.data()));
-  for (std::size_t form = 0; form < kForms; ++form) {
-    auto const kernel = TypeParam::Cells()[form];
+  auto kernels = TypeParam::Cells();
+  kernels.erase(kernels.begin() + kFused);
+  for (std::size_t form = 0; form < kernels.size(); ++form) {
+    auto const& kernel = kernels[form];
     SCOPED_TRACE(kernel->GetName());
     ASSERT_TRUE(Configure<TypeParam>(*kernel, stack, context));
     CpuTensors inputs = {device->CreateF32CMainMemory(3, Floats(1, 3).data()), nullptr, nullptr};  // null: zeros

@@ -1,0 +1,35 @@
+// A table of names and makers, which the front doors of the registries share. Internal.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+
+#include "talvo/runtime/class_registry.h"
+#include "talvo/runtime/kernel.h"
+
+namespace talvo::utility {
+
+template <class Base>
+struct Entry {
+  char const* name;
+  std::shared_ptr<Base> (*make)();
+};
+
+template <class Base, class Class>
+std::shared_ptr<Base> Make() {
+  return std::make_shared<Class>();
+}
+
+// The registered name is the class's.
+#define TALVO_KERNEL(Class) \
+  { #Class, Make < runtime::IKernel, kernel::Class> }
+
+/// Names that are present already keep their factories.
+template <class Base, std::size_t kCount>
+void RegisterAll(Entry<Base> const (&entries)[kCount], runtime::ClassRegistry<std::shared_ptr<Base>>& registry) {
+  for (auto const& entry : entries) registry.Register(entry.name, entry.make, false);
+}
+
+using KernelRegistry = runtime::ClassRegistry<std::shared_ptr<runtime::IKernel>>;
+
+}  // namespace talvo::utility
