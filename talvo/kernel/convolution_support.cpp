@@ -51,10 +51,11 @@ void FillStarts(float const (&starts)[kMaxBlock], std::size_t lanes, std::size_t
 }
 
 double MostScratch(ConvolutionShape const& shape) {
-  constexpr double kMostOfATensor = std::numeric_limits<unsigned int>::max() / sizeof(float) - kAlignmentFloats;
+  constexpr std::size_t kMostOfATensor = std::numeric_limits<unsigned int>::max() / sizeof(float) - kAlignmentFloats;
   std::size_t const in = shape.in_per_group * shape.InPlane(), out = shape.out_per_group * shape.OutPlane();
   std::size_t const weights = shape.in_per_group * shape.out_per_group * shape.Taps();
-  return std::min(kScratchAtHand + 4.0 * static_cast<double>(shape.groups * (in + out + weights)), kMostOfATensor);
+  return std::min(kScratchAtHand + 4.0 * static_cast<double>(shape.groups * (in + out + weights)),
+                  static_cast<double>(kMostOfATensor));
 }
 
 ConvolutionScratch::ConvolutionScratch(runtime::DeviceCPU& device, std::size_t floats) {

@@ -18,7 +18,7 @@ TALVO_ROWS_INLINE Int Saturated(float value) {
     constexpr float kHigh = kHighest;
     return static_cast<Int>(static_cast<int>(held < kHigh ? held : kHigh));
   } else {
-    constexpr float kEnd = 2.0f * static_cast<float>(kHighest / 2 + 1);  // the highest itself is no float
+    constexpr float kEnd = 2.0f * static_cast<float>((kHighest >> 1) + 1);  // the highest itself is no float
     return held < kEnd ? static_cast<Int>(held) : kHighest;
   }
 }
