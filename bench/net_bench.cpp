@@ -1,6 +1,6 @@
-// Whole nets of published shapes with random weights, built from records, with portable kernels alone and with the
-// matrix product where it fits; and the construction of a net. Operations are the multiplications and additions of
-// convolutions and full connections.
+// Whole nets of published shapes with random weights, built from records, with portable kernels alone, with the matrix
+// product where it fits, and with fused kernels where there are any; and the construction of a net. Operations are the
+// multiplications and additions of convolutions and full connections.
 #include <benchmark/benchmark.h>
 
 #include <cmath>
@@ -10,6 +10,7 @@
 
 #include "bench/blas_in_use.h"
 #include "talvo/entry/create_context.h"
+#include "talvo/entry/register_fused_operators.h"
 #include "talvo/entry/register_operators.h"
 #include "talvo/runtime/create_net.h"
 #include "talvo/runtime/device_cpu.h"
@@ -27,18 +28,21 @@ namespace {
 using namespace talvo::runtime;
 using Short = unsigned short;
 
+enum Family { kPortable, kSgemm, kFused };
+
 // Layers one after the other on square planes; `last` is the id of the newest, `channels` and `extent` its shape.
 class NetBuilder {
  public:
-  NetBuilder(Short input_channels, Short input_extent, bool with_sgemm)
-      : channels(input_channels), extent(input_extent), with_sgemm_(with_sgemm) {
+  NetBuilder(Short input_channels, Short input_extent, Family family)
+      : channels(input_channels), extent(input_extent), family_(family) {
     builder_.AddInput("input");
   }
 
   void Convolve(Short out, Short kernel, Short stride = 1, Short groups = 1) {
     bool const pointwise = kernel == 1 && stride == 1 && groups == 1;
-    auto& info = Add<Conv2dInfo>({last}, pointwise && with_sgemm_ ? "Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1"
-                                                                  : "Conv2D_Knxm_Snxm_Dnxm_Gn_Fallback_CHW_Float_M1");
+    auto& info =
+        Add<Conv2dInfo>({last}, pointwise && family_ == kSgemm ? "Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1"
+                                                               : "Conv2D_Knxm_Snxm_Dnxm_Gn_Fallback_CHW_Float_M1");
     info.padding_l = info.padding_t = info.padding_r = info.padding_b = static_cast<Short>(kernel / 2);
     extent = static_cast<Short>((extent + 2 * (kernel / 2) - kernel) / stride + 1);
     Fill(info, out, kernel, stride, groups, std::size_t{extent} * extent);
@@ -84,6 +88,8 @@ class NetBuilder {
     ClassRegistry<std::shared_ptr<IKernel>> kernels;
     ClassRegistry<std::shared_ptr<InferenceParam>> params;
     utility::init_register_operators(kernels, params);
+    utility::init_register_fused_operators(kernels);
+    if (family_ == kFused) utility::PreferFusedKernels(*builder_.config);
     return CreateNet(builder_.model, builder_.config, kernels, context);
   }
 
@@ -126,7 +132,7 @@ class NetBuilder {
 
   void Fully(Short out) {
     auto& info = Add<FullConnectionInfo>(
-        {last}, with_sgemm_ ? "FullConnection_SGEMM_C_Float_M1" : "FullConnection_Fallback_C_Float_M1");
+        {last}, family_ == kSgemm ? "FullConnection_SGEMM_C_Float_M1" : "FullConnection_Fallback_C_Float_M1");
     info.in_features = channels;
     info.out_features = out;
     info.weight = Weights(std::size_t{channels} * out, channels);
@@ -134,18 +140,18 @@ class NetBuilder {
     channels = out;
   }
 
-  bool const with_sgemm_;
+  Family const family_;
   test::ModelBuilder builder_;
   std::uint32_t state_ = 1;
 };
 
 // Depthwise and pointwise convolutions in turn, 3 x 224 x 224.
-NetBuilder MobileLike(bool with_sgemm) {
+NetBuilder MobileLike(Family family) {
   constexpr char kActivation[] = "ReLU6_Fallback_Float_M1";
   struct Block {
     Short out, stride;
   };
-  NetBuilder net(3, 224, with_sgemm);
+  NetBuilder net(3, 224, family);
   net.Convolve(32, 3, 2);
   net.Activate(kActivation);
   for (Block const& block : {Block{64, 1},
@@ -171,9 +177,9 @@ NetBuilder MobileLike(bool with_sgemm) {
 }
 
 // Eighteen weighted layers with sums around each pair, 3 x 224 x 224.
-NetBuilder ResidualLike(bool with_sgemm) {
+NetBuilder ResidualLike(Family family) {
   constexpr char kActivation[] = "ReLU_Fallback_Float_M1";
-  NetBuilder net(3, 224, with_sgemm);
+  NetBuilder net(3, 224, family);
   net.Convolve(64, 7, 2);
   net.Activate(kActivation);
   net.PoolByMaximum(3, 2, 1);
@@ -199,9 +205,9 @@ NetBuilder ResidualLike(bool with_sgemm) {
 }
 
 // Down three times and up again, with the planes of the way down joined on the way up, 3 x 128 x 128.
-NetBuilder ULike(bool with_sgemm) {
+NetBuilder ULike(Family family) {
   constexpr char kActivation[] = "ReLU_Fallback_Float_M1";
-  NetBuilder net(3, 128, with_sgemm);
+  NetBuilder net(3, 128, family);
   auto const two_convolutions = [&](Short out) {
     for (int i = 0; i < 2; ++i) {
       net.Convolve(out, 3);
@@ -225,10 +231,10 @@ NetBuilder ULike(bool with_sgemm) {
   return net;
 }
 
-void RunNet(benchmark::State& state, NetBuilder (*make)(bool)) {
+void RunNet(benchmark::State& state, NetBuilder (*make)(Family)) {
   std::shared_ptr<Context> context;
   utility::create_context(context, 64);
-  NetBuilder const builder = make(state.range(0) != 0);
+  NetBuilder const builder = make(static_cast<Family>(state.range(0)));
   auto const net = builder.Build(context);
   Short const extent = make == ULike ? 128 : 224;
   std::vector<float> picture(std::size_t{3} * extent * extent);
@@ -236,26 +242,22 @@ void RunNet(benchmark::State& state, NetBuilder (*make)(bool)) {
   auto const input = context->device_cpu->CreateF32CHWMainMem({3, extent, extent}, picture.data());
   auto const output = static_cast<unsigned int>(net->layers.size() - 1);
   for (auto _ : state) benchmark::DoNotOptimize(net->Forward({{0, input}}, {output}, context, nullptr, nullptr));
+  state.SetLabel(std::vector<char const*>{"portable", "SGEMM", "fused"}.at(static_cast<std::size_t>(state.range(0))));
   state.counters["operations"] = benchmark::Counter(
       static_cast<double>(builder.operations) * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
 }
-BENCHMARK_CAPTURE(RunNet, MobileNet_like / 224, MobileLike)
-    ->ArgName("sgemm")
-    ->Arg(0)
-    ->Arg(1)
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(RunNet, ResNet18_like / 224, ResidualLike)
-    ->ArgName("sgemm")
-    ->Arg(0)
-    ->Arg(1)
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(RunNet, UNet_like / 128, ULike)->ArgName("sgemm")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+void EachFamily(benchmark::internal::Benchmark* net) {
+  net->ArgName("family")->DenseRange(kPortable, kFused)->Unit(benchmark::kMillisecond);
+}
+BENCHMARK_CAPTURE(RunNet, MobileNet_like / 224, MobileLike)->Apply(EachFamily);
+BENCHMARK_CAPTURE(RunNet, ResNet18_like / 224, ResidualLike)->Apply(EachFamily);
+BENCHMARK_CAPTURE(RunNet, UNet_like / 128, ULike)->Apply(EachFamily);
 
 // 100 layers: an input, and convolutions of 16 channels and activations in turn.
 void Construct(benchmark::State& state) {
   std::shared_ptr<Context> context;
   utility::create_context(context, 64);
-  NetBuilder builder(16, 32, false);
+  NetBuilder builder(16, 32, kPortable);
   for (int layer = 1; layer < 100; ++layer) {
     if (layer % 2 == 1) {
       builder.Convolve(16, 3);

@@ -1,4 +1,5 @@
-// Recurrent kernels beside the plain cell, written out below: LSTM and GRU over a sequence and for one step.
+// Recurrent kernels beside the plain cell, written out below: LSTM and GRU over a sequence and for one step. Operations
+// are the multiplications and additions of the matrix products; their share is that of the core's fused rate.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "bench/blas_in_use.h"
+#include "bench/yardsticks.h"
 #include "talvo/entry/create_context.h"
 #include "talvo/kernel/recurrent.h"
 #include "talvo/kernel/rows/gates.h"
@@ -95,6 +97,13 @@ struct Shape {
 
   unsigned int Directions() const { return bidirectional ? 2 : 1; }
   unsigned int Width(std::size_t layer) const { return layer == 0 ? kIn : Directions() * kHidden; }
+
+  // Of a step.
+  double Operations() const {
+    double inputs = 0.0;
+    for (std::size_t l = 0; l < num_layers; ++l) inputs += Width(l) + kHidden;
+    return 2.0 * gates * kHidden * Directions() * inputs;
+  }
 };
 
 // Entry layer * directions + direction.
@@ -165,6 +174,7 @@ void Sequence(benchmark::State& state, Shape shape, bool same_bits) {
   }
   for (auto _ : state) kernel.Forward({x}, outputs, context);
   state.SetItemsProcessed(state.iterations() * kSteps);
+  ReportFusedOperations(state, kSteps * shape.Operations());
 }
 
 void PlainStep(benchmark::State& state, unsigned int gates) {
@@ -213,9 +223,10 @@ void Step(benchmark::State& state, unsigned int gates) {
   auto const x = context->device_cpu->CreateF32CMainMemory(kIn, Weights(kIn, 5).data());
   std::vector<std::shared_ptr<runtime::Tensor>> outputs;
   for (auto _ : state) kernel.Forward({x}, outputs, context);
+  ReportFusedOperations(state, Shape{gates, 1, false}.Operations());
 }
 
-template <class Info, class Fallback, class Arm, class Sgemm>
+template <class Info, class Fallback, class Arm, class Sgemm, class Fused>
 void RegisterSequences(std::string const& family, unsigned int gates) {
   for (bool const deep : {false, true}) {
     Shape const shape = {gates, static_cast<unsigned short>(deep ? 2 : 1), deep};
@@ -224,15 +235,17 @@ void RegisterSequences(std::string const& family, unsigned int gates) {
     benchmark::RegisterBenchmark((name + "Fallback").c_str(), Sequence<Fallback, Info>, shape, true);
     benchmark::RegisterBenchmark((name + "ARM").c_str(), Sequence<Arm, Info>, shape, true);
     benchmark::RegisterBenchmark((name + "SGEMM").c_str(), Sequence<Sgemm, Info>, shape, false);
+    benchmark::RegisterBenchmark((name + "Fused").c_str(), Sequence<Fused, Info>, shape, false);
   }
 }
 
-template <class Info, class Fallback, class Arm, class Sgemm>
+template <class Info, class Fallback, class Arm, class Sgemm, class Fused>
 void RegisterCells(std::string const& family, unsigned int gates) {
   benchmark::RegisterBenchmark((family + "/cell/plain_cell").c_str(), PlainStep, gates);
   benchmark::RegisterBenchmark((family + "/cell/Fallback").c_str(), Step<Fallback, Info>, gates);
   benchmark::RegisterBenchmark((family + "/cell/ARM").c_str(), Step<Arm, Info>, gates);
   benchmark::RegisterBenchmark((family + "/cell/SGEMM").c_str(), Step<Sgemm, Info>, gates);
+  benchmark::RegisterBenchmark((family + "/cell/Fused").c_str(), Step<Fused, Info>, gates);
   benchmark::RegisterBenchmark((family + "/gates/plain_cell").c_str(), GatesAlone, gates, std::nullopt);
   for (auto const set : rows::RunnableSets()) {
     benchmark::RegisterBenchmark((family + "/gates/" + rows::NameOf(set)).c_str(), GatesAlone, gates, set);
@@ -245,12 +258,13 @@ void RegisterCells(std::string const& family, unsigned int gates) {
 int main(int argc, char** argv) {
   using namespace talvo::kernel;
   using namespace talvo::runtime;
-  talvo::bench::RegisterSequences<LSTMInfo, LSTM_Fallback_SC_F32_M1, LSTM_ARM_SC_F32_M1, LSTM_SGEMM_SC_F32_M1>("LSTM",
-                                                                                                               4);
-  talvo::bench::RegisterSequences<GRUInfo, GRU_Fallback_SC_F32_M1, GRU_ARM_SC_F32_M1, GRU_SGEMM_SC_F32_M1>("GRU", 3);
-  talvo::bench::RegisterCells<LSTMCellInfo, LSTMCell_Fallback_C_F32_M1, LSTMCell_ARM_C_F32_M1, LSTMCell_SGEMM_C_F32_M1>(
-      "LSTM", 4);
-  talvo::bench::RegisterCells<GRUCellInfo, GRUCell_Fallback_C_F32_M1, GRUCell_ARM_C_F32_M1, GRUCell_SGEMM_C_F32_M1>(
-      "GRU", 3);
+  talvo::bench::RegisterSequences<LSTMInfo, LSTM_Fallback_SC_F32_M1, LSTM_ARM_SC_F32_M1, LSTM_SGEMM_SC_F32_M1,
+                                  LSTM_Fused_SC_F32_M1>("LSTM", 4);
+  talvo::bench::RegisterSequences<GRUInfo, GRU_Fallback_SC_F32_M1, GRU_ARM_SC_F32_M1, GRU_SGEMM_SC_F32_M1,
+                                  GRU_Fused_SC_F32_M1>("GRU", 3);
+  talvo::bench::RegisterCells<LSTMCellInfo, LSTMCell_Fallback_C_F32_M1, LSTMCell_ARM_C_F32_M1, LSTMCell_SGEMM_C_F32_M1,
+                              LSTMCell_Fused_C_F32_M1>("LSTM", 4);
+  talvo::bench::RegisterCells<GRUCellInfo, GRUCell_Fallback_C_F32_M1, GRUCell_ARM_C_F32_M1, GRUCell_SGEMM_C_F32_M1,
+                              GRUCell_Fused_C_F32_M1>("GRU", 3);
   return talvo::bench::RunOnOneBlasThread(argc, argv);
 }

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <vector>
 
-#include "talvo/kernel/rows/vectors.h"
+#include "talvo/kernel/rows/fused_step.h"
 
 namespace talvo::bench {
 namespace {
@@ -34,6 +34,24 @@ struct MultiplyAndAddBody {
 };
 Primitive<void(std::size_t, float, float, float*)> const MultiplyAndAdd{MultiplyAndAddBody()};
 
+struct FuseBody {
+  template <class Set>
+  static TALVO_ROWS_INLINE void Run(std::size_t steps, float const* factors, float* results) {
+    constexpr int kLanes = Set::kLanes;
+    Vector<kLanes> a, b, sums[2 * kChains];
+    Load<kLanes>(factors, a), Load<kLanes>(factors, b);
+    TALVO_ROWS_UNROLL
+    for (int i = 0; i < 2 * kChains; ++i) Load<kLanes>(results + i * kLanes, sums[i]);
+    for (std::size_t step = 0; step < steps; ++step) {
+      TALVO_ROWS_UNROLL
+      for (int i = 0; i < 2 * kChains; ++i) FusedStep<Set, kLanes>(a, b, sums[i]);
+    }
+    TALVO_ROWS_UNROLL
+    for (int i = 0; i < 2 * kChains; ++i) Store<kLanes>(sums[i], results + i * kLanes);
+  }
+};
+Primitive<void(std::size_t, float const*, float*)> const Fuse{FuseBody()};
+
 double SecondsOf(std::size_t times, void (*work)(std::size_t, void*), void* data) {
   auto const start = std::chrono::steady_clock::now();
   work(times, data);
@@ -60,6 +78,19 @@ double UnfusedRate() {
   return rate;
 }
 
+double FusedRate() {
+  static double const rate = [] {
+    std::vector<float> results(3 * kChains * kMaxLanes, 0.0f);  // the factors stand at the end
+    auto const work = [](std::size_t steps, void* data) {
+      float* const sums = static_cast<float*>(data);
+      Fuse(steps, sums + 2 * kChains * kMaxLanes, sums);
+      benchmark::ClobberMemory();
+    };
+    return 4.0 * kChains * ActiveLanes() / BestOf(10, 1000000, work, results.data());
+  }();
+  return rate;
+}
+
 double CopySeconds(std::size_t bytes) {
   struct Block {
     std::vector<unsigned char> from, to;
@@ -78,6 +109,12 @@ void ReportOperations(benchmark::State& state, double operations_per_iteration) 
   auto const rate = benchmark::Counter::kIsIterationInvariantRate;
   state.counters["op/s"] = benchmark::Counter(operations_per_iteration, rate);
   state.counters["of_unfused"] = benchmark::Counter(operations_per_iteration / UnfusedRate(), rate);
+}
+
+void ReportFusedOperations(benchmark::State& state, double operations_per_iteration) {
+  auto const rate = benchmark::Counter::kIsIterationInvariantRate;
+  state.counters["op/s"] = benchmark::Counter(operations_per_iteration, rate);
+  state.counters["of_fused"] = benchmark::Counter(operations_per_iteration / FusedRate(), rate);
 }
 
 void ReportCopies(benchmark::State& state, std::size_t bytes_per_iteration) {

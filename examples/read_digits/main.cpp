@@ -1,7 +1,8 @@
 // Reads handwritten digits: from a camera frame through a small convolutional network to an answer.
 //
 //   read_digits                  reads photographs made from the pictures of examples/digits, as a phone held at any
-//                                of four turns would take them; prints the accuracy and the layer table
+//                                of four turns would take them, with portable kernels and with fused ones; prints the
+//                                accuracy and the layer tables
 //   read_digits FILE.pgm         reads one 8-bit gray picture of one digit, light on dark or dark on light
 //   read_digits FRAME.nv21 WIDTH HEIGHT [TURN [LEFT TOP WIDTH HEIGHT]]
 //                                reads a raw camera frame; TURN degrees clockwise (0, 90, 180, 270) bring it upright,
@@ -44,10 +45,11 @@ struct Answer {
 // The network, built once from its package.
 class Reader {
  public:
-  Reader() {
+  explicit Reader(bool prefer_fused) {
     std::string const path = std::string(kFolder) + "/digits.tlnmodel";
     utility::create_context(context_, 64);
     utility::init_register_operators(kernels_, params_);
+    utility::init_register_fused_operators(kernels_);
     runtime::TLNModel file;
     if (utility::load_model(path, packages_, context_, kernels_, params_, "x86", 1, 0) != 0 ||
         !file.FromFile(path.c_str(), "bin")) {
@@ -55,7 +57,9 @@ class Reader {
     }
     auto& package = packages_.at("digits");
     auto const& model = file.model_arr->models.at("digits");
-    utility::Load_Single_Net(package, model, file.config_arr->configs.at("digits"), "x86");
+    auto const& configs = file.config_arr->configs.at("digits");
+    if (prefer_fused) utility::PreferFusedKernels(*configs->cpu_sse);
+    utility::Load_Single_Net(package, model, configs, "x86");
     layer_ids_ = model->squential_ids;
   }
 
@@ -114,7 +118,7 @@ void Print(Answer const& answer) {
 }
 
 void ReadOne(std::string const& path, Frame const& frame, View const& view) {
-  Reader reader;
+  Reader reader(false);
   Answer const answer = reader.Read(path, frame, view);
   Print(answer);
   std::printf("%s: %d, in %.3f ms, %.3f of them for the image\n", path.c_str(), answer.Digit(), answer.time_ms,
@@ -130,9 +134,9 @@ void ReadAll() {
     if (entry.path().extension() == ".pgm") paths.push_back(entry.path());
   }
   std::sort(paths.begin(), paths.end());
-  Reader reader;
+  Reader reader(false), fused_reader(true);
   std::size_t right = 0;
-  Answer answer;
+  Answer answer, fused;
   for (std::size_t i = 0; i < paths.size(); ++i) {
     auto const& path = paths[i];
     View view;
@@ -140,14 +144,16 @@ void ReadAll() {
         read_digits::Photograph(read_digits::ReadPgm(path.string()), static_cast<unsigned int>(i), view);
     answer = reader.Read(path.string(), frame, view);
     Print(answer);
-    bool const is_right = answer.Digit() == LabelOf(path);
+    fused = fused_reader.Read(path.string(), frame, view);
+    bool const is_right = answer.Digit() == LabelOf(path) && fused.Digit() == answer.Digit();
     right += is_right;
-    std::printf("%s, %u by %u, turned by %u: %d, %s, in %.3f ms, %.3f of them for the image\n\n",
+    std::printf("%s, %u by %u, turned by %u: %d, %s, in %.3f ms (fused kernels %.3f), %.3f of them for the image\n\n",
                 path.filename().c_str(), frame.width, frame.height, view.turn, answer.Digit(),
-                is_right ? "right" : "WRONG", answer.time_ms, answer.prepare_ms);
+                is_right ? "right" : "WRONG", answer.time_ms, fused.time_ms, answer.prepare_ms);
   }
   std::printf("%zu of %zu right\n", right, paths.size());
   reader.PrintLayers(answer.layer_times_ms);
+  fused_reader.PrintLayers(fused.layer_times_ms);
   if (right != paths.size()) throw std::runtime_error("some pictures were read wrong");
 }
 

@@ -3,6 +3,7 @@
 #include <sys/wait.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -153,6 +154,23 @@ TEST_F(RunPackageTest, RunsOnWithTheNextInputsAndWritesEachOutputToAFileOfItsOwn
   ExpectError("p.json --input in/1=a.npy --output other", "input layer \"in_1\" has no tensor");
 }
 
+TEST_F(RunPackageTest, PrefersFusedKernels) {
+  auto const package = test::SmallModel().Package("small");
+  Save(*package, "p.json");
+  auto const run = [&](std::string const& words) {
+    std::string const out = RunWell("p.json --input picture=in.npy --profile --output-dir d " + words).out;
+    std::string const bytes = ReadAll(folder_ / "d/sequence.npy");
+    std::vector<float> values(16);  // [4, 4], behind the header
+    std::memcpy(values.data(), bytes.data() + bytes.size() - 64, 64);
+    return std::pair(out, values);
+  };
+  auto const portable = run(""), fused = run("--prefer fused");
+  ExpectHolds(portable.first, {"GRU_Fallback_SC_F32_M1"});
+  ExpectHolds(fused.first, {"GRU_Fused_SC_F32_M1", "Pooling2D_Max_Fallback_Float_M1", "_SGEMM_CHW_FLOAT_M1"});
+  EXPECT_EQ(fused.first.find("GRU_Fallback"), std::string::npos) << fused.first;
+  test::ExpectNearSum(portable.second, fused.second, 32, 32.0f);  // the inputs of a step
+}
+
 TEST_F(RunPackageTest, ReportsBadInputInOneLine) {
   auto const small = test::SmallModel().Package("small");
   Save(*small, "p.tlnmodel");
@@ -235,9 +253,10 @@ TEST_F(RunPackageTest, ReportsSpoiledModelsInOneLine) {
 }
 
 TEST_F(RunPackageTest, AnswersBadUsageWithTwo) {
-  for (char const* words : {"", "a.json b.json", "a.json --bogus", "a.json --input", "a.json --input picture",
-                            "a.json --input =x.npy", "a.json --input picture=CHW:", "a.json --model ''",
-                            "a.json --repeat 0", "a.json --repeat -1", "a.json --repeat 1x", "-x"}) {
+  for (char const* words :
+       {"", "a.json b.json", "a.json --bogus", "a.json --input", "a.json --input picture", "a.json --input =x.npy",
+        "a.json --input picture=CHW:", "a.json --model ''", "a.json --prefer sgemm", "a.json --repeat 0",
+        "a.json --repeat -1", "a.json --repeat 1x", "-x"}) {
     Result const result = Run(words);
     EXPECT_EQ(result.status, 2) << words;
     ExpectHolds(result.err, {"usage: run_package PACKAGE"});

@@ -35,12 +35,18 @@ unsigned int ParseRepeat(std::string const& word) {
   return static_cast<unsigned int>(number);
 }
 
+bool ParsePreference(std::string const& word) {
+  if (word != "fused") throw UsageError("--prefer takes fused, not \"" + word + "\"");
+  return true;
+}
+
 }  // namespace
 
 char const* const kUsage =
     "usage: run_package PACKAGE [--model ID] [--backend WORD] [--input LAYER=[LAYOUT:]FILE.npy]... [--output "
     "LAYER]...\n"
     "                   [--next [--input ...]...]... [--output-dir DIR] [--repeat N] [--profile] [--list]\n"
+    "                   [--prefer fused]\n"
     "back ends: x86, arm, metal; layouts: CHW, HWC, C4HW4, C8HW8, NCHW, NHWC, C, SC, CL, FLEXIABLE";
 
 Arguments ParseArguments(int count, char const* const* words) {
@@ -66,6 +72,8 @@ Arguments ParseArguments(int count, char const* const* words) {
       arguments.output_dir = value(word);
     } else if (word == "--repeat") {
       arguments.repeat = ParseRepeat(value(word));
+    } else if (word == "--prefer") {
+      arguments.prefer_fused = ParsePreference(value(word));
     } else if (word == "--profile") {
       arguments.profile = true;
     } else if (word == "--list") {

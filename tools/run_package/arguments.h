@@ -19,6 +19,7 @@ struct Arguments {
   std::vector<std::string> outputs;                 // layer ids; empty: the model's outputs
   std::string output_dir;                           // empty: nothing is written
   unsigned int repeat = 1;
+  bool prefer_fused = false;
   bool profile = false;
   bool list = false;
 };

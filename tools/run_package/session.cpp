@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "talvo/entry/create_context.h"
+#include "talvo/entry/register_fused_operators.h"
 #include "talvo/entry/register_operators.h"
 #include "talvo/utility/log.h"
 #include "tools/common/program.h"
@@ -59,10 +60,11 @@ Session::Session(Arguments const& arguments) : path_(arguments.package), backend
   talvo::utility::SetLogCallback(Report);
   talvo::utility::create_context(context_, kAlignment);
   talvo::utility::init_register_operators(kernels_, params_);
+  talvo::utility::init_register_fused_operators(kernels_);
   file_ = ReadPackage(path_);
   if (arguments.list) return;
   ChooseModel(arguments.model);
-  BuildNet();
+  BuildNet(arguments.prefer_fused);
   if (!arguments.outputs.empty()) RequestOutputs(arguments.outputs);
 }
 
@@ -84,10 +86,13 @@ void Session::ChooseModel(std::string const& wanted) {
   package_ = packages.at(model_id_);
 }
 
-void Session::BuildNet() {
+void Session::BuildNet(bool prefer_fused) {
   auto const configs = file_->config_arr->configs.find(model_id_);
   if (configs == file_->config_arr->configs.end())
     Refuse(path_ + ": model \"" + model_id_ + "\" has no configurations");
+  if (prefer_fused) {
+    for (auto const& config : Candidates(*configs->second, backend_)) talvo::utility::PreferFusedKernels(*config);
+  }
   try {
     talvo::utility::Load_Single_Net(package_, model_, configs->second, backend_.c_str());
   } catch (std::exception const& refusal) {

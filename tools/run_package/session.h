@@ -39,7 +39,7 @@ class Session {
 
  private:
   void ChooseModel(std::string const& wanted);
-  void BuildNet();
+  void BuildNet(bool prefer_fused);
   std::string RefusedKernel(talvo::runtime::TLModelMultiBackendCfgs const& configs) const;
   void RequestOutputs(std::vector<std::string> const& ids);
   unsigned int IndexOf(std::string const& layer) const;
