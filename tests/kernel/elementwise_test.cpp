@@ -137,17 +137,18 @@ Floats BroadcastByDefinition(Dims a_dims, Dims b_dims, Floats const& a, Floats c
 
 TEST_F(ElementwiseKernels, BroadcastEqualsTheDefinition) {
   kernel::BroadcastOperator_Fallback_Float_M1 kernel;
-  for (auto const& [a_dims, b_dims] : std::vector<std::pair<Dims, Dims>>{{{2, 1, 3}, {4, 3}},
-                                                                         {{}, {}},
-                                                                         {{}, {5}},
-                                                                         {{37}, {1}},
-                                                                         {{3, 4, 5}, {3, 4, 5}},
-                                                                         {{6, 5, 9}, {6, 1, 1}},
-                                                                         {{5, 9}, {6, 1, 9}},
-                                                                         {{2, 1, 3, 1, 5}, {1, 4, 1, 2, 1}},
-                                                                         {{2, 3, 1, 1}, {2, 3, 4, 5}},
-                                                                         {{1, 3, 1, 7}, {2, 3, 1, 7}},
-                                                                         {{2, 3}, {4, 3}}}) {
+  using Pairs = std::vector<std::pair<Dims, Dims>>;
+  for (auto const& [a_dims, b_dims] : Pairs{{{2, 1, 3}, {4, 3}},
+                                            {{}, {}},
+                                            {{}, {5}},
+                                            {{37}, {1}},
+                                            {{3, 4, 5}, {3, 4, 5}},
+                                            {{6, 5, 9}, {6, 1, 1}},
+                                            {{5, 9}, {6, 1, 9}},
+                                            {{2, 1, 3, 1, 5}, {1, 4, 1, 2, 1}},
+                                            {{2, 3, 1, 1}, {2, 3, 4, 5}},
+                                            {{1, 3, 1, 7}, {2, 3, 1, 7}},
+                                            {{2, 3}, {4, 3}}}) {
     SCOPED_TRACE(::testing::PrintToString(a_dims) + " " + ::testing::PrintToString(b_dims));
     // NaN and zeros of both signs meet in the first elements: the second operand wins.
     auto const a = test::SpecialFloats(1, Count(a_dims));
