@@ -31,31 +31,19 @@ std::string Weights(std::size_t count) { return test::WeightText(test::Floats(1,
 
 template <class Info>
 void FillConv2d(Info& r) {
-  r.in_channels = r.out_channels = 4;
+  r.in_channels = r.out_channels = 4, r.if_bias = true;
   r.kernel_x = r.kernel_y = r.stride_x = r.stride_y = r.dilation_x = r.dilation_y = r.groups = 1;
-  r.if_bias = true;
-  r.weight = Weights(16);
-  r.bias = Weights(4);
+  r.weight = Weights(16), r.bias = Weights(4);
 }
 
 // What the defaults of a record lack.
 void Fill(LayerInfo&) {}
 void Fill(Conv2dInfo& r) { FillConv2d(r); }
 void Fill(ConvTranspose2dInfo& r) { FillConv2d(r); }
-void Fill(Conv1dInfo& r) {
-  r.in_channels = r.out_channels = 4;
-  r.kernel_size = 1;
-  r.weight = Weights(16);
-}
-void Fill(FullConnectionInfo& r) {
-  r.in_features = r.out_features = 4;
-  r.weight = Weights(16);
-}
+void Fill(Conv1dInfo& r) { r.in_channels = r.out_channels = 4, r.kernel_size = 1, r.weight = Weights(16); }
+void Fill(FullConnectionInfo& r) { r.in_features = r.out_features = 4, r.weight = Weights(16); }
 void Fill(AvgPool2dInfo& r) { r.kernel_x = r.kernel_y = r.stride_x = r.stride_y = 2; }
-void Fill(MaxPool2dInfo& r) {
-  r.kernel_x = r.kernel_y = r.stride_x = r.stride_y = 2;
-  r.dilation_x = r.dilation_y = 1;
-}
+void Fill(MaxPool2dInfo& r) { r.kernel_x = r.kernel_y = r.stride_x = r.stride_y = 2, r.dilation_x = r.dilation_y = 1; }
 void Fill(Upsample2dInfo& r) { r.scale_factor_x = r.scale_factor_y = 2.0f; }
 
 template <class Info>
@@ -71,8 +59,7 @@ template <class Info, bool kIsStack>
 Record Recurrent(std::size_t gates) {
   auto const r = Make<Info>();
   if constexpr (std::is_same_v<Info, RNNCellInfo> || std::is_same_v<Info, RNNInfo>) r->activation_type = kTanh;
-  r->in_size = r->hidden_size = 4;
-  r->if_bias = true;
+  r->in_size = r->hidden_size = 4, r->if_bias = true;
   if constexpr (kIsStack) {
     r->num_layers = 1;
     r->weight_ih_forward = r->weight_hh_forward = {Weights(gates * 16)};
@@ -172,14 +159,14 @@ Entry const& EntryFor(std::string const& name) {
 
 // Texts of the interface that name no kernel; a net adds the layer.
 bool IsFixedText(std::string const& text) {
-  static std::set<std::string> const fixed = {"[TLN]: ",
-                                              "[TLN]: Invalid forward input param\n",
-                                              "[TLN]: input tensor shapes error.\n",
-                                              "[TLN]: dimensions of shape must be equal to tranpose axes's.\n",
-                                              "[TLN]: Invalid input data type\n",
-                                              "[TLN]: Invalid input tensor layout\n",
-                                              "[TLN]: Input shared pointer is null.\n"};
-  return fixed.count(text) == 1;
+  static std::set<std::string> const fixed = {"",
+                                              "Invalid forward input param\n",
+                                              "input tensor shapes error.\n",
+                                              "dimensions of shape must be equal to tranpose axes's.\n",
+                                              "Invalid input data type\n",
+                                              "Invalid input tensor layout\n",
+                                              "Input shared pointer is null.\n"};
+  return text.rfind("[TLN]: ", 0) == 0 && fixed.count(text.substr(7)) == 1;
 }
 
 // Returns, or refuses with the kernel's name.
@@ -317,7 +304,6 @@ class Walk {
   }
 
   void JudgeAndRun(std::string const& name, Maker const& make) {
-    AnswersOrRefuses(name, "IsValidParam", [&] { make()->IsValidParam(nullptr, nullptr); });
     for (auto const& [what, inputs] : BadInputs()) {
       AnswersOrRefuses(name, "judging " + what, [&, list = inputs] {
         make()->IsValidInput(list);

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <functional>
 #include <string>
 
@@ -20,10 +19,7 @@ namespace talvo {
 namespace {
 
 using half_float::half;
-using runtime::ActivationInfo;
-using runtime::Tensor;
-using runtime::TensorShape;
-
+using runtime::ActivationInfo, runtime::Tensor, runtime::TensorShape;
 using Dims = std::vector<unsigned int>;
 using Tensors = std::vector<std::shared_ptr<Tensor>>;
 
@@ -36,18 +32,18 @@ float HardSigmoid(float x) {
 }
 
 using FreeForm = std::function<void(float const*, unsigned int const&, float*)>;
+enum Form { kStrict, kInverted, kReads };  // of the judgement; the last is inverted, and Config needs an ActivationInfo
 
 struct Case {
-  std::string name;
   std::shared_ptr<runtime::IKernel> kernel;
-  bool strict, reads;  // the form of the judgement, and whether Config needs an ActivationInfo
+  Form form;
   FreeForm free_form;
   std::function<float(float)> step;  // called for one element at a time, so that no compiler vectorises it
 };
 
 template <class Kernel>
-Case Of(char const* name, char const* form, FreeForm const& free_form, std::function<float(float)> const& step) {
-  return {name, std::make_shared<Kernel>(), form[0] == 's', std::strstr(form, "reads") != nullptr, free_form, step};
+Case Of(Form form, FreeForm const& free_form, std::function<float(float)> const& step) {
+  return {std::make_shared<Kernel>(), form, free_form, step};
 }
 
 // One element as a row of its own; exponential_sweep has the values.
@@ -59,7 +55,6 @@ float Alone(float x) {
 
 std::vector<Case> Cases() {
   using namespace kernel;
-  using kernel::rows::SigmoidRow, kernel::rows::TanhRow;
   namespace f = kernel::functional;
   auto const leaky = [](float alpha) -> FreeForm {
     return [=](float const* in, unsigned int const& count, float* out) { f::leaky_f32(in, count, alpha, out); };
@@ -67,21 +62,16 @@ std::vector<Case> Cases() {
   FreeForm const linear = [](float const* in, unsigned int const& count, float* out) {
     f::linear_f32(in, count, kAlpha, kBeta, out);
   };
-  return {Of<ReLU_Fallback_Float_M1>("ReLU_Fallback_Float_M1", "strict", f::relu_f32,
-                                     [](float x) { return 0.0f > x ? 0.0f : x; }),
-          Of<ReLU6_Fallback_Float_M1>("ReLU6_Fallback_Float_M1", "inverted", f::relu6_f32,
+  return {Of<ReLU_Fallback_Float_M1>(kStrict, f::relu_f32, [](float x) { return 0.0f > x ? 0.0f : x; }),
+          Of<ReLU6_Fallback_Float_M1>(kInverted, f::relu6_f32,
                                       [](float x) { return 0.0f > x ? 0.0f : (6.0f < x ? 6.0f : x); }),
-          Of<Sigmoid_Fallback_Float_M1>("Sigmoid_Fallback_Float_M1", "strict", f::sigmoid_f32, Alone<&SigmoidRow>),
-          Of<TanH_Fallback_Float_M1>("TanH_Fallback_Float_M1", "strict", f::tanh_f32, Alone<&TanhRow>),
-          Of<HSigmoid_Fallback_Float_M1>("HSigmoid_Fallback_Float_M1", "strict", f::hsigmoid_f32, HardSigmoid),
-          Of<HSwish_Fallback_Float_M1>("HSwish_Fallback_Float_M1", "strict", f::hswish_f32,
-                                       [](float x) { return HardSigmoid(x) * x; }),
-          Of<Leaky_Fallback_Float_M1>("Leaky_Fallback_Float_M1", "inverted, reads", leaky(kAlpha),
-                                      [](float x) { return x < 0.0f ? kAlpha * x : x; }),
-          Of<Linear_Fallback_Float_M1>("Linear_Fallback_Float_M1", "inverted, reads", linear,
-                                       [](float x) { return x * kAlpha + kBeta; }),
-          Of<PReLU_Fallback_Float_M1>("PReLU_Fallback_Float_M1", "inverted, reads", leaky(0.7f),
-                                      [](float x) { return x < 0.0f ? 0.7f * x : x; })};
+          Of<Sigmoid_Fallback_Float_M1>(kStrict, f::sigmoid_f32, Alone<&rows::SigmoidRow>),
+          Of<TanH_Fallback_Float_M1>(kStrict, f::tanh_f32, Alone<&rows::TanhRow>),
+          Of<HSigmoid_Fallback_Float_M1>(kStrict, f::hsigmoid_f32, HardSigmoid),
+          Of<HSwish_Fallback_Float_M1>(kStrict, f::hswish_f32, [](float x) { return HardSigmoid(x) * x; }),
+          Of<Leaky_Fallback_Float_M1>(kReads, leaky(kAlpha), [](float x) { return x < 0.0f ? kAlpha * x : x; }),
+          Of<Linear_Fallback_Float_M1>(kReads, linear, [](float x) { return x * kAlpha + kBeta; }),
+          Of<PReLU_Fallback_Float_M1>(kReads, leaky(0.7f), [](float x) { return x < 0.0f ? 0.7f * x : x; })};
 }
 
 // The slopes of PReLU are two, of which the first serves all channels.
@@ -107,11 +97,11 @@ TEST(Activation, FreeFormsEqualTheAscendingLoopForAnyOverlap) {
   for (auto const set : kernel::rows::RunnableSets()) {
     for (Case const& c : Cases()) {
       kernel::rows::ScopedInstructionSet const use(set);
-      SCOPED_TRACE(c.name + " with " + kernel::rows::NameOf(set));
+      SCOPED_TRACE(c.kernel->GetName() + " with " + kernel::rows::NameOf(set));
       for (unsigned int count : {0u, 1u, 3u, 4u, 5u, 8u, 31u, 64u, 1003u}) {
         // Distance from input to output in elements; 0 is in place, the last leaves the ranges disjoint.
         for (int distance : {0, 1, -1, 2, -3, 4, -4, 7, 8, -8, 15, 16, 17, 31, -33, 63, 64, 1043}) {
-          SCOPED_TRACE("count " + std::to_string(count) + ", distance " + std::to_string(distance));
+          SCOPED_TRACE(testing::Message() << "count " << count << ", distance " << distance);
           auto want = Inputs(3000), got = want;
           auto const output = static_cast<std::size_t>(static_cast<int>(kInput) + distance);
           for (std::size_t i = 0; i < count; ++i) want[output + i] = c.step(want[kInput + i]);
@@ -126,11 +116,10 @@ TEST(Activation, FreeFormsEqualTheAscendingLoopForAnyOverlap) {
 TEST(Activation, KernelsMapEveryElementOfAnyShape) {
   auto const context = test::GuardedContext();
   for (Case const& c : Cases()) {
-    SCOPED_TRACE(c.name);
-    EXPECT_EQ(c.name, c.kernel->GetName());
+    SCOPED_TRACE(c.kernel->GetName());
     ASSERT_TRUE(c.kernel->Config(Layer(), nullptr, context));
-    bool const in_place = c.name[0] == 'P';
-    for (Dims const& dims : {Dims{}, {0, 5}, {2, 3, 5}, {3, 7, 5, 4}, {1001}}) {
+    bool const in_place = c.kernel->GetName()[0] == 'P';
+    for (Dims const& dims : {Dims{}, {0, 5}, {3, 7, 5, 4}}) {
       auto const values = Inputs(runtime::ElementCount(dims));
       auto const x = test::FloatTensor(*context, dims, TensorShape::C4HW4, values);
       std::vector<float> want;
@@ -155,14 +144,12 @@ TEST(Activation, ConfigReadsTwoFormsOfJudgement) {
   auto const foreign = std::make_shared<runtime::SoftmaxInfo>();
   auto const param = std::make_shared<runtime::InferenceParamActQuant>();
   for (Case const& c : Cases()) {
-    SCOPED_TRACE(c.name);
-    EXPECT_EQ(!c.strict, c.kernel->Config(good, param, nullptr));
-    EXPECT_EQ(!c.strict && !c.reads, c.kernel->Config(foreign, nullptr, nullptr));
-    EXPECT_EQ(!c.strict && !c.reads, c.kernel->Config(nullptr, param, nullptr));
-    EXPECT_TRUE(c.kernel->Config(good, nullptr, nullptr));
-    EXPECT_TRUE(c.kernel->IsConfigured());
-    EXPECT_FALSE(c.kernel->Config(nullptr, nullptr, nullptr));
-    EXPECT_FALSE(c.kernel->IsConfigured());
+    SCOPED_TRACE(c.kernel->GetName());
+    EXPECT_EQ(c.form != kStrict, c.kernel->Config(good, param, nullptr));
+    EXPECT_EQ(c.form == kInverted, c.kernel->Config(foreign, nullptr, nullptr));
+    EXPECT_EQ(c.form == kInverted, c.kernel->Config(nullptr, param, nullptr));
+    EXPECT_TRUE(c.kernel->Config(good, nullptr, nullptr) && c.kernel->IsConfigured());
+    EXPECT_FALSE(c.kernel->Config(nullptr, nullptr, nullptr) || c.kernel->IsConfigured());
   }
   kernel::PReLU_Fallback_Float_M1 prelu;
   EXPECT_FALSE(prelu.Config(Layer({}), nullptr, nullptr)) << "an empty weight";

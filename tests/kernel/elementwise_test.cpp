@@ -43,8 +43,7 @@ std::shared_ptr<Info> LayerWithType(unsigned short op_type) {
 
 std::shared_ptr<runtime::TensorArithmeticInfo> ReductionLayer(Shorts dim, unsigned short arith_type) {
   auto layer = std::make_shared<runtime::TensorArithmeticInfo>();
-  layer->dim = std::move(dim);
-  layer->arith_type = arith_type;
+  layer->dim = std::move(dim), layer->arith_type = arith_type;
   return layer;
 }
 
@@ -138,18 +137,18 @@ Floats BroadcastByDefinition(Dims a_dims, Dims b_dims, Floats const& a, Floats c
 
 TEST_F(ElementwiseKernels, BroadcastEqualsTheDefinition) {
   kernel::BroadcastOperator_Fallback_Float_M1 kernel;
-  for (auto const& [a_dims, b_dims] : std::vector<std::pair<Dims, Dims>>{{{2, 1, 3}, {4, 3}},
-                                                                         {{}, {}},
-                                                                         {{}, {5}},
-                                                                         {{1, 1}, {1}},
-                                                                         {{37}, {1}},
-                                                                         {{3, 4, 5}, {3, 4, 5}},
-                                                                         {{6, 5, 9}, {6, 1, 1}},
-                                                                         {{5, 9}, {6, 1, 9}},
-                                                                         {{2, 1, 3, 1, 5}, {1, 4, 1, 2, 1}},
-                                                                         {{2, 3, 1, 1}, {2, 3, 4, 5}},
-                                                                         {{1, 3, 1, 7}, {2, 3, 1, 7}},
-                                                                         {{2, 3}, {4, 3}}}) {
+  using Pairs = std::vector<std::pair<Dims, Dims>>;
+  for (auto const& [a_dims, b_dims] : Pairs{{{2, 1, 3}, {4, 3}},
+                                            {{}, {}},
+                                            {{}, {5}},
+                                            {{37}, {1}},
+                                            {{3, 4, 5}, {3, 4, 5}},
+                                            {{6, 5, 9}, {6, 1, 1}},
+                                            {{5, 9}, {6, 1, 9}},
+                                            {{2, 1, 3, 1, 5}, {1, 4, 1, 2, 1}},
+                                            {{2, 3, 1, 1}, {2, 3, 4, 5}},
+                                            {{1, 3, 1, 7}, {2, 3, 1, 7}},
+                                            {{2, 3}, {4, 3}}}) {
     SCOPED_TRACE(::testing::PrintToString(a_dims) + " " + ::testing::PrintToString(b_dims));
     // NaN and zeros of both signs meet in the first elements: the second operand wins.
     auto const a = test::SpecialFloats(1, Count(a_dims));
@@ -180,24 +179,16 @@ TEST_F(ElementwiseKernels, BroadcastJudgesAndRefuses) {
   EXPECT_EQ(0, kernel.Forward(none, outputs, context_)) << "nothing to apply it to";
   EXPECT_FALSE(kernel.Config(ReductionLayer({0}, 0), nullptr, context_));
   ExpectRefusal(kernel, ones, "no operation is configured");
-  struct Case {
-    Dims a, b;
-    int judgement;
-  };
-  for (Case const& c : {Case{{2, 3}, {1, 3}, 0},
-                        {{2, 1}, {1, 3}, 0},
-                        {{4, 2, 3}, {2, 1}, 0},
-                        {{}, {5}, 0},
-                        {{2, 3}, {2, 2}, -2},
-                        {{4, 2, 3}, {3, 3}, -2},
-                        {{0}, {2}, -2}}) {
-    EXPECT_EQ(c.judgement, kernel.IsValidInput({Zeros(c.a), Zeros(c.b)}))
-        << ::testing::PrintToString(c.a) << ::testing::PrintToString(c.b);
-  }
+  auto const judged = [&](Dims const& a, Dims const& b) { return kernel.IsValidInput({Zeros(a), Zeros(b)}); };
+  EXPECT_EQ(0, judged({2, 1}, {1, 3}));
+  EXPECT_EQ(0, judged({4, 2, 3}, {2, 1}));
+  EXPECT_EQ(0, judged({}, {5}));
+  EXPECT_EQ(-2, judged({2, 3}, {2, 2}));
+  EXPECT_EQ(-2, judged({4, 2, 3}, {3, 3}));
+  EXPECT_EQ(-2, judged({0}, {2}));
   auto const stepped = Zeros({2});
   stepped->shape.extra.step_size = 3;
   EXPECT_EQ(-2, kernel.IsValidInput({Zeros({2}), stepped}));
-  EXPECT_EQ(-2, kernel.IsValidInput({Zeros({2})}));
 }
 
 TEST_F(ElementwiseKernels, ReductionsFollowTheAxesOfTheModel) {

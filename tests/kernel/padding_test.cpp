@@ -118,10 +118,7 @@ TEST_F(Padding, WhatIsNotAcceptedComesBackEmpty) {
 TEST_F(Padding, RefusesWhatWouldReachForeignMemory) {
   auto const input = Floats({1, 2, 2}, TensorShape::CHW), flat = Floats({4}, TensorShape::CHW);
   auto const narrow = Floats({1, 2, 2, 2}, TensorShape::C4HW4);
-  struct {
-    std::function<void()> action;
-    char const* text;
-  } const rows[] = {
+  std::pair<std::function<void()>, char const*> const rows[] = {
       {[&] { Padding_HW_MainMemory_CHW_Float_Fallback_M1(nullptr, 1, 1, 1, 1, 0.0f, device); },
        "Padding_HW_MainMemory_CHW_Float_Fallback_M1: the input is null"},
       {[&] { Padding_HW_MainMemory_CHW_Float_Fallback_M1(input, 1, 1, 1, 1, 0.0f, nullptr); },
@@ -136,7 +133,7 @@ TEST_F(Padding, RefusesWhatWouldReachForeignMemory) {
        "Cutting_HW_MainMemory_Fallback_C4HW4_Float_M1: dims [1, 2, 2, 2] need a last axis of 4"},
       {[&] { FillBias_MainMemory_Float_Fallback_M1(input, Floats({3}, TensorShape::C)); },
        "FillBias_MainMemory_Float_Fallback_M1: the bias holds 12 bytes, the tensor needs 16"}};
-  for (auto const& row : rows) EXPECT_NE(std::string::npos, test::RefusalOf(row.action).find(row.text)) << row.text;
+  for (auto const& [action, text] : rows) EXPECT_NE(std::string::npos, test::RefusalOf(action).find(text)) << text;
 }
 
 TEST_F(Padding, BiasesServeTheChannelsOfTheirGroups) {

@@ -127,18 +127,10 @@ TEST(Pooling, EqualsThePlainLoops) {
       int const ky = common ? 3 : pick(1, 5), kx = common ? 3 : pick(1, 5), border = bordered ? 70 : 3;
       Plane3 x{{unsigned(pick(1, 3)), unsigned(pick(1, 12)), unsigned(pick(1, bordered ? 4 : 70))}, {}};
       x.values = test::SpecialFloats(unsigned(round), x.dims[0] * x.dims[1] * x.dims[2]);
-      Window const window = {ky,
-                             kx,
-                             bordered ? 33 : pick(1, 3),
-                             bordered ? 31 : pick(1, 4),
-                             pick(0, border),
-                             pick(0, border),
-                             pick(0, border),
-                             pick(0, border)};
+      int const sy = bordered ? 33 : pick(1, 3), sx = bordered ? 31 : pick(1, 4), l = pick(0, border);
+      Window const window = {ky, kx, sy, sx, l, pick(0, border), pick(0, border), pick(0, border)};
       auto const max = WindowInfo<runtime::MaxPool2dInfo>(window);
-      max->dilation_y = ushort(pick(0, 2));
-      max->dilation_x = ushort(pick(0, 3));
-      max->ceil_mode = pick(0, 1) == 1;
+      max->dilation_y = ushort(pick(0, 2)), max->dilation_x = ushort(pick(0, 3)), max->ceil_mode = pick(0, 1) == 1;
       int const height = int(x.dims[1]) + window.padding_t + window.padding_b;
       int const width = int(x.dims[2]) + window.padding_l + window.padding_r;
       if ((ky - 1) * max->dilation_y < height && (kx - 1) * max->dilation_x < width) {
@@ -270,8 +262,8 @@ TEST(Pooling, RefusesWhatItCannotServe) {
     return info;
   };
   auto const average = [&](Window const& window) {
-    return RefusalOf(
-        [&] { Pool<Pooling2D_Avg_Fallback_Float_M1>(named(WindowInfo<runtime::AvgPool2dInfo>(window)), x); });
+    auto const info = named(WindowInfo<runtime::AvgPool2dInfo>(window));
+    return RefusalOf([&] { Pool<Pooling2D_Avg_Fallback_Float_M1>(info, x); });
   };
   auto const short_size = named(std::make_shared<runtime::AdaptiveAvgPool2dInfo>());
   short_size->output_size = {1};

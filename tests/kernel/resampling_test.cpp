@@ -26,10 +26,8 @@ constexpr float kInfinity = std::numeric_limits<float>::infinity(), kNan = std::
 std::shared_ptr<runtime::Upsample2dInfo> UpsampleLayer(float scale_y, float scale_x, unsigned short type,
                                                        bool align_corner = false) {
   auto layer = std::make_shared<runtime::Upsample2dInfo>();
-  layer->scale_factor_y = scale_y;
-  layer->scale_factor_x = scale_x;
-  layer->unsample_type = type;
-  layer->align_corner = align_corner;
+  layer->scale_factor_y = scale_y, layer->scale_factor_x = scale_x;
+  layer->unsample_type = type, layer->align_corner = align_corner;
   return layer;
 }
 
@@ -41,9 +39,7 @@ std::shared_ptr<runtime::PixelShuffleInfo> ShuffleLayer(float factor) {
 
 std::shared_ptr<runtime::GridSampleInfo> GridLayer(unsigned short mode, unsigned short padding, bool align_corners) {
   auto layer = std::make_shared<runtime::GridSampleInfo>();
-  layer->mode = mode;
-  layer->padding_mode = padding;
-  layer->align_corners = align_corners;
+  layer->mode = mode, layer->padding_mode = padding, layer->align_corners = align_corners;
   return layer;
 }
 
@@ -137,28 +133,23 @@ std::vector<T> Upsampled(std::vector<T> const& x, Dims const& dims, runtime::Ups
   return y;
 }
 
-struct UpsampleCase {
-  char const* why;
-  float scale_y, scale_x;
-  Dims in, out;
-};
-
-std::vector<UpsampleCase> UpsampleCases() {
-  return {{"doubled, planes side by side and alone", 2, 2, {6, 5, 7}, {6, 10, 14}},
-          {"doubled, vectors and a tail", 2, 2, {2, 3, 33}, {2, 6, 66}},
-          {"columns alone", 1, 2, {2, 4, 4}, {2, 4, 8}},
-          {"8 of 5 columns", 1.5f, 1.5f, {2, 4, 5}, {2, 6, 8}},
-          {"odd scales", 3, 2.7f, {5, 3, 11}, {5, 9, 30}},
-          {"smaller", 0.4f, 0.5f, {2, 11, 8}, {2, 4, 4}},
-          {"to one row and column", 0.2f, 0.2f, {2, 5, 5}, {2, 1, 1}},
-          {"from one pixel", 4, 3, {2, 1, 1}, {2, 4, 3}},
-          {"as it is", 1, 1, {1, 6, 6}, {1, 6, 6}},
-          {"to nothing", 0, 2, {2, 3, 3}, {2, 0, 6}},
-          {"of nothing", 2, 2, {0, 3, 3}, {0, 6, 6}}};
-}
-
 TEST_F(Resampling, UpsamplesFloatsAndIntegersInTheOrderOfTheFormula) {
-  for (UpsampleCase const& c : UpsampleCases()) {
+  struct UpsampleCase {
+    char const* why;
+    float scale_y, scale_x;
+    Dims in, out;
+  };
+  for (UpsampleCase const& c : {UpsampleCase{"doubled, planes side by side and alone", 2, 2, {6, 5, 7}, {6, 10, 14}},
+                                {"doubled, vectors and a tail", 2, 2, {2, 3, 33}, {2, 6, 66}},
+                                {"columns alone", 1, 2, {2, 4, 4}, {2, 4, 8}},
+                                {"8 of 5 columns", 1.5f, 1.5f, {2, 4, 5}, {2, 6, 8}},
+                                {"odd scales", 3, 2.7f, {5, 3, 11}, {5, 9, 30}},
+                                {"smaller", 0.4f, 0.5f, {2, 11, 8}, {2, 4, 4}},
+                                {"to one row and column", 0.2f, 0.2f, {2, 5, 5}, {2, 1, 1}},
+                                {"from one pixel", 4, 3, {2, 1, 1}, {2, 4, 3}},
+                                {"as it is", 1, 1, {1, 6, 6}, {1, 6, 6}},
+                                {"to nothing", 0, 2, {2, 3, 3}, {2, 0, 6}},
+                                {"of nothing", 2, 2, {0, 3, 3}, {0, 6, 6}}}) {
     for (int kind = 0; kind < 3; ++kind) {
       SCOPED_TRACE(std::string(c.why) + (kind == 0 ? ", nearest" : kind == 1 ? ", half pixels" : ", corners"));
       auto const layer = UpsampleLayer(c.scale_y, c.scale_x, kind == 0 ? 0 : 1, kind == 2);
@@ -191,9 +182,8 @@ TEST_F(Resampling, UpsamplesLargePlanesByBlocks) {
 TEST_F(Resampling, RefusesWhatDoesNotFit) {
   auto const image = Image({1, 2, 3}, test::Floats(1, 6)), deep = Image({6, 2, 2}, test::Floats(1, 24));
   auto const empty = Image<float>({1, 0, 3}, {});
-  std::vector<unsigned char> const bytes = {1, 2, 3, 4};
-  auto const byte_image = context_->device_cpu->CreateTensor(
-      TensorShape({1, 2, 2}, TensorShape::UINT8, TensorShape::CHW, TensorShape::MainMemory, {}), bytes.data());
+  unsigned char const bytes[] = {1, 2, 3, 4};
+  auto const byte_image = context_->device_cpu->CreateU8CHWMainMem({1, 2, 2}, bytes);
   auto const grid = [&](Dims const& dims) {
     return test::FloatTensor(*context_, dims, TensorShape::FLEXIABLE, test::Floats(2, runtime::ElementCount(dims)));
   };
@@ -349,12 +339,12 @@ TEST_F(Resampling, JudgesParameters) {
   EXPECT_FALSE(sampler.Config(GridLayer(1, 2, false), nullptr, context_));
   EXPECT_FALSE(shuffle.Config(ShuffleLayer(-2), nullptr, context_));
   EXPECT_TRUE(shuffle.Config(ShuffleLayer(0), nullptr, context_));
-  EXPECT_EQ("[TLN]: Invalid upsample2d type\n",
-            test::RefusalOf([&] { on_floats.Config(UpsampleLayer(1, 1, 3), nullptr, context_); }));
-  EXPECT_EQ("[TLN]: Invalid gridsample mode\n",
-            test::RefusalOf([&] { sampler.Config(GridLayer(3, 0, false), nullptr, context_); }));
-  EXPECT_EQ("[TLN]: Invalid gridsample padding_mode\n",
-            test::RefusalOf([&] { sampler.Config(GridLayer(0, 9, false), nullptr, context_); }));
+  auto const refusal = [&](auto& kernel, auto const& layer) {
+    return test::RefusalOf([&] { kernel.Config(layer, nullptr, context_); });
+  };
+  EXPECT_EQ("[TLN]: Invalid upsample2d type\n", refusal(on_floats, UpsampleLayer(1, 1, 3)));
+  EXPECT_EQ("[TLN]: Invalid gridsample mode\n", refusal(sampler, GridLayer(3, 0, false)));
+  EXPECT_EQ("[TLN]: Invalid gridsample padding_mode\n", refusal(sampler, GridLayer(0, 9, false)));
 }
 
 }  // namespace

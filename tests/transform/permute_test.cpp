@@ -77,9 +77,7 @@ TEST_F(Permute, RefusesInTheToldOrder) {
   EXPECT_NE(std::string::npos, Refusal(free_form, input, {2, 1, 0}, nullptr).find("the device is null"));
   Transform_MainMemory_Permute_Fallback kernel;
   EXPECT_EQ(std::string("[TLN]: ") + kWho + "entry 2 of 4 axes is 0, the batch axis, which stands in front only\n",
-            RefusalOf([&] {
-              kernel.Config(Layer({0, 2, 0, 1}), nullptr, context_);
-            }));
+            RefusalOf([&, axes = Layer({0, 2, 0, 1})] { kernel.Config(axes, nullptr, context_); }));
   EXPECT_FALSE(kernel.IsConfigured());
 }
 

@@ -147,19 +147,13 @@ TEST_F(Reshape, JudgesTheEntriesOfUnblockingKernels) {
     Entries entries;
     int to_c, to_cl, to_chw;
   };
-  for (Case const& c : {Case{{1, 8}, 0, -1, -1},
-                        {{-1, -1}, 0, -1, -1},
-                        {{2, 8}, -1, -1, -1},
-                        {{1, 0}, -1, -1, -1},
-                        {{1, -2}, -1, -1, -1},
-                        {{1, -1, 8}, -1, 0, -1},
-                        {{1, -1, -1}, -1, -1, -1},
-                        {{-1, 2, 8}, -1, -1, -1},
-                        {{1, 2, -1, 3}, -1, -1, 0},
-                        {{1, -1, 2, -1}, -1, -1, -1},
-                        {{0, 2, 2, 2}, -1, -1, -1},
-                        {{1}, -1, -1, -1},
-                        {{}, -1, -1, -1}}) {
+  std::vector<Case> cases = {
+      {{1, 8}, 0, -1, -1}, {{-1, -1}, 0, -1, -1}, {{1, -1, 8}, -1, 0, -1}, {{1, 2, -1, 3}, -1, -1, 0}};
+  for (Entries const& none :
+       {Entries{2, 8}, {1, 0}, {1, -2}, {1, -1, -1}, {-1, 2, 8}, {1, -1, 2, -1}, {0, 2, 2, 2}, {1}, {}}) {
+    cases.push_back({none, -1, -1, -1});
+  }
+  for (Case const& c : cases) {
     SCOPED_TRACE(testing::PrintToString(c.entries));
     EXPECT_EQ(c.to_c, BlocksToC().IsValidParam(Layer(c.entries), nullptr));
     EXPECT_EQ(c.to_cl, BlocksToCL().IsValidParam(Layer(c.entries), nullptr));

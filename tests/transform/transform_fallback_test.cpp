@@ -125,10 +125,6 @@ TEST_F(TransformFallback, BlocksChannelsWithZerosInTheTailAndTakesThemApart) {
 }
 
 TEST_F(TransformFallback, StacksChannelBlocksAsOneImage) {
-  struct Case {
-    char const* why;
-    int width, height;
-  };
   for (unsigned int type : kTypes) {
     auto const plain = Random({6, 3, 5}, TensorShape::CHW, type);
     auto const image = Function_Tensor_CHW_To_C4HW4_Image2D_Fallback(plain, device_);
@@ -136,19 +132,17 @@ TEST_F(TransformFallback, StacksChannelBlocksAsOneImage) {
     EXPECT_EQ(2u, image->shape.layout);
     image->shape.extra.step_size = 2;
     unsigned int const bytes = runtime::ElementSize(type);
-    for (Case const& c : {Case{"the image that it was", 5, 3},
-                          {"columns left over", 2, 3},
-                          {"rows left over", 5, 4},
-                          {"no block", 9, 7}}) {
-      SCOPED_TRACE(testing::Message() << c.why << ", type " << type);
-      auto const again = Function_Tensor_C4HW4_Image2D_To_CHW_Fallback(image, c.width, c.height, device_);
-      auto const w = static_cast<unsigned int>(c.width), h = static_cast<unsigned int>(c.height);
+    // The image that it was; columns, then rows left over; no block.
+    for (auto const& [w, h] : {std::pair(5u, 3u), {2u, 3u}, {5u, 4u}, {9u, 7u}}) {
+      SCOPED_TRACE(testing::Message() << w << " by " << h << ", type " << type);
+      auto const again =
+          Function_Tensor_C4HW4_Image2D_To_CHW_Fallback(image, static_cast<int>(w), static_cast<int>(h), device_);
       ASSERT_EQ((Dims{6 / h * 4, h, w}), again->shape.dims);
       EXPECT_EQ(2, again->shape.extra.step_size);
       for (unsigned int i = 0; i < again->shape.dims[0] * h * w; ++i) {
         unsigned int const ch = i / (h * w), y = i / w % h, x = i % w;
         ASSERT_EQ(0, std::memcmp(image->Locate4D(0, ch / 4 * h + y, x, ch % 4), again->Locate3D(ch, y, x), bytes)) << i;
-        if (c.width == 5 && c.height == 3 && ch < 6) {
+        if (w == 5 && h == 3 && ch < 6) {
           ASSERT_EQ(0, std::memcmp(plain->Locate3D(ch, y, x), again->Locate3D(ch, y, x), bytes)) << i;
         }
       }
@@ -215,19 +209,16 @@ TEST_F(TransformFallbackDeathTest, EndsTheProcessOnDepthwiseWeightsOfSeveralChan
 }
 
 TEST_F(TransformFallback, FillsAddedWeightsWithOneByte) {
-  struct Case {
-    float value;
-    unsigned char fill;
-  };
-  for (Case const& c : {Case{0.0f, 0}, {1.0f, 1}, {-1.9f, 0xFF}, {258.5f, 2}, {1e20f, 0xFF}, {-1e20f, 0}, {NAN, 0}}) {
+  for (auto const& [value, fill] :
+       {std::pair<float, int>{0.0f, 0}, {1.0f, 1}, {-1.9f, 0xFF}, {258.5f, 2}, {1e20f, 0xFF}, {-1e20f, 0}, {NAN, 0}}) {
     for (unsigned int type : kTypes) {
-      SCOPED_TRACE(testing::Message() << c.value << " in type " << type);
+      SCOPED_TRACE(testing::Message() << value << " in type " << type);
       auto const from = Random({2, 3, 5, 2, 3}, TensorShape::GNCHW, type);
-      auto const to = Function_Tensor_GNCHW_Concat_Value(from, c.value, device_);
+      auto const to = Function_Tensor_GNCHW_Concat_Value(from, value, device_);
       ASSERT_EQ((Dims{2, 4, 8, 2, 3}), to->shape.dims);
       EXPECT_EQ(0, to->shape.extra.step_size);
       unsigned int const bytes = runtime::ElementSize(type);
-      std::vector<unsigned char> const added(bytes, c.fill);
+      std::vector<unsigned char> const added(bytes, static_cast<unsigned char>(fill));
       for (unsigned int i = 0; i < 2 * 4 * 8 * 6; ++i) {
         unsigned int const g = i / 192, n = i / 48 % 4, ch = i / 6 % 8, h = i / 3 % 2, w = i % 3;
         void const* const want = n < 3 && ch < 5 ? from->Locate5D(g, n, ch, h, w) : added.data();
@@ -235,9 +226,6 @@ TEST_F(TransformFallback, FillsAddedWeightsWithOneByte) {
       }
     }
   }
-}
-
-TEST_F(TransformFallback, AddsNothingToEmptyWeights) {
   for (Dims const& dims : {Dims{0xFFFFFFFF, 0, 4, 1, 1}, {0xFFFFFFFF, 4096, 0, 1, 1}}) {
     EXPECT_EQ(dims[0], Function_Tensor_GNCHW_Concat_Value(Random(dims, TensorShape::GNCHW), 1, device_)->shape.dims[0]);
   }
