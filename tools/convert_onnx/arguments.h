@@ -1,0 +1,24 @@
+// The command line of convert_onnx.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tools/convert_onnx/check.h"
+
+namespace convert_onnx {
+
+struct Arguments {
+  std::string model, out;
+  Options options;
+  std::vector<std::string> check;  // folders
+  Bounds bounds;
+  bool dry_run = false, list_operators = false, nearest = true;
+};
+
+extern char const* const kUsage;
+
+/// Throws tools::UsageError.
+Arguments ParseArguments(int count, char const* const* words);
+
+}  // namespace convert_onnx

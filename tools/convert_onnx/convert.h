@@ -1,0 +1,33 @@
+// From a parsed graph to the layers of a package.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "tools/convert_onnx/builder.h"
+
+namespace convert_onnx {
+
+struct Options {
+  std::map<std::string, Shape> shapes;  // of graph inputs
+  std::map<std::string, Array> bound;   // graph inputs that become constants
+  std::vector<std::string> outputs;     // where to cut; the graph's own where empty
+  bool blas = false;
+};
+
+struct Conversion {
+  std::vector<Layer> layers;                 // what an output needs, in order, each with a name of its own
+  std::vector<std::string> inputs, outputs;  // names of layers
+  std::vector<std::string> refusals;         // one line for each node; where there is one, the layers are not complete
+  std::size_t folded = 0, dropped = 0;       // nodes computed while converting; nodes that nobody reads
+};
+
+/// Reads a model. Refusal: a file that is none, is cut short, or wants another opset.
+onnx::ModelProto ReadModel(std::string const& path);
+
+/// `folder` is where external data lies. Refusal: a graph that is none (a value that nothing before its reader makes,
+/// as with cycles), and an input whose shape or type does not fit.
+Conversion Convert(onnx::ModelProto const& model, std::string const& folder, Options const& options);
+
+}  // namespace convert_onnx

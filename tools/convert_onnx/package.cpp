@@ -1,0 +1,100 @@
+#include "tools/convert_onnx/package.h"
+
+#include <cmath>
+
+namespace convert_onnx {
+
+using namespace talvo::runtime;
+
+namespace {
+
+constexpr float kLargestHalf = 65504.0f, kSmallestNormalHalf = 6.103515625e-05f;
+
+std::string Encoded(Floats const& values) {
+  return Base64Encode(reinterpret_cast<unsigned char const*>(values.data()),
+                      static_cast<unsigned long>(values.size() * sizeof(float)));
+}
+
+// Halves have 10 bits behind the first one, and steps of 2^-24 below 2^-14.
+float NearestHalf(float value) {
+  if (value == 0 || !std::isfinite(value)) return value;
+  int exponent = 0;
+  std::frexp(value, &exponent);
+  float const step = std::ldexp(1.0f, std::max(exponent - 11, -24));
+  return std::nearbyint(value / step) * step;
+}
+
+void Measure(Layer const& layer, Floats const& weights, Rounding& rounding) {
+  bool over = false;
+  for (float const weight : weights) {
+    float const size = std::abs(weight);
+    over = over || size > kLargestHalf;
+    if (size < kSmallestNormalHalf || size > kLargestHalf) continue;
+    double const held = static_cast<double>(static_cast<float>(half_float::half(weight)));
+    double const error = std::abs(held - static_cast<double>(weight)) / static_cast<double>(size);
+    if (error > rounding.largest) rounding.largest = error, rounding.layer = layer.name;
+  }
+  if (over) rounding.overflowing += (rounding.overflowing.empty() ? "" : ", ") + layer.name;
+  rounding.weight_bytes += weights.size() * sizeof(float);
+}
+
+template <class Info>
+bool SetWeights(Layer const& layer) {
+  auto* const record = dynamic_cast<Info*>(layer.record.get());
+  if (record == nullptr) return false;
+  record->weight = Encoded(layer.weight);
+  record->bias = Encoded(layer.bias);
+  record->if_bias = !layer.bias.empty();
+  return true;
+}
+
+std::shared_ptr<LayerCfg> KernelFor(Layer const& layer) {
+  auto config = std::make_shared<LayerCfg>();
+  config->kernel->kernel_type = layer.kernel;
+  return config;
+}
+
+}  // namespace
+
+void RoundToHalves(Conversion& conversion) {
+  for (Layer& layer : conversion.layers) {
+    for (Floats* const list : {&layer.weight, &layer.bias}) {
+      for (float& weight : *list) weight = NearestHalf(weight);
+    }
+  }
+}
+
+Rounding MeasureRounding(Conversion const& conversion) {
+  Rounding rounding;
+  for (Layer const& layer : conversion.layers) {
+    Measure(layer, layer.weight, rounding);
+    Measure(layer, layer.bias, rounding);
+  }
+  return rounding;
+}
+
+std::shared_ptr<TLNModel> MakePackage(Conversion const& conversion, std::string const& id) {
+  auto const model = std::make_shared<TLModelInfo>();
+  auto const config = std::make_shared<TLModelCfg>();
+  for (Layer const& layer : conversion.layers) {
+    if (!layer.weight.empty() && !SetWeights<Conv2dInfo>(layer) && !SetWeights<ConvTranspose2dInfo>(layer)) {
+      SetWeights<FullConnectionInfo>(layer);
+    }
+    model->squential_ids.push_back(layer.name);
+    model->squential_types.push_back(layer.record->type);
+    model->layers[layer.name] = layer.record;
+    config->squential_ids.push_back(layer.name);
+    config->layers[layer.name] = KernelFor(layer);
+  }
+  model->squential_output_ids = conversion.outputs;
+  auto package = std::make_shared<TLNModel>();
+  package->core_major_ver = 1;
+  package->model_arr->squential_ids = package->config_arr->squential_ids = {id};
+  package->model_arr->models[id] = model;
+  auto const configs = std::make_shared<TLModelMultiBackendCfgs>();
+  configs->cpu_sse = configs->cpu_armv8 = config;
+  package->config_arr->configs[id] = configs;
+  return package;
+}
+
+}  // namespace convert_onnx

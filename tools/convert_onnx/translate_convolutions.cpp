@@ -1,0 +1,321 @@
+#include <algorithm>
+#include <cmath>
+
+#include "tools/convert_onnx/translators.h"
+
+namespace convert_onnx {
+namespace {
+
+using Values = std::vector<Value>;
+
+// Per spatial axis; one-dimensional planes get a second axis of extent 1.
+struct Spatial {
+  Shape size, kernel, strides, dilations, begin, end;
+};
+
+Shape Attribute(Node const& node, char const* name, std::size_t rank, long long absent) {
+  Shape const values = node.Ints(name, Shape(rank, absent));
+  if (values.size() != rank) {
+    throw Refusal(std::string("attribute ") + name + " has " + std::to_string(values.size()) + " values, needs " +
+                  std::to_string(rank));
+  }
+  for (long long const v : values) {
+    if (v < -65535 || v > 65535 || (v < 1 && absent == 1))
+      throw Refusal(std::string("attribute ") + name + " = " + std::to_string(v));
+  }
+  return values;
+}
+
+Spatial SpatialOf(Node const& node, Shape const& shape, Shape const& kernel) {
+  if (shape.size() < 3) throw Refusal("an input of shape " + Text(shape) + " has no planes");
+  std::size_t const rank = shape.size() - 2;
+  if (kernel.size() != rank)
+    throw Refusal("a kernel of " + Text(kernel) + " for planes of rank " + std::to_string(rank));
+  Spatial s{Shape(shape.begin() + 2, shape.end()), kernel, Attribute(node, "strides", rank, 1),
+            Attribute(node, "dilations", rank, 1), {},     {}};
+  for (long long const k : kernel) {
+    if (k < 1 || k > 65535) throw Refusal("a kernel of " + Text(kernel));
+  }
+  Shape const pads = Attribute(node, "pads", 2 * rank, 0);
+  s.begin.assign(pads.begin(), pads.begin() + static_cast<std::ptrdiff_t>(rank));
+  s.end.assign(pads.begin() + static_cast<std::ptrdiff_t>(rank), pads.end());
+  return s;
+}
+
+// Paddings of a sliding window by attribute auto_pad.
+void PadAutomatically(Node const& node, Spatial& s) {
+  std::string const mode = node.Word("auto_pad", "NOTSET");
+  if (mode == "NOTSET" || mode.empty()) return;
+  for (std::size_t i = 0; i < s.size.size(); ++i) {
+    long long total = 0;
+    if (mode != "VALID") {
+      total = ((s.size[i] + s.strides[i] - 1) / s.strides[i] - 1) * s.strides[i] + s.dilations[i] * (s.kernel[i] - 1) +
+              1 - s.size[i];
+      total = std::max(total, 0ll);
+    }
+    if (mode != "SAME_UPPER" && mode != "SAME_LOWER" && mode != "VALID") throw Refusal("attribute auto_pad = " + mode);
+    s.begin[i] = mode == "SAME_LOWER" ? total - total / 2 : total / 2;
+    s.end[i] = total - s.begin[i];
+  }
+}
+
+Shape Extents(Spatial const& s) {
+  Shape out;
+  for (std::size_t i = 0; i < s.size.size(); ++i) {
+    long long const span = s.size[i] + s.begin[i] + s.end[i] - s.dilations[i] * (s.kernel[i] - 1) - 1;
+    if (span < 0) throw Refusal("a window of " + Text(s.kernel) + " is larger than the padded input " + Text(s.size));
+    out.push_back(span / s.strides[i] + 1);
+  }
+  return out;
+}
+
+void AddPlaneAxis(Spatial& s) {
+  for (Shape* list : {&s.size, &s.kernel, &s.strides, &s.dilations}) list->push_back(1);
+  s.begin.push_back(0);
+  s.end.push_back(0);
+}
+
+Window WindowOf(Spatial const& s, std::size_t y) {
+  Window w;
+  w.kernel_y = s.kernel[y], w.kernel_x = s.kernel[y + 1];
+  w.stride_y = s.strides[y], w.stride_x = s.strides[y + 1];
+  w.dilation_y = s.dilations[y], w.dilation_x = s.dilations[y + 1];
+  w.top = s.begin[y], w.left = s.begin[y + 1];
+  w.bottom = s.end[y], w.right = s.end[y + 1];
+  return w;
+}
+
+Shape OutputShape(long long batch, long long channels, Shape const& extents) {
+  Shape shape{batch, channels};
+  shape.insert(shape.end(), extents.begin(), extents.end());
+  return shape;
+}
+
+Floats Tiled(Floats const& values, long long times) {
+  Floats result;
+  for (long long i = 0; i < times; ++i) result.insert(result.end(), values.begin(), values.end());
+  return result;
+}
+
+Floats Bias(Node const& node, long long channels) {
+  if (!node.Given(2)) return {};
+  Floats const bias = node.ConstantInput(2).Floats();
+  if (static_cast<long long>(bias.size()) != channels) {
+    throw Refusal("a bias of " + std::to_string(bias.size()) + " values for " + std::to_string(channels) + " channels");
+  }
+  return bias;
+}
+
+// Depth goes into the channels: [O, D', C, D, ky, kx] with the kernel's planes on a band.
+Floats Banded(Floats const& weight, Shape const& w, Spatial const& s, long long depth) {
+  long long const plane = w[3] * w[4], in = s.size[0];
+  Floats band(Count({w[0] * depth * w[1], in, plane}), 0.0f);
+  for (long long o = 0; o < w[0]; ++o) {
+    for (long long d = 0; d < depth; ++d) {
+      for (long long c = 0; c < w[1]; ++c) {
+        for (long long t = 0; t < w[2]; ++t) {
+          long long const i = d * s.strides[0] - s.begin[0] + t * s.dilations[0];
+          if (i < 0 || i >= in) continue;
+          auto const from = weight.begin() + ((o * w[1] + c) * w[2] + t) * plane;
+          std::copy(from, from + plane, band.begin() + (((o * depth + d) * w[1] + c) * in + i) * plane);
+        }
+      }
+    }
+  }
+  return band;
+}
+
+Floats Stretched(Floats const& bias, long long times) {
+  Floats result;
+  for (float const v : bias) result.insert(result.end(), static_cast<std::size_t>(times), v);
+  return result;
+}
+
+// A batch is run as groups, each with the same weights.
+Values Convolution(Node const& node, Builder& builder) {
+  Value const& x = node.TensorInput(0);
+  Array const& w = node.ConstantInput(1);
+  if (w.shape.size() != x.shape.size() || w.shape.size() < 3)
+    throw Refusal("weights " + Text(w.shape) + " do not fit " + Text(x.shape));
+  Spatial s = SpatialOf(node, x.shape, Shape(w.shape.begin() + 2, w.shape.end()));
+  if (node.Has("kernel_shape") && node.Ints("kernel_shape", {}) != s.kernel)
+    throw Refusal("attribute kernel_shape and weights differ");
+  PadAutomatically(node, s);
+  Shape const extents = Extents(s);
+  long long const batch = x.shape[0], out = w.shape[0], groups = node.Int("group", 1);
+  long long channels = x.shape[1], each = out;
+  if (groups < 1 || groups > channels || w.shape[1] * groups != channels || out % groups != 0) {
+    throw Refusal("group = " + std::to_string(groups) + ", weights " + Text(w.shape) + " and " +
+                  std::to_string(channels) + " channels disagree");
+  }
+  Floats weight = w.Floats(), bias = Bias(node, out);
+  std::size_t const rank = s.size.size();
+  if (rank > 3) throw Refusal("planes of " + std::to_string(rank) + " axes");
+  if (rank == 1) AddPlaneAxis(s);
+  if (rank == 3) {
+    weight = Banded(weight, w.shape, s, extents[0]);
+    bias = Stretched(bias, extents[0]);
+    channels *= s.size[0];
+    each *= extents[0];
+  }
+  std::size_t const y = rank == 3 ? 1 : 0;
+  Window window = WindowOf(s, y);
+  if (std::min({window.top, window.left, window.bottom, window.right}) < 0) throw Refusal("negative pads");
+  Value const planes = builder.Flat(x, {batch * channels, s.size[y], s.size[y + 1]});
+  Value const made =
+      builder.Convolve(planes, Tiled(weight, batch), Tiled(bias, batch), batch * each, batch * groups, window);
+  return {Builder::As(made, OutputShape(batch, out, extents))};
+}
+
+// Of a transposed convolution: how far its full result is cut at both ends.
+void CutTransposed(Node const& node, Spatial& s, Shape const& full) {
+  std::string const mode = node.Word("auto_pad", "NOTSET");
+  std::size_t const rank = full.size();
+  Shape wanted;
+  if (node.Has("output_shape")) {
+    wanted = node.Ints("output_shape", {});
+    if (wanted.size() < rank) throw Refusal("attribute output_shape has too few values");
+    wanted.erase(wanted.begin(), wanted.end() - static_cast<std::ptrdiff_t>(rank));
+  } else if (mode == "SAME_UPPER" || mode == "SAME_LOWER") {
+    for (std::size_t i = 0; i < rank; ++i) wanted.push_back(s.size[i] * s.strides[i]);
+  } else if (mode == "VALID") {
+    s.begin = s.end = Shape(rank, 0);
+  }
+  for (std::size_t i = 0; i < wanted.size(); ++i) {
+    long long const total = full[i] - wanted[i];
+    long long const half = total >= 0 ? total / 2 : (total - 1) / 2;  // below 0 the result is widened, at its end first
+    s.begin[i] = mode == "SAME_UPPER" ? half : total - half;
+    s.end[i] = total - s.begin[i];
+  }
+}
+
+// The kernel's borders are those of the input with stride - 1 zeros behind each element.
+Window Borders(Spatial const& s, Shape const& extra) {
+  Spatial t = s;
+  for (std::size_t i = 0; i < s.size.size(); ++i) {
+    long long const reach = s.dilations[i] * (s.kernel[i] - 1);
+    t.begin[i] = reach - s.begin[i];
+    t.end[i] = reach + extra[i] + 1 - s.strides[i] - s.end[i];
+  }
+  return WindowOf(t, 0);
+}
+
+Values TransposedConvolution(Node const& node, Builder& builder) {
+  Value const& x = node.TensorInput(0);
+  Array const& w = node.ConstantInput(1);
+  if (w.shape.size() != x.shape.size() || w.shape.size() < 3)
+    throw Refusal("weights " + Text(w.shape) + " do not fit " + Text(x.shape));
+  Spatial s = SpatialOf(node, x.shape, Shape(w.shape.begin() + 2, w.shape.end()));
+  std::size_t const rank = s.size.size();
+  if (rank > 2) throw Refusal("planes of " + std::to_string(rank) + " axes");
+  Shape extra = Attribute(node, "output_padding", rank, 0), full, extents;
+  for (std::size_t i = 0; i < rank; ++i) {
+    full.push_back(s.strides[i] * (s.size[i] - 1) + extra[i] + (s.kernel[i] - 1) * s.dilations[i] + 1);
+  }
+  CutTransposed(node, s, full);
+  for (std::size_t i = 0; i < rank; ++i) {
+    extents.push_back(full[i] - s.begin[i] - s.end[i]);
+    if (extents[i] < 1) throw Refusal("a result of " + Text(extents));
+  }
+  long long const batch = x.shape[0], channels = x.shape[1], groups = node.Int("group", 1), out = w.shape[1] * groups;
+  if (groups < 1 || w.shape[0] != channels || channels % groups != 0) {
+    throw Refusal("group = " + std::to_string(groups) + ", weights " + Text(w.shape) + " and " +
+                  std::to_string(channels) + " channels disagree");
+  }
+  if (rank == 1) AddPlaneAxis(s), extra.push_back(0);
+  Value const planes = builder.Flat(x, {batch * channels, s.size[0], s.size[1]});
+  Value const made = builder.Transposed(planes, Tiled(w.Floats(), batch), Tiled(Bias(node, out), batch), batch * out,
+                                        batch * groups, Borders(s, extra));
+  return {Builder::As(made, OutputShape(batch, out, extents))};
+}
+
+Values BatchNormalization(Node const& node, Builder& builder) {
+  Value const& x = node.TensorInput(0);
+  if (node.Int("training_mode", 0) != 0) throw Refusal("attribute training_mode = 1");
+  if (node.Int("spatial", 1) != 1) throw Refusal("attribute spatial = 0");
+  for (std::size_t i = 1; i < node.wanted.size(); ++i) {
+    if (node.wanted[i]) throw Refusal("output " + std::to_string(i) + " belongs to training");
+  }
+  auto const epsilon = static_cast<double>(node.Float("epsilon", 1e-5f));
+  Shape const per_channel(x.shape.size() > 1 ? x.shape.size() - 1 : 1, 1);
+  Array scale = node.ConstantInput(1), shift = node.ConstantInput(2);
+  Array const &mean = node.ConstantInput(3), &variance = node.ConstantInput(4);
+  long long const channels = x.shape.size() > 1 ? x.shape[1] : 1;
+  for (std::size_t i = 1; i < 5; ++i) {
+    if (static_cast<long long>(node.ConstantInput(i).values.size()) != channels) {
+      throw Refusal(std::to_string(node.inputs[i].constant->values.size()) + " values for " + std::to_string(channels) +
+                    " channels");
+    }
+  }
+  for (std::size_t c = 0; c < scale.values.size(); ++c) {
+    scale.values[c] /= std::sqrt(variance.values[c] + epsilon);
+    shift.values[c] -= mean.values[c] * scale.values[c];
+  }
+  scale.shape = shift.shape = per_channel;
+  scale.shape[0] = shift.shape[0] = channels;
+  return {builder.Affine(x, scale, shift)};
+}
+
+template <bool maximum>
+Values Pooling(Node const& node, Builder& builder) {
+  Value const& x = node.TensorInput(0);
+  Spatial s = SpatialOf(node, x.shape, node.Ints("kernel_shape", {}));
+  PadAutomatically(node, s);
+  std::size_t const rank = s.size.size();
+  bool const count_padding = node.Int("count_include_pad", 0) != 0;
+  for (std::size_t i = 0; i < rank && node.Int("ceil_mode", 0) != 0; ++i) {
+    long long const span = s.size[i] + s.begin[i] + s.end[i] - s.dilations[i] * (s.kernel[i] - 1) - 1;
+    long long const over = (s.strides[i] - span % s.strides[i]) % s.strides[i];
+    if (over != 0 && !maximum && count_padding) throw Refusal("attribute ceil_mode = 1 with count_include_pad = 1");
+    s.end[i] += over;
+  }
+  Shape const extents = Extents(s);
+  long long const planes = x.shape[0] * x.shape[1];
+  if (rank > 3) throw Refusal("planes of " + std::to_string(rank) + " axes");
+  if (rank == 1) AddPlaneAxis(s);
+  Value result = x;
+  if (rank < 3) {
+    result = builder.Pool(builder.Flat(x, {planes, s.size[0], s.size[1]}), maximum, WindowOf(s, 0), count_padding);
+  } else {  // the last two axes, then the first
+    result = builder.Pool(builder.Flat(x, {planes * s.size[0], s.size[1], s.size[2]}), maximum, WindowOf(s, 1),
+                          count_padding);
+    Window depth;
+    depth.kernel_y = s.kernel[0], depth.stride_y = s.strides[0], depth.dilation_y = s.dilations[0];
+    depth.top = s.begin[0], depth.bottom = s.end[0];
+    result =
+        builder.Pool(builder.Flat(result, {planes, s.size[0], extents[1] * extents[2]}), maximum, depth, count_padding);
+  }
+  Values outputs{Builder::As(result, OutputShape(x.shape[0], x.shape[1], extents))};
+  if (node.wanted.size() > 1) outputs.push_back(Unmade("output Indices is int64; tensors are float32"));
+  return outputs;
+}
+
+std::vector<std::size_t> PlaneAxes(Value const& x) {
+  std::vector<std::size_t> axes;
+  for (std::size_t i = 2; i < x.shape.size(); ++i) axes.push_back(i);
+  return axes;
+}
+
+Values GlobalAverage(Node const& node, Builder& builder) {
+  return {builder.Reduce(node.TensorInput(0), PlaneAxes(node.TensorInput(0)), true)};
+}
+
+Values GlobalMaximum(Node const& node, Builder& builder) {
+  return {builder.Maximum(node.TensorInput(0), PlaneAxes(node.TensorInput(0)))};
+}
+
+}  // namespace
+
+void AddConvolutions(Translators& table) {
+  table.insert(
+      {{"BatchNormalization", BatchNormalization}, {"Conv", Convolution}, {"ConvTranspose", TransposedConvolution}});
+}
+
+void AddPoolings(Translators& table) {
+  table.insert({{"AveragePool", Pooling<false>},
+                {"GlobalAveragePool", GlobalAverage},
+                {"GlobalMaxPool", GlobalMaximum},
+                {"MaxPool", Pooling<true>}});
+}
+
+}  // namespace convert_onnx
