@@ -12,6 +12,7 @@
 
 #include "talvo/serialization/layer_info_activation.h"
 #include "talvo/serialization/layer_info_conv.h"
+#include "talvo/serialization/layer_info_tensor.h"
 #include "tests/support/bits.h"
 #include "tests/support/scratch_folder.h"
 #include "tests/support/small_model.h"
@@ -189,6 +190,9 @@ TEST_F(RunPackageTest, ReportsBadInputInOneLine) {
   WriteNpy("rank.npy", "<f4", "192,", test::Floats(1, 192));
   WriteNpy("channels.npy", "<f4", "2, 8, 12", test::Floats(1, 192));
   WriteNpy("huge.npy", "<f4", "4000000000, 4000000000, 4000000000", {});
+  std::string axes;
+  for (int i = 0; i < 65; ++i) axes += "1,";
+  WriteNpy("axes.npy", "<f4", axes, {1.0f});
   std::string const run = " --input picture=in.npy";
   for (auto const& [words, named] : std::vector<std::pair<std::string, std::string>>{
            {"none.tlnmodel", "none.tlnmodel: cannot be opened"},
@@ -213,6 +217,7 @@ TEST_F(RunPackageTest, ReportsBadInputInOneLine) {
            {"p.json --input picture=cut.npy", "shape [3, 8, 8] needs 768"},
            {"p.json --input picture=double.npy", "double.npy: holds '<f8'"},
            {"p.json --input picture=huge.npy", "huge.npy: its shape [4000000000"},
+           {"p.json --input picture=axes.npy", "axes.npy: its shape has more than 64 axes"},
            {"p.json --input picture=rank.npy", "Float_M1 of layer conv: input 0 has dims [192]"},
            {"p.json --input picture=channels.npy", "of layer conv: input 0 has dims [2, 8, 12], needs 3 channels"}}) {
     ExpectError(words, named);
@@ -244,7 +249,10 @@ TEST_F(RunPackageTest, ReportsSpoiledModelsInOneLine) {
               layer_of(p, "both").input_ids = {"sum", "conv"};
             },
             "layer both (Concatenate_MainMemory_Fallback)"},
-           {[&](auto& p) { kernel_of(p, "pool") = "two\nlines"; }, "\"two lines\""}}) {
+           {[&](auto& p) { static_cast<runtime::ElementWiseOperatorInfo&>(layer_of(p, "sum")).op_type = 99; },
+            "layer sum (ElementWiseOperatorInfo): its kernel Elementwise_Fallback_Float_M1 refuses the layer's record: "
+            "Invalid element wise type"},
+           {[&](auto& p) { kernel_of(p, "pool") = "two\nlines\x1B[2J"; }, "\"two lines [2J\""}}) {
     auto const package = test::SmallModel().Package("small");
     spoil(*package);
     Save(*package, "spoiled.tlnmodel");

@@ -196,6 +196,7 @@ TEST(UpgradeModel, RefusesWithLayerAndReason) {
     EXPECT_FALSE(std::ifstream(out).is_open());
   }
   EXPECT_EQ(Upgrade("no_such_file " + out + " --default-config").status, 1);
+  EXPECT_EQ(Upgrade("/ " + out + " --default-config").text, "upgrade_model: /: is a folder\n");
 }
 
 TEST(UpgradeModel, TellsHowToCallIt) {

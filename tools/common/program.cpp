@@ -1,14 +1,21 @@
 #include "tools/common/program.h"
 
 #include <cstdio>
+#include <new>
 
 namespace tools {
 namespace {
 
-// One line, though ids and paths may hold line breaks. It takes no memory, which may be what ran out.
+constexpr char kNoMemory[] = "there is not enough memory";
+
+// One line, though ids and paths may hold line breaks and other control characters. It takes no memory, which may be
+// what ran out.
 void ReportError(char const* name, char const* text) {
   std::fprintf(stderr, "%s: ", name);
-  for (; *text != '\0'; ++text) std::fputc(*text == '\n' || *text == '\r' ? ' ' : *text, stderr);
+  for (; *text != '\0'; ++text) {
+    auto const character = static_cast<unsigned char>(*text);
+    std::fputc(character < ' ' || character == 0x7F ? ' ' : character, stderr);
+  }
   std::fputc('\n', stderr);
 }
 
@@ -22,6 +29,8 @@ int RunProgram(char const* name, char const* usage, std::function<void()> const&
     ReportError(name, error.what());
     std::fprintf(stderr, "%s\n", usage);
     return 2;
+  } catch (std::bad_alloc const&) {
+    ReportError(name, kNoMemory);
   } catch (std::exception const& error) {
     ReportError(name, error.what());
   } catch (...) {
@@ -31,6 +40,7 @@ int RunProgram(char const* name, char const* usage, std::function<void()> const&
 }
 
 std::string Message(std::exception const& refusal, std::string const& silent) {
+  if (dynamic_cast<std::bad_alloc const*>(&refusal) != nullptr) return kNoMemory;
   std::string text = refusal.what();
   text.erase(text.find_last_not_of('\n') + 1);
   auto const tag = text.find("]: ");

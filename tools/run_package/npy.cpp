@@ -18,7 +18,7 @@ using talvo::runtime::DimsText;
 using talvo::runtime::TensorShape;
 
 constexpr std::string_view kMagic = "\x93NUMPY";
-constexpr std::size_t kMaximumHeader = 65536;
+constexpr std::size_t kMaximumHeader = 65536, kMaximumRank = 64;
 
 [[noreturn]] void Refuse(std::string const& path, std::string const& why) {
   throw std::runtime_error(path + ": " + why);
@@ -69,6 +69,7 @@ std::vector<unsigned int> ParseShape(std::string const& path, std::string_view t
     char* after = nullptr;
     unsigned long long const extent = std::strtoull(at, &after, 10);
     if (after == at || extent > 0xFFFFFFFFull) Refuse(path, "its shape (" + Shown(list) + ") cannot be read");
+    if (dims.size() == kMaximumRank) Refuse(path, "its shape has more than " + std::to_string(kMaximumRank) + " axes");
     dims.push_back(static_cast<unsigned int>(extent));
     at = after;
     while (*at == ',' || *at == ' ') ++at;

@@ -89,7 +89,7 @@ std::shared_ptr<TLNModel> ReadPackage(std::string const& path) {
     if (std::filesystem::is_directory(path)) throw std::runtime_error("is a folder");
     binary ? ReadBinary(path, *package) : ReadJSON(path, *package);
   } catch (std::exception const& refusal) {
-    throw std::runtime_error(path + ": " + refusal.what());
+    throw std::runtime_error(path + ": " + Message(refusal));
   }
   return package;
 }

@@ -54,6 +54,15 @@ std::vector<std::shared_ptr<TLModelCfg>> Candidates(TLModelMultiBackendCfgs cons
   return {configs.cpu_armv8, configs.cpu_armv82, configs.cpu_armv7};
 }
 
+bool Takes(IKernel& kernel, std::shared_ptr<LayerInfo> const& layer, std::shared_ptr<InferenceParam> const& param,
+           std::shared_ptr<Context> const& context) {
+  try {
+    return kernel.Config(layer, param, context);
+  } catch (std::exception const&) {
+    return false;
+  }
+}
+
 }  // namespace
 
 Session::Session(Arguments const& arguments) : path_(arguments.package), backend_(arguments.backend) {
@@ -97,25 +106,26 @@ void Session::BuildNet(bool prefer_fused) {
     talvo::utility::Load_Single_Net(package_, model_, configs->second, backend_.c_str());
   } catch (std::exception const& refusal) {
     std::string const message = Message(refusal);
-    Refuse(path_ + ": " + (message.empty() ? RefusedKernel(*configs->second) : message));
+    bool const names_layer = message.find("layer ") != std::string::npos;
+    Refuse(path_ + ": " + (names_layer ? message : RefusedKernel(*configs->second, message)));
   }
 }
 
-// Names the first layer whose kernel refuses its record: the library's exception does not say.
-std::string Session::RefusedKernel(TLModelMultiBackendCfgs const& configs) const {
+// Names the first layer whose kernel refuses its record: the library's exception, of text `refusal`, does not say.
+std::string Session::RefusedKernel(TLModelMultiBackendCfgs const& configs, std::string const& refusal) const {
   for (auto const& config : Candidates(configs, backend_)) {
     for (std::string const& id : model_->squential_ids) {
       auto const layer = config->layers.find(id);
       if (layer == config->layers.end()) break;
       KernelCfg const& kernel = *layer->second->kernel;
       auto const made = kernels_.Create(kernel.kernel_type);
-      if (made != nullptr && !made->Config(model_->layers.at(id), kernel.infer_param, context_)) {
+      if (made != nullptr && !Takes(*made, model_->layers.at(id), kernel.infer_param, context_)) {
         return "layer " + id + " (" + model_->layers.at(id)->GetClassTypeName() + "): its kernel " +
-               kernel.kernel_type + " refuses the layer's record";
+               kernel.kernel_type + " refuses the layer's record" + (refusal.empty() ? "" : ": " + refusal);
       }
     }
   }
-  return "a kernel refuses its layer's record";
+  return refusal.empty() ? "a kernel refuses its layer's record" : refusal;
 }
 
 void Session::RequestOutputs(std::vector<std::string> const& ids) {

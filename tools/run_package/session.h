@@ -40,7 +40,7 @@ class Session {
  private:
   void ChooseModel(std::string const& wanted);
   void BuildNet(bool prefer_fused);
-  std::string RefusedKernel(talvo::runtime::TLModelMultiBackendCfgs const& configs) const;
+  std::string RefusedKernel(talvo::runtime::TLModelMultiBackendCfgs const& configs, std::string const& refusal) const;
   void RequestOutputs(std::vector<std::string> const& ids);
   unsigned int IndexOf(std::string const& layer) const;
   std::string LayerRefusal(unsigned int layer, std::string const& refusal) const;

@@ -2,6 +2,7 @@
 // became of them.
 #include <cstdio>
 #include <exception>
+#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <stdexcept>
@@ -29,6 +30,7 @@ int Report(char const* line) {
 [[noreturn]] void Refuse(std::string const& text) { throw std::runtime_error(text); }
 
 void Load(std::string const& path, talvo1::QZNetLoader& loader) {
+  if (std::filesystem::is_directory(path)) Refuse(path + ": is a folder");
   std::unique_ptr<std::FILE, int (*)(std::FILE*)> const stream(std::fopen(path.c_str(), "rb"), &std::fclose);
   if (stream == nullptr) Refuse(path + ": cannot be opened");
   bool known = false;
