@@ -15,8 +15,7 @@ class Yuv : public ImageTest {};
 
 struct Shape {
   unsigned int height, width;
-};
-constexpr Shape kFrames[] = {{2, 2}, {2, 4}, {4, 30}, {6, 32}, {2, 34}, {8, 66}, {2, 2046}, {4, 2050}, {2, 4100}};
+} constexpr kFrames[] = {{2, 2}, {2, 4}, {4, 30}, {6, 32}, {2, 34}, {8, 66}, {2, 2046}, {4, 2050}, {2, 4100}};
 
 struct Coefficients {
   std::int64_t y_gain, a_gain[3], b_gain[3], y_offset, a_offset, b_offset;
@@ -26,17 +25,12 @@ struct Coefficients {
 // The definition in 64 bits, where nothing overflows. Chrominance values lie `step` bytes apart.
 ByteVector Want(Shape const& s, unsigned char const* y, unsigned char const* a, unsigned char const* b,
                 std::size_t step, Coefficients const& m) {
-  ByteVector want;
-  std::size_t const w = s.width;
-  for (std::size_t k = 0; k < 3; ++k) {
-    for (std::size_t i = 0; i < s.height * w; ++i) {
-      std::size_t const at = (i / w / 2 * (w / 2) + i % w / 2) * step;
-      std::int64_t const sum =
-          (y[i] - m.y_offset) * m.y_gain + (a[at] - m.a_offset) * m.a_gain[k] + (b[at] - m.b_offset) * m.b_gain[k];
-      want.push_back(static_cast<unsigned char>(sum >> m.shift));
-    }
-  }
-  return want;
+  return Laid(3, s.height, s.width, [&](std::size_t k, std::size_t row, std::size_t x) {
+    std::size_t const at = (row / 2 * (s.width / 2) + x / 2) * step;
+    return ((y[row * s.width + x] - m.y_offset) * m.y_gain + (a[at] - m.a_offset) * m.a_gain[k] +
+            (b[at] - m.b_offset) * m.b_gain[k]) >>
+           m.shift;
+  });
 }
 
 TEST_P(Yuv, ClassFramesWrapAround) {

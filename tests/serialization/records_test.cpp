@@ -33,15 +33,6 @@ TEST(Records, HaveTheFieldsOfEachVersionInOrder) {
   }
 }
 
-// Before the first walk, which sets the name.
-TEST(Records, AreBornWithTheNameOfTheirClass) {
-  for (RecordClass const& entry : RecordCatalogue()) {
-    auto const record = entry.make();
-    bool const layer = dynamic_cast<LayerInfo*>(record.get()) != nullptr;
-    EXPECT_EQ(record->serializable_type, layer ? entry.name : "Serializable");
-  }
-}
-
 // The lists of a placeholder come back from the stream behind as many empty ones.
 void DoubleLists(Serializable* record) {
   if (auto* const placeholder = dynamic_cast<LayerPlaceholderInfo*>(record))
@@ -50,13 +41,12 @@ void DoubleLists(Serializable* record) {
 
 TEST(Records, GoThroughBothFormsAndBack) {
   LogCapture const quiet;
-  Blobs blobs;
-  for (auto const& [name, described] : Described())
-    for (Field const& field : described.fields)
-      if (field.kind.find("blob") != field.kind.npos) blobs[name].insert(field.text.substr(0, field.text.find('=')));
+  auto const described = Described();
   for (RecordClass const& entry : RecordCatalogue()) {
     SCOPED_TRACE(entry.name);
     auto const written = entry.make(), fresh = entry.make(), used = entry.make(), twice = entry.make();
+    bool const is_layer = dynamic_cast<LayerInfo*>(written.get()) != nullptr;
+    EXPECT_EQ(written->serializable_type, is_layer ? entry.name : "Serializable") << "until the first walk";
     FillFields(*written);
     FillFields(*used, 1000);
     std::set<std::string> values;  // a member under the key of another would stand twice
@@ -65,11 +55,19 @@ TEST(Records, GoThroughBothFormsAndBack) {
                   values.insert(line.substr(line.find('='))).second)
           << line;
     std::string const json = Written(*written, "json"), binary = Written(*written, "bin");
-    EXPECT_EQ(binary, "\x2f\x4e" + std::string(2, '\0') + Encoded(*written, blobs));
     ReadFrom(*twice, json, "json");
     EXPECT_EQ(Written(*twice, "json"), json);
     DoubleLists(written.get());
     ReadFrom(*fresh, binary, "bin");
+    auto const want = ListFields(*written, false), read = ListFields(*fresh, false);
+    std::set<std::string> cut_fields, blobs;  // weights alone are cut to halves
+    for (std::size_t i = 0; i < want.size(); ++i)
+      if (read.at(i) != want[i]) cut_fields.insert(want[i].substr(0, want[i].find('=')));
+    for (Field const& field : described.at(entry.name).fields)
+      if (auto const at = field.kind.find("blob"); at != field.kind.npos)
+        blobs.insert(std::string(field.kind).replace(at, 4, "string") + " " +
+                     field.text.substr(0, field.text.find('=')));
+    EXPECT_EQ(cut_fields, blobs);
     EXPECT_EQ(Written(*fresh, "bin"), Written(*written, "bin"));
     ReadFrom(*used, binary, "bin");  // replaces; lists of lists alone keep what stood in front
     bool const keeps = dynamic_cast<LayerPlaceholderInfo*>(used.get()) != nullptr;
