@@ -67,14 +67,8 @@ TEST(TLModel1, RefusesBrokenForm) {
                              {10011, {0x5555, 27}, "false", "\n\n\nError, Unsupport Layer Type 27.\n"},
                              {10000, {0x5555, 13}, "false", "\n\n\nError, Unsupport Layer Type."},
                              {10000, {0x5555, 16}, "false", "\n\n\nError, Unsupport Layer Type."}};
-  for (auto const& [type, first] : {std::pair{16u, 10003u},
-                                    {17u, 10008u},
-                                    {18u, 10008u},
-                                    {19u, 10008u},
-                                    {20u, 10008u},
-                                    {21u, 10008u},
-                                    {22u, 10008u},
-                                    {26u, 10011u}})
+  for (auto const& [type, first] : std::vector<std::pair<unsigned int, unsigned int>>{
+           {16, 10003}, {17, 10008}, {18, 10008}, {19, 10008}, {20, 10008}, {21, 10008}, {22, 10008}, {26, 10011}})
     cases.push_back({first - 1, {0x5555, type}, "this->exinfo.getVersion() >= " + std::to_string(first), ""});
   for (Case const& c : cases) {
     SCOPED_TRACE(c.record.back());
