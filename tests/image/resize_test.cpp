@@ -141,9 +141,9 @@ std::int64_t CropIndex(std::size_t i, float low, float high, std::size_t from, s
 TEST_P(Resize, CropResizeSkipsWhatLiesOutside) {
   struct Shares {
     float left, top, right, bottom;
-  };
-  for (Shares const& s :
-       {Shares{0, 0, 1, 1}, {0.2f, 0.1f, 0.8f, 0.7f}, {-0.3f, -0.6f, 1.5f, 0.9f}, {0.9f, 0.7f, 0.1f, 0.2f}}) {
+  } constexpr kShares[] = {
+      {0, 0, 1, 1}, {0.2f, 0.1f, 0.8f, 0.7f}, {-0.3f, -0.6f, 1.5f, 0.9f}, {0.9f, 0.7f, 0.1f, 0.2f}};
+  for (Shares const& s : kShares) {
     for (Extents const& e : AllExtents()) {
       for (unsigned int n : {1u, 3u, 4u}) {
         auto src = Image({e.from_h, e.from_w, n}, TensorShape::FLEXIABLE, 1);

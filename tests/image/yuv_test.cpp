@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <tuple>
 
 #include "tests/image/image_test_support.h"
 
@@ -41,15 +42,12 @@ TEST_P(Yuv, ClassFramesWrapAround) {
     TensorShape const shape({s.height, s.width, 1}, TensorShape::UINT8, TensorShape::HWC, TensorShape::MainMemory, {});
     auto const src = context_->device_cpu->CreateTensorExternal(shape, frame.data());
     auto const* const chrominance = frame.data() + pixels;
-    struct Case {
-      int code;
-      std::size_t u, v, step;
-    };
-    for (Case const& c : {Case{24, 1, 0, 2}, {22, 0, 1, 2}, {32, 0, pixels / 4, 1}}) {
+    using Case = std::tuple<int, std::size_t, std::size_t, std::size_t>;
+    for (auto const& [code, u, v, step] : {Case{24, 1, 0, 2}, Case{22, 0, 1, 2}, Case{32, 0, pixels / 4, 1}}) {
       auto const dst = Image({3, s.height, s.width}, TensorShape::CHW);
-      Run(c.code, src, dst);
-      ASSERT_EQ(Want(s, frame.data(), chrominance + c.u, chrominance + c.v, c.step, coefficients), BytesOf(dst))
-          << c.code << ": " << s.height << " x " << s.width;
+      Run(code, src, dst);
+      ASSERT_EQ(Want(s, frame.data(), chrominance + u, chrominance + v, step, coefficients), BytesOf(dst))
+          << code << ": " << s.height << " x " << s.width;
     }
   }
 }
