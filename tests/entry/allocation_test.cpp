@@ -12,8 +12,8 @@
 #include "tests/runtime/scripted_kernel.h"
 #include "tests/support/application.h"
 #include "tests/support/bits.h"
+#include "tests/support/model_builder.h"
 #include "tests/support/scratch_folder.h"
-#include "tests/support/small_model.h"
 
 namespace {
 

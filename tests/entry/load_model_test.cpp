@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "talvo/entry/create_context.h"
 #include "talvo/entry/register_operators.h"
 #include "talvo/serialization/layer_info_activation.h"
@@ -29,26 +31,18 @@ TEST(Version, IsCheckedInOrder) {
   using Lines = std::vector<std::string>;
   Lines const kLarger = {"[TLN]: tln_core version required by model is larger than actually used!\n"};
   std::string const used = "[TLN]: sdk version used now: 3.5\n";
-  struct Case {
-    char const *why, *type;
-    unsigned short core_major, core_minor, sdk_major, sdk_minor;
-    Lines lines;
-  };
-  for (Case const& c : std::vector<Case>{
-           {"equal", "x86", 1, 0, 3, 5, {}},
-           {"older core", "x86", 0, 0, 3, 5, {}},
-           {"a minor core number, even of an older one", "x86", 0, 1, 3, 5, kLarger},
-           {"a newer minor core number", "x86", 1, 1, 3, 5, kLarger},
-           {"a newer core", "x86", 2, 0, 3, 5, kLarger},
-           {"an older sdk", "x86", 1, 0, 3, 4, {"[TLN]: sdk version required by model: 3.4\n", used}},
-           {"a newer sdk", "x86", 1, 0, 4, 5, {"[TLN]: sdk version required by model: 4.5\n", used}},
-           {"the core before the sdk", "x86", 1, 1, 9, 9, kLarger},
-           {"the type before all", "X86", 2, 2, 9, 9, {"[TLN]: Model type is X86, can not match sdk type\n"}}}) {
-    SCOPED_TRACE(c.why);
+  for (auto const& [why, model, lines] : std::vector<std::tuple<char const*, _TLNModelVerInfo, Lines>>{
+           {"equal", {"x86", 1, 0, 3, 5}, {}},
+           {"older core", {"x86", 0, 0, 3, 5}, {}},
+           {"a minor core number, even of an older one", {"x86", 0, 1, 3, 5}, kLarger},
+           {"a newer core", {"x86", 2, 0, 3, 5}, kLarger},
+           {"an older sdk", {"x86", 1, 0, 3, 4}, {"[TLN]: sdk version required by model: 3.4\n", used}},
+           {"a newer sdk", {"x86", 1, 0, 4, 5}, {"[TLN]: sdk version required by model: 4.5\n", used}},
+           {"the core before the sdk", {"x86", 1, 1, 9, 9}, kLarger},
+           {"the type before all", {"X86", 2, 2, 9, 9}, {"[TLN]: Model type is X86, can not match sdk type\n"}}}) {
     LogCapture const log;
-    EXPECT_EQ(check_version("x86", 3, 5, {c.type, c.core_major, c.core_minor, c.sdk_major, c.sdk_minor}),
-              c.lines.empty() ? 0 : -2);
-    EXPECT_EQ(log.Lines(), c.lines);
+    EXPECT_EQ(check_version("x86", 3, 5, model), lines.empty() ? 0 : -2) << why;
+    EXPECT_EQ(log.Lines(), lines) << why;
   }
   LogCapture const quiet;
   EXPECT_EQ(check_version("x86", 3, 5, {std::string("x86\0", 4), 1, 0, 3, 5}), -2) << "all bytes count";

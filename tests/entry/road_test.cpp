@@ -8,8 +8,8 @@
 #include "talvo/serialization/layer_info_conv.h"
 #include "tests/support/application.h"
 #include "tests/support/bits.h"
+#include "tests/support/model_builder.h"
 #include "tests/support/scratch_folder.h"
-#include "tests/support/small_model.h"
 
 namespace talvo {
 namespace {

@@ -37,11 +37,9 @@ TEST_P(Color, PlanesGetTheirBytes) {
       auto src = Image({h, w, c.pixel_bytes}, TensorShape::HWC), dst = Image({3, h, w}, TensorShape::CHW);
       c.free != nullptr ? c.free(src, dst) : Run(c.code, src, dst);
       auto const from = BytesOf(src);
-      ByteVector want;
-      for (std::size_t byte : {c.first, std::size_t{1}, c.third}) {
-        for (std::size_t i = 0; i < std::size_t{h} * w; ++i) want.push_back(from[i * c.pixel_bytes + byte]);
-      }
-      ASSERT_EQ(want, BytesOf(dst)) << c.code << ": " << w << " x " << c.pixel_bytes << " bytes";
+      std::size_t const bytes[] = {c.first, 1, c.third};
+      auto const at = [&](auto k, auto y, auto x) { return from[(y * w + x) * c.pixel_bytes + bytes[k]]; };
+      ASSERT_EQ(Laid(3, h, w, at), BytesOf(dst)) << c.code << ": " << w << " x " << c.pixel_bytes << " bytes";
     }
   }
   auto src = Image({3, 2, 2}, TensorShape::CHW, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12});
@@ -65,15 +63,11 @@ TEST_P(Color, GrayOfTheClassIsIntegerArithmetic) {
         auto* const pixels = static_cast<unsigned char*>(src->data);
         for (std::size_t k = 0; k < 3; ++k) pixels[planar ? k * count : k] = 255;  // white needs all 16 bits of a sum
         Run(c.code, src, dst);
-        auto const at = [&](std::size_t i, std::size_t k) {
-          return pixels[planar ? k * count + i : i * c.pixel_bytes + k];
+        auto const gray = [&](auto, auto, std::size_t i) {
+          auto const at = [&](std::size_t k) { return pixels[planar ? k * count + i : i * c.pixel_bytes + k]; };
+          return (77 * at(c.red) + 150 * at(1) + 29 * at(c.blue)) >> 8;
         };
-        ByteVector want;
-        for (std::size_t i = 0; i < count; ++i) {
-          int const gray = (77 * at(i, c.red) + 150 * at(i, 1) + 29 * at(i, c.blue)) >> 8;
-          want.push_back(static_cast<unsigned char>(gray));
-        }
-        ASSERT_EQ(want, BytesOf(dst)) << c.code << ": " << w << (planar ? " planar" : "");
+        ASSERT_EQ(Laid(1, 1, count, gray), BytesOf(dst)) << c.code << ": " << w << (planar ? " planar" : "");
       }
     }
   }
@@ -95,12 +89,12 @@ TEST_P(Color, FreeGrayWeighsBytesByPositionInDoublePrecision) {
                           F_ColorCvt_RGBA8888_To_Gray8_Fallback, F_ColorCvt_RGBA8888_To_Gray8_Arm}}}) {
     auto src = Image({7, 301, c.pixel_bytes}, TensorShape::HWC), dst = Image({7, 301, 1}, TensorShape::HWC);
     auto const from = BytesOf(src);
-    ByteVector want;
-    for (std::size_t i = 0; i < from.size(); i += c.pixel_bytes) {
+    auto const want = Laid(1, 7, 301, [&, at = from.data()](auto, auto, auto) mutable {
       double sum = 0.0;
-      for (std::size_t k = 0; k < 3; ++k) sum += c.weights[k] * from[i + k];
-      want.push_back(static_cast<unsigned char>(std::min(static_cast<int>(sum), 255)));
-    }
+      for (std::size_t k = 0; k < 3; ++k) sum += c.weights[k] * at[k];
+      at += c.pixel_bytes;
+      return std::min(static_cast<int>(sum), 255);
+    });
     for (Free function : c.functions) {
       function(src, dst);
       EXPECT_EQ(want, BytesOf(dst));
@@ -121,13 +115,8 @@ TEST_P(Color, LayoutsChangePlaces) {
         auto back = Make({h, w, c}, TensorShape::HWC, type, nullptr);
         Run(60, pixels, planes);
         Run(61, planes, back);
-        ByteVector want;
-        for (std::size_t k = 0; k < c; ++k) {
-          for (std::size_t i = 0; i < count; ++i) {
-            for (std::size_t b = 0; b < bytes; ++b) want.push_back(data[(i * c + k) * bytes + b]);
-          }
-        }
-        ASSERT_EQ(want, BytesOf(planes)) << c << " channels of " << w;
+        auto const at = [&](auto k, auto i, auto b) { return data[(i * c + k) * bytes + b]; };
+        ASSERT_EQ(Laid(c, count, bytes, at), BytesOf(planes)) << c << " channels of " << w;
         ASSERT_EQ(data, BytesOf(back)) << c << " channels of " << w;
       }
     }
@@ -139,15 +128,6 @@ TEST_P(Color, BytesBecomeFloats) {
   Run(65, src, dst);
   auto const from = BytesOf(src);
   ExpectSameBits(std::vector<float>(from.begin(), from.end()), Values(*dst));
-}
-
-TEST_P(Color, FreeFormsRefusePlanesThatAreShort) {
-  auto const wide = Image({3, 2, 4}, TensorShape::HWC);
-  auto out = Image({3, 2, 2}, TensorShape::CHW);
-  EXPECT_EQ(
-      Report("F_ColorCvt_BGRA2RGB_HWC_UInt8_To_CHW_UInt8_Arm: o_img of dims [3, 2, 2] needs memory for 3 planes of "
-             "6 pixels"),
-      RefusalOf([&] { F_ColorCvt_BGRA2RGB_HWC_UInt8_To_CHW_UInt8_Arm(wide, out); }));
 }
 
 INSTANTIATE_TEST_SUITE_P(Sets, Color, kEverySet);

@@ -73,19 +73,14 @@ TEST_P(Crop, ClassRefusesWhatWouldLeaveTheTensors) {
 }
 
 // Rows y to y + rows, columns x to x + columns of planes [h, w] of pixels; 77 outside.
-ByteVector Want(ByteVector const& from, int planes, int h, int w, int pixel, int y, int x, int rows, int columns) {
-  ByteVector want;
-  for (int p = 0; p < planes; ++p) {
-    for (int row = y; row < y + rows; ++row) {
-      for (int column = x; column < x + columns; ++column) {
-        bool const inside = row >= 0 && column >= 0 && row < h && column < w;
-        for (int k = 0; k < pixel; ++k) {
-          want.push_back(inside ? from[static_cast<std::size_t>(((p * h + row) * w + column) * pixel + k)] : 77);
-        }
-      }
-    }
-  }
-  return want;
+ByteVector Want(ByteVector const& from, std::size_t planes, std::int64_t h, std::int64_t w, std::size_t pixel,
+                std::int64_t y, std::int64_t x, std::size_t rows, std::size_t columns) {
+  return Laid(planes * rows, columns, pixel, [&](std::size_t i, std::size_t j, std::size_t k) {
+    auto const plane = static_cast<std::int64_t>(i / rows), row = y + static_cast<std::int64_t>(i % rows);
+    std::int64_t const column = x + static_cast<std::int64_t>(j);
+    bool const inside = row >= 0 && column >= 0 && row < h && column < w;
+    return inside ? from[static_cast<std::size_t>((plane * h + row) * w + column) * pixel + k] : 77;
+  });
 }
 
 TEST_P(Crop, FreeFormsCopyAnyType) {
@@ -110,9 +105,8 @@ TEST_P(Crop, FreeFormsCopyAnyType) {
       unsigned int const elements = interleaved ? channels : std::max(c.block, 1u);
       auto const data = Bytes(i, std::size_t{channels} * h * w * std::max(c.block, 1u) * runtime::ElementSize(type));
       auto const src = Make(dims(h, w), c.layout, type, data.data());
-      auto const sign = [](unsigned int n) { return static_cast<int>(n); };
-      auto const want = Want(data, interleaved ? 1 : sign(channels), sign(h), sign(w),
-                             sign(elements * runtime::ElementSize(type)), sign(y), sign(x), sign(rows), sign(columns));
+      auto const want =
+          Want(data, interleaved ? 1 : channels, h, w, elements * runtime::ElementSize(type), y, x, rows, columns);
       for (CropFunction function : c.functions) {
         auto dst = Make(dims(rows, columns), c.layout, type, nullptr);
         function(src, y, x, rows, columns, dst);
@@ -126,17 +120,17 @@ TEST_P(Crop, FilledCropMayLieOutside) {
   constexpr int kMost = std::numeric_limits<int>::max();
   for (std::uint32_t i = 0; i < 200; ++i) {
     auto const size = [i](std::uint32_t k, unsigned int least, unsigned int most) {
-      return static_cast<int>(Size(6 * i + k, least, most));
+      return Size(6 * i + k, least, most);
     };
-    int const h = size(0, 1, 8), w = size(1, 1, 8), c = size(2, 1, 4), rows = size(5, 0, 10), columns = size(6, 0, 10);
-    int const y = i == 0 ? kMost - 10 : size(3, 0, 24) - 12, x = i == 0 ? kMost - 10 : size(4, 0, 24) - 12;
-    auto const dims = [c](int a, int b) {
-      return Dims{static_cast<unsigned int>(a), static_cast<unsigned int>(b), static_cast<unsigned int>(c)};
-    };
-    auto const src = Image(dims(h, w), TensorShape::HWC, i);
+    unsigned int const h = size(0, 1, 8), w = size(1, 1, 8), c = size(2, 1, 4), rows = size(5, 0, 10),
+                       columns = size(6, 0, 10);
+    // The first lies so far outside that sums of positions would wrap.
+    int const y = i == 0 ? kMost : static_cast<int>(size(3, 0, 24)) - 12,
+              x = i == 0 ? kMost : static_cast<int>(size(4, 0, 24)) - 12;
+    auto const src = Image({h, w, c}, TensorShape::HWC, i);
     for (auto const function : {F_Crop_U8_HWC_Memcpy, F_Crop_U8_HWC_Arm}) {
-      auto dst = Image(dims(rows, columns), TensorShape::HWC, i);
-      function(src, i == 0 ? kMost : y, i == 0 ? kMost : x, rows, columns, 77, dst);  // sums of positions do not wrap
+      auto dst = Image({rows, columns, c}, TensorShape::HWC, i);
+      function(src, y, x, static_cast<int>(rows), static_cast<int>(columns), 77, dst);
       ASSERT_EQ(Want(BytesOf(src), 1, h, w, c, y, x, rows, columns), BytesOf(dst)) << y << ", " << x;
     }
   }

@@ -67,6 +67,16 @@ inline ByteVector BytesOf(ImagePtr const& image) {
   return ByteVector(first, first + runtime::ByteCount(image->shape));
 }
 
+/// at(i, j, k) for each place of [a, b, c], the last index fastest.
+template <class At>
+ByteVector Laid(std::size_t a, std::size_t b, std::size_t c, At const& at) {
+  ByteVector bytes;
+  for (std::size_t i = 0; i < a; ++i)
+    for (std::size_t j = 0; j < b; ++j)
+      for (std::size_t k = 0; k < c; ++k) bytes.push_back(static_cast<unsigned char>(at(i, j, k)));
+  return bytes;
+}
+
 /// What a refusal with `text` throws; an empty text stands for the refusals without one.
 inline std::string Report(std::string const& text) { return "[TLN]: " + text + (text.empty() ? "" : "\n"); }
 

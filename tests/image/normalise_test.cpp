@@ -1,5 +1,7 @@
 #include "talvo/image/normalise.h"
 
+#include <cstring>
+
 #include "tests/image/image_test_support.h"
 
 namespace talvo::test {
@@ -56,6 +58,8 @@ TEST_P(Normalise, PlainFormTakesWhatItIsGiven) {
       ExpectSameBits(want, Values(*image));
     }
   }
+  ImagePtr flat = Image({3}, TensorShape::CHW), none;
+  Normalize_CHW_Float_Fallback(flat, none, nullptr, nullptr);  // nothing to do, nothing looked at
 }
 
 TEST_P(Normalise, FixedPointSaturatesInGroupsOfEight) {
@@ -81,20 +85,10 @@ TEST_P(Normalise, FixedPointSaturatesInGroupsOfEight) {
         auto out = Make({3, h, w}, TensorShape::CHW, TensorShape::INT16, nullptr);
         out->shape.extra.step_size = step;
         function(image, Values1D(subs), Values1D(muls), out);
-        auto const* const got = static_cast<std::int16_t const*>(out->data);
-        ASSERT_EQ(want, std::vector<std::int16_t>(got, got + want.size())) << step << ": " << h << " x " << w;
+        ASSERT_EQ(0, std::memcmp(want.data(), out->data, 2 * want.size())) << step << ": " << h << " x " << w;
       }
     }
   }
-}
-
-TEST_P(Normalise, RefusesOnlyARankBelowThatRead) {
-  auto const flat = Image({3, 4}, TensorShape::CHW), values = Values1D({1, 2, 3});
-  auto out = FloatImage({3, 2, 2}, TensorShape::CHW, Floats(1, 12));
-  EXPECT_EQ(Report("F_Normalize_CHW_U8_To_CHW_F32_Arm: i_img has rank 2, needs 3"),
-            RefusalOf([&] { F_Normalize_CHW_U8_To_CHW_F32_Arm(flat, values, values, out); }));
-  ImagePtr source = Image({3}, TensorShape::CHW), none;
-  Normalize_CHW_Float_Fallback(source, none, nullptr, nullptr);
 }
 
 INSTANTIATE_TEST_SUITE_P(Sets, Normalise, kEverySet);

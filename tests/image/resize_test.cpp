@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <limits>
 
 #include "tests/image/image_test_support.h"
 
@@ -53,22 +52,14 @@ Tap TapAt(std::size_t i, std::size_t from, std::size_t to) {
 }
 
 ByteVector WantBilinear(ByteVector const& from, Extents const& e, std::size_t n) {
-  ByteVector want;
-  for (std::size_t y = 0; y < e.to_h; ++y) {
-    Tap const row = TapAt(y, e.from_h, e.to_h);
-    for (std::size_t x = 0; x < e.to_w; ++x) {
-      Tap const column = TapAt(x, e.from_w, e.to_w);
-      for (std::size_t c = 0; c < n; ++c) {
-        auto const line = [&](std::size_t r) {
-          int const a = from[(r * e.from_w + column.first) * n + c], b = from[(r * e.from_w + column.second) * n + c];
-          return int{static_cast<std::int16_t>((a * column.w0 + b * column.w1) >> 4)};
-        };
-        int const sum = ((line(row.first) * row.w0) >> 16) + ((line(row.second) * row.w1) >> 16) + 2;
-        want.push_back(static_cast<unsigned char>(sum >> 2));
-      }
-    }
-  }
-  return want;
+  return Laid(e.to_h, e.to_w, n, [&](std::size_t y, std::size_t x, std::size_t c) {
+    Tap const row = TapAt(y, e.from_h, e.to_h), column = TapAt(x, e.from_w, e.to_w);
+    auto const line = [&](std::size_t r) {
+      int const a = from[(r * e.from_w + column.first) * n + c], b = from[(r * e.from_w + column.second) * n + c];
+      return int{static_cast<std::int16_t>((a * column.w0 + b * column.w1) >> 4)};
+    };
+    return (((line(row.first) * row.w0) >> 16) + ((line(row.second) * row.w1) >> 16) + 2) >> 2;
+  });
 }
 
 TEST_P(Resize, BilinearIsFixedPoint) {
@@ -99,33 +90,25 @@ TEST_P(Resize, BilinearIsFixedPoint) {
 TEST_P(Resize, NearestFormsRoundOrAddUp) {
   constexpr Free kFree[] = {TALVO_C1_TO_C4(F_Resize_Nearest_HWC_U8_C, _Fallback)};
   constexpr Free kTwins[] = {TALVO_C1_TO_C4(F_Resize_Nearest_HWC_U8_C, _Arm_M1)};
-  using Indices = std::vector<std::size_t>;
   auto const rounded = [](std::size_t from, std::size_t to) {
-    Indices indices;
-    for (std::size_t i = 0; i < to; ++i) {
-      double const nearest = std::floor(static_cast<double>(Centre(i, from, to)) + 0.5);
-      indices.push_back(std::min(static_cast<std::size_t>(nearest), from - 1));
-    }
+    std::vector<std::size_t> indices;
+    for (std::size_t i = 0; i < to; ++i)
+      indices.push_back(std::min(static_cast<std::size_t>(double{Centre(i, from, to)} + 0.5), from - 1));
     return indices;
   };
   auto const summed = [](std::size_t from, std::size_t to) {
-    Indices indices;
+    std::vector<std::size_t> indices;
     float position = 0.0f;
-    for (std::size_t i = 0; i < to; ++i, position += static_cast<float>(from) / static_cast<float>(to)) {
+    for (std::size_t i = 0; i < to; ++i, position += static_cast<float>(from) / static_cast<float>(to))
       indices.push_back(std::min(static_cast<std::size_t>(position), from - 1));
-    }
     return indices;
   };
   auto const expect = [](Extents const& e, unsigned int n, ImagePtr const& src, ImagePtr const& dst, auto table) {
     auto const from = BytesOf(src);
-    ByteVector want;
-    for (std::size_t row : table(e.from_h, e.to_h)) {
-      for (std::size_t column : table(e.from_w, e.to_w)) {
-        auto const* const pixel = from.data() + (row * e.from_w + column) * n;
-        want.insert(want.end(), pixel, pixel + n);
-      }
-    }
-    ASSERT_EQ(want, BytesOf(dst)) << n << ": " << e.from_h << " x " << e.from_w << " to " << e.to_h << " x " << e.to_w;
+    auto const rows = table(e.from_h, e.to_h), columns = table(e.from_w, e.to_w);
+    auto const at = [&](auto y, auto x, auto c) { return from[(rows[y] * e.from_w + columns[x]) * n + c]; };
+    ASSERT_EQ(Laid(e.to_h, e.to_w, n, at), BytesOf(dst))
+        << n << ": " << e.from_h << " x " << e.from_w << " to " << e.to_h << " x " << e.to_w;
   };
   for (Extents const& e : AllExtents()) {
     auto gray = Image({e.from_h, e.from_w}, TensorShape::FLEXIABLE, 3),
@@ -158,34 +141,29 @@ std::int64_t CropIndex(std::size_t i, float low, float high, std::size_t from, s
 TEST_P(Resize, CropResizeSkipsWhatLiesOutside) {
   struct Shares {
     float left, top, right, bottom;
-  };
-  for (Shares const& s :
-       {Shares{0, 0, 1, 1}, {0.2f, 0.1f, 0.8f, 0.7f}, {-0.3f, -0.6f, 1.5f, 0.9f}, {0.9f, 0.7f, 0.1f, 0.2f}}) {
+  } constexpr kShares[] = {
+      {0, 0, 1, 1}, {0.2f, 0.1f, 0.8f, 0.7f}, {-0.3f, -0.6f, 1.5f, 0.9f}, {0.9f, 0.7f, 0.1f, 0.2f}};
+  for (Shares const& s : kShares) {
     for (Extents const& e : AllExtents()) {
       for (unsigned int n : {1u, 3u, 4u}) {
         auto src = Image({e.from_h, e.from_w, n}, TensorShape::FLEXIABLE, 1);
         auto dst = Image({e.to_h, e.to_w, n}, TensorShape::FLEXIABLE, 2);
         auto const from = BytesOf(src);
-        auto want = BytesOf(dst);
-        for (std::size_t y = 0; y < e.to_h; ++y) {
-          for (std::size_t x = 0; x < e.to_w; ++x) {
-            std::int64_t const row = CropIndex(y, s.top, s.bottom, e.from_h, e.to_h);
-            std::int64_t const column = CropIndex(x, s.left, s.right, e.from_w, e.to_w);
-            if (row < 0 || column < 0) continue;
-            for (std::size_t c = 0; c < n; ++c) {
-              want[(y * e.to_w + x) * n + c] = from[static_cast<std::size_t>(row * e.from_w + column) * n + c];
-            }
-          }
-        }
+        auto const before = BytesOf(dst);
+        auto const want = Laid(e.to_h, e.to_w, n, [&](std::size_t y, std::size_t x, std::size_t c) {
+          std::int64_t const row = CropIndex(y, s.top, s.bottom, e.from_h, e.to_h);
+          std::int64_t const column = CropIndex(x, s.left, s.right, e.from_w, e.to_w);
+          if (row < 0 || column < 0) return before[(y * e.to_w + x) * n + c];
+          return from[static_cast<std::size_t>(row * e.from_w + column) * n + c];
+        });
         process_.ConvertPixel(src, dst, s.left, s.top, s.right, s.bottom, static_cast<int>(84 + n), nullptr);
         ASSERT_EQ(want, BytesOf(dst)) << n << ": " << e.from_h << " x " << e.from_w;
       }
     }
   }
   auto src = Image({2, 2, 1}, TensorShape::FLEXIABLE), dst = src;
-  float const infinite = std::numeric_limits<float>::infinity();
   EXPECT_EQ(Report("Crop_Resize_Nearest_C1: share inf of 2 pixels is no int"),
-            RefusalOf([&] { process_.ConvertPixel(src, dst, 0, 0, infinite, 1, 85, nullptr); }));
+            RefusalOf([&] { process_.ConvertPixel(src, dst, 0, 0, HUGE_VALF, 1, 85, nullptr); }));
 }
 
 INSTANTIATE_TEST_SUITE_P(Sets, Resize, kEverySet);

@@ -11,13 +11,10 @@ class RotateFlip : public ImageTest {};
 
 struct Turn {
   int code;
-  void (*free)(ImagePtr const&, ImagePtr&);
-  void (*twin)(ImagePtr const&, ImagePtr&);
+  void (*free)(ImagePtr const&, ImagePtr&), (*twin)(ImagePtr const&, ImagePtr&);
   bool on_its_side;
   std::pair<std::size_t, std::size_t> (*place)(std::size_t y, std::size_t x, std::size_t h, std::size_t w);
-};
-
-Turn const kTurns[] = {
+} const kTurns[] = {
     {50, F_Rotate_Clockwise90_HWC_Fallback, F_Rotate_Clockwise90_HWC_Arm, true,
      [](auto y, auto x, auto h, auto) { return std::make_pair(x, h - 1 - y); }},
     {51, F_Rotate_Clockwise180_HWC_Fallback, F_Rotate_Clockwise180_HWC_Arm, false,
@@ -39,24 +36,20 @@ TEST_P(RotateFlip, EveryPixelGoesToItsPlace) {
       auto src = Image({h, w, c}, TensorShape::HWC, i), planar = Image({c, h, w}, TensorShape::CHW, i);
       auto dst = Image({to_h, to_w, c}, TensorShape::HWC), planar_dst = Image({c, to_h, to_w}, TensorShape::CHW);
       auto free = Image({to_h, to_w, c}, TensorShape::HWC), twin = Image({to_h, to_w, c}, TensorShape::HWC);
-      Run(turn.code, src, dst);
-      Run(turn.code, planar, planar_dst);
-      turn.free(src, free);
-      turn.twin(src, twin);
+      Run(turn.code, src, dst), Run(turn.code, planar, planar_dst);
+      turn.free(src, free), turn.twin(src, twin);
       auto const from = BytesOf(src);
       ByteVector want(from.size()), planar_want(from.size());
       for (std::size_t y = 0; y < h; ++y) {
         for (std::size_t x = 0; x < w; ++x) {
+          auto const [to_y, to_x] = turn.place(y, x, h, w);
           for (std::size_t k = 0; k < c; ++k) {
-            auto const [to_y, to_x] = turn.place(y, x, h, w);
             want[(to_y * to_w + to_x) * c + k] = from[(y * w + x) * c + k];
             planar_want[(k * to_h + to_y) * to_w + to_x] = from[(k * h + y) * w + x];
           }
         }
       }
-      ASSERT_EQ(want, BytesOf(dst)) << h << " x " << w << " x " << c;
-      ASSERT_EQ(want, BytesOf(free)) << h << " x " << w << " x " << c;
-      ASSERT_EQ(want, BytesOf(twin)) << h << " x " << w << " x " << c;
+      for (auto const& got : {dst, free, twin}) ASSERT_EQ(want, BytesOf(got)) << h << " x " << w << " x " << c;
       ASSERT_EQ(planar_want, BytesOf(planar_dst)) << h << " x " << w << " x " << c;
     }
   }

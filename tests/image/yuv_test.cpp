@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <tuple>
 
 #include "tests/image/image_test_support.h"
 
@@ -15,8 +16,7 @@ class Yuv : public ImageTest {};
 
 struct Shape {
   unsigned int height, width;
-};
-constexpr Shape kFrames[] = {{2, 2}, {2, 4}, {4, 30}, {6, 32}, {2, 34}, {8, 66}, {2, 2046}, {4, 2050}, {2, 4100}};
+} constexpr kFrames[] = {{2, 2}, {2, 4}, {4, 30}, {6, 32}, {2, 34}, {8, 66}, {2, 2046}, {4, 2050}, {2, 4100}};
 
 struct Coefficients {
   std::int64_t y_gain, a_gain[3], b_gain[3], y_offset, a_offset, b_offset;
@@ -26,17 +26,12 @@ struct Coefficients {
 // The definition in 64 bits, where nothing overflows. Chrominance values lie `step` bytes apart.
 ByteVector Want(Shape const& s, unsigned char const* y, unsigned char const* a, unsigned char const* b,
                 std::size_t step, Coefficients const& m) {
-  ByteVector want;
-  std::size_t const w = s.width;
-  for (std::size_t k = 0; k < 3; ++k) {
-    for (std::size_t i = 0; i < s.height * w; ++i) {
-      std::size_t const at = (i / w / 2 * (w / 2) + i % w / 2) * step;
-      std::int64_t const sum =
-          (y[i] - m.y_offset) * m.y_gain + (a[at] - m.a_offset) * m.a_gain[k] + (b[at] - m.b_offset) * m.b_gain[k];
-      want.push_back(static_cast<unsigned char>(sum >> m.shift));
-    }
-  }
-  return want;
+  return Laid(3, s.height, s.width, [&](std::size_t k, std::size_t row, std::size_t x) {
+    std::size_t const at = (row / 2 * (s.width / 2) + x / 2) * step;
+    return ((y[row * s.width + x] - m.y_offset) * m.y_gain + (a[at] - m.a_offset) * m.a_gain[k] +
+            (b[at] - m.b_offset) * m.b_gain[k]) >>
+           m.shift;
+  });
 }
 
 TEST_P(Yuv, ClassFramesWrapAround) {
@@ -47,15 +42,12 @@ TEST_P(Yuv, ClassFramesWrapAround) {
     TensorShape const shape({s.height, s.width, 1}, TensorShape::UINT8, TensorShape::HWC, TensorShape::MainMemory, {});
     auto const src = context_->device_cpu->CreateTensorExternal(shape, frame.data());
     auto const* const chrominance = frame.data() + pixels;
-    struct Case {
-      int code;
-      std::size_t u, v, step;
-    };
-    for (Case const& c : {Case{24, 1, 0, 2}, {22, 0, 1, 2}, {32, 0, pixels / 4, 1}}) {
+    using Case = std::tuple<int, std::size_t, std::size_t, std::size_t>;
+    for (auto const& [code, u, v, step] : {Case{24, 1, 0, 2}, Case{22, 0, 1, 2}, Case{32, 0, pixels / 4, 1}}) {
       auto const dst = Image({3, s.height, s.width}, TensorShape::CHW);
-      Run(c.code, src, dst);
-      ASSERT_EQ(Want(s, frame.data(), chrominance + c.u, chrominance + c.v, c.step, coefficients), BytesOf(dst))
-          << c.code << ": " << s.height << " x " << s.width;
+      Run(code, src, dst);
+      ASSERT_EQ(Want(s, frame.data(), chrominance + u, chrominance + v, step, coefficients), BytesOf(dst))
+          << code << ": " << s.height << " x " << s.width;
     }
   }
 }

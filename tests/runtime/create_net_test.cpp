@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "talvo/entry/create_context.h"
 #include "talvo/runtime/device_cpu.h"
 #include "talvo/runtime/tensor_cpu.h"
@@ -146,10 +148,9 @@ TEST_F(CreateNetTest, AMainKernelThatRefusesEndsOneFormAndStaysEmptyInTheOther) 
   EXPECT_EQ(test::RefusalOf([&] { Packaged(); }), "[TLN]: ");
   auto const net = FromLight();
   EXPECT_EQ(net->layers[1]->kernel, nullptr);
-  std::string const text = test::RefusalOf([&] {
-    net->Forward({{0, context_->device_cpu->CreateF32CMainMemory(1, nullptr)}}, {1}, context_, nullptr, nullptr);
-  });
-  EXPECT_NE(text.find("layer 1"), std::string::npos) << text;
+  auto const input = context_->device_cpu->CreateF32CMainMemory(1, nullptr);
+  auto const run = [&] { net->Forward({{0, input}}, {1}, context_, nullptr, nullptr); };
+  EXPECT_NE(test::RefusalOf(run).find("layer 1 (Activation): its kernel is missing"), std::string::npos);
 }
 
 TEST_F(CreateNetTest, ALayerThatStandsTwiceCountsWhereItStandsLast) {
@@ -164,42 +165,30 @@ TEST_F(CreateNetTest, ALayerThatStandsTwiceCountsWhereItStandsLast) {
 }
 
 TEST_F(CreateNetTest, RefusesWhatCannotRun) {
-  struct Case {
-    char const* why;
-    std::function<void()> spoil;
-    char const* named;
-    bool in_both_forms;
-  };
-  auto const config_of_b = [&]() -> LayerCfg& { return *builder_.config->layers.at("b"); };
-  for (Case const& c : std::vector<Case>{
-           {"an unregistered kernel", [&] { config_of_b().kernel->kernel_type = "Nope"; },
-            "layer b: its kernel \"Nope\"", true},
-           {"a Config that throws", [&] { config_of_b().kernel->kernel_type = "Throwing"; }, "thrown by Config", true},
-           {"a layer that reads itself", [&] { builder_.model->layers.at("b")->input_ids.push_back("b"); },
-            "layer b (K): its input 1 is layer b", true},
-           {"a layer without record", [&] { builder_.model->layers.erase("b"); }, "layer b", false},
-           {"a null record", [&] { builder_.model->layers["b"] = nullptr; }, "layer b", true},
-           {"one layer read 9 times", [&] { builder_.model->layers.at("b")->input_ids.assign(9, "a"); }, "layer b",
-            true},
-           {"one layer listed 9 times", [&] { builder_.model->squential_ids.assign(9, "a"); }, "id a", true},
-           {"a layer without configuration", [&] { builder_.config->layers.erase("b"); }, "layer b", false},
-           {"a null configuration", [&] { builder_.config->layers["b"] = nullptr; }, "layer b", false},
-           {"a layer without kernel", [&] { config_of_b().kernel = nullptr; }, "layer b", false},
-           {"no list of converters", [&] { config_of_b().input_converters = nullptr; }, "layer b", false},
-           {"a listed converter without record", [&] { config_of_b().output_converters->kernel_ids.push_back("0"); },
-            "layer b", false},
-           {"an unregistered converter", [&] { AddConverter(*config_of_b().input_converters, "0", "Nope"); },
-            "layer b: its converter \"Nope\"", false}}) {
-    SCOPED_TRACE(c.why);
+  using Row = std::tuple<std::function<void(LayerInfo&, LayerCfg&)>, std::string, bool>;  // the last: in both forms
+  auto& model = builder_.model;
+  auto& config = builder_.config;
+  for (auto const& [spoil, text, in_both_forms] :
+       {Row{[](auto&, auto&c) { c.kernel->kernel_type = "No"; }, "layer b: its kernel \"No\" is not reg", true},
+        Row{[](auto&, auto&c) { c.kernel->kernel_type = "Throwing"; }, "thrown by Config", true},
+        Row{[](auto&b, auto&) { b.input_ids.push_back("b"); }, "layer b (K): its input 1 is layer b", true},
+        Row{[](auto&b, auto&) { b.input_ids.assign(9, "a"); }, "inputs of layer b: the id a stands", true},
+        Row{[&](auto&, auto&) { model->layers.erase("b"); }, "layer b: the model has no record", false},
+        Row{[&](auto&, auto&) { model->layers["b"] = nullptr; }, "layer b: the model has no record", true},
+        Row{[&](auto&, auto&) { model->squential_ids.assign(9, "a"); }, "layers of the model: the id a", true},
+        Row{[&](auto&, auto&) { config->layers.erase("b"); }, "layer b: the configuration has no record", false},
+        Row{[&](auto&, auto&) { config->layers["b"] = nullptr; }, "layer b: the configuration has no", false},
+        Row{[](auto&, auto&c) { c.kernel = nullptr; }, "layer b: its configuration names no kernel", false},
+        Row{[](auto&, auto&c) { c.input_converters = nullptr; }, "layer b: its configuration has no list", false},
+        Row{[](auto&, auto&c) { c.output_converters->kernel_ids = {"0"}; }, "names no converter", false},
+        Row{[](auto&, auto&c) { AddConverter(*c.input_converters, "0", "No"); }, "its converter \"No\" is", false}}) {
     builder_ = ModelBuilder();
     Add("a", {});
-    Add("b", {"a"});
-    c.spoil();
-    std::string const text = test::RefusalOf([&] { Packaged(); });
-    EXPECT_NE(text.find(c.named), std::string::npos) << text;
-    if (!c.in_both_forms) continue;
-    std::string const light = test::RefusalOf([&] { FromLight(); });
-    EXPECT_NE(light.find(c.named), std::string::npos) << light;
+    spoil(Add("b", {"a"}), *config->layers.at("b"));
+    std::string const packaged = test::RefusalOf([&] { Packaged(); });
+    EXPECT_NE(packaged.find(text), std::string::npos) << packaged << text;
+    std::string const light = in_both_forms ? test::RefusalOf([&] { FromLight(); }) : text;
+    EXPECT_NE(light.find(text), std::string::npos) << light << text;
   }
 }
 

@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <map>
+#include <string_view>
 
 #include "talvo/serialization/json_text_support.h"
 #include "talvo/serialization/layer_info_conv.h"
@@ -105,11 +105,10 @@ TEST(JSONNodeGetter, RefusesWithTheKeyAndItsPath) {
 
 TEST(JSONNodeGetter, LeavesARecordUnderNullAsItIs) {
   NetExtraInfo extra;
-  extra.time.year = 1999;
   std::string text = Written(extra, "json");
-  text.replace(text.find("\"time\": {"), 9, "\"time\": null, \"x\": {");
+  extra.time.year = 1999;
   extra.device = "overwritten";
-  ReadFrom(extra, text, "json");
+  ReadFrom(extra, text.replace(text.find("\"time\": {"), 9, "\"time\": null, \"x\": {"), "json");
   EXPECT_EQ(extra.time.year, 1999u);
   EXPECT_EQ(extra.device, "");
 }
@@ -137,11 +136,11 @@ TEST(JSONText, HoldsEveryByteAtEveryPlace) {
     for (std::size_t at = 0; at < 135; ++at) {
       char const c = static_cast<char>(byte);
       texts.push_back(std::string(at, 'x') + c + std::string(at % 67, 'y') + c + std::string(at % 3, 'z'));
-      static std::map<char, std::string> const letters = {{'"', "\\\""}, {'\\', "\\\\"}, {'\b', "\\b"}, {'\f', "\\f"},
-                                                          {'\n', "\\n"}, {'\r', "\\r"},  {'\t', "\\t"}};
-      char text[8];
-      std::snprintf(text, sizeof text, byte < 32 ? "\\u%04X" : "%c", byte);
-      std::string const escaped = letters.count(c) != 0 ? letters.at(c) : text;
+      char escaped[8] = {'\\', c};
+      if (auto const letter = std::string_view("\"\\\b\f\n\r\t").find(c); letter != std::string_view::npos)
+        escaped[1] = "\"\\bfnrt"[letter];
+      else
+        std::snprintf(escaped, sizeof escaped, byte < 32 ? "\\u%04X" : "%c", byte);
       want += (want.size() > 1 ? ",\"" : "\"") + std::string(at, 'x') + escaped + std::string(at % 67, 'y') + escaped +
               std::string(at % 3, 'z') + "\"";
       if (byte >= 32) continue;

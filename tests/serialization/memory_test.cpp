@@ -91,13 +91,9 @@ void ExpectBounded(std::vector<Case> const& cases, char const* form, std::size_t
 TEST(Memory, OfAJSONTextIsBoundByItsLength) {
   constexpr unsigned int kCount = 100000;
   std::string const nulls = Many("\"#\":null,", kCount), no_layers = "\"squential_ids\":[],\"squential_types\":[]}";
-  std::string placeholder, items;
-  {
-    LayerPlaceholderInfo record;
-    TensorGetItemInfo item;
-    placeholder = Written(record, "json");
-    items = Written(item, "json");
-  }
+  LayerPlaceholderInfo record;
+  TensorGetItemInfo item;
+  std::string placeholder = Written(record, "json"), items = Written(item, "json");
   placeholder.replace(placeholder.find("\"input_shapes\": []"), 18, "\"input_shapes\":" + List("[1],", kCount));
   items.replace(items.find("\"num_sampling_infos\": 0"), 23, "\"num_sampling_infos\": 65535");
   for (int i = 0; i < 65535; ++i) items.insert(items.size() - 2, ",\"" + std::to_string(i) + "\":null");
@@ -105,8 +101,6 @@ TEST(Memory, OfAJSONTextIsBoundByItsLength) {
       {{"levels without an end", &IsRead<TimeInfo>, false, std::string(kMemoryRunsOut ? 1000000 : 10000, '[')},
        {"levels that end", &IsRead<TimeInfo>, false, Many("[", 500000) + Many("]", 500000)},
        {"numbers", &IsRead<TimeInfo>, false, List("1,", 500000)},
-       {"objects", &IsRead<TimeInfo>, false, List("{},", 300000)},
-       {"members", &IsRead<TimeInfo>, false, "{" + Many("\"\":1,", 200000) + "\"\":1}"},
        {"texts", &IsRead<TLModelInfo>, true, Model(List("\"\",", 300000), no_layers)},
        {"lists of lists", &IsRead<LayerPlaceholderInfo>, true, placeholder},
        {"items that stand as null", &IsRead<TensorGetItemInfo>, true, items},
@@ -137,7 +131,8 @@ TEST(Memory, OfABinaryFileIsBoundByItsLength) {
        {"configurations", &IsRead<TLModelMultiBackendCfgsArr>, true,
         Bytes<TLModelMultiBackendCfgsArr>(8, ids + zeros(128))},
        {"items that are not there", &IsRead<TensorGetItemInfo>, false, Bytes<TensorGetItemInfo>(2, "\xFF\xFF")},
-       {"a text that is not there", &IsRead<KernelCfg>, false, Bytes<KernelCfg>(16, Count(1ull << 40))}},
+       {"a text that is not there", &IsRead<KernelCfg>, false, Bytes<KernelCfg>(16, Count(1ull << 24))},
+       {"texts that are not there", &IsRead<LayerInfo>, false, Bytes<LayerInfo>(10, Count(1ull << 24))}},
       "bin", 16);
 }
 
@@ -147,7 +142,7 @@ TEST(Memory, MayRunOutAnywhere) {
   TLNModel package;
   ReadFrom(package, Golden("package.json"), "json");
   auto& layer = *package.model_arr->models["net"]->layers["act"];
-  dynamic_cast<ActivationInfo&>(layer).weight.assign(200000, 'A');
+  dynamic_cast<ActivationInfo&>(layer).weight.assign(2000, 'A');
   ScratchFile const json(Written(package, "json")), binary(Written(package, "bin")), copy;
   for (std::function<bool()> const& action :
        {std::function<bool()>([&] { return TLNModel().FromFile(json.Path(), "json"); }),
@@ -161,13 +156,11 @@ TEST(Memory, MayRunOutAnywhere) {
       needed = meter.PeakBytes();
     }
     int failed = 0;
-    for (std::size_t limit = 0; limit < needed; limit += needed / 200 + 1) {
+    for (std::size_t limit = 0; limit < needed; limit += 500) {  // below the first size of the parser's stack
       MemoryMeter const meter(limit);
       try {
         failed += action() ? 0 : 1;
-      } catch (std::bad_alloc const&) {
-        ++failed;
-      } catch (std::runtime_error const&) {  // a stream that could not be opened
+      } catch (std::exception const&) {  // no memory, or a stream that could not be opened
         ++failed;
       }
     }

@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <sstream>
 #include <string_view>
 #include <type_traits>
@@ -14,6 +13,7 @@
 
 #include "talvo/runtime/tensor.h"
 #include "talvo/talvo.h"
+#include "tests/support/bits.h"
 
 namespace talvo::test {
 namespace {
@@ -45,10 +45,7 @@ void Print(std::ostream& stream, T const& value) {
 }
 template <class T>
 void Print(std::ostream& stream, std::vector<T> const& values) {
-  for (T const& value : values) {
-    Print(stream, value);
-    stream << ';';
-  }
+  for (T const& value : values) Print(stream, value), stream << ';';
 }
 
 struct JSONStorage {
@@ -106,8 +103,7 @@ class Filler : private JSONStorage, public JSONNodeGetter {
   void Fill(bool* value, char const*) { *value = !*value; }
   void Fill(std::string* value, char const* key) {
     if (std::string_view(key) == "serializable_type") return;
-    float const number = static_cast<float>(++count_) * -0.1f;
-    *value = Base64Encode(reinterpret_cast<unsigned char const*>(&number), sizeof number);
+    *value = WeightText({static_cast<float>(++count_) * -0.1f});
   }
   template <class T>
   void Fill(std::vector<T>* values, char const* key) {
@@ -128,50 +124,6 @@ std::string NameOf(std::type_info const& type) {
   std::string const full = text.get();
   return full.substr(full.rfind(':') + 1);
 }
-
-class Encoder : private JSONStorage, public JSONNodeSetter {
- public:
-  Encoder(std::string& bytes, Blobs const& blobs, Serializable const& record)
-      : JSONNodeSetter(object, allocator, false), bytes_(bytes), blobs_(blobs), class_(NameOf(typeid(record))) {}
-
-#define TALVO_VISIT(type) \
-  void Visit(type* value, char const* key) override { Put(value, key); }
-  TALVO_FOR_EACH_VISITED_TYPE(TALVO_VISIT)
-#undef TALVO_VISIT
-
- private:
-  template <class T>
-  void Put(T const* value, char const*) {
-    bytes_.append(reinterpret_cast<char const*>(value), sizeof *value);
-  }
-  void PutCount(unsigned long long count) { Put(&count, nullptr); }
-  void Put(std::string const* text, char const* key) {
-    auto const keys = blobs_.find(class_);
-    if (keys == blobs_.end() || keys->second.count(key) == 0) {
-      PutCount(text->size());
-      bytes_ += *text;
-      return;
-    }
-    std::string const floats = Base64Decode(*text);
-    PutCount(floats.size() / sizeof(float));
-    for (std::size_t at = 0; at < floats.size(); at += sizeof(float)) {
-      float value;
-      std::memcpy(&value, &floats[at], sizeof value);
-      half const cut(value);
-      Put(&cut, nullptr);
-    }
-  }
-  template <class T>
-  void Put(std::vector<T> const* values, char const* key) {
-    PutCount(values->size());
-    for (T const& value : *values) Put(&value, key);
-  }
-  void Put(Serializable* record, char const*) { record->VisitAttr(std::make_shared<Encoder>(bytes_, blobs_, *record)); }
-
-  std::string& bytes_;
-  Blobs const& blobs_;
-  std::string class_;
-};
 
 template <class... Records>
 std::vector<RecordClass> Catalogue() {
@@ -245,12 +197,6 @@ std::vector<std::string> ListFields(Serializable& record, bool deep, unsigned in
 }
 
 void FillFields(Serializable& record, int count) { record.VisitAttr(std::make_shared<Filler>(count)); }
-
-std::string Encoded(Serializable& record, Blobs const& blobs) {
-  std::string bytes;
-  record.VisitAttr(std::make_shared<Encoder>(bytes, blobs, record));
-  return bytes;
-}
 
 std::string BytesOf(std::string const& path) {
   std::string bytes;

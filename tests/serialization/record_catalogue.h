@@ -1,4 +1,4 @@
-// All record classes, and walks that list, fill or encode the fields of any record.
+// All record classes, and walks that list or fill the fields of any record.
 #pragma once
 
 #include <functional>
@@ -39,12 +39,6 @@ std::vector<std::string> ListFields(runtime::Serializable& record, bool deep, un
 
 /// Gives every field, of nested records too, a value that no other field has, from `count` on; weights are no halves.
 void FillFields(runtime::Serializable& record, int count = 0);
-
-/// The fields of each class that the binary stream holds as halves.
-using Blobs = std::map<std::string, std::set<std::string>>;
-
-/// The bytes of the record in the stream, without a version word, by the definition of each kind.
-std::string Encoded(runtime::Serializable& record, Blobs const& blobs);
 
 /// The bytes of a file; fails the test where there is none.
 std::string BytesOf(std::string const& path);

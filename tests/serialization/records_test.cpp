@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <tuple>
 
 #include "talvo/serialization/layer_info_tensor.h"
 #include "talvo/serialization/model_info.h"
@@ -33,15 +34,6 @@ TEST(Records, HaveTheFieldsOfEachVersionInOrder) {
   }
 }
 
-// Before the first walk, which sets the name.
-TEST(Records, AreBornWithTheNameOfTheirClass) {
-  for (RecordClass const& entry : RecordCatalogue()) {
-    auto const record = entry.make();
-    bool const layer = dynamic_cast<LayerInfo*>(record.get()) != nullptr;
-    EXPECT_EQ(record->serializable_type, layer ? entry.name : "Serializable");
-  }
-}
-
 // The lists of a placeholder come back from the stream behind as many empty ones.
 void DoubleLists(Serializable* record) {
   if (auto* const placeholder = dynamic_cast<LayerPlaceholderInfo*>(record))
@@ -50,13 +42,12 @@ void DoubleLists(Serializable* record) {
 
 TEST(Records, GoThroughBothFormsAndBack) {
   LogCapture const quiet;
-  Blobs blobs;
-  for (auto const& [name, described] : Described())
-    for (Field const& field : described.fields)
-      if (field.kind.find("blob") != field.kind.npos) blobs[name].insert(field.text.substr(0, field.text.find('=')));
+  auto const described = Described();
   for (RecordClass const& entry : RecordCatalogue()) {
     SCOPED_TRACE(entry.name);
     auto const written = entry.make(), fresh = entry.make(), used = entry.make(), twice = entry.make();
+    bool const is_layer = dynamic_cast<LayerInfo*>(written.get()) != nullptr;
+    EXPECT_EQ(written->serializable_type, is_layer ? entry.name : "Serializable") << "until the first walk";
     FillFields(*written);
     FillFields(*used, 1000);
     std::set<std::string> values;  // a member under the key of another would stand twice
@@ -65,11 +56,19 @@ TEST(Records, GoThroughBothFormsAndBack) {
                   values.insert(line.substr(line.find('='))).second)
           << line;
     std::string const json = Written(*written, "json"), binary = Written(*written, "bin");
-    EXPECT_EQ(binary, "\x2f\x4e" + std::string(2, '\0') + Encoded(*written, blobs));
     ReadFrom(*twice, json, "json");
     EXPECT_EQ(Written(*twice, "json"), json);
     DoubleLists(written.get());
     ReadFrom(*fresh, binary, "bin");
+    auto const want = ListFields(*written, false), read = ListFields(*fresh, false);
+    std::set<std::string> cut_fields, blobs;  // weights alone are cut to halves
+    for (std::size_t i = 0; i < want.size(); ++i)
+      if (read.at(i) != want[i]) cut_fields.insert(want[i].substr(0, want[i].find('=')));
+    for (Field const& field : described.at(entry.name).fields)
+      if (auto const at = field.kind.find("blob"); at != field.kind.npos)
+        blobs.insert(std::string(field.kind).replace(at, 4, "string") + " " +
+                     field.text.substr(0, field.text.find('=')));
+    EXPECT_EQ(cut_fields, blobs);
     EXPECT_EQ(Written(*fresh, "bin"), Written(*written, "bin"));
     ReadFrom(*used, binary, "bin");  // replaces; lists of lists alone keep what stood in front
     bool const keeps = dynamic_cast<LayerPlaceholderInfo*>(used.get()) != nullptr;
@@ -86,9 +85,8 @@ TEST(Records, GoThroughBothFormsAndBack) {
 TEST(TensorGetItemInfo, NamesItsItemsByTheirNumbers) {
   TensorGetItemInfo info;
   info.num_sampling_infos = 2;
-  auto lines = ListFields(info, false);
-  lines.erase(lines.begin(), lines.end() - 2);
-  EXPECT_EQ(lines, (std::vector<std::string>{"record 0=", "record 1="}));
+  auto const lines = ListFields(info, false);
+  EXPECT_EQ(*(lines.end() - 2) + lines.back(), "record 0=record 1=");
 }
 
 TEST(Golden, PackageIsReadAndWrittenByteForByte) {
@@ -107,20 +105,16 @@ TEST(Golden, PackagesOfEveryVersionAreRead) {
   TLNModel newest;
   ReadFrom(newest, Golden("package.json"), "json");
   DoubleLists(newest.model_arr->models.at("net")->layers.at("free").get());
-  struct Gate {
-    int since;
-    char const *field, *before;
-  };
+  using Gate = std::tuple<int, std::string, std::string>;
   for (int version : {20003, 20004, 20006, 20007, 20011, 20015}) {
     SCOPED_TRACE(version);
     auto want = ListFields(newest, true);
-    for (Gate const& gate : {Gate{20004, "string summary=a summary", "string summary="},
-                             {20005, "i32 num_batches_tracked=77", "i32 num_batches_tracked=-1"},
-                             {20008, "string summary=the youngest comes last", "string summary="},
-                             {20012, "i16 num_parameters=2", "i16 num_parameters=1"},
-                             {20012, "string weight=zczMPQ==", "string weight="}})
-      if (version < gate.since)
-        std::replace(want.begin(), want.end(), std::string(gate.field), std::string(gate.before));
+    for (auto const& [since, field, before] : {Gate{20004, "string summary=a summary", "string summary="},
+                                               Gate{20005, "i32 num_batches_tracked=77", "i32 num_batches_tracked=-1"},
+                                               Gate{20008, "string summary=the youngest comes last", "string summary="},
+                                               Gate{20012, "i16 num_parameters=2", "i16 num_parameters=1"},
+                                               Gate{20012, "string weight=zczMPQ==", "string weight="}})
+      if (version < since) std::replace(want.begin(), want.end(), field, before);
     TLNModel read;
     ReadFrom(read, Golden("package_" + std::to_string(version) + ".tlnmodel"), "bin");
     EXPECT_EQ(ListFields(read, true), want);

@@ -142,12 +142,11 @@ TEST(JSONText, IsReadUpToAZeroCharacterAndOnlyFromFiles) {
 
 TEST(JSONText, OfAnyDepthCostsNoStack) {
   std::string const deep(1000000, '[');
+  std::string const whole = deep + std::string(deep.size(), ']');
   TimeInfo time;
-  std::string const text = Written(time, "json");
-  EXPECT_EQ(RefusalOf([&] { time.FromJsonString(deep.c_str()); }), "[TLN]: ");
-  EXPECT_EQ(RefusalOf([&] { time.FromJsonString((deep + std::string(deep.size(), ']')).c_str()); }), "[TLN]: ");
-  std::string const beside = "{\"deep\": " + deep + std::string(deep.size(), ']') + "," + text.substr(1);
-  EXPECT_TRUE(time.FromJsonString(beside.c_str()));
+  for (std::string const& text : {deep, whole})
+    EXPECT_EQ(RefusalOf([&] { time.FromJsonString(text.c_str()); }), "[TLN]: ");
+  EXPECT_TRUE(time.FromJsonString(("{\"deep\": " + whole + "," + Written(time, "json").substr(1)).c_str()));
 }
 
 }  // namespace

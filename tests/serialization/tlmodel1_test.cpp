@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <tuple>
 
 #include "tests/support/log_capture.h"
 #include "tests/support/scratch_folder.h"
@@ -55,34 +56,23 @@ TEST(TLModel1, ServesFilesWithoutLayers) {
 }
 
 TEST(TLModel1, RefusesBrokenForm) {
-  struct Case {
-    unsigned int version;
-    std::vector<unsigned int> record;
-    std::string failure;
-    char const* notice;
-  };
+  using Case = std::tuple<unsigned int, std::vector<unsigned int>, std::string, std::string>;
   std::vector<Case> cases = {{10011, {0x5556}, "message_head == 0x5555", ""},
                              {10011, {0x5555, 0, 1, 0, 0, 0, 0, 0xAAAB}, "message_end == 0xaaaa", ""},
                              {10011, {0x5555, 12}, "false", "\n\n\nError, Unsupport Layer Type 12.\n"},
                              {10011, {0x5555, 27}, "false", "\n\n\nError, Unsupport Layer Type 27.\n"},
                              {10000, {0x5555, 13}, "false", "\n\n\nError, Unsupport Layer Type."},
                              {10000, {0x5555, 16}, "false", "\n\n\nError, Unsupport Layer Type."}};
-  for (auto const& [type, first] : {std::pair{16u, 10003u},
-                                    {17u, 10008u},
-                                    {18u, 10008u},
-                                    {19u, 10008u},
-                                    {20u, 10008u},
-                                    {21u, 10008u},
-                                    {22u, 10008u},
-                                    {26u, 10011u}})
-    cases.push_back({first - 1, {0x5555, type}, "this->exinfo.getVersion() >= " + std::to_string(first), ""});
-  for (Case const& c : cases) {
-    SCOPED_TRACE(c.record.back());
-    TLModel1Writer file(c.version);
-    for (unsigned int const number : c.record) file.Put({number});
+  for (auto const& [type, first] : std::vector<std::pair<unsigned int, unsigned int>>{
+           {16, 10003}, {17, 10008}, {18, 10008}, {19, 10008}, {20, 10008}, {21, 10008}, {22, 10008}, {26, 10011}})
+    cases.emplace_back(first - 1, std::vector{0x5555u, type}, "this->exinfo.getVersion() >= " + std::to_string(first),
+                       "");
+  for (auto const& [version, record, failure, want_notice] : cases) {
+    TLModel1Writer file(version);
+    for (unsigned int const number : record) file.Put({number});
     std::string notice;
-    EXPECT_EQ(FailureOf(file.bytes, &notice), c.failure);
-    EXPECT_EQ(notice, c.notice);
+    EXPECT_EQ(FailureOf(file.bytes, &notice), failure) << record.back();
+    EXPECT_EQ(notice, want_notice) << record.back();
   }
   std::string bytes = TLModel1Writer(10011).bytes;
   EXPECT_EQ(FailureOf(bytes.substr(0, 999)), "ex_count == 1");
@@ -115,25 +105,19 @@ TEST(TLModel1, TakesNoMemoryForWeightsThatAreNotThere) {
 
 // Records of zeros, but for one number.
 TEST(TLModel1, RefusesCountsThatDoNotFit) {
-  struct Case {
-    unsigned int type;
-    int numbers_before;
-    unsigned int number;
-    char const* text;
-  };
-  for (Case const& c :
+  using Case = std::tuple<unsigned int, int, unsigned int, char const*>;  // the number stands behind so many zeros
+  for (auto const& [type, zeros, number, want] :
        {Case{1, 0, 0, "groups is 0"}, Case{2, 0, 0, "divisor of groups is 0"}, Case{3, 0, 0, "multiplier is 0"},
         Case{16, 0, 0, "multiplier is 0"}, Case{10, 1, 11, "11 inputs, a record has room for 10"},
         Case{11, 1, 65535, "65535 inputs, a record has room for 10"}, Case{17, 4, 12, "12 dimensions"},
         Case{18, 4, 12, "12 dimensions"}, Case{19, 18, 11, "11 axes, a record has room for 10"},
         Case{21, 0, 0, "in_features is 0"}, Case{22, 0, 0, "hidden_size is 0"}, Case{26, 4, 12, "12 dimensions"}}) {
-    SCOPED_TRACE(c.type);
     TLModel1Writer file(10011);
-    file.Start(c.type);
-    for (int i = 0; i < 60; ++i) file.Put({i == c.numbers_before ? c.number : 0});
+    file.Start(type);
+    for (int i = 0; i < 60; ++i) file.Put({i == zeros ? number : 0});
     QZNetLoader loader;
     std::string const text = RefusalOf([&] { ReadOldModel(file.bytes, loader); });
-    EXPECT_NE(text.find(c.text), std::string::npos) << text;
+    EXPECT_NE(text.find(want), std::string::npos) << type << ": " << text;
   }
 }
 

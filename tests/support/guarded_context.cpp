@@ -53,12 +53,6 @@ void GuardedPool::Free(void* pointer) {
   blocks_.erase(found);
 }
 
-unsigned long GuardedPool::HeapSize() const {
-  unsigned long total = 0;
-  for (auto const& block : blocks_) total += block.second.first;
-  return total;
-}
-
 std::shared_ptr<runtime::Context> GuardedContext() {
   auto const device = runtime::CreateDeviceCPU(runtime::DetectCPUDevice(), std::make_shared<GuardedPool>(), nullptr,
                                                std::make_shared<GuardedPool>());

@@ -1,6 +1,8 @@
 // Models made of records, layer by layer, each with the kernel that runs it.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <memory>
 #include <string>
 #include <utility>
@@ -59,5 +61,17 @@ class ModelBuilder {
   std::shared_ptr<runtime::TLModelInfo> model = std::make_shared<runtime::TLModelInfo>();
   std::shared_ptr<runtime::TLModelCfg> config = std::make_shared<runtime::TLModelCfg>();
 };
+
+/// The model of fuzz/corpus/run_package: some twenty small layers of many kinds. Input "picture" CHW {3, 8, 8}; outputs
+/// "classes" {5}, "plane" {2, 8, 8}, "sequence" {4, 4} and "sampled" {10, 2, 8}. Every weight is exact in binary16, so
+/// that both forms hold the same.
+inline ModelBuilder SmallModel() {
+  runtime::TLNModel file;
+  EXPECT_TRUE(file.FromFile("fuzz/corpus/run_package/small.json", "json"));
+  ModelBuilder small;
+  small.model = file.model_arr->models.at("small");
+  small.config = file.config_arr->configs.at("small")->cpu_sse;
+  return small;
+}
 
 }  // namespace talvo::test

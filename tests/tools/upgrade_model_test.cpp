@@ -160,39 +160,30 @@ TEST(UpgradeModel, RefusesWithLayerAndReason) {
   std::string const only_reader =
       "layer-3 (BatchNorm2dInfo): no kernel is known for a batch normalisation that is not the only reader of a "
       "convolution";
-  struct Case {
-    char const* why;
-    std::string bytes, text;
-  };
   ScratchFolder const folder;
   std::string const out = folder.Path("out.tlnmodel");
-  for (Case const& c : std::vector<Case>{
-           {"activation", OldFile({&sigmoid}), "layer-2 (ActivationInfo): no kernel is known for activation type 1"},
-           {"bicubic", OldFile({&bicubic}), "layer-2 (Upsample2dInfo): no kernel is known for bicubic upsampling"},
-           {"rows", OldFile({&concatenation}),
-            "layer-2 (ConcatenateInfo): no kernel is known for a concatenation with dim 2"},
-           {"squeeze", OldFile({&squeeze}), "layer-2 (TensorSqueezeInfo): no kernel is known for this class"},
-           {"no counterpart", OldFile({&shuffle}), "layer-2 (ChannelShuffle): Not Implemented."},
-           {"behind an activation", OldFile({&activated, &normalisation}), only_reader},
-           {"two readers", OldFile({&convolution, &normalisation, &other}), only_reader},
-           {"behind a normalisation", OldFile({&convolution, &normalisation, &again}),
-            "layer-4" + only_reader.substr(7)},
-           {"channels", OldFile({&convolution, &wide}),
-            "layer-3: normalises 5 channels, the convolution in front of it makes 2"},
-           {"no channels", OldFile({&nothing, &of_nothing}),
-            "layer-3: normalises 0 channels, the convolution in front of it makes 0"},
-           {"variance below 0", OldFile({&convolution, &constant}),
+  for (auto const& [bytes, text] : std::vector<std::pair<std::string, std::string>>{
+           {OldFile({&sigmoid}), "layer-2 (ActivationInfo): no kernel is known for activation type 1"},
+           {OldFile({&bicubic}), "layer-2 (Upsample2dInfo): no kernel is known for bicubic upsampling"},
+           {OldFile({&concatenation}), "layer-2 (ConcatenateInfo): no kernel is known for a concatenation with dim 2"},
+           {OldFile({&squeeze}), "layer-2 (TensorSqueezeInfo): no kernel is known for this class"},
+           {OldFile({&shuffle}), "layer-2 (ChannelShuffle): Not Implemented."},
+           {OldFile({&activated, &normalisation}), only_reader},
+           {OldFile({&convolution, &normalisation, &other}), only_reader},
+           {OldFile({&convolution, &normalisation, &again}), "layer-4" + only_reader.substr(7)},
+           {OldFile({&convolution, &wide}), "layer-3: normalises 5 channels, the convolution in front of it makes 2"},
+           {OldFile({&nothing, &of_nothing}), "layer-3: normalises 0 channels, the convolution in front of it makes 0"},
+           {OldFile({&convolution, &constant}),
             "layer-3: the batch normalisation cannot be folded, a result is too large or no number"},
-           {"too old", TLModel1Writer(9999).bytes, "version 9999 is older than 10000"},
-           {"cut", OldFile({&sigmoid}).substr(0, 1030),
+           {TLModel1Writer(9999).bytes, "version 9999 is older than 10000"},
+           {OldFile({&sigmoid}).substr(0, 1030),
             "no first-generation model, or a damaged one: message_end == 0xaaaa does not hold"},
-           {"unknown type", OldFile({}) + std::string("\x55\x55\x0C\x00", 4),
+           {OldFile({}) + std::string("\x55\x55\x0C\x00", 4),
             "no first-generation model, or a damaged one: Error, Unsupport Layer Type 12."}}) {
-    SCOPED_TRACE(c.why);
-    std::string const in = folder.Save("in.old", c.bytes);
+    std::string const in = folder.Save("in.old", bytes);
     Outcome const outcome = Upgrade(in + " " + out + " --default-config");
     EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(outcome.text, "upgrade_model: " + in + ": " + c.text + "\n");
+    EXPECT_EQ(outcome.text, "upgrade_model: " + in + ": " + text + "\n");
     EXPECT_FALSE(std::ifstream(out).is_open());
   }
   EXPECT_EQ(Upgrade("no_such_file " + out + " --default-config").status, 1);
@@ -205,10 +196,9 @@ TEST(UpgradeModel, TellsHowToCallIt) {
         "in out.tlnmodel --default-config --config c.json", "in out.tlnmodel --default-config --sdk-version 1",
         "in out.tlnmodel --default-config --sdk-version 1.65536", "in out.tlnmodel more --default-config",
         "in out.tlnmodel --unknown"}) {
-    SCOPED_TRACE(arguments);
     Outcome const outcome = Upgrade(arguments);
-    EXPECT_EQ(outcome.status, 2);
-    EXPECT_NE(outcome.text.find("usage: upgrade_model"), std::string::npos);
+    EXPECT_EQ(outcome.status, 2) << arguments;
+    EXPECT_NE(outcome.text.find("usage: upgrade_model"), std::string::npos) << arguments;
   }
 }
 
