@@ -89,7 +89,8 @@ TEST_P(Color, FreeGrayWeighsBytesByPositionInDoublePrecision) {
                           F_ColorCvt_RGBA8888_To_Gray8_Fallback, F_ColorCvt_RGBA8888_To_Gray8_Arm}}}) {
     auto src = Image({7, 301, c.pixel_bytes}, TensorShape::HWC), dst = Image({7, 301, 1}, TensorShape::HWC);
     auto const from = BytesOf(src);
-    auto const want = Laid(1, 7, 301, [&, at = from.data()](auto, auto, auto) mutable {
+    auto const* at = from.data();
+    auto const want = Laid(1, 7, 301, [&](auto, auto, auto) {
       double sum = 0.0;
       for (std::size_t k = 0; k < 3; ++k) sum += c.weights[k] * at[k];
       at += c.pixel_bytes;
