@@ -89,11 +89,9 @@ TEST_P(Color, FreeGrayWeighsBytesByPositionInDoublePrecision) {
                           F_ColorCvt_RGBA8888_To_Gray8_Fallback, F_ColorCvt_RGBA8888_To_Gray8_Arm}}}) {
     auto src = Image({7, 301, c.pixel_bytes}, TensorShape::HWC), dst = Image({7, 301, 1}, TensorShape::HWC);
     auto const from = BytesOf(src);
-    auto const* at = from.data();
-    auto const want = Laid(1, 7, 301, [&](auto, auto, auto) {
+    auto const want = Laid(1, 7, 301, [&](auto, std::size_t y, std::size_t x) {
       double sum = 0.0;
-      for (std::size_t k = 0; k < 3; ++k) sum += c.weights[k] * at[k];
-      at += c.pixel_bytes;
+      for (std::size_t k = 0; k < 3; ++k) sum += c.weights[k] * from[(y * 301 + x) * c.pixel_bytes + k];
       return std::min(static_cast<int>(sum), 255);
     });
     for (Free function : c.functions) {

@@ -24,7 +24,8 @@ std::vector<std::string> bound;  // "kernel(layer)" in the order of the calls
 class NotingKernel : public test::ScriptedKernel {
  public:
   explicit NotingKernel(std::string name)
-      : ScriptedKernel([](auto const&, auto&, auto const&) {}), name_(std::move(name)) {}
+      : ScriptedKernel([](auto const& inputs, auto& outputs, auto const&) { outputs = inputs; }),
+        name_(std::move(name)) {}
 
   std::string GetName() const override { return name_; }
   bool Config(std::shared_ptr<LayerInfo> layer, std::shared_ptr<InferenceParam> param,
@@ -184,7 +185,8 @@ TEST_F(CreateNetTest, RefusesWhatCannotRun) {
         Row{[](auto&, auto&c) { AddConverter(*c.input_converters, "0", "No"); }, "its converter \"No\" is", false}}) {
     builder_ = ModelBuilder();
     Add("a", {});
-    spoil(Add("b", {"a"}), *config->layers.at("b"));
+    LayerInfo& b = Add("b", {"a"});
+    spoil(b, *config->layers.at("b"));
     std::string const packaged = test::RefusalOf([&] { Packaged(); });
     EXPECT_NE(packaged.find(text), std::string::npos) << packaged << text;
     std::string const light = in_both_forms ? test::RefusalOf([&] { FromLight(); }) : text;

@@ -103,7 +103,7 @@ class Filler : private JSONStorage, public JSONNodeGetter {
   void Fill(bool* value, char const*) { *value = !*value; }
   void Fill(std::string* value, char const* key) {
     if (std::string_view(key) == "serializable_type") return;
-    *value = WeightText({static_cast<float>(++count_) * -0.1f});
+    *value = WeightText({static_cast<float>(++count_) * -0.1003f});
   }
   template <class T>
   void Fill(std::vector<T>* values, char const* key) {
