@@ -5,7 +5,7 @@
 #include <cstring>
 #include <vector>
 
-#include "talvo/kernel/rows/vectors.h"
+#include "talvo/kernel/rows/fused_step.h"
 
 namespace talvo::bench {
 namespace {
@@ -34,6 +34,24 @@ struct MultiplyAndAddBody {
 };
 Primitive<void(std::size_t, float, float, float*)> const MultiplyAndAdd{MultiplyAndAddBody()};
 
+struct FusedStepsBody {
+  template <class Set>
+  static TALVO_ROWS_INLINE void Run(std::size_t steps, float factor, float term, float* results) {
+    constexpr int kLanes = Set::kLanes;
+    Vector<kLanes> sums[2 * kChains], a, b;
+    Splat<kLanes>(factor, a), Splat<kLanes>(term, b);
+    TALVO_ROWS_UNROLL
+    for (int i = 0; i < 2 * kChains; ++i) Load<kLanes>(results, sums[i]);
+    for (std::size_t step = 0; step < steps; ++step) {
+      TALVO_ROWS_UNROLL
+      for (int i = 0; i < 2 * kChains; ++i) FusedStep<Set, kLanes>(a, b, sums[i]);
+    }
+    TALVO_ROWS_UNROLL
+    for (int i = 0; i < 2 * kChains; ++i) Store<kLanes>(sums[i], results + i * kLanes);
+  }
+};
+Primitive<void(std::size_t, float, float, float*)> const FusedSteps{FusedStepsBody()};
+
 double SecondsOf(std::size_t times, void (*work)(std::size_t, void*), void* data) {
   auto const start = std::chrono::steady_clock::now();
   work(times, data);
@@ -60,6 +78,18 @@ double UnfusedRate() {
   return rate;
 }
 
+double FusedRate() {
+  static double const rate = [] {
+    std::vector<float> results(2 * kChains * kMaxLanes, 1.0f);
+    auto const work = [](std::size_t steps, void* data) {
+      FusedSteps(steps, 0.5f, 0.25f, static_cast<float*>(data));
+      benchmark::ClobberMemory();
+    };
+    return 4.0 * kChains * ActiveLanes() / BestOf(10, 2000000, work, results.data());
+  }();
+  return rate;
+}
+
 double CopySeconds(std::size_t bytes) {
   struct Block {
     std::vector<unsigned char> from, to;
@@ -78,6 +108,12 @@ void ReportOperations(benchmark::State& state, double operations_per_iteration) 
   auto const rate = benchmark::Counter::kIsIterationInvariantRate;
   state.counters["op/s"] = benchmark::Counter(operations_per_iteration, rate);
   state.counters["of_unfused"] = benchmark::Counter(operations_per_iteration / UnfusedRate(), rate);
+}
+
+void ReportFusedOperations(benchmark::State& state, double operations_per_iteration) {
+  auto const rate = benchmark::Counter::kIsIterationInvariantRate;
+  state.counters["op/s"] = benchmark::Counter(operations_per_iteration, rate);
+  state.counters["of_fused"] = benchmark::Counter(operations_per_iteration / FusedRate(), rate);
 }
 
 void ReportCopies(benchmark::State& state, std::size_t bytes_per_iteration) {
