@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <memory>
 
-#include "talvo/kernel/rows/instruction_sets.h"
+#include "talvo/kernel/rows/convolution_tile.h"
 #include "talvo/runtime/device_cpu.h"
 
 namespace talvo::kernel {
@@ -60,6 +60,14 @@ void ConvolveFused(ConvolutionShape const& shape, ConvolutionData const& data, r
 void ConvolveTransposedFused(ConvolutionShape const& shape, ConvolutionData const& data, runtime::DeviceCPU& device);
 
 // Shared by the forms: results in lanes.
+
+/// The direct form with output columns in the lanes, for few output channels in a group; `run_plane` is rows::RunPlane,
+/// or rows::RunFusedPlane for groups of one input channel.
+void ConvolveByColumns(ConvolutionShape const& shape, ConvolutionData const& data, runtime::DeviceCPU& device,
+                       rows::Primitive<void(rows::PlaneRun const&)> const& run_plane);
+
+/// Floats of scratch that it takes.
+double ScratchByColumns(ConvolutionShape const& shape);
 
 /// The output channels [first, first + used) of a group, or one channel of each of the groups [first, first + used), in
 /// the lanes of a block of vectors.

@@ -491,6 +491,9 @@ void PackFusedTransposed(ConvolutionShape const& s, float const* weights, float*
 }
 
 void ConvolveFused(ConvolutionShape const& shape, ConvolutionData const& data, runtime::DeviceCPU& device) {
+  if (shape.in_per_group == 1 && !IsPacked(shape) && ScratchByColumns(shape) <= MostScratch(shape)) {
+    return ConvolveByColumns(shape, data, device, rows::RunFusedPlane);
+  }
   Convolve(shape, PlanDirect(shape), data, device);
 }
 
