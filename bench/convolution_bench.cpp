@@ -1,5 +1,5 @@
-// Direct convolution: each shape beside the core's rate of unfused multiplications and additions. An operation is one
-// multiplication or one addition of the plain loops.
+// Direct convolution: each shape beside the core's rate of multiplications and additions, unfused for the Fallback
+// kernels and fused for the Fused ones. An operation is one multiplication or one addition of the plain loops.
 #include "talvo/kernel/convolution.h"
 
 #include <benchmark/benchmark.h>
@@ -76,39 +76,44 @@ void Run(benchmark::State& state, std::shared_ptr<runtime::LayerInfo> const& lay
     kernel.Forward(inputs, outputs, context);
     benchmark::DoNotOptimize(outputs[0]->data);
   }
-  bench::ReportOperations(state, 2.0 * products);
+  bool const fused = kernel.GetName().find("Fused") != std::string::npos;
+  (fused ? bench::ReportFusedOperations : bench::ReportOperations)(state, 2.0 * products);
 }
 
 TensorShape InputShape(std::vector<unsigned int> dims, unsigned int layout) {
   return TensorShape(std::move(dims), TensorShape::FLOAT32, layout, TensorShape::MainMemory, TensorShape::Extra());
 }
 
+template <class Kernel>
 void Direct(benchmark::State& state, Shape const& s) {
   double const extent = (s.extent + 2 * s.padding - s.kernel) / s.stride + 1;
-  Run<kernel::Conv2D_Knxm_Snxm_Dnxm_Gn_Fallback_CHW_Float_M1>(
-      state, PlaneInfo<runtime::Conv2dInfo>(s), InputShape({s.in, s.extent, s.extent}, TensorShape::CHW),
-      extent * extent * s.kernel * s.kernel * s.in * s.out / s.groups);
+  Run<Kernel>(state, PlaneInfo<runtime::Conv2dInfo>(s), InputShape({s.in, s.extent, s.extent}, TensorShape::CHW),
+              extent * extent * s.kernel * s.kernel * s.in * s.out / s.groups);
 }
 
+template <class Kernel>
 void Row(benchmark::State& state, Shape const& s) {
   double const extent = (s.extent + 2 * s.padding - s.kernel) / s.stride + 1;
-  Run<kernel::Conv1D_Kn_Sn_Dn_Gn_Fallback_CL_Float_M1>(state, RowInfo(s), InputShape({s.in, s.extent}, TensorShape::CL),
-                                                       extent * s.kernel * s.in * s.out / s.groups);
+  Run<Kernel>(state, RowInfo(s), InputShape({s.in, s.extent}, TensorShape::CL),
+              extent * s.kernel * s.in * s.out / s.groups);
 }
 
+template <class Kernel>
 void Transposed(benchmark::State& state, Shape const& s) {
-  Run<kernel::ConvTranspose2D_Knxm_Snxm_Dnxm_Gn_Fallback_CHW_Float_M1>(
-      state, PlaneInfo<runtime::ConvTranspose2dInfo>(s), InputShape({s.in, s.extent, s.extent}, TensorShape::CHW),
-      1.0 * s.extent * s.extent * s.kernel * s.kernel * s.in * s.out / s.groups);
+  Run<Kernel>(state, PlaneInfo<runtime::ConvTranspose2dInfo>(s),
+              InputShape({s.in, s.extent, s.extent}, TensorShape::CHW),
+              1.0 * s.extent * s.extent * s.kernel * s.kernel * s.in * s.out / s.groups);
 }
 
 constexpr Shape kDirect[] = {{"3x3/64_to_64_at_56", 64, 64, 56, 3, 1, 1, 1, -1},
                              {"3x3/128_to_128_at_28", 128, 128, 28, 3, 1, 1, 1, -1},
                              {"5x5/32_to_32_at_56", 32, 32, 56, 5, 1, 2, 1, -1},
+                             {"3x3/256_to_256_at_14", 256, 256, 14, 3, 1, 1, 1, -1},
                              {"3x3/512_to_512_at_7", 512, 512, 7, 3, 1, 1, 1, -1},
                              {"3x3_stride_2/3_to_32_at_224", 3, 32, 224, 3, 2, 1, 1, -1},
                              {"depthwise_3x3/128_at_56", 128, 128, 56, 3, 1, 1, 128, -1},
                              {"depthwise_3x3_stride_2/128_at_56", 128, 128, 56, 3, 2, 1, 128, -1},
+                             {"1x1/64_to_128_at_56", 64, 128, 56, 1, 1, 0, 1, -1},
                              {"1x1/128_to_256_at_28", 128, 256, 28, 1, 1, 0, 1, -1},
                              {"depthwise_5x5/96_at_14", 96, 96, 14, 5, 1, 2, 96, -1},
                              {"3x3_groups_of_4/64_to_64_at_28", 64, 64, 28, 3, 1, 1, 16, -1},
@@ -116,15 +121,26 @@ constexpr Shape kDirect[] = {{"3x3/64_to_64_at_56", 64, 64, 56, 3, 1, 1, 1, -1},
                              {"7x7_stride_2/3_to_64_at_224", 3, 64, 224, 7, 2, 3, 1, -1}};
 constexpr Shape kRow = {"k3/128_to_128_length_400", 128, 128, 400, 3, 1, 1, 1, -1};
 constexpr Shape kTransposed[] = {{"2x2_stride_2/64_to_32_at_56", 64, 32, 56, 2, 2, 1, 1, 0},
-                                 {"4x4_stride_2/64_to_32_at_28", 64, 32, 28, 4, 2, 2, 1, 1}};
+                                 {"4x4_stride_2/64_to_32_at_28", 64, 32, 28, 4, 2, 2, 1, 1},
+                                 {"4x4_stride_2/64_to_3_at_128", 64, 3, 128, 4, 2, 2, 1, 1},
+                                 {"4x4_stride_2/16_to_1_at_128", 16, 1, 128, 4, 2, 2, 1, 1}};
+
+void Add(std::string const& name, Shape const& shape, void (*fallback)(benchmark::State&, Shape const&),
+         void (*fused)(benchmark::State&, Shape const&)) {
+  benchmark::RegisterBenchmark((name + shape.name).c_str(), fallback, shape);
+  benchmark::RegisterBenchmark((name + shape.name + "/fused").c_str(), fused, shape);
+}
 
 void Register() {
+  using namespace kernel;
   for (Shape const& s : kDirect) {
-    benchmark::RegisterBenchmark((std::string("Conv2D/") + s.name).c_str(), Direct, s);
+    Add("Conv2D/", s, Direct<Conv2D_Knxm_Snxm_Dnxm_Gn_Fallback_CHW_Float_M1>,
+        Direct<Conv2D_Knxm_Snxm_Dnxm_Gn_Fused_CHW_Float_M1>);
   }
-  benchmark::RegisterBenchmark((std::string("Conv1D/") + kRow.name).c_str(), Row, kRow);
+  Add("Conv1D/", kRow, Row<Conv1D_Kn_Sn_Dn_Gn_Fallback_CL_Float_M1>, Row<Conv1D_Kn_Sn_Dn_Gn_Fused_CL_Float_M1>);
   for (Shape const& s : kTransposed) {
-    benchmark::RegisterBenchmark((std::string("ConvTranspose2D/") + s.name).c_str(), Transposed, s);
+    Add("ConvTranspose2D/", s, Transposed<ConvTranspose2D_Knxm_Snxm_Dnxm_Gn_Fallback_CHW_Float_M1>,
+        Transposed<ConvTranspose2D_Knxm_Snxm_Dnxm_Gn_Fused_CHW_Float_M1>);
   }
 }
 
@@ -134,8 +150,9 @@ void Register() {
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  std::printf("instruction set %s, unfused rate %.1f G/s\n",
-              talvo::kernel::rows::NameOf(talvo::kernel::rows::ActiveSet()), talvo::bench::UnfusedRate() * 1e-9);
+  std::printf("instruction set %s, unfused rate %.1f G/s, fused rate %.1f G/s\n",
+              talvo::kernel::rows::NameOf(talvo::kernel::rows::ActiveSet()), talvo::bench::UnfusedRate() * 1e-9,
+              talvo::bench::FusedRate() * 1e-9);
   talvo::Register();
   benchmark::RunSpecifiedBenchmarks();
   return 0;

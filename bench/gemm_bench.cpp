@@ -103,6 +103,7 @@ void Dense(benchmark::State& state) {
   CountWeights(state);
 }
 BENCHMARK_TEMPLATE(Dense, kernel::FullConnection_Fallback_C_Float_M1)->Name("FullConnection/1024x1000/Fallback");
+BENCHMARK_TEMPLATE(Dense, kernel::FullConnection_Fused_C_Float_M1)->Name("FullConnection/1024x1000/Fused");
 BENCHMARK_TEMPLATE(Dense, kernel::FullConnection_SGEMM_C_Float_M1)->Name("FullConnection/1024x1000/SGEMM");
 
 struct Plane {

@@ -128,6 +128,7 @@ struct Convolution : support::Strict<Info> {
     layer_id = info.id;
     weight = support::DecodeWeights(Operation::kName, layer_id, "weight", info.weight, Operation::WeightDims(fields),
                                     Operation::kWeightLayout, context);
+    weight = Operation::Keep(fields, weight, context);
     if (fields.if_bias) {
       bias = support::DecodeWeights(Operation::kName, layer_id, "bias", info.bias,
                                     {fields.groups, fields.OutPerGroup()}, TensorShape::GN, context);
@@ -158,6 +159,11 @@ struct Convolution : support::Strict<Info> {
     }
     outputs.assign(1, output);
     return 0;
+  }
+
+  // What a kernel keeps of its decoded weights.
+  static support::TensorPtr Keep(ConvolutionFields const&, support::TensorPtr const& decoded, ContextPtr const&) {
+    return decoded;
   }
 
   support::Who Self() const { return {Operation::kName, layer_id}; }
@@ -204,15 +210,13 @@ struct Convolution : support::Strict<Info> {
   support::TensorPtr weight, bias;
 };
 
-}  // namespace
-
-struct Conv2dOperation : Convolution<Conv2dOperation, runtime::Conv2dInfo> {
-  static constexpr char const* kName = "Conv2D_Knxm_Snxm_Dnxm_Gn_Fallback_CHW_Float_M1";
+// The direct form of two dimensions.
+template <class Operation>
+struct DirectPlanes : Convolution<Operation, runtime::Conv2dInfo> {
   static constexpr unsigned int kLayout = TensorShape::CHW, kWeightLayout = TensorShape::GNCHW, kRank = 3;
   static constexpr bool kNeedsLayout = true;
   static constexpr auto Fields = PlaneFields<runtime::Conv2dInfo>;
   static constexpr auto Fits = DirectFits;
-  static constexpr auto kCompute = ConvolveDirect;
 
   static Dims WeightDims(ConvolutionFields const& f) {
     return {f.groups, f.OutPerGroup(), f.InPerGroup(), f.kernel_y, f.kernel_x};
@@ -222,12 +226,12 @@ struct Conv2dOperation : Convolution<Conv2dOperation, runtime::Conv2dInfo> {
   }
 };
 
-struct Conv1dOperation : Convolution<Conv1dOperation, runtime::Conv1dInfo> {
-  static constexpr char const* kName = "Conv1D_Kn_Sn_Dn_Gn_Fallback_CL_Float_M1";
+// Of one dimension.
+template <class Operation>
+struct DirectRows : Convolution<Operation, runtime::Conv1dInfo> {
   static constexpr unsigned int kLayout = TensorShape::CL, kWeightLayout = TensorShape::GNCL, kRank = 2;
   static constexpr bool kNeedsLayout = true;
   static constexpr auto Fits = DirectFits;
-  static constexpr auto kCompute = ConvolveDirect;
 
   static ConvolutionFields Fields(runtime::Conv1dInfo const& info) {
     ConvolutionFields fields;
@@ -243,13 +247,12 @@ struct Conv1dOperation : Convolution<Conv1dOperation, runtime::Conv1dInfo> {
   }
 };
 
-struct ConvTranspose2dOperation : Convolution<ConvTranspose2dOperation, runtime::ConvTranspose2dInfo> {
-  static constexpr char const* kName = "ConvTranspose2D_Knxm_Snxm_Dnxm_Gn_Fallback_CHW_Float_M1";
+template <class Operation>
+struct TransposedPlanes : Convolution<Operation, runtime::ConvTranspose2dInfo> {
   static constexpr unsigned int kLayout = TensorShape::CHW, kWeightLayout = TensorShape::GNCHW, kRank = 3;
   static constexpr bool kNeedsLayout = false;  // the input is read as it lies
   static constexpr auto Fields = PlaneFields<runtime::ConvTranspose2dInfo>;
   static constexpr auto Fits = TransposedFits;
-  static constexpr auto kCompute = ConvolveTransposed;
 
   static Dims WeightDims(ConvolutionFields const& f) {
     return {f.groups, f.InPerGroup(), f.OutPerGroup(), f.kernel_y, f.kernel_x};
@@ -259,8 +262,54 @@ struct ConvTranspose2dOperation : Convolution<ConvTranspose2dOperation, runtime:
   }
 };
 
+// Keeps the weights packed for fused steps, and drops those that were decoded.
+template <auto kPack>
+support::TensorPtr Packed(ConvolutionFields const& f, support::TensorPtr const& weight, ContextPtr const& context) {
+  ConvolutionShape shape{};
+  shape.groups = f.groups, shape.in_per_group = f.InPerGroup(), shape.out_per_group = f.OutPerGroup();
+  shape.kernel_y = f.kernel_y, shape.kernel_x = f.kernel_x;
+  TensorShape const kept({static_cast<unsigned int>(FusedConvolutionFloats(shape))}, TensorShape::FLOAT32,
+                         TensorShape::FLEXIABLE, TensorShape::MainMemory, {});
+  auto const packed = context->device_cpu->CreateTensor(kept, nullptr);
+  kPack(shape, weight->Data<float>(), packed->template Data<float>());
+  return packed;
+}
+
+}  // namespace
+
+struct Conv2dOperation : DirectPlanes<Conv2dOperation> {
+  static constexpr char const* kName = "Conv2D_Knxm_Snxm_Dnxm_Gn_Fallback_CHW_Float_M1";
+  static constexpr auto kCompute = ConvolveDirect;
+};
+struct Conv1dOperation : DirectRows<Conv1dOperation> {
+  static constexpr char const* kName = "Conv1D_Kn_Sn_Dn_Gn_Fallback_CL_Float_M1";
+  static constexpr auto kCompute = ConvolveDirect;
+};
+struct ConvTranspose2dOperation : TransposedPlanes<ConvTranspose2dOperation> {
+  static constexpr char const* kName = "ConvTranspose2D_Knxm_Snxm_Dnxm_Gn_Fallback_CHW_Float_M1";
+  static constexpr auto kCompute = ConvolveTransposed;
+};
+struct FusedConv2dOperation : DirectPlanes<FusedConv2dOperation> {
+  static constexpr char const* kName = "Conv2D_Knxm_Snxm_Dnxm_Gn_Fused_CHW_Float_M1";
+  static constexpr auto kCompute = ConvolveFused;
+  static constexpr auto Keep = Packed<PackFusedDirect>;
+};
+struct FusedConv1dOperation : DirectRows<FusedConv1dOperation> {
+  static constexpr char const* kName = "Conv1D_Kn_Sn_Dn_Gn_Fused_CL_Float_M1";
+  static constexpr auto kCompute = ConvolveFused;
+  static constexpr auto Keep = Packed<PackFusedDirect>;
+};
+struct FusedConvTranspose2dOperation : TransposedPlanes<FusedConvTranspose2dOperation> {
+  static constexpr char const* kName = "ConvTranspose2D_Knxm_Snxm_Dnxm_Gn_Fused_CHW_Float_M1";
+  static constexpr auto kCompute = ConvolveTransposedFused;
+  static constexpr auto Keep = Packed<PackFusedTransposed>;
+};
+
 template class KernelOf<Conv2dOperation>;
 template class KernelOf<Conv1dOperation>;
 template class KernelOf<ConvTranspose2dOperation>;
+template class KernelOf<FusedConv2dOperation>;
+template class KernelOf<FusedConv1dOperation>;
+template class KernelOf<FusedConvTranspose2dOperation>;
 
 }  // namespace talvo::kernel

@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <memory>
 
-#include "talvo/kernel/rows/instruction_sets.h"
+#include "talvo/kernel/rows/convolution_tile.h"
 #include "talvo/runtime/device_cpu.h"
 
 namespace talvo::kernel {
@@ -42,7 +42,32 @@ void ConvolveDirect(ConvolutionShape const& shape, ConvolutionData const& data, 
 /// channels, ky, kx, starting at the bias.
 void ConvolveTransposed(ConvolutionShape const& shape, ConvolutionData const& data, runtime::DeviceCPU& device);
 
-// Shared by both forms: results in lanes.
+// Both forms by fused steps, from packed weights.
+
+/// Input channels whose products one chain of fused steps sums: all for one tap, else 72 / taps, at least 1.
+std::size_t FusedChannels(ConvolutionShape const& shape);
+
+/// Floats that a kernel keeps of its weights, and the weights in the order in which they are kept. Of the shape,
+/// groups, channels and kernel are read.
+std::size_t FusedConvolutionFloats(ConvolutionShape const& shape);
+void PackFusedDirect(ConvolutionShape const& shape, float const* weights, float* packed);
+void PackFusedTransposed(ConvolutionShape const& shape, float const* weights, float* packed);
+
+/// Each result is a sum, in order, of chains of FusedChannels input channels, the first of which begins at the bias and
+/// the others at 0. A chain is one fused step after the other: channels, ky, kx. Inputs beyond the edge are 0 and take
+/// part; in the transposed form, those that lie a multiple of the stride off.
+void ConvolveFused(ConvolutionShape const& shape, ConvolutionData const& data, runtime::DeviceCPU& device);
+void ConvolveTransposedFused(ConvolutionShape const& shape, ConvolutionData const& data, runtime::DeviceCPU& device);
+
+// Shared by the forms: results in lanes.
+
+/// The direct form with output columns in the lanes, for few output channels in a group; `run_plane` is rows::RunPlane,
+/// or rows::RunFusedPlane for groups of one input channel.
+void ConvolveByColumns(ConvolutionShape const& shape, ConvolutionData const& data, runtime::DeviceCPU& device,
+                       rows::Primitive<void(rows::PlaneRun const&)> const& run_plane);
+
+/// Floats of scratch that it takes.
+double ScratchByColumns(ConvolutionShape const& shape);
 
 /// The output channels [first, first + used) of a group, or one channel of each of the groups [first, first + used), in
 /// the lanes of a block of vectors.

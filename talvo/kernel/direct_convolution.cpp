@@ -167,33 +167,6 @@ rows::PlaneRun RunOver(ConvolutionShape const& shape, PhasePlane const& plane, f
   return run;
 }
 
-// Output columns in the lanes: for few output channels in a group.
-void ConvolveByColumns(ConvolutionShape const& shape, ConvolutionData const& data, runtime::DeviceCPU& device) {
-  std::size_t const ipg = shape.in_per_group, opg = shape.out_per_group, sum = ipg * shape.Taps();
-  PhasePlane const plane = PaddedPlane(shape, 1, shape.stride_x);
-  bool const as_it_lies = !HasBorder(shape) && shape.stride_x == 1;
-  std::size_t const laid = as_it_lies ? 0 : ipg * plane.Count();
-  ConvolutionScratch const scratch(device, laid);
-  std::fill_n(scratch.Data(), laid, 0.0f);
-  std::vector<std::size_t> columns(shape.kernel_x);
-  for (std::size_t kx = 0; kx < shape.kernel_x; ++kx) columns[kx] = plane.Place(kx * shape.dilation_x);
-  rows::PlaneRun run = RunOver(shape, plane, scratch.Data(), columns);
-  for (std::size_t g = 0; g < shape.groups; ++g) {
-    float const* const input = data.input + g * ipg * shape.InPlane();
-    if (as_it_lies) {
-      run.input = input;
-    } else {
-      LayPlanes(input, ipg, plane, scratch.Data());
-    }
-    for (std::size_t o = g * opg; o < (g + 1) * opg; ++o) {
-      run.weights = data.weights + o * sum;
-      run.start = (data.bias == nullptr ? 0.0f : data.bias[o]) + 0.0f;
-      run.results = data.output + o * shape.OutPlane();
-      rows::RunPlane(run);
-    }
-  }
-}
-
 // The sum of a window at (y, x) of the padded plane. A row or column before the input wraps to a huge number.
 float WindowSum(ConvolutionShape const& shape, float const* input, float const* weights, std::size_t y, std::size_t x) {
   float sum = 0.0f;
@@ -236,6 +209,35 @@ double ScratchOf(ConvolutionShape const& shape, bool by_columns) {
 
 }  // namespace
 
+void ConvolveByColumns(ConvolutionShape const& shape, ConvolutionData const& data, runtime::DeviceCPU& device,
+                       rows::Primitive<void(rows::PlaneRun const&)> const& run_plane) {
+  std::size_t const ipg = shape.in_per_group, opg = shape.out_per_group, sum = ipg * shape.Taps();
+  PhasePlane const plane = PaddedPlane(shape, 1, shape.stride_x);
+  bool const as_it_lies = !HasBorder(shape) && shape.stride_x == 1;
+  std::size_t const laid = as_it_lies ? 0 : ipg * plane.Count();
+  ConvolutionScratch const scratch(device, laid);
+  std::fill_n(scratch.Data(), laid, 0.0f);
+  std::vector<std::size_t> columns(shape.kernel_x);
+  for (std::size_t kx = 0; kx < shape.kernel_x; ++kx) columns[kx] = plane.Place(kx * shape.dilation_x);
+  rows::PlaneRun run = RunOver(shape, plane, scratch.Data(), columns);
+  for (std::size_t g = 0; g < shape.groups; ++g) {
+    float const* const input = data.input + g * ipg * shape.InPlane();
+    if (as_it_lies) {
+      run.input = input;
+    } else {
+      LayPlanes(input, ipg, plane, scratch.Data());
+    }
+    for (std::size_t o = g * opg; o < (g + 1) * opg; ++o) {
+      run.weights = data.weights + o * sum;
+      run.start = data.bias == nullptr ? 0.0f : data.bias[o];
+      run.results = data.output + o * shape.OutPlane();
+      run_plane(run);
+    }
+  }
+}
+
+double ScratchByColumns(ConvolutionShape const& shape) { return ScratchOf(shape, true); }
+
 void ConvolveDirect(ConvolutionShape const& shape, ConvolutionData const& data, runtime::DeviceCPU& device) {
   auto const lanes = static_cast<std::size_t>(rows::ActiveLanes());
   std::size_t row_lanes = lanes;
@@ -250,7 +252,7 @@ void ConvolveDirect(ConvolutionShape const& shape, ConvolutionData const& data, 
   } else if (by_columns > by_channels && ScratchOf(shape, false) <= most) {
     ConvolveByChannels(shape, data, device);
   } else if (ScratchOf(shape, true) <= most) {
-    ConvolveByColumns(shape, data, device);
+    ConvolveByColumns(shape, data, device, rows::RunPlane);
   } else {
     ConvolvePlainly(shape, data);
   }

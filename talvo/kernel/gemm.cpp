@@ -5,6 +5,7 @@
 #include "talvo/kernel/functional/gemm.h"
 #include "talvo/kernel/kernel_of_support.h"
 #include "talvo/kernel/padding.h"
+#include "talvo/kernel/rows/fused_product.h"
 #include "talvo/kernel/sgemm.h"
 #include "talvo/serialization/layer_info_conv.h"
 #include "talvo/utility/refuse_support.h"
@@ -60,6 +61,7 @@ struct FullConnection : support::Strict<runtime::FullConnectionInfo> {
     in_features = info.in_features, out_features = info.out_features;
     weight = support::DecodeWeights(Operation::kName, layer_id, "weight", info.weight, {out_features, in_features},
                                     TensorShape::FLEXIABLE, context);
+    weight = Operation::Keep(weight, context);
     bias = nullptr;
     if (info.if_bias) {
       bias = support::DecodeWeights(Operation::kName, layer_id, "bias", info.bias, {out_features},
@@ -87,6 +89,9 @@ struct FullConnection : support::Strict<runtime::FullConnectionInfo> {
     outputs.assign(1, y);
     return 0;
   }
+
+  // What a kernel keeps of its decoded weights.
+  static support::TensorPtr Keep(support::TensorPtr const& decoded, ContextPtr const&) { return decoded; }
 
   std::string layer_id;
   unsigned int in_features = 0, out_features = 0;
@@ -184,8 +189,27 @@ struct SgemmFullConnectionOperation : FullConnection<SgemmFullConnectionOperatio
   static constexpr auto kRun = functional::fullconnection_sgemm_c_f32_m1;
 };
 
+struct FusedFullConnectionOperation : FullConnection<FusedFullConnectionOperation> {
+  static constexpr char const* kName = "FullConnection_Fused_C_Float_M1";
+
+  static support::TensorPtr Keep(support::TensorPtr const& decoded, ContextPtr const& context) {
+    std::size_t const outputs = decoded->shape.dims[0], inputs = decoded->shape.dims[1];
+    TensorShape const kept({static_cast<unsigned int>(rows::FusedFloats(outputs, inputs))}, TensorShape::FLOAT32,
+                           TensorShape::FLEXIABLE, TensorShape::MainMemory, {});
+    auto const packed = context->device_cpu->CreateTensor(kept, nullptr);
+    rows::PackFused(decoded->Data<float>(), outputs, inputs, packed->Data<float>());
+    return packed;
+  }
+  static void Multiply(float const* x, std::size_t inputs, std::size_t outputs, float const* packed, float const* bias,
+                       float* y) {
+    rows::FusedProduct({packed, x, bias, 1, outputs, inputs, y, false});
+  }
+  static constexpr auto kRun = Multiply;
+};
+
 template class KernelOf<PointwiseOperation>;
 template class KernelOf<FallbackFullConnectionOperation>;
 template class KernelOf<SgemmFullConnectionOperation>;
+template class KernelOf<FusedFullConnectionOperation>;
 
 }  // namespace talvo::kernel

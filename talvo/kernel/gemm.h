@@ -13,9 +13,11 @@ namespace talvo::kernel {
 struct PointwiseOperation;
 struct FallbackFullConnectionOperation;
 struct SgemmFullConnectionOperation;
+struct FusedFullConnectionOperation;
 extern template class TALVO_API KernelOf<PointwiseOperation>;
 extern template class TALVO_API KernelOf<FallbackFullConnectionOperation>;
 extern template class TALVO_API KernelOf<SgemmFullConnectionOperation>;
+extern template class TALVO_API KernelOf<FusedFullConnectionOperation>;
 
 /// Convolution with a 1x1 kernel, stride 1 and no padding, as one product of W with x [channels, H * W]; the bias is
 /// added behind the product. Config takes such a Conv2dInfo without inference parameter and with non-zero channels and
@@ -34,10 +36,13 @@ TALVO_API void Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1_Convolution(std::shar
                                                                        std::shared_ptr<runtime::TensorCPU> weight);
 
 /// y = W x + bias for x [in_features] and W [out_features, in_features], layout C, by the free forms of
-/// functional/gemm.h. Config takes a FullConnectionInfo without inference parameter and with non-zero features. Assert
-/// in Config: weights or bias with fewer bytes than the features need. Assert in Forward, with kernel, layer and
-/// numbers: no Config before, elements of fewer than 4 bytes, fewer elements than `in_features`.
+/// functional/gemm.h; Fused: y[o] is a chain of fused steps, y = fmaf(W[o, i], x[i], y) for i = 0, 1, ..., from the
+/// bias on (0 without one), and W is kept packed. Config takes a FullConnectionInfo without inference parameter and
+/// with non-zero features. Assert in Config: weights or bias with fewer bytes than the features need. Assert in
+/// Forward, with kernel, layer and numbers: no Config before, elements of fewer than 4 bytes, fewer elements than
+/// `in_features`.
 using FullConnection_Fallback_C_Float_M1 = KernelOf<FallbackFullConnectionOperation>;
 using FullConnection_SGEMM_C_Float_M1 = KernelOf<SgemmFullConnectionOperation>;
+using FullConnection_Fused_C_Float_M1 = KernelOf<FusedFullConnectionOperation>;
 
 }  // namespace talvo::kernel

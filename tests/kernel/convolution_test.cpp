@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <memory>
 #include <random>
@@ -51,44 +52,59 @@ Data MakeData(Case const& c, std::uint32_t seed) {
   return d;
 }
 
-enum Form { kPlane, kTransposed, kRow };
-constexpr Form kForms[] = {kPlane, kTransposed, kRow};
+enum Form { kPlane, kTransposed, kRow, kFusedPlane, kFusedTransposed, kFusedRow };
+constexpr Form kForms[] = {kPlane, kTransposed, kRow, kFusedPlane, kFusedTransposed, kFusedRow};
+bool IsTransposed(Form form) { return form == kTransposed || form == kFusedTransposed; }
+bool IsRow(Form form) { return form == kRow || form == kFusedRow; }
 
 // The definitions, element by element. Position y of the border's frame is input row y, in the transposed form row
-// y / sy where that divides; the direct form sums each channel by itself and reads 0 outside.
+// y / sy where that divides; the direct form sums each channel by itself and reads 0 outside. The fused forms add up
+// chains of fmaf over some channels each, and all read 0 outside.
 std::vector<float> Plain(Form form, Case const& c, Data const& d) {
-  bool const turned = form == kTransposed;
+  bool const turned = IsTransposed(form), fused = form >= kFusedPlane;
   auto const extent = [turned](int size, int border, int reach, int stride) {
     return turned ? stride * size + border - reach : (size + border - reach - 1) / stride + 1;
   };
   int const oh = extent(c.height, c.t + c.b, c.dy * (c.ky - 1), c.sy);
   int const ow = extent(c.width, c.l + c.r, c.dx * (c.kx - 1), c.sx);
   int const ipg = c.in / c.groups, opg = c.out / c.groups, taps = c.ky * c.kx;
+  int const chain = taps == 1 ? std::max(1, ipg) : std::max(1, 72 / taps);
   std::vector<float> result(std::size_t(c.out * oh * ow), 0.0f);
   for (int i = 0; i < c.groups * opg * oh * ow; ++i) {
     int const o = i / (oh * ow), row = i / ow % oh, column = i % ow;
     float& value = result[std::size_t(i)];
     if (c.bias) value = d.bias[std::size_t(o)];
+    float sum = value;
     for (int channel = o / opg * ipg; channel < (o / opg + 1) * ipg; ++channel) {
-      float sum = 0.0f;
+      int const n = channel % ipg;
+      if (!fused || (n > 0 && n % chain == 0)) sum = 0.0f;
       for (int k = 0; k < taps; ++k) {
         int y = row * (turned ? 1 : c.sy) - c.t + k / c.kx * c.dy,
             x = column * (turned ? 1 : c.sx) - c.l + k % c.kx * c.dx;
-        bool const met = !turned || (y % c.sy == 0 && x % c.sx == 0 && y >= 0 && x >= 0);
+        bool const on_grid = !turned || (y % c.sy == 0 && x % c.sx == 0),
+                   met = on_grid && (!turned || (y >= 0 && x >= 0));
         if (turned) y /= c.sy, x /= c.sx;
         bool const inside = met && y >= 0 && y < c.height && x >= 0 && x < c.width;
         float const in = inside ? d.input[std::size_t((channel * c.height + y) * c.width + x)] : 0.0f;
         int const weight = turned ? (channel * opg + o % opg + 1) * taps - 1 - k : (o * ipg + channel % ipg) * taps + k;
+        if (fused && on_grid) sum = std::fmaf(in, d.weight[std::size_t(weight)], sum);
+        if (fused) continue;
         if (turned && inside) value += in * d.weight[std::size_t(weight)];
         if (!turned) sum += in * d.weight[std::size_t(weight)];
       }
-      if (!turned) value += sum;
+      if (!fused && !turned) value += sum;
+      if (fused && ((n + 1) % chain == 0 || n + 1 == ipg)) value = n < chain ? sum : value + sum;
     }
   }
   return result;
 }
 
 std::shared_ptr<runtime::IKernel> KernelOf(Form form) {
+  if (form == kFusedPlane) return std::make_shared<kernel::Conv2D_Knxm_Snxm_Dnxm_Gn_Fused_CHW_Float_M1>();
+  if (form == kFusedRow) return std::make_shared<kernel::Conv1D_Kn_Sn_Dn_Gn_Fused_CL_Float_M1>();
+  if (form == kFusedTransposed) {
+    return std::make_shared<kernel::ConvTranspose2D_Knxm_Snxm_Dnxm_Gn_Fused_CHW_Float_M1>();
+  }
   if (form == kPlane) return std::make_shared<kernel::Conv2D_Knxm_Snxm_Dnxm_Gn_Fallback_CHW_Float_M1>();
   if (form == kRow) return std::make_shared<kernel::Conv1D_Kn_Sn_Dn_Gn_Fallback_CL_Float_M1>();
   return std::make_shared<kernel::ConvTranspose2D_Knxm_Snxm_Dnxm_Gn_Fallback_CHW_Float_M1>();
@@ -114,15 +130,15 @@ std::shared_ptr<Info> Record(Case const& c, Data const& d) {
 }
 
 std::shared_ptr<runtime::LayerInfo> RecordOf(Form form, Case const& c, Data const& d) {
-  if (form == kPlane) return Record<runtime::Conv2dInfo>(c, d);
-  if (form == kRow) return Record<runtime::Conv1dInfo>(c, d);
-  return Record<runtime::ConvTranspose2dInfo>(c, d);
+  if (IsRow(form)) return Record<runtime::Conv1dInfo>(c, d);
+  if (IsTransposed(form)) return Record<runtime::ConvTranspose2dInfo>(c, d);
+  return Record<runtime::Conv2dInfo>(c, d);
 }
 
 Tensor InputOf(Form form, runtime::Context const& context, Case const& c, Data const& d) {
   std::vector<unsigned int> dims = {unsigned(c.in), unsigned(c.height), unsigned(c.width)};
-  if (form == kRow) dims.erase(dims.begin() + 1);
-  return test::FloatTensor(context, dims, form == kRow ? TensorShape::CL : TensorShape::CHW, d.input);
+  if (IsRow(form)) dims.erase(dims.begin() + 1);
+  return test::FloatTensor(context, dims, IsRow(form) ? TensorShape::CL : TensorShape::CHW, d.input);
 }
 
 std::vector<float> Compute(runtime::IKernel const& kernel, Tensor const& input,
@@ -182,11 +198,11 @@ Case RandomCase(std::mt19937& random, bool transposed) {
 
 TEST(Convolution, RandomShapesGiveTheBitsOfThePlainLoops) {
   std::mt19937 random(20);
-  for (std::uint32_t round = 0; round < 280 && !HasFailure(); ++round) {
+  for (std::uint32_t round = 0; round < 600 && !HasFailure(); ++round) {
     SCOPED_TRACE(round);
-    Form const form = kForms[round / 4 % 3];
-    Case c = RandomCase(random, form == kTransposed);
-    if (form == kRow) c.height = c.ky = c.sy = c.dy = 1, c.t = c.b = 0;
+    Form const form = kForms[round / 4 % 6];
+    Case c = RandomCase(random, IsTransposed(form));
+    if (IsRow(form)) c.height = c.ky = c.sy = c.dy = 1, c.t = c.b = 0;
     ExpectPlain(form, c, round);
   }
 }
@@ -214,12 +230,20 @@ TEST(Convolution, EveryWayThroughTheTiles) {
       {"several strips of a row, columns that meet nothing", {1, 2, 3, 1, 40, 1, 5, 1, 60, 1, 7, 3, 2, 0, 0, true}},
       {"a strip narrower than the stride", {1, 1, 1, 1, 3, 1, 2, 1, 1500, 1, 1, 2, 0, 0, 0, true}},
       {"a border that would dwarf its input", {1, 1, 1, 1, 1, 2, 2, 600, 600, 1, 1, 600, 600, 600, 600, true}, false},
+      {"single taps over more positions than some vectors", {1, 20, 43, 11, 21, 1, 1, 1, 1, 1, 1, 0, 0, 0, 0, true}},
+      {"single taps of more channels than stay at hand", {1, 150, 40, 3, 3, 1, 1, 1, 1, 1, 1, 0, 0, 0, 0, true}},
+      {"few outputs of many channels", {1, 37, 15, 9, 40, 3, 3, 1, 1, 1, 1, 1, 1, 1, 1, true}},
+      {"few outputs of rows in several parts, stride 2", {1, 6, 3, 61, 60, 3, 3, 2, 2, 1, 1, 1, 1, 1, 1, false}},
+      {"several blocks, stride 2", {1, 21, 150, 8, 9, 4, 4, 2, 2, 1, 1, 1, 1, 1, 1, true}},
+      {"several strips of a row", {1, 3, 20, 2, 270, 2, 2, 2, 2, 1, 1, 1, 1, 1, 1, true}},
       {"one result of many weights", {1, 1, 1, 300, 300, 300, 300, 1, 1, 1, 1, 0, 1, 1, 0, true}},
   };
   for (auto const& row : cases) {
     SCOPED_TRACE(row.why);
-    ExpectPlain(kPlane, row.c, row.transposed ? 4 : 6);  // 6: an infinity meets the border
-    if (row.transposed) ExpectPlain(kTransposed, row.c, 8);
+    for (Form const form : {kPlane, kFusedPlane}) {
+      ExpectPlain(form, row.c, row.transposed ? 4 : 6);  // 6: an infinity meets the border
+      if (row.transposed) ExpectPlain(form == kPlane ? kTransposed : kFusedTransposed, row.c, 8);
+    }
   }
 }
 
@@ -274,7 +298,7 @@ TEST_P(ConvolutionForms, ReadTheChannelsOfTheirGroupsAndRefuseWhatTheyCannotRead
     ExpectRefusal(who + "has dims " + runtime::DimsText(good.dims) + ", data type " + std::to_string(type),
                   like(good.dims, type, good.layout));
   }
-  if (GetParam() != kTransposed) {  // which reads the input as it lies
+  if (!IsTransposed(GetParam())) {  // which reads the input as it lies
     ExpectRefusal(who + "has dims " + runtime::DimsText(good.dims) + ", data type 0, layout 1",
                   like(good.dims, 0, TensorShape::HWC));
   }

@@ -136,6 +136,7 @@ void ExpectFullConnection() {
 TEST(FullConnection, KernelsForgetABiasAndRefuseWhatWouldReadBeyondMemory) {
   ExpectFullConnection<kernel::FullConnection_Fallback_C_Float_M1>();
   ExpectFullConnection<kernel::FullConnection_SGEMM_C_Float_M1>();
+  ExpectFullConnection<kernel::FullConnection_Fused_C_Float_M1>();
 }
 
 std::shared_ptr<runtime::Conv2dInfo> Pointwise(unsigned short in, unsigned short out, bool if_bias) {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <type_traits>
 
-#include "talvo/kernel/rows/vectors.h"
+#include "talvo/kernel/rows/fused_step.h"
 
 namespace talvo::kernel::rows {
 namespace {
@@ -125,10 +125,30 @@ struct RunTilesBody {
   }
 };
 
+// How products reach the sums of a plane: multiplied and then added, or by fused steps.
+struct TwoRoundings {
+  static constexpr bool kFused = false;
+
+  static TALVO_ROWS_INLINE float Start(float start) { return start + 0.0f; }  // no -0.0f: a sum begins at a product
+};
+template <class Set>
+struct OneRounding {
+  static constexpr bool kFused = true;
+
+  static TALVO_ROWS_INLINE float Start(float start) { return start; }
+
+  template <int kLanes>
+  static TALVO_ROWS_INLINE void Add(Vector<kLanes> const& x, float weight, Vector<kLanes>& sum) {
+    Vector<kLanes> w;
+    Splat<kLanes>(weight, w);
+    FusedStep<Set, kLanes>(x, w, sum);
+  }
+};
+
 constexpr std::size_t kRows = 4;  // of results at a time
 
 // kLanes columns of kRows rows. Any kernel: rows behind the last one repeat it.
-template <int kLanes>
+template <int kLanes, class Step>
 struct AnyPlane {
   using V = Vector<kLanes>;
 
@@ -139,8 +159,12 @@ struct AnyPlane {
     for (std::size_t r = 0; r < kRows; ++r) {
       V x;
       Load<kLanes>(rows[r] + input, x);
-      V const product = x * weight;
-      sums[r] = kFirst ? product : sums[r] + product;
+      if constexpr (Step::kFused) {
+        Step::template Add<kLanes>(x, weight, sums[r]);
+      } else {
+        V const product = x * weight;
+        sums[r] = kFirst ? product : sums[r] + product;
+      }
     }
   }
 
@@ -148,18 +172,19 @@ struct AnyPlane {
                                               float const* const (&rows)[kRows], std::size_t input,
                                               V (&results)[kRows]) {
     V sums[kRows];
+    if constexpr (Step::kFused) std::copy_n(results, kRows, sums);
     AddTap<true>(*weights++, rows, input + run.taps[0], sums);
     for (std::size_t ky = 0, kx = 1; ky < run.kernel_rows; ++ky, kx = 0, input += run.kernel_row) {
       for (; kx < run.kernel_columns; ++kx) AddTap<false>(*weights++, rows, input + run.taps[kx], sums);
     }
     TALVO_ROWS_UNROLL
-    for (std::size_t r = 0; r < kRows; ++r) results[r] += sums[r];
+    for (std::size_t r = 0; r < kRows; ++r) results[r] = Step::kFused ? sums[r] : results[r] + sums[r];
   }
 
   static TALVO_ROWS_INLINE void RunBlock(PlaneRun const& run, std::size_t y, std::size_t x) {
     float const* rows[kRows];
     V start, results[kRows];
-    Splat<kLanes>(run.start, start);
+    Splat<kLanes>(Step::Start(run.start), start);
     TALVO_ROWS_UNROLL
     for (std::size_t r = 0; r < kRows; ++r) {
       rows[r] = run.input + std::min(y + r, run.rows - 1) * run.input_row + x;
@@ -182,7 +207,7 @@ struct AnyPlane {
 
 // The same for a 3x3 kernel without dilation whose output rows are kStride input rows apart. It walks down a column of
 // vectors, so that each input row is loaded once for all output rows, and the weights stay in registers.
-template <int kLanes, int kStride>
+template <int kLanes, class Step, int kStride>
 struct Plane3x3 {
   using V = Vector<kLanes>;
   struct Row {
@@ -195,11 +220,17 @@ struct Plane3x3 {
     Load<kLanes>(input + run.taps[2], row.x[2]);
   }
 
-  // sum = before + the products of kernel row ky; without `before` for the first one.
-  static TALVO_ROWS_INLINE void Begin(Row const& row, float const (&weights)[9], V& sum) {
+  // sum = before + the products of kernel row ky; for the first one without `before`, or from `start` on.
+  static TALVO_ROWS_INLINE void Begin(V const& start, Row const& row, float const (&weights)[9], V& sum) {
+    if constexpr (Step::kFused) return Continue(start, row, weights, 0, sum);
     sum = row.x[0] * weights[0] + row.x[1] * weights[1] + row.x[2] * weights[2];
   }
   static TALVO_ROWS_INLINE void Continue(V const& before, Row const& row, float const (&weights)[9], int ky, V& sum) {
+    if constexpr (Step::kFused) {
+      sum = before;
+      for (int kx = 0; kx < 3; ++kx) Step::template Add<kLanes>(row.x[kx], weights[3 * ky + kx], sum);
+      return;
+    }
     sum = before + row.x[0] * weights[3 * ky] + row.x[1] * weights[3 * ky + 1] + row.x[2] * weights[3 * ky + 2];
   }
 
@@ -207,16 +238,16 @@ struct Plane3x3 {
     V start, one, two, sum;  // one, two: the sums of output rows that lack the last two, the last kernel row
     float weights[9];
     std::copy_n(run.weights + 9 * c, 9, weights);
-    Splat<kLanes>(run.start, start);
+    Splat<kLanes>(Step::Start(run.start), start);
     float const* input = run.input + c * run.input_plane + x;
     float* to = run.results + x;
     Row row;
     LoadRow(run, input, row);
-    Begin(row, weights, one);
+    Begin(start, row, weights, one);
     LoadRow(run, input += run.kernel_row, row);
     if (kStride == 1) {
       Continue(one, row, weights, 1, two);
-      Begin(row, weights, one);
+      Begin(start, row, weights, one);
       LoadRow(run, input += run.kernel_row, row);
     }
     for (std::size_t y = 0; y < run.rows; ++y, to += run.columns) {
@@ -227,12 +258,12 @@ struct Plane3x3 {
       }
       Continue(two, row, weights, 2, sum);
       if (kStride == 1) Continue(one, row, weights, 1, two);
-      Begin(row, weights, one);
+      Begin(start, row, weights, one);
       V before = start;
       if (c > 0) Load<kLanes>(to, before);
       // The next row before the store: g++ would load it anew for each use if it came after.
       LoadRow(run, input += step, row);
-      Store<kLanes>(before + sum, to);
+      Store<kLanes>(Step::kFused ? sum : before + sum, to);
     }
   }
 
@@ -241,22 +272,23 @@ struct Plane3x3 {
   }
 };
 
+template <bool kFused>
 struct RunPlaneBody {
   template <class Set>
   static TALVO_ROWS_INLINE void Run(PlaneRun const& run) {
-    RunWidest<Set::kLanes>(run);
+    RunWidest<Set::kLanes, std::conditional_t<kFused, OneRounding<Set>, TwoRoundings>>(run);
   }
 
   // The widest vectors of which a row of results holds one.
-  template <int kLanes>
+  template <int kLanes, class Step>
   static TALVO_ROWS_INLINE void RunWidest(PlaneRun const& run) {
     if constexpr (kLanes > 1) {
-      if (run.columns < kLanes) return RunWidest<(kLanes > 4 ? kLanes / 2 : 1)>(run);
+      if (run.columns < kLanes) return RunWidest<(kLanes > 4 ? kLanes / 2 : 1), Step>(run);
       bool const is_3x3 = run.kernel_rows == 3 && run.kernel_columns == 3;
-      if (is_3x3 && run.input_row == run.kernel_row) return RunColumns<kLanes, Plane3x3<kLanes, 1>>(run);
-      if (is_3x3 && run.input_row == 2 * run.kernel_row) return RunColumns<kLanes, Plane3x3<kLanes, 2>>(run);
+      if (is_3x3 && run.input_row == run.kernel_row) return RunColumns<kLanes, Plane3x3<kLanes, Step, 1>>(run);
+      if (is_3x3 && run.input_row == 2 * run.kernel_row) return RunColumns<kLanes, Plane3x3<kLanes, Step, 2>>(run);
     }
-    RunColumns<kLanes, AnyPlane<kLanes>>(run);
+    RunColumns<kLanes, AnyPlane<kLanes, Step>>(run);
   }
 
   // The last columns overlap those before them.
@@ -281,7 +313,8 @@ struct TransposeRowsBody {
 }  // namespace
 
 Primitive<void(TileRun const&)> const RunTiles{RunTilesBody()};
-Primitive<void(PlaneRun const&)> const RunPlane{RunPlaneBody()};
+Primitive<void(PlaneRun const&)> const RunPlane{RunPlaneBody<false>()};
+Primitive<void(PlaneRun const&)> const RunFusedPlane{RunPlaneBody<true>()};
 Primitive<void(float const*, std::size_t, std::size_t, std::size_t, float*, std::size_t)> const TransposeRows{
     TransposeRowsBody()};
 

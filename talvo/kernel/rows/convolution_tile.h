@@ -44,11 +44,15 @@ struct PlaneRun {
   std::size_t const* taps;                  // [kernel_columns]
   std::size_t kernel_rows, kernel_columns;  // 1 or more each
   float const* weights;                     // [channels][kernel_rows][kernel_columns]
-  float start;                              // not -0.0f
+  float start;
   float* results;
   std::size_t rows, columns;  // 1 or more each; rows of results lie side by side
 };
 extern Primitive<void(PlaneRun const&)> const RunPlane;
+
+/// The same for one input channel, each result a chain of fused steps (see fused_step.h) from start on, ky by ky, kx by
+/// kx.
+extern Primitive<void(PlaneRun const&)> const RunFusedPlane;
 
 /// to[c * to_stride + r] = from[r * from_stride + c] for r < rows, c < columns; the ranges do not overlap.
 extern Primitive<void(float const* from, std::size_t from_stride, std::size_t rows, std::size_t columns, float* to,

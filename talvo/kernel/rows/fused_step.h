@@ -17,11 +17,7 @@ TALVO_ROWS_INLINE void FuseByInstruction(Vector<kLanes> const& a, Vector<kLanes>
 #pragma clang fp contract(on)
   c = a * b + c;
 #else
-  if constexpr (kLanes == 1) {
-    c = __builtin_fmaf(a, b, c);
-  } else {
-    c = Vector<kLanes>{__builtin_fmaf(a[kIndex], b[kIndex], c[kIndex])...};
-  }
+  c = Vector<kLanes>{__builtin_fmaf(a[kIndex], b[kIndex], c[kIndex])...};
 #endif
 }
 
@@ -44,7 +40,9 @@ TALVO_ROWS_INLINE void FuseInDouble(Vector<kLanes> const& a, Vector<kLanes> cons
 /// c = a * b + c, rounded once, lane by lane. The set decides how, never the compiler.
 template <class Set, int kLanes>
 TALVO_ROWS_INLINE void FusedStep(Vector<kLanes> const& a, Vector<kLanes> const& b, Vector<kLanes>& c) {
-  if constexpr (Set::kFuses) {
+  if constexpr (kLanes == 1) {
+    c = __builtin_fmaf(a, b, c);
+  } else if constexpr (Set::kFuses) {
     FuseByInstruction<kLanes>(a, b, c, std::make_integer_sequence<int, kLanes>());
   } else {
     FuseInDouble<kLanes>(a, b, c);

@@ -1,0 +1,510 @@
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <vector>
+
+#include "talvo/kernel/convolution_support.h"
+#include "talvo/kernel/rows/fused_product.h"
+#include "talvo/kernel/rows/fused_rows.h"
+#include "talvo/kernel/rows/phase_plane.h"
+
+namespace talvo::kernel {
+namespace {
+
+using rows::Chain;
+using rows::kFusedBlock;
+using rows::Tap;
+
+constexpr std::size_t kPackedFrom = 16;       // fewer outputs in a group stay as they were decoded
+constexpr std::size_t kStepsOfAChain = 72;    // of kernels with more than one tap
+constexpr std::size_t kStrip = 112;           // positions whose results lie in scratch, with outputs in the lanes
+constexpr std::size_t kRowFloats = 1024;      // about as many positions at a time, with positions in the lanes
+constexpr std::size_t kChannelsAtHand = 128;  // of one tap, whose packed weights stay in the innermost cache
+constexpr std::size_t kMostPhases = 64;       // of a transposed output
+
+bool IsPacked(ConvolutionShape const& s) { return s.out_per_group >= kPackedFrom; }
+std::size_t SumOf(ConvolutionShape const& s) { return s.in_per_group * s.Taps(); }
+
+// Where the kept weight of (output, channel, tap) of a group lies: its block's first, and the steps from there.
+struct Kept {
+  float const* weights;
+  std::size_t channel, tap, output;
+};
+Kept KeptAt(ConvolutionShape const& s, bool transposed, float const* group, std::size_t output) {
+  if (IsPacked(s)) {
+    std::size_t const first = output - output % kFusedBlock, width = std::min(kFusedBlock, s.out_per_group - first);
+    return {group + first * SumOf(s) + output % kFusedBlock, s.Taps() * width, width, 1};
+  }
+  if (transposed) return {group + output * s.Taps(), s.out_per_group * s.Taps(), 1, s.Taps()};
+  return {group + output * SumOf(s), s.Taps(), 1, SumOf(s)};
+}
+
+// Results at distances of one another that read their inputs at the same taps: all of the direct form, and those of one
+// phase by the strides of the transposed form.
+struct Part {
+  std::size_t rows, columns;
+  std::vector<Tap> taps;  // `weight` is the number of the tap
+};
+
+// The input planes with their border and what is read from them. The direct form sorts rows and columns by the strides,
+// so that what neighbouring results read at one tap stands side by side, in rows `pitch` apart.
+struct Plan {
+  bool transposed, as_it_lies;
+  std::size_t phases_y, phases_x;  // of the output
+  std::size_t pitch, plane;        // floats of a row and of all of a channel
+  std::size_t top, left, stride_y, stride_x, sub_plane, padded_width;
+  double scratch;           // floats of the laid planes of a group
+  std::vector<Part> parts;  // [phases_y][phases_x]
+};
+
+Plan PlanDirect(ConvolutionShape const& s) {
+  Plan plan{};
+  plan.phases_y = plan.phases_x = 1;
+  plan.stride_y = s.stride_y, plan.stride_x = s.stride_x;
+  plan.top = static_cast<std::size_t>(s.top), plan.left = static_cast<std::size_t>(s.left);
+  plan.padded_width = s.padded_width;
+  std::size_t const sub_x = std::min(s.stride_x, s.padded_width), sub_y = std::min(s.stride_y, s.padded_height);
+  plan.pitch = (s.padded_width + s.stride_x - 1) / s.stride_x;
+  plan.sub_plane = (s.padded_height + s.stride_y - 1) / s.stride_y * plan.pitch;
+  plan.plane = plan.sub_plane * sub_x * sub_y;
+  plan.scratch = static_cast<double>(plan.sub_plane) * static_cast<double>(sub_x) * static_cast<double>(sub_y) *
+                 static_cast<double>(s.in_per_group);
+  plan.as_it_lies =
+      s.padded_height == s.in_height && s.padded_width == s.in_width && s.stride_x == 1 && s.stride_y == 1;
+  plan.parts.push_back({s.out_height, s.out_width, {}});
+  for (std::size_t k = 0; k < s.Taps(); ++k) {
+    std::size_t const y = k / s.kernel_x * s.dilation_y, x = k % s.kernel_x * s.dilation_x;
+    std::size_t const sub = y % s.stride_y * sub_x + x % s.stride_x;
+    plan.parts[0].taps.push_back({sub * plan.sub_plane + y / s.stride_y * plan.pitch + x / s.stride_x, k});
+  }
+  return plan;
+}
+
+// One axis of the transposed form: the outputs of a phase, from the first, meet kernel element k at an input `offset`
+// further on each time; which may lie before the input.
+struct Meeting {
+  std::size_t k;
+  std::int64_t offset;
+};
+std::vector<Meeting> Meetings(std::size_t phase, std::size_t kernel, std::size_t dilation, std::size_t stride,
+                              int before) {
+  std::vector<Meeting> met;
+  for (std::size_t k = 0; k < kernel; ++k) {
+    std::int64_t const at = static_cast<std::int64_t>(phase) - before + static_cast<std::int64_t>(k * dilation);
+    if (at % static_cast<std::int64_t>(stride) == 0) met.push_back({k, at / static_cast<std::int64_t>(stride)});
+  }
+  return met;
+}
+
+// The extent from the first to the last input that an axis reads, with the input itself, and what stands before that.
+struct Reach {
+  std::size_t before, extent;
+};
+Reach ReachOf(std::vector<std::vector<Meeting>> const& phases, std::size_t out, std::size_t in) {
+  std::int64_t low = 0, high = static_cast<std::int64_t>(in);
+  for (std::size_t phase = 0; phase < phases.size(); ++phase) {
+    auto const results = static_cast<std::int64_t>((out - phase - 1) / phases.size() + 1);
+    for (Meeting const& m : phases[phase]) low = std::min(low, m.offset), high = std::max(high, m.offset + results);
+  }
+  auto const results = static_cast<std::int64_t>((out - 1) / phases.size() + 1);  // of a phase that meets nothing too
+  return {static_cast<std::size_t>(-low), static_cast<std::size_t>(std::max(high - low, results))};
+}
+
+Plan PlanTransposed(ConvolutionShape const& s) {
+  Plan plan{};
+  plan.transposed = true;
+  plan.phases_y = s.stride_y, plan.phases_x = s.stride_x;
+  plan.stride_y = plan.stride_x = 1;
+  std::vector<std::vector<Meeting>> ys, xs;
+  for (std::size_t p = 0; p < s.stride_y; ++p) {
+    ys.push_back(Meetings(p, s.kernel_y, s.dilation_y, s.stride_y, s.top));
+  }
+  for (std::size_t p = 0; p < s.stride_x; ++p) {
+    xs.push_back(Meetings(p, s.kernel_x, s.dilation_x, s.stride_x, s.left));
+  }
+  Reach const y = ReachOf(ys, std::max(s.out_height, s.stride_y), s.in_height);
+  Reach const x = ReachOf(xs, std::max(s.out_width, s.stride_x), s.in_width);
+  plan.top = y.before, plan.left = x.before;
+  plan.pitch = plan.padded_width = x.extent;
+  plan.plane = plan.sub_plane = y.extent * x.extent;
+  plan.scratch = static_cast<double>(y.extent) * static_cast<double>(x.extent) * static_cast<double>(s.in_per_group);
+  plan.as_it_lies = y.extent == s.in_height && x.extent == s.in_width;
+  for (std::size_t py = 0; py < s.stride_y; ++py) {
+    for (std::size_t px = 0; px < s.stride_x; ++px) {
+      std::size_t const rows = (s.out_height + s.stride_y - 1 - py) / s.stride_y;
+      plan.parts.push_back({rows, (s.out_width + s.stride_x - 1 - px) / s.stride_x, {}});
+      for (Meeting const& my : ys[py]) {
+        for (Meeting const& mx : xs[px]) {
+          auto const row = static_cast<std::size_t>(my.offset + static_cast<std::int64_t>(y.before));
+          auto const column = static_cast<std::size_t>(mx.offset + static_cast<std::int64_t>(x.before));
+          plan.parts.back().taps.push_back({row * plan.pitch + column, s.Taps() - 1 - (my.k * s.kernel_x + mx.k)});
+        }
+      }
+    }
+  }
+  return plan;
+}
+
+// Lays the planes of a group into scratch whose borders are 0 already.
+void LayPlanes(ConvolutionShape const& s, Plan const& plan, float const* from, float* to) {
+  bool const whole = plan.stride_y == 1 && plan.stride_x == 1;
+  rows::PhasePlane plane = {s.in_height,
+                            s.in_width,
+                            plan.top,
+                            plan.left,
+                            s.in_height + plan.top,
+                            plan.padded_width,
+                            plan.stride_x,
+                            whole ? plan.pitch : plan.sub_plane};
+  if (!whole) plane.height = plane.padded_height = 1, plane.top = 0;
+  std::size_t const row_phase = plan.sub_plane * std::min(plan.stride_x, plan.padded_width);
+  for (std::size_t c = 0; c < s.in_per_group; ++c, to += plan.plane) {
+    if (whole) {
+      rows::LayPlane(from, plane, to);
+      from += s.InPlane();
+      continue;
+    }
+    for (std::size_t r = plan.top; r < plan.top + s.in_height; ++r, from += s.in_width) {
+      rows::LayPlane(from, plane, to + r % plan.stride_y * row_phase + r / plan.stride_y * plan.pitch);
+    }
+  }
+}
+
+// The channels of the chain that begins at `first`: those of a sum, or some of one that goes on.
+struct Link {
+  Chain chain;
+  std::size_t channels;
+};
+Link LinkAt(ConvolutionShape const& s, std::size_t first) {
+  bool const one = s.Taps() == 1;
+  std::size_t const most = one ? kChannelsAtHand : FusedChannels(s);
+  return {first == 0 ? Chain::kStarts : one ? Chain::kGoesOn : Chain::kIsAdded, std::min(most, s.in_per_group - first)};
+}
+
+// What is at hand while a group is computed.
+struct Group {
+  ConvolutionShape const& shape;
+  Plan const& plan;
+  float const* input;    // its laid planes
+  float const* weights;  // its kept ones
+  float const* starts;   // [out_per_group]
+  float* output;
+};
+
+std::vector<Tap> TapsAt(Part const& part, Kept const& kept) {
+  std::vector<Tap> taps = part.taps;
+  for (Tap& tap : taps) tap.weight *= kept.tap;
+  return taps;
+}
+
+// Positions [first, first + count) of a part, row by row, for a block of outputs.
+void RunTiles(Group const& group, Part const& part, std::vector<Tap> const& taps, Kept const& kept, std::size_t output,
+              std::size_t first, std::size_t count, std::size_t lanes, float* results) {
+  ConvolutionShape const& s = group.shape;
+  float const* columns[kStrip];
+  std::size_t y = first / part.columns, x = first % part.columns;
+  for (std::size_t p = 0; p < count; ++p) {
+    columns[p] = group.input + y * group.plan.pitch + x;
+    if (++x == part.columns) x = 0, ++y;
+  }
+  rows::FusedTileRun run{};
+  run.columns = columns, run.positions = count;
+  run.input_plane = group.plan.plane;
+  run.taps = taps.data(), run.tap_count = taps.size();
+  run.weight_plane = kept.channel;
+  run.lanes = run.result_step = lanes;
+  run.starts = group.starts + output;
+  run.results = results;
+  for (std::size_t c = 0; c < s.in_per_group; c += run.channels) {
+    Link const link = LinkAt(s, c);
+    run.chain = link.chain, run.channels = link.channels;
+    run.weights = kept.weights + c * kept.channel;
+    rows::RunFusedTiles(run);
+    for (std::size_t p = 0; p < count; ++p) columns[p] += link.channels * run.input_plane;
+  }
+}
+
+// A block of outputs and its weights.
+struct Block {
+  std::size_t first, lanes;
+  Kept kept;
+  std::vector<std::vector<Tap>> taps;  // of each part
+  float* output;
+};
+
+// The columns from `x` on of row y, as many as a strip for each phase.
+void TransposedStrips(Group const& group, Block const& block, std::size_t y, std::size_t x, float* results,
+                      float* turned) {
+  ConvolutionShape const& s = group.shape;
+  Plan const& plan = group.plan;
+  std::size_t const first = x / plan.phases_x, all = std::min(kStrip * plan.phases_x, s.out_width - x);
+  for (std::size_t px = 0; px < std::min(plan.phases_x, all); ++px) {
+    std::size_t const index = y % plan.phases_y * plan.phases_x + px;
+    Part const& part = plan.parts[index];
+    std::size_t const count = std::min(kStrip, part.columns - first);
+    RunTiles(group, part, block.taps[index], block.kept, block.first, y / plan.phases_y * part.columns + first, count,
+             block.lanes, results);
+    rows::TransposeRows(results, block.lanes, count, block.lanes, turned + px * kStrip * kFusedBlock, kStrip);
+  }
+  for (std::size_t lane = 0; lane < block.lanes; ++lane) {
+    rows::MergePhases(turned + lane * kStrip, kStrip * kFusedBlock, plan.phases_x, all,
+                      block.output + lane * s.OutPlane() + y * s.out_width + x);
+  }
+}
+
+void DirectStrip(Group const& group, Block const& block, std::size_t first, float* results) {
+  std::size_t const plane = group.shape.OutPlane(), count = std::min(kStrip, plane - first);
+  RunTiles(group, group.plan.parts[0], block.taps[0], block.kept, block.first, first, count, block.lanes, results);
+  rows::TransposeRows(results, block.lanes, count, block.lanes, block.output + first, plane);
+}
+
+// Outputs in the lanes. `scratch` takes a strip of a block, and another for each phase of a row.
+void ByOutputs(Group const& group, float* scratch) {
+  ConvolutionShape const& s = group.shape;
+  Plan const& plan = group.plan;
+  for (std::size_t o = 0; o < s.out_per_group; o += kFusedBlock) {
+    Block block = {o,
+                   std::min(kFusedBlock, s.out_per_group - o),
+                   KeptAt(s, plan.transposed, group.weights, o),
+                   {},
+                   group.output + o * s.OutPlane()};
+    for (Part const& part : plan.parts) block.taps.push_back(TapsAt(part, block.kept));
+    for (std::size_t first = 0; !plan.transposed && first < s.OutPlane(); first += kStrip) {
+      DirectStrip(group, block, first, scratch);
+    }
+    for (std::size_t y = 0; plan.transposed && y < s.out_height; ++y) {
+      for (std::size_t x = 0; x < s.out_width; x += kStrip * plan.phases_x) {
+        TransposedStrips(group, block, y, x, scratch, scratch + kStrip * kFusedBlock);
+      }
+    }
+  }
+}
+
+// Positions from `first` on in the laid planes, for all outputs of a block.
+void RunRows(Group const& group, std::vector<Tap> const& taps, Kept const& kept, std::size_t output,
+             std::size_t outputs, std::size_t first, std::size_t positions, float* results, std::size_t result_plane) {
+  ConvolutionShape const& s = group.shape;
+  rows::FusedRowRun run{};
+  run.positions = positions;
+  run.input_plane = group.plan.plane;
+  run.taps = taps.data(), run.tap_count = taps.size();
+  run.weight_plane = kept.channel, run.output_step = kept.output;
+  run.outputs = outputs;
+  run.starts = group.starts + output;
+  run.results = results, run.result_plane = result_plane;
+  bool const whole = s.Taps() == 1;  // the inputs of a tile are read once for all outputs
+  for (std::size_t c = 0; c < s.in_per_group; c += run.channels) {
+    Link const link = LinkAt(s, c);
+    run.chain = link.chain, run.channels = whole ? s.in_per_group : link.channels;
+    run.input = group.input + first + c * run.input_plane;
+    run.weights = kept.weights + c * kept.channel;
+    rows::RunFusedRows(run);
+  }
+}
+
+std::size_t WholeVectors(std::size_t positions) {
+  auto const lanes = static_cast<std::size_t>(rows::ActiveLanes());
+  return (positions + lanes - 1) / lanes * lanes;
+}
+
+std::size_t RowsAtATime(Plan const& plan) { return std::max<std::size_t>(1, kRowFloats / plan.pitch); }
+
+// Results at a time of one output and one phase of a row.
+std::size_t RowResults(Plan const& plan) {
+  return WholeVectors(std::min(RowsAtATime(plan), plan.parts[0].rows) * plan.pitch);
+}
+
+// Rows [first, first + count) of a vertical phase, for some outputs from `o` on.
+void PositionRows(Group const& group, Kept const& kept, std::size_t o, std::size_t outputs, std::size_t py,
+                  std::size_t first, std::size_t count, float* results) {
+  ConvolutionShape const& s = group.shape;
+  Plan const& plan = group.plan;
+  std::size_t const pitch = RowResults(plan);
+  for (std::size_t px = 0; px < std::min(plan.phases_x, s.out_width); ++px) {
+    Part const& part = plan.parts[py * plan.phases_x + px];
+    RunRows(group, TapsAt(part, kept), kept, o, outputs, first * plan.pitch,
+            WholeVectors((count - 1) * plan.pitch + part.columns), results + px * outputs * pitch, pitch);
+  }
+  for (std::size_t i = 0; i < outputs * count; ++i) {
+    std::size_t const y = (first + i % count) * plan.phases_y + py;
+    rows::MergePhases(results + i / count * pitch + i % count * plan.pitch, outputs * pitch, plan.phases_x, s.out_width,
+                      group.output + (o + i / count) * s.OutPlane() + y * s.out_width);
+  }
+}
+
+// Positions in the lanes, with those between the rows. `scratch` takes RowResults for each output of a block and phase
+// of a row.
+void ByPositions(Group const& group, float* scratch) {
+  ConvolutionShape const& s = group.shape;
+  Plan const& plan = group.plan;
+  std::size_t const step = RowsAtATime(plan);
+  for (std::size_t o = 0; o < s.out_per_group; o += kFusedBlock) {
+    std::size_t const outputs = std::min(kFusedBlock, s.out_per_group - o);
+    Kept const kept = KeptAt(s, plan.transposed, group.weights, o);
+    for (std::size_t py = 0; py < plan.phases_y; ++py) {
+      std::size_t const all = plan.parts[py * plan.phases_x].rows;
+      for (std::size_t first = 0; first < all; first += step) {
+        PositionRows(group, kept, o, outputs, py, first, std::min(step, all - first), scratch);
+      }
+    }
+  }
+}
+
+// Single taps that lie side by side without a gap: results go where they belong.
+void ByPositionsAsTheyLie(Group const& group) {
+  ConvolutionShape const& s = group.shape;
+  for (std::size_t o = 0; o < s.out_per_group; o += kFusedBlock) {
+    std::size_t const outputs = std::min(kFusedBlock, s.out_per_group - o);
+    Kept const kept = KeptAt(s, group.plan.transposed, group.weights, o);
+    RunRows(group, TapsAt(group.plan.parts[0], kept), kept, o, outputs, 0, s.OutPlane(),
+            group.output + o * s.OutPlane(), s.OutPlane());
+  }
+}
+
+// The input that tap (ky, kx) meets at result (y, x), 0 beyond the edge; or none, in the transposed form.
+bool Meets(ConvolutionShape const& s, bool transposed, std::size_t result, std::size_t tap, float const* plane,
+           float& input) {
+  auto const at = [&](std::size_t p, std::size_t k, std::size_t stride, std::size_t dilation, int before) {
+    return static_cast<std::int64_t>(p * (transposed ? 1 : stride) + k * dilation) - before;
+  };
+  std::int64_t y = at(result / s.out_width, tap / s.kernel_x, s.stride_y, s.dilation_y, s.top);
+  std::int64_t x = at(result % s.out_width, tap % s.kernel_x, s.stride_x, s.dilation_x, s.left);
+  if (transposed) {
+    auto const stride_y = static_cast<std::int64_t>(s.stride_y), stride_x = static_cast<std::int64_t>(s.stride_x);
+    if (y % stride_y != 0 || x % stride_x != 0) return false;
+    y /= stride_y, x /= stride_x;
+  }
+  bool const inside =
+      y >= 0 && x >= 0 && y < static_cast<std::int64_t>(s.in_height) && x < static_cast<std::int64_t>(s.in_width);
+  input = inside ? plane[static_cast<std::size_t>(y) * s.in_width + static_cast<std::size_t>(x)] : 0.0f;
+  return true;
+}
+
+// Without scratch: for borders that would dwarf their input.
+void Plainly(Group const& group) {
+  ConvolutionShape const& s = group.shape;
+  bool const transposed = group.plan.transposed;
+  std::size_t const chain = FusedChannels(s);
+  for (std::size_t i = 0; i < s.out_per_group * s.OutPlane(); ++i) {
+    std::size_t const o = i / s.OutPlane();
+    Kept const kept = KeptAt(s, transposed, group.weights, o);
+    float result = 0.0f, sum = group.starts[o], x = 0.0f;
+    for (std::size_t c = 0; c < s.in_per_group; ++c) {
+      for (std::size_t k = 0; k < s.Taps(); ++k) {
+        if (!Meets(s, transposed, i % s.OutPlane(), k, group.input + c * s.InPlane(), x)) continue;
+        std::size_t const tap = transposed ? s.Taps() - 1 - k : k;
+        sum = std::fmaf(kept.weights[c * kept.channel + tap * kept.tap], x, sum);
+      }
+      if ((c + 1) % chain != 0 && c + 1 != s.in_per_group) continue;
+      result = c < chain ? sum : result + sum;
+      sum = 0.0f;
+    }
+    group.output[i] = result;
+  }
+}
+
+// How a plan is gone through, and the floats that it takes beside the laid planes.
+enum class Way { kOutputs, kPositions, kPositionsAsTheyLie };
+Way WayOf(ConvolutionShape const& s, Plan const& plan) {
+  auto const lanes = static_cast<std::size_t>(rows::ActiveLanes());
+  bool const flat = plan.as_it_lies && s.Taps() == 1 && plan.parts.size() == 1 && s.out_width == plan.pitch;
+  if (flat && s.OutPlane() >= (IsPacked(s) ? 6 * lanes : lanes)) return Way::kPositionsAsTheyLie;
+  return IsPacked(s) ? Way::kOutputs : Way::kPositions;
+}
+double WorkOf(ConvolutionShape const& s, Plan const& plan, Way way) {
+  if (way == Way::kPositionsAsTheyLie) return 0.0;
+  auto const phases = static_cast<double>(plan.phases_x);
+  if (way == Way::kOutputs) return static_cast<double>(kStrip * kFusedBlock) * (1.0 + phases);
+  return phases * static_cast<double>(s.out_per_group) * static_cast<double>(RowResults(plan));
+}
+
+// The inputs, kept weights and results of group g.
+Group GroupAt(ConvolutionShape const& s, Plan const& plan, ConvolutionData const& data, float const* starts,
+              std::size_t g) {
+  return {s,
+          plan,
+          data.input + g * s.in_per_group * s.InPlane(),
+          data.weights + g * s.out_per_group * SumOf(s),
+          starts + g * s.out_per_group,
+          data.output + g * s.out_per_group * s.OutPlane()};
+}
+
+void AllPlainly(ConvolutionShape const& s, Plan const& plan, ConvolutionData const& data, float const* starts) {
+  for (std::size_t g = 0; g < s.groups; ++g) Plainly(GroupAt(s, plan, data, starts, g));
+}
+
+void Convolve(ConvolutionShape const& s, Plan const& plan, ConvolutionData const& data, runtime::DeviceCPU& device) {
+  std::vector<float> const zeros(data.bias == nullptr ? s.groups * s.out_per_group : 0);
+  float const* const starts = data.bias == nullptr ? zeros.data() : data.bias;
+  if (plan.parts.empty()) return AllPlainly(s, plan, data, starts);
+  Way const way = WayOf(s, plan);
+  bool const lays = way == Way::kPositions || !plan.as_it_lies;
+  double const laid = lays ? plan.scratch + rows::kMaxLanes : 0.0, work = WorkOf(s, plan, way);
+  if (laid + work > MostScratch(s)) return AllPlainly(s, plan, data, starts);
+  auto const held = static_cast<std::size_t>(laid);
+  ConvolutionScratch const scratch(device, held + static_cast<std::size_t>(work));
+  std::fill_n(scratch.Data(), held, 0.0f);
+  for (std::size_t g = 0; g < s.groups; ++g) {
+    Group group = GroupAt(s, plan, data, starts, g);
+    if (lays) {
+      LayPlanes(s, plan, group.input, scratch.Data());
+      group.input = scratch.Data();
+    }
+    if (way == Way::kOutputs) ByOutputs(group, scratch.Data() + held);
+    if (way == Way::kPositions) ByPositions(group, scratch.Data() + held);
+    if (way == Way::kPositionsAsTheyLie) ByPositionsAsTheyLie(group);
+  }
+}
+
+}  // namespace
+
+std::size_t FusedChannels(ConvolutionShape const& s) {
+  if (s.Taps() == 1) return s.in_per_group;
+  return std::max<std::size_t>(1, kStepsOfAChain / s.Taps());
+}
+
+std::size_t FusedConvolutionFloats(ConvolutionShape const& s) {
+  return rows::FusedFloats(s.groups * s.out_per_group, SumOf(s));
+}
+
+void PackFusedDirect(ConvolutionShape const& s, float const* weights, float* packed) {
+  std::size_t const group = s.out_per_group * SumOf(s);
+  if (!IsPacked(s)) std::copy_n(weights, s.groups * group, packed);
+  for (std::size_t g = 0; IsPacked(s) && g < s.groups; ++g) {
+    rows::PackFused(weights + g * group, s.out_per_group, SumOf(s), packed + g * group);
+  }
+}
+
+void PackFusedTransposed(ConvolutionShape const& s, float const* weights, float* packed) {
+  std::size_t const group = s.out_per_group * SumOf(s), taps = s.Taps(), opg = s.out_per_group;
+  std::fill_n(packed + s.groups * group, rows::kMaxLanes, 0.0f);
+  if (!IsPacked(s)) std::copy_n(weights, s.groups * group, packed);
+  for (std::size_t g = 0; IsPacked(s) && g < s.groups; ++g) {
+    for (std::size_t o = 0; o < opg; o += kFusedBlock) {
+      std::size_t const width = std::min(kFusedBlock, opg - o);
+      for (std::size_t c = 0; c < s.in_per_group; ++c) {
+        rows::TransposeRows(weights + ((g * s.in_per_group + c) * opg + o) * taps, taps, width, taps,
+                            packed + g * group + o * SumOf(s) + c * taps * width, width);
+      }
+    }
+  }
+}
+
+void ConvolveFused(ConvolutionShape const& shape, ConvolutionData const& data, runtime::DeviceCPU& device) {
+  if (shape.in_per_group == 1 && !IsPacked(shape) && ScratchByColumns(shape) <= MostScratch(shape)) {
+    return ConvolveByColumns(shape, data, device, rows::RunFusedPlane);
+  }
+  Convolve(shape, PlanDirect(shape), data, device);
+}
+
+void ConvolveTransposedFused(ConvolutionShape const& shape, ConvolutionData const& data, runtime::DeviceCPU& device) {
+  if (shape.InPlane() > 0 && shape.stride_y * shape.stride_x <= kMostPhases) {
+    Convolve(shape, PlanTransposed(shape), data, device);
+  } else {
+    Plan plain{};
+    plain.transposed = true;
+    Convolve(shape, plain, data, device);
+  }
+}
+
+}  // namespace talvo::kernel
