@@ -173,6 +173,8 @@ TEST_P(Warp, ShortSourcesAreReadAsFloatsAndMovesStayInside) {
   ExpectSameBits(want, Values(*Warped(58, {1, 0, 0.25f, 0, 100, 0.5f}, shorts, dst)));
   auto const bytes = Image({1, 2, 4}, TensorShape::CHW), wide = FloatImage({1, 2, 4}, TensorShape::CHW, Floats(1, 8));
   auto const before = BytesOf(bytes), wide_before = BytesOf(wide);
+  TensorShape const long_plane({1, 65536, 32768}, TensorShape::UINT8, TensorShape::CHW, TensorShape::MainMemory, {});
+  auto const huge = context_->device_cpu->CreateTensorExternal(long_plane, bytes->data);  // nobody gets to its end
   struct Case {
     int code;
     ImagePtr src, dst;
@@ -181,7 +183,8 @@ TEST_P(Warp, ShortSourcesAreReadAsFloatsAndMovesStayInside) {
   for (Case const& c :
        {Case{56, bytes, wide, "Affine_Float: a move of 4 bytes at byte 5 of src passes its end at 8"},
         {57, wide, bytes, "Affine_INV_Float: a move of 4 bytes at byte 5 of dst passes its end at 8"},
-        {58, bytes, wide, "Affine_INV_BILINEAR_Float: a move of 4 bytes at byte 5 of src passes its end at 8"}}) {
+        {58, bytes, wide, "Affine_INV_BILINEAR_Float: a move of 4 bytes at byte 5 of src passes its end at 8"},
+        {58, huge, wide, "Affine_INV_BILINEAR_Float: a plane of src has 2147483648 elements, needs fewer than 2^31"}}) {
     EXPECT_EQ(Report(c.text), RefusalOf([&] { Warped(c.code, kMatrices[0], c.src, c.dst); }));
   }
   EXPECT_EQ(before, BytesOf(bytes)) << "a refused call moves nothing";

@@ -31,8 +31,8 @@ struct Data {
   std::vector<float> input, weight, bias;
 };
 
-// Values of four kinds in turn: any; special ones among inputs and biases; one special value among the weights, since
-// all together drown every sum in NaN; signed zeros alone.
+// Values of four kinds in turn: any; special ones among inputs and biases, and weights of 0; one special value among
+// the weights, since all together drown every sum in NaN; signed zeros alone.
 Data MakeData(Case const& c, std::uint32_t seed) {
   int const ipg = c.in / c.groups, opg = c.out / c.groups;
   auto const values = [&](std::uint32_t which, int count) {
@@ -45,6 +45,7 @@ Data MakeData(Case const& c, std::uint32_t seed) {
     float const special = test::SpecialFloats(1, 12)[seed / 4 % 12];
     for (std::size_t i = seed / 4 % 7; i < d.weight.size(); i += 7) d.weight[i] = special;
   }
+  for (std::size_t i = 0; seed % 4 == 1 && i < d.weight.size(); i += 5) d.weight[i] = 0.0f;
   std::mt19937 random(seed);
   for (auto* const list : {&d.input, &d.weight, &d.bias}) {
     for (float& value : *list) value = seed % 4 == 3 ? std::copysign(0.0f, random() % 2 == 0 ? 1.0f : -1.0f) : value;
@@ -241,7 +242,7 @@ TEST(Convolution, EveryWayThroughTheTiles) {
   for (auto const& row : cases) {
     SCOPED_TRACE(row.why);
     for (Form const form : {kPlane, kFusedPlane}) {
-      ExpectPlain(form, row.c, row.transposed ? 4 : 6);  // 6: an infinity meets the border
+      for (std::uint32_t seed : {row.transposed ? 4u : 6u, 5u}) ExpectPlain(form, row.c, seed);  // 6: infinite borders
       if (row.transposed) ExpectPlain(form == kPlane ? kTransposed : kFusedTransposed, row.c, 8);
     }
   }
@@ -305,13 +306,18 @@ TEST_P(ConvolutionForms, ReadTheChannelsOfTheirGroupsAndRefuseWhatTheyCannotRead
 }
 
 TEST_P(ConvolutionForms, RefuseWhatHasNoResult) {
-  Case wide = c, uneven = c;
-  wide.kx = 9, wide.l = 0, uneven.out = 5;
+  Case wide = c, far = c, uneven = c;
+  wide.kx = 9, wide.l = 0, far.sx = 65535, far.width = 65538, uneven.out = 5;
   ASSERT_TRUE(Configure(wide, MakeData(wide, 4)));
   EXPECT_GE(kernel->GetOutputShapes({Input(4)->shape}).at(0).dims.back(), 0xFFFFFFFFu) << "it wraps";
   ExpectRefusal(
       " of layer layer 7: an extent of 6 with borders of 0 and 1, kernel 9, stride 1, dilation 1 has no output",
       Input(4));
+  ASSERT_TRUE(Configure(far, d));
+  if (GetParam() == kTransposed) {
+    ExpectRefusal(" of layer layer 7: an extent of 65538 with borders of 1 and 1, kernel 3, stride 65535, dilation 1",
+                  InputOf(kTransposed, *context, far, MakeData(far, 4)));
+  }
   ASSERT_TRUE(Configure(uneven, d));
   ExpectRefusal(" of layer layer 7: the bias has 4 values, needs 5", Input(4));
 }

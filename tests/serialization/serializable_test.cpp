@@ -126,10 +126,10 @@ TEST(Serializable, ClosesItsFilesOnEveryWayOut) {
 }
 
 TEST(JSONText, IsReadUpToAZeroCharacterAndOnlyFromFiles) {
-  TimeInfo time;
-  time.day = 14;
-  ReadFrom(time, Written(time, "json") + std::string(1, '\0') + "no JSON", "json");
-  EXPECT_EQ(time.day, 14u);
+  NetExtraInfo info, back;
+  info.device.assign(2000001, 'x');
+  ReadFrom(back, Written(info, "json") + std::string(1, '\0') + "no JSON", "json");
+  EXPECT_TRUE(back.device == info.device);
   ScratchFile const file(std::string("ab\0cd", 5));
   EXPECT_EQ(utility::ReadJsonFile2StrStream(file.Path()).str(), "ab");
   std::string const text(5000001, 'x');
