@@ -10,6 +10,8 @@ using Values = std::vector<Value>;
 
 struct Mode {
   std::string kind, positions, nearest;
+  double cubic = -0.75;  // the coefficient of the cubic curve
+  bool exclude_outside = false;
 };
 
 // The position in the source of element `at` of an axis that goes from `in` to `out`.
@@ -30,6 +32,28 @@ long long Nearest(std::string const& rule, double position) {
   return static_cast<long long>(std::round(position));
 }
 
+// The weight at `distance` of the cubic convolution with coefficient a. Source: R. Keys, Cubic convolution
+// interpolation for digital image processing, 1981.
+double Cubic(double a, double distance) {
+  double const x = std::abs(distance);
+  if (x <= 1) return ((a + 2) * x - (a + 3)) * x * x + 1;
+  return x < 2 ? ((a * x - 5 * a) * x + 8 * a) * x - 4 * a : 0;
+}
+
+// The four weights around `position`; those outside are left out and the others scaled to 1 where the mode wants it.
+template <class Add>
+void AddCubic(Mode const& mode, double position, long long in, Add const& add) {
+  auto const first = static_cast<long long>(std::floor(position)) - 1;
+  auto const out = [&](long long at) { return mode.exclude_outside && (at < 0 || at >= in); };
+  double sum = 0;
+  for (long long at = first; at < first + 4; ++at) {
+    sum += out(at) ? 0 : Cubic(mode.cubic, position - static_cast<double>(at));
+  }
+  for (long long at = first; at < first + 4; ++at) {
+    if (!out(at)) add(at, Cubic(mode.cubic, position - static_cast<double>(at)) / sum);
+  }
+}
+
 // One axis as a matrix [out, in].
 Floats Matrix(Mode const& mode, long long in, long long out, double scale) {
   Floats matrix(Count({out, in}), 0.0f);
@@ -40,6 +64,8 @@ Floats Matrix(Mode const& mode, long long in, long long out, double scale) {
     };
     if (mode.kind == "nearest") {
       add(Nearest(mode.nearest, position), 1);
+    } else if (mode.kind == "cubic") {
+      AddCubic(mode, position, in, add);
     } else {
       double const down = std::floor(position);
       add(static_cast<long long>(down), 1 - (position - down));
@@ -102,16 +128,20 @@ Values Upsample(Node const& node, Builder& builder) {
   std::vector<double> scales;
   if (node.Given(1)) scales = node.ConstantInput(1).values;
   for (float const scale : node.Floats("scales")) scales.push_back(static_cast<double>(scale));
-  return Resized(x, {kind == "nearest" ? kind : "linear", "asymmetric", "floor"}, Scaled(x.shape, scales), scales,
-                 builder);
+  return Resized(x, {kind == "nearest" ? kind : "linear", "asymmetric", "floor", 0, false}, Scaled(x.shape, scales),
+                 scales, builder);
 }
 
 Values Resize(Node const& node, Builder& builder) {
   if (node.opset < 11) return Upsample(node, builder);
   Value const& x = node.TensorInput(0);
   Mode const mode{node.Word("mode", "nearest"), node.Word("coordinate_transformation_mode", "half_pixel"),
-                  node.Word("nearest_mode", "round_prefer_floor")};
-  if (mode.kind != "nearest" && mode.kind != "linear") throw Refusal("attribute mode = " + mode.kind);
+                  node.Word("nearest_mode", "round_prefer_floor"),
+                  static_cast<double>(node.Float("cubic_coeff_a", -0.75f)), node.Int("exclude_outside", 0) != 0};
+  if (mode.kind != "nearest" && mode.kind != "linear" && mode.kind != "cubic") {
+    throw Refusal("attribute mode = " + mode.kind);
+  }
+  if (mode.kind == "linear" && mode.exclude_outside) throw Refusal("attribute exclude_outside = 1 with mode = linear");
   for (char const* const known : {"half_pixel", "pytorch_half_pixel", "align_corners", "asymmetric", ""}) {
     if (mode.positions == known) break;
     if (*known == '\0') throw Refusal("attribute coordinate_transformation_mode = " + mode.positions);
@@ -126,8 +156,37 @@ Values Resize(Node const& node, Builder& builder) {
   return Resized(x, mode, out, scales, builder);
 }
 
+// One kernel for the pixels of a grid; what it counts differently is said in its coordinates first.
+Values GridSample(Node const& node, Builder& builder) {
+  Value const& x = node.TensorInput(0);
+  Value grid = builder.Tensor(node.Input(1));
+  std::string const mode = node.Word("mode", "bilinear"), padding = node.Word("padding_mode", "zeros");
+  if (mode != "bilinear") throw Refusal("attribute mode = " + mode);
+  if (padding != "zeros" && padding != "border") throw Refusal("attribute padding_mode = " + padding);
+  if (x.shape.size() != 4 || grid.shape.size() != 4 || x.shape[0] != 1 || grid.shape[0] != 1 || grid.shape[3] != 2) {
+    throw Refusal("planes " + Text(x.shape) + " and grid " + Text(grid.shape) + "; a batch of 1 fits");
+  }
+  long long const height = x.shape[2], width = x.shape[3], rows = grid.shape[1], columns = grid.shape[2];
+  if (node.Int("align_corners", 0) != 0) {  // the same pixels in coordinates that end at the pixels' borders
+    Array scale{{2}, onnx::TensorProto::FLOAT, {}};
+    for (long long const extent : {width, height}) {
+      scale.values.push_back(static_cast<double>(extent - 1) / static_cast<double>(extent));
+    }
+    grid = builder.Affine(grid, scale, Scalar(0));
+  }
+  auto const record = std::make_shared<talvo::runtime::GridSampleInfo>();
+  record->mode = 1;
+  record->padding_mode = padding == "border";
+  Value const planes = builder.Flat(x, {x.shape[1], height, width});
+  Value const positions = builder.Flat(grid, {rows, columns, 2});
+  return {builder.Emit(record, "GridSample_Fallback_CHW_Float_M1", {planes, positions}, {x.shape[1], rows, columns},
+                       talvo::runtime::TensorShape::CHW, {1, x.shape[1], rows, columns})};
+}
+
 }  // namespace
 
-void AddResampling(Translators& table) { table.insert({{"Resize", Resize}, {"Upsample", Upsample}}); }
+void AddResampling(Translators& table) {
+  table.insert({{"GridSample", GridSample}, {"Resize", Resize}, {"Upsample", Upsample}});
+}
 
 }  // namespace convert_onnx
