@@ -154,6 +154,9 @@ TEST_P(Crop, FreeFormsRefuseShapesThatDoNotFit) {
     EXPECT_EQ(Report(c.text), RefusalOf([&] { F_Crop_HWC_Arm(c.input, c.y, c.x, c.height, c.width, c.output); }));
   }
   auto blocks = Image({1, 2, 2, 3}, TensorShape::C4HW4), filled = out2;
+  auto const four = Image({1, 2, 2, 4}, TensorShape::C4HW4);
+  auto eight = Image({1, 2, 2, 8}, TensorShape::C4HW4);
+  EXPECT_EQ(Report(""), RefusalOf([&] { F_Crop_C4HW4_Memcpy(four, 0, 0, 2, 2, eight); }));
   EXPECT_EQ(Report(""), RefusalOf([&] { F_Crop_C4HW4_Memcpy(blocks, 0, 0, 2, 2, blocks); }));
   EXPECT_EQ(Report("i_img must be a C8HW8 Layout Tensor."),
             RefusalOf([&] { F_Crop_C8HW8_Memcpy(blocks, 0, 0, 2, 2, blocks); }));

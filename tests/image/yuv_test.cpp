@@ -126,13 +126,16 @@ TEST_P(Yuv, FreeFormsUseTheMatrix) {
   }
 }
 
-TEST_P(Yuv, FreeFormsWithoutABodyRefuse) {
+TEST_P(Yuv, FreeFormsRefuseWithoutABodyAndNarrowPlanes) {
   ImagePtr out;
   for (auto const refused : {F_ColorCvt_NV21_To_RGB_CHW_UInt8_Arm, F_ColorCvt_NV12_To_RGB_CHW_UInt8_Arm}) {
     EXPECT_EQ(Report("Not Implemented."), RefusalOf([&] { refused(out, out, nullptr, out); }));
   }
-  EXPECT_EQ(Report("i_luminancePlane must be a TensorCPUPtr."),
-            RefusalOf([&] { F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Arm(out, out, nullptr, out); }));
+  auto const frame = Image({2, 4}, TensorShape::HWC), narrow = Image({1, 1, 2}, TensorShape::HWC);
+  auto dst = Image({3, 2, 4}, TensorShape::CHW);
+  auto const matrix = std::make_shared<YUVCvtMatrix>();
+  EXPECT_EQ(Report("Shapes of Luminance Plane and Chrominance Plane mismatched."),
+            RefusalOf([&] { F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Arm(frame, narrow, matrix, dst); }));
 }
 
 INSTANTIATE_TEST_SUITE_P(Sets, Yuv, kEverySet);

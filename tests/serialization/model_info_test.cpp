@@ -83,6 +83,7 @@ TEST(TLModelInfo, ReadsAnIdOftenIntoOneRecordAndRefusesMore) {
   model.layers["a"]->input_ids = {"b"};
   TLModelInfoArr models;
   models.squential_ids.assign(8, "net");
+  models.squential_ids.push_back("before it in order");
   ReadFrom(read, Written(model, "json"), "json");
   EXPECT_EQ(read.layers.size(), 1u);
   EXPECT_EQ(read.layers["a"]->input_ids.size(), 8u);
