@@ -259,7 +259,7 @@ TEST(TLModel1Conversion, FindsTheRoundingOfPoolingByTheHeight) {
     bool ceil_mode;
   };
   for (Case const& c : {Case{"rounded up", 5, 3, 2, 0, 2, true}, Case{"rounded down", 5, 2, 2, 0, 2, false},
-                        Case{"nothing to round", 6, 3, 2, 0, 2, true}, Case{"padding", 6, 4, 3, 1, 2, true},
+                        Case{"nothing to round", 7, 4, 4, 0, 1, true}, Case{"padding", 6, 4, 3, 1, 2, true},
                         Case{"neither", 6, 9, 2, 0, 2, false}, Case{"no stride", 6, 3, 2, 0, 0, false}}) {
     SCOPED_TRACE(c.why);
     auto layer = OldLayer<QZLayerInfo_Pooling>(2, {1});
