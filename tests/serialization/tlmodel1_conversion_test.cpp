@@ -248,7 +248,7 @@ TEST(TLModel1Conversion, FindsTheRoundingOfPoolingByTheHeight) {
   using Row = std::tuple<char const*, unsigned int, unsigned int, unsigned short, unsigned short, unsigned short, bool>;
   for (auto const& [why, in_h, out_h, kernel, pad, stride, ceil_mode] :
        {Row{"rounded up", 5, 3, 2, 0, 2, true}, Row{"rounded down", 5, 2, 2, 0, 2, false},
-        Row{"nothing to round", 6, 3, 2, 0, 2, true}, Row{"padding", 6, 4, 3, 1, 2, true},
+        Row{"nothing to round", 7, 4, 4, 0, 1, true}, Row{"padding", 6, 4, 3, 1, 2, true},
         Row{"neither", 6, 9, 2, 0, 2, false}, Row{"no stride", 6, 3, 2, 0, 0, false}}) {
     SCOPED_TRACE(why);
     auto layer = OldLayer<QZLayerInfo_Pooling>(2, {1});
