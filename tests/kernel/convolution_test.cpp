@@ -237,6 +237,7 @@ TEST(Convolution, EveryWayThroughTheTiles) {
       {"few outputs of rows in several parts, stride 2", {1, 6, 3, 61, 60, 3, 3, 2, 2, 1, 1, 1, 1, 1, 1, false}},
       {"several blocks, stride 2", {1, 21, 150, 8, 9, 4, 4, 2, 2, 1, 1, 1, 1, 1, 1, true}},
       {"several strips of a row", {1, 3, 20, 2, 270, 2, 2, 2, 2, 1, 1, 1, 1, 1, 1, true}},
+      {"more phases than are taken apart, several chains", {1, 20, 2, 3, 2, 2, 2, 9, 9, 1, 1, 1, 1, 1, 1, true}},
       {"one result of many weights", {1, 1, 1, 300, 300, 300, 300, 1, 1, 1, 1, 0, 1, 1, 0, true}},
   };
   for (auto const& row : cases) {
@@ -246,6 +247,7 @@ TEST(Convolution, EveryWayThroughTheTiles) {
       if (row.transposed) ExpectPlain(form == kPlane ? kTransposed : kFusedTransposed, row.c, 8);
     }
   }
+  ExpectPlain(kFusedTransposed, {1, 5, 3, 9, 20, 1, 1, 1, 1, 1, 1, -1, -2, -1, 0, true}, 8);  // some of each row
 }
 
 // Worked by hand: a weight of 1, 10, 100 shows in each digit which element it met.
