@@ -7,5 +7,5 @@ nm=$3
 names() { "$nm" -D "$1" "$2" | awk '{ sub(/@.*/, "", $NF); print $NF }' | sort -u; }
 
 called=$(comm -12 <(names --undefined-only "$1") <(names --defined-only "$("$2" -print-file-name=libm.so.6)"))
-exact='(floor|ceil|trunc|round|rint|nearbyint|l?lrint|l?lround|sqrt|fabs|copysign|fmin|fmax|ldexp|scalbl?n|frexp|modf)f?'
+exact='(fma|floor|ceil|trunc|round|rint|nearbyint|l?lrint|l?lround|sqrt|fabs|copysign|fmin|fmax|ldexp|scalbl?n|frexp|modf)f?'
 ! grep -vxE "$exact" <<<"$called" | grep .
