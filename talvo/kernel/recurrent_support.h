@@ -16,7 +16,7 @@ using TensorPtr = std::shared_ptr<runtime::TensorCPU>;
 constexpr unsigned int kRelu = 2, kTanh = 5;  // numbers of `activation_type`
 
 /// What stands behind the matrix products of one step, as in rows/gates.h: `c` is replaced in place, where the family
-/// has a cell state; `h_new` may be `h`, but for an LSTM. All of `size` elements, `a` and `b` of as many for each gate.
+/// has a cell state; `h_new` may be `h`. All of `size` elements, `a` and `b` of as many for each gate.
 struct Step {
   float const *a, *b, *h;
   float *c, *h_new;

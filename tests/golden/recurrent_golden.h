@@ -1,6 +1,6 @@
 // One recurrent layer in both directions, in_size 1, hidden_size 2, from a zero state: rows of the output are steps,
 // the reverse direction behind the forward one. weights[direction] holds weight_ih, weight_hh, bias_ih and bias_hh.
-// Made by make_golden.py. Results are float64 rounded to float32: compare within the error of expf and tanhf.
+// Made by make_golden.py. Results are float64 rounded to float32: compare within the error of exp and tanh in float.
 #pragma once
 
 #include <vector>

@@ -257,6 +257,7 @@ TYPED_TEST(Recurrent, AllButSgemmGiveTheBitsOfTheDefinition) {
   Case const cases[] = {{"one of each", {1, 1, 1, true, false}, 1, 1},
                         {"weights are turned at each step", {5, 7, 1, true, false}, 3, 2},
                         {"weights are packed", {19, 33, 1, false, false}, 4, 9},
+                        {"more cells than a block of gates", {2, 259, 1, true, false}, 1, 2},
                         {"more steps than are made together", {3, 18, 2, true, false}, 67, 130},
                         {"both ways", {6, 17, 1, true, true}, 5, 1},
                         {"layers both ways, over the steps made together", {4, 9, 3, false, true}, 70, 6},

@@ -18,8 +18,8 @@ TALVO_API void lstmcell_arm_c_f32_m1(float const* x, float* h, float* c, unsigne
 /// Runs num_layers cells over x [S, in_size] and writes the last layer's hidden state of each step to
 /// y [S, hidden_size]. h and c [num_layers, hidden_size] are the state before and afterwards. The vectors have an entry
 /// for each layer, those of the biases with `if_bias` alone; layers above the first take hidden_size inputs.
-/// `directions` is not looked at; with `bidirectional` the process ends. Assert: vectors with too few entries, a null
-/// pointer, no memory for the scratch.
+/// `directions` is not looked at; with `bidirectional` the process ends. Assert: 0 layers, vectors with too few
+/// entries, a null pointer, no memory for the scratch.
 TALVO_API void lstm_arm_sc_f32_m1(float* x, float* h, float* c, float* y, unsigned int S, unsigned int in_size,
                                   unsigned int hidden_size, unsigned int num_layers, unsigned int directions,
                                   bool if_bias, bool bidirectional, std::vector<float*> const& weight_ih,

@@ -13,17 +13,16 @@ namespace talvo::kernel::rows {
 // way; a single value is a row of one. NaN gives NaN. Errors are against the exact value, in units in the last place of
 // the result, the greatest of all 2^32 inputs.
 
-/// e^x, error 0.502: the bits of glibc's expf on x86-64 processors with fused multiply-add, for every input.
+/// e^x, error 0.502: the bits of glibc 2.36's expf on x86-64 processors with fused multiply-add, for every input.
 extern Primitive<void(float const* x, std::size_t n, float* y)> const ExpRow;
 
 /// 1 / (e^(0 - x) + 1), each step in float, error 2.48 above -88.7; below, where e^(0 - x) is infinite, it is 0.
 extern Primitive<void(float const* x, std::size_t n, float* y)> const SigmoidRow;
 
-/// tanh(x), error 2.19: the bits of glibc's tanhf on x86-64, for every input. The sign of zero is kept.
+/// tanh(x), error 2.19: the bits of glibc 2.36's tanhf on x86-64, for every input. The sign of zero is kept.
 extern Primitive<void(float const* x, std::size_t n, float* y)> const TanhRow;
 
-/// The natural logarithm, correctly rounded: -infinity for zeros, NaN below. For the kernels of models from other
-/// frameworks.
+/// The natural logarithm, correctly rounded: -infinity for zeros, NaN below.
 extern Primitive<void(float const* x, std::size_t n, float* y)> const LogRow;
 
 }  // namespace talvo::kernel::rows
