@@ -164,6 +164,21 @@ TEST(ConvertOnnx, FoldsNormalisationIntoTheConvolutionBefore) {
   EXPECT_NEAR(100.0, got.at(0).values.at(32), 1e-3);
 }
 
+TEST(ConvertOnnx, SplitsByAllOutputsReadOrNot) {
+  onnx::ModelProto model = SmallModel();
+  auto& graph = *model.mutable_graph();
+  auto &split = *graph.mutable_node(0), &behind = *graph.mutable_node(1);
+  split.set_op_type("Split");
+  split.clear_input(), split.add_input("x"), split.add_output("unread");
+  behind.set_op_type("Relu");
+  behind.clear_input(), behind.add_input("c");
+  auto& axis = *split.add_attribute();
+  axis.set_name("axis"), axis.set_type(onnx::AttributeProto::INT), axis.set_i(1);
+  Array x{{1, 2, 4, 4}, onnx::TensorProto::FLOAT, std::vector<double>(32, 7)};
+  auto const got = convert_onnx::Run(*MakePackage(Convert(model, "", {}), "m"), {{"x", x}});
+  EXPECT_EQ(std::vector<double>(16, 7), got.at(0).values);
+}
+
 TEST(ConvertOnnx, RefusesBadFilesInOneLineAndWritesNothing) {
   ScratchFolder const folder;
   std::string const good = SmallModel().SerializeAsString();
@@ -203,6 +218,17 @@ TEST(ConvertOnnx, RefusesBadFilesInOneLineAndWritesNothing) {
       {"shapes that disagree", "weights 2x3x1x1", changed([](Model&, Graph& g) {
          g.mutable_initializer(0)->set_dims(0, 2);
          g.mutable_initializer(0)->set_dims(1, 3);
+       })},
+      {"an axis that is cut twice", "axis 2 is cut twice", changed([](Model&, Graph& g) {
+         auto& node = *g.mutable_node(0);
+         node.set_op_type("Slice");
+         node.clear_input(), node.add_input("x");
+         for (char const* const name : {"starts", "ends", "axes"}) {
+           auto& bounds = *g.add_initializer();
+           bounds.set_name(name), bounds.set_data_type(onnx::TensorProto::INT64), bounds.add_dims(2);
+           for (int const value : {2, -2}) bounds.add_int64_data(value);
+           node.add_input(name);
+         }
        })},
       {"an opset of tomorrow", "opset 900",
        changed([](Model& m, Graph&) { m.mutable_opset_import(0)->set_version(900); })},

@@ -1,5 +1,6 @@
 #include "tools/convert_onnx/array.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -16,7 +17,8 @@ using onnx::TensorProto;
 
 constexpr long long kMaximumElements = 1ll << 28;
 
-std::string External(TensorProto const& tensor, std::string const& folder) {
+// The bytes of `count` elements, of 8 bytes at most.
+std::string External(TensorProto const& tensor, std::size_t count, std::string const& folder) {
   std::string location;
   unsigned long long offset = 0, length = 0;
   bool whole = true;
@@ -36,7 +38,9 @@ std::string External(TensorProto const& tensor, std::string const& folder) {
     throw Refusal(who + "holds " + std::to_string(size) + " bytes, needs " + std::to_string(length) + " from " +
                   std::to_string(offset));
   }
-  std::string bytes(whole ? size - offset : length, '\0');
+  std::size_t const taken = whole ? size - offset : length;
+  if (taken / 8 > count) throw Refusal(who + "holds " + std::to_string(taken) + " bytes, too many for its shape");
+  std::string bytes(taken, '\0');
   std::ifstream stream(std::filesystem::path(folder) / path, std::ios::binary);
   stream.seekg(static_cast<std::streamoff>(offset));
   if (!stream.read(bytes.data(), static_cast<std::streamsize>(bytes.size()))) throw Refusal(who + "cannot be read");
@@ -49,7 +53,8 @@ double HalfBits(unsigned short bits) {
 
 template <class T>
 void Decode(std::string const& bytes, std::vector<double>& values) {
-  for (std::size_t i = 0; i + sizeof(T) <= bytes.size(); i += sizeof(T)) {
+  if (bytes.size() % sizeof(T) != 0) throw Refusal(std::to_string(bytes.size()) + " bytes are no whole elements");
+  for (std::size_t i = 0; i < bytes.size(); i += sizeof(T)) {
     T value;
     std::memcpy(&value, &bytes[i], sizeof(T));
     values.push_back(static_cast<double>(value));
@@ -127,9 +132,9 @@ std::size_t Count(Shape const& shape) {
     if (extent < 0 || (extent > 0 && count > kMaximumElements / extent)) {
       throw Refusal("shape " + Text(shape) + " is no shape of at most 2^28 elements");
     }
-    count *= extent;
+    if (extent > 0) count *= extent;  // a product of parts stays in bounds where another extent is 0
   }
-  return static_cast<std::size_t>(count);
+  return std::count(shape.begin(), shape.end(), 0) > 0 ? 0 : static_cast<std::size_t>(count);
 }
 
 long long Product(Shape const& shape, std::size_t begin, std::size_t end) {
@@ -225,7 +230,7 @@ Array ReadTensor(TensorProto const& tensor, std::string const& folder) {
   if (!IsNumber(array.type)) throw Refusal(who + "element type " + TypeName(array.type) + " is not read");
   std::size_t const count = Count(array.shape);
   if (tensor.data_location() == TensorProto::EXTERNAL) {
-    DecodeRaw(array.type, External(tensor, folder), array.values);
+    DecodeRaw(array.type, External(tensor, count, folder), array.values);
   } else if (tensor.has_raw_data()) {
     DecodeRaw(array.type, tensor.raw_data(), array.values);
   } else {

@@ -368,7 +368,7 @@ Value Builder::Convolve(Value const& planes, Floats weight, Floats bias, long lo
   long long const columns = planes.dims[2] + w.left + w.right - w.dilation_x * (w.kernel_x - 1) - 1;
   if (rows < 0 || columns < 0) throw Refusal("a window larger than the padded input " + Text(planes.dims));
   Shape const dims = {out, rows / w.stride_y + 1, columns / w.stride_x + 1};
-  bool const point = w.kernel_x * w.kernel_y * w.stride_x * w.stride_y * w.dilation_x * w.dilation_y == 1 &&
+  bool const point = std::max({w.kernel_x, w.kernel_y, w.stride_x, w.stride_y, w.dilation_x, w.dilation_y}) == 1 &&
                      groups == 1 && w.top + w.left + w.bottom + w.right == 0;
   Value const value = Emit(
       record,

@@ -289,6 +289,9 @@ std::vector<Range> SliceRanges(Node const& node, Shape const& shape) {
   std::vector<Range> ranges;
   for (std::size_t i = 0; i < starts.size(); ++i) {
     std::size_t const axis = Axis(axes[i], shape.size());
+    for (Range const& before : ranges) {
+      if (before.axis == axis) throw Refusal("axis " + std::to_string(axis) + " is cut twice");
+    }
     long long const extent = shape[axis], step = steps[i];
     if (step == 0 || step < -2147483647 || step > 2147483647) throw Refusal("a step of " + std::to_string(step));
     auto const bound = [&](long long at) {

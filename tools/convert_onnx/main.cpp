@@ -59,7 +59,11 @@ void CheckPackage(TLNModel const& package, Arguments const& arguments, Conversio
     for (std::size_t i = 0; i < inputs.size() && i < conversion.inputs.size(); ++i)
       named[conversion.inputs[i]] = inputs[i];
     auto const got = Run(package, named);
-    for (std::size_t i = 0; i < got.size() && i < outputs.size(); ++i) {
+    if (outputs.size() < got.size()) {
+      throw Refusal(folder + ": holds " + std::to_string(outputs.size()) + " outputs, the package makes " +
+                    std::to_string(got.size()));
+    }
+    for (std::size_t i = 0; i < got.size(); ++i) {
       std::string const off = Difference(got[i], outputs[i], arguments.bounds);
       if (!off.empty())
         throw Refusal(folder + ": output " + conversion.outputs[i] + ": " + off + "; nothing is written");

@@ -92,6 +92,7 @@ Shape OutputShape(long long batch, long long channels, Shape const& extents) {
 }
 
 Floats Tiled(Floats const& values, long long times) {
+  Count({times, static_cast<long long>(values.size())});  // refuses more than a tensor may hold
   Floats result;
   for (long long i = 0; i < times; ++i) result.insert(result.end(), values.begin(), values.end());
   return result;
@@ -144,7 +145,8 @@ Values Convolution(Node const& node, Builder& builder) {
   Shape const extents = Extents(s);
   long long const batch = x.shape[0], out = w.shape[0], groups = node.Int("group", 1);
   long long channels = x.shape[1], each = out;
-  if (groups < 1 || groups > channels || w.shape[1] * groups != channels || out % groups != 0) {
+  if (groups < 1 || groups > channels || channels % groups != 0 || w.shape[1] != channels / groups ||
+      out % groups != 0) {
     throw Refusal("group = " + std::to_string(groups) + ", weights " + Text(w.shape) + " and " +
                   std::to_string(channels) + " channels disagree");
   }
@@ -182,6 +184,7 @@ void CutTransposed(Node const& node, Spatial& s, Shape const& full) {
     s.begin = s.end = Shape(rank, 0);
   }
   for (std::size_t i = 0; i < wanted.size(); ++i) {
+    if (wanted[i] < 1) throw Refusal("attribute output_shape = " + Text(wanted));
     long long const total = full[i] - wanted[i];
     long long const half = total >= 0 ? total / 2 : (total - 1) / 2;  // below 0 the result is widened, at its end first
     s.begin[i] = mode == "SAME_UPPER" ? half : total - half;
@@ -217,11 +220,12 @@ Values TransposedConvolution(Node const& node, Builder& builder) {
     extents.push_back(full[i] - s.begin[i] - s.end[i]);
     if (extents[i] < 1) throw Refusal("a result of " + Text(extents));
   }
-  long long const batch = x.shape[0], channels = x.shape[1], groups = node.Int("group", 1), out = w.shape[1] * groups;
-  if (groups < 1 || w.shape[0] != channels || channels % groups != 0) {
+  long long const batch = x.shape[0], channels = x.shape[1], groups = node.Int("group", 1);
+  if (groups < 1 || groups > channels || w.shape[0] != channels || channels % groups != 0) {
     throw Refusal("group = " + std::to_string(groups) + ", weights " + Text(w.shape) + " and " +
                   std::to_string(channels) + " channels disagree");
   }
+  long long const out = w.shape[1] * groups;
   if (rank == 1) AddPlaneAxis(s), extra.push_back(0);
   Value const planes = builder.Flat(x, {batch * channels, s.size[0], s.size[1]});
   Value const made = builder.Transposed(planes, Tiled(w.Floats(), batch), Tiled(Bias(node, out), batch), batch * out,
@@ -267,7 +271,8 @@ Values Pooling(Node const& node, Builder& builder) {
     long long const span = s.size[i] + s.begin[i] + s.end[i] - s.dilations[i] * (s.kernel[i] - 1) - 1;
     long long const over = (s.strides[i] - span % s.strides[i]) % s.strides[i];
     if (over != 0 && !maximum && count_padding) throw Refusal("attribute ceil_mode = 1 with count_include_pad = 1");
-    s.end[i] += over;
+    bool const reaches = over != 0 && (Extents(s)[i]) * s.strides[i] < s.size[i] + s.begin[i];
+    if (reaches) s.end[i] += over;  // else the last window would begin behind the input
   }
   Shape const extents = Extents(s);
   long long const planes = x.shape[0] * x.shape[1];

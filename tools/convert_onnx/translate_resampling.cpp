@@ -26,6 +26,7 @@ double Position(Mode const& mode, long long at, long long in, long long out, dou
 long long Nearest(std::string const& rule, double position) {
   if (rule == "floor") return static_cast<long long>(std::floor(position));
   if (rule == "ceil") return static_cast<long long>(std::ceil(position));
+  if (rule != "round_prefer_floor" && rule != "round_prefer_ceil") throw Refusal("attribute nearest_mode = " + rule);
   double const down = std::floor(position);
   bool const half = position - down == 0.5;
   if (half) return static_cast<long long>(rule == "round_prefer_floor" ? down : down + 1);

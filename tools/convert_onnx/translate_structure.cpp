@@ -66,11 +66,11 @@ Values Split(Node const& node, Builder& builder) {
   Value const& x = node.TensorInput(0);
   std::size_t const axis = Axis(node.Int("axis", 0), x.shape.size());
   auto parts = node.IntsAt(1, "split");
-  auto const outputs = static_cast<long long>(node.wanted.size());
+  int const outputs = node.proto.output_size();  // those that nobody reads too
   if (parts.empty()) {
     if (outputs == 0 || x.shape[axis] % outputs != 0)
       throw Refusal("an extent of " + std::to_string(x.shape[axis]) + " in " + std::to_string(outputs) + " parts");
-    parts.assign(node.wanted.size(), x.shape[axis] / outputs);
+    parts.assign(static_cast<std::size_t>(outputs), x.shape[axis] / outputs);
   }
   long long at = 0;
   Values made;
