@@ -377,7 +377,7 @@ struct SequenceOperation : Operation {
   std::vector<Weights> layers;  // a row of the state each: for each layer the forward one, then the reverse one
 };
 
-// The judgements and the reading of a record of class Info, for the three variants of a family.
+// The judgements and the reading of a record of class Info, for all variants of a family.
 template <class Info>
 struct CellOf : CellOperation {
   using CellOperation::CellOperation;

@@ -183,6 +183,7 @@ class Builder {
 
   void Wire(Layer& layer, LayerInfo const& info, std::size_t index) {
     CheckRepetitions(info.input_ids, "inputs", &info.id);
+    unsigned int const reader = index_of_[info.id];  // once: a long id takes long to find
     for (std::size_t position = 0; position < info.input_ids.size(); ++position) {
       unsigned int const producer = index_of_[info.input_ids[position]];  // an id that no layer has enters as layer 0
       if (producer >= index) {
@@ -191,7 +192,7 @@ class Builder {
                info.input_ids[position].c_str());
       }
       layer.input_refs.emplace_back(producer, 0u);
-      layers_[producer]->consumers.emplace_back(index_of_[info.id], static_cast<std::uint32_t>(position));
+      layers_[producer]->consumers.emplace_back(reader, static_cast<std::uint32_t>(position));
     }
   }
 

@@ -34,7 +34,14 @@ constexpr bool kIsList = false;
 template <class T>
 constexpr bool kIsList<std::vector<T>> = true;
 
-std::string Joined(std::string const& path, char const* key) { return path.empty() ? key : path + "." + key; }
+// A message is cut at 2047 characters: what is behind them is left out here, or a long id would be copied for each of
+// the records below it.
+std::string Joined(std::string const& path, char const* key) {
+  constexpr std::size_t kShown = 2048;
+  if (path.size() > kShown) return path;
+  std::string const shown(key, strnlen(key, kShown));
+  return path.empty() ? shown : path + "." + shown;
+}
 
 void AssertAt(bool condition, std::string const& path, char const* key, char const* problem) {
   if (!condition) utility::Refuse("JSON: %s: key \"%s\", path \"%s\"", problem, key, Joined(path, key).c_str());

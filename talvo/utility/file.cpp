@@ -2,7 +2,7 @@
 
 #include <sys/stat.h>
 
-#include <new>
+#include <exception>
 #include <utility>
 
 #include "talvo/utility/file_support.h"
@@ -34,7 +34,7 @@ FileReading ReadWholeFile(char const* path, std::string& content) {
 bool LoadFile(std::string path, std::string& content) {
   try {
     return ReadWholeFile(path.c_str(), content) == FileReading::kWhole;
-  } catch (std::bad_alloc const&) {  // the answer to every failure is false, and a caller can go on with less
+  } catch (std::exception const&) {  // the answer to every failure is false, and a caller can go on with less
     return false;
   }
 }

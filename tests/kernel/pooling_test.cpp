@@ -180,6 +180,16 @@ TEST(Pooling, TakesNoMoreMemoryThanASmallMultiple) {
   auto const repeated = WindowInfo<runtime::MaxPool2dInfo>(Window{65535, 65535, 1, 1});
   repeated->dilation_y = repeated->dilation_x = 0;
   ExpectSame({{1, 1, 2}, {5.0f, -3.0f}}, Pool<Pooling2D_Max_Fallback_Float_M1>(repeated, {{1, 1, 2}, {5.0f, -3.0f}}));
+  // 9e8 taps an output, one of them inside.
+  Window const border = {30000, 30000, 20000, 20000, 30000, 30000, 30000, 30000};
+  auto const average = WindowInfo<runtime::AvgPool2dInfo>(border);
+  average->count_include_pad = true;
+  float const one = 5.0f / 9e8f;
+  ExpectSame({{1, 2, 2}, {0, 0, 0, one}}, Pool<Pooling2D_Avg_Fallback_Float_M1>(average, {{1, 1, 1}, {5.0f}}));
+  float const low = std::numeric_limits<float>::lowest();
+  auto const maximum = WindowInfo<runtime::MaxPool2dInfo>(border);
+  maximum->dilation_y = maximum->dilation_x = 1;
+  ExpectSame({{1, 2, 2}, {low, low, low, 3.0f}}, Pool<Pooling2D_Max_Fallback_Float_M1>(maximum, {{1, 1, 1}, {3.0f}}));
 }
 
 TEST(Pooling, SizesOfTheTwoKindsDiffer) {

@@ -41,12 +41,13 @@ rows::PhasePlane PlaneOf(PoolingShape const& shape, PoolingWindow const& window)
           aligned ? (phase + kLine - 1) / kLine * kLine : phase};
 }
 
-// Whether a padded plane is laid out in scratch. A border may be many times as large as what is pooled; then each
-// output is folded by itself, as it is where there are no taps.
+// Whether a padded plane is laid out in scratch. A border may be many times as large as what is pooled, and most taps
+// may lie in it; then each output is folded by itself, as it is where there are no taps.
 bool LaysOut(PoolingShape const& shape, PoolingWindow const& window) {
   if (shape.channels == 0 || window.kernel_y == 0 || window.kernel_x == 0) return false;
   std::size_t const served = shape.height * shape.width + shape.out_height * shape.out_width;
   std::size_t const count = PlaneOf(shape, window).Count();
+  if (window.kernel_y * window.kernel_x > 4 * shape.height * shape.width + 64) return false;
   return count <= 4 * served + 4096 && count + shape.out_height * shape.out_width <= kMostFloats;
 }
 
@@ -90,22 +91,49 @@ std::size_t InnerOutputs(std::size_t outputs, std::size_t kernel, std::size_t di
   return reach >= extent ? 0 : std::min(outputs, (extent - 1 - reach) / stride + 1);
 }
 
+// The taps of one output along one axis, `start` + i * `dilation` for i < kernel of the padded extent: those before
+// `first` lie in front of the plane, those from `end` on behind it.
+struct AxisTaps {
+  AxisTaps(std::size_t start, std::size_t kernel, std::size_t dilation, std::size_t before, std::size_t extent,
+           std::size_t after)
+      : origin(start), step(std::max<std::size_t>(dilation, 1)), front(before), count(kernel) {
+    auto const below = [&](std::size_t place) {
+      return start >= place ? 0 : std::min(kernel, (place - start + step - 1) / step);
+    };
+    first = below(before), end = below(before + extent);
+    last_is_border = after > 0 || extent == 0;
+  }
+  std::size_t Place(std::size_t i) const { return origin + i * step - front; }
+
+  std::size_t origin, step, front, count, first, end;
+  bool last_is_border;  // else taps behind the padded plane read the last of the plane
+};
+
+// Folds the taps along one row of the plane. Whatever is folded again and again, the border or a last value or row,
+// changes a sum of floats and a maximum once at most, so that a border takes no time, however wide.
+template <class Kind>
+float FoldRow(float fold, float const* row, std::size_t width, AxisTaps const& taps) {
+  if (taps.first > 0) fold = Kind::Fold(fold, Kind::kStart);
+  for (std::size_t i = taps.first; i < taps.end; ++i) fold = Kind::Fold(fold, row[taps.Place(i)]);
+  if (taps.end < taps.count) fold = Kind::Fold(fold, taps.last_is_border ? Kind::kStart : row[width - 1]);
+  return fold;
+}
+
 // Output (y, q) of the plane x by the definition: taps behind the padded plane read its last row or column.
 template <class Kind>
 float FoldOne(float const* x, PoolingShape const& shape, PoolingWindow const& window, std::size_t y, std::size_t q) {
-  std::size_t const last_row = shape.height + window.padding_t + window.padding_b - 1,
-                    last_column = shape.width + window.padding_l + window.padding_r - 1;
+  AxisTaps const down(y * window.stride_y, window.kernel_y, window.dilation_y, window.padding_t, shape.height,
+                      window.padding_b);
+  AxisTaps const across(q * window.stride_x, window.kernel_x, window.dilation_x, window.padding_l, shape.width,
+                        window.padding_r);
   float fold = Kind::kStart;
-  for (std::size_t ky = 0; ky < window.kernel_y; ++ky) {
-    // Rows and columns before the plane wrap around and lie behind it.
-    std::size_t const row = std::min(y * window.stride_y + ky * window.dilation_y, last_row) - window.padding_t;
-    for (std::size_t kx = 0; kx < window.kernel_x; ++kx) {
-      std::size_t const column = std::min(q * window.stride_x + kx * window.dilation_x, last_column) - window.padding_l;
-      bool const inside = row < shape.height && column < shape.width;
-      fold = Kind::Fold(fold, inside ? x[row * shape.width + column] : Kind::kStart);
-    }
+  if (down.first > 0) fold = Kind::Fold(fold, Kind::kStart);
+  for (std::size_t ky = down.first; ky < down.end; ++ky) {
+    fold = FoldRow<Kind>(fold, x + down.Place(ky) * shape.width, shape.width, across);
   }
-  return fold;
+  if (down.end == down.count) return fold;
+  return down.last_is_border ? Kind::Fold(fold, Kind::kStart)
+                             : FoldRow<Kind>(fold, x + (shape.height - 1) * shape.width, shape.width, across);
 }
 
 // Outputs (y, first) to (y, out_width - 1), and the end in `out`.

@@ -31,7 +31,7 @@ struct FusedTileRun {
   std::size_t positions;
   std::size_t channels, input_plane;  // input channels, and from one to the next
   Tap const* taps;                    // in the order of the chain
-  std::size_t tap_count;              // 1 or more
+  std::size_t tap_count;              // 0 leaves the starts
   float const* weights;               // the first channel's; weights + taps[t].weight has all lanes
   std::size_t weight_plane;           // from one input channel to the next
   std::size_t lanes;                  // 1 .. kFusedBlock
