@@ -348,17 +348,27 @@ Value Builder::Binary(Operator op, Value const& a, Value const& b) {
   return Combine(op, Tensor(a), Tensor(b));
 }
 
+namespace {
+
+// What both kinds of convolution have but for their paddings.
+template <class Record>
+void SetFields(Record& record, long long in, long long out, long long groups, Window const& w) {
+  record.in_channels = Field(in, "in_channels");
+  record.out_channels = Field(out, "out_channels");
+  record.groups = Field(groups, "groups");
+  record.kernel_x = Field(w.kernel_x, "kernel_x");
+  record.kernel_y = Field(w.kernel_y, "kernel_y");
+  record.stride_x = Field(w.stride_x, "stride_x");
+  record.stride_y = Field(w.stride_y, "stride_y");
+  record.dilation_x = Field(w.dilation_x, "dilation_x");
+  record.dilation_y = Field(w.dilation_y, "dilation_y");
+}
+
+}  // namespace
+
 Value Builder::Convolve(Value const& planes, Floats weight, Floats bias, long long out, long long groups, Window w) {
   auto const record = std::make_shared<Conv2dInfo>();
-  record->in_channels = Field(planes.dims[0], "in_channels");
-  record->out_channels = Field(out, "out_channels");
-  record->groups = Field(groups, "groups");
-  record->kernel_x = Field(w.kernel_x, "kernel_x");
-  record->kernel_y = Field(w.kernel_y, "kernel_y");
-  record->stride_x = Field(w.stride_x, "stride_x");
-  record->stride_y = Field(w.stride_y, "stride_y");
-  record->dilation_x = Field(w.dilation_x, "dilation_x");
-  record->dilation_y = Field(w.dilation_y, "dilation_y");
+  SetFields(*record, planes.dims[0], out, groups, w);
   record->padding_l = Field(w.left, "a padding");
   record->padding_t = Field(w.top, "a padding");
   record->padding_r = Field(w.right, "a padding");
@@ -381,15 +391,7 @@ Value Builder::Convolve(Value const& planes, Floats weight, Floats bias, long lo
 
 Value Builder::Transposed(Value const& planes, Floats weight, Floats bias, long long out, long long groups, Window w) {
   auto const record = std::make_shared<ConvTranspose2dInfo>();
-  record->in_channels = Field(planes.dims[0], "in_channels");
-  record->out_channels = Field(out, "out_channels");
-  record->groups = Field(groups, "groups");
-  record->kernel_x = Field(w.kernel_x, "kernel_x");
-  record->kernel_y = Field(w.kernel_y, "kernel_y");
-  record->stride_x = Field(w.stride_x, "stride_x");
-  record->stride_y = Field(w.stride_y, "stride_y");
-  record->dilation_x = Field(w.dilation_x, "dilation_x");
-  record->dilation_y = Field(w.dilation_y, "dilation_y");
+  SetFields(*record, planes.dims[0], out, groups, w);
   record->padding_l = Signed(w.left, "a padding");
   record->padding_t = Signed(w.top, "a padding");
   record->padding_r = Signed(w.right, "a padding");
