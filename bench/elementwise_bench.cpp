@@ -109,6 +109,10 @@ int main(int argc, char** argv) {
   RegisterBroadcast("Broadcast_Mul/64x56x56_by_64x1x1", 2, {{64, 56, 56}, {64, 1, 1}});
   RegisterBroadcast("Broadcast_Larger/64x56x56_by_56", 4, {{64, 56, 56}, {56}});
   RegisterBroadcast("Broadcast_Add/64x3136x1_by_64x3136x1", 0, {{64, 3136, 1}, {64, 3136, 1}});
+  benchmark::RegisterBenchmark("Memcpy/64Kx4", Memcpy, std::size_t{4} << 16);
+  RegisterBroadcast("Broadcast_Add/64Kx4_by_4", 0, {{1 << 16, 4}, {4}});
+  RegisterBroadcast("Broadcast_Mul/64Kx4_by_64Kx1", 2, {{1 << 16, 4}, {1 << 16, 1}});
+  RegisterBroadcast("Broadcast_Sub/4Kx7x9_by_7x1", 1, {{1 << 12, 7, 9}, {7, 1}});
   benchmark::RegisterBenchmark("PlainSumOfLastAxis/3584x56", PlainSumOfLastAxis, std::size_t{3584}, std::size_t{56});
   RegisterReduction("Mean_of_image_axes/64x56x56", {2, 3}, {64, 56, 56});
   RegisterReduction("Mean_of_channels/64x56x56", {1}, {64, 56, 56});

@@ -124,6 +124,26 @@ void RegisterColours() {
           for (std::size_t k = 0; k < 3; ++k) to[i * 3 + k] = from[k * kPixels + i];
         }
       });
+  auto const planes4 = Make({4, kH, kW}, TensorShape::CHW), plane = Make({kH, kW, 1}, TensorShape::HWC);
+  Register(
+      "HWC2CHW/1080p_4", rgba, planes4, [](Image& s, Image& d) { process.HWC2CHW(s, d, nullptr); },
+      [](unsigned char const* from, unsigned char* to) {
+        for (std::size_t i = 0; i < kPixels; ++i) {
+          for (std::size_t k = 0; k < 4; ++k) to[k * kPixels + i] = from[i * 4 + k];
+        }
+      });
+  Register(
+      "CHW2HWC/1080p_4", planes4, rgba, [](Image& s, Image& d) { process.CHW2HWC(s, d, nullptr); },
+      [](unsigned char const* from, unsigned char* to) {
+        for (std::size_t i = 0; i < kPixels; ++i) {
+          for (std::size_t k = 0; k < 4; ++k) to[i * 4 + k] = from[k * kPixels + i];
+        }
+      });
+  Register(
+      "HWC2CHW/1080p_1", plane, gray, [](Image& s, Image& d) { process.HWC2CHW(s, d, nullptr); },
+      [](unsigned char const* from, unsigned char* to) {
+        for (std::size_t i = 0; i < kPixels; ++i) to[i] = from[i];
+      });
   auto const weighted = [](std::size_t step) {
     return [=](unsigned char const* from, unsigned char* to) {
       for (std::size_t i = 0; i < kPixels; ++i) {
@@ -136,6 +156,15 @@ void RegisterColours() {
       "RGB2Gray/1080p", pixels, gray, [](Image& s, Image& d) { process.ConvertRGB2Gray(s, d, nullptr); }, weighted(3));
   Register(
       "RGBA2Gray/1080p", rgba, gray, [](Image& s, Image& d) { process.ConvertRGBA2Gray(s, d, nullptr); }, weighted(4));
+  auto const in_double = [](std::size_t step) {
+    return [=](unsigned char const* from, unsigned char* to) {
+      double const first = step == 3 ? 0.299 : 0.114, third = step == 3 ? 0.114 : 0.299;
+      for (std::size_t i = 0; i < kPixels; ++i) {
+        unsigned char const* const p = from + i * step;
+        to[i] = static_cast<unsigned char>(first * p[0] + 0.587 * p[1] + third * p[2]);
+      }
+    };
+  };
   // The yardstick of gray: a loop that reads as many bytes for each pixel as there are channels, and writes one.
   auto const traffic = [=](std::string const& name, Image const& input, auto join) {
     benchmark::RegisterBenchmark((name + "/traffic").c_str(), [=](benchmark::State& state) {
@@ -151,7 +180,10 @@ void RegisterColours() {
           [](unsigned char const* p) { return p[0] ^ p[kPixels] ^ p[2 * kPixels] ^ p[3 * kPixels]; });
   Register(
       "FreeGray/1080p", pixels, gray, [](Image& s, Image& d) { F_ColorCvt_RGB888_To_Gray8_Fallback(s, d); },
-      weighted(3));
+      in_double(3));
+  Register(
+      "FreeGrayFour/1080p", rgba, gray, [](Image& s, Image& d) { F_ColorCvt_RGBA8888_To_Gray8_Fallback(s, d); },
+      in_double(4));
 }
 
 void RegisterTurns() {

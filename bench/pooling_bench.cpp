@@ -56,28 +56,70 @@ Info Window3x3(unsigned short stride) {
   return info;
 }
 
+runtime::MaxPool2dInfo Maximum3x3(unsigned short stride, bool ceil_mode = false) {
+  auto info = Window3x3<runtime::MaxPool2dInfo>(stride);
+  info.dilation_x = info.dilation_y = 1;
+  info.ceil_mode = ceil_mode;
+  if (ceil_mode) info.padding_l = info.padding_t = info.padding_r = info.padding_b = 0;
+  return info;
+}
+
+runtime::AvgPool2dInfo Average3x3() {
+  auto info = Window3x3<runtime::AvgPool2dInfo>(1);
+  info.count_include_pad = true;
+  return info;
+}
+
+runtime::MaxPool2dInfo MaximumOfThree(bool down) {
+  auto info = Maximum3x3(1);
+  (down ? info.kernel_x : info.kernel_y) = 1;
+  (down ? info.padding_l : info.padding_t) = (down ? info.padding_r : info.padding_b) = 0;
+  return info;
+}
+
+runtime::AdaptiveAvgPool2dInfo Global() {
+  runtime::AdaptiveAvgPool2dInfo info;
+  info.output_size = {1, 1};
+  return info;
+}
+
 }  // namespace
 
 int main(int count, char** words) {
-  auto max = Window3x3<runtime::MaxPool2dInfo>(2);
-  max.dilation_x = max.dilation_y = 1;
-  auto average = Window3x3<runtime::AvgPool2dInfo>(1);
-  average.count_include_pad = true;
-  runtime::AdaptiveAvgPool2dInfo adaptive;
-  adaptive.output_size = {1, 1};
-  benchmark::RegisterBenchmark("memcpy/64x112x112", Memcpy, std::vector<unsigned int>{64, 112, 112});
-  benchmark::RegisterBenchmark("MaxPool/3x3s2/64x112x112",
-                               Pool<kernel::Pooling2D_Max_Fallback_Float_M1, runtime::MaxPool2dInfo>,
-                               std::vector<unsigned int>{64, 112, 112}, max);
-  benchmark::RegisterBenchmark("memcpy/64x56x56", Memcpy, std::vector<unsigned int>{64, 56, 56});
-  benchmark::RegisterBenchmark("AvgPool/3x3s1/64x56x56",
-                               Pool<kernel::Pooling2D_Avg_Fallback_Float_M1, runtime::AvgPool2dInfo>,
-                               std::vector<unsigned int>{64, 56, 56}, average);
-  benchmark::RegisterBenchmark("memcpy/512x7x7", Memcpy, std::vector<unsigned int>{512, 7, 7});
-  benchmark::RegisterBenchmark(
-      "AdaptivePool/1x1/512x7x7",
-      Pool<kernel::AdaptivePooling2D_Avg_Fallback_CHW_Float_M1, runtime::AdaptiveAvgPool2dInfo>,
-      std::vector<unsigned int>{512, 7, 7}, adaptive);
+  using Dims = std::vector<unsigned int>;
+  auto const memcpy_of = [](char const* name, Dims const& dims) { benchmark::RegisterBenchmark(name, Memcpy, dims); };
+  auto const maximum = [](char const* name, Dims const& dims, runtime::MaxPool2dInfo const& info) {
+    benchmark::RegisterBenchmark(name, Pool<kernel::Pooling2D_Max_Fallback_Float_M1, runtime::MaxPool2dInfo>, dims,
+                                 info);
+  };
+  auto const average = [](char const* name, Dims const& dims) {
+    benchmark::RegisterBenchmark(name, Pool<kernel::Pooling2D_Avg_Fallback_Float_M1, runtime::AvgPool2dInfo>, dims,
+                                 Average3x3());
+  };
+  auto const global = [](char const* name, Dims const& dims) {
+    using Kernel = kernel::AdaptivePooling2D_Avg_Fallback_CHW_Float_M1;
+    benchmark::RegisterBenchmark(name, Pool<Kernel, runtime::AdaptiveAvgPool2dInfo>, dims, Global());
+  };
+  memcpy_of("memcpy/64x112x112", {64, 112, 112});
+  maximum("MaxPool/3x3s2/64x112x112", {64, 112, 112}, Maximum3x3(2));
+  maximum("MaxPool/3x3s2_ceil/64x112x112", {64, 112, 112}, Maximum3x3(2, true));
+  maximum("MaxPool/3x3s2_ceil/64x113x113", {64, 113, 113}, Maximum3x3(2, true));
+  memcpy_of("memcpy/64x56x56", {64, 56, 56});
+  average("AvgPool/3x3s1/64x56x56", {64, 56, 56});
+  global("AdaptivePool/1x1/64x56x56", {64, 56, 56});
+  memcpy_of("memcpy/512x14x14", {512, 14, 14});
+  maximum("MaxPool/3x3s1/512x14x14", {512, 14, 14}, Maximum3x3(1));
+  maximum("MaxPool/3x3s1/512x13x13", {512, 13, 13}, Maximum3x3(1));
+  maximum("MaxPool/3x3s2_ceil/512x14x14", {512, 14, 14}, Maximum3x3(2, true));
+  average("AvgPool/3x3s1/512x14x14", {512, 14, 14});
+  memcpy_of("memcpy/512x7x7", {512, 7, 7});
+  maximum("MaxPool/3x3s1/512x7x7", {512, 7, 7}, Maximum3x3(1));
+  maximum("MaxPool/3x3s2_ceil/512x7x7", {512, 7, 7}, Maximum3x3(2, true));
+  average("AvgPool/3x3s1/512x7x7", {512, 7, 7});
+  global("AdaptivePool/1x1/512x7x7", {512, 7, 7});
+  memcpy_of("memcpy/64x1x3136", {64, 1, 3136});
+  maximum("MaxPool/1x3s1/64x1x3136", {64, 1, 3136}, MaximumOfThree(false));
+  maximum("MaxPool/3x1s1/64x3136x1", {64, 3136, 1}, MaximumOfThree(true));
   benchmark::Initialize(&count, words);
   benchmark::RunSpecifiedBenchmarks();
   return 0;

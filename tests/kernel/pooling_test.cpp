@@ -125,10 +125,13 @@ TEST(Pooling, EqualsThePlainLoops) {
       bool const common = round % 3 == 0;     // 3x3 has a way of its own
       bool const bordered = round % 10 == 9;  // a border too large to be laid out
       int const ky = common ? 3 : pick(1, 5), kx = common ? 3 : pick(1, 5), border = bordered ? 70 : 3;
+      bool const column = round % 7 == 6;  // a plane of one column and as many outputs across
       Plane3 x{{unsigned(pick(1, 3)), unsigned(pick(1, 12)), unsigned(pick(1, bordered ? 4 : 70))}, {}};
+      if (column) x.dims = {x.dims[0], x.dims[2], 1};
       x.values = test::SpecialFloats(unsigned(round), x.dims[0] * x.dims[1] * x.dims[2]);
-      int const sy = bordered ? 33 : pick(1, 3), sx = bordered ? 31 : pick(1, 4), l = pick(0, border);
-      Window const window = {ky, kx, sy, sx, l, pick(0, border), pick(0, border), pick(0, border)};
+      int const sy = bordered ? 33 : pick(1, 3), sx = bordered ? 31 : pick(column ? 3 : 1, 4);
+      int const side = column ? 1 : border, l = pick(0, side);
+      Window const window = {ky, kx, sy, sx, l, pick(0, border), pick(0, side), pick(0, border)};
       auto const max = WindowInfo<runtime::MaxPool2dInfo>(window);
       max->dilation_y = ushort(pick(0, 2)), max->dilation_x = ushort(pick(0, 3)), max->ceil_mode = pick(0, 1) == 1;
       int const height = int(x.dims[1]) + window.padding_t + window.padding_b;

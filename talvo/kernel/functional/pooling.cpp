@@ -24,72 +24,98 @@ struct Sum {
   static float Fold(float sum, float v) { return sum + v; }
 };
 
-// Pitches of whole cache lines, so that the taps of column 0 stand aligned; not for strides whose many short phases
-// would waste memory, nor for narrow planes.
-rows::PhasePlane PlaneOf(PoolingShape const& shape, PoolingWindow const& window) {
-  constexpr std::size_t kLine = 64 / sizeof(float);
-  std::size_t const width = shape.width + window.padding_l + window.padding_r;
-  std::size_t const phase = rows::PhasePlane::PhaseWidth(width, window.stride_x);
-  bool const aligned = window.stride_x <= 2 && phase >= kLine;
-  return {shape.height,
-          shape.width,
-          window.padding_t,
-          window.padding_l,
-          shape.height + window.padding_t + window.padding_b,
-          width,
-          window.stride_x,
-          aligned ? (phase + kLine - 1) / kLine * kLine : phase};
-}
-
-// Whether a padded plane is laid out in scratch. A border may be many times as large as what is pooled, and most taps
-// may lie in it; then each output is folded by itself, as it is where there are no taps.
-bool LaysOut(PoolingShape const& shape, PoolingWindow const& window) {
-  if (shape.channels == 0 || window.kernel_y == 0 || window.kernel_x == 0) return false;
-  std::size_t const served = shape.height * shape.width + shape.out_height * shape.out_width;
-  std::size_t const count = PlaneOf(shape, window).Count();
-  if (window.kernel_y * window.kernel_x > 4 * shape.height * shape.width + 64) return false;
-  return count <= 4 * served + 4096 && count + shape.out_height * shape.out_width <= kMostFloats;
-}
-
-// The taps of one row of outputs in a plane that is laid out, as offsets from its start.
-class Taps {
+// How a window slides over planes that are laid out in scratch, with their border and with all that taps behind the
+// padded plane read again. A plane of one column is laid out as a row.
+class Slide {
  public:
-  Taps(rows::PhasePlane const& plane, PoolingWindow const& window)
-      : plane_(plane), window_(window), rows_(window.kernel_y) {
-    for (std::size_t kx = 0; kx < window.kernel_x; ++kx) columns_.push_back(plane.Place(kx * window.dilation_x));
-    MoveTo(0);
+  Slide(PoolingShape const& shape, PoolingWindow const& window)
+      : turned_(shape.width == 1 && shape.out_width == 1),
+        shape_(turned_ ? Turned(shape) : shape),
+        window_(turned_ ? Turned(window) : window),
+        plane_(Plane()) {}
+
+  // A border may be many times as large as what is pooled, and most taps may lie in it; then each output is folded by
+  // itself, as it is where there are no taps.
+  bool LaysOut() const {
+    if (shape_.channels == 0 || window_.kernel_y == 0 || window_.kernel_x == 0) return false;
+    std::size_t const plane = shape_.height * shape_.width, outputs = shape_.out_height * shape_.out_width;
+    if (window_.kernel_y * window_.kernel_x > 4 * plane + 64) return false;
+    return Count() <= 4 * (plane + outputs) + 4096 && Count() + outputs <= kMostFloats;
   }
 
-  // Rows behind the plane are its last one.
-  void MoveTo(std::size_t y) {
-    for (std::size_t ky = 0; ky < rows_.size(); ++ky) {
-      std::size_t const row = y * window_.stride_y + ky * window_.dilation_y;
-      rows_[ky] = std::min(row, plane_.padded_height - 1) * plane_.RowPitch();
+  std::size_t Count() const { return plane_.Count() + rows::kReadBehindTaps; }
+
+  // For a plane that is laid out; x and scratch as in the header, `border` stands around every plane.
+  void Start(float border, float* scratch) {
+    std::fill_n(scratch, Count(), border);
+    for (std::size_t ky = 0; ky < window_.kernel_y; ++ky) down_.push_back(ky * window_.dilation_y * plane_.RowPitch());
+    for (std::size_t kx = 0; kx < window_.kernel_x; ++kx) across_.push_back(plane_.Place(kx * window_.dilation_x));
+  }
+
+  void Lay(float const* x, float* scratch) const {
+    rows::LayPlane(x, plane_, scratch);
+    std::size_t const pitch = plane_.RowPitch(), right = plane_.left + plane_.width;
+    float* const first = scratch + plane_.top * pitch;
+    if (window_.padding_r == 0 && plane_.width > 0) {
+      for (std::size_t column = right; column < plane_.padded_width; ++column) {
+        std::size_t const from = plane_.Place(right - 1), to = plane_.Place(column);
+        for (std::size_t r = 0; r < plane_.height; ++r) first[r * pitch + to] = first[r * pitch + from];
+      }
+    }
+    if (window_.padding_b == 0 && plane_.height > 0) {
+      for (float* row = first + plane_.height * pitch; row < scratch + plane_.Count(); row += pitch) {
+        std::copy_n(row - pitch, pitch, row);
+      }
     }
   }
 
-  rows::TapGrid Grid(std::size_t rows, std::size_t width) const {
-    return {rows_.data(),
-            columns_.data(),
-            rows_.size(),
-            columns_.size(),
-            rows,
-            width,
+  // The taps of all outputs; those of a window that was turned still count its rows outermost.
+  rows::TapGrid Grid() const {
+    auto const &outer = turned_ ? across_ : down_, &inner = turned_ ? down_ : across_;
+    return {outer.data(),
+            inner.data(),
+            outer.size(),
+            inner.size(),
+            shape_.out_height,
+            shape_.out_width,
             window_.stride_y * plane_.RowPitch()};
   }
 
  private:
-  rows::PhasePlane const& plane_;
-  PoolingWindow const& window_;
-  std::vector<std::size_t> rows_, columns_;
-};
+  static PoolingShape Turned(PoolingShape const& s) {
+    return {s.channels, s.width, s.height, s.out_width, s.out_height};
+  }
+  static PoolingWindow Turned(PoolingWindow const& w) {
+    return {w.kernel_x,   w.kernel_y,  w.stride_x,  w.stride_y,  w.dilation_x,
+            w.dilation_y, w.padding_l, w.padding_r, w.padding_t, w.padding_b};
+  }
 
-// Outputs along one axis whose taps all lie in the padded extent.
-std::size_t InnerOutputs(std::size_t outputs, std::size_t kernel, std::size_t dilation, std::size_t stride,
-                         std::size_t extent) {
-  std::size_t const reach = (kernel - 1) * dilation;
-  return reach >= extent ? 0 : std::min(outputs, (extent - 1 - reach) / stride + 1);
-}
+  // From the first tap of all outputs along an axis to the last.
+  static std::size_t Reach(std::size_t outputs, std::size_t kernel, std::size_t dilation, std::size_t stride) {
+    return outputs == 0 || kernel == 0 ? 0 : (outputs - 1) * stride + (kernel - 1) * dilation + 1;
+  }
+
+  // Pitches of whole cache lines, so that the taps of column 0 stand aligned; not for strides whose many short phases
+  // would waste memory, nor for narrow planes.
+  rows::PhasePlane Plane() const {
+    constexpr std::size_t kLine = 64 / sizeof(float);
+    PoolingWindow const& w = window_;
+    std::size_t const height = std::max(shape_.height + w.padding_t + w.padding_b,
+                                        Reach(shape_.out_height, w.kernel_y, w.dilation_y, w.stride_y));
+    std::size_t const width = std::max(shape_.width + w.padding_l + w.padding_r,
+                                       Reach(shape_.out_width, w.kernel_x, w.dilation_x, w.stride_x));
+    std::size_t const phase = rows::PhasePlane::PhaseWidth(width, w.stride_x);
+    bool const aligned = w.stride_x <= 2 && phase >= kLine;
+    return {shape_.height, shape_.width, w.padding_t, w.padding_l,
+            height,        width,        w.stride_x,  aligned ? (phase + kLine - 1) / kLine * kLine : phase};
+  }
+
+  bool turned_;
+  PoolingShape shape_;
+  PoolingWindow window_;
+  rows::PhasePlane plane_;
+  std::vector<std::size_t> down_, across_;  // offsets of the taps along each axis of plane_
+};
 
 // The taps of one output along one axis, `start` + i * `dilation` for i < kernel of the padded extent: those before
 // `first` lie in front of the plane, those from `end` on behind it.
@@ -136,12 +162,11 @@ float FoldOne(float const* x, PoolingShape const& shape, PoolingWindow const& wi
                              : FoldRow<Kind>(fold, x + (shape.height - 1) * shape.width, shape.width, across);
 }
 
-// Outputs (y, first) to (y, out_width - 1), and the end in `out`.
 template <class Kind>
-float* FoldOneByOne(float const* x, PoolingShape const& shape, PoolingWindow const& window, std::size_t y,
-                    std::size_t first, float* out) {
-  for (std::size_t q = first; q < shape.out_width; ++q) *out++ = FoldOne<Kind>(x, shape, window, y, q);
-  return out;
+void FoldOneByOne(float const* x, PoolingShape const& shape, PoolingWindow const& window, float* out) {
+  for (std::size_t y = 0; y < shape.out_height; ++y) {
+    for (std::size_t q = 0; q < shape.out_width; ++q) *out++ = FoldOne<Kind>(x, shape, window, y, q);
+  }
 }
 
 // Taps without a step between them read one element again and again, which changes no maximum.
@@ -220,40 +245,28 @@ float MeanOfOne(float const* x, std::size_t available, rows::MeanRegion const& r
 }  // namespace
 
 std::size_t max_pool_scratch_f32(PoolingShape const& shape, PoolingWindow const& window) {
-  PoolingWindow const taps = WithoutRepeats(window);
-  return LaysOut(shape, taps) ? PlaneOf(shape, taps).Count() : 0;
+  Slide const slide(shape, WithoutRepeats(window));
+  return slide.LaysOut() ? slide.Count() : 0;
 }
 
 std::size_t average_pool_scratch_f32(PoolingShape const& shape, PoolingWindow const& window) {
   if (shape.channels == 0) return 0;
-  return shape.out_height * shape.out_width + (LaysOut(shape, window) ? PlaneOf(shape, window).Count() : 0);
+  Slide const slide(shape, window);
+  return shape.out_height * shape.out_width + (slide.LaysOut() ? slide.Count() : 0);
 }
 
 void max_pool_f32(float const* x, PoolingShape const& shape, PoolingWindow const& asked, float* scratch, float* y) {
   PoolingWindow const window = WithoutRepeats(asked);
-  std::size_t const plane_count = shape.height * shape.width;
-  if (!LaysOut(shape, window)) {
-    for (std::size_t c = 0; c < shape.channels; ++c, x += plane_count)
-      for (std::size_t row = 0; row < shape.out_height; ++row) y = FoldOneByOne<Maximum>(x, shape, window, row, 0, y);
-    return;
-  }
-  rows::PhasePlane const plane = PlaneOf(shape, window);
-  std::fill_n(scratch, plane.Count(), Maximum::kStart);
-  std::size_t const inner_rows =
-      InnerOutputs(shape.out_height, window.kernel_y, window.dilation_y, window.stride_y, plane.padded_height);
-  std::size_t const inner_columns =
-      InnerOutputs(shape.out_width, window.kernel_x, window.dilation_x, window.stride_x, plane.padded_width);
-  std::size_t const whole_rows = inner_columns == shape.out_width ? inner_rows : 0;
-  Taps taps(plane, window);
-  for (std::size_t c = 0; c < shape.channels; ++c, x += plane_count) {
-    rows::LayPlane(x, plane, scratch);
-    taps.MoveTo(0);
-    rows::MaximumOfTaps(scratch, taps.Grid(whole_rows, shape.out_width), y);
-    y += whole_rows * shape.out_width;
-    for (std::size_t row = whole_rows; row < shape.out_height; ++row) {
-      taps.MoveTo(row);
-      rows::MaximumOfTaps(scratch, taps.Grid(1, inner_columns), y);
-      y = FoldOneByOne<Maximum>(x, shape, window, row, inner_columns, y + inner_columns);
+  std::size_t const plane_count = shape.height * shape.width, out_count = shape.out_height * shape.out_width;
+  Slide slide(shape, window);
+  bool const lays_out = slide.LaysOut();
+  if (lays_out) slide.Start(Maximum::kStart, scratch);
+  for (std::size_t c = 0; c < shape.channels; ++c, x += plane_count, y += out_count) {
+    if (!lays_out) {
+      FoldOneByOne<Maximum>(x, shape, window, y);
+    } else {
+      slide.Lay(x, scratch);
+      rows::MaximumOfTaps(scratch, slide.Grid(), y);
     }
   }
 }
@@ -262,23 +275,19 @@ void average_pool_f32(float const* x, PoolingShape const& shape, PoolingWindow c
                       float* scratch, float* y) {
   if (shape.channels == 0) return;
   std::size_t const plane_count = shape.height * shape.width, out_count = shape.out_height * shape.out_width;
-  bool const lays_out = LaysOut(shape, window);
-  float* const divisors = scratch + (lays_out ? PlaneOf(shape, window).Count() : 0);
+  Slide slide(shape, window);
+  bool const lays_out = slide.LaysOut();
+  float* const divisors = scratch + (lays_out ? slide.Count() : 0);
   FillDivisors(shape, window, count_include_pad, divisors);
-  if (!lays_out) {
-    for (std::size_t c = 0; c < shape.channels; ++c, x += plane_count, y += out_count) {
-      float* out = y;
-      for (std::size_t row = 0; row < shape.out_height; ++row) out = FoldOneByOne<Sum>(x, shape, window, row, 0, out);
-      for (std::size_t i = 0; i < out_count; ++i) y[i] /= divisors[i];
-    }
-    return;
-  }
-  rows::PhasePlane const plane = PlaneOf(shape, window);
-  std::fill_n(scratch, plane.Count(), Sum::kStart);
-  Taps const taps(plane, window);
+  if (lays_out) slide.Start(Sum::kStart, scratch);
   for (std::size_t c = 0; c < shape.channels; ++c, x += plane_count, y += out_count) {
-    rows::LayPlane(x, plane, scratch);
-    rows::MeanOfTaps(scratch, taps.Grid(shape.out_height, shape.out_width), divisors, y);
+    if (!lays_out) {
+      FoldOneByOne<Sum>(x, shape, window, y);
+      for (std::size_t i = 0; i < out_count; ++i) y[i] /= divisors[i];
+    } else {
+      slide.Lay(x, scratch);
+      rows::MeanOfTaps(scratch, slide.Grid(), divisors, y);
+    }
   }
 }
 

@@ -7,6 +7,9 @@
 namespace talvo::kernel::rows {
 namespace {
 
+constexpr int kNarrowest = Baseline::kLanes;
+static_assert(kNarrowest - 1 == kReadBehindTaps, "what a vector reads of a row of one output");
+
 struct MaximumFold {
   static constexpr float kStart = std::numeric_limits<float>::lowest();
   template <class V>
@@ -86,21 +89,23 @@ TALVO_ROWS_INLINE void FoldVectors(float const* x, TapGrid const& grid, Divisor 
 template <class Fold, int kLanes, class Divisor>
 TALVO_ROWS_INLINE void FoldRow(float const* x, TapGrid const& grid, Divisor const& divisor, std::size_t first,
                                float* y) {
-  std::size_t const width = grid.width;
-  if (width >= kLanes) {
-    std::size_t at = 0;
-    for (; at + 2 * kLanes < width; at += 4 * kLanes) FoldVectors<Fold, kLanes, 4>(x, grid, divisor, at, first, y);
-    if (at < width) FoldVectors<Fold, kLanes, 2>(x, grid, divisor, at, first, y);
-    return;
-  }
-  for (std::size_t at = 0; at < width; ++at) {
-    float fold = Fold::kStart;
-    for (std::size_t ky = 0; ky < grid.tap_row_count; ++ky) {
-      float const* const row = x + grid.tap_rows[ky] + at;
-      for (std::size_t kx = 0; kx < grid.tap_column_count; ++kx) Fold::Add(row[grid.tap_columns[kx]], fold);
+  std::size_t at = 0;
+  for (; at + 2 * kLanes < grid.width; at += 4 * kLanes) FoldVectors<Fold, kLanes, 4>(x, grid, divisor, at, first, y);
+  if (at < grid.width) FoldVectors<Fold, kLanes, 2>(x, grid, divisor, at, first, y);
+}
+
+// Rows of fewer outputs than the narrowest vector has lanes: a vector each, of which the first lanes count.
+template <class Fold, class Divisor>
+TALVO_ROWS_INLINE void FoldNarrowRows(float const* x, TapGrid const& grid, Divisor const& divisor, float* y) {
+  TapGrid vector = grid;
+  vector.width = kNarrowest;
+  for (std::size_t r = 0; r < grid.rows; ++r) {
+    float folds[kNarrowest];
+    FoldVectors<Fold, kNarrowest, 1>(x + r * grid.row_step, vector, NoDivision(), 0, 0, folds);
+    for (std::size_t i = 0; i < grid.width; ++i) {
+      divisor.DivideOne(r * grid.width + i, folds[i]);
+      y[r * grid.width + i] = folds[i];
     }
-    divisor.DivideOne(first + at, fold);
-    y[first + at] = fold;
   }
 }
 
@@ -150,9 +155,14 @@ TALVO_ROWS_INLINE void Fold3x3(float const* x, TapGrid const& grid, Divisor cons
   }
 }
 
+// Vectors go down to those of which a row of outputs holds one.
 template <class Fold, int kLanes, class Divisor>
 TALVO_ROWS_INLINE void FoldGrid(float const* x, TapGrid const& grid, Divisor const& divisor, float* y) {
-  if (grid.rows > 0 && grid.width >= kLanes) {
+  if (grid.width < kLanes) {
+    if constexpr (kLanes > kNarrowest) return FoldGrid<Fold, kLanes / 2>(x, grid, divisor, y);
+    return FoldNarrowRows<Fold>(x, grid, divisor, y);
+  }
+  if (grid.rows > 0) {
     if (Is3x3(grid, grid.row_step)) return Fold3x3<Fold, kLanes, 1>(x, grid, divisor, y);
     if (grid.row_step % 2 == 0 && Is3x3(grid, grid.row_step / 2)) {
       return Fold3x3<Fold, kLanes, 2>(x, grid, divisor, y);

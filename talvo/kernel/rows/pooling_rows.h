@@ -8,12 +8,15 @@
 namespace talvo::kernel::rows {
 
 /// Output rows side by side: output (r, i) stands at y + r * width + i, its tap (ky, kx) at
-/// x + r * row_step + tap_rows[ky] + tap_columns[kx] + i. Taps count ky outermost.
+/// x + r * row_step + tap_rows[ky] + tap_columns[kx] + i. Taps count ky outermost. Up to kReadBehindTaps floats behind
+/// the last tap are read, and count nowhere.
 struct TapGrid {
   std::size_t const *tap_rows, *tap_columns;
   std::size_t tap_row_count, tap_column_count;
   std::size_t rows, width, row_step;
 };
+
+constexpr std::size_t kReadBehindTaps = 3;
 
 /// y = the fold of the taps by best = v <= best ? best : v, from the lowest finite float. A NaN replaces what stands
 /// before it and gives way to what follows. y overlaps no tap.
