@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "talvo/entry/model_support.h"
 #include "talvo/runtime/create_net.h"
 #include "talvo/utility/log.h"
 #include "talvo/utility/refuse_support.h"
@@ -25,7 +26,6 @@ int TLN_Get_Core_Version(unsigned int& major, unsigned int& minor) {
 namespace talvo::utility {
 namespace {
 
-using runtime::TLModelCfg;
 using runtime::TLModelMultiBackendCfgs;
 
 bool EndsIn(std::string const& path, std::string const& ending) {
@@ -36,24 +36,6 @@ char const* FormOf(std::string const& path) {
   if (EndsIn(path, ".json")) return "json";
   if (EndsIn(path, ".tlnmodel")) return "bin";
   Refuse("Unknow file type, file path: %s.", path.c_str());
-}
-
-bool NamesLayers(std::shared_ptr<TLModelCfg> const& config) {
-  return config != nullptr && !config->squential_ids.empty();
-}
-
-// Empty when the package has no configuration for this back end.
-std::shared_ptr<TLModelCfg> ConfigOf(TLModelMultiBackendCfgs const& configs, std::string const& backend) {
-  if (backend == "x86") return configs.cpu_sse;
-  if (backend == "metal") {
-    return configs.gpu_metal != nullptr && !configs.gpu_metal->summary.empty() ? configs.gpu_metal : nullptr;
-  }
-  if (backend == "arm") {
-    for (auto const& config : {configs.cpu_armv8, configs.cpu_armv82, configs.cpu_armv7}) {
-      if (NamesLayers(config)) return config;
-    }
-  }
-  return nullptr;
 }
 
 // Layer indices by id; an id that no layer has enters as layer 0.
@@ -116,7 +98,7 @@ void Load_Single_Net(std::shared_ptr<_NetworkPackage>& package, std::shared_ptr<
   for (std::string const& id : model->GetInputIDs()) package->inputs.emplace(index_of[id], nullptr);
   package->output_ids.clear();
   for (std::string const& id : model->squential_output_ids) package->output_ids.push_back(index_of[id]);
-  auto const config = ConfigOf(*configs, sdk_type);
+  auto const config = support::ConfigOf(*configs, sdk_type);
   if (config == nullptr) Refuse("Load_Single_Net: the package has no configuration for the back end \"%s\"", sdk_type);
   package->net = runtime::CreateNet(model, config, *package->kernels, package->context);
   package->extra_info = model->extra_info;

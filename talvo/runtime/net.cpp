@@ -5,6 +5,7 @@
 
 #include "talvo/runtime/context.h"
 #include "talvo/runtime/device_cpu.h"
+#include "talvo/runtime/net_support.h"
 #include "talvo/utility/log.h"
 #include "talvo/utility/refuse_support.h"
 
@@ -15,6 +16,8 @@ using utility::Refuse;
 using Tensors = std::vector<std::shared_ptr<Tensor>>;
 
 constexpr std::string_view kInputType = "Input";
+
+thread_local unsigned int refused_layer = 0;
 
 // The working state of one Forward.
 class Walk {
@@ -169,6 +172,8 @@ void LogUnprofiledInput(Layer const& layer) {
 
 }  // namespace
 
+unsigned int support::RefusedLayer() { return refused_layer; }
+
 Net::Net(std::vector<std::shared_ptr<Layer>> const& net_layers,
          std::map<std::string, unsigned int> const& net_input_ids)
     : layers(net_layers), input_ids(net_input_ids) {}
@@ -184,12 +189,18 @@ std::unordered_map<unsigned int, Tensors> Net::Forward(
   EmptyAndReserve(layer_times_ms, layers.size());
   EmptyAndReserve(gpu_times_ms, layers.size());
   Walk walk(*this, inputs, output_ids, context);
-  for (unsigned int index = 0; index < layers.size() && !walk.Done(); ++index) {
-    if (gpu_times_ms != nullptr && layers[index] != nullptr) LogUnprofiledInput(*layers[index]);
-    double const start = layer_times_ms != nullptr ? utility::get_time_in_ms() : -1.0;
-    walk.Run(index);
-    if (layer_times_ms != nullptr) layer_times_ms->push_back(static_cast<float>(utility::get_time_in_ms() - start));
-    if (gpu_times_ms != nullptr) gpu_times_ms->push_back(0.0f);
+  unsigned int index = 0;
+  try {
+    for (; index < layers.size() && !walk.Done(); ++index) {
+      if (gpu_times_ms != nullptr && layers[index] != nullptr) LogUnprofiledInput(*layers[index]);
+      double const start = layer_times_ms != nullptr ? utility::get_time_in_ms() : -1.0;
+      walk.Run(index);
+      if (layer_times_ms != nullptr) layer_times_ms->push_back(static_cast<float>(utility::get_time_in_ms() - start));
+      if (gpu_times_ms != nullptr) gpu_times_ms->push_back(0.0f);
+    }
+  } catch (...) {
+    refused_layer = index;
+    throw;
   }
   device.use_dynamic_pool = false;
   return walk.TakeResult();

@@ -1,0 +1,28 @@
+// What the front doors share when they name a refusal. Internal.
+#pragma once
+
+#include <exception>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "talvo/serialization/model_cfg.h"
+
+namespace talvo::utility::support {
+
+/// The text of a refusal without tag and newline; "there is not enough memory" for std::bad_alloc; empty where the
+/// interface leaves it without words.
+std::string RefusalText(std::exception const& refusal);
+
+/// What Load_Single_Net takes for a back end; empty when the package has no configuration for it.
+std::shared_ptr<runtime::TLModelCfg> ConfigOf(runtime::TLModelMultiBackendCfgs const& configs,
+                                              std::string const& backend);
+
+/// "a, b, c", or "none".
+std::string Listed(std::vector<std::string> const& texts);
+
+/// The names that differ least from `name`, at most three, the nearest first; none that differs in more than half of
+/// its letters.
+std::vector<std::string> NearestNames(std::string const& name, std::vector<std::string> candidates);
+
+}  // namespace talvo::utility::support

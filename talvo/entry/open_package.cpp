@@ -1,0 +1,118 @@
+#include "talvo/serialization/rapidjson_support.h"
+
+#include "talvo/entry/open_package.h"
+
+#include <rapidjson/error/en.h>
+#include <rapidjson/reader.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <iterator>
+#include <stdexcept>
+#include <utility>
+
+#include "talvo/entry/model_support.h"
+#include "talvo/serialization/file_visitors.h"
+#include "talvo/serialization/json_text_support.h"
+#include "talvo/utility/file_support.h"
+
+namespace talvo::utility {
+namespace {
+
+using runtime::TLNModel;
+
+bool EndsIn(std::string const& text, std::string const& ending) {
+  return text.size() >= ending.size() && text.compare(text.size() - ending.size(), ending.size(), ending) == 0;
+}
+
+std::runtime_error SystemError(char const* what) {
+  return std::runtime_error(std::string(what) + ": " + std::strerror(errno));
+}
+
+// The binary form tells nothing of its places: the stream does, unless it is a pipe.
+std::string PlaceOf(std::FILE* stream) {
+  long const place = std::ftell(stream);
+  if (place < 0 || std::fseek(stream, 0, SEEK_END) != 0) return "";
+  long const size = std::ftell(stream);
+  return "at byte " + std::to_string(place) + " of " + std::to_string(size) +
+         (place == size ? ", where it is cut short: " : ": ");
+}
+
+void ReadBinary(Stream const& stream, TLNModel& package) {
+  if (stream == nullptr) throw SystemError("cannot be opened");
+  try {
+    package.VisitAttr(std::make_shared<runtime::FILEReader>(stream.get(), 0));
+  } catch (std::runtime_error const& refusal) {
+    throw std::runtime_error(PlaceOf(stream.get()) + support::RefusalText(refusal));
+  }
+}
+
+// Why a text is refused without a word: it does not parse, or is no object.
+std::string ProblemOf(std::string text) {
+  rapidjson::InsituStringStream stream(text.data());
+  rapidjson::BaseReaderHandler<> nothing;
+  rapidjson::GenericReader<rapidjson::UTF8<>, rapidjson::UTF8<>, runtime::support::StackAllocator> reader;
+  auto const result = reader.Parse<rapidjson::kParseIterativeFlag>(stream, nothing);
+  if (!result.IsError()) return "the text is no JSON object";
+  auto const end = text.begin() + static_cast<std::ptrdiff_t>(std::min(result.Offset(), text.size()));
+  auto const line_start = std::find(std::make_reverse_iterator(end), text.rend(), '\n').base();
+  return "no JSON: line " + std::to_string(std::count(text.begin(), end, '\n') + 1) + ", column " +
+         std::to_string(end - line_start + 1) + ": " + rapidjson::GetParseError_En(result.Code());
+}
+
+void ReadJSON(std::string const& text, TLNModel& package) {
+  try {
+    runtime::support::ReadRecord(runtime::support::JSONText(text), &package, nullptr);
+  } catch (std::runtime_error const& refusal) {
+    std::string const message = support::RefusalText(refusal);
+    throw std::runtime_error(message.empty() ? ProblemOf(text) : message);
+  }
+}
+
+void ReadFile(std::string const& path, TLNModel& package) {
+  if (EndsIn(path, ".tlnmodel")) return ReadBinary(Stream(std::fopen(path.c_str(), "rb")), package);
+  if (!EndsIn(path, ".json")) throw std::runtime_error("a package ends in .tlnmodel or .json");
+  std::string text;
+  switch (ReadWholeFile(path.c_str(), text)) {
+    case FileReading::kNotOpened:
+      throw SystemError("cannot be opened");
+    case FileReading::kNotWhole:
+      throw std::runtime_error("cannot be read whole");
+    case FileReading::kWhole:
+      ReadJSON(text, package);
+  }
+}
+
+void ReadBytes(void const* bytes, std::size_t size, TLNModel& package) {
+  if (bytes == nullptr || size == 0) throw std::runtime_error("there are no bytes");
+  auto const* const text = static_cast<char const*>(bytes);
+  auto const* const first = std::find_if_not(text, text + size, [](char c) { return std::strchr(" \t\r\n", c) && c; });
+  if (first != text + size && *first == '{') return ReadJSON(std::string(text, size), package);
+  // The stream only reads; the older signature of fmemopen takes what it may write to.
+  ReadBinary(Stream(fmemopen(const_cast<void*>(bytes), size, "rb")), package);
+}
+
+template <class Read>
+std::shared_ptr<TLNModel> Named(std::string const& name, Read read) {
+  auto package = std::make_shared<TLNModel>();
+  try {
+    read(*package);
+  } catch (std::exception const& refusal) {
+    throw std::runtime_error(name + ": " + support::RefusalText(refusal));
+  }
+  return package;
+}
+
+}  // namespace
+
+std::shared_ptr<TLNModel> OpenPackage(std::string const& path) {
+  return Named(path, [&](TLNModel& package) { ReadFile(path, package); });
+}
+
+std::shared_ptr<TLNModel> OpenPackage(void const* bytes, std::size_t size, std::string const& name) {
+  return Named(name, [&](TLNModel& package) { ReadBytes(bytes, size, package); });
+}
+
+}  // namespace talvo::utility
