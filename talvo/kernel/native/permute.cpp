@@ -79,16 +79,20 @@ void ForEach(Axes const& axes, Byte const* source, Byte* destination, Visit cons
 }
 
 // One axis is contiguous in the source, the last one in the destination: they span a plane for each index of the rest.
+// The planes along the innermost axis of the rest go in one call: they may have a few elements each.
 void MovePlanes(Axes axes, std::size_t element_bytes, Byte const* source, Byte* destination) {
   auto const contiguous =
       std::find_if(axes.begin(), axes.end(), [&](Axis const& axis) { return axis.source_step == element_bytes; });
   Axis const column_axis = *contiguous, row_axis = axes.back();
   axes.pop_back();
   axes.erase(contiguous);
+  Axis const plane_axis = axes.empty() ? Axis{1, 0, 0} : axes.back();
+  if (!axes.empty()) axes.pop_back();
   auto const step = [](std::size_t bytes) { return static_cast<std::ptrdiff_t>(bytes); };
   ForEach(axes, source, destination, [&](Byte const* from, Byte* to) {
     rows::TransposeElements(element_bytes, {from, step(row_axis.source_step), row_axis.extent, column_axis.extent, to,
-                                            step(column_axis.destination_step), step(element_bytes)});
+                                            step(column_axis.destination_step), step(element_bytes), plane_axis.extent,
+                                            step(plane_axis.source_step), step(plane_axis.destination_step)});
   });
 }
 

@@ -112,13 +112,50 @@ struct Quadruples {
       // The first load of triples takes 16 bytes of a row, more than five of them.
       whole_columns = kSize == 3 && tile.columns < 6 ? 0 : tile.columns / 4 * 4;
       whole_rows = tile.rows / 4 * 4;
-      for (std::size_t c = 0; c < whole_columns; c += 4) {
+      std::size_t c = 0;
+      if (kSize == 4 && tile.rows == 4 && tile.to_step > 0) c = FourRows<kByteLanes<Set>>(tile, 0);
+      for (; c < whole_columns; c += 4) {
         std::size_t r = 0;
         for (; r + kRows <= whole_rows; r += kRows) Block<kByteLanes<Set>>(tile, r, c);
         for (; r < whole_rows; r += 4) Block<1>(tile, r, c);
       }
     }
     MoveRest<kSize>(tile, whole_rows, whole_columns);
+  }
+
+  // Four rows alone, as where channels become blocks of four: lane l of a vector takes the columns 4 l to 4 l + 3.
+  // Goes on from column c and returns the columns that are done.
+  template <int kLanes>
+  static TALVO_ROWS_INLINE std::size_t FourRows(Transposition const& tile, std::size_t c) {
+    for (; c + 4 * kLanes <= tile.columns; c += 4 * kLanes) {
+      Quads<kLanes> x[4];
+      for (std::ptrdiff_t i = 0; i < 4; ++i) std::memcpy(&x[i], tile.from + i * tile.from_row + 4 * c, sizeof(x[i]));
+      Turn<kLanes>(x);
+      StoreColumns<kLanes>(x, tile.to + Signed(c) * tile.to_row, tile.to_row,
+                           std::make_integer_sequence<int, kLanes>());
+    }
+    if constexpr (kLanes > 1) c = FourRows<kLanes / 2>(tile, c);
+    return c;
+  }
+
+  template <int kLanes, int... kLane>
+  static TALVO_ROWS_INLINE void StoreColumns(Quads<kLanes> const (&x)[4], Byte* to, std::ptrdiff_t to_row,
+                                             std::integer_sequence<int, kLane...>) {
+    for (int i = 0; i < 4; ++i) {
+      Bytes<kLanes> const columns = reinterpret_cast<Bytes<kLanes>>(x[i]);
+      (StoreLane<kLane, kLanes>(columns, to + (4 * kLane + i) * to_row), ...);
+    }
+  }
+
+  // In each lane: quad j of x[i] and quad i of x[j] change places.
+  template <int kLanes>
+  static TALVO_ROWS_INLINE void Turn(Quads<kLanes> (&x)[4]) {
+    constexpr auto kQuads = std::make_integer_sequence<int, 4 * kLanes>();
+    Quads<kLanes> mixed[4];
+    InterleaveQuads<kLanes>(x[0], x[2], mixed[0], mixed[1], kQuads);
+    InterleaveQuads<kLanes>(x[1], x[3], mixed[2], mixed[3], kQuads);
+    InterleaveQuads<kLanes>(mixed[0], mixed[2], x[0], x[1], kQuads);
+    InterleaveQuads<kLanes>(mixed[1], mixed[3], x[2], x[3], kQuads);
   }
 
   // A load of four triples takes four bytes more; they lie in front, but for the first columns, where they lie behind.
@@ -134,7 +171,7 @@ struct Quadruples {
 
   template <int kLanes, int kFront>
   static TALVO_ROWS_INLINE void Move(BlockRows const& block, std::ptrdiff_t to_row) {
-    Quads<kLanes> x[4], mixed[4];
+    Quads<kLanes> x[4];
     for (std::ptrdiff_t i = 0; i < 4; ++i) {
       Bytes<kLanes> pixels;
       LoadLanes<kLanes>(block.first + i * block.step - kFront, 4 * block.step, pixels);
@@ -144,11 +181,7 @@ struct Quadruples {
       }
       x[i] = reinterpret_cast<Quads<kLanes>>(pixels);
     }
-    constexpr auto kQuads = std::make_integer_sequence<int, 4 * kLanes>();
-    InterleaveQuads<kLanes>(x[0], x[2], mixed[0], mixed[1], kQuads);
-    InterleaveQuads<kLanes>(x[1], x[3], mixed[2], mixed[3], kQuads);
-    InterleaveQuads<kLanes>(mixed[0], mixed[2], x[0], x[1], kQuads);
-    InterleaveQuads<kLanes>(mixed[1], mixed[3], x[2], x[3], kQuads);
+    Turn<kLanes>(x);
     for (std::ptrdiff_t i = 0; i < 4; ++i) {
       StoreRow<kLanes>(reinterpret_cast<Bytes<kLanes>>(x[i]), block.to + i * to_row);
     }
@@ -172,15 +205,22 @@ struct Quadruples {
   }
 };
 
-// By tiles, so that the lines that a tile reads and writes stay in the nearest cache until they are whole.
+// By tiles, so that the lines that a tile reads and writes stay in the nearest cache until they are whole. The
+// addresses of a plane are computed, not kept in a copy of `all`: a wide load of what was just stored in pieces would
+// wait.
 template <class Visit>
 TALVO_ROWS_INLINE void ForEachTile(Transposition const& all, std::size_t element_bytes, Visit const& visit) {
   constexpr std::size_t kTile = 64;
-  for (std::size_t r = 0; r < all.rows; r += kTile) {
-    for (std::size_t c = 0; c < all.columns; c += kTile) {
-      std::size_t const rows = all.rows - r < kTile ? all.rows - r : kTile;
-      std::size_t const columns = all.columns - c < kTile ? all.columns - c : kTile;
-      visit(Part(all, element_bytes, r, rows, c, columns));
+  for (std::size_t p = 0; p < all.planes; ++p) {
+    Byte const* const from = all.from + Signed(p) * all.from_plane;
+    Byte* const to = all.to + Signed(p) * all.to_plane;
+    for (std::size_t r = 0; r < all.rows; r += kTile) {
+      for (std::size_t c = 0; c < all.columns; c += kTile) {
+        std::size_t const rows = all.rows - r < kTile ? all.rows - r : kTile;
+        std::size_t const columns = all.columns - c < kTile ? all.columns - c : kTile;
+        visit(Part({from, all.from_row, all.rows, all.columns, to, all.to_row, all.to_step}, element_bytes, r, rows, c,
+                   columns));
+      }
     }
   }
 }

@@ -8,13 +8,16 @@ namespace talvo::kernel::rows {
 
 /// A rectangle and where it goes: element (r, c), at from + r * from_row + c * size, goes to
 /// to + c * to_row + r * to_step. Steps are in bytes; to_step is plus or minus the size of an element, the row steps
-/// are of either sign. The two do not overlap.
+/// are of either sign. The two do not overlap. The same for `planes` of them, one a step of the planes behind the other:
+/// many small ones go best in one call.
 struct Transposition {
   unsigned char const* from;
   std::ptrdiff_t from_row;
   std::size_t rows, columns;
   unsigned char* to;
   std::ptrdiff_t to_row, to_step;
+  std::size_t planes = 1;
+  std::ptrdiff_t from_plane = 0, to_plane = 0;
 };
 
 /// Elements of 1, 2, 3, 4 and 8 bytes go in squares held in vectors, others one by one.
