@@ -4,7 +4,7 @@
 #include <iterator>
 #include <limits>
 
-#include "talvo/kernel/rows/convolution_tile.h"
+#include "talvo/kernel/rows/transpose.h"
 #include "talvo/runtime/tensor_cpu.h"
 
 namespace talvo::kernel {

@@ -7,6 +7,7 @@
 #include "talvo/kernel/rows/fused_product.h"
 #include "talvo/kernel/rows/fused_rows.h"
 #include "talvo/kernel/rows/phase_plane.h"
+#include "talvo/kernel/rows/transpose.h"
 
 namespace talvo::kernel {
 namespace {

@@ -5,6 +5,7 @@
 
 #include "talvo/kernel/convolution_support.h"
 #include "talvo/kernel/rows/convolution_tile.h"
+#include "talvo/kernel/rows/transpose.h"
 
 namespace talvo::kernel {
 namespace {

@@ -302,20 +302,10 @@ struct RunPlaneBody {
   }
 };
 
-struct TransposeRowsBody {
-  template <class Set>
-  static TALVO_ROWS_INLINE void Run(float const* from, std::size_t from_stride, std::size_t rows, std::size_t columns,
-                                    float* to, std::size_t to_stride) {
-    Transpose<Set::kLanes>(from, from_stride, rows, columns, to, to_stride);
-  }
-};
-
 }  // namespace
 
 Primitive<void(TileRun const&)> const RunTiles{RunTilesBody()};
 Primitive<void(PlaneRun const&)> const RunPlane{RunPlaneBody<false>()};
 Primitive<void(PlaneRun const&)> const RunFusedPlane{RunPlaneBody<true>()};
-Primitive<void(float const*, std::size_t, std::size_t, std::size_t, float*, std::size_t)> const TransposeRows{
-    TransposeRowsBody()};
 
 }  // namespace talvo::kernel::rows

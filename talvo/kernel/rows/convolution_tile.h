@@ -54,8 +54,4 @@ extern Primitive<void(PlaneRun const&)> const RunPlane;
 /// kx.
 extern Primitive<void(PlaneRun const&)> const RunFusedPlane;
 
-/// to[c * to_stride + r] = from[r * from_stride + c] for r < rows, c < columns; the ranges do not overlap.
-extern Primitive<void(float const* from, std::size_t from_stride, std::size_t rows, std::size_t columns, float* to,
-                      std::size_t to_stride)> const TransposeRows;
-
 }  // namespace talvo::kernel::rows

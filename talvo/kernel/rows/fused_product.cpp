@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "talvo/kernel/rows/fused_step.h"
+#include "talvo/kernel/rows/transpose.h"
 
 namespace talvo::kernel::rows {
 namespace {

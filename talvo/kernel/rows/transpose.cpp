@@ -312,6 +312,12 @@ void TransposeElements(std::size_t element_bytes, Transposition const& transposi
   }
 }
 
+void TransposeRows(float const* from, std::size_t from_stride, std::size_t rows, std::size_t columns, float* to,
+                   std::size_t to_stride) {
+  Transpose4({reinterpret_cast<Byte const*>(from), Signed(from_stride * sizeof(float)), rows, columns,
+              reinterpret_cast<Byte*>(to), Signed(to_stride * sizeof(float)), sizeof(float)});
+}
+
 void ReverseElements(std::size_t element_bytes, Byte const* from, std::size_t count, Byte* to) {
   switch (element_bytes) {
     case 1:

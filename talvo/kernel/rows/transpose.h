@@ -8,8 +8,8 @@ namespace talvo::kernel::rows {
 
 /// A rectangle and where it goes: element (r, c), at from + r * from_row + c * size, goes to
 /// to + c * to_row + r * to_step. Steps are in bytes; to_step is plus or minus the size of an element, the row steps
-/// are of either sign. The two do not overlap. The same for `planes` of them, one a step of the planes behind the other:
-/// many small ones go best in one call.
+/// are of either sign. The two do not overlap. The same for `planes` of them, one a step of the planes behind the
+/// other: many small ones go best in one call.
 struct Transposition {
   unsigned char const* from;
   std::ptrdiff_t from_row;
@@ -22,6 +22,11 @@ struct Transposition {
 
 /// Elements of 1, 2, 3, 4 and 8 bytes go in squares held in vectors, others one by one.
 void TransposeElements(std::size_t element_bytes, Transposition const& transposition);
+
+/// to[c * to_stride + r] = from[r * from_stride + c] for r < rows, c < columns, strides in floats; the ranges do not
+/// overlap.
+void TransposeRows(float const* from, std::size_t from_stride, std::size_t rows, std::size_t columns, float* to,
+                   std::size_t to_stride);
 
 /// Element i of `to` is element count - 1 - i of `from`. The two do not overlap.
 void ReverseElements(std::size_t element_bytes, unsigned char const* from, std::size_t count, unsigned char* to);
