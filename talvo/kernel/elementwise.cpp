@@ -10,7 +10,6 @@
 #include "talvo/kernel/kernel_of_support.h"
 #include "talvo/kernel/rows/elementwise_rows.h"
 #include "talvo/serialization/layer_info_tensor.h"
-#include "talvo/utility/log.h"
 #include "talvo/utility/refuse_support.h"
 
 namespace talvo::kernel {
@@ -24,7 +23,6 @@ using support::LayerPtr;
 using support::ParamPtr;
 using support::Shapes;
 using support::Tensors;
-using utility::Assert;
 using utility::Refuse;
 
 namespace {
@@ -119,7 +117,7 @@ struct ElementwiseOperation : support::Strict<runtime::ElementWiseOperatorInfo> 
     constexpr char const* kOperations[] = {"Add", "Sub", "Mul", "Div"};
     layer_id = layer->id;
     unsigned short const op_type = support::As<runtime::ElementWiseOperatorInfo>(kName, layer).op_type;
-    Assert(op_type < std::size(kOperations), "Invalid element wise type");
+    if (op_type >= std::size(kOperations)) Refuse("Invalid element wise type");
     name = kOperations[op_type];
     return true;
   }
@@ -203,7 +201,7 @@ struct ReductionOperation : support::Strict<runtime::TensorArithmeticInfo> {
   static int IsValidParam(LayerPtr const& layer, ParamPtr const& param) {
     if (Strict::IsValidParam(layer, param) == -1) return -1;
     auto const& info = support::As<Info>(kName, layer);
-    Assert(info.arith_type <= 1, "Invalid arithmetic type");
+    if (info.arith_type > 1) Refuse("Invalid arithmetic type");
     return info.dim.empty() || std::count(info.dim.begin(), info.dim.end(), -1) >= 2 ? -1 : 0;
   }
 
@@ -217,7 +215,7 @@ struct ReductionOperation : support::Strict<runtime::TensorArithmeticInfo> {
 
   Shapes GetOutputShapes(Shapes const& shapes) const {
     TensorShape const& shape = support::ShapeAt(Who(), shapes, 0);
-    Assert(shape.dims.size() >= dim.size(), nullptr);
+    if (shape.dims.size() < dim.size()) Refuse(nullptr);
     Dims dims = shape.dims;
     for (short const model_axis : dim) {
       short const axis = TensorAxis(model_axis);

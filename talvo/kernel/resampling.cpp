@@ -10,7 +10,6 @@
 #include "talvo/kernel/kernel_of_support.h"
 #include "talvo/serialization/inference_param.h"
 #include "talvo/serialization/layer_info_plane.h"
-#include "talvo/utility/log.h"
 #include "talvo/utility/refuse_support.h"
 
 namespace talvo::kernel {
@@ -24,7 +23,6 @@ using support::ParamPtr;
 using support::Shapes;
 using support::TensorPtr;
 using support::Tensors;
-using utility::Assert;
 using utility::Refuse;
 
 namespace {
@@ -36,7 +34,7 @@ constexpr char kZeros[] = "Zeros", kBorder[] = "Border", kReflection[] = "Reflec
 
 // The name of number `type`. Assert, with this text: there is none.
 char const* NameOf(char const* const (&names)[3], unsigned short type, char const* refusal) {
-  Assert(type < 3, "%s", refusal);
+  if (type >= 3) Refuse("%s", refusal);
   return names[type];
 }
 
@@ -158,7 +156,7 @@ struct UpsampleOf : support::Strict<runtime::Upsample2dInfo> {
 
   int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
     bool const nearest = sampling == kNearest;
-    Assert(nearest || sampling == kBilinear, nullptr);
+    if (!nearest && sampling != kBilinear) Refuse(nullptr);
     TensorPtr const x = support::Input(Who(), inputs, 0, 3, nearest ? 1 : sizeof(Element));
     TensorPtr const y = support::NewOutput(kernel, inputs, context);
     std::size_t const height = y->shape.dims[1], width = y->shape.dims[2];
@@ -285,7 +283,7 @@ struct GridSampleOperation : support::Strict<runtime::GridSampleInfo> {
 
   int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
     bool const bilinear = mode == kBilinear, border = padding_mode == kBorder;
-    Assert((bilinear || mode == kNearest) && (border || padding_mode == kZeros), nullptr);
+    if ((!bilinear && mode != kNearest) || (!border && padding_mode != kZeros)) Refuse(nullptr);
     TensorPtr const x = support::Input(Who(), inputs, 0, 3), grid = support::Input(Who(), inputs, 1);
     TensorPtr const y = support::NewOutput(kernel, inputs, context);
     std::size_t const height = y->shape.dims[1], width = y->shape.dims[2];

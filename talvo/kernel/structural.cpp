@@ -12,7 +12,6 @@
 #include "talvo/serialization/layer_info.h"
 #include "talvo/serialization/layer_info_activation.h"
 #include "talvo/serialization/layer_info_tensor.h"
-#include "talvo/utility/log.h"
 #include "talvo/utility/refuse_support.h"
 
 namespace talvo::kernel {
@@ -26,7 +25,6 @@ using support::LayerPtr;
 using support::ParamPtr;
 using support::Shapes;
 using support::Tensors;
-using utility::Assert;
 using utility::Refuse;
 
 namespace {
@@ -155,7 +153,7 @@ struct ConcatenateOperation : support::Strict<runtime::ConcatenateInfo> {
       if (second.dims.empty()) Refuse("%s: a tensor of dims %s and one without", kName, DimsText(first.dims).c_str());
       // The leading extents decide for every axis.
       bool const equal = first.dims[0] == second.dims[0];
-      Assert(equal || i == axis, "input tensor shapes error.");
+      if (!equal && i != axis) Refuse("input tensor shapes error.");
       joined.dims[i] = equal ? first.dims[0] : first.dims[0] + second.dims[0];
     }
     return {joined};
@@ -172,10 +170,9 @@ struct ConcatenateOperation : support::Strict<runtime::ConcatenateInfo> {
 
   int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
     support::NeedsConfig(kernel);
-    Assert(IsValidInput(inputs) == 0, "Invalid forward input param");
+    if (IsValidInput(inputs) != 0) Refuse("Invalid forward input param");
     if (!outputs.empty()) {
-      Assert(IsValidOutput(outputs) == 0, "Invalid forward output param");
-      Assert(false, "Not Implemented.");
+      Refuse(IsValidOutput(outputs) != 0 ? "Invalid forward output param" : "Not Implemented.");
     }
     support::Device(kName, context);
     outputs.push_back(functional::Concatenate_MainMemory_Fallback(inputs, axis, context->device_cpu));
@@ -361,7 +358,7 @@ struct UnSqueezeOperation : JudgedInVain<runtime::TensorUnSqueezeInfo> {
     TensorShape shape = support::ShapeAt(kName, shapes, 0);
     auto const rank = static_cast<std::ptrdiff_t>(shape.dims.size());
     std::ptrdiff_t position = dim > 0 ? dim - 1 : dim;  // without the batch axis
-    Assert(position <= rank && position >= -(rank + 1), nullptr);
+    if (position > rank || position < -(rank + 1)) Refuse(nullptr);
     if (position < 0) position += rank + 1;
     shape.dims.insert(shape.dims.begin() + position, 1u);
     return {shape};

@@ -15,7 +15,6 @@
 namespace talvo::runtime {
 namespace {
 
-using utility::Assert;
 using utility::Refuse;
 using KernelRegistry = ClassRegistry<std::shared_ptr<IKernel>>;
 using Converters = std::map<unsigned int, std::shared_ptr<IKernel>>;
@@ -151,7 +150,7 @@ class Builder {
     if (Config::IsInput(*info, layer->type)) input_ids_[id] = static_cast<unsigned int>(index);
     layer->input_converters = MakeConverters(id, config.input_converters);
     layer->kernel = MakeKernel(id, config.kernel, info);
-    if (Config::kNeedsMainKernel) Assert(layer->kernel != nullptr, nullptr);
+    if (Config::kNeedsMainKernel && layer->kernel == nullptr) Refuse(nullptr);
     layer->output_converters = MakeConverters(id, config.output_converters);
     Wire(*layer, *info, index);
     layers_.push_back(std::move(layer));

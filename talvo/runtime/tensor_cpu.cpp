@@ -6,7 +6,6 @@
 #include "talvo/kernel/native/permute.h"
 #include "talvo/runtime/device_cpu.h"
 #include "talvo/runtime/tensor_cpu_support.h"
-#include "talvo/utility/log.h"
 #include "talvo/utility/refuse_support.h"
 
 namespace talvo::runtime {
@@ -69,14 +68,14 @@ std::shared_ptr<TensorCPU> ReshapeTensor(TensorCPU const& tensor, std::vector<in
     }
     dims.push_back(static_cast<unsigned int>(extent < 1 ? 0 : extent));
   }
-  utility::Assert(unknown_count < 2, nullptr);
+  if (unknown_count >= 2) utility::Refuse(nullptr);
   unsigned int const total = ElementCount(shape.dims);
-  utility::Assert(total >= known, nullptr);
+  if (total < known) utility::Refuse(nullptr);
   if (known == 0 || tensor.data == nullptr) {
     utility::Refuse("reshape of dims %s: %s", DimsText(shape.dims).c_str(),
                     known == 0 ? "the product of the new extents does not fit 32 bits" : "the tensor has no memory");
   }
-  utility::Assert(total % known == 0, nullptr);
+  if (total % known != 0) utility::Refuse(nullptr);
   if (unknown_count == 1) dims[unknown_axis] = total / known;
   auto reshaped = device.CreateTensor(
       TensorShape(std::move(dims), shape.data_type, layout, shape.location, TensorShape::Extra()), nullptr);

@@ -13,6 +13,7 @@
 #include "talvo/serialization/record_support.h"
 #include "talvo/serialization/serializable.h"
 #include "talvo/utility/log.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::runtime {
 namespace {
@@ -350,7 +351,7 @@ TALVO_FOR_EACH_VISITED_TYPE(TALVO_VISIT)
 void support::ReadRecord(JSONText const& text, Serializable* record, char const* refusal) {
   if (!text.Root().IsObject()) {
     if (refusal != nullptr) utility::Refuse("%s", refusal);
-    utility::Assert(false, nullptr);
+    utility::Refuse(nullptr);
   }
   auto const getter = std::make_shared<JSONNodeGetter>(text.Root(), 0);
   getter->bytes_left_ = std::make_shared<std::size_t>(kBytesAtLeast + kBytesForEach * text.Bytes());

@@ -11,7 +11,6 @@
 #include "talvo/serialization/layer_info_plane.h"
 #include "talvo/serialization/layer_info_rnn.h"
 #include "talvo/serialization/layer_info_tensor.h"
-#include "talvo/utility/log.h"
 #include "talvo/utility/refuse_support.h"
 
 namespace talvo::runtime {
@@ -92,7 +91,7 @@ std::shared_ptr<LayerInfo> support::MakeLayerInfo(std::string const& class_name)
 
 std::shared_ptr<LayerInfo> LayerInfoFactory(std::string const& json) {
   support::JSONText const text(json);
-  utility::Assert(text.Root().IsObject(), nullptr);
+  if (!text.Root().IsObject()) utility::Refuse(nullptr);
   std::string class_name;
   JSONNodeGetter(text.Root(), __SERIALIZATION_PROTOCOL_VERSION__).Visit(&class_name, "serializable_type");
   std::shared_ptr<LayerInfo> const layer = support::MakeLayerInfo(class_name);

@@ -93,7 +93,7 @@ void TensorInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
 }
 
 void TLModelInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  utility::Assert(visitor->_serialization_protocol_version <= __SERIALIZATION_PROTOCOL_VERSION__, nullptr);
+  if (visitor->_serialization_protocol_version > __SERIALIZATION_PROTOCOL_VERSION__) utility::Refuse(nullptr);
   Serializable::VisitAttr(visitor);
   TALVO_VISIT_FIELD(squential_output_ids);
   TALVO_VISIT_FIELD(extra_info);

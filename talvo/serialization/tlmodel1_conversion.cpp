@@ -14,7 +14,6 @@
 #include "talvo/serialization/record_support.h"
 #include "talvo/serialization/tlmodel1_support.h"
 #include "talvo/serialization/tlmodel1_weights_support.h"
-#include "talvo/utility/log.h"
 #include "talvo/utility/refuse_support.h"
 
 namespace talvo::runtime {
@@ -101,7 +100,7 @@ LayerPtr Convert(QZLayerInfo_Conv2DTranspose const& layer) {
 
 LayerPtr Convert(QZLayerInfo_DepthWiseConv2D const& layer) {
   auto info = Convolution<Conv2dInfo>(layer);
-  utility::Assert(info->in_channels == info->out_channels, nullptr);
+  if (info->in_channels != info->out_channels) utility::Refuse(nullptr);
   info->dilation_x = layer.dilation_x;
   info->dilation_y = layer.dilation_y;
   info->groups = info->out_channels;

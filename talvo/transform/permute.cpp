@@ -5,7 +5,6 @@
 #include "talvo/runtime/tensor_cpu_support.h"
 #include "talvo/serialization/layer_info_tensor.h"
 #include "talvo/transform/transform_support.h"
-#include "talvo/utility/log.h"
 #include "talvo/utility/refuse_support.h"
 
 namespace talvo::kernel {
@@ -18,7 +17,6 @@ using support::ParamPtr;
 using support::Shapes;
 using support::TensorPtr;
 using support::Tensors;
-using utility::Assert;
 using utility::Refuse;
 
 struct PermuteOperation : support::Strict<runtime::TensorTransposeInfo> {
@@ -55,9 +53,9 @@ struct PermuteOperation : support::Strict<runtime::TensorTransposeInfo> {
 
   // The tests of the form on bare memory in their order, and then those that name the layer, before memory is taken.
   void Check(runtime::TensorCPU const& input, bool has_destination) const {
-    Assert(input.data != nullptr, "Input shared pointer is null.");
-    Assert(has_destination, "Output shared pointer is null.");
-    Assert(input.shape.dims.size() == axes.size(), "dimensions of shape must be equal to tranpose axes's.");
+    if (input.data == nullptr) Refuse("Input shared pointer is null.");
+    if (!has_destination) Refuse("Output shared pointer is null.");
+    if (input.shape.dims.size() != axes.size()) Refuse("dimensions of shape must be equal to tranpose axes's.");
     std::vector<bool> seen(axes.size());
     for (unsigned int const axis : axes) {
       if (axis >= axes.size() || seen[axis]) {

@@ -11,7 +11,6 @@
 #include "talvo/runtime/tensor_cpu_support.h"
 #include "talvo/serialization/layer_info_tensor.h"
 #include "talvo/transform/transform_support.h"
-#include "talvo/utility/log.h"
 #include "talvo/utility/refuse_support.h"
 
 namespace talvo::kernel {
@@ -26,7 +25,6 @@ using support::ParamPtr;
 using support::Shapes;
 using support::TensorPtr;
 using support::Tensors;
-using utility::Assert;
 using utility::Refuse;
 
 namespace {
@@ -53,7 +51,7 @@ bool FollowsAllOrLacksOne(Dims const& dims, std::vector<int> const& entries) {
 // Drops the batch axis from `count` entries; another number of entries stays as it is.
 void DropLeadingOne(Dims& dims, std::size_t count) {
   if (dims.size() != count) return;
-  Assert(dims[0] == 1, nullptr);
+  if (dims[0] != 1) Refuse(nullptr);
   dims.erase(dims.begin());
 }
 
@@ -281,7 +279,7 @@ struct ReshapeToSCOperation : GeneralReshape<ReshapeToSCOperation> {
   static constexpr unsigned int kLayout = TensorShape::SC;
   static void DropBatch(Dims& dims) {
     if (dims.size() != 3) return;
-    Assert(dims[0] == 1 || dims[1] == 1, "[Reshape_Fallback_To_SC_M1] batch of new shape != 1");
+    if (dims[0] != 1 && dims[1] != 1) Refuse("[Reshape_Fallback_To_SC_M1] batch of new shape != 1");
     dims.erase(dims.begin() + (dims[0] == 1 ? 0 : 1));
   }
   static bool Fits(Dims const& dims, std::vector<int> const& entries) { return FollowsAllOrLacksOne(dims, entries); }
@@ -303,8 +301,8 @@ struct UnblockToCOperation : UnblockingReshape<UnblockToCOperation, 2, TensorSha
   static bool TakesLayout(TensorShape const& shape) { return IsChannelLayout(shape.layout); }
   static unsigned int Lanes(TensorShape const& shape) {
     unsigned int const lanes = LanesOf(shape.layout);
-    Assert(lanes != 0, "Invalid input tensor layout");
-    Assert(lanes == 1 || TakesType(shape.data_type), "Invalid input data type");
+    if (lanes == 0) Refuse("Invalid input tensor layout");
+    if (lanes != 1 && !TakesType(shape.data_type)) Refuse("Invalid input data type");
     return lanes;
   }
 };
@@ -323,8 +321,8 @@ struct UnblockToCLOperation : UnblockingReshape<UnblockToCLOperation, 3, TensorS
     unsigned int lanes = LanesOf(shape.layout);
     if (flexible && rank == 3) lanes = 1;
     if (flexible && rank == 4 && (shape.dims[3] == 4 || shape.dims[3] == 8)) lanes = shape.dims[3];
-    Assert(lanes != 0, "Invalid input tensor layout");
-    Assert(IsFloatOrInt16(shape.data_type), "Invalid input data type");
+    if (lanes == 0) Refuse("Invalid input tensor layout");
+    if (!IsFloatOrInt16(shape.data_type)) Refuse("Invalid input data type");
     return lanes;
   }
 };

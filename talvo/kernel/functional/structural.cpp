@@ -9,7 +9,6 @@
 #include "talvo/kernel/functional/structural_support.h"
 #include "talvo/kernel/native/structural.h"
 #include "talvo/kernel/rows/elementwise_rows.h"
-#include "talvo/utility/log.h"
 #include "talvo/utility/refuse_support.h"
 
 namespace talvo::kernel::functional {
@@ -17,7 +16,6 @@ namespace {
 
 using runtime::Tensor;
 using runtime::TensorShape;
-using utility::Assert;
 using utility::Refuse;
 
 using TensorPtr = std::shared_ptr<Tensor>;
@@ -39,16 +37,18 @@ std::vector<unsigned int> JoinedDims(std::vector<TensorPtr> const& inputs, unsig
 }
 
 void CheckJoin(std::vector<TensorPtr> const& inputs, unsigned int axis) {
-  Assert(inputs.size() >= 2, nullptr);
+  if (inputs.size() < 2) Refuse(nullptr);
   for (auto const& input : inputs) {
     if (input == nullptr) Refuse("%s: one of %zu inputs is null", kConcatenate, inputs.size());
   }
   TensorShape const& first = inputs[0]->shape;
-  Assert(first.location == TensorShape::MainMemory, nullptr);
+  if (first.location != TensorShape::MainMemory) Refuse(nullptr);
   for (auto const& input : inputs) {
-    Assert(EqualButAxis(input->shape.dims, first.dims, axis), nullptr);
-    Assert(input->shape.location == first.location, nullptr);
-    Assert(input->shape.data_type == first.data_type, nullptr);
+    TensorShape const& shape = input->shape;
+    if (!EqualButAxis(shape.dims, first.dims, axis) || shape.location != first.location ||
+        shape.data_type != first.data_type) {
+      Refuse(nullptr);
+    }
   }
   if (axis >= first.dims.size()) {
     Refuse("%s: axis %u, the inputs have rank %zu", kConcatenate, axis, first.dims.size());
@@ -113,7 +113,7 @@ std::shared_ptr<runtime::TensorCPU> Concatenate_MainMemory_Fallback(std::vector<
   auto joined = device->CreateTensor(TensorShape(JoinedDims(inputs, axis), first.data_type, TensorShape::FLEXIABLE,
                                                  first.location, TensorShape::Extra()),
                                      nullptr);
-  Assert(joined != nullptr, nullptr);
+  if (joined == nullptr) Refuse(nullptr);
   std::vector<void const*> sources;
   std::vector<std::vector<unsigned int>> dims;
   for (auto const& input : inputs) {
@@ -186,7 +186,7 @@ void Function_TensorExpand_Fallback_CHW_Float_M1(TensorPtr const& input, TensorP
   support::CheckTensor(__func__, "the input", input.get(), {1, 3});
   support::CheckTensor(__func__, "the output", output.get(), {1, 3});
   auto const &from = input->shape.dims, &to = output->shape.dims;
-  Assert(from[0] == 1 || from[1] == 1 || from[2] == 1, nullptr);
+  if (from[0] != 1 && from[1] != 1 && from[2] != 1) Refuse(nullptr);
   unsigned int const element_bytes = runtime::ElementSize(input->shape.data_type);
   if (element_bytes != runtime::ElementSize(output->shape.data_type)) {
     Refuse("%s: elements of %u bytes into elements of %u", __func__, element_bytes,

@@ -7,13 +7,12 @@
 #include <utility>
 
 #include "talvo/kernel/rows/transpose.h"
-#include "talvo/utility/log.h"
 #include "talvo/utility/refuse_support.h"
 
 namespace talvo::kernel::native {
 namespace {
 
-using utility::Assert;
+using utility::Refuse;
 using Byte = unsigned char;
 
 // One axis of the copy; steps in bytes.
@@ -26,14 +25,14 @@ void Check(std::vector<unsigned int> const& dims, std::vector<unsigned int> cons
   std::vector<bool> seen(axes.size());
   for (unsigned int const axis : axes) {
     if (axis >= axes.size() || seen[axis]) {
-      utility::Refuse("permute: axis %u is out of range or repeated among %zu axes", axis, axes.size());
+      Refuse("permute: axis %u is out of range or repeated among %zu axes", axis, axes.size());
     }
     seen[axis] = true;
   }
   std::uint64_t count = std::count(dims.begin(), dims.end(), 0u) == 0;
   for (unsigned int const extent : dims) {
     count *= extent;
-    if (count > 0xFFFFFFFFu) utility::Refuse("permute: dims of more than 4294967295 elements");
+    if (count > 0xFFFFFFFFu) Refuse("permute: dims of more than 4294967295 elements");
   }
 }
 
@@ -113,10 +112,10 @@ void Permute(Axes axes, std::size_t element_bytes, Byte const* source, Byte* des
 void Transform_MainMemory_Permute_Fallback(void const* source, std::vector<unsigned int> dims,
                                            unsigned int element_bytes, std::vector<unsigned int> axes,
                                            void* destination) {
-  Assert(source != nullptr, "Input shared pointer is null.");
-  Assert(destination != nullptr, "Output shared pointer is null.");
-  Assert(element_bytes != 0, "bytes per element must be >= 1.");
-  Assert(dims.size() == axes.size(), "dimensions of shape must be equal to tranpose axes's.");
+  if (source == nullptr) Refuse("Input shared pointer is null.");
+  if (destination == nullptr) Refuse("Output shared pointer is null.");
+  if (element_bytes == 0) Refuse("bytes per element must be >= 1.");
+  if (dims.size() != axes.size()) Refuse("dimensions of shape must be equal to tranpose axes's.");
   Check(dims, axes);
   if (std::count(dims.begin(), dims.end(), 0u) != 0) return;
   Permute(MergedAxes(dims, element_bytes, axes), element_bytes, static_cast<Byte const*>(source),
