@@ -118,6 +118,9 @@ int main(int argc, char** argv) {
   Register<kernel::PReLU_Fallback_Float_M1>("PReLU_in_place");
   Register<kernel::Sigmoid_Fallback_Float_M1>("Sigmoid");
   Register<kernel::TanH_Fallback_Float_M1>("TanH");
+  Register<kernel::Sqrt_Fallback_Float_M1>("Sqrt");
+  Register<kernel::Log_Fallback_Float_M1>("Log");
+  Register<kernel::Erf_Fallback_Float_M1>("Erf");
   RegisterInCache("exp", rows::ExpRow, [](float x) { return std::exp(x); });
   RegisterInCache("sigmoid", rows::SigmoidRow, sigmoid);
   RegisterInCache("tanh", rows::TanhRow, [](float x) { return std::tanh(x); });

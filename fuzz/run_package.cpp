@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "talvo/entry/load_model.h"
+#include "talvo/entry/register_extra_operators.h"
 #include "talvo/entry/register_operators.h"
 #include "talvo/runtime/device_cpu.h"
 #include "talvo/runtime/tensor_cpu.h"
@@ -68,6 +69,7 @@ void BuildAndRun(TLNModel const& file) {
   ClassRegistry<std::shared_ptr<IKernel>> kernels;
   ClassRegistry<std::shared_ptr<InferenceParam>> params;
   talvo::utility::init_register_operators(kernels, params);
+  talvo::utility::init_register_extra_operators(kernels);
   auto const pool = std::make_shared<LimitedPool>();
   auto const context = CreateContext(CreateDeviceCPU(DetectCPUDevice(), pool, nullptr, pool), nullptr, nullptr, nullptr,
                                      nullptr, nullptr);

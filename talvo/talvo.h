@@ -5,6 +5,7 @@
 #include "talvo/entry/load_model.h"
 #include "talvo/entry/model.h"
 #include "talvo/entry/open_package.h"
+#include "talvo/entry/register_extra_operators.h"
 #include "talvo/entry/register_fused_operators.h"
 #include "talvo/entry/register_operators.h"
 #include "talvo/entry/reset_rnn_state.h"

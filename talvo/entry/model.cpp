@@ -11,6 +11,7 @@
 #include "talvo/entry/load_model.h"
 #include "talvo/entry/model_support.h"
 #include "talvo/entry/open_package.h"
+#include "talvo/entry/register_extra_operators.h"
 #include "talvo/entry/register_fused_operators.h"
 #include "talvo/entry/register_operators.h"
 #include "talvo/entry/reset_rnn_state.h"
@@ -94,6 +95,7 @@ Model::Parts::Parts(TLNModel& file, std::string package_name, ModelOptions const
   if (context == nullptr) utility::create_context(context, kAlignment);
   utility::init_register_operators(kernels, params);
   utility::init_register_fused_operators(kernels);
+  utility::init_register_extra_operators(kernels);
   package->kernels = &kernels;
   package->params = &params;
   package->context = context;

@@ -2,6 +2,7 @@
 
 #include "talvo/kernel/functional/activation.h"
 #include "talvo/kernel/kernel_of_support.h"
+#include "talvo/kernel/rows/elementwise_rows.h"
 #include "talvo/serialization/layer_info_activation.h"
 #include "talvo/utility/base64_support.h"
 #include "talvo/utility/refuse_support.h"
@@ -9,7 +10,9 @@
 namespace talvo::kernel {
 
 using runtime::ActivationInfo;
+using runtime::ClipInfo;
 using runtime::IKernel;
+using runtime::TensorShape;
 using support::ContextPtr;
 using support::LayerPtr;
 using support::ParamPtr;
@@ -129,6 +132,76 @@ struct PReluOperation : InvertedForm {
   float slope = 0.25f;
 };
 
+struct SqrtOperation : PlainActivation<StrictForm, functional::sqrt_f32> {
+  static constexpr char const* kName = "Sqrt_Fallback_Float_M1";
+};
+
+struct LogOperation : PlainActivation<StrictForm, functional::log_f32> {
+  static constexpr char const* kName = "Log_Fallback_Float_M1";
+};
+
+struct ErfOperation : PlainActivation<StrictForm, functional::erf_f32> {
+  static constexpr char const* kName = "Erf_Fallback_Float_M1";
+};
+
+struct ClipOperation : support::Strict<ClipInfo> {
+  static constexpr char const* kName = "Clip_Fallback_Float_M1";
+
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) {
+    auto const& info = support::As<ClipInfo>(kName, layer);
+    low = info.minimum_value;
+    high = info.maximum_value;
+    return true;
+  }
+
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+    return MapInput(kernel, inputs, outputs, context, [this](float const* in, unsigned int count, float* out) {
+      functional::clip_f32(in, count, low, high, out);
+    });
+  }
+
+  float low = ClipInfo().minimum_value, high = ClipInfo().maximum_value;
+};
+
+struct PReluChannelOperation : StrictForm {
+  static constexpr char const* kName = "PReLUChannel_Fallback_CHW_Float_M1";
+
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const& context) {
+    auto const& info = support::As<ActivationInfo>(kName, layer);
+    layer_id = info.id;
+    if (info.num_parameters <= 0) {
+      utility::Refuse("%s of layer %s: %d parameters, needs one for each channel", kName, layer_id.c_str(),
+                      info.num_parameters);
+    }
+    slopes = support::DecodeWeights(kName, layer_id, "weight", info.weight,
+                                    {static_cast<unsigned int>(info.num_parameters)}, TensorShape::FLEXIABLE, context);
+    return true;
+  }
+
+  static int IsValidInput(Tensors const& inputs) { return support::JudgeOneImage(inputs, TensorShape::FLOAT32); }
+  static int IsValidOutput(Tensors const& outputs) { return support::JudgeOneImage(outputs, TensorShape::FLOAT32); }
+
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+    support::NeedsConfig(kernel);
+    auto const x = support::Input({kName, layer_id}, inputs, 0, 3);
+    auto const& dims = x->shape.dims;
+    if (dims[0] > slopes->shape.dims[0]) {
+      utility::Refuse("%s of layer %s: input 0 has dims %s, there are %u slopes", kName, layer_id.c_str(),
+                      runtime::DimsText(dims).c_str(), slopes->shape.dims[0]);
+    }
+    auto const y = support::NewOutput(kernel, inputs, context);
+    std::size_t const plane = std::size_t{dims[1]} * dims[2];
+    for (std::size_t c = 0; c < dims[0]; ++c) {
+      rows::LeakyRow(slopes->Data<float>()[c], x->Data<float>() + c * plane, plane, y->Data<float>() + c * plane);
+    }
+    outputs.assign(1, y);
+    return 0;
+  }
+
+  std::string layer_id;
+  support::TensorPtr slopes;
+};
+
 template class KernelOf<ReluOperation>;
 template class KernelOf<Relu6Operation>;
 template class KernelOf<SigmoidOperation>;
@@ -138,5 +211,10 @@ template class KernelOf<HSwishOperation>;
 template class KernelOf<LeakyOperation>;
 template class KernelOf<LinearOperation>;
 template class KernelOf<PReluOperation>;
+template class KernelOf<SqrtOperation>;
+template class KernelOf<LogOperation>;
+template class KernelOf<ErfOperation>;
+template class KernelOf<ClipOperation>;
+template class KernelOf<PReluChannelOperation>;
 
 }  // namespace talvo::kernel

@@ -1,4 +1,4 @@
-// The nine activation kernels: FLOAT32 tensors in main memory of any layout, taken as a flat run of elements. The
+// The activation kernels: FLOAT32 tensors in main memory of any layout, taken as a flat run of elements. The
 // arithmetic is that of kernel/functional/activation.h. Each writes a new tensor of the input's shape, PReLU apart.
 //
 // IsValidParam has one of two forms. Strict: 0 for an ActivationInfo without inference parameter, -1 otherwise, and
@@ -19,6 +19,11 @@ struct HSwishOperation;
 struct LeakyOperation;
 struct LinearOperation;
 struct PReluOperation;
+struct SqrtOperation;
+struct LogOperation;
+struct ErfOperation;
+struct ClipOperation;
+struct PReluChannelOperation;
 
 extern template class TALVO_API KernelOf<ReluOperation>;
 extern template class TALVO_API KernelOf<Relu6Operation>;
@@ -29,6 +34,11 @@ extern template class TALVO_API KernelOf<HSwishOperation>;
 extern template class TALVO_API KernelOf<LeakyOperation>;
 extern template class TALVO_API KernelOf<LinearOperation>;
 extern template class TALVO_API KernelOf<PReluOperation>;
+extern template class TALVO_API KernelOf<SqrtOperation>;
+extern template class TALVO_API KernelOf<LogOperation>;
+extern template class TALVO_API KernelOf<ErfOperation>;
+extern template class TALVO_API KernelOf<ClipOperation>;
+extern template class TALVO_API KernelOf<PReluChannelOperation>;
 
 using ReLU_Fallback_Float_M1 = KernelOf<ReluOperation>;          // strict
 using ReLU6_Fallback_Float_M1 = KernelOf<Relu6Operation>;        // inverted
@@ -50,5 +60,20 @@ using Linear_Fallback_Float_M1 = KernelOf<LinearOperation>;
 /// before Config, which returns false for an empty `weight` or a layer that is no ActivationInfo.
 /// Assert in Config: a `weight` of fewer than 4 bytes.
 using PReLU_Fallback_Float_M1 = KernelOf<PReluOperation>;
+
+// Extra kernels, registered by init_register_extra_operators.
+using Sqrt_Fallback_Float_M1 = KernelOf<SqrtOperation>;  // strict
+using Log_Fallback_Float_M1 = KernelOf<LogOperation>;    // strict
+using Erf_Fallback_Float_M1 = KernelOf<ErfOperation>;    // strict
+
+/// Strict, of a ClipInfo: low is `minimum_value`, high `maximum_value`, exactly widened, and the record's defaults
+/// before Config.
+using Clip_Fallback_Float_M1 = KernelOf<ClipOperation>;
+
+/// Strict. x < 0 ? slope[c] * x : x for x [C, H, W] of layout CHW, with a slope for each channel: the first
+/// `num_parameters` floats of `weight`. Writes a new tensor. Assert in Config: no parameters, a `weight` of fewer
+/// bytes. Assert in Forward, with kernel, layer and numbers: no Config before, a rank other than 3, more channels than
+/// slopes.
+using PReLUChannel_Fallback_CHW_Float_M1 = KernelOf<PReluChannelOperation>;
 
 }  // namespace talvo::kernel

@@ -1,11 +1,16 @@
 #include "talvo/kernel/gemm.h"
 
+#include <algorithm>
 #include <cstdint>
+#include <vector>
 
 #include "talvo/kernel/functional/gemm.h"
 #include "talvo/kernel/kernel_of_support.h"
 #include "talvo/kernel/padding.h"
+#include "talvo/kernel/rows/elementwise_rows.h"
 #include "talvo/kernel/rows/fused_product.h"
+#include "talvo/kernel/rows/matrix_product.h"
+#include "talvo/kernel/rows/transpose.h"
 #include "talvo/kernel/sgemm.h"
 #include "talvo/serialization/layer_info_conv.h"
 #include "talvo/utility/refuse_support.h"
@@ -207,9 +212,149 @@ struct FusedFullConnectionOperation : FullConnection<FusedFullConnectionOperatio
   static constexpr auto kRun = Multiply;
 };
 
+struct RowsFullConnectionOperation : FullConnection<RowsFullConnectionOperation> {
+  static constexpr char const* kName = "FullConnection_Fallback_SC_Float_M1";
+
+  static support::TensorPtr Keep(support::TensorPtr const& decoded, ContextPtr const& context) {
+    unsigned int const outputs = decoded->shape.dims[0], inputs = decoded->shape.dims[1];
+    auto const packed = context->device_cpu->CreateF32FlexiableMainMemory(
+        {static_cast<unsigned int>(rows::PackedOutputs(outputs)), inputs}, nullptr);
+    rows::PackWeights(decoded->Data<float>(), outputs, inputs, packed->Data<float>());
+    return packed;
+  }
+
+  static int JudgeRows(Tensors const& tensors, unsigned int features) {
+    return support::Judge(tensors, 1, [features](runtime::Tensor const& tensor) {
+      return support::IsInMainMemory(tensor, TensorShape::FLOAT32, TensorShape::SC) && tensor.shape.dims.size() == 2 &&
+             tensor.shape.dims[1] == features;
+    });
+  }
+  int IsValidInput(Tensors const& inputs) const { return JudgeRows(inputs, in_features); }
+  int IsValidOutput(Tensors const& outputs) const { return JudgeRows(outputs, out_features); }
+
+  Shapes GetOutputShapes(Shapes const& input_shapes) const {
+    TensorShape const& input = support::ShapeAt({kName, layer_id}, input_shapes, 0, 2);
+    return {TensorShape({input.dims[0], out_features}, input.data_type, TensorShape::SC, input.location,
+                        TensorShape::Extra())};
+  }
+
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+    support::NeedsConfig(kernel);
+    support::Who const self(kName, layer_id);
+    auto const x = support::Input(self, inputs, 0, 2);
+    std::size_t const count = x->shape.dims[0];
+    support::CheckTensor(self, "input 0", x.get(), {sizeof(float), 2, count * in_features});
+    auto const y = support::NewOutput(kernel, inputs, context);
+    rows::PackedProduct(weight->Data<float>(), x->Data<float>(), bias == nullptr ? nullptr : bias->Data<float>(), count,
+                        out_features, in_features, y->Data<float>());
+    outputs.assign(1, y);
+    return 0;
+  }
+};
+
+namespace {
+
+using Dims = std::vector<unsigned int>;
+
+// The last two extents of an operand, turned where the record says so, and the elements of one of its matrices.
+struct Matrix {
+  Matrix(Dims const& dims, bool turned)
+      : rows(dims[dims.size() - (turned ? 1 : 2)]), columns(dims[dims.size() - (turned ? 2 : 1)]) {}
+  std::size_t Elements() const { return rows * columns; }
+  std::size_t rows, columns;
+};
+
+bool Multiply(Dims const& a, bool trans_a, Dims const& b, bool trans_b) {
+  if (a.size() < 2 || b.size() < 2 || Matrix(a, trans_a).columns != Matrix(b, trans_b).rows) return false;
+  return a.size() == 2 || b.size() == 2 || (a.size() == b.size() && std::equal(a.begin(), a.end() - 2, b.begin()));
+}
+
+// matrix [rows, columns] to [columns, rows].
+void Turn(float const* matrix, std::size_t rows, std::size_t columns, float* turned) {
+  std::size_t const row = columns * sizeof(float), to_row = rows * sizeof(float);
+  rows::TransposeElements(
+      sizeof(float), {reinterpret_cast<unsigned char const*>(matrix), static_cast<std::ptrdiff_t>(row), rows, columns,
+                      reinterpret_cast<unsigned char*>(turned), static_cast<std::ptrdiff_t>(to_row), sizeof(float)});
+}
+
+}  // namespace
+
+struct MatMulOperation : support::Strict<runtime::GemmInfo> {
+  static constexpr char const* kName = "MatMul_Fallback_Float_M1";
+
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) {
+    auto const& info = support::As<runtime::GemmInfo>(kName, layer);
+    layer_id = info.id;
+    trans_a = info.trans_a, trans_b = info.trans_b, alpha = info.alpha;
+    return true;
+  }
+
+  int IsValidInput(Tensors const& inputs) const {
+    int const judgement = support::Judge(
+        inputs, 2, [](runtime::Tensor const& tensor) { return support::IsInMainMemory(tensor, TensorShape::FLOAT32); });
+    if (judgement != 0) return judgement;
+    return Multiply(inputs[0]->shape.dims, trans_a, inputs[1]->shape.dims, trans_b) ? 0 : -2;
+  }
+
+  Shapes GetOutputShapes(Shapes const& input_shapes) const {
+    TensorShape const &a = support::ShapeAt({kName, layer_id}, input_shapes, 0),
+                      &b = support::ShapeAt({kName, layer_id}, input_shapes, 1);
+    if (!Multiply(a.dims, trans_a, b.dims, trans_b)) {
+      Refuse("%s of layer %s: %s%s and %s%s do not multiply", kName, layer_id.c_str(), DimsText(a.dims).c_str(),
+             trans_a ? " turned" : "", DimsText(b.dims).c_str(), trans_b ? " turned" : "");
+    }
+    TensorShape y = a.dims.size() >= b.dims.size() ? a : b;
+    y.dims[y.dims.size() - 2] = static_cast<unsigned int>(Matrix(a.dims, trans_a).rows);
+    y.dims.back() = static_cast<unsigned int>(Matrix(b.dims, trans_b).columns);
+    return {y};
+  }
+
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+    support::NeedsConfig(kernel);
+    support::Who const self(kName, layer_id);
+    auto const a = support::Input(self, inputs, 0), b = support::Input(self, inputs, 1);
+    auto const y = support::NewOutput(kernel, inputs, context);
+    if (support::Count(*y) != 0) Run(*a, *b, *y, *context->device_cpu);
+    outputs.assign(1, y);
+    return 0;
+  }
+
+  // B is packed, A turned where it has to be, one matrix at a time.
+  void Run(runtime::TensorCPU const& a, runtime::TensorCPU const& b, runtime::TensorCPU const& y,
+           runtime::DeviceCPU& device) const {
+    Matrix const left(a.shape.dims, trans_a), right(b.shape.dims, trans_b);
+    std::size_t const k = left.columns, m = left.rows, n = right.columns, count = support::Count(y) / (m * n);
+    auto const scratch = [&](std::size_t floats) {
+      return device.CreateF32FlexiableMainMemory({static_cast<unsigned int>(floats), static_cast<unsigned int>(k)},
+                                                 nullptr);
+    };
+    auto const packed = scratch(rows::PackedOutputs(n));
+    auto const turned_a = trans_a ? scratch(m) : nullptr, turned_b = trans_b ? nullptr : scratch(n);
+    float const *from_a = a.Data<float>(), *from_b = b.Data<float>();
+    float* to = y.Data<float>();
+    for (std::size_t i = 0; i < count; ++i, to += m * n) {
+      if (i == 0 || b.shape.dims.size() != 2) {
+        if (!trans_b) Turn(from_b, k, n, turned_b->Data<float>());
+        if (k != 0) rows::PackWeights(trans_b ? from_b : turned_b->Data<float>(), n, k, packed->Data<float>());
+        from_b += right.Elements();
+      }
+      if (trans_a && (i == 0 || a.shape.dims.size() != 2)) Turn(from_a, k, m, turned_a->Data<float>());
+      rows::PackedProduct(packed->Data<float>(), trans_a ? turned_a->Data<float>() : from_a, nullptr, m, n, k, to);
+      if (a.shape.dims.size() != 2) from_a += left.Elements();
+      if (alpha != 1.0f) rows::CombineRow(rows::Operation::kMul, {to, false}, {&alpha, true}, m * n, to);
+    }
+  }
+
+  std::string layer_id;
+  bool trans_a = false, trans_b = false;
+  float alpha = 1.0f;
+};
+
 template class KernelOf<PointwiseOperation>;
 template class KernelOf<FallbackFullConnectionOperation>;
 template class KernelOf<SgemmFullConnectionOperation>;
 template class KernelOf<FusedFullConnectionOperation>;
+template class KernelOf<RowsFullConnectionOperation>;
+template class KernelOf<MatMulOperation>;
 
 }  // namespace talvo::kernel

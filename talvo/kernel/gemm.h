@@ -14,10 +14,14 @@ struct PointwiseOperation;
 struct FallbackFullConnectionOperation;
 struct SgemmFullConnectionOperation;
 struct FusedFullConnectionOperation;
+struct RowsFullConnectionOperation;
+struct MatMulOperation;
 extern template class TALVO_API KernelOf<PointwiseOperation>;
 extern template class TALVO_API KernelOf<FallbackFullConnectionOperation>;
 extern template class TALVO_API KernelOf<SgemmFullConnectionOperation>;
 extern template class TALVO_API KernelOf<FusedFullConnectionOperation>;
+extern template class TALVO_API KernelOf<RowsFullConnectionOperation>;
+extern template class TALVO_API KernelOf<MatMulOperation>;
 
 /// Convolution with a 1x1 kernel, stride 1 and no padding, as one product of W with x [channels, H * W]; the bias is
 /// added behind the product. Config takes such a Conv2dInfo without inference parameter and with non-zero channels and
@@ -44,5 +48,19 @@ TALVO_API void Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1_Convolution(std::shar
 using FullConnection_Fallback_C_Float_M1 = KernelOf<FallbackFullConnectionOperation>;
 using FullConnection_SGEMM_C_Float_M1 = KernelOf<SgemmFullConnectionOperation>;
 using FullConnection_Fused_C_Float_M1 = KernelOf<FusedFullConnectionOperation>;
+
+// Extra kernels, registered by init_register_extra_operators.
+
+/// FullConnection_Fallback_C_Float_M1 for each row of x [S, in_features] to y [S, out_features], layout SC, with the
+/// same bits; W is kept packed. Assert in Forward, besides: a rank other than 2, fewer than S * in_features elements.
+using FullConnection_Fallback_SC_Float_M1 = KernelOf<RowsFullConnectionOperation>;
+
+/// y = alpha * (op(A) op(B)) for inputs A [.., m, k] and B [.., k, n] in any layout, of a GemmInfo: `trans_a` and
+/// `trans_b` say that A is [.., k, m] and B [.., n, k]; `beta` belongs to a third operand, which there is not. Leading
+/// extents are equal, or one operand is a single matrix of rank 2 that serves all of the other. Each sum goes p = 0,
+/// 1, ... k - 1 from 0.0f, each product and each sum rounded, and is then multiplied by alpha. The output has the
+/// layout of the operand with more axes, of A where both have as many. Assert, with kernel, layer and dims: operands
+/// that do not multiply; in Forward, no Config before, elements of fewer than 4 bytes.
+using MatMul_Fallback_Float_M1 = KernelOf<MatMulOperation>;
 
 }  // namespace talvo::kernel

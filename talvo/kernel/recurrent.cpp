@@ -51,6 +51,12 @@ struct Gru {
                                                "GRU_Fused_SC_F32_M1"};
 };
 
+struct GruResetBefore {
+  using Info = runtime::GRUInfo;
+  static constexpr Gates const& kGates = kGruResetBefore;
+  static constexpr char const* kSequences[] = {"GRUResetBefore_Fallback_SC_F32_M1"};
+};
+
 struct Fallback {
   static constexpr std::size_t kNumber = 0;
   static constexpr Product const& kProduct = kOrdered;
@@ -437,6 +443,7 @@ template class KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Fallback>
 template class KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Sgemm>>;
 template class KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Arm>>;
 template class KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Fused>>;
+template class KernelOf<recurrent::Sequence<recurrent::GruResetBefore, recurrent::Fallback>>;
 template class KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Fallback>>;
 template class KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Sgemm>>;
 template class KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Arm>>;

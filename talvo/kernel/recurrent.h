@@ -17,6 +17,7 @@ namespace recurrent {
 struct Rnn;
 struct Lstm;
 struct Gru;
+struct GruResetBefore;
 struct Fallback;
 struct Sgemm;
 struct Arm;
@@ -56,6 +57,7 @@ extern template class TALVO_API KernelOf<recurrent::Sequence<recurrent::Gru, rec
 extern template class TALVO_API KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Sgemm>>;
 extern template class TALVO_API KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Arm>>;
 extern template class TALVO_API KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Fused>>;
+extern template class TALVO_API KernelOf<recurrent::Sequence<recurrent::GruResetBefore, recurrent::Fallback>>;
 extern template class TALVO_API KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Fallback>>;
 extern template class TALVO_API KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Sgemm>>;
 extern template class TALVO_API KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Arm>>;
@@ -81,6 +83,10 @@ using GRU_Fallback_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::Gru, recu
 using GRU_SGEMM_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Sgemm>>;
 using GRU_ARM_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Arm>>;
 using GRU_Fused_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Fused>>;
+/// An extra kernel, registered by init_register_extra_operators: a GRU whose reset applies to the hidden state and not
+/// to its product, n = tanh(W_in x + b_in + (W_hn (r * h) + b_hn)). All else is as for GRU_Fallback_SC_F32_M1.
+using GRUResetBefore_Fallback_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::GruResetBefore, recurrent::Fallback>>;
+
 using RNNCell_Fallback_C_F32_M1 = KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Fallback>>;
 using RNNCell_SGEMM_C_F32_M1 = KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Sgemm>>;
 using RNNCell_ARM_C_F32_M1 = KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Arm>>;

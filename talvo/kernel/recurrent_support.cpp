@@ -77,13 +77,14 @@ struct Extents {
 // y = W x + bias for row after row. Where the order of the sums is ours and the rows are many, W is packed once.
 class RowProduct {
  public:
+  // `first` is the first of the outputs, a row of the weight where the product keeps it as it is, else 0.
   RowProduct(Product const& product, TensorPtr const& weight, TensorPtr const& bias, Extents const& extents,
-             std::size_t rows, runtime::DeviceCPU& device)
+             std::size_t rows, runtime::DeviceCPU& device, std::size_t first = 0)
       : product_(product),
         outputs_(static_cast<unsigned int>(extents.outputs)),
         inputs_(static_cast<unsigned int>(extents.inputs)),
-        weight_(weight->Data<float>()),
-        bias_(bias != nullptr ? bias->Data<float>() : nullptr) {
+        weight_(weight->Data<float>() + first * extents.inputs),
+        bias_(bias != nullptr ? bias->Data<float>() + first : nullptr) {
     if (product.packing != Packing::kInLongPasses || rows < kPackFrom) return;
     packed_ = device.CreateF32FlexiableMainMemory({static_cast<unsigned int>(rows::PackedOutputs(outputs_)), inputs_},
                                                   nullptr);
@@ -115,6 +116,7 @@ class RowProduct {
 Gates const kRnn = {1, false, RunRnn};
 Gates const kLstm = {4, true, RunLstm};
 Gates const kGru = {3, false, RunGru};
+Gates const kGruResetBefore = {3, false, nullptr};
 Product const kOrdered = {Packing::kInLongPasses, functional::fullconnection_fallback_c_f32_m1};
 Product const kBlas = {Packing::kNever, functional::fullconnection_sgemm_c_f32_m1};
 Product const kFused = {Packing::kAtOnce, ConnectFused};
@@ -147,11 +149,42 @@ std::size_t PassScratch(Form const& form, std::size_t steps, std::size_t hidden_
   return (std::min(steps, kStepsAtOnce) + 1) * form.gates.count * hidden_size;
 }
 
+namespace {
+
+// One step behind the product a = W_ih x + b_ih: h to h_new, with b [gates * size] as scratch, at an odd or even step.
+class HiddenStep {
+ public:
+  HiddenStep(Form const& form, Weights const& weights, Pass const& pass, runtime::DeviceCPU& device)
+      : form_(form),
+        size_(pass.hidden_size),
+        resets_before_(form.gates.run == nullptr),
+        gates_(form.product, weights.weight_hh, weights.bias_hh,
+               {(resets_before_ ? 2 : form.gates.count) * size_, size_}, pass.steps, device),
+        candidates_(form.product, weights.weight_hh, weights.bias_hh, {resets_before_ ? size_ : 0, size_},
+                    resets_before_ ? pass.steps : 0, device, resets_before_ ? 2 * size_ : 0) {}
+
+  void Run(float const* a, float const* h, bool odd, float* b, float* c, float* h_new) const {
+    gates_.Run(h, 1, odd, b);
+    if (!resets_before_) return form_.gates.run({a, b, h, c, h_new, size_, kTanh});
+    rows::GruResets(a, b, h, size_, h_new);
+    candidates_.Run(h_new, 1, odd, b + 2 * size_);
+    rows::GruUpdates(a + 2 * size_, b + 2 * size_, b + size_, h, size_, h_new);
+  }
+
+ private:
+  Form const& form_;
+  std::size_t size_;
+  bool resets_before_;
+  RowProduct gates_, candidates_;
+};
+
+}  // namespace
+
 // A step reads its hidden state where the one before wrote it, in y.
 void RunPass(Form const& form, Weights const& weights, Pass const& pass, runtime::DeviceCPU& device) {
   std::size_t const steps = pass.steps, size = pass.hidden_size, outputs = form.gates.count * size;
   RowProduct const from_x(form.product, weights.weight_ih, weights.bias_ih, {outputs, weights.in_size}, steps, device);
-  RowProduct const from_h(form.product, weights.weight_hh, weights.bias_hh, {outputs, size}, steps, device);
+  HiddenStep const step(form, weights, pass, device);
   float *const b = pass.scratch, *const a = b + outputs;
   float const* h = pass.h;
   for (std::size_t done = 0; done < steps; done += kStepsAtOnce) {
@@ -161,8 +194,7 @@ void RunPass(Form const& form, Weights const& weights, Pass const& pass, runtime
     for (std::size_t r = 0; r < rows; ++r) {
       std::size_t const row = pass.reverse ? rows - 1 - r : r;
       float* const h_new = pass.y + (first + row) * pass.y_stride;
-      from_h.Run(h, 1, r % 2 == 1, b);
-      form.gates.run({a + row * outputs, b, h, pass.c, h_new, size, kTanh});
+      step.Run(a + row * outputs, h, r % 2 == 1, b, pass.c, h_new);
       h = h_new;
     }
   }

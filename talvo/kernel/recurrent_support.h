@@ -28,9 +28,12 @@ struct Step {
 struct Gates {
   unsigned int count;
   bool has_cell_state;
-  void (*run)(Step const& step);
+  void (*run)(Step const& step);  // none where the second product waits for the first: see kGruResetBefore
 };
 extern Gates const kRnn, kLstm, kGru;
+
+/// A GRU whose candidate is tanh(W_in x + b_in + W_hn (r * h) + b_hn). For passes with the product kOrdered alone.
+extern Gates const kGruResetBefore;
 
 /// out = bias + weight in, as the free forms of functional/gemm.h.
 using Connect = void(float const* in, unsigned int const& in_count, unsigned int const& out_count, float const* weight,

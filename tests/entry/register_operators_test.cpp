@@ -8,6 +8,7 @@
 #include <numeric>
 #include <set>
 
+#include "talvo/entry/register_extra_operators.h"
 #include "talvo/entry/register_fused_operators.h"
 #include "talvo/serialization/layer_info_activation.h"
 #include "talvo/serialization/layer_info_conv.h"
@@ -108,48 +109,59 @@ std::vector<Entry> Entries() {
               row = {1, {4, 4}, TensorShape::CL}, long_row = {1, {4, 16}, TensorShape::CL},
               steps = {1, {4, 4}, TensorShape::SC}, vector = {1, {4}, TensorShape::C};
   auto const activation = With(&ActivationInfo::weight, Weights(1));
-  return {{"Input_", Make<InputInfo>, plane, kInverted, "02220000000"},
-          {"Straight_Through_", Make<InputInfo>, plane, kInverted, kOne},
-          {"LayerPlaceholder_", With(&LayerPlaceholderInfo::output_shape, {4, 4, 4}), plane, kStrict, "02020002000"},
-          {"ConvTranspose2D_", Make<ConvTranspose2dInfo>, plane, kStrict, kChannels},
-          {"Conv2D_", Make<Conv2dInfo>, plane, kStrict, kChannels},
-          {"Conv2d_", Make<Conv2dInfo>, plane, kStrict, "02222202200", kFloatPlane},
-          {"Conv1D_", Make<Conv1dInfo>, row, kStrict, kChannels},
-          {"FullConnection_", Make<FullConnectionInfo>, vector, kStrict, kVector},
-          {"AdaptivePooling2D_", With(&AdaptiveAvgPool2dInfo::output_size, {2, 2}), plane, kStrict, kFloatPlane},
-          {"Pooling2D_Avg_", Make<AvgPool2dInfo>, plane, kStrict, kFloatPlane},
-          {"Pooling2D_Max_", Make<MaxPool2dInfo>, plane, kStrict, kFloatPlane},
-          {"Elementwise_", Make<ElementWiseOperatorInfo>, planes, kStrict, kFloat},
-          {"BroadcastOperator_", Make<BroadcastOperatorInfo>, planes, kStrict, "02222222022", kFloat},
-          {"Concatenate_C_", With(&ConcatenateInfo::dim, 1), planes, kStrict, "00022222200", "02220002200"},
-          {"Concatenate_", Make<ConcatenateInfo>, planes, kStrict, "02022222002", kOne},
-          {"Reshape_Fallback_CnHWn_To_CL_", Reshape({1, 4, 16}), plane, kStrict, "02222002222", "02222002200"},
-          {"Reshape_Fallback_CnHWn_To_C_", Reshape({1, 64}), plane, kStrict, "02222002222", "02222002200"},
-          {"Reshape_Fallback_CL_To_CHW_", Reshape({1, 4, 4, 4}), long_row, kStrict, "02222022022", "02222022200"},
-          {"Reshape_Fallback_To_SC_", Reshape({1, 4, 16}), plane, kStrict, kPositive, kOne},
-          {"Reshape_Fallback_To_C_", Reshape({1, 64}), plane, kStrict, kPositive, kOne},
-          {"Reshape_", Reshape({1, 4, 4, 4}), plane, kStrict, kPositive, kOne},
-          {"Transform_MainMemory_Reshape_", Reshape({1, 16, 4}), plane, kStrict, kPositive},
-          {"Transform_MainMemory_Permute_", With(&TensorTransposeInfo::axes, {0, 2, 3, 1}), plane, kStrict, kOne},
-          {"Expand_", With(&TensorExpandInfo::new_shape, {1, 4, 4, 4}), plane, kStrict, "02222022200"},
-          {"TensorArithmetic_", With(&TensorArithmeticInfo::dim, {2, 3}), plane, kStrict, "02222022000"},
-          {"UnSqueeze_", With(&TensorUnSqueezeInfo::dim, 1), plane, kStrict, "02222022000"},
-          {"Slice_", With(&TensorSliceInfo::slice_dims, {0, 2, 1, 0, 2, 1, 0, 2, 1}), plane, "1111", kFloatPlane},
-          {"Softmax_", With(&SoftmaxInfo::dim, 1), plane, kStrict, "02022222000"},
-          {"Upsampling2D_", Make<Upsample2dInfo>, plane, kStrict, kFloatPlane},
-          {"Pixelshuffle_", With(&PixelShuffleInfo::upscale_factor, 2.0f), plane, kStrict, kFloatPlane},
-          {"GridSample_", Make<GridSampleInfo>, planes, kStrict, kFloatPlane},
-          {"RNNCell_", [] { return Recurrent<RNNCellInfo, false>(1); }, vector, kRecurrent, kVector},
-          {"LSTMCell_", [] { return Recurrent<LSTMCellInfo, false>(4); }, vector, kRecurrent, kVector},
-          {"GRUCell_", [] { return Recurrent<GRUCellInfo, false>(3); }, vector, kRecurrent, kVector},
-          {"RNN_", [] { return Recurrent<RNNInfo, true>(1); }, steps, kRecurrent, "02222222002", "02222222202"},
-          {"LSTM_", [] { return Recurrent<LSTMInfo, true>(4); }, steps, kRecurrent, "02222222002", "02222222202"},
-          {"GRU_", [] { return Recurrent<GRUInfo, true>(3); }, steps, kRecurrent, "02222222002", "02222222202"},
-          {"ReLU6_", activation, plane, kInverted, kFloat},
-          {"Leaky_", activation, plane, kInverted, kFloat},
-          {"Linear_", activation, plane, kInverted, kFloat},
-          {"PReLU_", activation, plane, kInverted, kFloat},
-          {"", activation, plane, kStrict, kFloat}};
+  auto const channels = [] {
+    auto const info = Make<ActivationInfo>();
+    info->num_parameters = 4, info->weight = Weights(4);
+    return info;
+  };
+  return {
+      {"Input_", Make<InputInfo>, plane, kInverted, "02220000000"},
+      {"Straight_Through_", Make<InputInfo>, plane, kInverted, kOne},
+      {"LayerPlaceholder_", With(&LayerPlaceholderInfo::output_shape, {4, 4, 4}), plane, kStrict, "02020002000"},
+      {"ConvTranspose2D_", Make<ConvTranspose2dInfo>, plane, kStrict, kChannels},
+      {"Conv2D_", Make<Conv2dInfo>, plane, kStrict, kChannels},
+      {"Conv2d_", Make<Conv2dInfo>, plane, kStrict, "02222202200", kFloatPlane},
+      {"Conv1D_", Make<Conv1dInfo>, row, kStrict, kChannels},
+      {"FullConnection_Fallback_SC_", Make<FullConnectionInfo>, steps, kStrict, "02222222202"},
+      {"FullConnection_", Make<FullConnectionInfo>, vector, kStrict, kVector},
+      {"AdaptivePooling2D_", With(&AdaptiveAvgPool2dInfo::output_size, {2, 2}), plane, kStrict, kFloatPlane},
+      {"Pooling2D_Avg_", Make<AvgPool2dInfo>, plane, kStrict, kFloatPlane},
+      {"Pooling2D_Max_", Make<MaxPool2dInfo>, plane, kStrict, kFloatPlane},
+      {"Elementwise_", Make<ElementWiseOperatorInfo>, planes, kStrict, kFloat},
+      {"BroadcastOperator_", Make<BroadcastOperatorInfo>, planes, kStrict, "02222222022", kFloat},
+      {"Concatenate_C_", With(&ConcatenateInfo::dim, 1), planes, kStrict, "00022222200", "02220002200"},
+      {"Concatenate_", Make<ConcatenateInfo>, planes, kStrict, "02022222002", kOne},
+      {"Reshape_Fallback_CnHWn_To_CL_", Reshape({1, 4, 16}), plane, kStrict, "02222002222", "02222002200"},
+      {"Reshape_Fallback_CnHWn_To_C_", Reshape({1, 64}), plane, kStrict, "02222002222", "02222002200"},
+      {"Reshape_Fallback_CL_To_CHW_", Reshape({1, 4, 4, 4}), long_row, kStrict, "02222022022", "02222022200"},
+      {"Reshape_Fallback_To_SC_", Reshape({1, 4, 16}), plane, kStrict, kPositive, kOne},
+      {"Reshape_Fallback_To_C_", Reshape({1, 64}), plane, kStrict, kPositive, kOne},
+      {"Reshape_", Reshape({1, 4, 4, 4}), plane, kStrict, kPositive, kOne},
+      {"Transform_MainMemory_Reshape_", Reshape({1, 16, 4}), plane, kStrict, kPositive},
+      {"Transform_MainMemory_Permute_", With(&TensorTransposeInfo::axes, {0, 2, 3, 1}), plane, kStrict, kOne},
+      {"Expand_", With(&TensorExpandInfo::new_shape, {1, 4, 4, 4}), plane, kStrict, "02222022200"},
+      {"TensorArithmetic_", With(&TensorArithmeticInfo::dim, {2, 3}), plane, kStrict, "02222022000"},
+      {"UnSqueeze_", With(&TensorUnSqueezeInfo::dim, 1), plane, kStrict, "02222022000"},
+      {"Slice_", With(&TensorSliceInfo::slice_dims, {0, 2, 1, 0, 2, 1, 0, 2, 1}), plane, "1111", kFloatPlane},
+      {"Softmax_", With(&SoftmaxInfo::dim, 1), plane, kStrict, "02022222000"},
+      {"Upsampling2D_", Make<Upsample2dInfo>, plane, kStrict, kFloatPlane},
+      {"Pixelshuffle_", With(&PixelShuffleInfo::upscale_factor, 2.0f), plane, kStrict, kFloatPlane},
+      {"GridSample_", Make<GridSampleInfo>, planes, kStrict, kFloatPlane},
+      {"RNNCell_", [] { return Recurrent<RNNCellInfo, false>(1); }, vector, kRecurrent, kVector},
+      {"LSTMCell_", [] { return Recurrent<LSTMCellInfo, false>(4); }, vector, kRecurrent, kVector},
+      {"GRUCell_", [] { return Recurrent<GRUCellInfo, false>(3); }, vector, kRecurrent, kVector},
+      {"RNN_", [] { return Recurrent<RNNInfo, true>(1); }, steps, kRecurrent, "02222222002", "02222222202"},
+      {"LSTM_", [] { return Recurrent<LSTMInfo, true>(4); }, steps, kRecurrent, "02222222002", "02222222202"},
+      {"GRUResetBefore_", [] { return Recurrent<GRUInfo, true>(3); }, steps, kRecurrent, "02222222002", "02222222202"},
+      {"GRU_", [] { return Recurrent<GRUInfo, true>(3); }, steps, kRecurrent, "02222222002", "02222222202"},
+      {"ReLU6_", activation, plane, kInverted, kFloat},
+      {"Leaky_", activation, plane, kInverted, kFloat},
+      {"Linear_", activation, plane, kInverted, kFloat},
+      {"Clip_", Make<ClipInfo>, plane, kStrict, kFloat},
+      {"MatMul_", Make<GemmInfo>, planes, "0101", "02222222022", kFloat},
+      {"PReLUChannel_", channels, plane, kStrict, kFloatPlane},
+      {"PReLU_", activation, plane, kInverted, kFloat},
+      {"", activation, plane, kStrict, kFloat}};
 }
 
 Entry const& EntryFor(std::string const& name) {
@@ -194,9 +206,11 @@ void ReadAll(Tensors const& outputs) {
 }
 
 struct Catalogue {
-  explicit Catalogue(bool with_fused) {
+  explicit Catalogue(bool with_others) {
     init_register_operators(kernels, params);
-    if (with_fused) init_register_fused_operators(kernels);
+    if (!with_others) return;
+    init_register_fused_operators(kernels);
+    init_register_extra_operators(kernels);
   }
   ClassRegistry<std::shared_ptr<IKernel>> kernels;
   ClassRegistry<std::shared_ptr<InferenceParam>> params;

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <functional>
 #include <string>
 
@@ -71,6 +72,9 @@ std::vector<Case> Cases() {
           Of<HSwish_Fallback_Float_M1>(kStrict, f::hswish_f32, [](float x) { return HardSigmoid(x) * x; }),
           Of<Leaky_Fallback_Float_M1>(kReads, leaky(kAlpha), [](float x) { return x < 0.0f ? kAlpha * x : x; }),
           Of<Linear_Fallback_Float_M1>(kReads, linear, [](float x) { return x * kAlpha + kBeta; }),
+          Of<Sqrt_Fallback_Float_M1>(kStrict, f::sqrt_f32, [](float x) { return std::sqrt(x); }),
+          Of<Log_Fallback_Float_M1>(kStrict, f::log_f32, Alone<&rows::LogRow>),
+          Of<Erf_Fallback_Float_M1>(kStrict, f::erf_f32, Alone<&rows::ErfRow>),
           Of<PReLU_Fallback_Float_M1>(kReads, leaky(0.7f), [](float x) { return x < 0.0f ? 0.7f * x : x; })};
 }
 
@@ -173,6 +177,57 @@ TEST(Activation, ParametersHaveTheirDefaults) {
   ASSERT_TRUE(linear.Config(Layer(), nullptr, nullptr));
   ASSERT_TRUE(linear.Config(std::make_shared<ActivationInfo>(), nullptr, nullptr));
   EXPECT_EQ(-8.0f, run(linear)) << "nothing of the layer before";
+}
+
+TEST(Activation, ClipHoldsItsHalvesAndNaN) {
+  auto const context = test::GuardedContext();
+  kernel::Clip_Fallback_Float_M1 clip;
+  auto const layer = std::make_shared<runtime::ClipInfo>();
+  for (auto const& [low, high] : {std::pair{-0.3f, 0.7f}, {0.5f, 0.25f}, {-65504.0f, 65504.0f}}) {
+    layer->minimum_value = half(low), layer->maximum_value = half(high);
+    ASSERT_TRUE(clip.Config(layer, nullptr, nullptr));
+    auto const values = Inputs(1003);
+    Tensors outputs;
+    ASSERT_EQ(0, clip.Forward({test::FloatTensor(*context, {17, 59}, TensorShape::SC, values)}, outputs, context));
+    std::vector<float> want;
+    for (float const x : values) {
+      float const least = layer->minimum_value, most = layer->maximum_value, held = x < least ? least : x;
+      want.push_back(most < held ? most : held);
+    }
+    test::ExpectSameBits(want, test::Values(*outputs.at(0)));
+  }
+  EXPECT_FALSE(clip.Config(Layer(), nullptr, nullptr)) << "a record without bounds";
+}
+
+TEST(Activation, PReLUHasASlopeForEachChannel) {
+  auto const context = test::GuardedContext();
+  kernel::PReLUChannel_Fallback_CHW_Float_M1 prelu;
+  auto const layer = Layer(test::Floats(3, 6));
+  layer->num_parameters = 5;
+  auto const refusal = [&](Dims const& dims) {
+    Tensors outputs;
+    auto const x = test::FloatTensor(*context, dims, TensorShape::CHW, Inputs(runtime::ElementCount(dims)));
+    return test::RefusalOf([&] { prelu.Forward({x}, outputs, context); });
+  };
+  EXPECT_NE(std::string::npos, refusal({1, 1, 1}).find("PReLUChannel_Fallback_CHW_Float_M1: Forward before Config"));
+  ASSERT_TRUE(prelu.Config(layer, nullptr, context));
+  for (Dims const& dims : {Dims{5, 3, 7}, {4, 1, 33}, {2, 0, 4}}) {
+    auto const values = Inputs(runtime::ElementCount(dims));
+    Tensors outputs;
+    ASSERT_EQ(0, prelu.Forward({test::FloatTensor(*context, dims, TensorShape::CHW, values)}, outputs, context));
+    auto want = values;
+    for (std::size_t i = 0; i < want.size(); ++i) {
+      if (want[i] < 0.0f) want[i] *= test::Floats(3, 6)[i / (dims[1] * dims[2])];
+    }
+    test::ExpectSameBits(want, test::Values(*outputs.at(0)));
+  }
+  EXPECT_NE(std::string::npos, refusal({6, 1, 2}).find("of layer act: input 0 has dims [6, 1, 2], there are 5 slopes"));
+  EXPECT_NE(std::string::npos, refusal({5, 2}).find("needs rank 3"));
+  for (short const count : {short{0}, short{-1}, short{7}}) {
+    layer->num_parameters = count;
+    auto const text = test::RefusalOf([&] { prelu.Config(layer, nullptr, context); });
+    EXPECT_NE(std::string::npos, text.find(count == 7 ? "weight holds 24 bytes" : "parameters, needs one")) << text;
+  }
 }
 
 TEST(Activation, InPlaceFormsRefuseWhatTheyCannotRead) {

@@ -2,9 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <limits>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "talvo/kernel/functional/gemm.h"
@@ -137,6 +139,117 @@ TEST(FullConnection, KernelsForgetABiasAndRefuseWhatWouldReadBeyondMemory) {
   ExpectFullConnection<kernel::FullConnection_Fallback_C_Float_M1>();
   ExpectFullConnection<kernel::FullConnection_SGEMM_C_Float_M1>();
   ExpectFullConnection<kernel::FullConnection_Fused_C_Float_M1>();
+}
+
+TEST(FullConnection, RowsHaveTheBitsOfTheirOwnProducts) {
+  kernel::FullConnection_Fallback_SC_Float_M1 rows;
+  kernel::FullConnection_Fallback_C_Float_M1 row;
+  for (auto const set : kernel::rows::RunnableSets()) {
+    kernel::rows::ScopedInstructionSet const use(set);
+    for (Size const& c : kSizes) {
+      if (c.in == 0) continue;
+      SCOPED_TRACE(std::string(c.why) + ", " + kernel::rows::NameOf(set));
+      for (auto const& bias : {Floats(3, c.out), std::vector<float>()}) {
+        auto const layer =
+            Dense(static_cast<unsigned short>(c.in), static_cast<unsigned short>(c.out), Floats(1, c.out * c.in), bias);
+        ASSERT_TRUE(rows.Config(layer, nullptr, context) && row.Config(layer, nullptr, context));
+        for (unsigned int const count : {0u, 1u, 7u}) {
+          auto const x = SpecialFloats(count, count * c.in);
+          std::vector<float> want;
+          for (std::size_t r = 0; r < count; ++r) {
+            std::vector<float> const one(&x[r * c.in], &x[r * c.in] + c.in);
+            auto const y = Compute(row, {c.in}, TensorShape::C, one);
+            want.insert(want.end(), y.begin(), y.end());
+          }
+          ExpectSameBits(want, Compute(rows, {count, c.in}, TensorShape::SC, x));
+        }
+      }
+    }
+  }
+  ExpectRefusal(rows, " of layer dense: input 0 has dims [4, 2], data type 0; needs rank 2, 284 elements", nullptr,
+                Ones({4, 2}));
+  ExpectRefusal(rows, " of layer dense: input 0 has dims [71], data type 0; needs rank 2", nullptr, Ones({71}));
+}
+
+// op(A) op(B), summed in order.
+std::vector<float> Product(std::vector<float> const& a, bool turned_a, std::vector<float> const& b, bool turned_b,
+                           std::size_t m, std::size_t k, std::size_t n, float alpha) {
+  std::vector<float> y(m * n);
+  for (std::size_t i = 0; i < m * n; ++i) {
+    for (std::size_t p = 0; p < k; ++p) {
+      y[i] += a[turned_a ? p * m + i / n : i / n * k + p] * b[turned_b ? i % n * k + p : p * n + i % n];
+    }
+    y[i] *= alpha;
+  }
+  return y;
+}
+
+TEST(MatMul, SumsEachProductOfEachPairInOrder) {
+  kernel::MatMul_Fallback_Float_M1 kernel;
+  auto const layer = std::make_shared<runtime::GemmInfo>();
+  struct Case {
+    char const* why;
+    unsigned int batch_a, batch_b, m, k, n;  // 0: a single matrix
+  };
+  for (auto const set : kernel::rows::RunnableSets()) {
+    kernel::rows::ScopedInstructionSet const use(set);
+    for (Case const& c : {Case{"one element", 0, 0, 1, 1, 1},
+                          {"ragged", 0, 0, 5, 37, 67},
+                          {"a vector", 0, 0, 1, 70, 64},
+                          {"pairs", 6, 6, 3, 9, 17},
+                          {"one left matrix", 0, 4, 9, 5, 3},
+                          {"one right matrix", 4, 0, 2, 8, 130},
+                          {"nothing to sum", 2, 2, 3, 0, 5},
+                          {"no columns", 0, 3, 4, 2, 0}}) {
+      for (int turned = 0; turned < 4; ++turned) {
+        SCOPED_TRACE(std::string(c.why) + ", " + kernel::rows::NameOf(set) + ", " + std::to_string(turned));
+        layer->trans_a = turned % 2 != 0, layer->trans_b = turned > 1, layer->alpha = turned == 3 ? 0.3f : 1.0f;
+        ASSERT_TRUE(kernel.Config(layer, nullptr, context));
+        std::vector<unsigned int> a_dims = {c.m, c.k}, b_dims = {c.k, c.n};
+        if (layer->trans_a) std::swap(a_dims[0], a_dims[1]);
+        if (layer->trans_b) std::swap(b_dims[0], b_dims[1]);
+        if (c.batch_a != 0) a_dims.insert(a_dims.begin(), {c.batch_a / 2, 2});
+        if (c.batch_b != 0)
+          b_dims.insert(b_dims.begin(), c.batch_a == 0 ? std::initializer_list<unsigned int>{c.batch_b}
+                                                       : std::initializer_list<unsigned int>{c.batch_b / 2, 2});
+        auto const a = SpecialFloats(1, runtime::ElementCount(a_dims)), b = Floats(2, runtime::ElementCount(b_dims));
+        std::vector<float> want;
+        for (std::size_t i = 0; i < std::max({c.batch_a, c.batch_b, 1u}); ++i) {
+          auto const part = [&](std::vector<float> const& from, bool one, std::size_t size) {
+            return std::vector<float>(from.data() + (one ? 0 : i * size), from.data() + (one ? 1 : i + 1) * size);
+          };
+          auto const y = Product(part(a, c.batch_a == 0, c.m * c.k), layer->trans_a, part(b, c.batch_b == 0, c.k * c.n),
+                                 layer->trans_b, c.m, c.k, c.n, layer->alpha);
+          want.insert(want.end(), y.begin(), y.end());
+        }
+        std::vector<std::shared_ptr<runtime::Tensor>> const inputs = {
+            FloatTensor(*context, a_dims, TensorShape::CHW, a), FloatTensor(*context, b_dims, TensorShape::SC, b)};
+        std::vector<std::shared_ptr<runtime::Tensor>> outputs;
+        EXPECT_EQ(0, kernel.IsValidInput(inputs));
+        ASSERT_EQ(0, kernel.Forward(inputs, outputs, context));
+        ExpectSameBits(want, Values(*outputs.at(0)));
+      }
+    }
+  }
+}
+
+TEST(MatMul, RefusesOperandsThatDoNotMultiply) {
+  kernel::MatMul_Fallback_Float_M1 kernel;
+  auto const layer = std::make_shared<runtime::GemmInfo>();
+  layer->id = "product", layer->trans_b = true;
+  ASSERT_TRUE(kernel.Config(layer, nullptr, context));
+  using Dims = std::vector<unsigned int>;
+  for (auto const& [a, b, text] : {std::tuple<Dims, Dims, char const*>{{2, 3}, {3, 2}, "[2, 3] and [3, 2] turned"},
+                                   {{2, 2, 3}, {3, 5, 3}, "[2, 2, 3] and [3, 5, 3] turned"},
+                                   {{1, 2, 3}, {1, 1, 5, 3}, "[1, 2, 3] and [1, 1, 5, 3] turned"},
+                                   {{3}, {5, 3}, "[3] and [5, 3] turned"}}) {
+    std::vector<std::shared_ptr<runtime::Tensor>> outputs;
+    auto const refusal = RefusalOf([&, left = a, right = b] {
+      kernel.Forward({Ones(left), Ones(right)}, outputs, context);
+    });
+    EXPECT_NE(refusal.find(std::string("MatMul_Fallback_Float_M1 of layer product: ") + text), std::string::npos)
+        << refusal;
+  }
 }
 
 std::shared_ptr<runtime::Conv2dInfo> Pointwise(unsigned short in, unsigned short out, bool if_bias) {

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "talvo/entry/create_context.h"
+#include "talvo/entry/register_extra_operators.h"
 #include "talvo/entry/register_fused_operators.h"
 #include "talvo/entry/register_operators.h"
 #include "talvo/utility/log.h"
@@ -70,6 +71,7 @@ Session::Session(Arguments const& arguments) : path_(arguments.package), backend
   talvo::utility::create_context(context_, kAlignment);
   talvo::utility::init_register_operators(kernels_, params_);
   talvo::utility::init_register_fused_operators(kernels_);
+  talvo::utility::init_register_extra_operators(kernels_);
   file_ = ReadPackage(path_);
   if (arguments.list) return;
   ChooseModel(arguments.model);

@@ -46,6 +46,16 @@ void linear_f32(float const* in, unsigned int const& count, float const& scale, 
   rows::LinearRow(scale, offset, in, count, out);
 }
 
+void sqrt_f32(float const* in, unsigned int const& count, float* out) { rows::SqrtRow(in, count, out); }
+
+void log_f32(float const* in, unsigned int const& count, float* out) { rows::LogRow(in, count, out); }
+
+void erf_f32(float const* in, unsigned int const& count, float* out) { rows::ErfRow(in, count, out); }
+
+void clip_f32(float const* in, unsigned int const& count, float const& low, float const& high, float* out) {
+  rows::ClipRow(low, high, in, count, out);
+}
+
 void Sigmoid_F32_M2(std::shared_ptr<runtime::Tensor>& inout) {
   InPlace const row = ValuesOf("Sigmoid_F32_M2", inout.get());
   rows::SigmoidRow(row.values, row.count, row.values);

@@ -39,6 +39,18 @@ TALVO_API void leaky_f32(float const* in, unsigned int const& count, float const
 TALVO_API void linear_f32(float const* in, unsigned int const& count, float const& scale, float const& offset,
                           float* out);
 
+/// The square root, correctly rounded. NaN below 0; -0 stays -0.
+TALVO_API void sqrt_f32(float const* in, unsigned int const& count, float* out);
+
+/// The natural logarithm, correctly rounded: -infinity for zeros, NaN below.
+TALVO_API void log_f32(float const* in, unsigned int const& count, float* out);
+
+/// The error function, error 0.512 units in the last place.
+TALVO_API void erf_f32(float const* in, unsigned int const& count, float* out);
+
+/// r = x < low ? low : x, then high < r ? high : r. NaN stays NaN.
+TALVO_API void clip_f32(float const* in, unsigned int const& count, float const& low, float const& high, float* out);
+
 /// sigmoid_f32 on all elements of `inout`, in place. Nothing happens above 2147483647 elements.
 /// Assert: no tensor, no memory, elements of fewer than 4 bytes.
 TALVO_API void Sigmoid_F32_M2(std::shared_ptr<runtime::Tensor>& inout);

@@ -70,6 +70,18 @@ struct Linear {
   }
 };
 
+struct Clip {
+  float low, high;
+  template <int kLanes>
+  TALVO_ROWS_INLINE void Apply(Vector<kLanes>& x) const {
+    Vector<kLanes> least = {}, most = {};
+    Splat<kLanes>(low, least);
+    Splat<kLanes>(high, most);
+    x = x < least ? least : x;
+    x = most < x ? most : x;
+  }
+};
+
 // A vector is read as a whole before its results are written. Only a y that begins inside the first vector of x would
 // make the loop over single elements read what it wrote within a vector.
 template <int kLanes, class Step>
@@ -110,6 +122,21 @@ struct LinearBody {
   template <class Set>
   static TALVO_ROWS_INLINE void Run(float scale, float offset, float const* x, std::size_t n, float* y) {
     MapRow<Set::kLanes>(Linear{scale, offset}, x, n, y);
+  }
+};
+
+struct ClipBody {
+  template <class Set>
+  static TALVO_ROWS_INLINE void Run(float low, float high, float const* x, std::size_t n, float* y) {
+    MapRow<Set::kLanes>(Clip{low, high}, x, n, y);
+  }
+};
+
+// An instruction of every processor here, which rounds correctly.
+struct SqrtBody {
+  template <class Set>
+  static TALVO_ROWS_INLINE void Run(float const* x, std::size_t n, float* y) {
+    for (std::size_t i = 0; i < n; ++i) y[i] = __builtin_sqrtf(x[i]);
   }
 };
 
@@ -204,6 +231,8 @@ Primitive<void(float const*, std::size_t, float*)> const HSigmoidRow{MapBody<HSi
 Primitive<void(float const*, std::size_t, float*)> const HSwishRow{MapBody<HSwish>()};
 Primitive<void(float, float const*, std::size_t, float*)> const LeakyRow{LeakyBody()};
 Primitive<void(float, float, float const*, std::size_t, float*)> const LinearRow{LinearBody()};
+Primitive<void(float, float, float const*, std::size_t, float*)> const ClipRow{ClipBody()};
+Primitive<void(float const*, std::size_t, float*)> const SqrtRow{SqrtBody()};
 Primitive<void(Operation, Operand, Operand, std::size_t, float*)> const CombineRow{CombineBody()};
 Primitive<void(float const*, std::size_t, std::size_t, std::size_t, float*)> const CopyRows{CopyRowsBody()};
 

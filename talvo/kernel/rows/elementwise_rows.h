@@ -15,6 +15,8 @@ extern Primitive<void(float const* x, std::size_t n, float* y)> const HSigmoidRo
 extern Primitive<void(float const* x, std::size_t n, float* y)> const HSwishRow;
 extern Primitive<void(float alpha, float const* x, std::size_t n, float* y)> const LeakyRow;
 extern Primitive<void(float scale, float offset, float const* x, std::size_t n, float* y)> const LinearRow;
+extern Primitive<void(float low, float high, float const* x, std::size_t n, float* y)> const ClipRow;
+extern Primitive<void(float const* x, std::size_t n, float* y)> const SqrtRow;
 
 /// a + b, a - b, a * b, a / b, a > b ? a : b and a < b ? a : b, numbered as in BroadcastOperatorInfo.
 enum class Operation : unsigned char { kAdd, kSub, kMul, kDiv, kLarger, kSmaller };

@@ -1,6 +1,6 @@
-// exp, tanh, sigmoid and the natural logarithm of rows of floats. Every step is one operation of IEEE 754, rounded to
-// nearest and never fused, so that every processor, compiler and optimisation level gives the same bits; of a NaN the
-// sign and the payload are the processor's. Internal.
+// exp, tanh, sigmoid, the natural logarithm and the error function of rows of floats. Every step is one operation of
+// IEEE 754, rounded to nearest and never fused, so that every processor, compiler and optimisation level gives the same
+// bits; of a NaN the sign and the payload are the processor's. Internal.
 #pragma once
 
 #include <cstddef>
@@ -24,5 +24,8 @@ extern Primitive<void(float const* x, std::size_t n, float* y)> const TanhRow;
 
 /// The natural logarithm, correctly rounded: -infinity for zeros, NaN below.
 extern Primitive<void(float const* x, std::size_t n, float* y)> const LogRow;
+
+/// erf(x), error 0.512. The sign of zero is kept.
+extern Primitive<void(float const* x, std::size_t n, float* y)> const ErfRow;
 
 }  // namespace talvo::kernel::rows

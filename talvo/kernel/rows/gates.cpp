@@ -60,4 +60,23 @@ void GruGates(float const* a, float const* b, float const* h, std::size_t size, 
   }
 }
 
+void GruResets(float const* a, float* b, float const* h, std::size_t size, float* reset) {
+  AddRow(a, b, 2 * size, b);
+  SigmoidRow(b, 2 * size, b);
+  for (std::size_t j = 0; j < size; ++j) reset[j] = b[j] * h[j];
+}
+
+void GruUpdates(float const* a, float const* b, float const* z, float const* h, std::size_t size, float* h_new) {
+  float n[kBlock];
+  for (std::size_t begin = 0; begin < size; begin += kBlock) {
+    std::size_t const count = std::min(kBlock, size - begin);
+    AddRow(a + begin, b + begin, count, n);
+    TanhRow(n, count, n);
+    for (std::size_t j = 0; j < count; ++j) {
+      float const d = z[begin + j] * (n[j] - h[begin + j]);
+      h_new[begin + j] = n[j] - d;
+    }
+  }
+}
+
 }  // namespace talvo::kernel::rows

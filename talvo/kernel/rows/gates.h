@@ -17,4 +17,11 @@ void LstmGates(float const* a, float const* b, std::size_t size, float* c, float
 /// h_new = n - z * (n - h). h_new [size] may be h.
 void GruGates(float const* a, float const* b, float const* h, std::size_t size, float* h_new);
 
+/// The first part of a GRU whose reset applies to the hidden state before its product: gates r and z of a + b, [2 *
+/// size], z in place of b's second part, and reset = r * h. All [size] but a and b; reset overlaps none of the others.
+void GruResets(float const* a, float* b, float const* h, std::size_t size, float* reset);
+
+/// The second: n = tanh(a + b) and h_new = n - z * (n - h). All [size]; h_new may be h.
+void GruUpdates(float const* a, float const* b, float const* z, float const* h, std::size_t size, float* h_new);
+
 }  // namespace talvo::kernel::rows
