@@ -24,6 +24,7 @@ install(FILES ${PROJECT_BINARY_DIR}/talvoConfig.cmake ${PROJECT_BINARY_DIR}/talv
 file(RELATIVE_PATH TALVO_PREFIX_FROM_PC ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 if(NOT BUILD_SHARED_LIBS)
   list(JOIN BLAS_LIBRARIES " " TALVO_STATIC_LIBRARIES)  # a static library brings its own needs along
+  string(APPEND TALVO_STATIC_LIBRARIES " -lstdc++ -lm")  # which a C compiler does not add
 endif()
 configure_file(${PROJECT_SOURCE_DIR}/cmake/tln_core.pc.in ${PROJECT_BINARY_DIR}/tln_core.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/tln_core.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

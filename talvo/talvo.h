@@ -68,6 +68,7 @@
 #include "talvo/serialization/tlmodel1_layers.h"
 #include "talvo/serialization/visitor.h"
 #include "talvo/serialization/weight_blob.h"
+#include "talvo/talvo_c.h"
 #include "talvo/transform/element_conversion.h"
 #include "talvo/transform/permute.h"
 #include "talvo/transform/reshape.h"

@@ -64,6 +64,11 @@ def block(text):
 
 
 for header in sorted(pathlib.Path(sys.argv[1]).rglob("*.h")):
-    code = re.sub(r"//.*|^\s*#.*$", "", header.read_text().replace("\\\n", " "), flags=re.M)
+    text = header.read_text()
+    if header.stem.endswith("_c"):  # C: functions are all that it exports
+        for name in re.findall(r"^TALVO_API [^;(]*?(\w+)\(", text, flags=re.M):
+            keep(f"decltype({name})", name)
+        continue
+    code = re.sub(r"//.*|^\s*#.*$", "", text.replace("\\\n", " "), flags=re.M)
     block(re.sub(r'"[^"\n]*"', '""', code))
 print("\n".join(out))

@@ -29,6 +29,14 @@ for compiler in "${compilers[@]}"; do
   echo "pkg-config, $compiler: the application builds and runs"
 done
 
+read -ra flags <<<"$(pkg-config --cflags --libs tln_core)"
+for compiler in gcc clang; do
+  "$compiler" -std=c11 -Wall -Wextra -Wpedantic -Werror "$here/../../examples/run_model_c.c" -o "$prefix/run_model_c" \
+    "${flags[@]}"
+  "$prefix/run_model_c" "$here/../../examples/digits/digits.tlnmodel"
+  echo "C11, $compiler: the application builds and runs"
+done
+
 (cd "$include" && find . -name '*.h' -printf '%P\n') >"$prefix/headers"
 for compiler in "${compilers[@]}"; do
   xargs -a "$prefix/headers" -P "$(nproc)" -I{} \
