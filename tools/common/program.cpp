@@ -21,6 +21,22 @@ void ReportError(char const* name, char const* text) {
 
 }  // namespace
 
+void CommandLine::Read(int count, char const* const* words) const {
+  for (int at = 1; at < count; ++at) {
+    std::string const word = words[at];
+    if (auto const flag = flags.find(word); flag != flags.end()) {
+      flag->second();
+    } else if (auto const option = values.find(word); option != values.end()) {
+      if (at + 1 >= count || *words[at + 1] == '\0') throw UsageError(word + " takes a value");
+      option->second(words[++at]);
+    } else if (word.size() > 1 && word[0] == '-') {
+      throw UsageError("there is no option " + word);
+    } else {
+      other(word);
+    }
+  }
+}
+
 int RunProgram(char const* name, char const* usage, std::function<void()> const& program) {
   try {
     program();

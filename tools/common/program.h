@@ -3,6 +3,7 @@
 
 #include <exception>
 #include <functional>
+#include <map>
 #include <stdexcept>
 #include <string>
 
@@ -12,6 +13,18 @@ namespace tools {
 class UsageError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
+};
+
+/// What a program does with its words: with an option that takes the next word, with that word; with an option that
+/// stands alone; with every other word.
+struct CommandLine {
+  std::map<std::string, std::function<void(std::string const& word)>> values;
+  std::map<std::string, std::function<void()>> flags;
+  std::function<void(std::string const& word)> other;
+
+  /// Goes through words [1, count). UsageError: an option that is not known, or stands last or before an empty word
+  /// where it takes one; what the functions throw passes.
+  void Read(int count, char const* const* words) const;
 };
 
 /// Runs `program` and returns its exit status. Whatever it throws becomes one line on standard error and status 1; a

@@ -50,42 +50,29 @@ char const* const kUsage =
     "back ends: x86, arm, metal; layouts: CHW, HWC, C4HW4, C8HW8, NCHW, NHWC, C, SC, CL, FLEXIABLE";
 
 Arguments ParseArguments(int count, char const* const* words) {
+  using Word = std::string const&;
   Arguments arguments;
-  int at = 1;
-  auto const value = [&](std::string const& option) -> std::string {
-    if (at + 1 >= count || *words[at + 1] == '\0') throw UsageError(option + " takes a value");
-    return words[++at];
+  tools::CommandLine line;
+  line.values = {
+      {"--model", [&](Word word) { arguments.model = word; }},
+      {"--backend", [&](Word word) { arguments.backend = word; }},
+      {"--input", [&](Word word) { arguments.runs.back().push_back(ParseInput(word)); }},
+      {"--output", [&](Word word) { arguments.outputs.push_back(word); }},
+      {"--output-dir", [&](Word word) { arguments.output_dir = word; }},
+      {"--repeat", [&](Word word) { arguments.repeat = ParseRepeat(word); }},
+      {"--prefer", [&](Word word) { arguments.prefer_fused = ParsePreference(word); }},
   };
-  for (; at < count; ++at) {
-    std::string const word = words[at];
-    if (word == "--model") {
-      arguments.model = value(word);
-    } else if (word == "--backend") {
-      arguments.backend = value(word);
-    } else if (word == "--input") {
-      arguments.runs.back().push_back(ParseInput(value(word)));
-    } else if (word == "--next") {
-      arguments.runs.emplace_back();
-    } else if (word == "--output") {
-      arguments.outputs.push_back(value(word));
-    } else if (word == "--output-dir") {
-      arguments.output_dir = value(word);
-    } else if (word == "--repeat") {
-      arguments.repeat = ParseRepeat(value(word));
-    } else if (word == "--prefer") {
-      arguments.prefer_fused = ParsePreference(value(word));
-    } else if (word == "--profile") {
-      arguments.profile = true;
-    } else if (word == "--list") {
-      arguments.list = true;
-    } else if (word.size() > 1 && word[0] == '-') {
-      throw UsageError("there is no option " + word);
-    } else if (arguments.package.empty()) {
-      arguments.package = word;
-    } else {
+  line.flags = {
+      {"--next", [&] { arguments.runs.emplace_back(); }},
+      {"--profile", [&] { arguments.profile = true; }},
+      {"--list", [&] { arguments.list = true; }},
+  };
+  line.other = [&](Word word) {
+    if (!arguments.package.empty())
       throw UsageError("one package at a time: \"" + arguments.package + "\" and \"" + word + "\" were given");
-    }
-  }
+    arguments.package = word;
+  };
+  line.Read(count, words);
   if (arguments.package.empty()) throw UsageError("no package was given");
   return arguments;
 }

@@ -41,35 +41,22 @@ char const* const kUsage =
     "                     [--sdk-type WORD] [--sdk-version MAJOR.MINOR] [--model-id ID]";
 
 Arguments ParseArguments(int count, char const* const* words) {
+  using Word = std::string const&;
   Arguments arguments;
   bool default_config = false;
-  int at = 1;
-  auto const value = [&](std::string const& option) -> std::string {
-    if (at + 1 >= count || *words[at + 1] == '\0') throw UsageError(option + " takes a value");
-    return words[++at];
+  tools::CommandLine line;
+  line.values = {
+      {"--config", [&](Word word) { arguments.config = word; }},
+      {"--sdk-type", [&](Word word) { arguments.sdk_type = word; }},
+      {"--sdk-version", [&](Word word) { ParseVersion(word, arguments); }},
+      {"--model-id", [&](Word word) { arguments.model_id = word; }},
   };
-  for (; at < count; ++at) {
-    std::string const word = words[at];
-    if (word == "--config") {
-      arguments.config = value(word);
-    } else if (word == "--default-config") {
-      default_config = true;
-    } else if (word == "--sdk-type") {
-      arguments.sdk_type = value(word);
-    } else if (word == "--sdk-version") {
-      ParseVersion(value(word), arguments);
-    } else if (word == "--model-id") {
-      arguments.model_id = value(word);
-    } else if (word.compare(0, 2, "--") == 0) {
-      throw UsageError("there is no option " + word);
-    } else if (arguments.in.empty()) {
-      arguments.in = word;
-    } else if (arguments.out.empty()) {
-      arguments.out = word;
-    } else {
-      throw UsageError("one file at a time: there is no use for \"" + word + "\"");
-    }
-  }
+  line.flags = {{"--default-config", [&] { default_config = true; }}};
+  line.other = [&](Word word) {
+    if (!arguments.out.empty()) throw UsageError("one file at a time: there is no use for \"" + word + "\"");
+    (arguments.in.empty() ? arguments.in : arguments.out) = word;
+  };
+  line.Read(count, words);
   if (default_config != arguments.config.empty())
     throw UsageError("exactly one of --config and --default-config is needed");
   CheckPaths(arguments);
