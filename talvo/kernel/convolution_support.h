@@ -88,6 +88,9 @@ void PackLanes(float const* from, std::size_t lane_stride, std::size_t count, La
 /// starts[lane] = bias[lane * step], or 0 without a bias; unused lanes 0.
 void BlockStarts(float const* bias, std::size_t step, LaneBlock const& block, float (&starts)[kMaxBlock]);
 
+/// Positions whose results lie in scratch, with outputs in the lanes: whole tiles of 4, 7, 8 and 14 positions.
+constexpr std::size_t kStrip = 112;
+
 /// Gives each of some positions the lanes of `starts`.
 void FillStarts(float const (&starts)[kMaxBlock], std::size_t lanes, std::size_t positions, float* results);
 

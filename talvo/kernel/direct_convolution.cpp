@@ -13,7 +13,6 @@ namespace {
 using rows::PhasePlane;
 using rows::Tap;
 
-constexpr std::size_t kStrip = 112;           // positions whose results lie in scratch; whole tiles of 4, 7, 8 and 14
 constexpr std::size_t kWeightsAtHand = 4096;  // packed weights that a strip goes through at a time: they stay in L1
 
 bool HasBorder(ConvolutionShape const& shape) {

@@ -18,7 +18,6 @@ using rows::Tap;
 
 constexpr std::size_t kPackedFrom = 16;       // fewer outputs in a group stay as they were decoded
 constexpr std::size_t kStepsOfAChain = 72;    // of kernels with more than one tap
-constexpr std::size_t kStrip = 112;           // positions whose results lie in scratch, with outputs in the lanes
 constexpr std::size_t kRowFloats = 1024;      // about as many positions at a time, with positions in the lanes
 constexpr std::size_t kChannelsAtHand = 128;  // of one tap, whose packed weights stay in the innermost cache
 constexpr std::size_t kMostPhases = 64;       // of a transposed output
@@ -146,8 +145,8 @@ Plan PlanTransposed(ConvolutionShape const& s) {
   return plan;
 }
 
-// Lays the planes of a group into scratch whose borders are 0 already.
-void LayPlanes(ConvolutionShape const& s, Plan const& plan, float const* from, float* to) {
+// Lays the planes of a group into scratch whose borders are 0 already, rows sorted by their phase as columns are.
+void LayGroup(ConvolutionShape const& s, Plan const& plan, float const* from, float* to) {
   bool const whole = plan.stride_y == 1 && plan.stride_x == 1;
   rows::PhasePlane plane = {s.in_height,
                             s.in_width,
@@ -448,7 +447,7 @@ void Convolve(ConvolutionShape const& s, Plan const& plan, ConvolutionData const
   for (std::size_t g = 0; g < s.groups; ++g) {
     Group group = GroupAt(s, plan, data, starts, g);
     if (lays) {
-      LayPlanes(s, plan, group.input, scratch.Data());
+      LayGroup(s, plan, group.input, scratch.Data());
       group.input = scratch.Data();
     }
     if (way == Way::kOutputs) ByOutputs(group, scratch.Data() + held);

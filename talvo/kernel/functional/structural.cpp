@@ -94,6 +94,14 @@ float* CopyElements(Range rows, Range columns, float const* x, std::size_t width
   return y;
 }
 
+// The selected rows and columns of one plane, and the end in y; whole rows in one piece each, or all in one.
+float* CopyWindow(Range rows, Range columns, float const* x, std::size_t width, float* y) {
+  bool const whole_rows = columns.count == width;
+  if (columns.step != 1) return CopyElements(rows, columns, x, width, y);
+  if (whole_rows && rows.step == 1) return CopyPieces({rows.begin, 1, 1}, x, width, rows.count * width, y);
+  return CopyPieces(rows, x + columns.begin, width, columns.count, y);
+}
+
 // One element of each of `channels` channels to the `plane` elements of that channel.
 template <typename T>
 void SpreadChannels(void const* x, std::size_t channels, std::size_t plane, void* y) {
@@ -163,17 +171,9 @@ void Slice(support::Who const& who, TensorPtr const& input, std::vector<short> c
     return;
   }
   Range const rows = AxisRange(who, slice_dims, 1, from[1], to[1]);
-  bool const whole_rows = to[2] == from[2];
-  Range const columns = whole_rows ? Range{0, width, 1} : AxisRange(who, slice_dims, 2, from[2], to[2]);
+  Range const columns = to[2] == from[2] ? Range{0, width, 1} : AxisRange(who, slice_dims, 2, from[2], to[2]);
   for (std::size_t c = 0; c < channels.count; ++c) {
-    float const* const from_plane = x + (channels.begin + c * channels.step) * plane;
-    if (columns.step != 1) {
-      y = CopyElements(rows, columns, from_plane, width, y);
-    } else if (whole_rows && rows.step == 1) {
-      y = CopyPieces({rows.begin, 1, 1}, from_plane, width, to[1] * width, y);
-    } else {
-      y = CopyPieces(rows, from_plane + columns.begin, width, to[2], y);
-    }
+    y = CopyWindow(rows, columns, x + (channels.begin + c * channels.step) * plane, width, y);
   }
 }
 
