@@ -8,11 +8,13 @@
 #include <typeinfo>
 
 #include "talvo/serialization/serializable.h"
+#include "talvo/utility/file_support.h"
 #include "talvo/utility/refuse_support.h"
 
 namespace talvo::runtime {
 namespace {
 
+using utility::CloseStream;
 using utility::Refuse;
 
 // Up to this many bytes memory is taken before it is known whether the stream holds them.
@@ -32,15 +34,11 @@ constexpr char const* NameOf(T const*) {
 
 }  // namespace
 
-FILEWriter::FILEWriter(char const* path) : FILEWriter(Open(path, "wb"), true) { borrowed_ = false; }
+FILEWriter::FILEWriter(char const* path) : FILEWriter(Open(path, "wb"), true) { owned_.reset(stream_, CloseStream()); }
 
-FILEWriter::FILEWriter(std::FILE* stream, bool write_version) : stream_(stream), borrowed_(true) {
+FILEWriter::FILEWriter(std::FILE* stream, bool write_version) : stream_(stream) {
   if (stream == nullptr) Refuse("cant construct FILEWriter object using a NULL ptr.");
   if (write_version) std::fwrite(&_serialization_protocol_version, sizeof _serialization_protocol_version, 1, stream);
-}
-
-FILEWriter::~FILEWriter() {
-  if (!borrowed_) std::fclose(stream_);
 }
 
 void FILEWriter::Put(void const* data, std::size_t element_bytes, std::size_t count, char const* type_name) {
@@ -93,9 +91,9 @@ void FILEWriter::Write(Serializable* record) { record->VisitAttr(std::make_share
 TALVO_FOR_EACH_VISITED_TYPE(TALVO_VISIT)
 #undef TALVO_VISIT
 
-FILEReader::FILEReader(char const* path) : stream_(Open(path, "rb")), borrowed_(false) { ReadVersion(); }
+FILEReader::FILEReader(char const* path) : stream_(Open(path, "rb")), owned_(stream_, CloseStream()) { ReadVersion(); }
 
-FILEReader::FILEReader(std::FILE* stream, unsigned int version) : stream_(stream), borrowed_(true) {
+FILEReader::FILEReader(std::FILE* stream, unsigned int version) : stream_(stream) {
   if (stream == nullptr) Refuse("cant construct FILEReader object using a NULL ptr.");
   if (version != 0) {
     _serialization_protocol_version = version;
@@ -105,10 +103,6 @@ FILEReader::FILEReader(std::FILE* stream, unsigned int version) : stream_(stream
   if (_serialization_protocol_version > __SERIALIZATION_PROTOCOL_VERSION__)
     Refuse("_serialization_protocol_version > __SERIALIZATION_PROTOCOL_VERSION__.");
   if (_serialization_protocol_version == 0) Refuse("_serialization_protocol_version is 0, no version of a file.");
-}
-
-FILEReader::~FILEReader() {
-  if (!borrowed_) std::fclose(stream_);
 }
 
 void FILEReader::ReadVersion() {

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdio>
+#include <memory>
 #include <string>
 
 #include "talvo/serialization/visitor.h"
@@ -18,7 +19,6 @@ class TALVO_API FILEWriter : public Visitor {
   explicit FILEWriter(char const* path);
   /// Borrows the stream, which must not be null.
   FILEWriter(std::FILE* stream, bool write_version);
-  ~FILEWriter() override;
 
 #define TALVO_VISIT(type) void Visit(type* value, char const* key) override;
   TALVO_FOR_EACH_VISITED_TYPE(TALVO_VISIT)
@@ -39,7 +39,7 @@ class TALVO_API FILEWriter : public Visitor {
   void Write(Serializable* record);
 
   std::FILE* stream_;
-  bool borrowed_;
+  std::shared_ptr<std::FILE> owned_;  // empty where the stream is borrowed
 };
 
 /// Reads records. What it reads replaces what a field held, but for lists of lists. Assert: a stream that ends early, a
@@ -53,7 +53,6 @@ class TALVO_API FILEReader : public Visitor {
   /// is shorter than that; otherwise it takes `version` and reads nothing. Assert: a null stream, a version word that
   /// is 0 or newer than this library.
   FILEReader(std::FILE* stream, unsigned int version);
-  ~FILEReader() override;
 
 #define TALVO_VISIT(type) void Visit(type* value, char const* key) override;
   TALVO_FOR_EACH_VISITED_TYPE(TALVO_VISIT)
@@ -80,7 +79,7 @@ class TALVO_API FILEReader : public Visitor {
   void Read(Serializable* record);
 
   std::FILE* stream_;
-  bool borrowed_;
+  std::shared_ptr<std::FILE> owned_;  // empty where the stream is borrowed
 };
 
 }  // namespace talvo::runtime

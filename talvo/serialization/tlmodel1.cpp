@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "talvo/serialization/tlmodel1_support.h"
+#include "talvo/utility/file_support.h"
 #include "talvo/utility/invariant.h"
 #include "talvo/utility/refuse_support.h"
 
@@ -60,7 +61,7 @@ QZNetLoader::QZNetLoader(char const* path) {
 
 bool QZNetLoader::LoadFile(char const* path, bool) {
   if (path == nullptr) talvo::utility::Refuse("a first-generation model cannot be loaded: the path is null");
-  std::unique_ptr<std::FILE, int (*)(std::FILE*)> const stream(std::fopen(path, "rb"), &std::fclose);
+  talvo::utility::Stream const stream(std::fopen(path, "rb"));
   if (stream == nullptr) return false;
   try {
     return ReadFile(stream.get());
