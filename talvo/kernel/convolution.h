@@ -1,5 +1,6 @@
-// Direct convolution of any kernel size, stride, dilation and group count in main memory. The result of a kernel is the
-// same on every machine: the order of each sum is promised.
+// Convolution in main memory of one and two dimensions, direct and transposed, of any kernel size, stride, dilation and
+// group count. The order of each sum is promised, and with it the same result on every machine; the form that rests on
+// the matrix product stands in gemm.h.
 #pragma once
 
 #include "talvo/kernel/kernel_of.h"
