@@ -20,7 +20,10 @@ struct MultiplyAndAddBody {
     constexpr int kLanes = Set::kLanes;
     Vector<kLanes> products[kChains], sums[kChains];
     TALVO_ROWS_UNROLL
-    for (int i = 0; i < kChains; ++i) Load<kLanes>(results, products[i]), Load<kLanes>(results, sums[i]);
+    for (int i = 0; i < kChains; ++i) {  // each from a place of its own: equal chains would become one
+      Load<kLanes>(results + i * kLanes, products[i]);
+      Load<kLanes>(results + (kChains + i) * kLanes, sums[i]);
+    }
     for (std::size_t step = 0; step < steps; ++step) {
       TALVO_ROWS_UNROLL
       for (int i = 0; i < kChains; ++i) products[i] = products[i] * factor, sums[i] = sums[i] + term;

@@ -194,20 +194,26 @@ struct SgemmFullConnectionOperation : FullConnection<SgemmFullConnectionOperatio
   static constexpr auto kRun = functional::fullconnection_sgemm_c_f32_m1;
 };
 
+namespace {
+
+// weight [outputs, inputs] packed.
+support::TensorPtr Packed(support::TensorPtr const& weight, ContextPtr const& context) {
+  std::size_t const outputs = weight->shape.dims[0], inputs = weight->shape.dims[1];
+  auto packed =
+      context->device_cpu->CreateF32CMainMemory(static_cast<unsigned int>(rows::FusedFloats(outputs, inputs)), nullptr);
+  rows::PackFused(weight->Data<float>(), outputs, inputs, packed->Data<float>());
+  return packed;
+}
+
+}  // namespace
+
 struct FusedFullConnectionOperation : FullConnection<FusedFullConnectionOperation> {
   static constexpr char const* kName = "FullConnection_Fused_C_Float_M1";
 
-  static support::TensorPtr Keep(support::TensorPtr const& decoded, ContextPtr const& context) {
-    std::size_t const outputs = decoded->shape.dims[0], inputs = decoded->shape.dims[1];
-    TensorShape const kept({static_cast<unsigned int>(rows::FusedFloats(outputs, inputs))}, TensorShape::FLOAT32,
-                           TensorShape::FLEXIABLE, TensorShape::MainMemory, {});
-    auto const packed = context->device_cpu->CreateTensor(kept, nullptr);
-    rows::PackFused(decoded->Data<float>(), outputs, inputs, packed->Data<float>());
-    return packed;
-  }
+  static constexpr auto Keep = Packed;
   static void Multiply(float const* x, std::size_t inputs, std::size_t outputs, float const* packed, float const* bias,
                        float* y) {
-    rows::FusedProduct({packed, x, bias, 1, outputs, inputs, y, false});
+    rows::FusedProduct({packed, x, bias, 1, outputs, inputs, y, outputs, false});
   }
   static constexpr auto kRun = Multiply;
 };
@@ -215,13 +221,7 @@ struct FusedFullConnectionOperation : FullConnection<FusedFullConnectionOperatio
 struct RowsFullConnectionOperation : FullConnection<RowsFullConnectionOperation> {
   static constexpr char const* kName = "FullConnection_Fallback_SC_Float_M1";
 
-  static support::TensorPtr Keep(support::TensorPtr const& decoded, ContextPtr const& context) {
-    unsigned int const outputs = decoded->shape.dims[0], inputs = decoded->shape.dims[1];
-    auto const packed = context->device_cpu->CreateF32FlexiableMainMemory(
-        {static_cast<unsigned int>(rows::PackedOutputs(outputs)), inputs}, nullptr);
-    rows::PackWeights(decoded->Data<float>(), outputs, inputs, packed->Data<float>());
-    return packed;
-  }
+  static constexpr auto Keep = Packed;
 
   static int JudgeRows(Tensors const& tensors, unsigned int features) {
     return support::Judge(tensors, 1, [features](runtime::Tensor const& tensor) {
@@ -245,8 +245,8 @@ struct RowsFullConnectionOperation : FullConnection<RowsFullConnectionOperation>
     std::size_t const count = x->shape.dims[0];
     support::CheckTensor(self, "input 0", x.get(), {sizeof(float), 2, count * in_features});
     auto const y = support::NewOutput(kernel, inputs, context);
-    rows::PackedProduct(weight->Data<float>(), x->Data<float>(), bias == nullptr ? nullptr : bias->Data<float>(), count,
-                        out_features, in_features, y->Data<float>());
+    rows::PackedProduct({weight->Data<float>(), x->Data<float>(), bias == nullptr ? nullptr : bias->Data<float>(),
+                         count, out_features, in_features, y->Data<float>(), out_features, false});
     outputs.assign(1, y);
     return 0;
   }
@@ -325,21 +325,21 @@ struct MatMulOperation : support::Strict<runtime::GemmInfo> {
     Matrix const left(a.shape.dims, trans_a), right(b.shape.dims, trans_b);
     std::size_t const k = left.columns, m = left.rows, n = right.columns, count = support::Count(y) / (m * n);
     auto const scratch = [&](std::size_t floats) {
-      return device.CreateF32FlexiableMainMemory({static_cast<unsigned int>(floats), static_cast<unsigned int>(k)},
-                                                 nullptr);
+      return device.CreateF32CMainMemory(static_cast<unsigned int>(floats), nullptr);
     };
-    auto const packed = scratch(rows::PackedOutputs(n));
-    auto const turned_a = trans_a ? scratch(m) : nullptr, turned_b = trans_b ? nullptr : scratch(n);
+    auto const packed = scratch(rows::FusedFloats(n, k));
+    auto const turned_a = trans_a ? scratch(m * k) : nullptr, turned_b = trans_b ? nullptr : scratch(n * k);
     float const *from_a = a.Data<float>(), *from_b = b.Data<float>();
     float* to = y.Data<float>();
     for (std::size_t i = 0; i < count; ++i, to += m * n) {
       if (i == 0 || b.shape.dims.size() != 2) {
         if (!trans_b) Turn(from_b, k, n, turned_b->Data<float>());
-        if (k != 0) rows::PackWeights(trans_b ? from_b : turned_b->Data<float>(), n, k, packed->Data<float>());
+        rows::PackFused(trans_b ? from_b : turned_b->Data<float>(), n, k, packed->Data<float>());
         from_b += right.Elements();
       }
       if (trans_a && (i == 0 || a.shape.dims.size() != 2)) Turn(from_a, k, m, turned_a->Data<float>());
-      rows::PackedProduct(packed->Data<float>(), trans_a ? turned_a->Data<float>() : from_a, nullptr, m, n, k, to);
+      rows::PackedProduct(
+          {packed->Data<float>(), trans_a ? turned_a->Data<float>() : from_a, nullptr, m, n, k, to, n, false});
       if (a.shape.dims.size() != 2) from_a += left.Elements();
       if (alpha != 1.0f) rows::CombineRow(rows::Operation::kMul, {to, false}, {&alpha, true}, m * n, to);
     }

@@ -67,7 +67,7 @@ TensorPtr Multiply(CellCall const& call, Operands const& of) {
 
 void ConnectFused(float const* in, unsigned int const& in_count, unsigned int const& out_count, float const* weight,
                   float const* bias, float* out) {
-  rows::FusedProduct({weight, in, bias, 1, out_count, in_count, out, false});
+  rows::FusedProduct({weight, in, bias, 1, out_count, in_count, out, out_count, false});
 }
 
 struct Extents {
@@ -86,17 +86,16 @@ class RowProduct {
         weight_(weight->Data<float>() + first * extents.inputs),
         bias_(bias != nullptr ? bias->Data<float>() + first : nullptr) {
     if (product.packing != Packing::kInLongPasses || rows < kPackFrom) return;
-    packed_ = device.CreateF32FlexiableMainMemory({static_cast<unsigned int>(rows::PackedOutputs(outputs_)), inputs_},
-                                                  nullptr);
-    rows::PackWeights(weight_, outputs_, inputs_, packed_->Data<float>());
+    packed_ = device.CreateF32CMainMemory(static_cast<unsigned int>(rows::FusedFloats(outputs_, inputs_)), nullptr);
+    rows::PackFused(weight_, outputs_, inputs_, packed_->Data<float>());
   }
 
-  // `backwards`: see FusedProductRun.
+  // `backwards`: see PackedProductRun.
   void Run(float const* x, std::size_t rows, bool backwards, float* y) const {
     if (product_.packing == Packing::kAtOnce) {
-      rows::FusedProduct({weight_, x, bias_, rows, outputs_, inputs_, y, backwards});
+      rows::FusedProduct({weight_, x, bias_, rows, outputs_, inputs_, y, outputs_, backwards});
     } else if (packed_ != nullptr) {
-      rows::PackedProduct(packed_->Data<float>(), x, bias_, rows, outputs_, inputs_, y);
+      rows::PackedProduct({packed_->Data<float>(), x, bias_, rows, outputs_, inputs_, y, outputs_, backwards});
     } else {
       for (std::size_t r = 0; r < rows; ++r) {
         product_.connect(x + r * inputs_, inputs_, outputs_, weight_, bias_, y + r * outputs_);

@@ -7,6 +7,7 @@
 
 #include "talvo/kernel/rows/fused_product.h"
 #include "talvo/kernel/rows/fused_step.h"
+#include "talvo/kernel/rows/matrix_product.h"
 #include "tests/support/bits.h"
 
 namespace talvo::kernel::rows {
@@ -122,7 +123,7 @@ TEST(FusedProduct, IsOneChainOfFusedStepsForEachResult) {
             ScopedInstructionSet const use(set);
             std::vector<float> got(want.size(), -9.0f);
             FusedProduct({packed.data(), x.data(), started ? starts.data() : nullptr, rows, outputs, inputs, got.data(),
-                          started});
+                          outputs, started});
             test::ExpectSameBits(want, got);
           }
         }

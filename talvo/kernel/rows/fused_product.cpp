@@ -156,30 +156,6 @@ struct RunFusedTilesBody {
   }
 };
 
-constexpr std::size_t kProductRows = 48;  // whose addresses are made at a time: whole tiles of 6 and 8
-
-void MultiplyBlock(FusedProductRun const& product, std::size_t block) {
-  constexpr Tap kTap = {0, 0};
-  std::size_t const first = block * kFusedBlock;
-  float const zeros[kFusedBlock] = {};
-  float const* columns[kProductRows];
-  FusedTileRun run{};
-  run.chain = Chain::kStarts;
-  run.columns = columns;
-  run.channels = product.inputs, run.input_plane = 1;
-  run.taps = &kTap, run.tap_count = 1;
-  run.weights = product.packed + first * product.inputs;
-  run.lanes = run.weight_plane = std::min(kFusedBlock, product.outputs - first);
-  run.starts = product.starts != nullptr ? product.starts + first : zeros;
-  run.result_step = product.outputs;
-  for (std::size_t r = 0; r < product.rows; r += run.positions) {
-    run.positions = std::min(kProductRows, product.rows - r);
-    for (std::size_t p = 0; p < run.positions; ++p) columns[p] = product.x + (r + p) * product.inputs;
-    run.results = product.y + r * product.outputs + first;
-    RunFusedTiles(run);
-  }
-}
-
 }  // namespace
 
 Primitive<void(FusedTileRun const&)> const RunFusedTiles{RunFusedTilesBody()};
@@ -190,11 +166,6 @@ void PackFused(float const* weight, std::size_t outputs, std::size_t inputs, flo
     TransposeRows(weight + o * inputs, inputs, width, inputs, packed + o * inputs, width);
   }
   std::fill_n(packed + outputs * inputs, kMaxLanes, 0.0f);
-}
-
-void FusedProduct(FusedProductRun const& product) {
-  std::size_t const blocks = (product.outputs + kFusedBlock - 1) / kFusedBlock;
-  for (std::size_t b = 0; b < blocks; ++b) MultiplyBlock(product, product.backwards ? blocks - 1 - b : b);
 }
 
 }  // namespace talvo::kernel::rows

@@ -41,17 +41,4 @@ struct FusedTileRun {
 };
 extern Primitive<void(FusedTileRun const&)> const RunFusedTiles;
 
-/// y[r, o] = starts[o], then the fused steps of packed weight (o, i) and x[r, i] for i = 0, 1, ...; null starts count
-/// as 0.0f. x [rows, inputs]; y [rows, outputs] overlaps none of the others. `backwards` takes the blocks of weights
-/// from the last to the first: a caller who does so in every other call finds in the cache what it read last.
-struct FusedProductRun {
-  float const* packed;
-  float const* x;
-  float const* starts;
-  std::size_t rows, outputs, inputs;
-  float* y;
-  bool backwards;
-};
-void FusedProduct(FusedProductRun const& product);
-
 }  // namespace talvo::kernel::rows

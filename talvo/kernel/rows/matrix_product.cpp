@@ -2,8 +2,7 @@
 
 #include <algorithm>
 
-#include "talvo/kernel/rows/vectors.h"
-#include "talvo/utility/restrict_support.h"
+#include "talvo/kernel/rows/fused_step.h"
 
 namespace talvo::kernel::rows {
 namespace {
@@ -72,92 +71,130 @@ struct MatrixVectorBody {
   }
 };
 
-struct PackWeightsBody {
+struct TwoRoundings {
   template <class Set>
-  static TALVO_ROWS_INLINE void Run(float const* weight, std::size_t outputs, std::size_t inputs, float* packed) {
-    for (std::size_t o = 0; o < outputs; o += kPackedBlock) {
-      std::size_t const rows = std::min(kPackedBlock, outputs - o), width = PackedOutputs(rows);
-      if (width != rows) std::fill_n(packed, width * inputs, 0.0f);
-      Transpose<Set::kLanes>(weight + o * inputs, inputs, rows, inputs, packed, width);
-      packed += width * inputs;
-    }
+  static constexpr bool kIsInstructions = true;
+  template <class Set>
+  static constexpr int kMostRows = Set::kRegisters / 8;  // products need registers too
+
+  template <class Set, int kVectors>
+  static TALVO_ROWS_INLINE void Add(Vector<Set::kLanes> const (&weight)[kVectors], float x,
+                                    Vector<Set::kLanes> (&sums)[kVectors]) {
+    TALVO_ROWS_UNROLL
+    for (int v = 0; v < kVectors; ++v) sums[v] += weight[v] * x;
   }
 };
 
-// A tile: kRows rows of x by kVectors vectors of outputs, all sums in registers. `width` is the pitch of `weight`.
-template <int kLanes, int kRows, int kVectors>
-TALVO_ROWS_INLINE void Tile(float const* TALVO_RESTRICT weight, std::size_t width, float const* TALVO_RESTRICT x,
-                            float const* TALVO_RESTRICT bias, std::size_t inputs, float* TALVO_RESTRICT y,
-                            std::size_t y_stride) {
-  Vector<kLanes> acc[kRows][kVectors];
-  TALVO_ROWS_UNROLL
-  for (int v = 0; v < kVectors; ++v) {
+struct OneRounding {
+  template <class Set>
+  static constexpr bool kIsInstructions = Set::kFuses;
+  template <class Set>
+  static constexpr int kMostRows = Set::kRegisters == 32 ? 6 : 3;
+
+  template <class Set, int kVectors>
+  static TALVO_ROWS_INLINE void Add(Vector<Set::kLanes> const (&weight)[kVectors], float x,
+                                    Vector<Set::kLanes> (&sums)[kVectors]) {
+    Vector<Set::kLanes> xs;
+    Splat<Set::kLanes>(x, xs);
     TALVO_ROWS_UNROLL
-    for (int r = 0; r < kRows; ++r) Load<kLanes>(bias + v * kLanes, acc[r][v]);
+    for (int v = 0; v < kVectors; ++v) FusedStep<Set, Set::kLanes>(weight[v], xs, sums[v]);
   }
-  for (std::size_t i = 0; i < inputs; ++i, weight += width) {
-    Vector<kLanes> w[kVectors];
+};
+
+// Lanes of one block, all rows.
+struct Lanes {
+  float const* weights;  // the first input's
+  std::size_t width;     // from one input to the next
+  float const* bias;
+  float* y;
+
+  TALVO_ROWS_INLINE Lanes From(std::size_t lane) const { return {weights + lane, width, bias + lane, y + lane}; }
+};
+
+// kRows rows of x, from `row` on, by kVectors vectors of outputs: all sums stay in registers.
+template <class Step, class Set, int kVectors, int kRows>
+TALVO_ROWS_INLINE void RunTile(PackedProductRun const& run, Lanes const& lanes, std::size_t row) {
+  constexpr std::size_t kLanes = Set::kLanes;
+  Vector<Set::kLanes> sums[kRows][kVectors];
+  TALVO_ROWS_UNROLL
+  for (std::size_t v = 0; v < kVectors; ++v) {
     TALVO_ROWS_UNROLL
-    for (int v = 0; v < kVectors; ++v) Load<kLanes>(weight + v * kLanes, w[v]);
+    for (int r = 0; r < kRows; ++r) Load<kLanes>(lanes.bias + v * kLanes, sums[r][v]);
+  }
+  std::size_t const inputs = run.inputs, width = lanes.width;
+  float const *const x = run.x + row * inputs, *weights = lanes.weights;
+  for (std::size_t i = 0; i < inputs; ++i, weights += width) {
+    Vector<Set::kLanes> weight[kVectors];
     TALVO_ROWS_UNROLL
-    for (std::size_t r = 0; r < kRows; ++r) {
-      float const xs = x[r * inputs + i];
-      TALVO_ROWS_UNROLL
-      for (int v = 0; v < kVectors; ++v) acc[r][v] += w[v] * xs;
-    }
+    for (std::size_t v = 0; v < kVectors; ++v) Load<kLanes>(weights + v * kLanes, weight[v]);
+    TALVO_ROWS_UNROLL
+    for (std::size_t r = 0; r < kRows; ++r) Step::template Add<Set>(weight, x[r * inputs + i], sums[r]);
   }
   TALVO_ROWS_UNROLL
   for (std::size_t r = 0; r < kRows; ++r) {
+    float* const y = lanes.y + (row + r) * run.y_stride;
     TALVO_ROWS_UNROLL
-    for (int v = 0; v < kVectors; ++v) Store<kLanes>(acc[r][v], y + r * y_stride + v * kLanes);
+    for (std::size_t v = 0; v < kVectors; ++v) Store<kLanes>(sums[r][v], y + v * kLanes);
   }
 }
 
-// All rows by kVectors vectors of outputs.
-template <class Set, int kVectors>
-TALVO_ROWS_INLINE void Column(float const* weight, std::size_t width, float const* x, float const* bias,
-                              std::size_t rows, std::size_t inputs, float* y, std::size_t y_stride) {
-  constexpr std::size_t kRows = Set::kRegisters / 8;
-  std::size_t r = 0;
-  for (; r + kRows <= rows; r += kRows) {
-    Tile<Set::kLanes, kRows, kVectors>(weight, width, x + r * inputs, bias, inputs, y + r * y_stride, y_stride);
+// All rows, in tiles of kRows and of one fewer where they come out even, the rest one by one.
+template <class Step, class Set, int kVectors, int kRows>
+TALVO_ROWS_INLINE void RunRows(PackedProductRun const& run, Lanes const& lanes) {
+  std::size_t const count = run.rows;
+  std::size_t row = 0;
+  if constexpr (kRows > 1) {
+    std::size_t const tiles = (count + kRows - 1) / kRows, shorter = tiles * kRows - count;
+    std::size_t const whole = shorter <= tiles ? tiles - shorter : count / kRows;
+    for (std::size_t t = 0; t < whole; ++t, row += kRows) RunTile<Step, Set, kVectors, kRows>(run, lanes, row);
+    for (; row + kRows - 1 <= count; row += kRows - 1) RunTile<Step, Set, kVectors, kRows - 1>(run, lanes, row);
   }
-  for (; r < rows; ++r) {
-    Tile<Set::kLanes, 1, kVectors>(weight, width, x + r * inputs, bias, inputs, y + r * y_stride, y_stride);
+  for (; row < count; ++row) RunTile<Step, Set, kVectors, 1>(run, lanes, row);
+}
+
+// The last `count` lanes, fewer than a vector has.
+template <class Step, class Set>
+TALVO_ROWS_INLINE void RunSome(PackedProductRun const& run, Lanes const& lanes, std::size_t count) {
+  float bias[Set::kLanes] = {}, sums[Set::kLanes];
+  std::copy_n(lanes.bias, count, bias);
+  PackedProductRun one = run;
+  one.rows = 1;
+  for (std::size_t r = 0; r < run.rows; ++r, one.x += run.inputs) {
+    RunTile<Step, Set, 1, 1>(one, {lanes.weights, lanes.width, bias, sums}, 0);
+    std::copy_n(sums, count, lanes.y + r * run.y_stride);
   }
 }
 
-// All rows by the last `count` outputs, fewer than fill a vector.
-template <class Set>
-TALVO_ROWS_INLINE void LastColumn(float const* weight, std::size_t width, float const* x, float const* bias,
-                                  std::size_t count, std::size_t rows, std::size_t inputs, float* y,
-                                  std::size_t y_stride) {
-  float start[Set::kLanes] = {}, sums[Set::kLanes];
-  std::copy_n(bias, count, start);
-  for (std::size_t r = 0; r < rows; ++r) {
-    Tile<Set::kLanes, 1, 1>(weight, width, x + r * inputs, start, inputs, sums, Set::kLanes);
-    std::copy_n(sums, count, y + r * y_stride);
+template <class Step, class Set>
+TALVO_ROWS_INLINE void RunBlock(PackedProductRun const& run, Lanes const& block) {
+  constexpr std::size_t kLanes = Set::kLanes;
+  std::size_t lane = 0;
+  if constexpr (Step::template kIsInstructions<Set>) {  // a step in software needs all registers for itself
+    constexpr int kRows = Step::template kMostRows<Set>;
+    if constexpr (8 * kLanes <= kFusedBlock) {  // one row alone waits for its chains
+      for (; run.rows == 1 && lane + 8 * kLanes <= block.width; lane += 8 * kLanes) {
+        RunTile<Step, Set, 8, 1>(run, block.From(lane), 0);
+      }
+    }
+    for (; lane + 4 * kLanes <= block.width; lane += 4 * kLanes) RunRows<Step, Set, 4, kRows>(run, block.From(lane));
+    for (; lane + 2 * kLanes <= block.width; lane += 2 * kLanes) {
+      RunRows<Step, Set, 2, kRows>(run, block.From(lane));
+    }
   }
+  for (; lane + kLanes <= block.width; lane += kLanes) RunRows<Step, Set, 1, 1>(run, block.From(lane));
+  if (lane < block.width) RunSome<Step, Set>(run, block.From(lane), block.width - lane);
 }
 
+template <class Step>
 struct PackedProductBody {
   template <class Set>
-  static TALVO_ROWS_INLINE void Run(float const* packed, float const* x, float const* bias, std::size_t rows,
-                                    std::size_t outputs, std::size_t inputs, float* y) {
-    constexpr std::size_t kLanes = Set::kLanes, kWide = 4 * kLanes;
-    float const zeros[kPackedBlock] = {};
-    for (std::size_t o = 0; o < outputs; o += kPackedBlock) {
-      std::size_t const count = std::min(kPackedBlock, outputs - o), width = PackedOutputs(count);
-      float const* const start = bias != nullptr ? bias + o : zeros;
-      std::size_t j = 0;
-      for (; j + kWide <= count; j += kWide) {
-        Column<Set, 4>(packed + j, width, x, start + j, rows, inputs, y + o + j, outputs);
-      }
-      for (; j + kLanes <= count; j += kLanes) {
-        Column<Set, 1>(packed + j, width, x, start + j, rows, inputs, y + o + j, outputs);
-      }
-      if (j < count) LastColumn<Set>(packed + j, width, x, start + j, count - j, rows, inputs, y + o + j, outputs);
-      packed += width * inputs;
+  static TALVO_ROWS_INLINE void Run(PackedProductRun const& run) {
+    float const zeros[kFusedBlock] = {};
+    std::size_t const blocks = (run.outputs + kFusedBlock - 1) / kFusedBlock;
+    for (std::size_t k = 0; k < blocks; ++k) {
+      std::size_t const first = kFusedBlock * (run.backwards ? blocks - 1 - k : k);
+      RunBlock<Step, Set>(run, {run.packed + first * run.inputs, std::min(kFusedBlock, run.outputs - first),
+                                run.bias != nullptr ? run.bias + first : zeros, run.y + first});
     }
   }
 };
@@ -166,8 +203,7 @@ struct PackedProductBody {
 
 Primitive<void(float const*, float const*, float const*, std::size_t, std::size_t, float*)> const MatrixVector{
     MatrixVectorBody()};
-Primitive<void(float const*, std::size_t, std::size_t, float*)> const PackWeights{PackWeightsBody()};
-Primitive<void(float const*, float const*, float const*, std::size_t, std::size_t, std::size_t, float*)> const
-    PackedProduct{PackedProductBody()};
+Primitive<void(PackedProductRun const&)> const PackedProduct{PackedProductBody<TwoRoundings>()};
+Primitive<void(PackedProductRun const&)> const FusedProduct{PackedProductBody<OneRounding>()};
 
 }  // namespace talvo::kernel::rows

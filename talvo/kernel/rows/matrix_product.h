@@ -3,6 +3,7 @@
 
 #include <cstddef>
 
+#include "talvo/kernel/rows/fused_product.h"
 #include "talvo/kernel/rows/instruction_sets.h"
 
 namespace talvo::kernel::rows {
@@ -12,18 +13,24 @@ namespace talvo::kernel::rows {
 extern Primitive<void(float const* weight, float const* x, float const* bias, std::size_t outputs, std::size_t inputs,
                       float* y)> const MatrixVector;
 
-/// Outputs in a block of packed weights. The last block is cut to the outputs left, rounded up to kMaxLanes.
-constexpr std::size_t kPackedBlock = 64;
+/// y[r, o] = bias[o], then a step of weight (o, i), packed by PackFused, and x[r, i] for i = 0, 1, ...; a null bias
+/// counts as 0.0f. x [rows, inputs]; y [rows, outputs], a row every `y_stride` floats, overlaps none of the others.
+/// `backwards` takes the blocks of weights from the last to the first: a caller who does so in every other call finds
+/// in the cache what it read last.
+struct PackedProductRun {
+  float const* packed;
+  float const* x;
+  float const* bias;
+  std::size_t rows, outputs, inputs;
+  float* y;
+  std::size_t y_stride;
+  bool backwards;
+};
 
-/// The outputs for which PackWeights writes weights: `outputs` rounded up to kMaxLanes.
-constexpr std::size_t PackedOutputs(std::size_t outputs) { return (outputs + kMaxLanes - 1) / kMaxLanes * kMaxLanes; }
+/// By steps y += weight * x, which round twice: the bits of MatrixVector.
+extern Primitive<void(PackedProductRun const&)> const PackedProduct;
 
-/// Orders weight [outputs, inputs], of 1 input or more, by block, input, output within the block. packed
-/// [PackedOutputs(outputs) * inputs]; what is beyond `outputs` is 0.
-extern Primitive<void(float const* weight, std::size_t outputs, std::size_t inputs, float* packed)> const PackWeights;
-
-/// MatrixVector for each row of x [rows, inputs], on packed weights; y [rows, outputs] has the same bits.
-extern Primitive<void(float const* packed, float const* x, float const* bias, std::size_t rows, std::size_t outputs,
-                      std::size_t inputs, float* y)> const PackedProduct;
+/// By fused steps (see fused_step.h).
+extern Primitive<void(PackedProductRun const&)> const FusedProduct;
 
 }  // namespace talvo::kernel::rows
