@@ -1,13 +1,17 @@
-// What the runtime costs by itself: pools, tensors, and the walk of a net whose layers do nothing.
+// What the runtime costs by itself: pools, tensors, the walk of a net whose layers do nothing, and a net of layers that
+// do next to nothing. Yardsticks: the allocation of the system, and the arithmetic of those layers alone.
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
 #include <vector>
 
 #include "talvo/entry/create_context.h"
+#include "talvo/kernel/activation.h"
+#include "talvo/kernel/functional/activation.h"
 #include "talvo/runtime/device_cpu.h"
 #include "talvo/runtime/net.h"
 #include "talvo/runtime/tensor_cpu.h"
+#include "talvo/serialization/layer_info_activation.h"
 
 namespace {
 
@@ -94,6 +98,35 @@ void CreateTensor(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK(CreateTensor);
+
+constexpr std::uint32_t kSmallLayers = 50, kSmallFloats = 16;
+
+void SmallForward(benchmark::State& state) {
+  std::shared_ptr<Context> context;
+  talvo::utility::create_context(context, 64);
+  Net net = NetOf(kSmallLayers + 1);
+  for (std::uint32_t i = 1; i <= kSmallLayers; ++i) {
+    net.layers[i]->kernel = std::make_shared<talvo::kernel::ReLU_Fallback_Float_M1>();
+    net.layers[i]->kernel->Config(std::make_shared<ActivationInfo>(), nullptr, context);
+  }
+  auto const input = context->device_cpu->CreateZeroF32CMainMem(kSmallFloats);
+  std::unordered_map<unsigned int, std::shared_ptr<Tensor>> const inputs = {{0, input}};
+  for (auto _ : state) benchmark::DoNotOptimize(net.Forward(inputs, {kSmallLayers}, context, nullptr, nullptr));
+  state.SetItemsProcessed(kSmallLayers * state.iterations());
+}
+BENCHMARK(SmallForward)->Name("Forward/50LayersOf16");
+
+void SmallArithmetic(benchmark::State& state) {
+  std::vector<float> x(kSmallFloats, 1.0f), y(kSmallFloats);
+  for (auto _ : state) {
+    for (std::uint32_t i = 0; i < kSmallLayers; ++i) {
+      talvo::kernel::functional::relu_f32(x.data(), kSmallFloats, y.data());
+      benchmark::DoNotOptimize(y.data());
+    }
+  }
+  state.SetItemsProcessed(kSmallLayers * state.iterations());
+}
+BENCHMARK(SmallArithmetic)->Name("Yardstick/arithmetic/50LayersOf16");
 
 }  // namespace
 

@@ -24,9 +24,11 @@ namespace {
 template <class Map>
 int MapInput(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context,
              Map const& map) {
-  auto const x = support::Input(kernel, inputs, 0), y = support::NewOutput(kernel, inputs, context);
+  auto const x = support::Input(kernel, inputs, 0);
+  auto y = support::NewOutput(kernel, inputs, context);
   map(x->Data<float>(), runtime::ElementCount(x->shape.dims), y->Data<float>());
-  outputs.assign(1, y);
+  outputs.clear();
+  outputs.push_back(std::move(y));
   return 0;
 }
 

@@ -5,6 +5,7 @@
 
 #include "talvo/utility/base64.h"
 #include "talvo/utility/base64_support.h"
+#include "talvo/utility/exact_cast_support.h"
 #include "talvo/utility/refuse_support.h"
 
 namespace talvo::kernel::support {
@@ -61,26 +62,29 @@ void RefuseTensor(Who const& who, char const* what, runtime::Tensor const* tenso
 
 TensorPtr Input(Who const& who, Tensors const& inputs, std::size_t index, std::size_t rank,
                 unsigned int element_bytes) {
-  auto tensor = index < inputs.size() ? std::dynamic_pointer_cast<runtime::TensorCPU>(inputs[index]) : nullptr;
+  auto* const tensor = index < inputs.size() ? utility::CastTo<runtime::TensorCPU>(inputs[index].get()) : nullptr;
   Needs const needs = {element_bytes, rank};
   if (tensor == nullptr || !Meets(*tensor, needs)) {
-    RefuseTensor(who, ("input " + std::to_string(index)).c_str(), tensor.get(), needs);
+    RefuseTensor(who, ("input " + std::to_string(index)).c_str(), tensor, needs);
   }
-  return tensor;
+  return TensorPtr(inputs[index], tensor);
 }
 
 std::size_t Count(runtime::TensorCPU const& tensor) { return runtime::ElementCount(tensor.shape.dims); }
 
 TensorPtr NewOutput(runtime::IKernel const& kernel, Tensors const& inputs, ContextPtr const& context,
                     std::size_t index) {
-  std::vector<TensorShape> shapes;
-  shapes.reserve(inputs.size());
-  for (auto const& input : inputs) {
-    if (input == nullptr) Refuse("%s: an input is null", kernel.GetName().c_str());
-    shapes.push_back(input->shape);
+  static thread_local Shapes kept;  // for the memory of its lists: this runs for each layer
+  Shapes shapes = std::move(kept);
+  shapes.resize(inputs.size());
+  for (std::size_t i = 0; i < inputs.size(); ++i) {
+    if (inputs[i] == nullptr) Refuse("%s: an input is null", kernel.GetName().c_str());
+    shapes[i] = inputs[i]->shape;
   }
-  auto const outputs = kernel.GetOutputShapes(shapes);
-  return Device(kernel, context).CreateTensor(ShapeAt(kernel, outputs, index), nullptr);
+  auto outputs = kernel.GetOutputShapes(shapes);
+  kept = std::move(shapes);
+  ShapeAt(kernel, outputs, index);
+  return Device(kernel, context).CreateTensor(std::move(outputs[index]), nullptr);
 }
 
 runtime::DeviceCPU& Device(Who const& who, ContextPtr const& context) {

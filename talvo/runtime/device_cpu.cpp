@@ -1,10 +1,13 @@
 #include "talvo/runtime/device_cpu.h"
 
+#include <cstddef>
 #include <cstring>
-#include <functional>
+#include <memory>
+#include <new>
 #include <utility>
 
 #include "talvo/runtime/tensor_cpu.h"
+#include "talvo/runtime/tensor_cpu_support.h"
 #include "talvo/utility/refuse_support.h"
 
 namespace talvo::runtime {
@@ -14,6 +17,8 @@ TensorShape MainMemoryShape(std::vector<unsigned int> dims, unsigned int data_ty
   return TensorShape(std::move(dims), data_type, layout, TensorShape::MainMemory, TensorShape::Extra());
 }
 
+using PoolField = std::shared_ptr<MemoryPool> DeviceCPU::*;
+
 unsigned int CheckedByteCount(TensorShape const& shape) {
   if (shape.data_type > TensorShape::UINT8) {
     utility::Refuse("tensor of dims %s: data type %u does not exist", DimsText(shape.dims).c_str(), shape.data_type);
@@ -21,20 +26,57 @@ unsigned int CheckedByteCount(TensorShape const& shape) {
   return ByteCount(shape);
 }
 
-// A tensor on memory from `pool`. Until the shared pointer stands nothing but the tensor object is owned, so that no
-// failure leaves a block in use.
-std::shared_ptr<TensorCPU> CreatePoolTensor(TensorShape shape, void const* data, MemoryPool& pool, Device* device,
-                                            std::function<void(void*)> (TensorCPU::*deleter)() const) {
+// A tensor and the count of its shared pointers lie in one allocation: a net makes a tensor for each layer.
+struct TensorRoom {
+  alignas(TensorCPU) unsigned char tensor[sizeof(TensorCPU)];
+  alignas(std::max_align_t) unsigned char count[64];
+};
+struct FreeRoom {
+  void operator()(TensorRoom* room) const { std::allocator<TensorRoom>().deallocate(room, 1); }
+};
+
+// Puts the count, which is the last to go, into the room that its tensor lies in.
+template <class T>
+struct CountAllocator {
+  using value_type = T;
+
+  explicit CountAllocator(TensorRoom* tensor_room) : room(tensor_room) {}
+  template <class Other>
+  CountAllocator(CountAllocator<Other> const& other) : room(other.room) {}
+
+  T* allocate(std::size_t) {
+    static_assert(sizeof(T) <= sizeof(TensorRoom::count) && alignof(T) <= alignof(std::max_align_t));
+    return reinterpret_cast<T*>(room->count);
+  }
+  void deallocate(T*, std::size_t) { FreeRoom()(room); }
+
+  TensorRoom* room;
+};
+
+// Ends a tensor, whose room the count's allocator takes back.
+struct TensorEnd {
+  void operator()(TensorCPU* tensor) const {
+    if (tensor->data != nullptr) ReturnMemory(*tensor, pool);  // null: it did not get any
+    tensor->~TensorCPU();
+  }
+
+  PoolField pool;
+};
+
+// A tensor on memory from a pool of `device`. The tensor stands before it takes memory, so that no failure leaves a
+// block in use.
+std::shared_ptr<TensorCPU> CreatePoolTensor(TensorShape&& shape, void const* data, DeviceCPU* device, PoolField pool) {
   unsigned int const bytes = CheckedByteCount(shape);
-  auto tensor = std::make_unique<TensorCPU>(std::move(shape), nullptr, device);
-  tensor->data = pool.Malloc(bytes);
+  std::unique_ptr<TensorRoom, FreeRoom> room(std::allocator<TensorRoom>().allocate(1));
+  auto* const made = new (room->tensor) TensorCPU(std::move(shape), nullptr, device);
+  std::shared_ptr<TensorCPU> const tensor(made, TensorEnd{pool}, CountAllocator<TensorCPU>(room.release()));
+  tensor->data = ((*device).*pool)->Malloc(bytes);
   if (tensor->data == nullptr) {
     utility::Refuse("tensor of dims %s: the pool gave no memory for %u bytes", DimsText(tensor->shape.dims).c_str(),
                     bytes);
   }
   if (data != nullptr) std::memcpy(tensor->data, data, bytes);
-  auto release = (tensor.get()->*deleter)();
-  return std::shared_ptr<TensorCPU>(tensor.release(), std::move(release));
+  return tensor;
 }
 
 }  // namespace
@@ -44,14 +86,15 @@ DeviceCPU::DeviceCPU(CPUDeviceDesc const& device_desc, std::shared_ptr<MemoryPoo
     : desc(device_desc), thread_pool(threads), memory_pool(main_pool), dynamic_pool(forward_pool) {}
 
 std::shared_ptr<TensorCPU> DeviceCPU::CreateTensor(TensorShape shape, void const* data) {
-  if (use_dynamic_pool && dynamic_pool != nullptr) return CreateTensorDynamic(std::move(shape), data);
+  if (use_dynamic_pool && dynamic_pool != nullptr)
+    return CreatePoolTensor(std::move(shape), data, this, &DeviceCPU::dynamic_pool);
   if (memory_pool == nullptr) utility::Refuse("CreateTensor: the device has no memory pool");
-  return CreatePoolTensor(std::move(shape), data, *memory_pool, this, &TensorCPU::GetDeleter);
+  return CreatePoolTensor(std::move(shape), data, this, &DeviceCPU::memory_pool);
 }
 
 std::shared_ptr<TensorCPU> DeviceCPU::CreateTensorDynamic(TensorShape shape, void const* data) {
   if (dynamic_pool == nullptr) utility::Refuse("CreateTensorDynamic: the device has no dynamic pool");
-  return CreatePoolTensor(std::move(shape), data, *dynamic_pool, this, &TensorCPU::GetDynamicDeleter);
+  return CreatePoolTensor(std::move(shape), data, this, &DeviceCPU::dynamic_pool);
 }
 
 std::shared_ptr<TensorCPU> DeviceCPU::CreateTensorExternal(TensorShape shape, void* data) {

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <utility>
 
 #include "talvo/utility/invariant.h"
 #include "talvo/utility/refuse_support.h"
@@ -13,40 +14,94 @@ namespace {
 
 using Block = std::pair<unsigned long, void*>;
 using Blocks = std::vector<Block>;
-using UsedBlocks = std::unordered_map<void*, unsigned long>;
 
 constexpr std::size_t kStartBytes = sizeof(void*);  // an aligned block is preceded by the address of its allocation
 
-// Enters a new block in use. The free list gets the room for every block that there is, so that a block can come back
-// without an allocation: Free runs where tensors are released, and nothing may be thrown there.
+// Enters a new block in use. Free list and table get the room for every block that there is, so that blocks change
+// between them without an allocation: Free runs where tensors are released, and nothing may be thrown there.
 void EnterBlock(void* block, unsigned long size, Blocks& free_blocks, UsedBlocks& used_blocks) {
-  std::size_t const blocks = free_blocks.size() + used_blocks.size() + 1;
+  std::size_t const blocks = free_blocks.size() + used_blocks.Count() + 1;
   if (free_blocks.capacity() < blocks) free_blocks.reserve(2 * blocks);
-  used_blocks.emplace(block, size);
+  used_blocks.Reserve(blocks);
+  used_blocks.Enter(block, size);
 }
 
 // Moves entry `at` of the free list to the blocks in use: the last entry takes its place in the list.
 void* TakeFreeBlock(Blocks& free_blocks, std::size_t at, UsedBlocks& used_blocks) {
   Block const block = free_blocks[at];
-  used_blocks.emplace(block.second, block.first);
+  used_blocks.Enter(block.second, block.first);
   free_blocks[at] = free_blocks.back();
   free_blocks.pop_back();
   return block.second;
 }
 
-void ReturnBlock(UsedBlocks& used_blocks, UsedBlocks::iterator used, Blocks& free_blocks) {
-  free_blocks.emplace_back(used->second, used->first);
-  used_blocks.erase(used);
+// False: the pointer is not in use.
+bool ReturnBlock(void* pointer, UsedBlocks& used_blocks, Blocks& free_blocks) {
+  unsigned long size;
+  if (!used_blocks.Remove(pointer, &size)) return false;
+  free_blocks.emplace_back(size, pointer);
+  return true;
 }
 
 unsigned long TotalBytes(Blocks const& free_blocks, UsedBlocks const& used_blocks) {
-  unsigned long total = 0;
+  unsigned long total = used_blocks.TotalBytes();
   for (auto const& block : free_blocks) total += block.first;
-  for (auto const& block : used_blocks) total += block.second;
   return total;
 }
 
 }  // namespace
+
+unsigned long UsedBlocks::TotalBytes() const {
+  unsigned long total = 0;
+  for (Slot const& slot : slots_) total += slot.second;
+  return total;
+}
+
+void UsedBlocks::Reserve(std::size_t blocks) {
+  if (2 * blocks <= slots_.size()) return;
+  unsigned int bits = 4;
+  while ((std::size_t{1} << bits) < 2 * blocks) ++bits;
+  std::vector<Slot> const old = std::exchange(slots_, std::vector<Slot>(std::size_t{1} << bits));
+  shift_ = 64 - bits;
+  count_ = 0;
+  for (Slot const& slot : old) {
+    if (slot.first != nullptr) Enter(slot.first, slot.second);
+  }
+}
+
+// Multiplicative hashing: the high bits of a product with 2^64 over the golden ratio (Knuth, The Art of Computer
+// Programming 3, 6.4).
+std::size_t UsedBlocks::HomeOf(void* block) const {
+  return static_cast<std::size_t>((std::uint64_t{reinterpret_cast<std::uintptr_t>(block)} * 0x9E3779B97F4A7C15u) >>
+                                  shift_);
+}
+
+void UsedBlocks::Enter(void* block, unsigned long size) {
+  std::size_t place = HomeOf(block);
+  while (slots_[place].first != nullptr) place = Next(place);
+  slots_[place] = {block, size};
+  ++count_;
+}
+
+bool UsedBlocks::Remove(void* block, unsigned long* size) {
+  if (count_ == 0 || block == nullptr) return false;
+  std::size_t place = HomeOf(block);
+  while (slots_[place].first != block) {
+    if (slots_[place].first == nullptr) return false;
+    place = Next(place);
+  }
+  *size = slots_[place].second;
+  // The entries behind move up where they may stand at or behind their home, so that each is found from there.
+  std::size_t const mask = slots_.size() - 1;
+  for (std::size_t from = Next(place); slots_[from].first != nullptr; from = Next(from)) {
+    if (((from - HomeOf(slots_[from].first)) & mask) < ((from - place) & mask)) continue;
+    slots_[place] = slots_[from];
+    place = from;
+  }
+  slots_[place] = {};
+  --count_;
+  return true;
+}
 
 AlignedPool::AlignedPool(unsigned long alignment) : alignment_(static_cast<std::uint32_t>(alignment)) {
   if (alignment_ == 0 || (alignment_ & (alignment_ - 1)) != 0)
@@ -55,7 +110,7 @@ AlignedPool::AlignedPool(unsigned long alignment) : alignment_(static_cast<std::
 
 AlignedPool::~AlignedPool() {
   AlignedPool::Clear();
-  TALVO_INVARIANT_TEXT(used_blocks_.empty(), "false && \"alignment memory pool destory too early !\"");
+  TALVO_INVARIANT_TEXT(used_blocks_.Count() == 0, "false && \"alignment memory pool destory too early !\"");
 }
 
 void AlignedPool::Clear() {
@@ -77,9 +132,8 @@ void* AlignedPool::Malloc(unsigned long size) {
 }
 
 void AlignedPool::Free(void* pointer) {
-  auto const used = used_blocks_.find(pointer);
-  TALVO_INVARIANT_TEXT(used != used_blocks_.end(), "false && \"pointer not in alignment memory pool !\"");
-  ReturnBlock(used_blocks_, used, free_blocks_);
+  bool const returned = ReturnBlock(pointer, used_blocks_, free_blocks_);
+  TALVO_INVARIANT_TEXT(returned, "false && \"pointer not in alignment memory pool !\"");
 }
 
 unsigned long AlignedPool::HeapSize() const { return TotalBytes(free_blocks_, used_blocks_); }
@@ -105,7 +159,7 @@ void AlignedPool::AlignFree(void* pointer) {
 AlignUpPool::AlignUpPool(unsigned long const& alignment) : alignment_(alignment) {}
 
 AlignUpPool::~AlignUpPool() {
-  if (!used_blocks_.empty()) utility::Refuse("Destory this pool too early!!");
+  if (used_blocks_.Count() != 0) utility::Refuse("Destory this pool too early!!");
   AlignUpPool::Clear();
 }
 
@@ -130,12 +184,10 @@ void* AlignUpPool::Malloc(unsigned long size) {
 }
 
 void AlignUpPool::Free(void* pointer) {
-  auto const used = used_blocks_.find(pointer);
-  if (used == used_blocks_.end()) {
+  if (!ReturnBlock(pointer, used_blocks_, free_blocks_)) {
     utility::Refuse("pointer(0x%d) not in alignment memory pool !",
                     static_cast<int>(static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(pointer))));
   }
-  ReturnBlock(used_blocks_, used, free_blocks_);
 }
 
 unsigned long AlignUpPool::HeapSize() const { return TotalBytes(free_blocks_, used_blocks_); }

@@ -2,8 +2,8 @@
 // from the system after its first pass. Nothing here is locked.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -26,6 +26,30 @@ class TALVO_API MemoryPool {
   virtual void Free(void* pointer) = 0;
   /// Bytes of all blocks that the pool holds, free or in use.
   virtual unsigned long HeapSize() const = 0;
+};
+
+/// The blocks of a pool that are in use, with their sizes: a hash table in one array. A look-up costs a multiplication,
+/// and an entry no memory of its own.
+class UsedBlocks {
+ public:
+  std::size_t Count() const { return count_; }
+  unsigned long TotalBytes() const;
+  /// Makes room for so many blocks in all, which then enter without an allocation.
+  void Reserve(std::size_t blocks);
+  /// `block` is not null and not in the table, and there is room for it.
+  void Enter(void* block, unsigned long size);
+  /// Removes a block and tells its size. False: it is not in use.
+  bool Remove(void* block, unsigned long* size);
+
+ private:
+  using Slot = std::pair<void*, unsigned long>;  // null: empty
+
+  std::size_t HomeOf(void* block) const;
+  std::size_t Next(std::size_t slot) const { return (slot + 1) & (slots_.size() - 1); }
+
+  std::vector<Slot> slots_;  // a power of two, at most half of them taken
+  unsigned int shift_ = 0;   // what of a 64-bit hash is not its place
+  std::size_t count_ = 0;
 };
 
 /// Serves a request from the first free block that it fills to three quarters or more.
@@ -53,7 +77,7 @@ class TALVO_API AlignedPool : public MemoryPool {
   std::uint32_t malloc_margin_ = 64;
   std::uint32_t alignment_;
   std::vector<std::pair<unsigned long, void*>> free_blocks_;
-  std::unordered_map<void*, unsigned long> used_blocks_;
+  UsedBlocks used_blocks_;
 };
 
 /// Rounds requests up and serves them from the most recently freed block that is large enough.
@@ -76,7 +100,7 @@ class TALVO_API AlignUpPool : public MemoryPool {
   std::uint32_t malloc_margin_ = 64;
   std::uint64_t alignment_;
   std::vector<std::pair<unsigned long, void*>> free_blocks_;
-  std::unordered_map<void*, unsigned long> used_blocks_;
+  UsedBlocks used_blocks_;
 };
 
 }  // namespace talvo::runtime

@@ -28,6 +28,9 @@ class Walk {
     for (unsigned int id : output_ids) {
       if (id < states_.size()) ++states_[id].requests;
     }
+    for (auto const& input : inputs) {
+      if (input.first < states_.size()) states_[input.first].is_fed = true;
+    }
   }
 
   bool Done() const { return pending_ == 0; }
@@ -39,6 +42,7 @@ class Walk {
     bool const is_requested = states_[index].requests != 0;
     GatherInputs();
     Tensors& outputs = states_[index].outputs;
+    outputs.swap(spare_list_);
     RunKernel(layer_->kernel, "kernel", kernel_inputs_, !is_requested || !layer_->output_converters.empty(), outputs);
     ConvertOutputs(outputs, !is_requested);
     ReleaseProducers();
@@ -83,14 +87,24 @@ class Walk {
       return;
     }
     for (unsigned int position = 0; position < layer_->input_refs.size(); ++position) {
-      std::shared_ptr<Tensor> const& tensor = Produced(position);
+      std::shared_ptr<Tensor>& tensor = Produced(position);
       auto const converter = layer_->input_converters.find(position);
-      bool const converted = converter != layer_->input_converters.end();
-      kernel_inputs_.push_back(converted ? Convert(converter->second, tensor, true) : tensor);
+      if (converter != layer_->input_converters.end()) {
+        kernel_inputs_.push_back(Convert(converter->second, tensor, true));
+      } else if (IsDropped(layer_->input_refs)) {
+        kernel_inputs_.push_back(std::move(tensor));
+      } else {
+        kernel_inputs_.push_back(tensor);
+      }
     }
   }
 
-  std::shared_ptr<Tensor> const& Produced(unsigned int position) const {
+  // Whether this layer alone reads the only tensor that it reads. Counts of shared pointers are slow to change.
+  bool IsDropped(std::vector<std::pair<std::uint32_t, std::uint32_t>> const& refs) {
+    return refs.size() == 1 && !states_[refs[0].first].is_fed && LastReader(refs[0].first) <= index_;
+  }
+
+  std::shared_ptr<Tensor>& Produced(unsigned int position) {
     auto const [producer, output] = layer_->input_refs[position];
     bool const made =
         producer < index_ && output < states_[producer].outputs.size() && states_[producer].outputs[output] != nullptr;
@@ -115,12 +129,14 @@ class Walk {
   // Drops the outputs of every producer of this layer whose readers have all run.
   void ReleaseProducers() {
     for (auto const& [producer, output] : layer_->input_refs) {
-      if (inputs_.count(producer) != 0) continue;
+      if (producer < states_.size() ? states_[producer].is_fed : inputs_.count(producer) != 0) continue;
       if (producer >= states_.size() || net_.layers[producer] == nullptr) {
         Refuse("layer %u (%s): it reads layer %u of %zu", index_, layer_->type.c_str(), producer, states_.size());
       }
       // Layers run in order: what stands up to this layer has run, even if its own outputs are gone by now.
-      if (LastReader(producer) <= index_) states_[producer].outputs.clear();
+      if (LastReader(producer) > index_) continue;
+      states_[producer].outputs.clear();
+      spare_list_.swap(states_[producer].outputs);
     }
   }
 
@@ -143,6 +159,7 @@ class Walk {
     Tensors outputs;
     std::uint32_t last_reader = kUnknown;
     std::uint32_t requests = 0;  // how often the caller named the layer
+    bool is_fed = false;         // the caller gave a tensor for it
   };
 
   Net const& net_;
@@ -156,6 +173,7 @@ class Walk {
   unsigned int index_ = 0;
   Layer const* layer_ = nullptr;
   Tensors kernel_inputs_;
+  Tensors spare_list_;  // empty, with the memory of a list that was dropped
 };
 
 void EmptyAndReserve(std::vector<float>* times, std::size_t count) {

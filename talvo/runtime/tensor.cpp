@@ -115,7 +115,7 @@ std::ostream& operator<<(std::ostream& stream, TensorShape const& shape) {
   return stream << "}" << std::endl;
 }
 
-Tensor::Tensor(TensorShape tensor_shape, void* first_element, Device* maker)
+Tensor::Tensor(TensorShape&& tensor_shape, void* first_element, Device* maker)
     : shape(std::move(tensor_shape)), data(first_element), device(maker) {}
 
 Tensor::~Tensor() = default;

@@ -131,7 +131,7 @@ TALVO_API std::ostream& operator<<(std::ostream& stream, TensorShape const& shap
 /// decides what becomes of the memory.
 class TALVO_API Tensor : public std::enable_shared_from_this<Tensor> {
  public:
-  Tensor(TensorShape tensor_shape, void* first_element, Device* maker);
+  Tensor(TensorShape&& tensor_shape, void* first_element, Device* maker);
   Tensor(Tensor const&) = delete;
   Tensor& operator=(Tensor const&) = delete;
   virtual ~Tensor();

@@ -6,13 +6,14 @@
 #include "talvo/kernel/native/permute.h"
 #include "talvo/runtime/device_cpu.h"
 #include "talvo/runtime/tensor_cpu_support.h"
+#include "talvo/utility/exact_cast_support.h"
 #include "talvo/utility/refuse_support.h"
 
 namespace talvo::runtime {
 namespace {
 
 DeviceCPU& DeviceOf(TensorCPU const& tensor) {
-  auto* const device = dynamic_cast<DeviceCPU*>(tensor.device);
+  auto* const device = utility::CastTo<DeviceCPU>(tensor.device);
   if (device == nullptr) {
     utility::Refuse("tensor of dims %s: its device is no CPU device", DimsText(tensor.shape.dims).c_str());
   }
@@ -28,21 +29,28 @@ std::vector<unsigned int> RowMajorStrides(std::vector<unsigned int> const& dims)
 
 }  // namespace
 
-TensorCPU::TensorCPU(TensorShape tensor_shape, void* first_element, Device* maker)
+TensorCPU::TensorCPU(TensorShape&& tensor_shape, void* first_element, Device* maker)
     : Tensor(std::move(tensor_shape), first_element, maker), strides(RowMajorStrides(shape.dims)) {}
+
+TensorCPU::TensorCPU(TensorShape const& tensor_shape, void* first_element, Device* maker)
+    : TensorCPU(TensorShape(tensor_shape), first_element, maker) {}
 
 std::function<void(void*)> TensorCPU::GetDeleter() const {
   return [this](void*) {
-    DeviceOf(*this).memory_pool->Free(data);
+    ReturnMemory(*this, &DeviceCPU::memory_pool);
     delete this;
   };
 }
 
 std::function<void(void*)> TensorCPU::GetDynamicDeleter() const {
   return [this](void*) {
-    DeviceOf(*this).dynamic_pool->Free(data);
+    ReturnMemory(*this, &DeviceCPU::dynamic_pool);
     delete this;
   };
+}
+
+void ReturnMemory(TensorCPU const& tensor, std::shared_ptr<MemoryPool> DeviceCPU::*pool) {
+  (DeviceOf(tensor).*pool)->Free(tensor.data);
 }
 
 std::shared_ptr<TensorCPU> TensorCPU::Reshape(std::vector<int> const& new_dims) const {

@@ -18,7 +18,8 @@ class DeviceCPU;
 class TALVO_API TensorCPU : public Tensor {
  public:
   /// Computes `strides`; takes neither ownership of `first_element` nor of `maker`.
-  TensorCPU(TensorShape tensor_shape, void* first_element, Device* maker);
+  TensorCPU(TensorShape&& tensor_shape, void* first_element, Device* maker);
+  TensorCPU(TensorShape const& tensor_shape, void* first_element, Device* maker);
 
   /// Gives the memory to the main pool of the device.
   std::function<void(void*)> GetDeleter() const override;

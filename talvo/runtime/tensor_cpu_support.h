@@ -1,4 +1,5 @@
-// The reshape and the permutation of tensors with a device of the caller's choice. Internal.
+// The release of a tensor's memory, and the reshape and the permutation of tensors with a device of the caller's
+// choice. Internal.
 #pragma once
 
 #include <memory>
@@ -7,6 +8,11 @@
 #include "talvo/runtime/tensor_cpu.h"
 
 namespace talvo::runtime {
+
+class MemoryPool;
+
+/// Hands the memory back to a pool of the tensor's device. Assert: a device that is no CPU device.
+void ReturnMemory(TensorCPU const& tensor, std::shared_ptr<MemoryPool> DeviceCPU::*pool);
 
 /// What TensorCPU::Reshape does, for a result of this layout, made by this device.
 std::shared_ptr<TensorCPU> ReshapeTensor(TensorCPU const& tensor, std::vector<int> const& new_dims, unsigned int layout,

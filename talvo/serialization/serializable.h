@@ -17,7 +17,9 @@ class TALVO_API Serializable {
  public:
   Serializable() = default;
   Serializable(Serializable const&) = default;
+  Serializable(Serializable&&) = default;
   Serializable& operator=(Serializable const&) = default;
+  Serializable& operator=(Serializable&&) = default;
   virtual ~Serializable() = default;
 
   /// Visits every persistent field, in the order of the format. An override begins with its base's, where the class

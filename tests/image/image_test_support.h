@@ -27,7 +27,7 @@ using ByteVector = std::vector<unsigned char>;
 /// A tensor that is no CPU tensor.
 class Foreign : public runtime::Tensor {
  public:
-  explicit Foreign(TensorShape const& tensor_shape) : Tensor(tensor_shape, nullptr, nullptr) {}
+  explicit Foreign(TensorShape const& tensor_shape) : Tensor(TensorShape(tensor_shape), nullptr, nullptr) {}
   std::function<void(void*)> GetDeleter() const override { return {}; }
 };
 

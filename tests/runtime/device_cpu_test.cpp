@@ -46,6 +46,23 @@ TEST_F(DeviceCPUTest, TakesFromThePoolInUseAndReturnsToThePoolItTookFrom) {
   EXPECT_EQ(Device().dynamic_pool->HeapSize(), 128u);
 }
 
+// A tensor that goes hands its memory back at once; what is left of it to weak pointers is its count.
+TEST_F(DeviceCPUTest, ReleasesAtTheLastPointerAndByTheDeletersOfATensor) {
+  auto tensor = Device().CreateTensor(Shape({16}), nullptr);
+  EXPECT_EQ(tensor->shared_from_this(), tensor);
+  std::weak_ptr<Tensor> const weak = tensor;
+  void* const block = tensor->data;
+  tensor.reset();
+  EXPECT_TRUE(weak.expired());
+  EXPECT_EQ(Device().memory_pool->Malloc(64), block);
+  auto* const own = new TensorCPU(Shape({16}), block, &Device());
+  own->GetDeleter()(own);
+  auto* const dynamic = new TensorCPU(Shape({16}), Device().dynamic_pool->Malloc(64), &Device());
+  dynamic->GetDynamicDeleter()(dynamic);
+  EXPECT_EQ(Device().memory_pool->Malloc(64), block);
+  Device().memory_pool->Free(block);
+}
+
 TEST_F(DeviceCPUTest, RefusesSizesThatItCannotServe) {
   auto const refusal = [&](TensorShape const& shape) {
     return test::RefusalOf([&] { Device().CreateTensor(shape, nullptr); });

@@ -2,10 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <vector>
 
+#include "tests/support/bits.h"
 #include "tests/support/log_capture.h"
 
 // Under the address sanitizer: a refused allocation answers null, as the system's does, in place of a report.
@@ -51,6 +54,40 @@ TEST(AlignUpPool, ServesTheMostRecentlyFreedBlockThatIsLargeEnoughAndClearsFreeO
   pool.Free(fresh);
   EXPECT_EQ(pool.Malloc(10), fresh);
   pool.Free(fresh);
+}
+
+// Against the rule written out, over many blocks that come and go in any order.
+TEST(AlignUpPool, KeepsTrackOfEveryBlock) {
+  AlignUpPool pool(64);
+  std::vector<std::pair<unsigned long, void*>> free_list, used;
+  auto const numbers = test::Bytes(1, 30000);
+  for (std::size_t i = 0; i + 2 < numbers.size(); i += 3) {
+    if (!used.empty() && numbers[i] < (i < 15000 ? 96 : 160)) {
+      std::swap(used[numbers[i + 1] * used.size() / 256], used.back());
+      pool.Free(used.back().second);
+      free_list.push_back(used.back());
+      used.pop_back();
+      continue;
+    }
+    unsigned long const size = numbers[i + 1] * 16u, rounded = (64 + size + 63) / 64 * 64;
+    auto const found =
+        std::find_if(free_list.rbegin(), free_list.rend(), [&](auto const& block) { return block.first >= rounded; });
+    void* const block = pool.Malloc(size);
+    if (found == free_list.rend()) {
+      used.emplace_back(rounded, block);
+      continue;
+    }
+    ASSERT_EQ(block, found->second);
+    used.push_back(*found);
+    *found = free_list.back();
+    free_list.pop_back();
+  }
+  unsigned long held = 0;
+  for (auto const* list : {&free_list, &used})
+    for (auto const& block : *list) held += block.first;
+  EXPECT_EQ(pool.HeapSize(), held);
+  for (auto const& block : used) pool.Free(block.second);
+  EXPECT_EQ(pool.HeapSize(), held);
 }
 
 TEST(AlignUpPool, RefusesForeignPointersAndAnswersWhatTheSystemRefusesWithNull) {
