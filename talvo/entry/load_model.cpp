@@ -52,6 +52,7 @@ int check_version(std::string sdk_type, unsigned short sdk_major, unsigned short
     Log(16, "Model type is %s, can not match sdk type", model.sdk_type.c_str());
     return -2;
   }
+  // This runtime is 1.0 and serves what asks for 1.0 or 0.0.
   if (model.core_major_ver >= 2 || model.core_minor_ver != 0) {
     Log(16, "tln_core version required by model is larger than actually used!");
     return -2;
@@ -75,6 +76,7 @@ int load_model(std::string path, std::map<std::string, std::shared_ptr<_NetworkP
       std::move(sdk_type), sdk_major, sdk_minor,
       {file->sdk_type, file->core_major_ver, file->core_minor_ver, file->sdk_major_ver, file->sdk_minor_ver});
   if (refusal != 0) return refusal;
+  // Networks are only entered; Load_Single_Net builds the one that is wanted.
   for (std::string const& id : file->model_arr->squential_ids) {
     auto package = std::make_shared<_NetworkPackage>();
     package->kernels = &kernels;
@@ -94,6 +96,7 @@ void Load_Single_Net(std::shared_ptr<_NetworkPackage>& package, std::shared_ptr<
     Refuse("Load_Single_Net: the %s is empty", model == nullptr     ? "model"
                                                : configs == nullptr ? "configuration"
                                                                     : "back end's name");
+  // Not the table of CreateNet: of an id that stands twice this one knows the first layer, that one the last.
   auto index_of = IndexLayers(model->squential_ids);
   for (std::string const& id : model->GetInputIDs()) package->inputs.emplace(index_of[id], nullptr);
   package->output_ids.clear();

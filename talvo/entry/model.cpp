@@ -115,6 +115,7 @@ void Model::Parts::ChooseModel(TLNModel const& file, std::string const& wanted) 
 }
 
 void Model::Parts::CheckVersion(TLNModel const& file) const {
+  // The package is asked for its own word and version of the application: what is left to judge is the core's.
   utility::_TLNModelVerInfo const needs = {file.sdk_type, file.core_major_ver, file.core_minor_ver, file.sdk_major_ver,
                                            file.sdk_minor_ver};
   if (utility::check_version(file.sdk_type, file.sdk_major_ver, file.sdk_minor_ver, needs) == 0) return;
@@ -140,6 +141,8 @@ void Model::Parts::BuildNet(TLNModel& file, ModelOptions const& options) {
     Refuse(name + ": " + RefusalText(refusal));
   } catch (std::exception const& refusal) {
     std::string const text = RefusalText(refusal);
+    // Most refusals name their layer. A kernel that only says false, or throws without a word, is looked for by
+    // configuring each once more.
     bool const names_layer = text.find("layer ") != std::string::npos;
     Refuse(name + ": " + (names_layer ? text : RefusedKernel(*model, *config) + (text.empty() ? "" : ": " + text)));
   }
@@ -234,6 +237,7 @@ void Model::Parts::SetInputs(std::vector<ModelInput> const& given, std::vector<u
       Refuse(name + ": input \"" + std::string(input.id) + "\" is given twice");
     }
   }
+  // An input behind the last output that is wanted is never reached by the walk.
   unsigned int const last = wanted.empty() ? 0 : *std::max_element(wanted.begin(), wanted.end());
   for (auto const& [input, layer] : package->net->input_ids) {
     if (layer > last || package->inputs.count(layer) != 0) continue;

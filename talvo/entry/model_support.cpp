@@ -36,6 +36,7 @@ std::size_t Distance(std::string const& from, std::string const& to) {
 
 std::shared_ptr<TLModelCfg> ConfigOf(runtime::TLModelMultiBackendCfgs const& configs, std::string const& backend) {
   if (backend == "x86") return configs.cpu_sse;
+  // Every package has an object for each back end; a text or a list of layers tells that somebody filled it.
   if (backend == "metal") {
     return configs.gpu_metal != nullptr && !configs.gpu_metal->summary.empty() ? configs.gpu_metal : nullptr;
   }
@@ -51,6 +52,7 @@ std::string RefusalText(std::exception const& refusal) {
   if (dynamic_cast<std::bad_alloc const*>(&refusal) != nullptr) return "there is not enough memory";
   std::string text = refusal.what();
   text.erase(text.find_last_not_of('\n') + 1);
+  // The library's own refusals begin with the tag of the log.
   auto const tag = text.find("]: ");
   if (!text.empty() && text[0] == '[' && tag != std::string::npos) text.erase(0, tag + 3);
   return text;
@@ -66,6 +68,7 @@ std::vector<std::string> NearestNames(std::string const& name, std::vector<std::
   std::vector<std::pair<std::size_t, std::string>> near;
   for (std::string& candidate : candidates) {
     std::size_t const distance = Distance(name, candidate);
+    // More than half of the letters changed is another word and no slip.
     if (2 * distance <= candidate.size()) near.emplace_back(distance, std::move(candidate));
   }
   std::sort(near.begin(), near.end());

@@ -142,6 +142,7 @@ void ImageProcessFallback::CHW2HWC(TensorPtr& src, TensorPtr& dst, ContextPtr) {
 void ImageProcessFallback::Convert8U_To_32F(TensorPtr& source, TensorPtr& destination, ContextPtr) {
   Argument const src("Convert8U_To_32F", "src", source), dst("Convert8U_To_32F", "dst", destination);
   Validate(src.shape().data_type == TensorShape::UINT8);
+  // Rank first: Extent refuses an axis that is not there, before memory is asked for.
   std::size_t const last = src.Extent(2), count = Volume(src.Extent(0), src.Extent(1), last);
   WidenRow(src.Memory(count), count, dst.Memory<float>(count));
 }
@@ -170,6 +171,8 @@ void ToPlanes(char const* function, TensorPtr const& i_img, TensorPtr const& o_i
 struct Weights {
   double first, second, third;
 };
+// Rec. ITU-R BT.601, for the bytes as they lie. The forms of three bytes weigh the first as red and those of four as
+// blue, whatever their name says: the results are the interface's.
 constexpr Weights kWeights3 = {0.299, 0.587, 0.114};
 constexpr Weights kWeights4 = {0.114, 0.587, 0.299};
 

@@ -37,6 +37,7 @@ void CropPixels(char const* operation, TensorPtr const& source, TensorPtr const&
   std::int64_t const top = PixelOfShare(operation, top_share, lines);
   std::int64_t const right = PixelOfShare(operation, right_share, columns);
   std::int64_t const bottom = PixelOfShare(operation, bottom_share, lines);
+  // 64 bits: the sums of positions, which are ints, do not fit an int.
   std::int64_t const x0 = std::max<std::int64_t>(left, 0), x1 = std::min(w - 1, right);
   std::int64_t const y0 = std::max<std::int64_t>(top, 0), y1 = std::min(h - 1, bottom);
   if (x0 > x1 || y0 > y1) return;

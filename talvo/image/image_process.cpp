@@ -15,6 +15,7 @@ struct Entry {
   void (ImageProcess::*operation)(Image&, Image&, Extra..., ContextPtr);
 };
 
+// Codes are the interface's; one that stands in no table does nothing.
 constexpr Entry<> kOperations[] = {
     {1, &ImageProcess::ConvertRGBAtoRGB},
     {3, &ImageProcess::ConvertRGBAtoBGR},

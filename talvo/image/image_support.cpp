@@ -63,6 +63,7 @@ std::size_t Volume(std::size_t a, std::size_t b, std::size_t c, std::size_t d) {
 
 std::int64_t PixelOfShare(char const* function, float share, std::size_t extent) {
   float const pixel = share * static_cast<float>(extent);
+  // The negated form refuses NaN too.
   if (!(pixel >= -2147483648.0f && pixel < 2147483648.0f)) {
     Refuse("%s: share %g of %zu pixels is no int", function, static_cast<double>(share), extent);
   }

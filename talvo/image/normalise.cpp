@@ -156,6 +156,7 @@ void F_Normalize_CHW_F32_Arm(TensorPtr const& i_img, TensorPtr const& i_sub, Ten
 void Normalize_CHW_Float_Fallback(TensorPtr& source, TensorPtr& destination, float const* mul, float const* sub) {
   Argument const src(__func__, "src", source), dst(__func__, "dst", destination);
   Validate(src.shape().layout == TensorShape::CHW);
+  // dst stays as it is: nothing is asked of the values, not even a copy.
   if (mul == nullptr && sub == nullptr) return;
   std::size_t const channels = src.Extent(0), plane = src.Pixels(1);
   std::size_t const count = Volume(channels, plane);

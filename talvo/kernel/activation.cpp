@@ -73,6 +73,7 @@ struct LeakyOperation : InvertedForm {
   static constexpr char const* kName = "Leaky_Fallback_Float_M1";
 
   bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) {
+    // The inverted judgement let any layer through: the class is asked for here.
     auto const* const info = dynamic_cast<ActivationInfo const*>(layer.get());
     if (info == nullptr) return false;
     alpha = info->activation_alpha;
@@ -127,6 +128,7 @@ struct PReluOperation : InvertedForm {
   int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const&) const {
     std::shared_ptr<runtime::Tensor> inout = support::Input(kernel, inputs, 0);
     functional::PReLU_F32(inout, slope);
+    // In place: the result is the input's own tensor. The caller may pass one list as both.
     if (&outputs != &inputs) outputs = inputs;
     return 0;
   }
@@ -187,6 +189,7 @@ struct PReluChannelOperation : StrictForm {
     support::NeedsConfig(kernel);
     auto const x = support::Input({kName, layer_id}, inputs, 0, 3);
     auto const& dims = x->shape.dims;
+    // More slopes than channels do no harm.
     if (dims[0] > slopes->shape.dims[0]) {
       utility::Refuse("%s of layer %s: input 0 has dims %s, there are %u slopes", kName, layer_id.c_str(),
                       runtime::DimsText(dims).c_str(), slopes->shape.dims[0]);

@@ -183,6 +183,7 @@ struct BroadcastOperation : support::Strict<runtime::BroadcastOperatorInfo> {
                DimsText(b_dims).c_str());
       }
       auto const axes = BroadcastAxes(Extended(a_dims, dims.size()), Extended(b_dims, dims.size()), dims);
+      // An unknown operation answers as an empty std::function does, and only where there is something to combine.
       if (layer->op_type >= kOperationCount) throw std::bad_function_call();
       Combine(static_cast<rows::Operation>(layer->op_type), axes.data(), axes.size(), a->Data<float>(),
               b->Data<float>(), y->Data<float>());

@@ -137,6 +137,7 @@ void CopyWindow(TensorCPU const& from, unsigned int from_y, unsigned int from_x,
 Pointer PadZeros(char const* function, Pointer const& input, Borders borders, unsigned int block,
                  DevicePointer const& device) {
   RequireTensor(function, "input", input);
+  // The tensor itself, whatever its type and rank: nothing is read.
   if (borders.l == 0 && borders.r == 0 && borders.t == 0 && borders.b == 0) return input;
   std::size_t const group_bytes = GroupBytes(function, *input, block);
   auto const& dims = input->shape.dims;
@@ -248,6 +249,7 @@ Pointer Cut_HW_MainMemory_CHW_Float_M1(Pointer input, unsigned int l, unsigned i
 
 int ADDBias_MainMemory_CHW_Float_Fallback_M1(Pointer inout, Pointer bias) {
   if (!AcceptsBias(__func__, inout, TensorShape::CHW, 3, bias)) return -2;
+  // The interface names an assertion of the platform; the kernels count the bias before they come here.
   TALVO_INVARIANT(bias->shape.dims[0] * bias->shape.dims[1] == inout->shape.dims[0]);
   std::size_t const elements = ChannelElements(*inout);
   float* row = inout->Data<float>();

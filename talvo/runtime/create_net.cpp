@@ -132,6 +132,7 @@ class Builder {
   std::shared_ptr<Net> Build() {
     CheckRepetitions(model_.squential_ids, "layers", nullptr);
     for (std::size_t i = 0; i < model_.squential_ids.size(); ++i) {
+      // All ids first: a layer that reads a later one is then refused by its place, and not taken for an unknown id.
       index_of_[model_.squential_ids[i]] = static_cast<unsigned int>(i);
     }
     for (std::size_t i = 0; i < model_.squential_ids.size(); ++i) AddLayer(model_.squential_ids[i], i);
@@ -148,8 +149,11 @@ class Builder {
     auto layer = std::make_shared<Layer>();
     layer->type = TypeName(info->type);
     if (Config::IsInput(*info, layer->type)) input_ids_[id] = static_cast<unsigned int>(index);
+    // Kernels are made in the order in which they run, which the lines of the log show.
     layer->input_converters = MakeConverters(id, config.input_converters);
     layer->kernel = MakeKernel(id, config.kernel, info);
+    // Converters, and all kernels of the light configuration, may stay empty: the walk refuses them when it comes to
+    // them.
     if (Config::kNeedsMainKernel && layer->kernel == nullptr) Refuse(nullptr);
     layer->output_converters = MakeConverters(id, config.output_converters);
     Wire(*layer, *info, index);

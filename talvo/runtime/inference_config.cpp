@@ -105,6 +105,7 @@ void KernelInferenceConfig::VisitAttr(std::shared_ptr<Visitor> visitor) {
   visitor->Visit(&kernel_type, "kernel_type");
   visitor->Visit(&infer_param_type, "infer_param_type");
   if (infer_param_type.empty()) return;
+  // A writer has its parameters, a reader makes them of the type that was just read.
   if (infer_param == nullptr && infer_param_registry != nullptr)
     infer_param = infer_param_registry->Create(infer_param_type);
   if (infer_param == nullptr)
@@ -134,6 +135,7 @@ std::shared_ptr<InferenceConfig> CreateConfigFromJSON(std::string const& json, P
   return config;
 }
 
+// No generator for another back end stands here: applications that ask get none.
 std::shared_ptr<InferenceConfig> CreateCfg(std::shared_ptr<TLModelInfo> const&,
                                            ClassRegistry<std::shared_ptr<IKernel>> const&, char const*) {
   return nullptr;

@@ -143,6 +143,8 @@ void FILEReader::GetElements(Container* target, char const* type_name) {
   bool known;
   Require(EnoughLeft(count, sizeof(Element), &known), type_name);
   target->clear();
+  // A pipe does not tell its length: memory doubles with what really came, and a count that lies costs no more than it
+  // sent.
   for (std::size_t done = 0; done < count;) {
     unsigned long long const piece = std::max(done, kTrustedBytes / sizeof(Element));
     std::size_t const step = static_cast<std::size_t>(known ? count : std::min(count - done, piece));

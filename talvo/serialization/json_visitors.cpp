@@ -325,6 +325,7 @@ void JSONNodeGetter::Take(char* text, char const* key) {
 
 void JSONNodeGetter::Take(Serializable* record, char const* key) {
   Value const& value = Find(key);
+  // A record that stands as null keeps what its constructor gave.
   if (value.IsNull()) return;
   if (!value.IsObject() && !value.IsArray()) utility::Refuse("Created node is a unkown value.");
   auto const nested = std::make_shared<JSONNodeGetter>(value, _serialization_protocol_version, Joined(path_, key));

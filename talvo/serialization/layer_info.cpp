@@ -15,6 +15,7 @@ LayerInfo::LayerInfo(unsigned short type_number, char const* class_name) : type(
 
 void LayerInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
   Serializable::VisitAttr(visitor);
+  // Files from before the field existed go on without it: the list of types in the model tells the type again.
   try {
     TALVO_VISIT_FIELD(type);
   } catch (std::exception const&) {

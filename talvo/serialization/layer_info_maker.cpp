@@ -21,6 +21,8 @@ std::shared_ptr<LayerInfo> Make() {
   return std::make_shared<Info>();
 }
 
+// Two factories whose lists differ: one goes by the numbers in a model, one by the class name of a record that stands
+// alone.
 enum Use : unsigned int { kInModel = 1, kAlone = 2, kBoth = 3 };
 
 struct Maker {
@@ -93,6 +95,7 @@ std::shared_ptr<LayerInfo> LayerInfoFactory(std::string const& json) {
   support::JSONText const text(json);
   if (!text.Root().IsObject()) utility::Refuse(nullptr);
   std::string class_name;
+  // The version of the text does not matter for its class: given, it is not looked for.
   JSONNodeGetter(text.Root(), __SERIALIZATION_PROTOCOL_VERSION__).Visit(&class_name, "serializable_type");
   std::shared_ptr<LayerInfo> const layer = support::MakeLayerInfo(class_name);
   support::ReadRecord(text, layer.get(), nullptr);

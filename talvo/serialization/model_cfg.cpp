@@ -10,6 +10,8 @@ namespace talvo::runtime {
 void KernelCfg::VisitAttr(std::shared_ptr<Visitor> visitor) {
   TALVO_VISIT_FIELD(kernel_type);
   TALVO_VISIT_FIELD(infer_param_type);
+  // A type that is unknown or empty makes none; then there is nothing to visit, and what the text holds under
+  // "infer_param" is passed over.
   if (infer_param == nullptr) infer_param = CreateInferenceParamPtr(infer_param_type.c_str());
   if (infer_param != nullptr) visitor->Visit(infer_param.get(), "infer_param");
 }
@@ -32,6 +34,7 @@ void LayerCfg::VisitAttr(std::shared_ptr<Visitor> visitor) {
 
 void TLModelCfg::VisitAttr(std::shared_ptr<Visitor> visitor) {
   TALVO_VISIT_FIELD(summary);
+  // What one entry of the table makes at once: the limit on null records is charged with it.
   constexpr std::size_t kLayerBytes = sizeof(LayerCfg) + 2 * sizeof(KernelCfgArr) + sizeof(KernelCfg);
   support::VisitTable(visitor, squential_ids, "squential_ids", layers, kLayerBytes);
 }
@@ -54,6 +57,7 @@ void TLModelMultiBackendCfgs::VisitAttr(std::shared_ptr<Visitor> visitor) {
   visitor->Visit(gpu_opengl.get(), "gpu_opengl");
   visitor->Visit(gpu_metal.get(), "gpu_metal");
   visitor->Visit(gpu_cuda.get(), "gpu_cuda");
+  // Behind the others, though it is a CPU too: the binary stream has no keys, and what came later stands later.
   if (visitor->_serialization_protocol_version >= 20008) visitor->Visit(cpu_armv82.get(), "cpu_armv82");
 }
 

@@ -72,6 +72,7 @@ void NetExtraInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
   TALVO_VISIT_FIELD(model_id);
   TALVO_VISIT_FIELD(model_base_h);
   TALVO_VISIT_FIELD(model_base_w);
+  // Old streams hold 32 bits, which must be read and written at their width. What is written is the temporary: 0.
   if (visitor->_serialization_protocol_version <= 20006) {
     unsigned int fmlas_32_bit = 0;
     visitor->Visit(&fmlas_32_bit, "fmlas");
@@ -99,6 +100,7 @@ void TLModelInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
   TALVO_VISIT_FIELD(extra_info);
   TALVO_VISIT_FIELD(squential_ids);
   TALVO_VISIT_FIELD(squential_types);
+  // Before the first record is made: both lists come from the file, and each entry costs a record.
   RequireTypes(*this);
   support::AssertFewRepeats(squential_ids);
   for (std::size_t i = 0; i < squential_ids.size(); ++i)
@@ -119,6 +121,7 @@ std::vector<std::string> TLModelInfo::GetOutputIDs() {
     if (layer == nullptr) utility::Refuse("model: layer \"%s\" has no record", id.c_str());
     layer->read_count = 0;
   }
+  // An id that no layer has ends here with std::out_of_range: there is nothing to count.
   for (auto const& entry : layers) {
     for (std::string const& id : entry.second->input_ids) ++layers.at(id)->read_count;
   }

@@ -33,6 +33,8 @@ std::string PrettyText(Serializable* record) {
 void WriteJSON(Serializable* record, char const* path) {
   std::string const text = PrettyText(record);
   std::ofstream stream(path, std::ios::binary);
+  // The interface's own: a path that cannot be opened is passed over in silence. The text stands already, so that a
+  // number that JSON cannot hold leaves an old file as it was.
   if (!stream.is_open()) return;
   stream.write(text.data(), static_cast<std::streamsize>(text.size()));
   if (!stream.flush().good()) Refuse("failed to write the file %s: %zu bytes", path, text.size());
@@ -52,6 +54,7 @@ void WriteBinary(Serializable* record, char const* path) {
   Stream const stream(std::fopen(path, "wb+"));
   if (stream == nullptr) Refuse("cannot open the file %s for writing", path);
   record->VisitAttr(std::make_shared<FILEWriter>(stream.get(), true));
+  // A full disk shows when the buffer is written, and nobody looks at what fclose says.
   if (std::fflush(stream.get()) != 0)
     Refuse("failed to write the file %s, error code is %d.\n", path, std::ferror(stream.get()));
 }

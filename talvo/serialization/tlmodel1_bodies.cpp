@@ -105,6 +105,7 @@ void ReadBody(BodyReader& body, QZLayerInfo_Conv2D& layer) {
   ReadWindow(body, layer);
   ReadDilation(body, layer);
   ReadBiasAndActivation(body, layer);
+  // The first version had no groups; ten values behind them are reserved.
   if (body.Version() > 10000) {
     layer.groups = body.Next();
     body.Skip(10);

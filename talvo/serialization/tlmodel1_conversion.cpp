@@ -32,6 +32,7 @@ void RequireKnown(bool known) {
 }
 
 unsigned short ActivationType(unsigned short kind) {
+  // By the old kind. Kind 7 has no counterpart.
   constexpr unsigned short kNone = 65535, kTypes[] = {0, 1, 2, 5, 6, 7, 4, kNone, 3};
   unsigned short const type = kind < std::size(kTypes) ? kTypes[kind] : kNone;
   RequireKnown(type != kNone);
@@ -116,6 +117,7 @@ LayerPtr Convert(QZLayerInfo_PixelShuffle const& layer) {
 
 // The file does not say which way the output height was rounded: if rounding up gives that height, it was up.
 bool CeilMode(QZLayerInfo_Pooling const& layer, unsigned int base_height) {
+  // Extents are shares of the base height, kept as halves: only the rounded product is a number of rows.
   float const base = static_cast<float>(base_height);
   float const in_h = std::round(layer.input_shapes[0].height * base);
   float const out_h = std::round(layer.output_shapes[0].height * base);
@@ -276,6 +278,7 @@ void FillExtraInfo(QZExInfo const& header, NetExtraInfo& info) {
   info.model_base_h = header.BaseHeight();
   info.model_base_w = header.BaseWidth();
   info.fmlas = 0;
+  // The header has no date; this one is the interface's, so that a conversion repeated gives the same bytes.
   info.time.year = 2019;
   info.time.moon = 5;
   info.time.day = 28;
@@ -302,6 +305,8 @@ void AddLayer(QZLayerInfo const& layer, unsigned short readers, QZExInfo const& 
   unsigned short const fused = FusedKind(layer);
   if (fused == 0) return Enter(record, name, std::move(inputs), readers, model);
   LayerPtr const activation = FusedActivation(fused);
+  // The layer takes the new name: whoever reads it goes on under the old one and gets the activated
+  // result.
   model.squential_ids.back() = name + "!";
   model.squential_ids.push_back(name);
   Enter(record, name + "!", std::move(inputs), 1, model);

@@ -22,6 +22,8 @@ void ReadWeightBlob(FILEReader& reader, std::string& text) {
   unsigned long long const count = reader.GetCount();
   bool known;
   reader.Require(reader.EnoughLeft(count, sizeof(half), &known), typeid(half).name());
+  // The record keeps weights as base64 of floats, the stream as halves: they are turned piece by piece, so that no
+  // third copy of all of them stands in memory.
   std::string result;
   if (known) result.reserve((static_cast<std::size_t>(count) * sizeof(float) + 2) / 3 * 4);
   std::vector<half> halves(std::min<unsigned long long>(count, kPiece));

@@ -26,6 +26,7 @@ struct PermuteOperation : support::Strict<runtime::TensorTransposeInfo> {
     auto const& entries = support::As<runtime::TensorTransposeInfo>(kName, layer).axes;
     layer_id = layer->id;
     axes.clear();
+    // Entry 0 is the batch, which tensors do not have; the axes behind it count from 1.
     for (std::size_t i = 1; i < entries.size(); ++i) {
       if (entries[i] == 0) {
         Refuse("%s: entry %zu of %zu axes is 0, the batch axis, which stands in front only", Who().Text().c_str(), i,
@@ -71,6 +72,7 @@ struct PermuteOperation : support::Strict<runtime::TensorTransposeInfo> {
     support::NeedsConfig(kernel);
     auto const input = inputs.empty() ? nullptr : std::dynamic_pointer_cast<runtime::TensorCPU>(inputs[0]);
     if (input == nullptr) support::RefuseTensor(Who(), "input 0", nullptr, {});
+    // A null output is refused below, by name; one without memory in the words of the form on bare memory.
     Check(*input, outputs.empty() || outputs[0] == nullptr || outputs[0]->data != nullptr);
     if (outputs.empty()) {
       support::Device(Who(), context);

@@ -127,6 +127,7 @@ struct GeneralReshape : support::Strict<TensorReshapeInfo> {
     if (info == nullptr) return false;
     layer_id = info->id;
     for (int const entry : info->new_shape) {
+      // A second unknown ends the list and refuses the layer; GetOutputShapes goes on with what stood before it.
       if (entry == kUnknown && has_unknown) {
         good = false;
         break;
@@ -164,6 +165,7 @@ struct GeneralReshape : support::Strict<TensorReshapeInfo> {
   int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
     support::NeedsConfig(kernel);
     TensorPtr const input = support::Input(Who(), inputs, 0, support::kAnyRank, 1);
+    // A shorter output is served from the front; a longer one would read behind the input.
     unsigned int const bytes = runtime::ByteCount(input->shape);
     if (outputs.empty()) {
       TensorShape const shape = support::ShapeAt(Who(), kernel.GetOutputShapes({input->shape}), 0);
@@ -172,6 +174,7 @@ struct GeneralReshape : support::Strict<TensorReshapeInfo> {
       return 0;
     }
     TensorPtr const output = support::GivenOutput(Who(), outputs, bytes);
+    // The caller may give the input's own memory: a reshape in place moves nothing.
     if (bytes != 0) std::memmove(output->data, input->data, bytes);
     return 0;
   }

@@ -273,6 +273,7 @@ TensorPtr Function_Tensor_C4HW4_Image2D_To_CHW_Fallback(TensorPtr input, int wid
   Dims const& dims = input->shape.dims;
   CheckLanes(kC4HW4, dims);
   auto const rows = static_cast<unsigned int>(height), columns = static_cast<unsigned int>(width);
+  // An image lower than one block gives no blocks: nothing is read, and any width will do.
   bool const told = height >= 1 && width >= 0, reads = told && rows <= dims[1];
   if (!told || (reads && (dims[0] == 0 || columns > dims[2]))) {
     Refuse("C4HW4 image of dims %s: blocks of %d rows and %d columns do not fit", DimsText(dims).c_str(), height,
@@ -378,6 +379,7 @@ TensorPtr Function_Tensor_GNCHW_Concat_Value(TensorPtr input, float value, Devic
   TensorPtr output = NewLike(input, padded, TensorShape::GNCHW, device);
   std::size_t const plane_bytes = std::size_t{dims[3]} * dims[4] * ElementSize(input->shape.data_type);
   std::size_t const read_bytes = dims[2] * plane_bytes, row_bytes = padded[2] * plane_bytes;
+  // A byte for elements of any size: 1.0f becomes the float of four bytes 0x01.
   int const fill = rows::Saturated<int>(value) & 0xFF;
   auto const* from = input->Data<unsigned char>();
   auto* to = output->Data<unsigned char>();
@@ -409,6 +411,7 @@ std::vector<half_float::half> Function_HalfArray_GNCHW_To_GN4C4HW4c4n_Fallback(s
 std::vector<float> Function_FloatArray_GNCHW_To_GC4N4HW4c4n_Fallback(std::vector<float> values, unsigned int G,
                                                                      unsigned int N, unsigned int C, unsigned int H,
                                                                      unsigned int W, DevicePtr device) {
+  // The name says GC4N4; the packing is that of GN4C4.
   return PackArray(values, {G, N, C, H, W}, true, Function_Tensor_GNCHW_To_GN4C4HW4c4n_Fallback, device);
 }
 

@@ -74,6 +74,7 @@ std::size_t support::DecodeBase64(std::string_view text, void* bytes, std::size_
   auto* to = static_cast<char*>(bytes);
   for (; end - at >= 4 && room_bytes >= 3; at += 4, to += 3, room_bytes -= 3) {
     std::uint32_t const group = Group(at, 4);
+    // One test for four characters; which of them it was is found once, below.
     if ((group & kNoValue) != 0) break;
     StoreGroup(group, 3, to);
   }

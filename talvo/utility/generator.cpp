@@ -22,6 +22,7 @@ std::vector<float> GenerateNormalDistribution_float(float low, float high, unsig
   std::random_device seed("/dev/urandom");
   std::minstd_rand random(seed());  // multiplier 48271, modulus 2^31 - 1, a state of 0 becomes 1
   std::vector<float> values(count);
+  // Uniform, whatever the name says; draws are 1 to 2^31 - 2.
   for (float& value : values) value = static_cast<float>(random() - 1) * kUnit * (high - low) + low;
   return values;
 }

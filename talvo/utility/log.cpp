@@ -21,6 +21,7 @@ int DefaultLogSink(char const* line) {
 std::string log_tag = "TLN";
 int (*log_sink)(char const*) = DefaultLogSink;
 unsigned int level_mask = 30;
+// Each thread's own: the interface returns the last text formatted, and no lock stands between threads.
 thread_local char message_buffer[2048];  // Log, Assert and StringFormat
 
 void WriteToSink(std::string const& line) {

@@ -8,6 +8,7 @@ namespace talvo::utility {
 
 void TimeMetrics::clear() {
   min = std::numeric_limits<float>::max();
+  // The least positive float, where the lowest may be expected: samples of 0 do not raise it.
   max = std::numeric_limits<float>::min();
   total = 0.0;
   count = 0;

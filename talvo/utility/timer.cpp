@@ -7,6 +7,7 @@
 namespace talvo::utility {
 
 double getTickCount() {
+  // Wall-clock time: it may jump when the clock is set.
   timeval now = {};
   gettimeofday(&now, nullptr);
   return static_cast<double>(now.tv_usec) + static_cast<double>(now.tv_sec) * 1e6;

@@ -19,6 +19,7 @@ struct InPlace {
 InPlace ValuesOf(char const* who, runtime::Tensor const* tensor) {
   if (tensor == nullptr) support::RefuseTensor(who, "the tensor", tensor, {});
   unsigned int const count = runtime::ElementCount(tensor->shape.dims);
+  // Their count is an int in the interface: one above that is negative there, and nothing is done.
   if (count == 0 || count > static_cast<unsigned int>(std::numeric_limits<int>::max())) return {nullptr, 0};
   support::CheckTensor(who, "the tensor", tensor, {});
   return {static_cast<float*>(tensor->data), count};

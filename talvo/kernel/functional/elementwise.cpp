@@ -90,6 +90,8 @@ void Function_TensorTensorArithmetic_Sum_Fallback_Float_M1(float const* in, floa
     return;
   }
   std::vector<float> sums;
+  // From the last of the list on, each time from the array that the one before left: the caller's list is used up, and
+  // the order of the sums is its order.
   for (; !axes.empty(); axes.pop_back()) {
     sums = SumAxis(sums.empty() ? in : sums.data(), dims, static_cast<std::size_t>(axes.back()));
     dims.erase(dims.begin() + axes.back());

@@ -36,6 +36,7 @@ template <typename Q, class Row>
 TensorPtr Quantise(char const* name, TensorPtr const& input, short step, unsigned int data_type, Row const& row,
                    DevicePtr const& device) {
   TensorPtr output = NewConverted(name, input, sizeof(float), data_type, step, device);
+  // Q has 8 or 16 bits: a float holds its bounds exactly.
   constexpr float kLow = std::numeric_limits<Q>::min(), kHigh = std::numeric_limits<Q>::max();
   row(input->Data<float>(), PowerOf(step), kLow, kHigh, runtime::ElementCount(output->shape.dims),
       output->template Data<Q>());
