@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "talvo/kernel/functional/pooling_support.h"
+#include "talvo/kernel/rows/convolution_tile.h"
 #include "talvo/kernel/rows/phase_plane.h"
 #include "talvo/kernel/rows/pooling_rows.h"
 #include "talvo/kernel/rows/saturate.h"
@@ -309,7 +310,9 @@ void adaptive_average_pool_f32(float const* x, PoolingShape const& shape, float*
     std::size_t const available = (shape.channels - c) * plane;
     bool const many = mixes && available >= (rows::kChannelsTogether - 1) * plane + reached;
     together = many ? rows::kChannelsTogether : 1;
-    if (many) rows::MixChannels(planes, plane, reached, scratch);
+    if (many) {
+      rows::TransposeRows(planes, plane, rows::kChannelsTogether, reached, scratch, rows::kChannelsTogether);
+    }
     float* out = y;
     for (std::size_t row = 0; row < shape.out_height; ++row) {
       Region const r = RegionOf(shape.height, shape.out_height, row);
