@@ -8,6 +8,7 @@
 
 #include "talvo/kernel/rows/convolution_tile.h"
 #include "talvo/kernel/rows/mixed_channels.h"
+#include "talvo/kernel/rows/samples.h"
 #include "talvo/utility/refuse_support.h"
 #include "talvo/utility/restrict_support.h"
 
@@ -117,15 +118,32 @@ void BlendColumns(T const* TALVO_RESTRICT x, std::size_t plane, std::vector<Posi
   }
 }
 
-void BlendRows(float const* top, float const* low, Position const& row, std::size_t n, float* y) {
-  rows::BlendRows(top, low, row.weight, row.rest, n, y);
+// Planes that lie side by side, and how many source columns each output column may bring with it into scratch.
+constexpr std::size_t kMixed = rows::kChannelsTogether, kMostColumns = 4;
+
+// The same for kMixed planes. `mixed` holds n results and what is read of the source row, both side by side.
+void BlendMixedColumns(float const* x, std::size_t plane, std::vector<Position> const& positions, float* mixed,
+                       float* y) {
+  std::size_t const n = positions.size(), read = positions.back().high + 1;
+  float* const source = mixed + kMixed * n;
+  rows::TransposeRows(x, plane, kMixed, read, source, kMixed);
+  rows::BlendTwoPixels(source, positions.data(), n, mixed);
+  rows::TransposeRows(mixed, kMixed, n, kMixed, y, n);
+}
+
+// y[p y_step + j] = low[p n + j] weight + top[p n + j] rest for p < planes, j < n.
+void BlendRows(float const* top, float const* low, Position const& row, std::size_t planes, std::size_t n, float* y,
+               std::size_t y_step) {
+  rows::BlendRows(top, low, row.weight, row.rest, planes, n, y, y_step);
 }
 
 // Results are cut toward zero.
-void BlendRows(float const* TALVO_RESTRICT top, float const* TALVO_RESTRICT low, Position const& row, std::size_t n,
-               std::int16_t* TALVO_RESTRICT y) {
+void BlendRows(float const* TALVO_RESTRICT top, float const* TALVO_RESTRICT low, Position const& row,
+               std::size_t planes, std::size_t n, std::int16_t* TALVO_RESTRICT y, std::size_t y_step) {
   float const weight = row.weight, rest = row.rest;
-  for (std::size_t j = 0; j < n; ++j) y[j] = static_cast<std::int16_t>(low[j] * weight + top[j] * rest);
+  for (std::size_t p = 0; p < planes; ++p, top += n, low += n, y += y_step) {
+    for (std::size_t j = 0; j < n; ++j) y[j] = static_cast<std::int16_t>(low[j] * weight + top[j] * rest);
+  }
 }
 
 // Source rows with their columns blended: the two last used ones are kept, since neighbouring output rows lie between
@@ -159,42 +177,16 @@ struct UpsampleBlock {
   std::size_t out_width, out_plane;
 };
 
-// kPlanes planes from x on, y being those of the block.
-template <std::size_t kPlanes, typename T>
-void UpsamplePlanes(T const* x, ImageSize const& size, UpsampleBlock const& block, float* scratch, T* y) {
+// `planes` planes; blend(row, to) as BlendColumns of a source row.
+template <typename T, class Blend>
+void UpsamplePlanes(std::size_t planes, Blend const& blend, UpsampleBlock const& block, float* scratch, T* y) {
   std::size_t const n = block.columns.size();
-  auto const blend = [&](std::size_t row, float* to) {
-    BlendColumns<kPlanes>(x + row * size.width, size.height * size.width, block.columns, to);
-  };
-  BlendedRows blended(blend, scratch, scratch + kPlanes * n);
-  for (std::size_t i = 0; i < block.rows.size(); ++i) {
-    Position const& row = block.rows[i];
+  BlendedRows<Blend> blended(blend, scratch, scratch + planes * n);
+  for (Position const& row : block.rows) {
     float const* const top = blended.Row(row.low, row.high);
     float const* const low = blended.Row(row.high, row.low);
-    for (std::size_t p = 0; p < kPlanes; ++p)
-      BlendRows(top + p * n, low + p * n, row, n, y + p * block.out_plane + i * block.out_width);
-  }
-}
-
-// Planes that lie side by side, and how many source columns each output column may bring with it into scratch.
-constexpr std::size_t kMixed = rows::kChannelsTogether, kMostColumns = 4;
-
-// kMixed planes from x on.
-void UpsampleMixed(float const* x, ImageSize const& size, UpsampleBlock const& block, float* scratch, float* y) {
-  std::size_t const n = block.columns.size(), read = block.columns.back().high + 1;
-  float* const results = scratch + 2 * kMixed * n;
-  float* const mixed = scratch + 3 * kMixed * n;
-  auto const blend = [&](std::size_t row, float* to) {
-    rows::TransposeRows(x + row * size.width, size.height * size.width, kMixed, read, mixed, kMixed);
-    rows::BlendTwoPixels(mixed, block.columns.data(), n, to);
-  };
-  BlendedRows blended(blend, scratch, scratch + kMixed * n);
-  for (std::size_t i = 0; i < block.rows.size(); ++i) {
-    Position const& row = block.rows[i];
-    float const* const top = blended.Row(row.low, row.high);
-    float const* const low = blended.Row(row.high, row.low);
-    BlendRows(top, low, row, kMixed * n, results);
-    rows::TransposeRows(results, kMixed, n, kMixed, y + i * block.out_width, block.out_plane);
+    BlendRows(top, low, row, planes, n, y, block.out_plane);
+    y += block.out_width;
   }
 }
 
@@ -202,18 +194,26 @@ void UpsampleMixed(float const* x, ImageSize const& size, UpsampleBlock const& b
 template <typename T>
 std::size_t UpsampleSome(T const* x, ImageSize const& size, std::size_t channels, UpsampleBlock const& block,
                          float* scratch, T* y) {
+  std::size_t const width = size.width, plane = size.height * width;
+  auto const& columns = block.columns;
   if constexpr (std::is_same_v<T, float>) {
-    if (channels >= kMixed && block.columns.back().high < kMostColumns * block.columns.size()) {
-      UpsampleMixed(x, size, block, scratch, y);
+    if (channels >= kMixed && columns.back().high < kMostColumns * columns.size()) {
+      float* const mixed = scratch + 2 * kMixed * columns.size();
+      auto const blend = [&](std::size_t row, float* to) {
+        BlendMixedColumns(x + row * width, plane, columns, mixed, to);
+      };
+      UpsamplePlanes(kMixed, blend, block, scratch, y);
       return kMixed;
     }
   }
-  constexpr std::size_t kPlanes = 4;
-  if (channels >= kPlanes) {
-    UpsamplePlanes<kPlanes>(x, size, block, scratch, y);
-    return kPlanes;
+  constexpr std::size_t kFew = 4;
+  if (channels >= kFew) {
+    auto const blend = [&](std::size_t row, float* to) { BlendColumns<kFew>(x + row * width, plane, columns, to); };
+    UpsamplePlanes(kFew, blend, block, scratch, y);
+    return kFew;
   }
-  UpsamplePlanes<1>(x, size, block, scratch, y);
+  auto const blend = [&](std::size_t row, float* to) { BlendColumns<1>(x + row * width, plane, columns, to); };
+  UpsamplePlanes(1, blend, block, scratch, y);
   return 1;
 }
 

@@ -1,7 +1,6 @@
 #include "talvo/kernel/rows/mixed_channels.h"
 
 #include "talvo/kernel/rows/vectors.h"
-#include "talvo/utility/restrict_support.h"
 
 namespace talvo::kernel::rows {
 namespace {
@@ -51,19 +50,10 @@ struct PixelsBody {
   }
 };
 
-struct BlendRowsBody {
-  template <class Set>
-  static TALVO_ROWS_INLINE void Run(float const* TALVO_RESTRICT top, float const* TALVO_RESTRICT low,
-                                    float const weight, float const rest, std::size_t n, float* TALVO_RESTRICT y) {
-    for (std::size_t i = 0; i < n; ++i) y[i] = low[i] * weight + top[i] * rest;
-  }
-};
-
 }  // namespace
 
 Primitive<void(float const*, std::uint32_t const*, std::size_t, float*)> const TakePixels{PixelsBody<std::uint32_t>()};
 Primitive<void(float const*, TwoPixels const*, std::size_t, float*)> const BlendTwoPixels{PixelsBody<TwoPixels>()};
 Primitive<void(float const*, FourPixels const*, std::size_t, float*)> const BlendFourPixels{PixelsBody<FourPixels>()};
-Primitive<void(float const*, float const*, float, float, std::size_t, float*)> const BlendRows{BlendRowsBody()};
 
 }  // namespace talvo::kernel::rows

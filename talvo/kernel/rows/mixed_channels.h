@@ -29,8 +29,4 @@ extern Primitive<void(float const* mixed, std::uint32_t const* places, std::size
 extern Primitive<void(float const* mixed, TwoPixels const* places, std::size_t n, float* y)> const BlendTwoPixels;
 extern Primitive<void(float const* mixed, FourPixels const* places, std::size_t n, float* y)> const BlendFourPixels;
 
-/// y[i] = low[i] weight + top[i] rest for i < n, mixed or not. No overlap.
-extern Primitive<void(float const* top, float const* low, float weight, float rest, std::size_t n, float* y)> const
-    BlendRows;
-
 }  // namespace talvo::kernel::rows
