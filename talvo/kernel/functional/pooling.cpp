@@ -5,11 +5,11 @@
 #include <vector>
 
 #include "talvo/kernel/functional/pooling_support.h"
-#include "talvo/kernel/rows/convolution_tile.h"
 #include "talvo/kernel/rows/elementwise_rows.h"
 #include "talvo/kernel/rows/phase_plane.h"
 #include "talvo/kernel/rows/pooling_rows.h"
 #include "talvo/kernel/rows/saturate.h"
+#include "talvo/kernel/rows/transpose.h"
 
 namespace talvo::kernel::functional {
 namespace {

@@ -6,9 +6,9 @@
 #include <type_traits>
 #include <vector>
 
-#include "talvo/kernel/rows/convolution_tile.h"
 #include "talvo/kernel/rows/mixed_channels.h"
 #include "talvo/kernel/rows/samples.h"
+#include "talvo/kernel/rows/transpose.h"
 #include "talvo/utility/refuse_support.h"
 #include "talvo/utility/restrict_support.h"
 

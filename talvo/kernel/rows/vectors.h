@@ -118,28 +118,4 @@ TALVO_ROWS_INLINE void TransposeSquare(Vector<kLanes> (&rows)[kLanes]) {
   }
 }
 
-/// to[c * to_stride + r] = from[r * from_stride + c] for r < rows, c < columns; the ranges do not overlap. Squares go
-/// down to those that fit, and the last ones along an axis move back and move some elements again.
-template <int kLanes>
-TALVO_ROWS_INLINE void Transpose(float const* from, std::size_t from_stride, std::size_t rows, std::size_t columns,
-                                 float* to, std::size_t to_stride) {
-  if (rows < kLanes || columns < kLanes) {
-    if constexpr (kLanes > 4) return Transpose<kLanes / 2>(from, from_stride, rows, columns, to, to_stride);
-    for (std::size_t c = 0; c < columns; ++c) {
-      for (std::size_t r = 0; r < rows; ++r) to[c * to_stride + r] = from[r * from_stride + c];
-    }
-    return;
-  }
-  for (std::size_t next_c = 0; next_c < columns; next_c += kLanes) {
-    std::size_t const c = next_c + kLanes <= columns ? next_c : columns - kLanes;
-    for (std::size_t next_r = 0; next_r < rows; next_r += kLanes) {
-      std::size_t const r = next_r + kLanes <= rows ? next_r : rows - kLanes;
-      Vector<kLanes> square[kLanes];
-      for (std::size_t i = 0; i < kLanes; ++i) Load<kLanes>(from + (r + i) * from_stride + c, square[i]);
-      TransposeSquare<kLanes>(square);
-      for (std::size_t i = 0; i < kLanes; ++i) Store<kLanes>(square[i], to + (c + i) * to_stride + r);
-    }
-  }
-}
-
 }  // namespace talvo::kernel::rows
