@@ -5,8 +5,8 @@
 
 #include "talvo/kernel/convolution_support.h"
 #include "talvo/kernel/rows/fused_product.h"
-#include "talvo/kernel/rows/fused_rows.h"
 #include "talvo/kernel/rows/phase_plane.h"
+#include "talvo/kernel/rows/position_rows.h"
 #include "talvo/kernel/rows/transpose.h"
 
 namespace talvo::kernel {
@@ -228,78 +228,41 @@ void RunTiles(Group const& group, Part const& part, std::vector<Tap> const& taps
 struct Block {
   std::size_t first, lanes;
   Kept kept;
-  std::vector<std::vector<Tap>> taps;  // of each part
+  std::vector<Tap> taps;
   float* output;
 };
 
-// The columns from `x` on of row y, as many as a strip for each phase.
-void TransposedStrips(Group const& group, Block const& block, std::size_t y, std::size_t x, float* results,
-                      float* turned) {
-  ConvolutionShape const& s = group.shape;
-  Plan const& plan = group.plan;
-  std::size_t const first = x / plan.phases_x, all = std::min(kStrip * plan.phases_x, s.out_width - x);
-  for (std::size_t px = 0; px < std::min(plan.phases_x, all); ++px) {
-    std::size_t const index = y % plan.phases_y * plan.phases_x + px;
-    Part const& part = plan.parts[index];
-    std::size_t const count = std::min(kStrip, part.columns - first);
-    RunTiles(group, part, block.taps[index], block.kept, block.first, y / plan.phases_y * part.columns + first, count,
-             block.lanes, results);
-    rows::TransposeRows(results, block.lanes, count, block.lanes, turned + px * kStrip * kFusedBlock, kStrip);
-  }
-  for (std::size_t lane = 0; lane < block.lanes; ++lane) {
-    rows::MergePhases(turned + lane * kStrip, kStrip * kFusedBlock, plan.phases_x, all,
-                      block.output + lane * s.OutPlane() + y * s.out_width + x);
-  }
-}
-
 void DirectStrip(Group const& group, Block const& block, std::size_t first, float* results) {
   std::size_t const plane = group.shape.OutPlane(), count = std::min(kStrip, plane - first);
-  RunTiles(group, group.plan.parts[0], block.taps[0], block.kept, block.first, first, count, block.lanes, results);
+  RunTiles(group, group.plan.parts[0], block.taps, block.kept, block.first, first, count, block.lanes, results);
   rows::TransposeRows(results, block.lanes, count, block.lanes, block.output + first, plane);
 }
 
-// Outputs in the lanes. `scratch` takes a strip of a block, and another for each phase of a row.
+// Outputs in the lanes, for the direct form. `scratch` takes a strip of a block.
 void ByOutputs(Group const& group, float* scratch) {
   ConvolutionShape const& s = group.shape;
-  Plan const& plan = group.plan;
   for (std::size_t o = 0; o < s.out_per_group; o += kFusedBlock) {
-    Block block = {o,
-                   std::min(kFusedBlock, s.out_per_group - o),
-                   KeptAt(s, plan.transposed, group.weights, o),
-                   {},
-                   group.output + o * s.OutPlane()};
-    for (Part const& part : plan.parts) block.taps.push_back(TapsAt(part, block.kept));
-    for (std::size_t first = 0; !plan.transposed && first < s.OutPlane(); first += kStrip) {
-      DirectStrip(group, block, first, scratch);
-    }
-    for (std::size_t y = 0; plan.transposed && y < s.out_height; ++y) {
-      for (std::size_t x = 0; x < s.out_width; x += kStrip * plan.phases_x) {
-        TransposedStrips(group, block, y, x, scratch, scratch + kStrip * kFusedBlock);
-      }
-    }
+    Kept const kept = KeptAt(s, false, group.weights, o);
+    Block const block = {o, std::min(kFusedBlock, s.out_per_group - o), kept, TapsAt(group.plan.parts[0], kept),
+                         group.output + o * s.OutPlane()};
+    for (std::size_t first = 0; first < s.OutPlane(); first += kStrip) DirectStrip(group, block, first, scratch);
   }
 }
 
 // Positions from `first` on in the laid planes, for all outputs of a block.
-void RunRows(Group const& group, std::vector<Tap> const& taps, Kept const& kept, std::size_t output,
-             std::size_t outputs, std::size_t first, std::size_t positions, float* results, std::size_t result_plane) {
+void RunPositions(Group const& group, std::vector<Tap> const& taps, Kept const& kept, std::size_t output,
+                  std::size_t outputs, std::size_t first, std::size_t positions, float* results,
+                  std::size_t result_plane) {
   ConvolutionShape const& s = group.shape;
-  rows::FusedRowRun run{};
-  run.positions = positions;
-  run.input_plane = group.plan.plane;
+  rows::PositionRun run{};
+  run.input = group.input + first, run.positions = positions;
+  run.channels = s.in_per_group, run.input_plane = group.plan.plane;
   run.taps = taps.data(), run.tap_count = taps.size();
-  run.weight_plane = kept.channel, run.output_step = kept.output;
+  run.weights = kept.weights, run.weight_plane = kept.channel, run.output_step = kept.output;
   run.outputs = outputs;
   run.starts = group.starts + output;
   run.results = results, run.result_plane = result_plane;
-  bool const whole = s.Taps() == 1;  // the inputs of a tile are read once for all outputs
-  for (std::size_t c = 0; c < s.in_per_group; c += run.channels) {
-    Link const link = LinkAt(s, c);
-    run.chain = link.chain, run.channels = whole ? s.in_per_group : link.channels;
-    run.input = group.input + first + c * run.input_plane;
-    run.weights = kept.weights + c * kept.channel;
-    rows::RunFusedRows(run);
-  }
+  rows::RunFusedPositions(run, FusedChannels(s));
 }
 
 std::size_t WholeVectors(std::size_t positions) {
@@ -322,8 +285,8 @@ void PositionRows(Group const& group, Kept const& kept, std::size_t o, std::size
   std::size_t const pitch = RowResults(plan);
   for (std::size_t px = 0; px < std::min(plan.phases_x, s.out_width); ++px) {
     Part const& part = plan.parts[py * plan.phases_x + px];
-    RunRows(group, TapsAt(part, kept), kept, o, outputs, first * plan.pitch,
-            WholeVectors((count - 1) * plan.pitch + part.columns), results + px * outputs * pitch, pitch);
+    RunPositions(group, TapsAt(part, kept), kept, o, outputs, first * plan.pitch,
+                 WholeVectors((count - 1) * plan.pitch + part.columns), results + px * outputs * pitch, pitch);
   }
   for (std::size_t i = 0; i < outputs * count; ++i) {
     std::size_t const y = (first + i % count) * plan.phases_y + py;
@@ -356,8 +319,8 @@ void ByPositionsAsTheyLie(Group const& group) {
   for (std::size_t o = 0; o < s.out_per_group; o += kFusedBlock) {
     std::size_t const outputs = std::min(kFusedBlock, s.out_per_group - o);
     Kept const kept = KeptAt(s, group.plan.transposed, group.weights, o);
-    RunRows(group, TapsAt(group.plan.parts[0], kept), kept, o, outputs, 0, s.OutPlane(),
-            group.output + o * s.OutPlane(), s.OutPlane());
+    RunPositions(group, TapsAt(group.plan.parts[0], kept), kept, o, outputs, 0, s.OutPlane(),
+                 group.output + o * s.OutPlane(), s.OutPlane());
   }
 }
 
@@ -409,13 +372,13 @@ Way WayOf(ConvolutionShape const& s, Plan const& plan) {
   auto const lanes = static_cast<std::size_t>(rows::ActiveLanes());
   bool const flat = plan.as_it_lies && s.Taps() == 1 && plan.parts.size() == 1 && s.out_width == plan.pitch;
   if (flat && s.OutPlane() >= (IsPacked(s) ? 6 * lanes : lanes)) return Way::kPositionsAsTheyLie;
-  return IsPacked(s) ? Way::kOutputs : Way::kPositions;
+  return IsPacked(s) && !plan.transposed ? Way::kOutputs : Way::kPositions;
 }
 double WorkOf(ConvolutionShape const& s, Plan const& plan, Way way) {
   if (way == Way::kPositionsAsTheyLie) return 0.0;
-  auto const phases = static_cast<double>(plan.phases_x);
-  if (way == Way::kOutputs) return static_cast<double>(kStrip * kFusedBlock) * (1.0 + phases);
-  return phases * static_cast<double>(s.out_per_group) * static_cast<double>(RowResults(plan));
+  if (way == Way::kOutputs) return static_cast<double>(kStrip * kFusedBlock);
+  return static_cast<double>(plan.phases_x) * static_cast<double>(std::min(kFusedBlock, s.out_per_group)) *
+         static_cast<double>(RowResults(plan));
 }
 
 // The inputs, kept weights and results of group g.
