@@ -253,7 +253,8 @@ class PhaseRows {
   // `results` takes a row for each output.
   PhaseRows(ConvolutionShape const& shape, float* results)
       : shape_(shape), axis_y_(AxisY(shape)), axis_x_(AxisX(shape)), results_(results) {
-    run_.channels = shape.in_per_group, run_.input_plane = shape.InPlane();
+    run_.channels = shape.in_per_group, run_.chain = 1;
+    run_.input_plane = shape.InPlane();
     run_.weight_plane = shape.out_per_group * shape.Taps(), run_.output_step = shape.Taps();
     run_.outputs = shape.out_per_group;
     run_.result_plane = Pitch(shape);

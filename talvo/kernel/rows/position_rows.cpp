@@ -49,41 +49,64 @@ struct PositionTile {
     }
   }
 
-  template <bool kAdds>
-  TALVO_ROWS_INLINE void Finish(float* results, std::size_t result_plane) {
+  TALVO_ROWS_INLINE void Add(float const* results, std::size_t result_plane) {
     TALVO_ROWS_UNROLL
     for (std::size_t m = 0; m < kOutputs; ++m) {
       TALVO_ROWS_UNROLL
       for (std::size_t v = 0; v < kVectors; ++v) {
-        float* const result = results + m * result_plane + v * kLanes;
-        V before = {};
-        if constexpr (kAdds) {
-          Load<kLanes>(result, before);
-          sums[m][v] = before + sums[m][v];
-        }
-        Store<kLanes>(sums[m][v], result);
+        V before;
+        Load<kLanes>(results + m * result_plane + v * kLanes, before);
+        sums[m][v] = before + sums[m][v];
       }
     }
   }
 
-  static TALVO_ROWS_INLINE void Run(PositionRun const& run, std::size_t chain, std::size_t output, std::size_t at) {
+  TALVO_ROWS_INLINE void Store(float* results, std::size_t result_plane) const {
+    TALVO_ROWS_UNROLL
+    for (std::size_t m = 0; m < kOutputs; ++m) {
+      TALVO_ROWS_UNROLL
+      for (std::size_t v = 0; v < kVectors; ++v) {
+        rows::Store<kLanes>(sums[m][v], results + m * result_plane + v * kLanes);
+      }
+    }
+  }
+
+  // Two steps at a time: what counts them would take its share of the processor from one at a time.
+  TALVO_ROWS_INLINE void AddListed(Tap const* tap, std::size_t steps, float const* weights, std::size_t output_step,
+                                   float const* input) {
+    for (std::size_t pairs = steps / 2; pairs > 0; --pairs, tap += 2) {
+      AddTap(weights + tap[0].weight, output_step, input + tap[0].input);
+      AddTap(weights + tap[1].weight, output_step, input + tap[1].input);
+    }
+    if (steps % 2 != 0) AddTap(weights + tap->weight, output_step, input + tap->input);
+  }
+
+  TALVO_ROWS_INLINE void AddEven(PositionRun const& run, std::size_t steps, float const* weights, float const* input) {
+    std::size_t const output_step = run.output_step, weight_plane = run.weight_plane, input_plane = run.input_plane;
+    for (std::size_t pairs = steps / 2; pairs > 0; --pairs, weights += 2 * weight_plane, input += 2 * input_plane) {
+      AddTap(weights, output_step, input);
+      AddTap(weights + weight_plane, output_step, input + input_plane);
+    }
+    if (steps % 2 != 0) AddTap(weights, output_step, input);
+  }
+
+  static TALVO_ROWS_INLINE void Run(PositionRun const& run, std::size_t output, std::size_t at) {
     PositionTile tile;
-    Tap const *const taps = run.taps, *const end = taps + run.tap_count;
-    std::size_t const step = run.output_step, weight_plane = run.weight_plane, input_plane = run.input_plane;
-    float const *weights = run.weights + output * step, *input = run.input + at;
+    float const *weights = run.weights + output * run.output_step, *input = run.input + at;
     float* const results = run.results + output * run.result_plane + at;
     tile.Start(run.starts + output);
-    for (std::size_t left = run.channels, next; left > 0; left = next) {
-      next = left - std::min(left, chain);
-      for (std::size_t c = left; c > next; --c, weights += weight_plane, input += input_plane) {
-        for (Tap const* tap = taps; tap != end; ++tap) tile.AddTap(weights + tap->weight, step, input + tap->input);
-      }
-      if (left == run.channels) {
-        tile.template Finish<false>(results, run.result_plane);
+    for (std::size_t left = run.channels; left > 0;) {
+      std::size_t const channels = std::min(left, run.chain);
+      if (run.taps != nullptr || run.tap_count == 0) {
+        tile.AddListed(run.taps, channels * run.tap_count, weights, run.output_step, input);
       } else {
-        tile.template Finish<true>(results, run.result_plane);
+        tile.AddEven(run, channels, weights, input);
       }
-      if (next > 0) tile.Clear();
+      if (kFused && left < run.channels) tile.Add(results, run.result_plane);
+      left -= channels;
+      if (kFused || left == 0) tile.Store(results, run.result_plane);
+      if (kFused && left > 0) tile.Clear();
+      weights += channels * run.weight_plane, input += channels * run.input_plane;
     }
   }
 };
@@ -91,42 +114,41 @@ struct PositionTile {
 // Outputs [first, end), a multiple of kOutputs, at the positions from `at` on, of which there is a vector or more
 // in all: as many vectors at a time as go, and the last one moves back.
 template <class Set, int kOutputs, int kVectors>
-TALVO_ROWS_INLINE void RunSpan(PositionRun const& run, std::size_t chain, std::size_t first, std::size_t end,
-                               std::size_t at) {
+TALVO_ROWS_INLINE void RunSpan(PositionRun const& run, std::size_t first, std::size_t end, std::size_t at) {
   constexpr std::size_t kWide = kVectors * Set::kLanes;
   for (; at < run.positions && (kVectors == 1 || run.positions - at >= kWide); at += kWide) {
     std::size_t const from = std::min(at, run.positions - kWide);
     for (std::size_t o = first; o < end; o += kOutputs) {
-      PositionTile<Set, true, Set::kLanes, kOutputs, kVectors>::Run(run, chain, o, from);
+      PositionTile<Set, true, Set::kLanes, kOutputs, kVectors>::Run(run, o, from);
     }
   }
-  if constexpr (kVectors > 1) RunSpan<Set, kOutputs, kVectors / 2>(run, chain, first, end, at);
+  if constexpr (kVectors > 1) RunSpan<Set, kOutputs, kVectors / 2>(run, first, end, at);
 }
 
 // Takes kOutputs at a time from those that are left, and the rest at once where it is fewer.
 template <class Set, int kOutputs, int kVectors>
-TALVO_ROWS_INLINE void RunOutputs(PositionRun const& run, std::size_t chain, std::size_t& first) {
+TALVO_ROWS_INLINE void RunOutputs(PositionRun const& run, std::size_t& first) {
   std::size_t const end = run.outputs - (run.outputs - first) % kOutputs;
-  if (end > first) RunSpan<Set, kOutputs, kVectors>(run, chain, first, end, 0);
+  if (end > first) RunSpan<Set, kOutputs, kVectors>(run, first, end, 0);
   first = end;
 }
 
 struct RunFusedPositionsBody {
   template <class Set>
-  static TALVO_ROWS_INLINE void Run(PositionRun const& run, std::size_t chain) {
+  static TALVO_ROWS_INLINE void Run(PositionRun const& run) {
     std::size_t first = 0;
     if constexpr (!Set::kFuses) {  // a step in software needs all registers for itself
-      RunOutputs<Set, 1, 1>(run, chain, first);
+      RunOutputs<Set, 1, 1>(run, first);
     } else if constexpr (Set::kRegisters == 32) {  // 24 sums; the inputs of a tap and a weight
-      RunOutputs<Set, 8, 3>(run, chain, first);
-      RunOutputs<Set, 4, 6>(run, chain, first);
-      RunOutputs<Set, 3, 8>(run, chain, first);
-      RunOutputs<Set, 2, 8>(run, chain, first);
-      RunOutputs<Set, 1, 8>(run, chain, first);
+      RunOutputs<Set, 8, 3>(run, first);
+      RunOutputs<Set, 4, 6>(run, first);
+      RunOutputs<Set, 3, 8>(run, first);
+      RunOutputs<Set, 2, 8>(run, first);
+      RunOutputs<Set, 1, 8>(run, first);
     } else {  // 12 sums at most
-      RunOutputs<Set, 4, 3>(run, chain, first);
-      RunOutputs<Set, 2, 4>(run, chain, first);
-      RunOutputs<Set, 1, 8>(run, chain, first);
+      RunOutputs<Set, 4, 3>(run, first);
+      RunOutputs<Set, 2, 4>(run, first);
+      RunOutputs<Set, 1, 8>(run, first);
     }
   }
 };
@@ -149,7 +171,7 @@ struct RunPositionsBody {
     for (std::size_t at = 0; at < run.positions; at += kWide) {
       std::size_t const from = std::min(at, run.positions - kWide);
       for (std::size_t o = 0; o < run.outputs; ++o) {
-        PositionTile<Set, false, kLanes, 1, kVectors>::Run(run, run.channels, o, from);
+        PositionTile<Set, false, kLanes, 1, kVectors>::Run(run, o, from);
       }
     }
   }
@@ -181,7 +203,7 @@ struct MergePhasesBody {
 }  // namespace
 
 Primitive<void(PositionRun const&)> const RunPositions{RunPositionsBody()};
-Primitive<void(PositionRun const&, std::size_t)> const RunFusedPositions{RunFusedPositionsBody()};
+Primitive<void(PositionRun const&)> const RunFusedPositions{RunFusedPositionsBody()};
 Primitive<void(float const*, std::size_t, std::size_t, std::size_t, float*)> const MergePhases{MergePhasesBody()};
 
 }  // namespace talvo::kernel::rows
