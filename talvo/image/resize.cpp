@@ -108,6 +108,7 @@ Indices RoundedIndices(std::size_t from, std::size_t to) {
     auto k = static_cast<std::int64_t>(s);
     float rest = k < 0 ? 0.0f : s - static_cast<float>(k);
     k = std::max<std::int64_t>(k, 0);
+    // At the last pixel and behind it k is held one pixel before, so that the rest takes it over.
     if (k >= last) rest = 1.0f;
     indices[i] = static_cast<std::uint32_t>(std::min(k, last - 1) + (rest >= 0.5f ? 1 : 0));
   }
@@ -206,6 +207,7 @@ class Lines {
 
   // The source rows `row` and `row` + `distance`; what stands from the call before is not computed again.
   void MoveTo(std::size_t row, std::size_t distance) {
+    // Enlarging, the next output row mostly reads the same two lines; one step on, the lower of them.
     if (lower_.row == row) std::swap(upper_, lower_);
     Fill(upper_, row);
     Fill(lower_, row + distance);
