@@ -1,10 +1,13 @@
 // convert_onnx: the standard's own tests through converter and library, and files that are no models.
 #include <gtest/gtest.h>
+#include <rapidjson/document.h>
+#include <rapidjson/istreamwrapper.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <random>
 
 #include "tests/support/scratch_folder.h"
@@ -229,15 +232,17 @@ onnx::ModelProto OneNode(char const* operation, Shape const& shape, std::vector<
   return model;
 }
 
-std::vector<double> Through(onnx::ModelProto const& model, Array const& x) {
+std::vector<double> Through(onnx::ModelProto const& model, Array const& x, bool halves = false) {
   Options options;
   options.approximate = true;
-  Conversion const conversion = Convert(model, "", options);
+  Conversion conversion = Convert(model, "", options);
   if (!conversion.refusals.empty()) throw Refusal(conversion.refusals[0]);
+  if (halves) RoundToHalves(conversion);
   return convert_onnx::Run(*MakePackage(conversion, "m"), {{"x", x}}).values.at(0).values;
 }
 
-// Between bounds, and near 0 where they meet there: errors against the result, unless that is smaller than `least`.
+// Between bounds, and near 0 where they meet there: errors against the result, unless that is smaller than `least`,
+// in both forms of a package.
 TEST(ConvertOnnx, CompositionsHoldOverTheirRange) {
   struct Case {
     char const* operation;
@@ -271,14 +276,15 @@ TEST(ConvertOnnx, CompositionsHoldOverTheirRange) {
       bool const fits = i % 2 != 0 && c.low <= 0;
       x.values.push_back(double{static_cast<float>(fits ? std::clamp(even * small, c.low, c.high) : even)});
     }
-    auto const got = Through(OneNode(c.operation, x.shape), x);
-    double worst = 0;
-    for (std::size_t i = 0; i < got.size(); ++i) {
-      double const want = c.exact(x.values[i]), size = std::max(std::abs(want), c.least);
-      if (std::abs(want) < 1e-37 && want == 0) continue;
-      worst = std::max(worst, std::abs(got[i] - want) / size);
+    for (bool const halves : {false, true}) {
+      auto const got = Through(OneNode(c.operation, x.shape), x, halves);
+      double worst = 0;
+      for (std::size_t i = 0; i < got.size(); ++i) {
+        double const want = c.exact(x.values[i]), size = std::max({std::abs(want), c.least, 1e-37});
+        worst = std::max(worst, std::abs(got[i] - want) / size);
+      }
+      EXPECT_LE(worst, c.bound) << halves;
     }
-    EXPECT_LE(worst, c.bound);
   }
 }
 
@@ -304,6 +310,14 @@ TEST(ConvertOnnx, MemoryOfConstantsAndWeightsHasABound) {
   EXPECT_THROW(Convert(OneNode("MatMul", {3, 1024}, {large}), "", options), Refusal);
   options.most_elements = 65536;
   EXPECT_TRUE(Convert(OneNode("MatMul", {3, 1024}, {large}), "", options).refusals.empty());
+  // A kernel with weights of its own for each sample of a batch.
+  Array const w{{1, 64, 1024}, onnx::TensorProto::FLOAT, std::vector<double>(65536, 0.1)},
+      r{{1, 64, 64}, onnx::TensorProto::FLOAT, std::vector<double>(4096, 0.1)};
+  onnx::ModelProto model = OneNode("RNN", {2, 100, 1024}, {w, r});
+  auto& size = *model.mutable_graph()->mutable_node(0)->add_attribute();
+  size.set_name("hidden_size"), size.set_type(onnx::AttributeProto::INT), size.set_i(64);
+  options.most_elements = 50 * 70000;
+  EXPECT_NE(std::string::npos, Convert(model, "", options).refusals.at(0).find("elements in all weights"));
 }
 
 TEST(ConvertOnnx, FoldsNormalisationIntoTheConvolutionBefore) {
@@ -404,6 +418,61 @@ TEST(ConvertOnnx, RefusesBadFilesInOneLineAndWritesNothing) {
   folder.Save("m.onnx", good);
   EXPECT_EQ(0, Program(model + " " + out).status);
   EXPECT_TRUE(fs::exists(out));
+}
+
+void SaveTensor(ScratchFolder const& folder, std::string const& file, Array const& array) {
+  onnx::TensorProto tensor;
+  tensor.set_data_type(onnx::TensorProto::FLOAT);
+  for (long long const extent : array.shape) tensor.add_dims(extent);
+  for (float const value : array.Floats()) tensor.add_float_data(value);
+  folder.Save(file, tensor.SerializeAsString());
+}
+
+TEST(ConvertOnnx, ChecksNameTheFirstLayerThatIsOffAndReportsAreJson) {
+  ScratchFolder const folder;
+  onnx::ModelProto model = SmallModel();
+  auto& node = *model.mutable_graph()->add_node();
+  node.set_op_type("Relu"), node.add_input("y"), node.add_output("z");
+  model.mutable_graph()->mutable_output(0)->set_name("z");
+  folder.Save("m.onnx", model.SerializeAsString());
+  Array const x{{1, 2, 4, 4}, onnx::TensorProto::FLOAT, std::vector<double>(32, 0.5)};
+  Array const z{{1, 3, 4, 4},
+                onnx::TensorProto::FLOAT,
+                convert_onnx::Run(*MakePackage(Convert(model, "", {}), "m"), {{"x", x}}).values.at(0).values};
+  Array off = z;
+  off.values[7] += 1;
+  SaveTensor(folder, "input_0.pb", x), SaveTensor(folder, "output_0.pb", off), SaveTensor(folder, "y.pb", off);
+  std::string const out = folder.Path("m.tlnmodel"), report = folder.Path("report.json");
+  std::string const call = folder.Path("m.onnx") + " --report " + report + " --check " + folder.Path("");
+  for (std::string const& how : {call + " " + out, call + " --dry-run"}) {
+    Ended const wrong = Program(how);
+    EXPECT_EQ(1, wrong.status);
+    EXPECT_NE(std::string::npos, wrong.text.find("output z: element 7 is ")) << wrong.text;
+    EXPECT_NE(std::string::npos, wrong.text.find("the first that is off is y of node c (Conv2D_")) << wrong.text;
+    EXPECT_FALSE(fs::exists(out) || fs::exists(report));
+  }
+  SaveTensor(folder, "output_0.pb", z);
+  Ended const right = Program(call + " " + out + " --kernels fused");
+  ASSERT_EQ(0, right.status) << right.text;
+  std::ifstream stream(report);
+  rapidjson::IStreamWrapper wrapped(stream);
+  rapidjson::Document json;
+  ASSERT_FALSE(json.ParseStream(wrapped).HasParseError());
+  EXPECT_STREQ("Conv2D_Knxm_Snxm_Dnxm_Gn_Fused_CHW_Float_M1", json["layers"][1]["kernel"].GetString());
+  EXPECT_EQ(36u, json["layers"][1]["weight_bytes"].GetUint());
+  EXPECT_GE(json["peak_bytes"].GetUint(), (32 + 48 + 9) * sizeof(float));
+}
+
+TEST(ConvertOnnx, BinaryFormsRefuseWeightsThatHalvesDoNotHold) {
+  ScratchFolder const folder;
+  onnx::ModelProto model = SmallModel();
+  model.mutable_graph()->mutable_initializer(0)->set_float_data(2, 3e5f);
+  folder.Save("m.onnx", model.SerializeAsString());
+  Ended const binary = Program(folder.Path("m.onnx") + " " + folder.Path("m.tlnmodel"));
+  EXPECT_EQ(1, binary.status);
+  EXPECT_NE(std::string::npos, binary.text.find("weights beyond 65504, which this form cannot hold, in y"))
+      << binary.text;
+  EXPECT_EQ(0, Program(folder.Path("m.onnx") + " " + folder.Path("m.json")).status);
 }
 
 }  // namespace

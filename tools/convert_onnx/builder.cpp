@@ -13,7 +13,8 @@ using namespace talvo::runtime;
 namespace {
 
 constexpr long long kConstantPart = 60000;  // elements that one dense layer makes
-constexpr std::size_t kMostPieces = 1024;   // of a selection, a layer each
+constexpr std::size_t kMostLayers = 1 << 17;
+constexpr std::size_t kMostPieces = 1024;  // of a selection, a layer each
 
 }  // namespace
 
@@ -82,6 +83,7 @@ Value Builder::Emit(std::shared_ptr<LayerInfo> record, char const* kernel, std::
                     Shape const& dims, unsigned int layout, Shape const& shape) {
   if (Count(shape) == 0) throw Refusal("a result of no elements: " + Text(shape));
   if (Count(shape) != Count(dims)) throw Refusal("shape " + Text(shape) + " and tensor " + Text(dims) + " disagree");
+  SpendWeights();
   Layer layer;
   layer.record = std::move(record);
   layer.kernel = kernel;
@@ -94,6 +96,14 @@ Value Builder::Emit(std::shared_ptr<LayerInfo> record, char const* kernel, std::
   value.dims = dims;
   value.layout = layout;
   return value;
+}
+
+// Keeps memory in bounds, whatever a model asks for. The weights of a layer are there when the next one is made.
+void Builder::SpendWeights() {
+  for (; weighed_ < layers.size(); ++weighed_) weights_ += layers[weighed_].Weights();
+  if (weights_ > options_.most_elements)
+    throw Refusal("more than " + std::to_string(options_.most_elements) + " elements in all weights");
+  if (layers.size() >= kMostLayers) throw Refusal("more than " + std::to_string(kMostLayers) + " layers");
 }
 
 Value Builder::As(Value value, Shape const& shape) {

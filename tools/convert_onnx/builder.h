@@ -133,6 +133,9 @@ class Builder {
   bool Blas() const { return options_.kernels == Kernels::kBlas; }
 
   Options const& options_;
+  void SpendWeights();
+
+  std::size_t weights_ = 0, weighed_ = 0;  // elements; layers in which they are counted
   int root_ = -1;
   std::string node_;
   std::vector<std::string> foldable_;

@@ -57,22 +57,11 @@ class Walk {
 
  private:
   void Set(std::string const& name, Value value) {
-    if (value.IsConstant()) Spend(constants_, value.constant->values.size(), "constants");
+    if (value.IsConstant()) constants_ += value.constant->values.size();
+    if (constants_ > options_.most_elements)
+      throw Refusal("more than " + std::to_string(options_.most_elements) + " elements in all constants");
     value.name = name;
     values_[name] = std::move(value);
-  }
-
-  // Keeps memory in bounds, whatever a model asks for.
-  void Spend(std::size_t& spent, std::size_t elements, char const* what) const {
-    spent += elements;
-    if (spent > options_.most_elements) {
-      throw Refusal(std::string("more than ") + std::to_string(options_.most_elements) + " elements in all " + what);
-    }
-  }
-
-  void SpendWeights() {
-    for (; weighed_ < builder_.layers.size(); ++weighed_)
-      Spend(weights_, builder_.layers[weighed_].Weights(), "weights");
   }
 
   void CheckNames() const {
@@ -183,9 +172,7 @@ class Walk {
       if (readers_[input] == 1) once.push_back(input);
     }
     builder_.Begin(NameOf(proto), once);
-    auto const made = found->second(node, builder_);
-    SpendWeights();
-    return made;
+    return found->second(node, builder_);
   }
 
   void SetOutputs(onnx::NodeProto const& proto, std::vector<Value> made) {
@@ -286,7 +273,7 @@ class Walk {
   std::vector<bool> needed_;
   std::map<std::string, Value> values_;
   std::set<std::string> initialised_;
-  std::size_t constants_ = 0, weights_ = 0, weighed_ = 0;  // elements; layers whose weights are counted
+  std::size_t constants_ = 0;  // elements
   Conversion result_;
 };
 

@@ -3,6 +3,7 @@
 #include <rapidjson/prettywriter.h>
 #include <rapidjson/stringbuffer.h>
 
+#include <algorithm>
 #include <fstream>
 #include <map>
 #include <ostream>
@@ -70,6 +71,9 @@ void Print(Conversion const& conversion, Report const& report, std::ostream& str
          << rounding.subnormal << " change and " << rounding.vanishing << " become 0\n";
   if (report.peak_bytes != 0) stream << "peak memory of a run: " << report.peak_bytes << " bytes\n";
   for (std::string const& note : conversion.notes) stream << "approximate: " << note << "\n";
+  bool const recurrent = std::any_of(conversion.layers.begin(), conversion.layers.end(),
+                                     [](Layer const& layer) { return !layer.recurrent.empty(); });
+  if (recurrent) stream << "recurrent layers keep their state from run to run: ResetRNNState begins another sequence\n";
   for (std::string const& folder : report.checks) stream << folder << ": within the bounds\n";
 }
 

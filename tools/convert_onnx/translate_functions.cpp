@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "talvo/utility/half.h"
 #include "tools/convert_onnx/translators.h"
 
 namespace convert_onnx {
@@ -11,12 +12,26 @@ using Values = std::vector<Value>;
 
 constexpr double kPi = 3.14159265358979323846;
 
+float NextHalf(double value) { return half_float::half(static_cast<float>(value)); }
+
+// scale * x + shift, each constant as the sum of two halves, so that both forms of a package hold them.
+Value Fine(Value const& x, double scale, double shift, Builder& b) {
+  constexpr double kDown = 0x1p-12;
+  Value scaled = x;
+  for (; std::abs(scale) < 0x1p-4; scale /= kDown) scaled = b.Linear(scaled, static_cast<float>(kDown), 0);
+  float const high = NextHalf(scale), high_shift = NextHalf(shift);
+  float const low = NextHalf(scale - static_cast<double>(high)),
+              low_shift = NextHalf(shift - static_cast<double>(high_shift));
+  Value const most = b.Linear(scaled, high, high_shift);
+  return low == 0 && low_shift == 0 ? most : b.Combine(kAdd, most, b.Linear(scaled, low, low_shift));
+}
+
 // x (c[0] + c[1] x^2 + c[2] x^4 + ...).
 Value Odd(Value const& x, std::vector<double> const& c, Builder& b) {
   Value const square = b.Combine(kMul, x, x);
-  Value sum = b.Linear(square, static_cast<float>(c.back()), static_cast<float>(c[c.size() - 2]));
+  Value sum = Fine(square, c.back(), c[c.size() - 2], b);
   for (std::size_t i = c.size() - 2; i-- > 0;) {
-    sum = b.Linear(b.Combine(kMul, sum, square), 1, static_cast<float>(c[i]));
+    sum = Fine(b.Combine(kMul, sum, square), 1, c[i], b);
   }
   return b.Combine(kMul, x, sum);
 }
@@ -25,7 +40,7 @@ Value Odd(Value const& x, std::vector<double> const& c, Builder& b) {
 Value WithoutTurns(Value const& x, Value const& k, Builder& b) {
   Value rest = x;
   for (double const part : {3.140625, 0x1.fbp-11, 0x1.51p-21, kPi - 3.140625 - 0x1.fbp-11 - 0x1.51p-21}) {
-    rest = b.Combine(kSub, rest, b.Linear(k, static_cast<float>(part), 0));
+    rest = b.Combine(kSub, rest, Fine(k, part, 0, b));
   }
   return rest;
 }
@@ -34,7 +49,7 @@ Value WithoutTurns(Value const& x, Value const& k, Builder& b) {
 Value Wave(Value const& x, bool cosine, Builder& b) {
   b.Approximate("sines and cosines hold to 2e-6 for angles up to 8192");
   float const shift = cosine ? 0.5f : 0.0f;
-  Value const turns = b.Round(b.Linear(x, static_cast<float>(1 / kPi), -shift));
+  Value const turns = b.Round(Fine(x, 1 / kPi, static_cast<double>(-shift), b));
   Value const rest = WithoutTurns(x, b.Linear(turns, 1, shift), b);
   Value const odd = b.Absolute(b.Combine(kSub, turns, b.Linear(b.Round(b.Linear(turns, 0.5f, 0)), 2, 0)));
   Value const sign = cosine ? b.Linear(odd, 2, -1) : b.Linear(odd, -2, 1);
@@ -66,9 +81,7 @@ Value ArcSine(Value const& x, Builder& b) {
 
 Values InverseTangent(Node const& node, Builder& b) { return {Arc(node.TensorInput(0), b)}; }
 Values InverseSine(Node const& node, Builder& b) { return {ArcSine(node.TensorInput(0), b)}; }
-Values InverseCosine(Node const& node, Builder& b) {
-  return {b.Linear(ArcSine(node.TensorInput(0), b), -1, static_cast<float>(kPi / 2))};
-}
+Values InverseCosine(Node const& node, Builder& b) { return {Fine(ArcSine(node.TensorInput(0), b), -1, kPi / 2, b)}; }
 
 // f(max(x, 0)) - f(max(-x, 0)), for odd functions.
 template <class Function>

@@ -207,12 +207,16 @@ Values GridSample(Node const& node, Builder& builder) {
   }
   long long const height = x.shape[2], width = x.shape[3], rows = grid.shape[1], columns = grid.shape[2];
   bool const centres = node.Int("align_corners", 0) != 0, nearest = mode == "nearest", folds = padding == "reflection";
-  if (centres || nearest || folds) {
-    std::vector<double> const extents = {static_cast<double>(width), static_cast<double>(height)};
+  std::vector<double> const extents = {static_cast<double>(width), static_cast<double>(height)};
+  if (nearest || folds) {
     Value pixels = ToPixels(grid, extents, centres, builder);
     if (folds) pixels = Reflected(pixels, extents, centres, builder);
     if (nearest) pixels = builder.Round(pixels);  // the kernel rounds halves up
     grid = FromPixels(pixels, extents, builder);
+  } else if (centres) {  // the same pixels in coordinates that end at the pixels' borders
+    Array scale{{2}, onnx::TensorProto::FLOAT, {}};
+    for (double const extent : extents) scale.values.push_back((extent - 1) / extent);
+    grid = builder.Affine(grid, scale, Scalar(0));
   }
   auto const record = std::make_shared<talvo::runtime::GridSampleInfo>();
   record->mode = nearest ? 0 : 1;
