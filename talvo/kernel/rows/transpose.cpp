@@ -66,8 +66,11 @@ struct Squares {
   static TALVO_ROWS_INLINE void Move(Transposition const& tile) {
     std::size_t const whole_rows = tile.rows / kSide * kSide, whole_columns = tile.columns / kSide * kSide;
     for (std::size_t c = 0; c < whole_columns; c += kSide) {
+      BlockRows block = RowsOf(tile, sizeof(T), 0, kSide, c);
       for (std::size_t r = 0; r < whole_rows; r += kSide) {
-        Square(RowsOf(tile, sizeof(T), r, kSide, c), tile.to_row, std::make_integer_sequence<int, kSide>());
+        Square(block, tile.to_row, std::make_integer_sequence<int, kSide>());
+        block.first += Signed(kSide) * tile.from_row;
+        block.to += Signed(kSide) * tile.to_step;
       }
     }
     MoveRest<sizeof(T)>(tile, whole_rows, whole_columns);
