@@ -5,6 +5,7 @@
 
 #include "talvo/kernel/convolution_support.h"
 #include "talvo/kernel/rows/fused_product.h"
+#include "talvo/kernel/rows/matrix_product.h"
 #include "talvo/kernel/rows/phase_plane.h"
 #include "talvo/kernel/rows/position_rows.h"
 #include "talvo/kernel/rows/transpose.h"
@@ -20,7 +21,7 @@ constexpr std::size_t kPackedFrom = 16;       // fewer outputs in a group stay a
 constexpr std::size_t kStepsOfAChain = 72;    // of kernels with more than one tap
 constexpr std::size_t kStrip = 112;           // positions whose results lie in scratch, with outputs in the lanes
 constexpr std::size_t kRowFloats = 1024;      // about as many positions at a time, with positions in the lanes
-constexpr std::size_t kChannelsAtHand = 128;  // of one tap, whose packed weights stay in the innermost cache
+constexpr std::size_t kChannelsAtHand = 128;  // of one tap, whose weights stay in the innermost cache
 constexpr std::size_t kMostPhases = 4096;     // of a transposed output
 
 bool IsPacked(ConvolutionShape const& s) { return s.out_per_group >= kPackedFrom; }
@@ -174,15 +175,9 @@ void LayPlanes(ConvolutionShape const& s, Plan const& plan, float const* from, f
   }
 }
 
-// The channels of the chain that begins at `first`: those of a sum, or some of one that goes on.
-struct Link {
-  Chain chain;
-  std::size_t channels;
-};
-Link LinkAt(ConvolutionShape const& s, std::size_t first) {
-  bool const one = s.Taps() == 1;
-  std::size_t const most = one ? kChannelsAtHand : FusedChannels(s);
-  return {first == 0 ? Chain::kStarts : one ? Chain::kGoesOn : Chain::kIsAdded, std::min(most, s.in_per_group - first)};
+// Channels that go by at a time: those of a chain, or some of one that goes on.
+std::size_t LinkOf(ConvolutionShape const& s) {
+  return std::min(s.in_per_group, s.Taps() == 1 ? kChannelsAtHand : FusedChannels(s));
 }
 
 // What is at hand while a group is computed.
@@ -195,12 +190,11 @@ struct Group {
   float* output;
 };
 
-// The steps of a chain, for the primitives. Kernels of one tap have chains of many channels and need no list.
+// The steps of a link.
 std::vector<Tap> StepsOf(ConvolutionShape const& s, Part const& part, Kept const& kept, std::size_t input_plane) {
   std::vector<Tap> steps;
-  std::size_t const channels = s.Taps() == 1 ? 0 : std::min(FusedChannels(s), s.in_per_group);
-  steps.reserve(channels * part.taps.size());
-  for (std::size_t c = 0; c < channels; ++c) {
+  steps.reserve(LinkOf(s) * part.taps.size());
+  for (std::size_t c = 0; c < LinkOf(s); ++c) {
     for (Tap const& tap : part.taps) {
       steps.push_back({c * input_plane + tap.input, c * kept.channel + tap.weight * kept.tap});
     }
@@ -225,7 +219,6 @@ Block BlockAt(Group const& group, std::size_t first) {
 // Positions [first, first + count) of the direct form, row by row.
 void RunTiles(Group const& group, Block const& block, std::size_t first, std::size_t count, float* results) {
   ConvolutionShape const& s = group.shape;
-  std::size_t const tap_count = s.Taps();
   float const* columns[kStrip];
   std::size_t y = first / s.out_width, x = first % s.out_width;
   for (std::size_t p = 0; p < count; ++p) {
@@ -234,18 +227,17 @@ void RunTiles(Group const& group, Block const& block, std::size_t first, std::si
   }
   rows::FusedTileRun run{};
   run.columns = columns, run.positions = count;
-  if (tap_count > 1) run.taps = block.steps[0].data();
-  run.input_step = group.plan.plane, run.weight_step = block.kept.channel;
+  run.steps = block.steps[0].data();
   run.lanes = run.result_step = block.outputs;
   run.starts = group.starts + block.first;
   run.results = results;
-  for (std::size_t c = 0, channels; c < s.in_per_group; c += channels) {
-    Link const link = LinkAt(s, c);
-    channels = link.channels;
-    run.chain = link.chain, run.steps = channels * tap_count;
+  std::size_t const link = LinkOf(s);
+  for (std::size_t c = 0; c < s.in_per_group; c += link) {
+    run.chain = c == 0 ? Chain::kStarts : s.Taps() == 1 ? Chain::kGoesOn : Chain::kIsAdded;
+    run.step_count = std::min(link, s.in_per_group - c) * s.Taps();
     run.weights = block.kept.weights + c * block.kept.channel;
     rows::RunFusedTiles(run);
-    for (std::size_t p = 0; p < count; ++p) columns[p] += channels * group.plan.plane;
+    for (std::size_t p = 0; p < count; ++p) columns[p] += link * group.plan.plane;
   }
 }
 
@@ -270,19 +262,15 @@ void RunPositions(Group const& group, Block const& block, std::size_t part, std:
   Kept const& kept = block.kept;
   rows::PositionRun run{};
   run.input = group.input + first, run.positions = positions;
-  run.channels = s.in_per_group, run.chain = FusedChannels(s), run.input_plane = group.plan.plane;
+  run.channels = s.in_per_group, run.link = LinkOf(s), run.input_plane = group.plan.plane;
   std::vector<Tap> const& taps = group.plan.parts[part].taps;
-  run.tap_count = taps.size();
-  if (s.Taps() > 1) {
-    run.taps = block.steps[part].data();
-  } else if (!taps.empty()) {
-    run.input += taps[0].input;
-  }
+  run.steps = block.steps[part].data(), run.tap_count = taps.size();
+  if (s.Taps() == 1 && !taps.empty()) run.steps = nullptr, run.input += taps[0].input;
   run.weights = kept.weights, run.weight_plane = kept.channel, run.output_step = kept.output;
   run.outputs = block.outputs;
   run.starts = group.starts + block.first;
   run.results = results, run.result_plane = result_plane;
-  rows::RunFusedPositions(run);
+  rows::RunFusedPositions(run, s.Taps() > 1);
 }
 
 std::size_t WholeVectors(std::size_t positions) {
@@ -383,6 +371,22 @@ void Plainly(Group const& group) {
   }
 }
 
+// A kernel of one element on a plane of one: the product of a matrix and a vector.
+bool IsProduct(ConvolutionShape const& s) {
+  return IsPacked(s) && s.Taps() == 1 && s.InPlane() == 1 && s.padded_height * s.padded_width == 1;
+}
+void ConvolveAsProducts(ConvolutionShape const& s, ConvolutionData const& data) {
+  rows::PackedProductRun run{};
+  run.rows = 1, run.inputs = s.in_per_group, run.outputs = run.y_stride = s.out_per_group;
+  for (std::size_t g = 0; g < s.groups; ++g) {
+    run.packed = data.weights + g * run.outputs * run.inputs;
+    run.x = data.input + g * run.inputs;
+    run.bias = data.bias == nullptr ? nullptr : data.bias + g * run.outputs;
+    run.y = data.output + g * run.outputs;
+    rows::FusedProduct(run);
+  }
+}
+
 // How a plan is gone through, and the floats that it takes beside the laid planes.
 enum class Way { kOutputs, kPositions, kPositionsAsTheyLie };
 Way WayOf(ConvolutionShape const& s, Plan const& plan) {
@@ -474,6 +478,7 @@ void ConvolveFused(ConvolutionShape const& shape, ConvolutionData const& data, r
   if (shape.in_per_group == 1 && !IsPacked(shape) && ScratchByColumns(shape) <= MostScratch(shape)) {
     return ConvolveByColumns(shape, data, device, rows::RunFusedPlane);
   }
+  if (IsProduct(shape)) return ConvolveAsProducts(shape, data);
   Convolve(shape, PlanDirect(shape), data, device);
 }
 

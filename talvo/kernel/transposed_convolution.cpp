@@ -253,7 +253,7 @@ class PhaseRows {
   // `results` takes a row for each output.
   PhaseRows(ConvolutionShape const& shape, float* results)
       : shape_(shape), axis_y_(AxisY(shape)), axis_x_(AxisX(shape)), results_(results) {
-    run_.channels = shape.in_per_group, run_.chain = 1;
+    run_.channels = shape.in_per_group, run_.link = 1;
     run_.input_plane = shape.InPlane();
     run_.weight_plane = shape.out_per_group * shape.Taps(), run_.output_step = shape.Taps();
     run_.outputs = shape.out_per_group;
@@ -284,7 +284,7 @@ class PhaseRows {
       auto const shift = static_cast<std::int64_t>(first);
       Axis::Window const met = axis_x_.Inside(columns, shift);
       FindTaps(shape_, {axis_y_, rows, axis_y_.Inside(rows, 0), 0}, {axis_x_, columns, met, shift}, 1, 1, taps_);
-      run_.taps = taps_.data(), run_.tap_count = taps_.size();
+      run_.steps = taps_.data(), run_.tap_count = taps_.size();
       run_.positions = static_cast<std::size_t>(std::min(met.next, static_cast<std::int64_t>(count))) - first;
       run_.input = input;
       run_.results = results_ + phase * run_.outputs * run_.result_plane + first;

@@ -71,26 +71,15 @@ struct Tile {
     }
   }
 
-  // Two steps at a time: what counts them would take its share of the processor from one at a time.
-  TALVO_ROWS_INLINE void AddListed(FusedTileRun const& run, std::size_t lane) {
+  // Two at a time: what counts them would take its share of the processor from one at a time.
+  TALVO_ROWS_INLINE void AddSteps(FusedTileRun const& run, std::size_t lane) {
     float const* const weights = run.weights + lane;
-    Tap const* tap = run.taps;
-    for (std::size_t pairs = run.steps / 2; pairs > 0; --pairs, tap += 2) {
-      AddTap(weights + tap[0].weight, tap[0].input);
-      AddTap(weights + tap[1].weight, tap[1].input);
+    Tap const* step = run.steps;
+    for (std::size_t pairs = run.step_count / 2; pairs > 0; --pairs, step += 2) {
+      AddTap(weights + step[0].weight, step[0].input);
+      AddTap(weights + step[1].weight, step[1].input);
     }
-    if (run.steps % 2 != 0) AddTap(weights + tap->weight, tap->input);
-  }
-
-  TALVO_ROWS_INLINE void AddEven(FusedTileRun const& run, std::size_t lane) {
-    std::size_t const input_step = run.input_step, weight_step = run.weight_step;
-    float const* weights = run.weights + lane;
-    std::size_t input = 0;
-    for (std::size_t pairs = run.steps / 2; pairs > 0; --pairs, input += 2 * input_step, weights += 2 * weight_step) {
-      AddTap(weights, input);
-      AddTap(weights + weight_step, input + input_step);
-    }
-    if (run.steps % 2 != 0) AddTap(weights, input);
+    if (run.step_count % 2 != 0) AddTap(weights + step->weight, step->input);
   }
 
   TALVO_ROWS_INLINE void End(FusedTileRun const& run, std::size_t lane, std::size_t first) {
@@ -117,11 +106,7 @@ struct Tile {
   static TALVO_ROWS_INLINE void Run(FusedTileRun const& run, std::size_t lane, std::size_t first) {
     Tile tile;
     tile.Begin(run, lane, first);
-    if (run.taps != nullptr) {
-      tile.AddListed(run, lane);
-    } else {
-      tile.AddEven(run, lane);
-    }
+    tile.AddSteps(run, lane);
     tile.End(run, lane, first);
   }
 };

@@ -23,16 +23,14 @@ void PackFused(float const* weight, std::size_t outputs, std::size_t inputs, flo
 /// the results that are there.
 enum class Chain { kStarts, kGoesOn, kIsAdded };
 
-/// A block of outputs, `lanes`, at some positions: result [position][lane] is a chain of fused steps. Step i reads the
-/// input at taps[i].input from its position on, and all lanes at weights + taps[i].weight; or, where there is no list
-/// of taps, at i * input_step and i * weight_step.
+/// A block of outputs, `lanes`, at some positions: result [position][lane] is a chain of fused steps, each of which
+/// reads the input at steps[i].input from the position on, and all lanes at weights + steps[i].weight.
 struct FusedTileRun {
   Chain chain;
   float const* const* columns;  // [positions]: where the input of each position begins
   std::size_t positions;
-  std::size_t steps;  // 0 leaves the starts
-  Tap const* taps;    // [steps], or null
-  std::size_t input_step, weight_step;
+  Tap const* steps;
+  std::size_t step_count;  // 0 leaves the starts
   float const* weights;
   std::size_t lanes;    // 1 .. kFusedBlock
   float const* starts;  // [lanes]

@@ -72,83 +72,83 @@ struct PositionTile {
   }
 
   // Two steps at a time: what counts them would take its share of the processor from one at a time.
-  TALVO_ROWS_INLINE void AddListed(Tap const* tap, std::size_t steps, float const* weights, std::size_t output_step,
-                                   float const* input) {
-    for (std::size_t pairs = steps / 2; pairs > 0; --pairs, tap += 2) {
-      AddTap(weights + tap[0].weight, output_step, input + tap[0].input);
-      AddTap(weights + tap[1].weight, output_step, input + tap[1].input);
+  TALVO_ROWS_INLINE void AddSteps(Tap const* step, std::size_t count, float const* weights, std::size_t output_step,
+                                  float const* input) {
+    for (std::size_t pairs = count / 2; pairs > 0; --pairs, step += 2) {
+      AddTap(weights + step[0].weight, output_step, input + step[0].input);
+      AddTap(weights + step[1].weight, output_step, input + step[1].input);
     }
-    if (steps % 2 != 0) AddTap(weights + tap->weight, output_step, input + tap->input);
+    if (count % 2 != 0) AddTap(weights + step->weight, output_step, input + step->input);
   }
 
-  TALVO_ROWS_INLINE void AddEven(PositionRun const& run, std::size_t steps, float const* weights, float const* input) {
+  TALVO_ROWS_INLINE void AddChannels(PositionRun const& run, float const* weights, float const* input) {
     std::size_t const output_step = run.output_step, weight_plane = run.weight_plane, input_plane = run.input_plane;
-    for (std::size_t pairs = steps / 2; pairs > 0; --pairs, weights += 2 * weight_plane, input += 2 * input_plane) {
+    for (std::size_t pairs = run.channels / 2; pairs > 0; --pairs) {
       AddTap(weights, output_step, input);
       AddTap(weights + weight_plane, output_step, input + input_plane);
+      weights += 2 * weight_plane, input += 2 * input_plane;
     }
-    if (steps % 2 != 0) AddTap(weights, output_step, input);
+    if (run.channels % 2 != 0) AddTap(weights, output_step, input);
   }
 
-  static TALVO_ROWS_INLINE void Run(PositionRun const& run, std::size_t output, std::size_t at) {
+  static TALVO_ROWS_INLINE void Run(PositionRun const& run, bool sums_links, std::size_t output, std::size_t at) {
     PositionTile tile;
     float const *weights = run.weights + output * run.output_step, *input = run.input + at;
     float* const results = run.results + output * run.result_plane + at;
     tile.Start(run.starts + output);
+    if (kFused && run.steps == nullptr && run.tap_count == 1) {
+      tile.AddChannels(run, weights, input);
+      return tile.Store(results, run.result_plane);
+    }
     for (std::size_t left = run.channels; left > 0;) {
-      std::size_t const channels = std::min(left, run.chain);
-      if (run.taps != nullptr || run.tap_count == 0) {
-        tile.AddListed(run.taps, channels * run.tap_count, weights, run.output_step, input);
-      } else {
-        tile.AddEven(run, channels, weights, input);
-      }
-      if (kFused && left < run.channels) tile.Add(results, run.result_plane);
+      std::size_t const channels = std::min(left, run.link);
+      tile.AddSteps(run.steps, channels * run.tap_count, weights, run.output_step, input);
+      if (sums_links && left < run.channels) tile.Add(results, run.result_plane);
       left -= channels;
-      if (kFused || left == 0) tile.Store(results, run.result_plane);
-      if (kFused && left > 0) tile.Clear();
+      if (sums_links || left == 0) tile.Store(results, run.result_plane);
+      if (sums_links && left > 0) tile.Clear();
       weights += channels * run.weight_plane, input += channels * run.input_plane;
     }
   }
 };
 
-// Outputs [first, end), a multiple of kOutputs, at the positions from `at` on, of which there is a vector or more
-// in all: as many vectors at a time as go, and the last one moves back.
+// Outputs [first, end), a multiple of kOutputs, at the positions from `at` on, of which there is a vector or more in
+// all: as many vectors at a time as go, and the last one moves back.
 template <class Set, int kOutputs, int kVectors>
-TALVO_ROWS_INLINE void RunSpan(PositionRun const& run, std::size_t first, std::size_t end, std::size_t at) {
+TALVO_ROWS_INLINE void RunSpan(PositionRun const& run, bool sums_links, std::size_t first, std::size_t end,
+                               std::size_t at) {
   constexpr std::size_t kWide = kVectors * Set::kLanes;
   for (; at < run.positions && (kVectors == 1 || run.positions - at >= kWide); at += kWide) {
     std::size_t const from = std::min(at, run.positions - kWide);
     for (std::size_t o = first; o < end; o += kOutputs) {
-      PositionTile<Set, true, Set::kLanes, kOutputs, kVectors>::Run(run, o, from);
+      PositionTile<Set, true, Set::kLanes, kOutputs, kVectors>::Run(run, sums_links, o, from);
     }
   }
-  if constexpr (kVectors > 1) RunSpan<Set, kOutputs, kVectors / 2>(run, first, end, at);
+  if constexpr (kVectors > 1) RunSpan<Set, kOutputs, (kVectors > 3 ? 2 : 1)>(run, sums_links, first, end, at);
 }
 
-// Takes kOutputs at a time from those that are left, and the rest at once where it is fewer.
+// Takes kOutputs at a time from those that are left, as often as goes.
 template <class Set, int kOutputs, int kVectors>
-TALVO_ROWS_INLINE void RunOutputs(PositionRun const& run, std::size_t& first) {
+TALVO_ROWS_INLINE void RunOutputs(PositionRun const& run, bool sums_links, std::size_t& first) {
   std::size_t const end = run.outputs - (run.outputs - first) % kOutputs;
-  if (end > first) RunSpan<Set, kOutputs, kVectors>(run, first, end, 0);
+  if (end > first) RunSpan<Set, kOutputs, kVectors>(run, sums_links, first, end, 0);
   first = end;
 }
 
 struct RunFusedPositionsBody {
   template <class Set>
-  static TALVO_ROWS_INLINE void Run(PositionRun const& run) {
+  static TALVO_ROWS_INLINE void Run(PositionRun const& run, bool sums_links) {
     std::size_t first = 0;
     if constexpr (!Set::kFuses) {  // a step in software needs all registers for itself
-      RunOutputs<Set, 1, 1>(run, first);
-    } else if constexpr (Set::kRegisters == 32) {  // 24 sums; the inputs of a tap and a weight
-      RunOutputs<Set, 8, 3>(run, first);
-      RunOutputs<Set, 4, 6>(run, first);
-      RunOutputs<Set, 3, 8>(run, first);
-      RunOutputs<Set, 2, 8>(run, first);
-      RunOutputs<Set, 1, 8>(run, first);
-    } else {  // 12 sums at most
-      RunOutputs<Set, 4, 3>(run, first);
-      RunOutputs<Set, 2, 4>(run, first);
-      RunOutputs<Set, 1, 8>(run, first);
+      RunOutputs<Set, 1, 1>(run, sums_links, first);
+    } else if constexpr (Set::kRegisters == 32) {  // 24 sums, the inputs of a tap and a weight
+      RunOutputs<Set, 8, 3>(run, sums_links, first);
+      RunOutputs<Set, 4, 6>(run, sums_links, first);
+      RunOutputs<Set, 3, 8>(run, sums_links, first);
+      RunOutputs<Set, 1, 8>(run, sums_links, first);
+    } else {  // 12 sums
+      RunOutputs<Set, 4, 3>(run, sums_links, first);
+      RunOutputs<Set, 1, 8>(run, sums_links, first);
     }
   }
 };
@@ -171,7 +171,7 @@ struct RunPositionsBody {
     for (std::size_t at = 0; at < run.positions; at += kWide) {
       std::size_t const from = std::min(at, run.positions - kWide);
       for (std::size_t o = 0; o < run.outputs; ++o) {
-        PositionTile<Set, false, kLanes, 1, kVectors>::Run(run, o, from);
+        PositionTile<Set, false, kLanes, 1, kVectors>::Run(run, false, o, from);
       }
     }
   }
@@ -203,7 +203,7 @@ struct MergePhasesBody {
 }  // namespace
 
 Primitive<void(PositionRun const&)> const RunPositions{RunPositionsBody()};
-Primitive<void(PositionRun const&)> const RunFusedPositions{RunFusedPositionsBody()};
+Primitive<void(PositionRun const&, bool)> const RunFusedPositions{RunFusedPositionsBody()};
 Primitive<void(float const*, std::size_t, std::size_t, std::size_t, float*)> const MergePhases{MergePhasesBody()};
 
 }  // namespace talvo::kernel::rows
