@@ -115,6 +115,7 @@ constexpr Shape kDirect[] = {{"3x3/64_to_64_at_56", 64, 64, 56, 3, 1, 1, 1, -1},
                              {"depthwise_3x3_stride_2/128_at_56", 128, 128, 56, 3, 2, 1, 128, -1},
                              {"1x1/64_to_128_at_56", 64, 128, 56, 1, 1, 0, 1, -1},
                              {"1x1/128_to_256_at_28", 128, 256, 28, 1, 1, 0, 1, -1},
+                             {"1x1/960_to_240_at_1", 960, 240, 1, 1, 1, 0, 1, -1},
                              {"depthwise_5x5/96_at_14", 96, 96, 14, 5, 1, 2, 96, -1},
                              {"3x3_groups_of_4/64_to_64_at_28", 64, 64, 28, 3, 1, 1, 16, -1},
                              {"3x3/64_to_1_at_56", 64, 1, 56, 3, 1, 1, 1, -1},
@@ -123,6 +124,7 @@ constexpr Shape kRow = {"k3/128_to_128_length_400", 128, 128, 400, 3, 1, 1, 1, -
 constexpr Shape kTransposed[] = {{"2x2_stride_2/64_to_32_at_56", 64, 32, 56, 2, 2, 1, 1, 0},
                                  {"4x4_stride_2/64_to_32_at_28", 64, 32, 28, 4, 2, 2, 1, 1},
                                  {"4x4_stride_2/64_to_3_at_128", 64, 3, 128, 4, 2, 2, 1, 1},
+                                 {"2x2_stride_2/32_to_8_at_28", 32, 8, 28, 2, 2, 1, 1, 0},
                                  {"4x4_stride_2/16_to_1_at_128", 16, 1, 128, 4, 2, 2, 1, 1}};
 
 void Add(std::string const& name, Shape const& shape, void (*fallback)(benchmark::State&, Shape const&),

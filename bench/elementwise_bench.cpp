@@ -43,6 +43,20 @@ void PlainAdd(benchmark::State& state, std::size_t count) {
   SetBytes(state, count);
 }
 
+// Each plane and one number: what a broadcast by channel cannot do without.
+void PlainAddByChannel(benchmark::State& state, std::size_t channels, std::size_t plane) {
+  std::vector<float> const a(channels * plane, 1.0f), b(channels, 2.0f);
+  std::vector<float> y(channels * plane);
+  for (auto _ : state) {
+    for (std::size_t c = 0; c < channels; ++c) {
+      float const one = b[c];
+      for (std::size_t i = 0; i < plane; ++i) y[c * plane + i] = a[c * plane + i] + one;
+    }
+    benchmark::ClobberMemory();
+  }
+  SetBytes(state, channels * plane);
+}
+
 void PlainSumOfLastAxis(benchmark::State& state, std::size_t rows, std::size_t n) {
   std::vector<float> const x(rows * n, 1.0f);
   std::vector<float> y(rows);
@@ -105,6 +119,7 @@ int main(int argc, char** argv) {
                                  layer, std::vector<Dims>{{kMillion}, {kMillion}});
   }
   benchmark::RegisterBenchmark("Memcpy/64x56x56", Memcpy, kPlanes);
+  benchmark::RegisterBenchmark("PlainAddByChannel/64x56x56", PlainAddByChannel, std::size_t{64}, std::size_t{3136});
   RegisterBroadcast("Broadcast_Add/64x56x56_by_64x1x1", 0, {{64, 56, 56}, {64, 1, 1}});
   RegisterBroadcast("Broadcast_Mul/64x56x56_by_64x1x1", 2, {{64, 56, 56}, {64, 1, 1}});
   RegisterBroadcast("Broadcast_Larger/64x56x56_by_56", 4, {{64, 56, 56}, {56}});

@@ -53,6 +53,13 @@ int main(int argc, char** argv) {
   benchmark::RegisterBenchmark("Memcpy/224x224x3/1_bytes", Copy, std::size_t{224} * 224 * 3);
   benchmark::RegisterBenchmark("Permute/224x224x3_to_planes/1_bytes", Permute, std::vector<unsigned int>{224, 224, 3},
                                1u, std::vector<unsigned int>{2, 0, 1});
+  benchmark::RegisterBenchmark("Permute/224x224x4_to_planes/1_bytes", Permute, std::vector<unsigned int>{224, 224, 4},
+                               1u, std::vector<unsigned int>{2, 0, 1});
+  benchmark::RegisterBenchmark("Memcpy/224x224x3/4_bytes", Copy, std::size_t{224} * 224 * 3 * 4);
+  benchmark::RegisterBenchmark("Permute/224x224x3_to_planes/4_bytes", Permute, std::vector<unsigned int>{224, 224, 3},
+                               4u, std::vector<unsigned int>{2, 0, 1});
+  benchmark::RegisterBenchmark("Permute/3x224x224_to_pixels/4_bytes", Permute, std::vector<unsigned int>{3, 224, 224},
+                               4u, std::vector<unsigned int>{1, 2, 0});
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();
 }

@@ -27,7 +27,7 @@ namespace {
 
 namespace rows = kernel::rows;
 
-constexpr unsigned int kSteps = 100, kIn = 128, kHidden = 256;
+constexpr unsigned int kIn = 128, kHidden = 256;
 
 // Small weights, so that no gate saturates.
 std::vector<float> Weights(std::size_t count, std::size_t seed) {
@@ -94,6 +94,7 @@ struct Shape {
   unsigned int gates;
   unsigned short num_layers;
   bool bidirectional;
+  unsigned int steps;
 
   unsigned int Directions() const { return bidirectional ? 2 : 1; }
   unsigned int Width(std::size_t layer) const { return layer == 0 ? kIn : Directions() * kHidden; }
@@ -116,11 +117,11 @@ std::vector<PlainCell> PlainStack(Shape const& shape) {
 }
 
 std::vector<float> RunPlain(Shape const& shape, std::vector<PlainCell>& cells, std::vector<float> below) {
-  std::size_t const directions = shape.Directions();
+  std::size_t const directions = shape.Directions(), steps = shape.steps;
   for (std::size_t l = 0; l < shape.num_layers; ++l) {
-    std::vector<float> above(kSteps * directions * kHidden);
-    for (std::size_t k = 0; k < directions * kSteps; ++k) {
-      std::size_t const d = k / kSteps, t = d == 0 ? k : 2 * kSteps - 1 - k;
+    std::vector<float> above(steps * directions * kHidden);
+    for (std::size_t k = 0; k < directions * steps; ++k) {
+      std::size_t const d = k / steps, t = d == 0 ? k : 2 * steps - 1 - k;
       PlainCell& cell = cells[l * directions + d];
       cell.Step(below.data() + t * shape.Width(l));
       std::copy(cell.h.begin(), cell.h.end(), &above[(t * directions + d) * kHidden]);
@@ -150,9 +151,9 @@ std::shared_ptr<Info> Record(Shape const& shape, std::vector<PlainCell> const& c
 
 void PlainSequence(benchmark::State& state, Shape shape) {
   auto cells = PlainStack(shape);
-  auto const x = Weights(kSteps * kIn, 5);
+  auto const x = Weights(std::size_t{shape.steps} * kIn, 5);
   for (auto _ : state) benchmark::DoNotOptimize(RunPlain(shape, cells, x));
-  state.SetItemsProcessed(state.iterations() * kSteps);
+  state.SetItemsProcessed(state.iterations() * shape.steps);
 }
 
 // `same_bits`: the first call gives the bits of the plain cells where the platform's expf and tanhf have those of ours;
@@ -162,10 +163,10 @@ void Sequence(benchmark::State& state, Shape shape, bool same_bits) {
   std::shared_ptr<runtime::Context> context;
   utility::create_context(context, 64);
   auto cells = PlainStack(shape);
-  auto const values = Weights(kSteps * kIn, 5);
+  auto const values = Weights(std::size_t{shape.steps} * kIn, 5);
   Kernel kernel;
   kernel.Config(Record<Info>(shape, cells), nullptr, context);
-  auto const x = context->device_cpu->CreateF32FlexiableMainMemory({kSteps, kIn}, values.data());
+  auto const x = context->device_cpu->CreateF32FlexiableMainMemory({shape.steps, kIn}, values.data());
   std::vector<std::shared_ptr<runtime::Tensor>> outputs;
   kernel.Forward({x}, outputs, context);
   auto const want = RunPlain(shape, cells, values);
@@ -173,8 +174,8 @@ void Sequence(benchmark::State& state, Shape shape, bool same_bits) {
     state.SetLabel("other bits than the plain cell");
   }
   for (auto _ : state) kernel.Forward({x}, outputs, context);
-  state.SetItemsProcessed(state.iterations() * kSteps);
-  ReportFusedOperations(state, kSteps * shape.Operations());
+  state.SetItemsProcessed(state.iterations() * shape.steps);
+  ReportFusedOperations(state, shape.steps * shape.Operations());
 }
 
 void PlainStep(benchmark::State& state, unsigned int gates) {
@@ -223,14 +224,19 @@ void Step(benchmark::State& state, unsigned int gates) {
   auto const x = context->device_cpu->CreateF32CMainMemory(kIn, Weights(kIn, 5).data());
   std::vector<std::shared_ptr<runtime::Tensor>> outputs;
   for (auto _ : state) kernel.Forward({x}, outputs, context);
-  ReportFusedOperations(state, Shape{gates, 1, false}.Operations());
+  ReportFusedOperations(state, Shape{gates, 1, false, 1}.Operations());
 }
 
 template <class Info, class Fallback, class Arm, class Sgemm, class Fused>
 void RegisterSequences(std::string const& family, unsigned int gates) {
-  for (bool const deep : {false, true}) {
-    Shape const shape = {gates, static_cast<unsigned short>(deep ? 2 : 1), deep};
-    std::string const name = family + (deep ? "/2_layers_both_ways/" : "/1_layer/");
+  struct Case {
+    char const* name;
+    Shape shape;
+  };
+  for (auto const& [title, shape] : {Case{"/1_layer/", {gates, 1, false, 100}},
+                                     {"/1_layer_of_8_steps/", {gates, 1, false, 8}},
+                                     {"/2_layers_both_ways/", {gates, 2, true, 100}}}) {
+    std::string const name = family + title;
     benchmark::RegisterBenchmark((name + "plain_cell").c_str(), PlainSequence, shape);
     benchmark::RegisterBenchmark((name + "Fallback").c_str(), Sequence<Fallback, Info>, shape, true);
     benchmark::RegisterBenchmark((name + "ARM").c_str(), Sequence<Arm, Info>, shape, true);

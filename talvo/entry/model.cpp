@@ -186,7 +186,7 @@ std::string Model::Parts::RefusedKernel(TLModelInfo const& model, TLModelCfg con
 
 void Model::Parts::NamePorts(TLModelInfo const& model) {
   layer_ids = std::make_shared<std::vector<std::string> const>(model.squential_ids);
-  auto const& [height, width] = std::pair(model.extra_info.model_base_h, model.extra_info.model_base_w);
+  unsigned int const height = model.extra_info.model_base_h, width = model.extra_info.model_base_w;
   bool const told = height != 0 && width != 0;
   auto const port = [&](unsigned int layer, bool sized) {
     return ModelPort{(*layer_ids)[layer],

@@ -121,6 +121,7 @@ void CropRows(char const* function, TensorPtr const& i_img, Area const& area, Te
   ValidatePlanes(input, rows);
   ValidatePlanes(output, rows);
   ValidateArea(input, output, rows, area);
+  // Interleaved channels are one plane of wide pixels, so that one loop over planes serves every layout.
   bool const interleaved = rows.channel_axis == 2;
   std::size_t const planes = interleaved ? 1 : input.Extent(0), columns = input.Extent(rows.row_axis + 1);
   std::size_t const elements = interleaved ? input.Extent(2) : rows.is_blocked ? input.Extent(3) : 1;

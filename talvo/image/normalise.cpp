@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "talvo/image/image_support.h"
+#include "talvo/kernel/rows/elementwise_rows.h"
 #include "talvo/kernel/rows/pixels.h"
 #include "talvo/kernel/rows/saturate.h"
 
@@ -71,14 +72,6 @@ void ForEachChannel(Arguments const& call, Row const& row) {
   float const* const sub = call.sub.Memory<float>(channels);
   float const* const mul = call.mul.Memory<float>(channels);
   for (std::size_t c = 0; c < channels; ++c) row(in + c * plane, plane, sub[c], mul[c], out + c * plane);
-}
-
-void SubtractFrom(float const* in, std::size_t count, float const sub, float* out) {
-  for (std::size_t i = 0; i < count; ++i) out[i] = in[i] - sub;
-}
-
-void MultiplyBy(float const* in, std::size_t count, float const mul, float* out) {
-  for (std::size_t i = 0; i < count; ++i) out[i] = in[i] * mul;
 }
 
 // Groups of eight pixels saturate; what is left of a plane wraps around. The two agree as long as results fit.
@@ -165,9 +158,9 @@ void Normalize_CHW_Float_Fallback(TensorPtr& source, TensorPtr& destination, flo
   float* out = dst.Memory<float>(count);
   for (std::size_t c = 0; c < channels; ++c, in += plane, out += plane) {
     if (mul == nullptr) {
-      SubtractFrom(in, plane, sub[c], out);
+      rows::CombineRow(rows::Operation::kSub, {in, false}, {&sub[c], true}, plane, out);
     } else if (sub == nullptr) {
-      MultiplyBy(in, plane, mul[c], out);
+      rows::CombineRow(rows::Operation::kMul, {in, false}, {&mul[c], true}, plane, out);
     } else {
       rows::NormaliseFloats(in, plane, sub[c], mul[c], out);
     }

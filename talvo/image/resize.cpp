@@ -108,6 +108,7 @@ Indices RoundedIndices(std::size_t from, std::size_t to) {
     auto k = static_cast<std::int64_t>(s);
     float rest = k < 0 ? 0.0f : s - static_cast<float>(k);
     k = std::max<std::int64_t>(k, 0);
+    // At the last pixel and behind it k is held one pixel before, so that the rest takes it over.
     if (k >= last) rest = 1.0f;
     indices[i] = static_cast<std::uint32_t>(std::min(k, last - 1) + (rest >= 0.5f ? 1 : 0));
   }
@@ -170,12 +171,21 @@ struct Taps {
   std::uint32_t distance;  // from the first tap to the second
 };
 
-// Both taps of every output pixel, in a row each, so that the blend reads without gaps.
+// Both taps of every output pixel, in a row each, so that the blend reads without gaps. Each row has room for a byte
+// behind its end: pixels of three bytes move as four, of which the next one overwrites the last, but for those at the
+// end of the source row, from pixel `inner` on.
 template <std::size_t kPixelBytes>
 void GatherTaps(unsigned char const* TALVO_RESTRICT row, std::uint32_t const* TALVO_RESTRICT first,
-                std::size_t distance, std::size_t count, unsigned char* TALVO_RESTRICT left,
+                std::size_t distance, std::size_t inner, std::size_t count, unsigned char* TALVO_RESTRICT left,
                 unsigned char* TALVO_RESTRICT right) {
-  for (std::size_t x = 0; x < count; ++x) {
+  constexpr std::size_t kMoved = kPixelBytes == 3 ? 4 : kPixelBytes;
+  std::size_t x = 0;
+  for (; x < inner; ++x) {
+    unsigned char const* const pixel = row + std::size_t{first[x]} * kPixelBytes;
+    std::memcpy(left + x * kPixelBytes, pixel, kMoved);
+    std::memcpy(right + x * kPixelBytes, pixel + distance * kPixelBytes, kMoved);
+  }
+  for (; x < count; ++x) {
     unsigned char const* const pixel = row + std::size_t{first[x]} * kPixelBytes;
     std::memcpy(left + x * kPixelBytes, pixel, kPixelBytes);
     std::memcpy(right + x * kPixelBytes, pixel + distance * kPixelBytes, kPixelBytes);
@@ -199,13 +209,15 @@ class Lines {
         count_(f.to_width * kPixelBytes),
         weight0_(Repeated(columns_.weight0, kPixelBytes)),
         weight1_(Repeated(columns_.weight1, kPixelBytes)),
-        left_(count_),
-        right_(count_),
+        inner_(InnerPixels(columns_, f.from_width)),
+        left_(count_ + 1),
+        right_(count_ + 1),
         upper_{kNone, std::vector<std::int16_t>(count_)},
         lower_{kNone, std::vector<std::int16_t>(count_)} {}
 
   // The source rows `row` and `row` + `distance`; what stands from the call before is not computed again.
   void MoveTo(std::size_t row, std::size_t distance) {
+    // Enlarging, the next output row mostly reads the same two lines; one step on, the lower of them.
     if (lower_.row == row) std::swap(upper_, lower_);
     Fill(upper_, row);
     Fill(lower_, row + distance);
@@ -222,10 +234,17 @@ class Lines {
     std::vector<std::int16_t> values;
   };
 
+  // Output pixels whose taps lie before the last pixel of a row.
+  static std::size_t InnerPixels(Taps const& columns, std::size_t from_width) {
+    auto const is_inner = [&](std::uint32_t first) { return first + columns.distance + 1 < from_width; };
+    auto const end = std::find_if_not(columns.first.begin(), columns.first.end(), is_inner);
+    return static_cast<std::size_t>(end - columns.first.begin());
+  }
+
   void Fill(Line& line, std::size_t row) {
     if (line.row == row) return;
     GatherTaps<kPixelBytes>(frames_.from + row * frames_.from_width * kPixelBytes, columns_.first.data(),
-                            columns_.distance, frames_.to_width, left_.data(), right_.data());
+                            columns_.distance, inner_, frames_.to_width, left_.data(), right_.data());
     rows::BlendTaps(left_.data(), right_.data(), weight0_.data(), weight1_.data(), count_, line.values.data());
     line.row = row;
   }
@@ -234,6 +253,7 @@ class Lines {
   Taps const columns_;
   std::size_t const count_;  // values of a line
   std::vector<std::int16_t> const weight0_, weight1_;
+  std::size_t const inner_;
   std::vector<unsigned char> left_, right_;
   Line upper_, lower_;
 };

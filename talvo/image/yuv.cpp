@@ -70,12 +70,11 @@ void ConvertClassFrame(char const* operation, TensorPtr const& source, TensorPtr
     return;
   }
   std::size_t const h = src.Extent(0), w = src.Extent(1);
-  // Chrominance stands for blocks of 2 x 2: a frame that has half of one is left alone. A tensor of H x W x 1 holds the
-  // frame's 1.5 H W bytes behind its dims: the operations of the class trust that, and see only that there is memory.
+  // Chrominance stands for blocks of 2 x 2: a frame that has half of one is left alone.
   if (h % 2 != 0 || w % 2 != 0 || h == 0 || w < 2) return;
   Planes const planes = ThreePlanes(dst, Volume(h, w));
-  // A tensor of H x W x 1 holds the frame's 1.5 H W bytes behind its dims: the operations of the class trust that by
-  // the interface, and see only that there is memory.
+  // A tensor of H x W x 1 holds the frame's 1.5 H W bytes behind its dims: the operations of the class trust that, and
+  // see only that there is memory.
   auto const* const luminance = src.tensor().Data<unsigned char>();
   if (luminance == nullptr) Refuse("%s: src has no memory", operation);
   auto const* const chrominance = luminance + h * w;

@@ -4,6 +4,7 @@
 
 #include "talvo/kernel/convolution_support.h"
 #include "talvo/kernel/rows/convolution_tile.h"
+#include "talvo/kernel/rows/matrix_product.h"
 #include "talvo/kernel/rows/phase_plane.h"
 #include "talvo/kernel/rows/transpose.h"
 
@@ -198,6 +199,23 @@ void ConvolvePlainly(ConvolutionShape const& shape, ConvolutionData const& data)
   }
 }
 
+bool IsProduct(ConvolutionShape const& s) {
+  return s.Taps() == 1 && s.InPlane() == 1 && s.padded_height * s.padded_width == 1;
+}
+
+// A kernel of one element on a plane of one: the product of a matrix and a vector.
+void ConvolveAsProduct(ConvolutionShape const& shape, ConvolutionData const& data) {
+  std::size_t const ipg = shape.in_per_group, opg = shape.out_per_group;
+  std::vector<float> starts(opg);
+  for (std::size_t g = 0; g < shape.groups; ++g) {
+    for (std::size_t o = 0; data.bias != nullptr && o < opg; ++o) {
+      starts[o] = data.bias[g * opg + o] + 0.0f;  // no -0.0f: the sum of a channel is 0 and then its product
+    }
+    rows::MatrixVector(data.weights + g * opg * ipg, data.input + g * ipg, starts.data(), opg, ipg,
+                       data.output + g * opg);
+  }
+}
+
 // Floats that a way by channels or columns takes, its list of taps included.
 double ScratchOf(ConvolutionShape const& shape, bool by_columns) {
   bool const laid = HasBorder(shape) || (by_columns && shape.stride_x != 1);
@@ -247,7 +265,9 @@ void ConvolveDirect(ConvolutionShape const& shape, ConvolutionData const& data, 
   std::size_t const by_columns = 2 * shape.groups * shape.out_per_group / row_lanes;
   double const padded_plane = static_cast<double>(shape.padded_height) * static_cast<double>(shape.padded_width);
   double const most = MostScratch(shape);
-  if (GroupsPay(shape, padded_plane, std::min(by_channels, by_columns))) {
+  if (IsProduct(shape) && shape.in_per_group > 1) {
+    ConvolveAsProduct(shape, data);
+  } else if (GroupsPay(shape, padded_plane, std::min(by_channels, by_columns))) {
     ConvolveByGroups(shape, data, device);
   } else if (by_columns > by_channels && ScratchOf(shape, false) <= most) {
     ConvolveByChannels(shape, data, device);

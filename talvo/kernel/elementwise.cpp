@@ -65,19 +65,101 @@ std::vector<Axis> BroadcastAxes(Dims const& a, Dims const& b, Dims const& y) {
   return axes;
 }
 
-// Walks `count` axes, the last being the outermost, and returns the end in y.
-float* Combine(rows::Operation operation, Axis const* axes, std::size_t count, float const* a, float const* b,
-               float* y) {
-  Axis const axis = axes[count - 1];
-  if (count == 1) {
-    rows::CombineRow(operation, {a, axis.a_step == 0}, {b, axis.b_step == 0}, axis.extent, y);
-    return y + axis.extent;
+constexpr std::size_t kShort = 64, kBlock = 1024;  // elements: of rows that get no call of their own, and of a block
+
+// Lays the elements of `count` axes side by side, `extent` of the last, the outermost, and returns the end.
+float* Lay(float const* x, Axis const* axes, std::size_t Axis::*step, std::size_t count, std::size_t extent,
+           float* to) {
+  std::size_t const outer_step = axes[count - 1].*step, inner = axes[0].extent, inner_step = axes[0].*step;
+  for (std::size_t i = 0; i < extent; ++i, x += outer_step) {
+    if (count > 2) {
+      to = Lay(x, axes, step, count - 1, axes[count - 2].extent, to);
+    } else {
+      for (std::size_t k = 0; k < inner; ++k) *to++ = x[k * inner_step];
+    }
   }
-  for (std::size_t i = 0; i < axis.extent; ++i, a += axis.a_step, b += axis.b_step) {
-    y = Combine(operation, axes, count - 1, a, b, y);
-  }
-  return y;
+  return to;
 }
+
+// An operand over blocks of outputs, which take `count` axes. One that neither follows the output nor repeats one
+// element is laid out in memory of its own, which serves for as long as the block of the operand is the same.
+class BlockOperand {
+ public:
+  BlockOperand(Axis const* axes, std::size_t Axis::*step, std::size_t count) : axes_(axes), step_(step), count_(count) {
+    std::size_t stride = 1;
+    for (std::size_t k = 0; k < count; stride *= axes[k++].extent) {
+      follows_ = follows_ && axes[k].*step == stride;
+      repeats_ = repeats_ && axes[k].*step == 0;
+    }
+  }
+
+  // The block from x on, `extent` of its outermost axis.
+  rows::Operand At(float const* x, std::size_t extent) {
+    if (follows_ || repeats_) return {x, repeats_};
+    if (x != held_ || extent > held_extent_) {
+      Lay(x, axes_, step_, count_, extent, block_);
+      held_ = x;
+      held_extent_ = extent;
+    }
+    return {block_, false};
+  }
+
+ private:
+  Axis const* axes_;
+  std::size_t Axis::*step_;
+  std::size_t count_, held_extent_ = 0;
+  bool follows_ = true, repeats_ = true;
+  float const* held_ = nullptr;
+  float block_[kBlock];
+};
+
+// The walk over the outputs of a broadcast: by rows, or by blocks of several where they are short.
+class Broadcast {
+ public:
+  Broadcast(rows::Operation operation, std::vector<Axis> const& axes)
+      : operation_(operation),
+        axes_(axes),
+        inner_(InnerAxes(axes)),
+        a_(axes.data(), &Axis::a_step, inner_ + 1),
+        b_(axes.data(), &Axis::b_step, inner_ + 1) {
+    for (std::size_t k = 0; k < inner_; ++k) inner_count_ *= axes[k].extent;
+    piece_ = inner_ == 0 ? axes[0].extent : std::min(kBlock / inner_count_, axes[inner_].extent);
+  }
+
+  void Run(float const* a, float const* b, float* y) { Walk(axes_.size(), a, b, y); }
+
+ private:
+  // Axes that lie in a block as a whole; the next one is cut into pieces.
+  static std::size_t InnerAxes(std::vector<Axis> const& axes) {
+    std::size_t inner = 0;
+    for (std::size_t count = 1; inner + 1 < axes.size() && count * axes[inner].extent < kShort; ++inner) {
+      count *= axes[inner].extent;
+    }
+    return inner;
+  }
+
+  // The first `count` axes, the last being the outermost. Returns the end in y.
+  float* Walk(std::size_t count, float const* a, float const* b, float* y) {
+    Axis const axis = axes_[count - 1];
+    if (count == inner_ + 1) return WalkPieces(axis, a, b, y);
+    for (std::size_t i = 0; i < axis.extent; ++i, a += axis.a_step, b += axis.b_step) y = Walk(count - 1, a, b, y);
+    return y;
+  }
+
+  float* WalkPieces(Axis const& axis, float const* a, float const* b, float* y) {
+    for (std::size_t i = 0; i < axis.extent; i += piece_) {
+      std::size_t const extent = std::min(piece_, axis.extent - i), n = extent * inner_count_;
+      rows::CombineRow(operation_, a_.At(a + i * axis.a_step, extent), b_.At(b + i * axis.b_step, extent), n, y);
+      y += n;
+    }
+    return y;
+  }
+
+  rows::Operation operation_;
+  std::vector<Axis> const& axes_;
+  std::size_t inner_, inner_count_ = 1, piece_;
+  BlockOperand a_, b_;
+};
 
 // `dims` with extents of 1 in front, up to `rank`.
 Dims Extended(Dims dims, std::size_t rank) {
@@ -185,8 +267,8 @@ struct BroadcastOperation : support::Strict<runtime::BroadcastOperatorInfo> {
       auto const axes = BroadcastAxes(Extended(a_dims, dims.size()), Extended(b_dims, dims.size()), dims);
       // An unknown operation answers as an empty std::function does, and only where there is something to combine.
       if (layer->op_type >= kOperationCount) throw std::bad_function_call();
-      Combine(static_cast<rows::Operation>(layer->op_type), axes.data(), axes.size(), a->Data<float>(),
-              b->Data<float>(), y->Data<float>());
+      Broadcast(static_cast<rows::Operation>(layer->op_type), axes)
+          .Run(a->Data<float>(), b->Data<float>(), y->Data<float>());
     }
     outputs.assign(1, y);
     return 0;

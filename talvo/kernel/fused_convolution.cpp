@@ -5,8 +5,9 @@
 
 #include "talvo/kernel/convolution_support.h"
 #include "talvo/kernel/rows/fused_product.h"
-#include "talvo/kernel/rows/fused_rows.h"
+#include "talvo/kernel/rows/matrix_product.h"
 #include "talvo/kernel/rows/phase_plane.h"
+#include "talvo/kernel/rows/position_rows.h"
 #include "talvo/kernel/rows/transpose.h"
 
 namespace talvo::kernel {
@@ -18,9 +19,10 @@ using rows::Tap;
 
 constexpr std::size_t kPackedFrom = 16;       // fewer outputs in a group stay as they were decoded
 constexpr std::size_t kStepsOfAChain = 72;    // of kernels with more than one tap
+constexpr std::size_t kStrip = 112;           // positions whose results lie in scratch, with outputs in the lanes
 constexpr std::size_t kRowFloats = 1024;      // about as many positions at a time, with positions in the lanes
-constexpr std::size_t kChannelsAtHand = 128;  // of one tap, whose packed weights stay in the innermost cache
-constexpr std::size_t kMostPhases = 64;       // of a transposed output
+constexpr std::size_t kChannelsAtHand = 128;  // of one tap, whose weights stay in the innermost cache
+constexpr std::size_t kMostPhases = 4096;     // of a transposed output
 
 bool IsPacked(ConvolutionShape const& s) { return s.out_per_group >= kPackedFrom; }
 std::size_t SumOf(ConvolutionShape const& s) { return s.in_per_group * s.Taps(); }
@@ -110,29 +112,32 @@ Reach ReachOf(std::vector<std::vector<Meeting>> const& phases, std::size_t out, 
   return {static_cast<std::size_t>(-low), static_cast<std::size_t>(std::max(high - low, results))};
 }
 
+std::size_t PhasesY(ConvolutionShape const& s) { return std::min(s.stride_y, s.out_height); }
+std::size_t PhasesX(ConvolutionShape const& s) { return std::min(s.stride_x, s.out_width); }
+
 Plan PlanTransposed(ConvolutionShape const& s) {
   Plan plan{};
   plan.transposed = true;
-  plan.phases_y = s.stride_y, plan.phases_x = s.stride_x;
+  plan.phases_y = PhasesY(s), plan.phases_x = PhasesX(s);
   plan.stride_y = plan.stride_x = 1;
   std::vector<std::vector<Meeting>> ys, xs;
-  for (std::size_t p = 0; p < s.stride_y; ++p) {
+  for (std::size_t p = 0; p < plan.phases_y; ++p) {
     ys.push_back(Meetings(p, s.kernel_y, s.dilation_y, s.stride_y, s.top));
   }
-  for (std::size_t p = 0; p < s.stride_x; ++p) {
+  for (std::size_t p = 0; p < plan.phases_x; ++p) {
     xs.push_back(Meetings(p, s.kernel_x, s.dilation_x, s.stride_x, s.left));
   }
-  Reach const y = ReachOf(ys, std::max(s.out_height, s.stride_y), s.in_height);
-  Reach const x = ReachOf(xs, std::max(s.out_width, s.stride_x), s.in_width);
+  Reach const y = ReachOf(ys, s.out_height, s.in_height);
+  Reach const x = ReachOf(xs, s.out_width, s.in_width);
   plan.top = y.before, plan.left = x.before;
   plan.pitch = plan.padded_width = x.extent;
   plan.plane = plan.sub_plane = y.extent * x.extent;
   plan.scratch = static_cast<double>(y.extent) * static_cast<double>(x.extent) * static_cast<double>(s.in_per_group);
   plan.as_it_lies = y.extent == s.in_height && x.extent == s.in_width;
-  for (std::size_t py = 0; py < s.stride_y; ++py) {
-    for (std::size_t px = 0; px < s.stride_x; ++px) {
-      std::size_t const rows = (s.out_height + s.stride_y - 1 - py) / s.stride_y;
-      plan.parts.push_back({rows, (s.out_width + s.stride_x - 1 - px) / s.stride_x, {}});
+  for (std::size_t py = 0; py < plan.phases_y; ++py) {
+    for (std::size_t px = 0; px < plan.phases_x; ++px) {
+      std::size_t const rows = (s.out_height - py - 1) / plan.phases_y + 1;
+      plan.parts.push_back({rows, (s.out_width - px - 1) / plan.phases_x + 1, {}});
       for (Meeting const& my : ys[py]) {
         for (Meeting const& mx : xs[px]) {
           auto const row = static_cast<std::size_t>(my.offset + static_cast<std::int64_t>(y.before));
@@ -145,8 +150,8 @@ Plan PlanTransposed(ConvolutionShape const& s) {
   return plan;
 }
 
-// Lays the planes of a group into scratch whose borders are 0 already, rows sorted by their phase as columns are.
-void LayGroup(ConvolutionShape const& s, Plan const& plan, float const* from, float* to) {
+// Lays the planes of a group into scratch whose borders are 0 already.
+void LayPlanes(ConvolutionShape const& s, Plan const& plan, float const* from, float* to) {
   bool const whole = plan.stride_y == 1 && plan.stride_x == 1;
   rows::PhasePlane plane = {s.in_height,
                             s.in_width,
@@ -170,15 +175,9 @@ void LayGroup(ConvolutionShape const& s, Plan const& plan, float const* from, fl
   }
 }
 
-// The channels of the chain that begins at `first`: those of a sum, or some of one that goes on.
-struct Link {
-  Chain chain;
-  std::size_t channels;
-};
-Link LinkAt(ConvolutionShape const& s, std::size_t first) {
-  bool const one = s.Taps() == 1;
-  std::size_t const most = one ? kChannelsAtHand : FusedChannels(s);
-  return {first == 0 ? Chain::kStarts : one ? Chain::kGoesOn : Chain::kIsAdded, std::min(most, s.in_per_group - first)};
+// Channels that go by at a time: those of a chain, or some of one that goes on.
+std::size_t LinkOf(ConvolutionShape const& s) {
+  return std::min(s.in_per_group, s.Taps() == 1 ? kChannelsAtHand : FusedChannels(s));
 }
 
 // What is at hand while a group is computed.
@@ -191,115 +190,87 @@ struct Group {
   float* output;
 };
 
-std::vector<Tap> TapsAt(Part const& part, Kept const& kept) {
-  std::vector<Tap> taps = part.taps;
-  for (Tap& tap : taps) tap.weight *= kept.tap;
-  return taps;
-}
-
-// Positions [first, first + count) of a part, row by row, for a block of outputs.
-void RunTiles(Group const& group, Part const& part, std::vector<Tap> const& taps, Kept const& kept, std::size_t output,
-              std::size_t first, std::size_t count, std::size_t lanes, float* results) {
-  ConvolutionShape const& s = group.shape;
-  float const* columns[kStrip];
-  std::size_t y = first / part.columns, x = first % part.columns;
-  for (std::size_t p = 0; p < count; ++p) {
-    columns[p] = group.input + y * group.plan.pitch + x;
-    if (++x == part.columns) x = 0, ++y;
+// The steps of a link.
+std::vector<Tap> StepsOf(ConvolutionShape const& s, Part const& part, Kept const& kept, std::size_t input_plane) {
+  std::vector<Tap> steps;
+  steps.reserve(LinkOf(s) * part.taps.size());
+  for (std::size_t c = 0; c < LinkOf(s); ++c) {
+    for (Tap const& tap : part.taps) {
+      steps.push_back({c * input_plane + tap.input, c * kept.channel + tap.weight * kept.tap});
+    }
   }
-  rows::FusedTileRun run{};
-  run.columns = columns, run.positions = count;
-  run.input_plane = group.plan.plane;
-  run.taps = taps.data(), run.tap_count = taps.size();
-  run.weight_plane = kept.channel;
-  run.lanes = run.result_step = lanes;
-  run.starts = group.starts + output;
-  run.results = results;
-  for (std::size_t c = 0; c < s.in_per_group; c += run.channels) {
-    Link const link = LinkAt(s, c);
-    run.chain = link.chain, run.channels = link.channels;
-    run.weights = kept.weights + c * kept.channel;
-    rows::RunFusedTiles(run);
-    for (std::size_t p = 0; p < count; ++p) columns[p] += link.channels * run.input_plane;
-  }
+  return steps;
 }
 
 // A block of outputs and its weights.
 struct Block {
-  std::size_t first, lanes;
+  std::size_t first, outputs;
   Kept kept;
-  std::vector<std::vector<Tap>> taps;  // of each part
-  float* output;
+  std::vector<std::vector<Tap>> steps;  // of each part
 };
-
-// The columns from `x` on of row y, as many as a strip for each phase.
-void TransposedStrips(Group const& group, Block const& block, std::size_t y, std::size_t x, float* results,
-                      float* turned) {
+Block BlockAt(Group const& group, std::size_t first) {
   ConvolutionShape const& s = group.shape;
-  Plan const& plan = group.plan;
-  std::size_t const first = x / plan.phases_x, all = std::min(kStrip * plan.phases_x, s.out_width - x);
-  for (std::size_t px = 0; px < std::min(plan.phases_x, all); ++px) {
-    std::size_t const index = y % plan.phases_y * plan.phases_x + px;
-    Part const& part = plan.parts[index];
-    std::size_t const count = std::min(kStrip, part.columns - first);
-    RunTiles(group, part, block.taps[index], block.kept, block.first, y / plan.phases_y * part.columns + first, count,
-             block.lanes, results);
-    rows::TransposeRows(results, block.lanes, count, block.lanes, turned + px * kStrip * kFusedBlock, kStrip);
+  Kept const kept = KeptAt(s, group.plan.transposed, group.weights, first);
+  Block block = {first, std::min(kFusedBlock, s.out_per_group - first), kept, {}};
+  for (Part const& part : group.plan.parts) block.steps.push_back(StepsOf(s, part, kept, group.plan.plane));
+  return block;
+}
+
+// Positions [first, first + count) of the direct form, row by row.
+void RunTiles(Group const& group, Block const& block, std::size_t first, std::size_t count, float* results) {
+  ConvolutionShape const& s = group.shape;
+  float const* columns[kStrip];
+  std::size_t y = first / s.out_width, x = first % s.out_width;
+  for (std::size_t p = 0; p < count; ++p) {
+    columns[p] = group.input + y * group.plan.pitch + x;
+    if (++x == s.out_width) x = 0, ++y;
   }
-  for (std::size_t lane = 0; lane < block.lanes; ++lane) {
-    rows::MergePhases(turned + lane * kStrip, kStrip * kFusedBlock, plan.phases_x, all,
-                      block.output + lane * s.OutPlane() + y * s.out_width + x);
+  rows::FusedTileRun run{};
+  run.columns = columns, run.positions = count;
+  run.steps = block.steps[0].data();
+  run.lanes = run.result_step = block.outputs;
+  run.starts = group.starts + block.first;
+  run.results = results;
+  std::size_t const link = LinkOf(s);
+  for (std::size_t c = 0; c < s.in_per_group; c += link) {
+    run.chain = c == 0 ? Chain::kStarts : s.Taps() == 1 ? Chain::kGoesOn : Chain::kIsAdded;
+    run.step_count = std::min(link, s.in_per_group - c) * s.Taps();
+    run.weights = block.kept.weights + c * block.kept.channel;
+    rows::RunFusedTiles(run);
+    for (std::size_t p = 0; p < count; ++p) columns[p] += link * group.plan.plane;
   }
 }
 
-void DirectStrip(Group const& group, Block const& block, std::size_t first, float* results) {
-  std::size_t const plane = group.shape.OutPlane(), count = std::min(kStrip, plane - first);
-  RunTiles(group, group.plan.parts[0], block.taps[0], block.kept, block.first, first, count, block.lanes, results);
-  rows::TransposeRows(results, block.lanes, count, block.lanes, block.output + first, plane);
-}
-
-// Outputs in the lanes. `scratch` takes a strip of a block, and another for each phase of a row.
+// Outputs in the lanes, for the direct form. `scratch` takes a strip of a block.
 void ByOutputs(Group const& group, float* scratch) {
   ConvolutionShape const& s = group.shape;
-  Plan const& plan = group.plan;
   for (std::size_t o = 0; o < s.out_per_group; o += kFusedBlock) {
-    Block block = {o,
-                   std::min(kFusedBlock, s.out_per_group - o),
-                   KeptAt(s, plan.transposed, group.weights, o),
-                   {},
-                   group.output + o * s.OutPlane()};
-    for (Part const& part : plan.parts) block.taps.push_back(TapsAt(part, block.kept));
-    for (std::size_t first = 0; !plan.transposed && first < s.OutPlane(); first += kStrip) {
-      DirectStrip(group, block, first, scratch);
-    }
-    for (std::size_t y = 0; plan.transposed && y < s.out_height; ++y) {
-      for (std::size_t x = 0; x < s.out_width; x += kStrip * plan.phases_x) {
-        TransposedStrips(group, block, y, x, scratch, scratch + kStrip * kFusedBlock);
-      }
+    Block const block = BlockAt(group, o);
+    float* const output = group.output + o * s.OutPlane();
+    for (std::size_t first = 0; first < s.OutPlane(); first += kStrip) {
+      std::size_t const count = std::min(kStrip, s.OutPlane() - first);
+      RunTiles(group, block, first, count, scratch);
+      rows::TransposeRows(scratch, block.outputs, count, block.outputs, output + first, s.OutPlane());
     }
   }
 }
 
-// Positions from `first` on in the laid planes, for all outputs of a block.
-void RunRows(Group const& group, std::vector<Tap> const& taps, Kept const& kept, std::size_t output,
-             std::size_t outputs, std::size_t first, std::size_t positions, float* results, std::size_t result_plane) {
+// Positions from `first` on in the laid planes, for all outputs of a block and a part.
+void RunPositions(Group const& group, Block const& block, std::size_t part, std::size_t first, std::size_t positions,
+                  float* results, std::size_t result_plane) {
   ConvolutionShape const& s = group.shape;
-  rows::FusedRowRun run{};
-  run.positions = positions;
-  run.input_plane = group.plan.plane;
-  run.taps = taps.data(), run.tap_count = taps.size();
-  run.weight_plane = kept.channel, run.output_step = kept.output;
-  run.outputs = outputs;
-  run.starts = group.starts + output;
+  Kept const& kept = block.kept;
+  rows::PositionRun run{};
+  run.input = group.input + first, run.positions = positions;
+  run.channels = s.in_per_group, run.link = LinkOf(s), run.input_plane = group.plan.plane;
+  std::vector<Tap> const& taps = group.plan.parts[part].taps;
+  run.steps = block.steps[part].data(), run.tap_count = taps.size();
+  if (s.Taps() == 1 && !taps.empty()) run.steps = nullptr, run.input += taps[0].input;
+  run.weights = kept.weights, run.weight_plane = kept.channel, run.output_step = kept.output;
+  run.outputs = block.outputs;
+  run.starts = group.starts + block.first;
   run.results = results, run.result_plane = result_plane;
-  bool const whole = s.Taps() == 1;  // the inputs of a tile are read once for all outputs
-  for (std::size_t c = 0; c < s.in_per_group; c += run.channels) {
-    Link const link = LinkAt(s, c);
-    run.chain = link.chain, run.channels = whole ? s.in_per_group : link.channels;
-    run.input = group.input + first + c * run.input_plane;
-    run.weights = kept.weights + c * kept.channel;
-    rows::RunFusedRows(run);
-  }
+  rows::RunFusedPositions(run, s.Taps() > 1);
 }
 
 std::size_t WholeVectors(std::size_t positions) {
@@ -314,21 +285,22 @@ std::size_t RowResults(Plan const& plan) {
   return WholeVectors(std::min(RowsAtATime(plan), plan.parts[0].rows) * plan.pitch);
 }
 
-// Rows [first, first + count) of a vertical phase, for some outputs from `o` on.
-void PositionRows(Group const& group, Kept const& kept, std::size_t o, std::size_t outputs, std::size_t py,
-                  std::size_t first, std::size_t count, float* results) {
+// Rows [first, first + count) of a vertical phase.
+void PositionRows(Group const& group, Block const& block, std::size_t py, std::size_t first, std::size_t count,
+                  float* results) {
   ConvolutionShape const& s = group.shape;
   Plan const& plan = group.plan;
-  std::size_t const pitch = RowResults(plan);
-  for (std::size_t px = 0; px < std::min(plan.phases_x, s.out_width); ++px) {
-    Part const& part = plan.parts[py * plan.phases_x + px];
-    RunRows(group, TapsAt(part, kept), kept, o, outputs, first * plan.pitch,
-            WholeVectors((count - 1) * plan.pitch + part.columns), results + px * outputs * pitch, pitch);
+  std::size_t const pitch = RowResults(plan), outputs = block.outputs;
+  for (std::size_t px = 0; px < plan.phases_x; ++px) {
+    std::size_t const part = py * plan.phases_x + px;
+    RunPositions(group, block, part, first * plan.pitch,
+                 WholeVectors((count - 1) * plan.pitch + plan.parts[part].columns), results + px * outputs * pitch,
+                 pitch);
   }
   for (std::size_t i = 0; i < outputs * count; ++i) {
     std::size_t const y = (first + i % count) * plan.phases_y + py;
     rows::MergePhases(results + i / count * pitch + i % count * plan.pitch, outputs * pitch, plan.phases_x, s.out_width,
-                      group.output + (o + i / count) * s.OutPlane() + y * s.out_width);
+                      group.output + (block.first + i / count) * s.OutPlane() + y * s.out_width);
   }
 }
 
@@ -339,12 +311,11 @@ void ByPositions(Group const& group, float* scratch) {
   Plan const& plan = group.plan;
   std::size_t const step = RowsAtATime(plan);
   for (std::size_t o = 0; o < s.out_per_group; o += kFusedBlock) {
-    std::size_t const outputs = std::min(kFusedBlock, s.out_per_group - o);
-    Kept const kept = KeptAt(s, plan.transposed, group.weights, o);
+    Block const block = BlockAt(group, o);
     for (std::size_t py = 0; py < plan.phases_y; ++py) {
       std::size_t const all = plan.parts[py * plan.phases_x].rows;
       for (std::size_t first = 0; first < all; first += step) {
-        PositionRows(group, kept, o, outputs, py, first, std::min(step, all - first), scratch);
+        PositionRows(group, block, py, first, std::min(step, all - first), scratch);
       }
     }
   }
@@ -354,10 +325,7 @@ void ByPositions(Group const& group, float* scratch) {
 void ByPositionsAsTheyLie(Group const& group) {
   ConvolutionShape const& s = group.shape;
   for (std::size_t o = 0; o < s.out_per_group; o += kFusedBlock) {
-    std::size_t const outputs = std::min(kFusedBlock, s.out_per_group - o);
-    Kept const kept = KeptAt(s, group.plan.transposed, group.weights, o);
-    RunRows(group, TapsAt(group.plan.parts[0], kept), kept, o, outputs, 0, s.OutPlane(),
-            group.output + o * s.OutPlane(), s.OutPlane());
+    RunPositions(group, BlockAt(group, o), 0, 0, s.OutPlane(), group.output + o * s.OutPlane(), s.OutPlane());
   }
 }
 
@@ -403,19 +371,35 @@ void Plainly(Group const& group) {
   }
 }
 
+// A kernel of one element on a plane of one: the product of a matrix and a vector.
+bool IsProduct(ConvolutionShape const& s) {
+  return IsPacked(s) && s.Taps() == 1 && s.InPlane() == 1 && s.padded_height * s.padded_width == 1;
+}
+void ConvolveAsProducts(ConvolutionShape const& s, ConvolutionData const& data) {
+  rows::PackedProductRun run{};
+  run.rows = 1, run.inputs = s.in_per_group, run.outputs = run.y_stride = s.out_per_group;
+  for (std::size_t g = 0; g < s.groups; ++g) {
+    run.packed = data.weights + g * run.outputs * run.inputs;
+    run.x = data.input + g * run.inputs;
+    run.bias = data.bias == nullptr ? nullptr : data.bias + g * run.outputs;
+    run.y = data.output + g * run.outputs;
+    rows::FusedProduct(run);
+  }
+}
+
 // How a plan is gone through, and the floats that it takes beside the laid planes.
 enum class Way { kOutputs, kPositions, kPositionsAsTheyLie };
 Way WayOf(ConvolutionShape const& s, Plan const& plan) {
   auto const lanes = static_cast<std::size_t>(rows::ActiveLanes());
   bool const flat = plan.as_it_lies && s.Taps() == 1 && plan.parts.size() == 1 && s.out_width == plan.pitch;
   if (flat && s.OutPlane() >= (IsPacked(s) ? 6 * lanes : lanes)) return Way::kPositionsAsTheyLie;
-  return IsPacked(s) ? Way::kOutputs : Way::kPositions;
+  return IsPacked(s) && !plan.transposed ? Way::kOutputs : Way::kPositions;
 }
 double WorkOf(ConvolutionShape const& s, Plan const& plan, Way way) {
   if (way == Way::kPositionsAsTheyLie) return 0.0;
-  auto const phases = static_cast<double>(plan.phases_x);
-  if (way == Way::kOutputs) return static_cast<double>(kStrip * kFusedBlock) * (1.0 + phases);
-  return phases * static_cast<double>(s.out_per_group) * static_cast<double>(RowResults(plan));
+  if (way == Way::kOutputs) return static_cast<double>(kStrip * kFusedBlock);
+  return static_cast<double>(plan.phases_x) * static_cast<double>(std::min(kFusedBlock, s.out_per_group)) *
+         static_cast<double>(RowResults(plan));
 }
 
 // The inputs, kept weights and results of group g.
@@ -447,7 +431,7 @@ void Convolve(ConvolutionShape const& s, Plan const& plan, ConvolutionData const
   for (std::size_t g = 0; g < s.groups; ++g) {
     Group group = GroupAt(s, plan, data, starts, g);
     if (lays) {
-      LayGroup(s, plan, group.input, scratch.Data());
+      LayPlanes(s, plan, group.input, scratch.Data());
       group.input = scratch.Data();
     }
     if (way == Way::kOutputs) ByOutputs(group, scratch.Data() + held);
@@ -494,11 +478,12 @@ void ConvolveFused(ConvolutionShape const& shape, ConvolutionData const& data, r
   if (shape.in_per_group == 1 && !IsPacked(shape) && ScratchByColumns(shape) <= MostScratch(shape)) {
     return ConvolveByColumns(shape, data, device, rows::RunFusedPlane);
   }
+  if (IsProduct(shape)) return ConvolveAsProducts(shape, data);
   Convolve(shape, PlanDirect(shape), data, device);
 }
 
 void ConvolveTransposedFused(ConvolutionShape const& shape, ConvolutionData const& data, runtime::DeviceCPU& device) {
-  if (shape.InPlane() > 0 && shape.stride_y * shape.stride_x <= kMostPhases) {
+  if (shape.InPlane() > 0 && PhasesY(shape) * PhasesX(shape) <= kMostPhases) {
     Convolve(shape, PlanTransposed(shape), data, device);
   } else {
     Plan plain{};

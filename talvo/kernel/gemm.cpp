@@ -13,6 +13,7 @@
 #include "talvo/kernel/rows/transpose.h"
 #include "talvo/kernel/sgemm.h"
 #include "talvo/serialization/layer_info_conv.h"
+#include "talvo/serialization/layer_info_tensor.h"
 #include "talvo/utility/refuse_support.h"
 
 namespace talvo::kernel {
@@ -282,10 +283,18 @@ void Turn(float const* matrix, std::size_t rows, std::size_t columns, float* tur
 struct MatMulOperation : support::Strict<runtime::GemmInfo> {
   static constexpr char const* kName = "MatMul_Fallback_Float_M1";
 
+  static int IsValidParam(LayerPtr const& layer, ParamPtr const& param) {
+    bool const plain = support::StrictParam<runtime::BroadcastOperatorInfo>(layer, param) == 0;
+    return plain ? 0 : support::StrictParam<runtime::GemmInfo>(layer, param);
+  }
+
   bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) {
-    auto const& info = support::As<runtime::GemmInfo>(kName, layer);
-    layer_id = info.id;
-    trans_a = info.trans_a, trans_b = info.trans_b, alpha = info.alpha;
+    auto const* const info = dynamic_cast<runtime::GemmInfo const*>(layer.get());
+    runtime::GemmInfo const plain;
+    layer_id = layer->id;
+    trans_a = (info != nullptr ? *info : plain).trans_a;
+    trans_b = (info != nullptr ? *info : plain).trans_b;
+    alpha = (info != nullptr ? *info : plain).alpha;
     return true;
   }
 

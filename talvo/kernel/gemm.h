@@ -55,8 +55,9 @@ using FullConnection_Fused_C_Float_M1 = KernelOf<FusedFullConnectionOperation>;
 /// same bits; W is kept packed. Assert in Forward, besides: a rank other than 2, fewer than S * in_features elements.
 using FullConnection_Fallback_SC_Float_M1 = KernelOf<RowsFullConnectionOperation>;
 
-/// y = alpha * (op(A) op(B)) for inputs A [.., m, k] and B [.., k, n] in any layout, of a GemmInfo: `trans_a` and
-/// `trans_b` say that A is [.., k, m] and B [.., n, k]; `beta` belongs to a third operand, which there is not. Leading
+/// y = A B for inputs A [.., m, k] and B [.., k, n] in any layout, of a BroadcastOperatorInfo, whose `op_type` is not
+/// read, and alpha * (op(A) op(B)) of a GemmInfo, which model files do not hold: `trans_a` and `trans_b` say that A is
+/// [.., k, m] and B [.., n, k]; `beta` belongs to a third operand, which there is not. Leading
 /// extents are equal, or one operand is a single matrix of rank 2 that serves all of the other. Each sum goes p = 0,
 /// 1, ... k - 1 from 0.0f, each product and each sum rounded, and is then multiplied by alpha. The output has the
 /// layout of the operand with more axes, of A where both have as many. Assert, with kernel, layer and dims: operands

@@ -87,6 +87,12 @@ TensorPtr NewOutput(runtime::IKernel const& kernel, Tensors const& inputs, Conte
   return Device(kernel, context).CreateTensor(std::move(outputs[index]), nullptr);
 }
 
+TensorPtr NewScratch(runtime::DeviceCPU& device, std::size_t floats) {
+  return device.CreateTensor(TensorShape({static_cast<unsigned int>(floats)}, TensorShape::FLOAT32, TensorShape::C,
+                                         TensorShape::MainMemory, TensorShape::Extra()),
+                             nullptr);
+}
+
 runtime::DeviceCPU& Device(Who const& who, ContextPtr const& context) {
   if (context == nullptr || context->device_cpu == nullptr) {
     Refuse("%s: the context has no CPU device", who.Text().c_str());

@@ -58,13 +58,6 @@ PoolingShape ShapeOf(TensorCPU const& input, TensorCPU const& output) {
   return {dims[0], dims[1], dims[2], output.shape.dims[1], output.shape.dims[2]};
 }
 
-// From the pool of the context, so that a pass of a net finds it there again.
-std::shared_ptr<TensorCPU> MakeScratch(std::size_t count, runtime::DeviceCPU& device) {
-  return device.CreateTensor(TensorShape({static_cast<unsigned int>(count)}, TensorShape::FLOAT32, TensorShape::C,
-                                         TensorShape::MainMemory, TensorShape::Extra()),
-                             nullptr);
-}
-
 // What the three have in common. `Operation` adds its name, what it reads of the layer, the output's dims, what it
 // refuses of its input, and the pooling itself.
 template <class Operation, class Info>
@@ -144,7 +137,7 @@ struct AveragePoolingOperation : WindowedPoolingOf<AveragePoolingOperation, runt
 
   void Run(TensorCPU const& input, TensorCPU const& output, runtime::DeviceCPU& device) const {
     PoolingShape const shape = ShapeOf(input, output);
-    auto const scratch = MakeScratch(functional::average_pool_scratch_f32(shape, window), device);
+    auto const scratch = support::NewScratch(device, functional::average_pool_scratch_f32(shape, window));
     functional::average_pool_f32(input.Data<float>(), shape, window, count_include_pad, scratch->Data<float>(),
                                  output.Data<float>());
   }
@@ -173,7 +166,7 @@ struct MaximumPoolingOperation : WindowedPoolingOf<MaximumPoolingOperation, runt
 
   void Run(TensorCPU const& input, TensorCPU const& output, runtime::DeviceCPU& device) const {
     PoolingShape const shape = ShapeOf(input, output);
-    auto const scratch = MakeScratch(functional::max_pool_scratch_f32(shape, window), device);
+    auto const scratch = support::NewScratch(device, functional::max_pool_scratch_f32(shape, window));
     functional::max_pool_f32(input.Data<float>(), shape, window, scratch->Data<float>(), output.Data<float>());
   }
 
@@ -197,7 +190,7 @@ struct AdaptiveAveragePoolingOperation : PoolingOf<AdaptiveAveragePoolingOperati
 
   void Run(TensorCPU const& input, TensorCPU const& output, runtime::DeviceCPU& device) const {
     PoolingShape const shape = ShapeOf(input, output);
-    auto const scratch = MakeScratch(functional::adaptive_pool_scratch_f32(shape), device);
+    auto const scratch = support::NewScratch(device, functional::adaptive_pool_scratch_f32(shape));
     functional::adaptive_average_pool_f32(input.Data<float>(), shape, scratch->Data<float>(), output.Data<float>());
   }
 

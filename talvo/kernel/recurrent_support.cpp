@@ -7,7 +7,6 @@
 #include "talvo/kernel/kernel_support.h"
 #include "talvo/kernel/rows/fused_product.h"
 #include "talvo/kernel/rows/gates.h"
-#include "talvo/kernel/rows/matrix_product.h"
 #include "talvo/utility/refuse_support.h"
 
 namespace talvo::kernel::recurrent {
@@ -15,7 +14,6 @@ namespace {
 
 using utility::Refuse;
 
-constexpr std::size_t kPackFrom = 4;      // steps from which packed weights pay
 constexpr std::size_t kStepsAtOnce = 64;  // steps whose input products are made together
 
 void RunRnn(Step const& step) {
@@ -70,43 +68,103 @@ void ConnectFused(float const* in, unsigned int const& in_count, unsigned int co
   rows::FusedProduct({weight, in, bias, 1, out_count, in_count, out, out_count, false});
 }
 
-struct Extents {
-  std::size_t outputs, inputs;
-};
+// Rows from which it pays to pack the weights of a block of outputs, multiply all rows and go on to the next block.
+constexpr std::size_t kBlocksFrom = 3;
 
-// y = W x + bias for row after row. Where the order of the sums is ours and the rows are many, W is packed once.
-class RowProduct {
- public:
-  // `first` is the first of the outputs, a row of the weight where the product keeps it as it is, else 0.
-  RowProduct(Product const& product, TensorPtr const& weight, TensorPtr const& bias, Extents const& extents,
-             std::size_t rows, runtime::DeviceCPU& device, std::size_t first = 0)
-      : product_(product),
-        outputs_(static_cast<unsigned int>(extents.outputs)),
-        inputs_(static_cast<unsigned int>(extents.inputs)),
-        weight_(weight->Data<float>() + first * extents.inputs),
-        bias_(bias != nullptr ? bias->Data<float>() + first : nullptr) {
-    if (product.packing != Packing::kInLongPasses || rows < kPackFrom) return;
-    packed_ = device.CreateF32CMainMemory(static_cast<unsigned int>(rows::FusedFloats(outputs_, inputs_)), nullptr);
-    rows::PackFused(weight_, outputs_, inputs_, packed_->Data<float>());
+// The same of weights that are packed whole for rows that come one by one: the larger they are, the less of them is
+// still in a cache when the next row comes, and the less packing saves.
+std::size_t PackFrom(std::size_t weights) {
+  constexpr std::size_t kLeast = 3, kBytesToARow = std::size_t{1} << 19;
+  return kLeast + weights * sizeof(float) / kBytesToARow;
+}
+
+TensorPtr PackedRoom(runtime::DeviceCPU& device, std::size_t outputs, std::size_t inputs) {
+  return device.CreateF32CMainMemory(static_cast<unsigned int>(rows::FusedFloats(outputs, inputs)), nullptr);
+}
+
+// W and the bias of y = W x + bias, as `product` keeps them.
+struct Matrix {
+  Matrix(Product const& of, TensorPtr const& w, TensorPtr const& b, std::size_t rows, std::size_t columns)
+      : product(of),
+        outputs(static_cast<unsigned int>(rows)),
+        inputs(static_cast<unsigned int>(columns)),
+        weight(w->Data<float>()),
+        bias(b != nullptr ? b->Data<float>() : nullptr) {}
+
+  // Some of the outputs; for weights that are kept as they are.
+  Matrix Part(std::size_t first, std::size_t count) const {
+    Matrix part = *this;
+    part.outputs = static_cast<unsigned int>(count);
+    part.weight += first * inputs;
+    if (bias != nullptr) part.bias += first;
+    return part;
   }
 
-  // `backwards`: see PackedProductRun.
-  void Run(float const* x, std::size_t rows, bool backwards, float* y) const {
-    if (product_.packing == Packing::kAtOnce) {
-      rows::FusedProduct({weight_, x, bias_, rows, outputs_, inputs_, y, outputs_, backwards});
-    } else if (packed_ != nullptr) {
-      rows::PackedProduct({packed_->Data<float>(), x, bias_, rows, outputs_, inputs_, y, outputs_, backwards});
+  void MultiplyRow(float const* x, float* y) const { product.connect(x, inputs, outputs, weight, bias, y); }
+
+  // `count` outputs from `first` on, whose packed weights are these; y [rows, outputs].
+  void MultiplyPacked(float const* packed, float const* x, std::size_t rows, std::size_t first, std::size_t count,
+                      bool backwards, float* y) const {
+    (*product.multiply)(
+        {packed, x, bias != nullptr ? bias + first : nullptr, rows, count, inputs, y + first, outputs, backwards});
+  }
+
+  Product const& product;
+  unsigned int outputs, inputs;
+  float const *weight, *bias;
+};
+
+// W_ih x + b_ih of many rows at a time.
+class InputProduct {
+ public:
+  InputProduct(Matrix const& matrix, std::size_t rows, runtime::DeviceCPU& device) : matrix_(matrix) {
+    if (matrix.product.packing != Packing::kInPasses || rows < kBlocksFrom) return;
+    block_ = PackedRoom(device, std::min<std::size_t>(rows::kFusedBlock, matrix.outputs), matrix.inputs);
+  }
+
+  void Run(float const* x, std::size_t rows, float* y) const {
+    if (matrix_.product.packing == Packing::kAtOnce) {
+      matrix_.MultiplyPacked(matrix_.weight, x, rows, 0, matrix_.outputs, false, y);
+    } else if (block_ != nullptr && rows >= kBlocksFrom) {
+      RunBlocks(x, rows, y);
     } else {
-      for (std::size_t r = 0; r < rows; ++r) {
-        product_.connect(x + r * inputs_, inputs_, outputs_, weight_, bias_, y + r * outputs_);
-      }
+      for (std::size_t r = 0; r < rows; ++r) matrix_.MultiplyRow(x + r * matrix_.inputs, y + r * matrix_.outputs);
     }
   }
 
  private:
-  Product const& product_;
-  unsigned int outputs_, inputs_;
-  float const *weight_, *bias_;
+  void RunBlocks(float const* x, std::size_t rows, float* y) const {
+    float* const packed = block_->Data<float>();
+    for (std::size_t o = 0; o < matrix_.outputs; o += rows::kFusedBlock) {
+      std::size_t const count = std::min(rows::kFusedBlock, matrix_.outputs - o);
+      rows::PackFused(matrix_.weight + o * matrix_.inputs, count, matrix_.inputs, packed);
+      matrix_.MultiplyPacked(packed, x, rows, o, count, false, y);
+    }
+  }
+
+  Matrix matrix_;
+  TensorPtr block_;
+};
+
+// W_hh h + b_hh for a row at each of many steps.
+class HiddenProduct {
+ public:
+  HiddenProduct(Matrix const& matrix, std::size_t steps, runtime::DeviceCPU& device) : matrix_(matrix) {
+    std::size_t const weights = std::size_t{matrix.outputs} * matrix.inputs;
+    if (matrix.product.packing != Packing::kInPasses || weights == 0 || steps < PackFrom(weights)) return;
+    packed_ = PackedRoom(device, matrix.outputs, matrix.inputs);
+    rows::PackFused(matrix.weight, matrix.outputs, matrix.inputs, packed_->Data<float>());
+  }
+
+  // `backwards`: see PackedProductRun.
+  void Run(float const* h, bool backwards, float* y) const {
+    bool const kept = matrix_.product.packing == Packing::kAtOnce;
+    if (!kept && packed_ == nullptr) return matrix_.MultiplyRow(h, y);
+    matrix_.MultiplyPacked(kept ? matrix_.weight : packed_->Data<float>(), h, 1, 0, matrix_.outputs, backwards, y);
+  }
+
+ private:
+  Matrix matrix_;
   TensorPtr packed_;
 };
 
@@ -116,9 +174,9 @@ Gates const kRnn = {1, false, RunRnn};
 Gates const kLstm = {4, true, RunLstm};
 Gates const kGru = {3, false, RunGru};
 Gates const kGruResetBefore = {3, false, nullptr};
-Product const kOrdered = {Packing::kInLongPasses, functional::fullconnection_fallback_c_f32_m1};
-Product const kBlas = {Packing::kNever, functional::fullconnection_sgemm_c_f32_m1};
-Product const kFused = {Packing::kAtOnce, ConnectFused};
+Product const kOrdered = {Packing::kInPasses, functional::fullconnection_fallback_c_f32_m1, &rows::PackedProduct};
+Product const kBlas = {Packing::kNever, functional::fullconnection_sgemm_c_f32_m1, nullptr};
+Product const kFused = {Packing::kAtOnce, ConnectFused, &rows::FusedProduct};
 
 TensorPtr Keep(Product const& product, TensorPtr const& weight, runtime::DeviceCPU& device) {
   if (product.packing != Packing::kAtOnce) return weight;
@@ -157,16 +215,15 @@ class HiddenStep {
       : form_(form),
         size_(pass.hidden_size),
         resets_before_(form.gates.run == nullptr),
-        gates_(form.product, weights.weight_hh, weights.bias_hh,
-               {(resets_before_ ? 2 : form.gates.count) * size_, size_}, pass.steps, device),
-        candidates_(form.product, weights.weight_hh, weights.bias_hh, {resets_before_ ? size_ : 0, size_},
-                    resets_before_ ? pass.steps : 0, device, resets_before_ ? 2 * size_ : 0) {}
+        all_(form.product, weights.weight_hh, weights.bias_hh, form.gates.count * size_, size_),
+        gates_(resets_before_ ? all_.Part(0, 2 * size_) : all_, pass.steps, device),
+        candidates_(resets_before_ ? all_.Part(2 * size_, size_) : all_.Part(0, 0), pass.steps, device) {}
 
   void Run(float const* a, float const* h, bool odd, float* b, float* c, float* h_new) const {
-    gates_.Run(h, 1, odd, b);
+    gates_.Run(h, odd, b);
     if (!resets_before_) return form_.gates.run({a, b, h, c, h_new, size_, kTanh});
     rows::GruResets(a, b, h, size_, h_new);
-    candidates_.Run(h_new, 1, odd, b + 2 * size_);
+    candidates_.Run(h_new, odd, b + 2 * size_);
     rows::GruUpdates(a + 2 * size_, b + 2 * size_, b + size_, h, size_, h_new);
   }
 
@@ -174,7 +231,8 @@ class HiddenStep {
   Form const& form_;
   std::size_t size_;
   bool resets_before_;
-  RowProduct gates_, candidates_;
+  Matrix all_;
+  HiddenProduct gates_, candidates_;
 };
 
 }  // namespace
@@ -182,14 +240,15 @@ class HiddenStep {
 // A step reads its hidden state where the one before wrote it, in y.
 void RunPass(Form const& form, Weights const& weights, Pass const& pass, runtime::DeviceCPU& device) {
   std::size_t const steps = pass.steps, size = pass.hidden_size, outputs = form.gates.count * size;
-  RowProduct const from_x(form.product, weights.weight_ih, weights.bias_ih, {outputs, weights.in_size}, steps, device);
+  InputProduct const from_x({form.product, weights.weight_ih, weights.bias_ih, outputs, weights.in_size},
+                            std::min(steps, kStepsAtOnce), device);
   HiddenStep const step(form, weights, pass, device);
   float *const b = pass.scratch, *const a = b + outputs;
   float const* h = pass.h;
   for (std::size_t done = 0; done < steps; done += kStepsAtOnce) {
     std::size_t const rows = std::min(kStepsAtOnce, steps - done);
     std::size_t const first = pass.reverse ? steps - done - rows : done;
-    from_x.Run(pass.x + first * weights.in_size, rows, false, a);
+    from_x.Run(pass.x + first * weights.in_size, rows, a);
     for (std::size_t r = 0; r < rows; ++r) {
       std::size_t const row = pass.reverse ? rows - 1 - r : r;
       float* const h_new = pass.y + (first + row) * pass.y_stride;

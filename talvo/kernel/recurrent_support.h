@@ -6,6 +6,7 @@
 #include <memory>
 #include <vector>
 
+#include "talvo/kernel/rows/matrix_product.h"
 #include "talvo/runtime/device_cpu.h"
 #include "talvo/runtime/tensor_cpu.h"
 
@@ -39,15 +40,16 @@ extern Gates const kGruResetBefore;
 using Connect = void(float const* in, unsigned int const& in_count, unsigned int const& out_count, float const* weight,
                      float const* bias, float* out);
 
-/// When a form packs its weights: never; in a pass that is long enough, beside those it keeps; at once, and keeps no
+/// When a form packs its weights: never; in a pass of enough steps, beside those it keeps; at once, and keeps no
 /// others.
-enum class Packing : unsigned char { kNever, kInLongPasses, kAtOnce };
+enum class Packing : unsigned char { kNever, kInPasses, kAtOnce };
 
 /// A matrix step. `connect` takes packed weights where the form keeps them. Forms that pack sum in the order of the
 /// inputs, so that any blocking over outputs and steps gives the same bits.
 struct Product {
   Packing packing;
   Connect* connect;
+  rows::Primitive<void(rows::PackedProductRun const&)> const* multiply;  // none where nothing is packed
 };
 extern Product const kOrdered, kBlas, kFused;
 

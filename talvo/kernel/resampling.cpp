@@ -286,10 +286,12 @@ struct GridSampleOperation : support::Strict<runtime::GridSampleInfo> {
     if ((!bilinear && mode != kNearest) || (!border && padding_mode != kZeros)) Refuse(nullptr);
     TensorPtr const x = support::Input(Who(), inputs, 0, 3), grid = support::Input(Who(), inputs, 1);
     TensorPtr const y = support::NewOutput(kernel, inputs, context);
-    std::size_t const height = y->shape.dims[1], width = y->shape.dims[2];
-    support::CheckTensor(Who(), "the grid", grid.get(), {sizeof(float), support::kAnyRank, 2 * (height * width)});
-    functional::GridSample(x->Data<float>(), SizeOf(*x), grid->Data<float>(), height, width,
-                           {bilinear, border, align_corners}, y->Data<float>());
+    std::size_t const count = std::size_t{y->shape.dims[1]} * y->shape.dims[2];
+    support::CheckTensor(Who(), "the grid", grid.get(), {sizeof(float), support::kAnyRank, 2 * count});
+    functional::ImageSize const size = SizeOf(*x);
+    auto const scratch = support::NewScratch(*context->device_cpu, functional::GridSampleScratch(size, count));
+    functional::GridSample(x->Data<float>(), size, grid->Data<float>(), count, {bilinear, border, align_corners},
+                           scratch->Data<float>(), y->Data<float>());
     outputs.assign(1, y);
     return 0;
   }

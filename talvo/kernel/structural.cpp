@@ -44,6 +44,8 @@ bool HasChannelsOutermost(Tensor const& tensor) {
 
 // Softmax of n values that follow each other.
 void SoftmaxRow(float const* x, std::size_t n, float* y) {
+  // The largest value is not taken off first: the interface's sum, in double, of exp as it comes. Where exp overflows,
+  // infinity over infinity is NaN.
   rows::ExpRow(x, n, y);
   double sum = 0.0;
   for (std::size_t k = 0; k < n; ++k) sum += static_cast<double>(y[k]);
@@ -218,6 +220,7 @@ struct ConcatenateChannelsOperation : support::Strict<runtime::ConcatenateInfo> 
       bytes += runtime::ByteCount(support::Input(kName, inputs, i, support::kAnyRank, 1)->shape);
     }
     auto const y = support::NewOutput(kernel, inputs, context);
+    // The output takes all but the channels from the first input, and others may be larger.
     if (bytes > runtime::ByteCount(y->shape)) {
       Refuse("%s: %zu inputs hold %zu bytes, the output %u", kName, inputs.size(), static_cast<std::size_t>(bytes),
              runtime::ByteCount(y->shape));
@@ -269,6 +272,7 @@ struct SliceOperation : JudgedInVain<runtime::TensorSliceInfo> {
   int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
     auto const x = support::Input(Who(), inputs, 0, 3);
     auto const extents = functional::SliceExtents(Who(), slice_dims);
+    // Before an output is made: the extents of a bad record may ask for gigabytes.
     for (std::size_t axis = 0; axis < extents.size(); ++axis) {
       if (extents[axis] > x->shape.dims[axis]) {
         Refuse("%s: extent %zu of the slice is %u, of the input %u", Who().Text().c_str(), axis, extents[axis],

@@ -5,6 +5,7 @@
 
 #include "talvo/kernel/convolution_support.h"
 #include "talvo/kernel/rows/convolution_tile.h"
+#include "talvo/kernel/rows/position_rows.h"
 #include "talvo/kernel/rows/transpose.h"
 
 namespace talvo::kernel {
@@ -87,6 +88,30 @@ class Axis {
 Axis AxisY(ConvolutionShape const& s) { return Axis(s.kernel_y, s.dilation_y, s.stride_y, s.top, s.in_height); }
 Axis AxisX(ConvolutionShape const& s) { return Axis(s.kernel_x, s.dilation_x, s.stride_x, s.left, s.in_width); }
 
+// The elements of a line that meet an input, `shift` strides behind the line's position.
+struct Meeting {
+  Axis const& axis;
+  Line const& line;
+  Axis::Window window;
+  std::int64_t shift;
+};
+
+// The taps of a row and a column of the output: a float of input lies `input_step` behind the other, and a weight
+// `weight_step`.
+void FindTaps(ConvolutionShape const& shape, Meeting const& row, Meeting const& column, std::size_t input_step,
+              std::size_t weight_step, std::vector<Tap>& taps) {
+  taps.clear();
+  for (std::size_t r = row.window.begin; r < row.window.end; ++r) {
+    std::size_t const kernel_row = row.axis.KernelAt(row.line, r) * shape.kernel_x;
+    std::size_t const input_row = row.axis.InputAt(row.line, r, row.shift) * shape.in_width;
+    for (std::size_t c = column.window.begin; c < column.window.end; ++c) {
+      std::size_t const turned = shape.Taps() - 1 - (kernel_row + column.axis.KernelAt(column.line, c));
+      std::size_t const input = input_row + column.axis.InputAt(column.line, c, column.shift);
+      taps.push_back({input * input_step, turned * weight_step});
+    }
+  }
+}
+
 // The channels of a block over all rows of the output, a strip of columns at a time.
 class RowTiles {
  public:
@@ -135,22 +160,10 @@ class RowTiles {
         auto const shift = static_cast<std::int64_t>(first);
         Axis::Window const columns_met = axis_x_.Inside(columns, shift);
         auto const end = static_cast<std::size_t>(std::min(columns_met.next, static_cast<std::int64_t>(positions)));
-        FindTaps(rows, rows_met, columns, columns_met, shift);
+        FindTaps(shape_, {axis_y_, rows, rows_met, 0}, {axis_x_, columns, columns_met, shift}, run_.input_step,
+                 run_.lanes, taps_);
         AddProducts(phase + first * shape_.stride_x, end - first);
         first = end;
-      }
-    }
-  }
-
-  void FindTaps(Line const& rows, Axis::Window const& rows_met, Line const& columns, Axis::Window const& columns_met,
-                std::int64_t shift) {
-    taps_.clear();
-    for (std::size_t r = rows_met.begin; r < rows_met.end; ++r) {
-      std::size_t const kernel_row = axis_y_.KernelAt(rows, r) * shape_.kernel_x;
-      std::size_t const input_row = axis_y_.InputAt(rows, r, 0) * shape_.in_width;
-      for (std::size_t c = columns_met.begin; c < columns_met.end; ++c) {
-        std::size_t const turned = shape_.Taps() - 1 - (kernel_row + axis_x_.KernelAt(columns, c));
-        taps_.push_back({(input_row + axis_x_.InputAt(columns, c, shift)) * run_.input_step, turned * run_.lanes});
       }
     }
   }
@@ -234,6 +247,75 @@ void TransposeByGroups(ConvolutionShape const& shape, ConvolutionData const& dat
   }
 }
 
+// Columns of one phase in the lanes, for fewer outputs than lanes: all outputs of a group at a row of the output.
+class PhaseRows {
+ public:
+  // `results` takes a row for each output.
+  PhaseRows(ConvolutionShape const& shape, float* results)
+      : shape_(shape), axis_y_(AxisY(shape)), axis_x_(AxisX(shape)), results_(results) {
+    run_.channels = shape.in_per_group, run_.link = 1;
+    run_.input_plane = shape.InPlane();
+    run_.weight_plane = shape.out_per_group * shape.Taps(), run_.output_step = shape.Taps();
+    run_.outputs = shape.out_per_group;
+    run_.result_plane = Pitch(shape);
+  }
+
+  // Columns of the longest phase.
+  static std::size_t Pitch(ConvolutionShape const& s) { return (s.out_width + s.stride_x - 1) / s.stride_x; }
+  static std::size_t Phases(ConvolutionShape const& s) { return std::min(s.stride_x, s.out_width); }
+
+  void Run(float const* input, float const* weights, float const* starts, float* output) {
+    run_.weights = weights, run_.starts = starts;
+    for (std::size_t y = 0; y < shape_.out_height; ++y, output += shape_.out_width) {
+      for (std::size_t phase = 0; phase < Phases(shape_); ++phase) RunPhase(input, y, phase);
+      for (std::size_t o = 0; o < run_.outputs; ++o) {
+        rows::MergePhases(results_ + o * run_.result_plane, run_.outputs * run_.result_plane, shape_.stride_x,
+                          shape_.out_width, output + o * shape_.OutPlane());
+      }
+    }
+  }
+
+ private:
+  // The columns of a phase that meet the same kernel elements go together.
+  void RunPhase(float const* input, std::size_t y, std::size_t phase) {
+    Line const rows = axis_y_.At(y), columns = axis_x_.At(phase);
+    std::size_t const count = (shape_.out_width - phase - 1) / shape_.stride_x + 1;
+    for (std::size_t first = 0; first < count; first += run_.positions) {
+      auto const shift = static_cast<std::int64_t>(first);
+      Axis::Window const met = axis_x_.Inside(columns, shift);
+      FindTaps(shape_, {axis_y_, rows, axis_y_.Inside(rows, 0), 0}, {axis_x_, columns, met, shift}, 1, 1, taps_);
+      run_.steps = taps_.data(), run_.tap_count = taps_.size();
+      run_.positions = static_cast<std::size_t>(std::min(met.next, static_cast<std::int64_t>(count))) - first;
+      run_.input = input;
+      run_.results = results_ + phase * run_.outputs * run_.result_plane + first;
+      rows::RunPositions(run_);
+    }
+  }
+
+  ConvolutionShape const& shape_;
+  Axis const axis_y_, axis_x_;
+  float* const results_;
+  std::vector<Tap> taps_;
+  rows::PositionRun run_{};
+};
+
+double PhaseRowsFloats(ConvolutionShape const& shape) {
+  return static_cast<double>(PhaseRows::Phases(shape) * PhaseRows::Pitch(shape)) *
+         static_cast<double>(shape.out_per_group);
+}
+
+void TransposeByColumns(ConvolutionShape const& shape, ConvolutionData const& data, runtime::DeviceCPU& device) {
+  std::size_t const opg = shape.out_per_group, input = shape.in_per_group * shape.InPlane();
+  std::size_t const weights = shape.in_per_group * opg * shape.Taps();
+  ConvolutionScratch const scratch(device, static_cast<std::size_t>(PhaseRowsFloats(shape)));
+  std::vector<float> const zeros(data.bias == nullptr ? opg : 0);
+  PhaseRows rows(shape, scratch.Data());
+  for (std::size_t g = 0; g < shape.groups; ++g) {
+    rows.Run(data.input + g * input, data.weights + g * weights,
+             data.bias == nullptr ? zeros.data() : data.bias + g * opg, data.output + g * opg * shape.OutPlane());
+  }
+}
+
 // Adds to a result what it meets in one channel.
 void AddChannel(ConvolutionShape const& shape, Axis const& axis_y, Axis const& axis_x, std::size_t y, std::size_t x,
                 float const* input, float const* weights, float& result) {
@@ -271,8 +353,11 @@ void ConvolveTransposed(ConvolutionShape const& shape, ConvolutionData const& da
   bool const by_groups =
       GroupsPay(shape, static_cast<double>(shape.InPlane()), shape.groups * ((opg + lanes - 1) / lanes));
   Scratch const floats(shape, by_groups ? lanes : BlockOfChannels(0, opg).lanes, by_groups);
-  if (shape.InPlane() == 0 || static_cast<double>(floats.Held() + floats.taps) > MostScratch(shape)) {
+  double const most = MostScratch(shape);
+  if (shape.InPlane() == 0 || static_cast<double>(floats.Held() + floats.taps) > most) {
     TransposePlainly(shape, data);
+  } else if (!by_groups && 3 * opg <= lanes && PhaseRows::Pitch(shape) >= 4 && PhaseRowsFloats(shape) <= most) {
+    TransposeByColumns(shape, data, device);
   } else {
     (by_groups ? TransposeByGroups : TransposeByChannels)(shape, data, floats, device);
   }

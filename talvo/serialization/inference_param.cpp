@@ -21,6 +21,7 @@ struct Maker {
 
 #define TALVO_MAKER(type) \
   { #type, &Make < type> }
+// What a configuration can name. The parameters of CUDA and Vulkan are not among them: no file brings them in.
 constexpr Maker kMakers[] = {
     TALVO_MAKER(InferenceParamActQuant),
     TALVO_MAKER(InferenceParamFullConnectionQuant),

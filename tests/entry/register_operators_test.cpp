@@ -158,7 +158,7 @@ std::vector<Entry> Entries() {
       {"Leaky_", activation, plane, kInverted, kFloat},
       {"Linear_", activation, plane, kInverted, kFloat},
       {"Clip_", Make<ClipInfo>, plane, kStrict, kFloat},
-      {"MatMul_", Make<GemmInfo>, planes, "0101", "02222222022", kFloat},
+      {"MatMul_", Make<BroadcastOperatorInfo>, planes, "0101", "02222222022", kFloat},
       {"PReLUChannel_", channels, plane, kStrict, kFloatPlane},
       {"PReLU_", activation, plane, kInverted, kFloat},
       {"", activation, plane, kStrict, kFloat}};

@@ -237,7 +237,8 @@ TEST(Convolution, EveryWayThroughTheTiles) {
       {"few outputs of rows in several parts, stride 2", {1, 6, 3, 61, 60, 3, 3, 2, 2, 1, 1, 1, 1, 1, 1, false}},
       {"several blocks, stride 2", {1, 21, 150, 8, 9, 4, 4, 2, 2, 1, 1, 1, 1, 1, 1, true}},
       {"several strips of a row", {1, 3, 20, 2, 270, 2, 2, 2, 2, 1, 1, 1, 1, 1, 1, true}},
-      {"more phases than are taken apart, several chains", {1, 20, 2, 3, 2, 2, 2, 9, 9, 1, 1, 1, 1, 1, 1, true}},
+      {"more phases than are taken apart", {1, 3, 2, 1, 1, 2, 2, 70, 70, 1, 1, 1, 1, 1, 1, true}},
+      {"many phases, several chains", {1, 20, 2, 3, 2, 2, 2, 9, 9, 1, 1, 1, 1, 1, 1, true}},
       {"one result of many weights", {1, 1, 1, 300, 300, 300, 300, 1, 1, 1, 1, 0, 1, 1, 0, true}},
   };
   for (auto const& row : cases) {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <limits>
+#include <random>
 #include <string>
 
 #include "talvo/kernel/functional/elementwise.h"
@@ -137,18 +138,28 @@ Floats BroadcastByDefinition(Dims a_dims, Dims b_dims, Floats const& a, Floats c
 
 TEST_F(ElementwiseKernels, BroadcastEqualsTheDefinition) {
   kernel::BroadcastOperator_Fallback_Float_M1 kernel;
-  using Pairs = std::vector<std::pair<Dims, Dims>>;
-  for (auto const& [a_dims, b_dims] : Pairs{{{2, 1, 3}, {4, 3}},
-                                            {{}, {}},
-                                            {{}, {5}},
-                                            {{37}, {1}},
-                                            {{3, 4, 5}, {3, 4, 5}},
-                                            {{6, 5, 9}, {6, 1, 1}},
-                                            {{5, 9}, {6, 1, 9}},
-                                            {{2, 1, 3, 1, 5}, {1, 4, 1, 2, 1}},
-                                            {{2, 3, 1, 1}, {2, 3, 4, 5}},
-                                            {{1, 3, 1, 7}, {2, 3, 1, 7}},
-                                            {{2, 3}, {4, 3}}}) {
+  std::vector<std::pair<Dims, Dims>> pairs = {
+      {{2, 1, 3}, {4, 3}},
+      {{}, {}},
+      {{}, {5}},
+      {{37}, {1}},
+      {{5, 9}, {6, 1, 9}},
+      {{2, 3}, {4, 3}},
+      {{700, 4}, {4}},
+      {{700, 4}, {700, 1}},
+      {{90, 7, 9}, {7, 1}},
+      {{2, 70}, {3, 1, 70}},
+  };
+  std::mt19937 engine(3);
+  auto const random = [&] { return static_cast<unsigned int>(engine()); };
+  while (pairs.size() < 80) {
+    auto& [a, b] = pairs.emplace_back();
+    for (unsigned rank = 1 + random() % 5; rank > 0; --rank) {
+      unsigned const extent = 1 + random() % (rank == 1 ? 20 : 5), repeats = random() % 4;
+      a.push_back(repeats == 0 ? 1 : extent), b.push_back(repeats == 1 ? 1 : extent);
+    }
+  }
+  for (auto const& [a_dims, b_dims] : pairs) {
     SCOPED_TRACE(::testing::PrintToString(a_dims) + " " + ::testing::PrintToString(b_dims));
     // NaN and zeros of both signs meet in the first elements: the second operand wins.
     auto const a = test::SpecialFloats(1, Count(a_dims));
@@ -201,55 +212,59 @@ TEST_F(ElementwiseKernels, ReductionsFollowTheAxesOfTheModel) {
     Shorts axes;  // of the tensor, ascending
   };
   auto const C = TensorShape::C, SC = TensorShape::SC, CHW = TensorShape::CHW, FLEXIABLE = TensorShape::FLEXIABLE;
-  for (Case const& c : {Case{"channels", {5, 3, 7}, {1}, {3, 7}, SC, {0}},
-                        {"axis 0 is the tensor's too", {5, 3, 7}, {0}, {3, 7}, SC, {0}},
-                        {"the last axis", {19, 3, 7}, {-1}, {19, 3}, SC, {2}},
-                        {"both image axes", {5, 3, 7}, {3, 2}, {5}, C, {1, 2}},
-                        {"first and last", {5, 3, 7}, {-1, 1}, {3}, C, {0, 2}},
-                        {"all", {5, 3, 7}, {1, 2, 3}, {1}, C, {0, 1, 2}},
-                        {"rank 4", {2, 3, 4, 5}, {2}, {2, 4, 5}, CHW, {1}},
-                        {"rank 5", {2, 3, 4, 1, 2}, {4}, {2, 3, 4, 2}, FLEXIABLE, {3}},
-                        {"nothing to sum but zeros", {0, 3}, {1}, {3}, C, {0}}}) {
-    SCOPED_TRACE(c.why);
-    auto const x = test::Floats(3, Count(c.dims));
-    Floats want = x;
-    Dims dims = c.dims;
-    float divisor = 1.0f;
-    for (std::size_t pass = c.axes.size(); pass-- > 0;) {
-      auto const axis = static_cast<std::size_t>(c.axes[pass]);
-      std::size_t inner = 1, n = dims[axis];
-      for (std::size_t i = axis + 1; i < dims.size(); ++i) inner *= dims[i];
-      divisor *= static_cast<float>(n);
-      dims.erase(dims.begin() + c.axes[pass]);
-      Floats sums(Count(dims), 0.0f);
-      for (std::size_t i = 0; i < want.size(); ++i) sums[i / inner / n * inner + i % inner] += want[i];
-      want = sums;
+  for (auto const set : kernel::rows::RunnableSets()) {
+    kernel::rows::ScopedInstructionSet const use(set);
+    for (Case const& c : {Case{"channels", {5, 3, 7}, {1}, {3, 7}, SC, {0}},
+                          {"axis 0 is the tensor's too", {5, 3, 7}, {0}, {3, 7}, SC, {0}},
+                          {"the last axis", {19, 3, 7}, {-1}, {19, 3}, SC, {2}},
+                          {"both image axes", {5, 3, 7}, {3, 2}, {5}, C, {1, 2}},
+                          {"first and last", {5, 3, 7}, {-1, 1}, {3}, C, {0, 2}},
+                          {"all", {5, 3, 7}, {1, 2, 3}, {1}, C, {0, 1, 2}},
+                          {"rank 4", {2, 3, 4, 5}, {2}, {2, 4, 5}, CHW, {1}},
+                          {"rank 5", {2, 3, 4, 1, 2}, {4}, {2, 3, 4, 2}, FLEXIABLE, {3}},
+                          {"rows of vectors and a tail", {37, 70}, {2}, {37}, C, {1}},
+                          {"nothing to sum but zeros", {0, 3}, {1}, {3}, C, {0}}}) {
+      SCOPED_TRACE(c.why);
+      auto const x = test::Floats(3, Count(c.dims));
+      Floats want = x;
+      Dims dims = c.dims;
+      float divisor = 1.0f;
+      for (std::size_t pass = c.axes.size(); pass-- > 0;) {
+        auto const axis = static_cast<std::size_t>(c.axes[pass]);
+        std::size_t inner = 1, n = dims[axis];
+        for (std::size_t i = axis + 1; i < dims.size(); ++i) inner *= dims[i];
+        divisor *= static_cast<float>(n);
+        dims.erase(dims.begin() + c.axes[pass]);
+        Floats sums(Count(dims), 0.0f);
+        for (std::size_t i = 0; i < want.size(); ++i) sums[i / inner / n * inner + i % inner] += want[i];
+        want = sums;
+      }
+      kernel::TensorArithmetic_Fallback_M1 kernel;
+      auto y = Run(kernel, ReductionLayer(c.dim, 0), {Make(c.dims, x)});
+      EXPECT_EQ(c.left, y->shape.dims);
+      EXPECT_EQ(c.layout, y->shape.layout);
+      test::ExpectSameBits(want, test::Values(*y));
+      ASSERT_TRUE(kernel.Config(ReductionLayer(c.dim, 1), nullptr, context_));
+      if (Count(c.dims) == 0) {
+        ExpectRefusal(kernel, {Make(c.dims, x)}, "the mean over axis 0 of dims [0, 3]");
+        continue;
+      }
+      for (float& value : want) value /= divisor;
+      y = Run(kernel, ReductionLayer(c.dim, 1), {Make(c.dims, x)});
+      test::ExpectSameBits(want, test::Values(*y));
+      // The free forms take the tensor's axes and empty them; the output may be the input.
+      Floats in_place = x;
+      Shorts axes = c.axes;
+      kernel::functional::Function_TensorTensorArithmetic_Mean_Fallback_Float_M1(in_place.data(), in_place.data(),
+                                                                                 c.dims, axes);
+      EXPECT_TRUE(axes.empty());
+      EXPECT_TRUE(std::equal(want.begin(), want.end(), in_place.begin()));
+      kernel::functional::Function_TensorTensorArithmetic_Sum_Fallback_Float_M1(x.data(), in_place.data(), c.dims,
+                                                                                axes = c.axes);
+      EXPECT_TRUE(axes.empty());
+      test::ExpectSameBits(test::Values(*Run(kernel, ReductionLayer(c.dim, 0), {Make(c.dims, x)})),
+                           {in_place.begin(), in_place.begin() + static_cast<std::ptrdiff_t>(want.size())});
     }
-    kernel::TensorArithmetic_Fallback_M1 kernel;
-    auto y = Run(kernel, ReductionLayer(c.dim, 0), {Make(c.dims, x)});
-    EXPECT_EQ(c.left, y->shape.dims);
-    EXPECT_EQ(c.layout, y->shape.layout);
-    test::ExpectSameBits(want, test::Values(*y));
-    ASSERT_TRUE(kernel.Config(ReductionLayer(c.dim, 1), nullptr, context_));
-    if (Count(c.dims) == 0) {
-      ExpectRefusal(kernel, {Make(c.dims, x)}, "the mean over axis 0 of dims [0, 3]");
-      continue;
-    }
-    for (float& value : want) value /= divisor;
-    y = Run(kernel, ReductionLayer(c.dim, 1), {Make(c.dims, x)});
-    test::ExpectSameBits(want, test::Values(*y));
-    // The free forms take the tensor's axes and empty them; the output may be the input.
-    Floats in_place = x;
-    Shorts axes = c.axes;
-    kernel::functional::Function_TensorTensorArithmetic_Mean_Fallback_Float_M1(in_place.data(), in_place.data(), c.dims,
-                                                                               axes);
-    EXPECT_TRUE(axes.empty());
-    EXPECT_TRUE(std::equal(want.begin(), want.end(), in_place.begin()));
-    kernel::functional::Function_TensorTensorArithmetic_Sum_Fallback_Float_M1(x.data(), in_place.data(), c.dims,
-                                                                              axes = c.axes);
-    EXPECT_TRUE(axes.empty());
-    test::ExpectSameBits(test::Values(*Run(kernel, ReductionLayer(c.dim, 0), {Make(c.dims, x)})),
-                         {in_place.begin(), in_place.begin() + static_cast<std::ptrdiff_t>(want.size())});
   }
 }
 

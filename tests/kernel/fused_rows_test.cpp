@@ -101,29 +101,42 @@ TEST(FusedStep, RoundsOnceInEverySetWithAndWithoutTheInstruction) {
   }
 }
 
-TEST(FusedProduct, IsOneChainOfFusedStepsForEachResult) {
+// y[r, o] by its definition, in rows of `stride`.
+std::vector<float> PlainProduct(bool fused, std::vector<float> const& weight, std::vector<float> const& x,
+                                float const* bias, std::size_t inputs, std::size_t stride) {
+  std::size_t const outputs = weight.size() / inputs, rows = x.size() / inputs;
+  std::vector<float> y(rows * stride, -9.0f);
+  for (std::size_t r = 0; r < rows; ++r) {
+    for (std::size_t o = 0; o < outputs; ++o) {
+      float sum = bias != nullptr ? bias[o] : 0.0f;
+      for (std::size_t i = 0; i < inputs; ++i) {
+        float const w = weight[o * inputs + i], in = x[r * inputs + i];
+        sum = fused ? std::fmaf(w, in, sum) : sum + w * in;
+      }
+      y[r * stride + o] = sum;
+    }
+  }
+  return y;
+}
+
+TEST(PackedProducts, AddInTheOrderOfTheInputs) {
   for (std::size_t const outputs : {1u, 5u, 16u, 24u, 63u, 64u, 150u}) {
     for (std::size_t const inputs : {1u, 7u, 33u}) {
-      auto const weight = test::Floats(1, outputs * inputs), starts = test::Floats(3, outputs);
+      auto const weight = test::Floats(1, outputs * inputs), biases = test::Floats(3, outputs);
       std::vector<float> packed(FusedFloats(outputs, inputs), -9.0f);
       PackFused(weight.data(), outputs, inputs, packed.data());
-      for (std::size_t const rows : {1u, 4u, 11u, 100u}) {
+      for (std::size_t const rows : {1u, 4u, 11u, 32u}) {
         auto const x = test::Floats(2, rows * inputs);
-        for (bool const started : {false, true}) {
-          std::vector<float> want(rows * outputs + 1, -9.0f);
-          for (std::size_t i = 0; i < rows * outputs; ++i) {
-            std::size_t const o = i % outputs;
-            want[i] = started ? starts[o] : 0.0f;
-            for (std::size_t k = 0; k < inputs; ++k) {
-              want[i] = std::fmaf(weight[o * inputs + k], x[i / outputs * inputs + k], want[i]);
-            }
-          }
+        for (bool const fused : {false, true}) {
+          bool const gap = rows == 4, backwards = fused != gap;
+          float const* const bias = backwards ? biases.data() : nullptr;
+          auto const want = PlainProduct(fused, weight, x, bias, inputs, outputs + gap);
           for (auto const set : RunnableSets()) {
             SCOPED_TRACE(testing::Message() << NameOf(set) << ", " << rows << " rows, " << inputs << " to " << outputs);
             ScopedInstructionSet const use(set);
             std::vector<float> got(want.size(), -9.0f);
-            FusedProduct({packed.data(), x.data(), started ? starts.data() : nullptr, rows, outputs, inputs, got.data(),
-                          outputs, started});
+            (fused ? FusedProduct : PackedProduct)(
+                {packed.data(), x.data(), bias, rows, outputs, inputs, got.data(), outputs + gap, backwards});
             test::ExpectSameBits(want, got);
           }
         }

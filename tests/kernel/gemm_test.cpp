@@ -13,6 +13,7 @@
 #include "talvo/kernel/rows/instruction_sets.h"
 #include "talvo/kernel/sgemm.h"
 #include "talvo/serialization/layer_info_conv.h"
+#include "talvo/serialization/layer_info_tensor.h"
 #include "tests/support/bits.h"
 #include "tests/support/guarded_context.h"
 #include "tests/support/log_capture.h"
@@ -231,6 +232,17 @@ TEST(MatMul, SumsEachProductOfEachPairInOrder) {
       }
     }
   }
+}
+
+TEST(MatMul, TakesARecordThatFilesHold) {
+  kernel::MatMul_Fallback_Float_M1 kernel;
+  auto const turned = std::make_shared<runtime::GemmInfo>();
+  turned->trans_a = true, turned->alpha = 9.0f;
+  ASSERT_TRUE(kernel.Config(turned, nullptr, context));
+  ASSERT_TRUE(kernel.Config(std::make_shared<runtime::BroadcastOperatorInfo>(), nullptr, context));
+  std::vector<std::shared_ptr<runtime::Tensor>> outputs;
+  ASSERT_EQ(0, kernel.Forward({Ones({2, 3}), Ones({3, 1})}, outputs, context));
+  ExpectSameBits({3, 3}, Values(*outputs.at(0)));
 }
 
 TEST(MatMul, RefusesOperandsThatDoNotMultiply) {

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <limits>
 
+#include "talvo/kernel/rows/instruction_sets.h"
 #include "talvo/serialization/inference_param.h"
 #include "talvo/serialization/layer_info_plane.h"
 #include "tests/support/bits.h"
@@ -139,38 +140,43 @@ TEST_F(Resampling, UpsamplesFloatsAndIntegersInTheOrderOfTheFormula) {
     float scale_y, scale_x;
     Dims in, out;
   };
-  for (UpsampleCase const& c : {UpsampleCase{"doubled, planes side by side and alone", 2, 2, {6, 5, 7}, {6, 10, 14}},
-                                {"doubled, vectors and a tail", 2, 2, {2, 3, 33}, {2, 6, 66}},
-                                {"columns alone", 1, 2, {2, 4, 4}, {2, 4, 8}},
-                                {"8 of 5 columns", 1.5f, 1.5f, {2, 4, 5}, {2, 6, 8}},
-                                {"odd scales", 3, 2.7f, {5, 3, 11}, {5, 9, 30}},
-                                {"smaller", 0.4f, 0.5f, {2, 11, 8}, {2, 4, 4}},
-                                {"to one row and column", 0.2f, 0.2f, {2, 5, 5}, {2, 1, 1}},
-                                {"from one pixel", 4, 3, {2, 1, 1}, {2, 4, 3}},
-                                {"as it is", 1, 1, {1, 6, 6}, {1, 6, 6}},
-                                {"to nothing", 0, 2, {2, 3, 3}, {2, 0, 6}},
-                                {"of nothing", 2, 2, {0, 3, 3}, {0, 6, 6}}}) {
-    for (int kind = 0; kind < 3; ++kind) {
-      SCOPED_TRACE(std::string(c.why) + (kind == 0 ? ", nearest" : kind == 1 ? ", half pixels" : ", corners"));
-      auto const layer = UpsampleLayer(c.scale_y, c.scale_x, kind == 0 ? 0 : 1, kind == 2);
-      Upsampling2D_Fallback_CHW_Float_M1 on_floats;
-      // Infinities show a neighbour that takes part with weight 0, and one that does not.
-      auto const floats = test::SpecialFloats(1, runtime::ElementCount(c.in));
-      auto const y = Run(on_floats, layer, {Image(c.in, floats)});
-      ASSERT_EQ(c.out, y->shape.dims);
-      test::ExpectSameBits(Upsampled(floats, c.in, *layer, c.out), test::Values(*y));
-      Upsampling2D_Fallback_CHW_Int16_M1 on_shorts;
-      auto const shorts = Shorts(2, runtime::ElementCount(c.in));
-      auto const q = Run(on_shorts, layer, {Image(c.in, shorts)}, Quant(12));
-      EXPECT_EQ(Upsampled(shorts, c.in, *layer, c.out), ValuesOf<std::int16_t>(*q));
-      EXPECT_EQ(12, q->shape.extra.step_size);
+  for (auto const set : rows::RunnableSets()) {
+    rows::ScopedInstructionSet const use(set);
+    for (UpsampleCase const& c : {UpsampleCase{"doubled, planes side by side and alone", 2, 2, {6, 5, 7}, {6, 10, 14}},
+                                  {"doubled, vectors and a tail", 2, 2, {2, 3, 33}, {2, 6, 66}},
+                                  {"columns alone", 1, 2, {2, 4, 4}, {2, 4, 8}},
+                                  {"8 of 5 columns", 1.5f, 1.5f, {2, 4, 5}, {2, 6, 8}},
+                                  {"odd scales", 3, 2.7f, {5, 3, 11}, {5, 9, 30}},
+                                  {"smaller", 0.4f, 0.5f, {2, 11, 8}, {2, 4, 4}},
+                                  {"to one row and column", 0.2f, 0.2f, {2, 5, 5}, {2, 1, 1}},
+                                  {"from one pixel", 4, 3, {2, 1, 1}, {2, 4, 3}},
+                                  {"as it is", 1, 1, {1, 6, 6}, {1, 6, 6}},
+                                  {"to nothing", 0, 2, {2, 3, 3}, {2, 0, 6}},
+                                  {"of nothing", 2, 2, {0, 3, 3}, {0, 6, 6}},
+                                  {"planes side by side", 2, 1.5f, {37, 3, 13}, {37, 6, 20}},
+                                  {"few columns of many", 1, 0.2f, {17, 2, 35}, {17, 2, 7}}}) {
+      for (int kind = 0; kind < 3; ++kind) {
+        SCOPED_TRACE(std::string(c.why) + (kind == 0 ? ", nearest" : kind == 1 ? ", half pixels" : ", corners"));
+        auto const layer = UpsampleLayer(c.scale_y, c.scale_x, kind == 0 ? 0 : 1, kind == 2);
+        Upsampling2D_Fallback_CHW_Float_M1 on_floats;
+        // Infinities show a neighbour that takes part with weight 0, and one that does not.
+        auto const floats = test::SpecialFloats(1, runtime::ElementCount(c.in));
+        auto const y = Run(on_floats, layer, {Image(c.in, floats)});
+        ASSERT_EQ(c.out, y->shape.dims);
+        test::ExpectSameBits(Upsampled(floats, c.in, *layer, c.out), test::Values(*y));
+        Upsampling2D_Fallback_CHW_Int16_M1 on_shorts;
+        auto const shorts = Shorts(2, runtime::ElementCount(c.in));
+        auto const q = Run(on_shorts, layer, {Image(c.in, shorts)}, Quant(12));
+        EXPECT_EQ(Upsampled(shorts, c.in, *layer, c.out), ValuesOf<std::int16_t>(*q));
+        EXPECT_EQ(12, q->shape.extra.step_size);
+      }
     }
   }
 }
 
-// Positions are found for 4096 rows and columns at a time.
+// Positions are found for 1024 rows and columns at a time; in a set of 16 planes, 4 and 1.
 TEST_F(Resampling, UpsamplesLargePlanesByBlocks) {
-  for (Dims const& dims : {Dims{5, 2, 2100}, {1, 2100, 2}}) {
+  for (Dims const& dims : {Dims{21, 2, 2100}, {1, 2100, 2}}) {
     auto const layer = UpsampleLayer(dims[1] > 2 ? 2 : 1, dims[2] > 2 ? 2 : 1, 1);
     Dims const out = {dims[0], dims[1] > 2 ? 4200u : 2u, dims[2] > 2 ? 4200u : 2u};
     auto const x = test::Floats(5, runtime::ElementCount(dims));
@@ -306,22 +312,26 @@ TEST_F(Resampling, SamplesAtPositionsInsideAtAndBeyondTheBorder) {
   for (float gy : positions)
     for (float gx : positions) pairs.insert(pairs.end(), {gx, gy});
   auto const grid = test::FloatTensor(*context_, {n, n, 2}, TensorShape::FLEXIABLE, pairs);
-  for (Dims const& dims : {Dims{2, 4, 6}, {1, 1, 1}, {3, 2, 5}}) {
-    for (int kind = 0; kind < 8; ++kind) {
-      auto const layer = GridLayer(kind & 1, kind >> 1 & 1, kind >> 2 != 0);
-      SCOPED_TRACE(testing::Message() << "mode " << layer->mode << ", padding " << layer->padding_mode << ", corners "
-                                      << layer->align_corners << ", height " << dims[1]);
-      auto x = test::Floats(8, runtime::ElementCount(dims));
-      x.back() = kInfinity;  // a corner outside is 0, whatever its weight; one inside counts
-      GridSample_Fallback_CHW_Float_M1 kernel;
-      auto const y = Run(kernel, layer, {Image(dims, x), grid});
-      ASSERT_EQ((Dims{dims[0], n, n}), y->shape.dims);
-      std::vector<float> want;
-      int const h = static_cast<int>(dims[1]), w = static_cast<int>(dims[2]);
-      for (unsigned int c = 0; c < dims[0]; ++c)
-        for (std::size_t i = 0; i < pairs.size(); i += 2)
-          want.push_back(GridSampled(x.data() + c * dims[1] * dims[2], h, w, pairs[i], pairs[i + 1], *layer));
-      test::ExpectSameBits(want, test::Values(*y));
+  for (auto const set : rows::RunnableSets()) {
+    rows::ScopedInstructionSet const use(set);
+    // 16 planes and more go side by side, those of the last size alone again.
+    for (Dims const& dims : {Dims{2, 4, 6}, {1, 1, 1}, {3, 2, 5}, {16, 1, 1}, {37, 4, 7}, {17, 70, 70}}) {
+      for (int kind = 0; kind < 8; ++kind) {
+        auto const layer = GridLayer(kind & 1, kind >> 1 & 1, kind >> 2 != 0);
+        SCOPED_TRACE(testing::Message() << "mode " << layer->mode << ", padding " << layer->padding_mode << ", corners "
+                                        << layer->align_corners << ", height " << dims[1]);
+        auto x = test::Floats(8, runtime::ElementCount(dims));
+        x.back() = kInfinity;  // a corner outside is 0, whatever its weight; one inside counts
+        GridSample_Fallback_CHW_Float_M1 kernel;
+        auto const y = Run(kernel, layer, {Image(dims, x), grid});
+        ASSERT_EQ((Dims{dims[0], n, n}), y->shape.dims);
+        std::vector<float> want;
+        int const h = static_cast<int>(dims[1]), w = static_cast<int>(dims[2]);
+        for (unsigned int c = 0; c < dims[0]; ++c)
+          for (std::size_t i = 0; i < pairs.size(); i += 2)
+            want.push_back(GridSampled(x.data() + c * dims[1] * dims[2], h, w, pairs[i], pairs[i + 1], *layer));
+        test::ExpectSameBits(want, test::Values(*y));
+      }
     }
   }
 }

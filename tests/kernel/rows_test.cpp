@@ -47,11 +47,12 @@ TEST(Rows, TransposesAndReversesElementsOfAnySize) {
   for (auto const set : RunnableSets()) {
     ScopedInstructionSet const use(set);
     for (std::size_t const size : {1u, 2u, 3u, 4u, 5u, 8u, 12u}) {
-      for (std::size_t const rows : {1u, 4u, 17u, 70u}) {
-        for (std::size_t const columns : {1u, 5u, 6u, 16u, 67u}) {
-          std::size_t const from_row = columns * size + 3, to_row = rows * size + 1;
-          auto const from = test::Bytes(1, rows * from_row);
-          for (bool const back : {false, true}) {
+      for (std::size_t const rows : {1u, 3u, 4u, 17u, 70u}) {
+        for (std::size_t const columns : {1u, 3u, 4u, 5u, 6u, 16u, 67u}) {
+          for (int const kind : {0, 1, 2, 3}) {  // from the back, and without gaps
+            bool const back = kind % 2 != 0, gaps = kind < 2;
+            std::size_t const from_row = columns * size + (gaps ? 3 : 0), to_row = rows * size + (gaps ? 1 : 0);
+            auto const from = test::Bytes(1, rows * from_row);
             SCOPED_TRACE(testing::Message() << NameOf(set) << ", " << rows << " by " << columns << " of " << size);
             std::vector<unsigned char> want(columns * to_row + 1, 0xEE), got = want, reversed(columns * size + 1, 0xEE);
             for (std::size_t i = 0; i < rows * columns * size; ++i) {

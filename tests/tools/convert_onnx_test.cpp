@@ -1,8 +1,13 @@
 // convert_onnx: the standard's own tests through converter and library, and files that are no models.
 #include <gtest/gtest.h>
+#include <rapidjson/document.h>
+#include <rapidjson/istreamwrapper.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <random>
 
 #include "tests/support/scratch_folder.h"
@@ -34,13 +39,15 @@ Recorded ReadFolder(fs::path const& folder) {
   return recorded;
 }
 
-// Inputs that are no float32 become constants, and all but the first where `bind_others`.
-Options OptionsFor(Recorded const& recorded, bool bind_others) {
-  Options options;
+bool IsWide(int type) { return type == onnx::TensorProto::DOUBLE || type == onnx::TensorProto::FLOAT16; }
+
+// Inputs that tensors cannot hold become constants, and all but the first where `bind_others`.
+Options OptionsFor(Recorded const& recorded, Options options, bool bind_others) {
   bool first = true;
   for (std::size_t i = 0; i < recorded.inputs.size(); ++i) {
     Array const& input = recorded.inputs[i];
-    if (input.type != onnx::TensorProto::FLOAT || (bind_others && !first)) {
+    bool const held = input.type == onnx::TensorProto::FLOAT || (options.narrow && IsWide(input.type));
+    if (!held || (bind_others && !first)) {
       options.bound[recorded.names[i]] = input;
     } else {
       options.shapes[recorded.names[i]] = input.shape;
@@ -55,65 +62,112 @@ Shape WithoutBatch(Shape shape) {
   return shape.empty() ? Shape{1} : shape;
 }
 
-// What differs, or nothing. Refusal: what cannot be converted.
-std::string Compare(Recorded const& recorded, fs::path const& folder, bool bind_others) {
-  Conversion const conversion = Convert(recorded.model, folder.string(), OptionsFor(recorded, bind_others));
-  if (!conversion.refusals.empty()) throw Refusal(conversion.refusals[0]);
+struct Way {
+  char const* why;
+  Options options;
+  bool binary;  // through a file of the binary form, with weights rounded to the nearest half
+  Bounds bounds;
+  std::size_t least;  // tests that are right
+};
+
+std::vector<Array> Computed(Recorded const& recorded, Conversion conversion, bool binary) {
   std::map<std::string, Array> inputs;
   for (std::size_t i = 0; i < recorded.inputs.size(); ++i) inputs[recorded.names[i]] = recorded.inputs[i];
-  auto const got = Run(*MakePackage(conversion, "model"), inputs);
+  if (!binary) return Run(*MakePackage(conversion, "model"), inputs).values;
+  ScratchFolder const folder;
+  RoundToHalves(conversion);
+  if (!MeasureRounding(conversion).overflowing.empty()) throw Refusal("(binary): weights beyond 65504");
+  MakePackage(conversion, "model")->ToFile(folder.Path("m.tlnmodel").c_str(), "bin");
+  talvo::runtime::TLNModel read;
+  read.FromFile(folder.Path("m.tlnmodel").c_str(), "bin");
+  return Run(read, inputs).values;
+}
+
+// What differs, or nothing. Refusal: what cannot be converted.
+std::string Compare(Recorded const& recorded, fs::path const& folder, Way const& way, bool bind_others) {
+  Options const options = OptionsFor(recorded, way.options, bind_others);
+  Conversion const conversion = Convert(recorded.model, folder.string(), options);
+  if (!conversion.refusals.empty()) throw Refusal(conversion.refusals[0]);
+  auto const got = Computed(recorded, conversion, way.binary);
   if (got.size() != recorded.outputs.size()) return "the number of outputs";
   for (std::size_t i = 0; i < got.size(); ++i) {
     if (got[i].shape != WithoutBatch(recorded.outputs[i].shape)) {
       return "shape " + Text(got[i].shape) + ", recorded is " + Text(recorded.outputs[i].shape);
     }
-    std::string const off = Difference(got[i], recorded.outputs[i], {1e-4, 1e-6});
+    std::string const off = Difference(got[i], recorded.outputs[i], way.bounds);
     if (!off.empty()) return off;
   }
   return "";
 }
 
-TEST(ConvertOnnx, AgreesWithTheStandardsTestsOrRefuses) {
-  fs::path const data = "/usr/share/libonnx-testdata/data";
-  if (!fs::exists(data)) GTEST_SKIP() << "libonnx-testdata is not installed";
-  std::size_t right = 0, refused = 0;
-  std::map<std::string, std::size_t> reasons;
-  for (auto const& entry : fs::recursive_directory_iterator(data)) {
-    if (entry.path().filename() != "model.onnx") continue;
+std::vector<fs::path> Folders() {
+  std::vector<fs::path> folders;
+  for (auto const& entry : fs::recursive_directory_iterator("/usr/share/libonnx-testdata/data")) {
     fs::path const folder = entry.path().parent_path();
-    if (!fs::exists(folder / "test_data_set_0")) continue;
-    SCOPED_TRACE(folder.string());
-    try {
-      Recorded const recorded = ReadFolder(folder);
-      std::string off;
-      try {
-        off = Compare(recorded, folder, false);
-      } catch (Refusal const&) {
-        off = Compare(recorded, folder, true);
-      }
-      EXPECT_EQ("", off);
-      right += off.empty();
-    } catch (Refusal const& refusal) {
-      ++refused;
-      std::string const reason = refusal.what();
-      ++reasons[reason.substr(std::min(reason.find('('), reason.size()))];
-      EXPECT_EQ(std::string::npos, reason.find("the library refuses")) << reason;
-    }
+    if (entry.path().filename() == "model.onnx" && fs::exists(folder / "test_data_set_0")) folders.push_back(folder);
   }
-  for (auto const& [reason, count] : reasons) std::printf("%4zu refused %s\n", count, reason.c_str());
-  std::printf("%zu right, %zu refused\n", right, refused);
-  EXPECT_GE(right, 430u);
+  return folders;
 }
 
-struct Outcome {
+struct Tally {
+  std::size_t right = 0, refused = 0, off = 0;
+  std::map<std::string, std::size_t> reasons;
+};
+
+void Try(fs::path const& folder, Way const& way, Tally& tally) {
+  SCOPED_TRACE(folder.string());
+  try {
+    Recorded const recorded = ReadFolder(folder);
+    std::string off;
+    try {
+      off = Compare(recorded, folder, way, false);
+    } catch (Refusal const&) {
+      off = Compare(recorded, folder, way, true);
+    }
+    ++(off.empty() ? tally.right : tally.off);
+    if (way.binary && !off.empty()) std::printf("%s: %s\n", folder.filename().c_str(), off.c_str());
+    EXPECT_TRUE(way.binary || off.empty()) << off;
+  } catch (Refusal const& refusal) {
+    ++tally.refused;
+    std::string const reason = refusal.what();
+    ++tally.reasons[reason.substr(std::min(reason.find('('), reason.size()))];
+    EXPECT_EQ(std::string::npos, reason.find("the library refuses")) << reason;
+  }
+}
+
+TEST(ConvertOnnx, AgreesWithTheStandardsTestsOrRefuses) {
+  if (!fs::exists("/usr/share/libonnx-testdata/data")) GTEST_SKIP() << "libonnx-testdata is not installed";
+  Options plain, approximate, narrow, fused;
+  approximate.approximate = narrow.approximate = narrow.narrow = fused.approximate = true;
+  fused.kernels = Kernels::kFused;
+  Bounds const close = {1e-4, 1e-6}, half = {1e-3, 0}, narrowed = {1e-3, 1e-30};
+  auto const folders = Folders();
+  for (Way const& way : {Way{"without options", plain, false, close, 542},
+                         {"--approximate", approximate, false, close, 565},
+                         {"--approximate --kernels fused", fused, false, close, 565},
+                         {"--approximate --narrow", narrow, false, narrowed, 600},
+                         {"--approximate, binary form", approximate, true, half, 565}}) {
+    SCOPED_TRACE(way.why);
+    Tally tally;
+    for (fs::path const& folder : folders) Try(folder, way, tally);
+    if (std::string(way.why) == "--approximate") {
+      for (auto const& [reason, count] : tally.reasons) std::printf("%4zu refused %s\n", count, reason.c_str());
+    }
+    std::printf("%s: %zu right, %zu off, %zu refused of %zu\n", way.why, tally.right, tally.off, tally.refused,
+                folders.size());
+    EXPECT_GE(tally.right, way.least);
+  }
+}
+
+struct Ended {
   int status;
   std::string text;  // both streams
 };
 
-Outcome Program(std::string const& arguments) {
+Ended Program(std::string const& arguments) {
   std::string const command = std::string(TALVO_CONVERT_ONNX) + " " + arguments + " 2>&1";
   std::FILE* const pipe = popen(command.c_str(), "r");
-  Outcome outcome{-1, ""};
+  Ended outcome{-1, ""};
   for (int c = std::fgetc(pipe); c != EOF; c = std::fgetc(pipe)) outcome.text += static_cast<char>(c);
   outcome.status = WEXITSTATUS(pclose(pipe));
   return outcome;
@@ -153,13 +207,126 @@ onnx::ModelProto SmallModel() {
   return model;
 }
 
+// y = operation(x, further...), further inputs as constants.
+onnx::ModelProto OneNode(char const* operation, Shape const& shape, std::vector<Array> const& further = {}) {
+  onnx::ModelProto model;
+  model.add_opset_import()->set_version(15);
+  auto& graph = *model.mutable_graph();
+  auto& type = *graph.add_input()->mutable_type()->mutable_tensor_type();
+  graph.mutable_input(0)->set_name("x");
+  type.set_elem_type(onnx::TensorProto::FLOAT);
+  for (long long const extent : shape) type.mutable_shape()->add_dim()->set_dim_value(extent);
+  auto& node = *graph.add_node();
+  node.set_op_type(operation), node.add_input("x"), node.add_output("y");
+  for (Array const& array : further) {
+    auto& tensor = *graph.add_initializer();
+    tensor.set_name("c" + std::to_string(graph.initializer_size())), tensor.set_data_type(array.type);
+    node.add_input(tensor.name());
+    for (long long const extent : array.shape) tensor.add_dims(extent);
+    for (double const value : array.values) {
+      if (array.type == onnx::TensorProto::INT64) tensor.add_int64_data(static_cast<long long>(value));
+      if (array.type == onnx::TensorProto::FLOAT) tensor.add_float_data(static_cast<float>(value));
+    }
+  }
+  graph.add_output()->set_name("y");
+  return model;
+}
+
+std::vector<double> Through(onnx::ModelProto const& model, Array const& x, bool halves = false) {
+  Options options;
+  options.approximate = true;
+  Conversion conversion = Convert(model, "", options);
+  if (!conversion.refusals.empty()) throw Refusal(conversion.refusals[0]);
+  if (halves) RoundToHalves(conversion);
+  return convert_onnx::Run(*MakePackage(conversion, "m"), {{"x", x}}).values.at(0).values;
+}
+
+// Between bounds, and near 0 where they meet there: errors against the result, unless that is smaller than `least`,
+// in both forms of a package.
+TEST(ConvertOnnx, CompositionsHoldOverTheirRange) {
+  struct Case {
+    char const* operation;
+    double low, high, bound, least;
+    double (*exact)(double);
+  };
+  auto const softplus = [](double x) { return std::max(x, 0.0) + std::log1p(std::exp(-std::abs(x))); };
+  auto const elu = [](double x) { return x > 0 ? x : std::expm1(x); };
+  Case const cases[] = {{"Sqrt", 0, 1e30, 1e-7, 0, std::sqrt},
+                        {"Log", 1e-38, 1e38, 1e-7, 0, std::log},
+                        {"Erf", -5, 5, 1e-7, 0, std::erf},
+                        {"Exp", -87, 87, 2e-6, 0, std::exp},
+                        {"Elu", -80, 80, 1e-6, 0, elu},
+                        {"Softplus", -80, 80, 1e-6, 0, softplus},
+                        {"Sinh", -80, 80, 2e-6, 0, std::sinh},
+                        {"Cosh", -80, 80, 2e-6, 0, std::cosh},
+                        {"Sin", -8192, 8192, 2e-6, 1, std::sin},
+                        {"Cos", -8192, 8192, 2e-6, 1, std::cos},
+                        {"Atan", -1e18, 1e18, 1e-6, 0, std::atan},
+                        {"Asin", -1, 1, 1e-6, 0, std::asin},
+                        {"Acos", -1, 1, 1e-6, 1, std::acos},
+                        {"Asinh", -1e18, 1e18, 1e-6, 0, std::asinh},
+                        {"Acosh", 1, 1e18, 1e-6, 1e-3, std::acosh},
+                        {"Atanh", -0.999, 0.999, 1e-6, 0, std::atanh}};
+  constexpr int kCount = 4001;
+  for (Case const& c : cases) {
+    SCOPED_TRACE(c.operation);
+    Array x{{kCount}, onnx::TensorProto::FLOAT, {}};
+    for (int i = 0; i < kCount; ++i) {
+      double const even = c.low + (c.high - c.low) * i / (kCount - 1), small = std::pow(10.0, -i % 30);
+      bool const fits = i % 2 != 0 && c.low <= 0;
+      x.values.push_back(double{static_cast<float>(fits ? std::clamp(even * small, c.low, c.high) : even)});
+    }
+    for (bool const halves : {false, true}) {
+      auto const got = Through(OneNode(c.operation, x.shape), x, halves);
+      double worst = 0;
+      for (std::size_t i = 0; i < got.size(); ++i) {
+        double const want = c.exact(x.values[i]), size = std::max({std::abs(want), c.least, 1e-37});
+        worst = std::max(worst, std::abs(got[i] - want) / size);
+      }
+      EXPECT_LE(worst, c.bound) << halves;
+    }
+  }
+}
+
+TEST(ConvertOnnx, SelectionsAndThresholdsKeepInfinitiesAndTinyNumbersApart) {
+  double const nan = std::nan(""), infinity = INFINITY, tiny = 0x1p-149;
+  Array const x{{5}, onnx::TensorProto::FLOAT, {nan, tiny, infinity, -tiny, -infinity}};
+  auto const same = [](std::vector<double> const& want, std::vector<double> const& got) {
+    ASSERT_EQ(want.size(), got.size());
+    for (std::size_t i = 0; i < want.size(); ++i)
+      EXPECT_TRUE(want[i] == got[i] || (std::isnan(want[i]) && std::isnan(got[i]))) << i << ": " << got[i];
+  };
+  Array const places{{6}, onnx::TensorProto::INT64, {4, 1, 1, 3, 2, 0}};
+  same({-infinity, tiny, tiny, -tiny, infinity, nan}, Through(OneNode("Gather", {5}, {places}), x));
+  same({nan, 1, 1, -1, -1}, Through(OneNode("Sign", {5}), x));
+  same({nan, 0, infinity, 0, 0}, Through(OneNode("ThresholdedRelu", {5}), x));
+  same({nan, 0, infinity, 0, -infinity}, Through(OneNode("Shrink", {5}), x));
+}
+
+TEST(ConvertOnnx, MemoryOfConstantsAndWeightsHasABound) {
+  Array const large{{1024, 64}, onnx::TensorProto::FLOAT, std::vector<double>(65536, 0.1)};
+  Options options;
+  options.most_elements = 65535;
+  EXPECT_THROW(Convert(OneNode("MatMul", {3, 1024}, {large}), "", options), Refusal);
+  options.most_elements = 65536;
+  EXPECT_TRUE(Convert(OneNode("MatMul", {3, 1024}, {large}), "", options).refusals.empty());
+  // A kernel with weights of its own for each sample of a batch.
+  Array const w{{1, 64, 1024}, onnx::TensorProto::FLOAT, std::vector<double>(65536, 0.1)},
+      r{{1, 64, 64}, onnx::TensorProto::FLOAT, std::vector<double>(4096, 0.1)};
+  onnx::ModelProto model = OneNode("RNN", {2, 100, 1024}, {w, r});
+  auto& size = *model.mutable_graph()->mutable_node(0)->add_attribute();
+  size.set_name("hidden_size"), size.set_type(onnx::AttributeProto::INT), size.set_i(64);
+  options.most_elements = 50 * 70000;
+  EXPECT_NE(std::string::npos, Convert(model, "", options).refusals.at(0).find("elements in all weights"));
+}
+
 TEST(ConvertOnnx, FoldsNormalisationIntoTheConvolutionBefore) {
   Conversion const conversion = Convert(SmallModel(), "", {});
   ASSERT_EQ(2u, conversion.layers.size());  // the input and one convolution
   EXPECT_EQ("y", conversion.layers[1].name);
   Array x{{1, 2, 4, 4}, onnx::TensorProto::FLOAT, {}};
   for (int i = 0; i < 32; ++i) x.values.push_back(i);
-  auto const got = convert_onnx::Run(*MakePackage(conversion, "m"), {{"x", x}});
+  auto const got = convert_onnx::Run(*MakePackage(conversion, "m"), {{"x", x}}).values;
   // Channel 2 at element 0: (5 * 0 + 6 * 16 - 2) / 3 * 3 + 6.
   EXPECT_NEAR(100.0, got.at(0).values.at(32), 1e-3);
 }
@@ -175,7 +342,7 @@ TEST(ConvertOnnx, SplitsByAllOutputsReadOrNot) {
   auto& axis = *split.add_attribute();
   axis.set_name("axis"), axis.set_type(onnx::AttributeProto::INT), axis.set_i(1);
   Array x{{1, 2, 4, 4}, onnx::TensorProto::FLOAT, std::vector<double>(32, 7)};
-  auto const got = convert_onnx::Run(*MakePackage(Convert(model, "", {}), "m"), {{"x", x}});
+  auto const got = convert_onnx::Run(*MakePackage(Convert(model, "", {}), "m"), {{"x", x}}).values;
   EXPECT_EQ(std::vector<double>(16, 7), got.at(0).values);
 }
 
@@ -242,7 +409,7 @@ TEST(ConvertOnnx, RefusesBadFilesInOneLineAndWritesNothing) {
   for (Case const& c : cases) {
     SCOPED_TRACE(c.why);
     folder.Save("m.onnx", c.bytes);
-    Outcome const outcome = Program(model + " " + out);
+    Ended const outcome = Program(model + " " + out);
     EXPECT_EQ(1, outcome.status);
     EXPECT_NE(std::string::npos, outcome.text.find(c.text)) << outcome.text;
     EXPECT_EQ(std::string::npos, outcome.text.find("\n\n"));
@@ -251,6 +418,61 @@ TEST(ConvertOnnx, RefusesBadFilesInOneLineAndWritesNothing) {
   folder.Save("m.onnx", good);
   EXPECT_EQ(0, Program(model + " " + out).status);
   EXPECT_TRUE(fs::exists(out));
+}
+
+void SaveTensor(ScratchFolder const& folder, std::string const& file, Array const& array) {
+  onnx::TensorProto tensor;
+  tensor.set_data_type(onnx::TensorProto::FLOAT);
+  for (long long const extent : array.shape) tensor.add_dims(extent);
+  for (float const value : array.Floats()) tensor.add_float_data(value);
+  folder.Save(file, tensor.SerializeAsString());
+}
+
+TEST(ConvertOnnx, ChecksNameTheFirstLayerThatIsOffAndReportsAreJson) {
+  ScratchFolder const folder;
+  onnx::ModelProto model = SmallModel();
+  auto& node = *model.mutable_graph()->add_node();
+  node.set_op_type("Relu"), node.add_input("y"), node.add_output("z");
+  model.mutable_graph()->mutable_output(0)->set_name("z");
+  folder.Save("m.onnx", model.SerializeAsString());
+  Array const x{{1, 2, 4, 4}, onnx::TensorProto::FLOAT, std::vector<double>(32, 0.5)};
+  Array const z{{1, 3, 4, 4},
+                onnx::TensorProto::FLOAT,
+                convert_onnx::Run(*MakePackage(Convert(model, "", {}), "m"), {{"x", x}}).values.at(0).values};
+  Array off = z;
+  off.values[7] += 1;
+  SaveTensor(folder, "input_0.pb", x), SaveTensor(folder, "output_0.pb", off), SaveTensor(folder, "y.pb", off);
+  std::string const out = folder.Path("m.tlnmodel"), report = folder.Path("report.json");
+  std::string const call = folder.Path("m.onnx") + " --report " + report + " --check " + folder.Path("");
+  for (std::string const& how : {call + " " + out, call + " --dry-run"}) {
+    Ended const wrong = Program(how);
+    EXPECT_EQ(1, wrong.status);
+    EXPECT_NE(std::string::npos, wrong.text.find("output z: element 7 is ")) << wrong.text;
+    EXPECT_NE(std::string::npos, wrong.text.find("the first that is off is y of node c (Conv2D_")) << wrong.text;
+    EXPECT_FALSE(fs::exists(out) || fs::exists(report));
+  }
+  SaveTensor(folder, "output_0.pb", z);
+  Ended const right = Program(call + " " + out + " --kernels fused");
+  ASSERT_EQ(0, right.status) << right.text;
+  std::ifstream stream(report);
+  rapidjson::IStreamWrapper wrapped(stream);
+  rapidjson::Document json;
+  ASSERT_FALSE(json.ParseStream(wrapped).HasParseError());
+  EXPECT_STREQ("Conv2D_Knxm_Snxm_Dnxm_Gn_Fused_CHW_Float_M1", json["layers"][1]["kernel"].GetString());
+  EXPECT_EQ(36u, json["layers"][1]["weight_bytes"].GetUint());
+  EXPECT_GE(json["peak_bytes"].GetUint(), (32 + 48 + 9) * sizeof(float));
+}
+
+TEST(ConvertOnnx, BinaryFormsRefuseWeightsThatHalvesDoNotHold) {
+  ScratchFolder const folder;
+  onnx::ModelProto model = SmallModel();
+  model.mutable_graph()->mutable_initializer(0)->set_float_data(2, 3e5f);
+  folder.Save("m.onnx", model.SerializeAsString());
+  Ended const binary = Program(folder.Path("m.onnx") + " " + folder.Path("m.tlnmodel"));
+  EXPECT_EQ(1, binary.status);
+  EXPECT_NE(std::string::npos, binary.text.find("weights beyond 65504, which this form cannot hold, in y"))
+      << binary.text;
+  EXPECT_EQ(0, Program(folder.Path("m.onnx") + " " + folder.Path("m.json")).status);
 }
 
 }  // namespace

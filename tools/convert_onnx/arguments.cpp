@@ -1,5 +1,6 @@
 #include "tools/convert_onnx/arguments.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <functional>
@@ -39,9 +40,13 @@ double ParseBound(std::string const& option, std::string const& text) {
   return bound;
 }
 
-bool Choice(std::string const& option, std::string const& word, std::string const& no, std::string const& yes) {
-  if (word != no && word != yes) throw UsageError(option + " takes " + no + " or " + yes + ", not \"" + word + "\"");
-  return word == yes;
+// The place of a word among those that the option takes.
+std::size_t Choice(std::string const& option, std::string const& word, std::vector<std::string> const& words) {
+  auto const found = std::find(words.begin(), words.end(), word);
+  if (found != words.end()) return static_cast<std::size_t>(found - words.begin());
+  std::string list;
+  for (std::string const& one : words) list += (list.empty() ? "" : " or ") + one;
+  throw UsageError(option + " takes " + list + ", not \"" + word + "\"");
 }
 
 void SetOption(Arguments& arguments, std::string const& word, std::function<std::string()> const& value) {
@@ -55,15 +60,21 @@ void SetOption(Arguments& arguments, std::string const& word, std::function<std:
     std::istringstream list(value());
     for (std::string name; std::getline(list, name, ',');) arguments.options.outputs.push_back(name);
   } else if (word == "--kernels") {
-    arguments.options.blas = Choice(word, value(), "portable", "blas");
+    arguments.options.kernels = static_cast<Kernels>(Choice(word, value(), {"portable", "blas", "fused"}));
   } else if (word == "--half") {
-    arguments.nearest = Choice(word, value(), "cut", "nearest");
+    arguments.nearest = Choice(word, value(), {"cut", "nearest"}) == 1;
   } else if (word == "--check") {
     arguments.check.push_back(value());
   } else if (word == "--rel") {
     arguments.bounds.relative = ParseBound(word, value());
   } else if (word == "--abs") {
     arguments.bounds.absolute = ParseBound(word, value());
+  } else if (word == "--report") {
+    arguments.report = value();
+  } else if (word == "--approximate") {
+    arguments.options.approximate = true;
+  } else if (word == "--narrow") {
+    arguments.options.narrow = true;
   } else if (word == "--dry-run") {
     arguments.dry_run = true;
   } else if (word == "--ops") {
@@ -78,13 +89,18 @@ void SetOption(Arguments& arguments, std::string const& word, std::function<std:
 char const* const kUsage =
     "usage: convert_onnx MODEL.onnx OUT.tlnmodel|OUT.json [--shape NAME=1x3x224x224]... [--bind "
     "NAME=FILE.npy|FILE.pb]...\n"
-    "                    [--outputs NAME,...] [--kernels portable|blas] [--half nearest|cut]\n"
-    "                    [--check DIR]... [--rel BOUND] [--abs BOUND]\n"
+    "                    [--outputs NAME,...] [--kernels portable|blas|fused] [--half nearest|cut] [--approximate] "
+    "[--narrow]\n"
+    "                    [--check DIR]... [--rel BOUND] [--abs BOUND] [--report FILE.json]\n"
     "       convert_onnx MODEL.onnx --dry-run [...]\n"
     "       convert_onnx --ops\n"
-    "--check runs the package on DIR/input_0.npy, ... (or .pb) and compares with DIR/output_0.npy, ...; what is "
-    "further\n"
-    "off than --abs (1e-5) + --rel (1e-3) times the largest recorded value is not written.";
+    "--approximate takes compositions that hold in a range or to a bound, which is printed; --narrow takes double and "
+    "half\n"
+    "data as float. --check runs the package on DIR/input_0.npy, ... (or .pb), the graph's inputs in order, and "
+    "compares\n"
+    "with DIR/output_0.npy, ...; what is further off than --abs (1e-5) + --rel (1e-3) times the largest recorded value "
+    "is\n"
+    "not written, and the first layer that is off from a value of the graph recorded as DIR/NAME.npy is named.";
 
 Arguments ParseArguments(int count, char const* const* words) {
   Arguments arguments;

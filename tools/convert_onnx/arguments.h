@@ -9,7 +9,7 @@
 namespace convert_onnx {
 
 struct Arguments {
-  std::string model, out;
+  std::string model, out, report;
   Options options;
   std::vector<std::string> check;  // folders
   Bounds bounds;

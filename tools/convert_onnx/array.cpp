@@ -15,7 +15,8 @@ namespace {
 
 using onnx::TensorProto;
 
-constexpr long long kMaximumElements = 1ll << 28;
+constexpr double kLargestFloat = 0x1.fffffep+127;
+constexpr long long kMaximumElements = 1ll << 27;
 
 // The bytes of `count` elements, of 8 bytes at most.
 std::string External(TensorProto const& tensor, std::size_t count, std::string const& folder) {
@@ -130,16 +131,24 @@ std::size_t Count(Shape const& shape) {
   long long count = 1;
   for (long long const extent : shape) {
     if (extent < 0 || (extent > 0 && count > kMaximumElements / extent)) {
-      throw Refusal("shape " + Text(shape) + " is no shape of at most 2^28 elements");
+      throw Refusal("shape " + Text(shape) + " is no shape of at most 2^27 elements");
     }
     if (extent > 0) count *= extent;  // a product of parts stays in bounds where another extent is 0
   }
   return std::count(shape.begin(), shape.end(), 0) > 0 ? 0 : static_cast<std::size_t>(count);
 }
 
+long long Times(long long a, long long b) {
+  long long product = 0;
+  if (__builtin_mul_overflow(a, b, &product)) {
+    throw Refusal("a product of " + std::to_string(a) + " and " + std::to_string(b) + " beyond 63 bits");
+  }
+  return product;
+}
+
 long long Product(Shape const& shape, std::size_t begin, std::size_t end) {
   long long product = 1;
-  for (std::size_t i = begin; i < end; ++i) product *= shape[i];
+  for (std::size_t i = begin; i < end; ++i) product = Times(product, shape[i]);
   return product;
 }
 
@@ -153,7 +162,11 @@ std::size_t Axis(long long axis, std::size_t rank) {
 
 std::vector<float> Array::Floats() const {
   std::vector<float> floats(values.size());
-  for (std::size_t i = 0; i < values.size(); ++i) floats[i] = static_cast<float>(values[i]);
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    if (std::isfinite(values[i]) && std::abs(values[i]) > kLargestFloat)
+      throw Refusal(Text(values[i]) + " is beyond what a float32 holds");
+    floats[i] = static_cast<float>(values[i]);
+  }
   return floats;
 }
 

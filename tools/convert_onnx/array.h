@@ -23,9 +23,11 @@ std::string Text(Shape const& shape);
 /// A number as a message shows it.
 std::string Text(double number);
 
-/// The product of the extents, 1 without any. Refusal: a negative extent, or more than 2^28 elements.
+/// The product of the extents, 1 without any. Refusal: a negative extent, or more than 2^27 elements.
 std::size_t Count(Shape const& shape);
-/// The product of the extents from axis `begin` to before `end`.
+/// a * b. Refusal: beyond 63 bits.
+long long Times(long long a, long long b);
+/// The product of the extents from axis `begin` to before `end`. Refusal: beyond 63 bits.
 long long Product(Shape const& shape, std::size_t begin, std::size_t end);
 
 /// `axis` of -rank .. rank - 1 as a position. Refusal: outside.
@@ -36,7 +38,7 @@ struct Array {
   int type = onnx::TensorProto::FLOAT;  // onnx::TensorProto::DataType
   std::vector<double> values;           // row-major
 
-  std::vector<float> Floats() const;
+  std::vector<float> Floats() const;        // Refusal: a number beyond float32
   std::vector<long long> Integers() const;  // saturated
   bool IsFloat() const {
     return type == onnx::TensorProto::FLOAT || type == onnx::TensorProto::DOUBLE || type == onnx::TensorProto::FLOAT16;

@@ -1,8 +1,10 @@
 #include "tools/convert_onnx/builder.h"
 
 #include <algorithm>
-#include <cmath>
+#include <map>
 #include <utility>
+
+#include "tools/convert_onnx/builder_support.h"
 
 namespace convert_onnx {
 
@@ -10,8 +12,11 @@ using namespace talvo::runtime;
 
 namespace {
 
-constexpr long long kShort = 32767;
 constexpr long long kConstantPart = 60000;  // elements that one dense layer makes
+constexpr std::size_t kMostLayers = 1 << 17;
+constexpr std::size_t kMostPieces = 1024;  // of a selection, a layer each
+
+}  // namespace
 
 unsigned int LayoutOf(Shape const& dims) {
   if (dims.size() == 1) return TensorShape::C;
@@ -33,37 +38,32 @@ short Signed(long long number, char const* what) {
 
 bool IsHalf(float value) { return static_cast<float>(half_float::half(value)) == value; }
 
-std::vector<Value> Only(Value const& value) { return {value}; }
-
-// The values of `array` at the positions of `shape` whose axes from `rank` on are 0.
-Floats Leading(Array const& array, Shape const& shape, std::size_t rank) {
-  Floats result;
-  auto const offsets = BroadcastOffsets(array.shape, shape);
-  auto const inner = static_cast<std::size_t>(Product(shape, rank, shape.size()));
-  for (std::size_t i = 0; i < offsets.size(); i += inner)
-    result.push_back(static_cast<float>(array.values[offsets[i]]));
-  return result;
-}
-
-// The number of leading axes behind which `array`, spread over `shape`, does not change.
-std::size_t VaryingAxes(Array const& array, Shape const& shape) {
-  auto const offset = shape.size() - array.shape.size();
-  std::size_t rank = shape.size();
-  while (rank > 0 && (rank <= offset || array.shape[rank - 1 - offset] == 1 || array.values.size() == 1)) --rank;
-  return rank;
-}
-
 bool IsOnly(Floats const& values, float value) {
   return std::all_of(values.begin(), values.end(), [value](float v) { return v == value; });
 }
-
-}  // namespace
 
 unsigned short Field(long long number, char const* what) {
   if (number < 0 || number > 65535) {
     throw Refusal(std::string(what) + " = " + std::to_string(number) + ", the record holds 0 to 65535");
   }
   return static_cast<unsigned short>(number);
+}
+
+bool Builder::Holds(int type) const {
+  using onnx::TensorProto;
+  return type == TensorProto::FLOAT ||
+         (options_.narrow && (type == TensorProto::DOUBLE || type == TensorProto::FLOAT16));
+}
+
+void Builder::Approximate(std::string const& what) {
+  if (!options_.approximate) throw Refusal(what + "; convert it with --approximate");
+  notes.insert("node " + node_ + ": " + what);
+}
+
+std::size_t Layer::Weights() const {
+  std::size_t count = weight.size() + bias.size() + slopes.size();
+  for (Floats const& list : recurrent) count += list.size();
+  return count;
 }
 
 void Builder::Begin(std::string node, std::vector<std::string> foldable) {
@@ -83,7 +83,11 @@ Value Builder::Emit(std::shared_ptr<LayerInfo> record, char const* kernel, std::
                     Shape const& dims, unsigned int layout, Shape const& shape) {
   if (Count(shape) == 0) throw Refusal("a result of no elements: " + Text(shape));
   if (Count(shape) != Count(dims)) throw Refusal("shape " + Text(shape) + " and tensor " + Text(dims) + " disagree");
-  Layer layer{std::move(record), kernel, {}, "", node_, {}, {}};
+  SpendWeights();
+  Layer layer;
+  layer.record = std::move(record);
+  layer.kernel = kernel;
+  layer.node = node_;
   for (Value const& input : inputs) layer.inputs.push_back(input.layer);
   layers.push_back(std::move(layer));
   Value value;
@@ -92,6 +96,14 @@ Value Builder::Emit(std::shared_ptr<LayerInfo> record, char const* kernel, std::
   value.dims = dims;
   value.layout = layout;
   return value;
+}
+
+// Keeps memory in bounds, whatever a model asks for. The weights of a layer are there when the next one is made.
+void Builder::SpendWeights() {
+  for (; weighed_ < layers.size(); ++weighed_) weights_ += layers[weighed_].Weights();
+  if (weights_ > options_.most_elements)
+    throw Refusal("more than " + std::to_string(options_.most_elements) + " elements in all weights");
+  if (layers.size() >= kMostLayers) throw Refusal("more than " + std::to_string(kMostLayers) + " layers");
 }
 
 Value Builder::As(Value value, Shape const& shape) {
@@ -157,52 +169,6 @@ Value Builder::Permute(Value const& value, std::vector<std::size_t> const& axes)
               shape);
 }
 
-Value Builder::Unary(Value const& value, char const* kernel, unsigned short type, float alpha, float beta) {
-  auto const record = std::make_shared<ActivationInfo>();
-  record->activation_type = type;
-  record->activation_alpha = half_float::half(alpha);
-  record->activation_beta = half_float::half(beta);
-  return Emit(record, kernel, Only(value), value.dims, value.layout, value.shape);
-}
-
-Value Builder::Slope(Value const& value, float slope) {
-  if (IsHalf(slope)) return Unary(value, "Leaky_Fallback_Float_M1", 4, slope);
-  // The kernel works in place: it gets a copy of its own.
-  Value const copy = Unary(value, "Linear_Fallback_Float_M1", 3);
-  Value const result = Unary(copy, "PReLU_Fallback_Float_M1", 4);
-  static_cast<ActivationInfo&>(*layers.back().record).weight =
-      Base64Encode(reinterpret_cast<unsigned char const*>(&slope), sizeof slope);
-  return result;
-}
-
-Value Builder::Linear(Value const& value, float scale, float shift) {
-  if (scale == 1 && shift == 0) return value;
-  if (!std::isfinite(scale) || !std::isfinite(shift)) throw Refusal("a factor or summand that is not finite");
-  if (IsHalf(scale) && IsHalf(shift)) return Unary(value, "Linear_Fallback_Float_M1", 3, scale, shift);
-  Value const row = Flat(value, {1, static_cast<long long>(Count(value.shape)), 1});
-  return As(Convolve(row, {scale}, shift == 0 ? Floats() : Floats{shift}, 1, 1, {}), value.shape);
-}
-
-Value Builder::Exponential(Value const& value) {
-  char const* const kernel = "Sigmoid_Fallback_Float_M1";
-  return Combine(kDiv, Unary(value, kernel), Unary(Negative(value), kernel));
-}
-
-// hsigmoid(huge * x - 3): 0 at 0, above 1 / 60000^5 it is 1.
-Value Builder::Step(Value const& value) {
-  Value result = value;
-  for (int i = 0; i < 5; ++i) result = Linear(result, 60000, 0);
-  return Unary(Linear(result, 1, -3), "HSigmoid_Fallback_Float_M1");
-}
-
-// (x + 1.5 * 2^23) - 1.5 * 2^23; the constant is made of halves, so that both forms of a package hold it.
-Value Builder::Round(Value const& value) {
-  Value const large =
-      As(Linear(Linear(Root(), 32768, 0), 3, 0), Shape(std::max<std::size_t>(value.shape.size(), 1), 1));
-  Value const operand = value.shape.empty() ? As(value, {1}) : value;
-  return As(Combine(kSub, Combine(kAdd, operand, large), large), value.shape);
-}
-
 Value Builder::First() const {
   if (layers.empty()) throw Refusal("the graph has no input that is a tensor while it runs");
   Value value;
@@ -259,249 +225,6 @@ Value Builder::Tensor(Value const& value) {
   return As(Join(parts, 0), value.shape);
 }
 
-Value Builder::Combine(Operator op, Value const& a, Value const& b) {
-  Shape const shape = BroadcastShape(a.shape, b.shape);
-  if (a.shape == b.shape && op <= kDiv) {
-    auto const record = std::make_shared<ElementWiseOperatorInfo>();
-    record->op_type = op;
-    return Emit(record, "Elementwise_Fallback_Float_M1", {a, b}, a.dims, a.layout, shape);
-  }
-  auto const record = std::make_shared<BroadcastOperatorInfo>();
-  record->op_type = op;
-  Shape const left = WithoutBatch(a.shape), right = WithoutBatch(b.shape), dims = BroadcastShape(left, right);
-  Value const x = Flexible(a, left);
-  Value const y = Flexible(b, right);
-  // The result keeps the label of the first operand, whatever its rank.
-  return Emit(record, "BroadcastOperator_Fallback_Float_M1", {x, y}, dims, x.layout, shape);
-}
-
-bool Builder::Foldable(Value const& value) const {
-  Layer const& layer = layers[static_cast<std::size_t>(value.layer)];
-  if (layer.weight.empty()) return false;
-  if (layer.name.empty()) return layer.node == node_;
-  return layer.name == value.name && std::find(foldable_.begin(), foldable_.end(), value.name) != foldable_.end();
-}
-
-bool Builder::Fold(Value const& value, Floats const& scale, Floats const& shift) {
-  if (!Foldable(value)) return false;
-  Layer& layer = layers[static_cast<std::size_t>(value.layer)];
-  auto const* const conv = dynamic_cast<Conv2dInfo*>(layer.record.get());
-  auto const* const dense = dynamic_cast<FullConnectionInfo*>(layer.record.get());
-  if (conv == nullptr && dense == nullptr) return false;
-  std::size_t const channels = conv != nullptr ? conv->out_channels : dense->out_features;
-  if (channels % scale.size() != 0) return false;
-  std::size_t const each = channels / scale.size();
-  std::size_t const inner = layer.weight.size() / channels;
-  if (layer.bias.empty() && !IsOnly(shift, 0)) layer.bias.assign(channels, 0.0f);
-  for (std::size_t c = 0; c < channels; ++c) {
-    auto const s = static_cast<double>(scale[c / each]), t = static_cast<double>(shift[c / each]);
-    for (std::size_t i = c * inner; i < (c + 1) * inner; ++i) layer.weight[i] = static_cast<float>(layer.weight[i] * s);
-    if (!layer.bias.empty()) layer.bias[c] = static_cast<float>(layer.bias[c] * s + t);
-  }
-  layer.name.clear();
-  return true;
-}
-
-Value Builder::Affine(Value const& value, Array const& scale, Array const& shift) {
-  std::size_t const rank = std::max(VaryingAxes(scale, value.shape), VaryingAxes(shift, value.shape));
-  Floats const factors = Leading(scale, value.shape, rank), summands = Leading(shift, value.shape, rank);
-  for (Floats const& list : {factors, summands}) {
-    if (!std::all_of(list.begin(), list.end(), [](float v) { return std::isfinite(v); }))
-      throw Refusal("a constant that is not finite");
-  }
-  if (IsOnly(factors, 1) && IsOnly(summands, 0)) return value;
-  Value result = value;
-  if (Fold(value, factors, summands)) {
-    result.name.clear();
-    return result;
-  }
-  if (factors.size() == 1) return Linear(value, factors[0], summands[0]);
-  auto const channels = static_cast<long long>(factors.size());
-  if (channels > 65535) {
-    if (!IsOnly(factors, 1)) result = Combine(kMul, result, Tensor(Constant(scale)));
-    return IsOnly(summands, 0) ? result : Combine(kAdd, result, Tensor(Constant(shift)));
-  }
-  Value const planes = Flat(value, {channels, Product(value.shape, rank, value.shape.size()), 1});
-  return As(Convolve(planes, factors, IsOnly(summands, 0) ? Floats() : summands, channels, channels, {}), value.shape);
-}
-
-Value Builder::Binary(Operator op, Value const& a, Value const& b) {
-  bool const left = a.IsConstant();
-  Value const& constant = left ? a : b;
-  Value const& tensor = left ? b : a;
-  bool const simple =
-      constant.IsConstant() && constant.constant->IsFloat() && BroadcastShape(a.shape, b.shape) == tensor.shape;
-  if (simple && op <= kMul) {
-    Array array = *constant.constant;
-    if (op == kAdd) return Affine(tensor, Scalar(1), array);
-    if (op == kMul) return Affine(tensor, array, Scalar(0));
-    if (left) return Affine(tensor, Scalar(-1), array);
-    for (double& v : array.values) v = -v;
-    return Affine(tensor, Scalar(1), array);
-  }
-  if (simple && op == kDiv && !left) {
-    Array array = *constant.constant;
-    bool finite = true;
-    for (double& v : array.values) v = Rounded(1 / v, onnx::TensorProto::FLOAT), finite = finite && std::isfinite(v);
-    if (finite) return Affine(tensor, array, Scalar(0));
-  }
-  return Combine(op, Tensor(a), Tensor(b));
-}
-
-namespace {
-
-// What both kinds of convolution have but for their paddings.
-template <class Record>
-void SetFields(Record& record, long long in, long long out, long long groups, Window const& w) {
-  record.in_channels = Field(in, "in_channels");
-  record.out_channels = Field(out, "out_channels");
-  record.groups = Field(groups, "groups");
-  record.kernel_x = Field(w.kernel_x, "kernel_x");
-  record.kernel_y = Field(w.kernel_y, "kernel_y");
-  record.stride_x = Field(w.stride_x, "stride_x");
-  record.stride_y = Field(w.stride_y, "stride_y");
-  record.dilation_x = Field(w.dilation_x, "dilation_x");
-  record.dilation_y = Field(w.dilation_y, "dilation_y");
-}
-
-}  // namespace
-
-Value Builder::Convolve(Value const& planes, Floats weight, Floats bias, long long out, long long groups, Window w) {
-  auto const record = std::make_shared<Conv2dInfo>();
-  SetFields(*record, planes.dims[0], out, groups, w);
-  record->padding_l = Field(w.left, "a padding");
-  record->padding_t = Field(w.top, "a padding");
-  record->padding_r = Field(w.right, "a padding");
-  record->padding_b = Field(w.bottom, "a padding");
-  record->if_bias = !bias.empty();
-  long long const rows = planes.dims[1] + w.top + w.bottom - w.dilation_y * (w.kernel_y - 1) - 1;
-  long long const columns = planes.dims[2] + w.left + w.right - w.dilation_x * (w.kernel_x - 1) - 1;
-  if (rows < 0 || columns < 0) throw Refusal("a window larger than the padded input " + Text(planes.dims));
-  Shape const dims = {out, rows / w.stride_y + 1, columns / w.stride_x + 1};
-  bool const point = std::max({w.kernel_x, w.kernel_y, w.stride_x, w.stride_y, w.dilation_x, w.dilation_y}) == 1 &&
-                     groups == 1 && w.top + w.left + w.bottom + w.right == 0;
-  Value const value = Emit(
-      record,
-      blas_ && point ? "Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1" : "Conv2D_Knxm_Snxm_Dnxm_Gn_Fallback_CHW_Float_M1",
-      Only(planes), dims, TensorShape::CHW, dims);
-  layers.back().weight = std::move(weight);
-  layers.back().bias = std::move(bias);
-  return value;
-}
-
-Value Builder::Transposed(Value const& planes, Floats weight, Floats bias, long long out, long long groups, Window w) {
-  auto const record = std::make_shared<ConvTranspose2dInfo>();
-  SetFields(*record, planes.dims[0], out, groups, w);
-  record->padding_l = Signed(w.left, "a padding");
-  record->padding_t = Signed(w.top, "a padding");
-  record->padding_r = Signed(w.right, "a padding");
-  record->padding_b = Signed(w.bottom, "a padding");
-  record->if_bias = !bias.empty();
-  Shape const dims = {out, w.stride_y * planes.dims[1] + w.top + w.bottom - w.dilation_y * (w.kernel_y - 1),
-                      w.stride_x * planes.dims[2] + w.left + w.right - w.dilation_x * (w.kernel_x - 1)};
-  Value const value = Emit(record, "ConvTranspose2D_Knxm_Snxm_Dnxm_Gn_Fallback_CHW_Float_M1", Only(planes), dims,
-                           TensorShape::CHW, dims);
-  layers.back().weight = std::move(weight);
-  layers.back().bias = std::move(bias);
-  return value;
-}
-
-namespace {
-
-template <class Info>
-void FillPool(Info& record, Window const& w) {
-  record.kernel_x = Field(w.kernel_x, "kernel_x");
-  record.kernel_y = Field(w.kernel_y, "kernel_y");
-  record.stride_x = Field(w.stride_x, "stride_x");
-  record.stride_y = Field(w.stride_y, "stride_y");
-  record.padding_l = Signed(Field(w.left, "a padding"), "a padding");
-  record.padding_t = Signed(Field(w.top, "a padding"), "a padding");
-  record.padding_r = Signed(Field(w.right, "a padding"), "a padding");
-  record.padding_b = Signed(Field(w.bottom, "a padding"), "a padding");
-  record.ceil_mode = false;
-}
-
-}  // namespace
-
-Value Builder::Pool(Value const& planes, bool maximum, Window const& w, bool count_padding) {
-  long long const rows = planes.dims[1] + w.top + w.bottom - w.dilation_y * (w.kernel_y - 1) - 1;
-  long long const columns = planes.dims[2] + w.left + w.right - w.dilation_x * (w.kernel_x - 1) - 1;
-  if (rows < 0 || columns < 0) throw Refusal("a window larger than the padded input " + Text(planes.dims));
-  Shape const dims = {planes.dims[0], rows / w.stride_y + 1, columns / w.stride_x + 1};
-  if (maximum) {
-    auto const record = std::make_shared<MaxPool2dInfo>();
-    FillPool(*record, w);
-    record->dilation_x = Field(w.dilation_x, "dilation_x");
-    record->dilation_y = Field(w.dilation_y, "dilation_y");
-    return Emit(record, "Pooling2D_Max_Fallback_Float_M1", Only(planes), dims, TensorShape::CHW, dims);
-  }
-  if (w.dilation_x * w.dilation_y != 1) throw Refusal("dilations of an average");
-  auto const record = std::make_shared<AvgPool2dInfo>();
-  FillPool(*record, w);
-  record->count_include_pad = count_padding;
-  return Emit(record, "Pooling2D_Avg_Fallback_Float_M1", Only(planes), dims, TensorShape::CHW, dims);
-}
-
-Value Builder::Dense(Value const& value, Floats weight, Floats bias, long long out) {
-  auto const in = static_cast<long long>(Count(value.shape));
-  auto const record = std::make_shared<FullConnectionInfo>();
-  record->in_features = Field(in, "in_features");
-  record->out_features = Field(out, "out_features");
-  record->if_bias = !bias.empty();
-  Value const result = Emit(record, blas_ ? "FullConnection_SGEMM_C_Float_M1" : "FullConnection_Fallback_C_Float_M1",
-                            Only(Flat(value, {in})), {out}, TensorShape::C, {out});
-  layers.back().weight = std::move(weight);
-  layers.back().bias = std::move(bias);
-  return result;
-}
-
-Value Builder::Reduce(Value const& value, std::vector<std::size_t> const& axes, bool mean) {
-  Shape shape = value.shape, dims, rest;
-  auto const record = std::make_shared<TensorArithmeticInfo>();
-  record->arith_type = mean;
-  for (std::size_t axis = 0; axis < value.shape.size(); ++axis) {
-    if (value.shape[axis] == 1) continue;
-    dims.push_back(value.shape[axis]);
-    if (std::find(axes.begin(), axes.end(), axis) == axes.end()) {
-      rest.push_back(value.shape[axis]);
-    } else {
-      record->dim.push_back(static_cast<short>(dims.size()));
-      shape[axis] = 1;
-    }
-  }
-  if (record->dim.empty()) return value;
-  if (rest.empty()) rest = {1};
-  return Emit(record, "TensorArithmetic_Fallback_M1", Only(Flexible(value, dims)), rest, LayoutOf(rest), shape);
-}
-
-Value Builder::Maximum(Value const& value, std::vector<std::size_t> const& axes) {
-  Value result = value;
-  for (std::size_t const axis : axes) {
-    long long const extent = result.shape[axis];
-    if (extent == 1) continue;
-    Shape shape = result.shape;
-    long long const outer = Product(shape, 0, axis), inner = Product(shape, axis + 1, shape.size());
-    Window window;
-    window.kernel_y = extent;
-    shape[axis] = 1;
-    result = As(Pool(Flat(result, {outer, extent, inner}), true, window, false), shape);
-  }
-  return result;
-}
-
-// The kernel subtracts no maximum; here it is done before, so that large inputs do not overflow.
-Value Builder::Softmax(Value const& value, std::size_t begin, std::size_t end) {
-  std::vector<std::size_t> axes;
-  for (std::size_t axis = begin; axis < end; ++axis) axes.push_back(axis);
-  Value const shifted = Combine(kSub, value, Maximum(value, axes));
-  Shape const& shape = value.shape;
-  Value const planes =
-      Flat(shifted, {Product(shape, 0, begin), Product(shape, begin, end), Product(shape, end, shape.size())});
-  auto const record = std::make_shared<SoftmaxInfo>();
-  record->dim = 2;
-  return Emit(record, "Softmax_Fallback_Float_M1", Only(planes), planes.dims, TensorShape::CHW, shape);
-}
-
 Value Builder::Slice(Value const& value, std::size_t axis, long long begin, long long count, long long step) {
   long long const extent = value.shape[axis];
   if (count <= 0) throw Refusal("a slice of no elements");
@@ -534,12 +257,11 @@ Value Builder::Join(std::vector<Value> const& values, std::size_t axis) {
   for (Value const& value : values) shape[axis] += value.shape[axis];
   long long const outer = Product(shape, 0, axis), inner = Product(shape, axis + 1, shape.size());
   std::vector<Value> parts;
+  std::map<int, int> copies;
   for (Value const& value : values) {
     long long const extent = value.shape[axis];
     parts.push_back(outer == 1 ? Flat(value, {extent, inner, 1}) : Flexible(value, {outer, extent, inner}));
-    auto const same =
-        std::count_if(parts.begin(), parts.end(), [&](Value const& p) { return p.layer == parts.back().layer; });
-    if (same > 8) throw Refusal("one tensor more than 8 times in a concatenation");
+    if (++copies[parts.back().layer] > 8) throw Refusal("one tensor more than 8 times in a concatenation");
   }
   auto const record = std::make_shared<ConcatenateInfo>();
   record->dim = 1;
@@ -548,17 +270,6 @@ Value Builder::Join(std::vector<Value> const& values, std::size_t axis) {
   }
   return Emit(record, "Concatenate_MainMemory_Fallback", parts, {outer, shape[axis], inner}, TensorShape::FLEXIABLE,
               shape);
-}
-
-Value Builder::Along(Value const& value, std::size_t axis, Floats const& matrix, long long rows) {
-  long long const extent = value.shape[axis];
-  long long const outer = Product(value.shape, 0, axis), inner = Product(value.shape, axis + 1, value.shape.size());
-  Shape shape = value.shape;
-  shape[axis] = rows;
-  Value const front = Permute(As(value, {outer, extent, inner}), {1, 0, 2});
-  Value const product =
-      As(Convolve(Flat(front, {extent, outer, inner}), matrix, {}, rows, 1, {}), {rows, outer, inner});
-  return As(Permute(product, {1, 0, 2}), shape);
 }
 
 Value Builder::Take(Value const& value, std::size_t axis, std::vector<long long> const& indices) {
@@ -571,15 +282,18 @@ Value Builder::Take(Value const& value, std::size_t axis, std::vector<long long>
       throw Refusal("index " + std::to_string(place) + " is none of " + std::to_string(extent));
     if (place < 0) place += extent;
   }
-  long long const step = count > 1 ? places[1] - places[0] : 1;
-  bool even = step > 0;
-  for (std::size_t i = 1; i < places.size(); ++i) even = even && places[i] - places[i - 1] == step;
-  if (even) return Slice(value, axis, places[0], count, step);
-  Floats matrix(Count({count, extent}), 0.0f);
-  for (std::size_t i = 0; i < places.size(); ++i) {
-    matrix[i * static_cast<std::size_t>(extent) + static_cast<std::size_t>(places[i])] = 1;
+  // Pieces whose places ascend evenly; a matrix of 0 and 1 would spread NaN and infinities.
+  std::vector<Value> pieces;
+  for (std::size_t first = 0, next = 0; first < places.size(); first = next) {
+    long long const step = first + 1 < places.size() ? std::max(places[first + 1] - places[first], 0ll) : 1;
+    for (next = first + 1; step > 0 && next < places.size() && places[next] - places[next - 1] == step;) ++next;
+    if (pieces.size() == kMostPieces) {
+      throw Refusal("a selection of " + std::to_string(count) + " places of " + std::to_string(extent) +
+                    " in more than " + std::to_string(kMostPieces) + " even pieces");
+    }
+    pieces.push_back(Slice(value, axis, places[first], static_cast<long long>(next - first), std::max(step, 1ll)));
   }
-  return Along(value, axis, matrix, count);
+  return Join(pieces, axis);
 }
 
 }  // namespace convert_onnx

@@ -4,11 +4,13 @@
 #pragma once
 
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "talvo/talvo.h"
 #include "tools/convert_onnx/node.h"
+#include "tools/convert_onnx/options.h"
 
 namespace convert_onnx {
 
@@ -18,9 +20,13 @@ struct Layer {
   std::shared_ptr<talvo::runtime::LayerInfo> record;
   std::string kernel;
   std::vector<int> inputs;
-  std::string name;     // of the graph's value that it makes; empty for a helper
-  std::string node;     // the node that it stems from
-  Floats weight, bias;  // of convolutions and dense layers
+  std::string name;               // of the graph's value that it makes; empty for a helper
+  std::string node;               // the node that it stems from
+  Floats weight, bias;            // of convolutions and dense layers
+  Floats slopes;                  // of PReLU; both forms of a package hold them exactly
+  std::vector<Floats> recurrent;  // weight_ih, weight_hh, bias_ih, bias_hh, forward and then reverse
+
+  std::size_t Weights() const;  // elements
 };
 
 struct Window {  // of a convolution or a pooling; top, left, bottom, right
@@ -32,7 +38,7 @@ enum Operator : unsigned short { kAdd, kSub, kMul, kDiv, kMax, kMin };
 
 class Builder {
  public:
-  explicit Builder(bool blas) : blas_(blas) {}
+  explicit Builder(Options const& options) : options_(options) {}
 
   /// The node whose layers are made from now on.
   void Begin(std::string node, std::vector<std::string> foldable);
@@ -57,9 +63,21 @@ class Builder {
   Value Relu(Value const& value) { return Unary(value, "ReLU_Fallback_Float_M1", 2); }
   Value Negative(Value const& value) { return Linear(value, -1, 0); }
   Value Absolute(Value const& value) { return Combine(kMax, value, Negative(value)); }
+  Value SquareRoot(Value const& value) { return Unary(value, "Sqrt_Fallback_Float_M1"); }
+  Value Logarithm(Value const& value) { return Unary(value, "Log_Fallback_Float_M1"); }
   /// e^x as sigmoid(x) / sigmoid(-x).
   Value Exponential(Value const& value);
-  /// 1 where x > 0, else 0.
+  /// e^x - 1 as tanh(x / 2) (e^x + 1), which cancels nothing.
+  Value ExponentialMinusOne(Value const& value);
+  /// log(1 + x) for x >= 0 with w = 1 + x: log(w) - ((w - 1) - x) / w.
+  Value LogarithmOfOneMore(Value const& value);
+  /// 1 / x.
+  Value Inverse(Value const& value);
+  /// min(max(x, low), high); an infinite bound is none.
+  Value Clip(Value const& value, float low, float high);
+  /// x < 0 ? slope * x : x; the slopes have fewer axes than the value or as many, and broadcast to it.
+  Value Slopes(Value const& value, Array const& slopes);
+  /// 1 where x > 0, else 0; NaN stays.
   Value Step(Value const& value);
   /// Halves to even, for values below 2^22.
   Value Round(Value const& value);
@@ -80,6 +98,10 @@ class Builder {
   Value Transposed(Value const& planes, Floats weight, Floats bias, long long out, long long groups, Window window);
   Value Pool(Value const& planes, bool maximum, Window const& window, bool count_padding);
   Value Dense(Value const& value, Floats weight, Floats bias, long long out);
+  /// rows [S, in] to [S, out]; weight [out, in].
+  Value Rows(Value const& rows, Floats weight, long long out);
+  /// a b, where the leading extents are equal or one has two axes.
+  Value Multiply(Value const& a, Value const& b);
 
   /// Sum or mean, maximum; axes stay with extent 1.
   Value Reduce(Value const& value, std::vector<std::size_t> const& axes, bool mean);
@@ -92,19 +114,34 @@ class Builder {
   /// out[.., i, ..] = sum over j of matrix[i, j] x[.., j, ..].
   Value Along(Value const& value, std::size_t axis, Floats const& matrix, long long rows);
 
+  /// Whether tensors hold elements of this type: float32, and with --narrow double and half.
+  bool Holds(int type) const;
+
+  /// A composition that holds but in a range or to a bound, which `what` says. Refusal: without --approximate.
+  void Approximate(std::string const& what);
+
   std::vector<Layer> layers;
+  std::set<std::string> notes;  // what is approximate
 
  private:
   bool Foldable(Value const& value) const;
   bool Fold(Value const& value, Floats const& scale, Floats const& shift);
+  bool FoldIntoRows(Value const& value, Array const& scale, Array const& shift);
   Value Root();
   Value First() const;
 
-  bool blas_;
+  bool Blas() const { return options_.kernels == Kernels::kBlas; }
+
+  Options const& options_;
+  void SpendWeights();
+
+  std::size_t weights_ = 0, weighed_ = 0;  // elements; layers in which they are counted
   int root_ = -1;
   std::string node_;
   std::vector<std::string> foldable_;
 };
+
+constexpr char kDenseRows[] = "FullConnection_Fallback_SC_Float_M1";
 
 /// `number` as the field of a record holds it. Refusal: it does not fit.
 unsigned short Field(long long number, char const* what);

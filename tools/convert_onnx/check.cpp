@@ -1,5 +1,6 @@
 #include "tools/convert_onnx/check.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <filesystem>
@@ -50,26 +51,77 @@ std::shared_ptr<TensorCPU> ToTensor(Array const& array, DeviceCPU& device) {
   return device.CreateTensor(description, floats.data());
 }
 
-std::vector<Array> Forward(TLNModel const& package, std::map<std::string, Array> const& inputs) {
+// Layers are numbered as the model lists them.
+std::vector<unsigned int> Numbers(TLModelInfo const& model, std::vector<std::string> const& layers) {
+  std::vector<unsigned int> numbers;
+  auto const& ids = model.squential_ids;
+  for (std::string const& layer : layers) {
+    numbers.push_back(static_cast<unsigned int>(std::find(ids.begin(), ids.end(), layer) - ids.begin()));
+  }
+  return numbers;
+}
+
+Outcome Forward(TLNModel const& package, std::map<std::string, Array> const& inputs,
+                std::vector<std::string> const& layers) {
   auto context = NewContext();
   ClassRegistry<std::shared_ptr<IKernel>> kernels;
   ClassRegistry<std::shared_ptr<InferenceParam>> params;
   talvo::utility::init_register_operators(kernels, params);
+  talvo::utility::init_register_fused_operators(kernels);
+  talvo::utility::init_register_extra_operators(kernels);
   std::string const& id = package.model_arr->squential_ids.at(0);
+  auto const& model = package.model_arr->models.at(id);
   auto made = std::make_shared<talvo::utility::_NetworkPackage>();
   made->kernels = &kernels;
   made->params = &params;
   made->context = context;
-  talvo::utility::Load_Single_Net(made, package.model_arr->models.at(id), package.config_arr->configs.at(id), "x86");
+  talvo::utility::Load_Single_Net(made, model, package.config_arr->configs.at(id), "x86");
   for (auto const& [name, index] : made->net->input_ids) {
     auto const found = inputs.find(name);
     if (found == inputs.end()) throw Refusal("the check has no input " + name);
     made->inputs[index] = ToTensor(found->second, *context->device_cpu);
   }
-  auto outputs = made->net->Forward(made->inputs, made->output_ids, context, nullptr, nullptr);
-  std::vector<Array> results;
-  for (unsigned int const output : made->output_ids) results.push_back(FromTensor(*outputs.at(output).at(0)));
-  return results;
+  auto const wanted = layers.empty() ? made->output_ids : Numbers(*model, layers);
+  auto outputs = made->net->Forward(made->inputs, wanted, context, nullptr, nullptr);
+  Outcome outcome;
+  for (unsigned int const output : wanted) outcome.values.push_back(FromTensor(*outputs.at(output).at(0)));
+  outcome.peak_bytes = context->device_cpu->memory_pool->HeapSize() + context->device_cpu->dynamic_pool->HeapSize();
+  return outcome;
+}
+
+bool IsFinite(Array const& array) {
+  return std::all_of(array.values.begin(), array.values.end(), [](double v) { return std::isfinite(v); });
+}
+
+std::string FileOf(std::string const& folder, std::string name) {
+  std::replace(name.begin(), name.end(), '/', '_');
+  for (char const* const ending : {".pb", ".npy"}) {
+    if (std::filesystem::exists(folder + "/" + name + ending)) return folder + "/" + name + ending;
+  }
+  return "";
+}
+
+// The first layer of each kind, of a package that is known to be off: all layers as outputs, one after the other.
+std::string FirstSuspect(TLNModel const& package, Conversion const& conversion, std::string const& folder,
+                         Bounds const& bounds) {
+  std::vector<std::string> names;
+  for (Layer const& layer : conversion.layers) names.push_back(layer.name);
+  auto const inputs = RecordedInputs(conversion, folder);
+  auto const values = Run(package, inputs, names).values;
+  auto const exact = Run(*MakePackage(conversion, "exact"), inputs, names).values;
+  std::string recorded, rounded, infinite;
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    Layer const& layer = conversion.layers[i];
+    std::string const who = layer.name + " of node " + layer.node + " (" + layer.kernel + ")";
+    std::string const file = recorded.empty() ? FileOf(folder, layer.name) : "";
+    std::string const off = file.empty() ? "" : Difference(values[i], ReadArray(file), bounds);
+    if (!off.empty()) recorded = "; the first that is off is " + who + ": " + off;
+    std::string const apart = rounded.empty() ? Difference(values[i], exact[i], bounds) : "";
+    if (!apart.empty()) rounded = "; rounded weights tell first in " + who + ": " + apart;
+    if (infinite.empty() && !IsFinite(values[i])) infinite = "; the first that is not finite is " + who;
+  }
+  std::string const all = recorded + rounded + infinite;
+  return all.empty() ? "; a value of the graph recorded as " + folder + "/NAME.npy would tell the first node" : all;
 }
 
 }  // namespace
@@ -104,14 +156,40 @@ std::vector<Array> ReadArrays(std::string const& folder, std::string const& stem
   }
 }
 
-std::vector<Array> Run(TLNModel const& package, std::map<std::string, Array> const& inputs) {
+Outcome Run(TLNModel const& package, std::map<std::string, Array> const& inputs,
+            std::vector<std::string> const& layers) {
   try {
-    return Forward(package, inputs);
+    return Forward(package, inputs, layers);
   } catch (Refusal const&) {
     throw;
   } catch (std::exception const& refusal) {
     throw Refusal("the library refuses the package: " + tools::Message(refusal, "a kernel refuses its layer"));
   }
+}
+
+std::map<std::string, Array> RecordedInputs(Conversion const& conversion, std::string const& folder) {
+  auto const inputs = ReadArrays(folder, "input");
+  std::map<std::string, Array> named;
+  for (std::size_t i = 0; i < inputs.size() && i < conversion.recorded.size(); ++i)
+    named[conversion.recorded[i]] = inputs[i];
+  return named;
+}
+
+std::string Deviation(TLNModel const& package, Conversion const& conversion, std::string const& folder,
+                      Bounds const& bounds) {
+  auto const outputs = ReadArrays(folder, "output");
+  if (outputs.empty()) throw Refusal(folder + ": holds no output_0.npy or output_0.pb");
+  auto const got = Run(package, RecordedInputs(conversion, folder)).values;
+  if (outputs.size() < got.size()) {
+    throw Refusal(folder + ": holds " + std::to_string(outputs.size()) + " outputs, the package makes " +
+                  std::to_string(got.size()));
+  }
+  for (std::size_t i = 0; i < got.size(); ++i) {
+    std::string const off = Difference(got[i], outputs[i], bounds);
+    if (off.empty()) continue;
+    return "output " + conversion.outputs[i] + ": " + off + FirstSuspect(package, conversion, folder, bounds);
+  }
+  return "";
 }
 
 std::string Difference(Array const& got, Array const& want, Bounds const& bounds) {

@@ -34,24 +34,32 @@ std::string NameOf(onnx::NodeProto const& node) {
 class Walk {
  public:
   Walk(onnx::ModelProto const& model, std::string const& folder, Options const& options)
-      : graph_(model.graph()), opset_(OpsetOf(model)), folder_(folder), options_(options), builder_(options.blas) {}
+      : graph_(model.graph()), opset_(OpsetOf(model)), folder_(folder), options_(options), builder_(options) {}
 
   Conversion Run() {
     CheckNames();
     FindReaders();
     for (auto const& tensor : graph_.initializer()) {
+      initialised_.insert(tensor.name());
       if (readers_.count(tensor.name()) != 0) Set(tensor.name(), Constant(ReadTensor(tensor, folder_)));
     }
-    for (auto const& input : graph_.input()) AddInput(input);
+    for (auto const& input : graph_.input()) {
+      if (initialised_.count(input.name()) == 0) result_.recorded.push_back(input.name());
+      AddInput(input);
+    }
     for (int i = 0; i < graph_.node_size(); ++i) {
       if (needed_[static_cast<std::size_t>(i)]) AddNode(graph_.node(i));
     }
+    result_.notes.assign(builder_.notes.begin(), builder_.notes.end());
     if (result_.refusals.empty()) Finish();
     return std::move(result_);
   }
 
  private:
   void Set(std::string const& name, Value value) {
+    if (value.IsConstant()) constants_ += value.constant->values.size();
+    if (constants_ > options_.most_elements)
+      throw Refusal("more than " + std::to_string(options_.most_elements) + " elements in all constants");
     value.name = name;
     values_[name] = std::move(value);
   }
@@ -101,9 +109,11 @@ class Walk {
     if (bound != options_.bound.end()) Set(name, Constant(bound->second));
     if (values_.count(name) != 0 || readers_.count(name) == 0) return;
     auto const& type = input.type().tensor_type();
-    if (type.elem_type() != onnx::TensorProto::FLOAT) {
-      throw Refusal("input " + name + " is of type " + TypeName(type.elem_type()) +
-                    ", tensors are float32; make it a constant with --bind");
+    if (!builder_.Holds(type.elem_type())) {
+      bool const narrows =
+          type.elem_type() == onnx::TensorProto::DOUBLE || type.elem_type() == onnx::TensorProto::FLOAT16;
+      throw Refusal("input " + name + " is of type " + TypeName(type.elem_type()) + ", tensors are float32; " +
+                    (narrows ? "take it as float32 with --narrow, or " : "") + "make it a constant with --bind");
     }
     auto const given = options_.shapes.find(name);
     Shape shape;
@@ -152,7 +162,7 @@ class Walk {
     auto const& proto = node.proto;
     if (!proto.domain().empty() && proto.domain() != "ai.onnx") throw Refusal("domain " + proto.domain());
     if (auto folded = FoldConstants(node)) {
-      ++result_.folded;
+      result_.folded.push_back(NameOf(proto));
       return *folded;
     }
     auto const found = AllTranslators().find(proto.op_type());
@@ -231,13 +241,12 @@ class Walk {
       result_.layers.push_back(layers[i]);
     }
     for (int const end : ends) result_.outputs.push_back(names[static_cast<std::size_t>(end)]);
+    std::set<std::string> kept;
+    for (Layer const& layer : result_.layers) kept.insert(layer.name);
     auto& inputs = result_.inputs;
-    inputs.erase(std::remove_if(inputs.begin(), inputs.end(),
-                                [&](std::string const& input) {
-                                  return std::none_of(result_.layers.begin(), result_.layers.end(),
-                                                      [&](Layer const& l) { return l.name == input; });
-                                }),
+    inputs.erase(std::remove_if(inputs.begin(), inputs.end(), [&](std::string const& i) { return kept.count(i) == 0; }),
                  inputs.end());
+    for (std::string const& input : inputs) result_.input_shapes.push_back(values_.at(input).shape);
   }
 
   void NameHelpers() {
@@ -245,9 +254,10 @@ class Walk {
     for (Layer const& layer : builder_.layers) {
       if (!layer.name.empty() && !taken.insert(layer.name).second) throw Refusal("two layers are called " + layer.name);
     }
+    std::map<std::string, int> next;  // number, for each node
     for (Layer& layer : builder_.layers) {
-      for (int i = 0; layer.name.empty(); ++i) {
-        std::string const name = layer.node + "/" + std::to_string(i);
+      while (layer.name.empty()) {
+        std::string const name = layer.node + "/" + std::to_string(next[layer.node]++);
         if (taken.insert(name).second) layer.name = name;
       }
     }
@@ -262,8 +272,22 @@ class Walk {
   std::map<std::string, int> readers_;
   std::vector<bool> needed_;
   std::map<std::string, Value> values_;
+  std::set<std::string> initialised_;
+  std::size_t constants_ = 0;  // elements
   Conversion result_;
 };
+
+// The fused siblings of the layers' kernels.
+void PreferFused(std::vector<Layer>& layers) {
+  talvo::runtime::TLModelCfg config;
+  for (Layer const& layer : layers) {
+    auto const kernel = std::make_shared<talvo::runtime::LayerCfg>();
+    kernel->kernel->kernel_type = layer.kernel;
+    config.layers[layer.name] = kernel;
+  }
+  talvo::utility::PreferFusedKernels(config);
+  for (Layer& layer : layers) layer.kernel = config.layers[layer.name]->kernel->kernel_type;
+}
 
 }  // namespace
 
@@ -280,7 +304,9 @@ onnx::ModelProto ReadModel(std::string const& path) {
 }
 
 Conversion Convert(onnx::ModelProto const& model, std::string const& folder, Options const& options) {
-  return Walk(model, folder, options).Run();
+  Conversion conversion = Walk(model, folder, options).Run();
+  if (options.kernels == Kernels::kFused) PreferFused(conversion.layers);
+  return conversion;
 }
 
 }  // namespace convert_onnx

@@ -9,18 +9,15 @@
 
 namespace convert_onnx {
 
-struct Options {
-  std::map<std::string, Shape> shapes;  // of graph inputs
-  std::map<std::string, Array> bound;   // graph inputs that become constants
-  std::vector<std::string> outputs;     // where to cut; the graph's own where empty
-  bool blas = false;
-};
-
 struct Conversion {
   std::vector<Layer> layers;                 // what an output needs, in order, each with a name of its own
   std::vector<std::string> inputs, outputs;  // names of layers
+  std::vector<Shape> input_shapes;           // of `inputs`
+  std::vector<std::string> recorded;         // the graph's inputs without initialisers, in order
   std::vector<std::string> refusals;         // one line for each node; where there is one, the layers are not complete
-  std::size_t folded = 0, dropped = 0;       // nodes computed while converting; nodes that nobody reads
+  std::vector<std::string> notes;            // what is approximate
+  std::vector<std::string> folded;           // nodes computed while converting
+  std::size_t dropped = 0;                   // nodes that nobody reads
 };
 
 /// Reads a model. Refusal: a file that is none, is cut short, or wants another opset.

@@ -1,10 +1,10 @@
 // Turns an ONNX model into a package, or says which nodes it cannot turn and why.
 #include <filesystem>
 #include <iostream>
-#include <set>
 
 #include "tools/common/program.h"
 #include "tools/convert_onnx/arguments.h"
+#include "tools/convert_onnx/report.h"
 #include "tools/convert_onnx/translators.h"
 
 namespace {
@@ -30,61 +30,50 @@ Conversion ConvertFile(Arguments const& arguments) {
   }
 }
 
-void Report(Conversion const& conversion) {
-  std::set<std::string> kernels;
-  for (Layer const& layer : conversion.layers) {
-    std::cout << (layer.node.empty() ? "input" : layer.node) << " -> " << layer.name << "  " << layer.kernel << "\n";
-    kernels.insert(layer.kernel);
-  }
-  Rounding const rounding = MeasureRounding(conversion);
-  std::cout << conversion.layers.size() << " layers, " << kernels.size() << " kernels, " << conversion.folded
-            << " nodes folded, " << conversion.dropped << " nodes that nobody reads, " << rounding.weight_bytes
-            << " bytes of weights\n"
-            << "largest rounding of the binary form: " << rounding.largest
-            << (rounding.layer.empty() ? "" : " in " + rounding.layer) << "\n";
-}
-
 void RefuseOverflow(Conversion const& conversion, std::string const& out) {
-  std::string const layers = MeasureRounding(conversion).overflowing;
+  std::string layers;
+  for (std::string const& layer : MeasureRounding(conversion).overflowing)
+    layers += (layers.empty() ? "" : ", ") + layer;
   if (!layers.empty())
     throw Refusal(out + ": weights beyond 65504, which this form cannot hold, in " + layers +
                   "; write a .json package");
 }
 
-void CheckPackage(TLNModel const& package, Arguments const& arguments, Conversion const& conversion) {
-  for (std::string const& folder : arguments.check) {
-    auto const inputs = ReadArrays(folder, "input"), outputs = ReadArrays(folder, "output");
-    if (outputs.empty()) throw Refusal(folder + ": holds no output_0.npy or output_0.pb");
-    std::map<std::string, Array> named;
-    for (std::size_t i = 0; i < inputs.size() && i < conversion.inputs.size(); ++i)
-      named[conversion.inputs[i]] = inputs[i];
-    auto const got = Run(package, named);
-    if (outputs.size() < got.size()) {
-      throw Refusal(folder + ": holds " + std::to_string(outputs.size()) + " outputs, the package makes " +
-                    std::to_string(got.size()));
-    }
-    for (std::size_t i = 0; i < got.size(); ++i) {
-      std::string const off = Difference(got[i], outputs[i], arguments.bounds);
-      if (!off.empty())
-        throw Refusal(folder + ": output " + conversion.outputs[i] + ": " + off + "; nothing is written");
-    }
-    std::cout << folder << ": " << got.size() << " outputs within the bounds\n";
+// Of zeros, for what a run takes.
+std::map<std::string, Array> Zeros(Conversion const& conversion) {
+  std::map<std::string, Array> inputs;
+  for (std::size_t i = 0; i < conversion.inputs.size(); ++i) {
+    Shape const& shape = conversion.input_shapes[i];
+    inputs[conversion.inputs[i]] = {shape, onnx::TensorProto::FLOAT, std::vector<double>(Count(shape), 0.0)};
   }
+  return inputs;
+}
+
+void CheckPackage(TLNModel const& package, Conversion const& conversion, Arguments const& arguments, Report& report) {
+  for (std::string const& folder : arguments.check) {
+    std::string const off = Deviation(package, conversion, folder, arguments.bounds);
+    if (!off.empty()) throw Refusal(folder + ": " + off + "; nothing is written");
+    report.checks.push_back(folder);
+  }
+  if (!arguments.report.empty()) report.peak_bytes = Run(package, Zeros(conversion)).peak_bytes;
 }
 
 // Written beside its place and read back, so that what is checked is what is kept.
-void Write(Conversion const& conversion, Arguments const& arguments) {
+void Write(Conversion const& conversion, Arguments const& arguments, Report& report) {
   std::filesystem::path const out(arguments.out);
-  auto const package = MakePackage(conversion, out.stem().string());
   std::filesystem::path part = out;
   part.replace_filename("." + out.stem().string() + ".part" + out.extension().string());
   try {
-    char const* const form = IsBinary(arguments.out) ? "bin" : "json";
-    package->ToFile(part.c_str(), form);
+    bool const binary = IsBinary(arguments.out);
+    char const* const form = binary ? "bin" : "json";
+    Conversion written = conversion;
+    if (binary && arguments.nearest) RoundToHalves(written);
+    if (binary) RefuseOverflow(written, arguments.out);
+    MakePackage(written, out.stem().string())->ToFile(part.c_str(), form);
     if (!std::filesystem::exists(part)) throw Refusal(arguments.out + ": cannot be written");
     TLNModel read;
     read.FromFile(part.c_str(), form);
-    CheckPackage(read, arguments, conversion);
+    CheckPackage(read, conversion, arguments, report);
     std::filesystem::rename(part, out);
   } catch (std::exception const& refusal) {
     std::error_code ignored;
@@ -93,22 +82,30 @@ void Write(Conversion const& conversion, Arguments const& arguments) {
   }
 }
 
+void RefuseNodes(Conversion const& conversion, Arguments const& arguments, Report const& report) {
+  if (conversion.refusals.empty()) return;
+  for (std::string const& refusal : conversion.refusals) std::cout << refusal << "\n";
+  if (!arguments.report.empty()) WriteJson(conversion, report, arguments.report);
+  throw Refusal(arguments.model + ": " + std::to_string(conversion.refusals.size()) +
+                " nodes are refused, the first is " + conversion.refusals[0]);
+}
+
 void Main(Arguments const& arguments) {
   if (arguments.list_operators) {
     for (auto const& [name, unused] : AllTranslators()) std::cout << name << "\n";
     return;
   }
-  bool const binary = !arguments.dry_run && IsBinary(arguments.out);
-  Conversion conversion = ConvertFile(arguments);
-  if (!conversion.refusals.empty()) {
-    for (std::string const& refusal : conversion.refusals) std::cout << refusal << "\n";
-    throw Refusal(arguments.model + ": " + std::to_string(conversion.refusals.size()) +
-                  " nodes are refused, the first is " + conversion.refusals[0]);
+  if (!arguments.dry_run) IsBinary(arguments.out);
+  Report report = {arguments.model, arguments.out, {}, 0};
+  Conversion const conversion = ConvertFile(arguments);
+  RefuseNodes(conversion, arguments, report);
+  if (arguments.dry_run) {
+    CheckPackage(*MakePackage(conversion, "model"), conversion, arguments, report);
+  } else {
+    Write(conversion, arguments, report);
   }
-  if (binary && arguments.nearest) RoundToHalves(conversion);
-  if (binary) RefuseOverflow(conversion, arguments.out);
-  if (!arguments.dry_run) Write(conversion, arguments);
-  Report(conversion);
+  Print(conversion, report, std::cout);
+  if (!arguments.report.empty()) WriteJson(conversion, report, arguments.report);
 }
 
 }  // namespace

@@ -60,6 +60,12 @@ std::vector<float> Node::Floats(std::string const& name) const {
   return found != nullptr ? std::vector<float>(found->floats().begin(), found->floats().end()) : std::vector<float>();
 }
 
+std::vector<std::string> Node::Words(std::string const& name) const {
+  auto const* const found = Find(name, AttributeProto::STRINGS);
+  return found != nullptr ? std::vector<std::string>(found->strings().begin(), found->strings().end())
+                          : std::vector<std::string>();
+}
+
 Array Node::Tensor(std::string const& name) const {
   auto const* const found = Find(name, AttributeProto::TENSOR);
   if (found == nullptr) throw Refusal("attribute " + name + " is missing");

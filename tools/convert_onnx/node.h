@@ -39,6 +39,7 @@ class Node {
   std::string Word(std::string const& name, std::string const& absent) const;
   std::vector<long long> Ints(std::string const& name, std::vector<long long> const& absent) const;
   std::vector<float> Floats(std::string const& name) const;
+  std::vector<std::string> Words(std::string const& name) const;
   Array Tensor(std::string const& name) const;
 
   bool Given(std::size_t index) const { return index < inputs.size() && !inputs[index].IsAbsent(); }

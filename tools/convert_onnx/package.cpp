@@ -27,15 +27,18 @@ float NearestHalf(float value) {
 void Measure(Layer const& layer, Floats const& weights, Rounding& rounding) {
   bool over = false;
   for (float const weight : weights) {
-    float const size = std::abs(weight);
+    float const size = std::abs(weight), held = static_cast<float>(half_float::half(size));
     over = over || size > kLargestHalf;
-    if (size < kSmallestNormalHalf || size > kLargestHalf) continue;
-    double const held = static_cast<double>(static_cast<float>(half_float::half(weight)));
-    double const error = std::abs(held - static_cast<double>(weight)) / static_cast<double>(size);
+    if (size == 0 || size > kLargestHalf) continue;
+    if (size < kSmallestNormalHalf) {
+      if (held != size) ++(held == 0 ? rounding.vanishing : rounding.subnormal);
+      continue;
+    }
+    double const error = std::abs(static_cast<double>(held) - static_cast<double>(size)) / static_cast<double>(size);
     if (error > rounding.largest) rounding.largest = error, rounding.layer = layer.name;
   }
-  if (over) rounding.overflowing += (rounding.overflowing.empty() ? "" : ", ") + layer.name;
-  rounding.weight_bytes += weights.size() * sizeof(float);
+  if (over && (rounding.overflowing.empty() || rounding.overflowing.back() != layer.name))
+    rounding.overflowing.push_back(layer.name);
 }
 
 template <class Info>
@@ -48,6 +51,32 @@ bool SetWeights(Layer const& layer) {
   return true;
 }
 
+template <class Info>
+bool SetStack(Layer const& layer) {
+  auto* const record = dynamic_cast<Info*>(layer.record.get());
+  if (record == nullptr) return false;
+  std::vector<std::string>* const lists[] = {
+      &record->weight_ih_forward, &record->weight_hh_forward, &record->bias_ih_forward, &record->bias_hh_forward,
+      &record->weight_ih_reverse, &record->weight_hh_reverse, &record->bias_ih_reverse, &record->bias_hh_reverse};
+  for (std::size_t i = 0; i < layer.recurrent.size(); ++i) lists[i]->assign(1, Encoded(layer.recurrent[i]));
+  return true;
+}
+
+void Encode(Layer const& layer) {
+  if (!layer.weight.empty() && !SetWeights<Conv2dInfo>(layer) && !SetWeights<ConvTranspose2dInfo>(layer))
+    SetWeights<FullConnectionInfo>(layer);
+  if (!layer.recurrent.empty() && !SetStack<RNNInfo>(layer) && !SetStack<LSTMInfo>(layer)) SetStack<GRUInfo>(layer);
+  if (!layer.slopes.empty()) static_cast<ActivationInfo&>(*layer.record).weight = Encoded(layer.slopes);
+}
+
+// What the binary form holds as halves.
+template <class Of>
+auto Halves(Of& layer) {
+  std::vector<decltype(&layer.weight)> lists = {&layer.weight, &layer.bias};
+  for (auto& list : layer.recurrent) lists.push_back(&list);
+  return lists;
+}
+
 std::shared_ptr<LayerCfg> KernelFor(Layer const& layer) {
   auto config = std::make_shared<LayerCfg>();
   config->kernel->kernel_type = layer.kernel;
@@ -58,7 +87,7 @@ std::shared_ptr<LayerCfg> KernelFor(Layer const& layer) {
 
 void RoundToHalves(Conversion& conversion) {
   for (Layer& layer : conversion.layers) {
-    for (Floats* const list : {&layer.weight, &layer.bias}) {
+    for (Floats* const list : Halves(layer)) {
       for (float& weight : *list) weight = NearestHalf(weight);
     }
   }
@@ -67,8 +96,8 @@ void RoundToHalves(Conversion& conversion) {
 Rounding MeasureRounding(Conversion const& conversion) {
   Rounding rounding;
   for (Layer const& layer : conversion.layers) {
-    Measure(layer, layer.weight, rounding);
-    Measure(layer, layer.bias, rounding);
+    rounding.weight_bytes += layer.Weights() * sizeof(float);
+    for (Floats const* const list : Halves(layer)) Measure(layer, *list, rounding);
   }
   return rounding;
 }
@@ -77,9 +106,7 @@ std::shared_ptr<TLNModel> MakePackage(Conversion const& conversion, std::string 
   auto const model = std::make_shared<TLModelInfo>();
   auto const config = std::make_shared<TLModelCfg>();
   for (Layer const& layer : conversion.layers) {
-    if (!layer.weight.empty() && !SetWeights<Conv2dInfo>(layer) && !SetWeights<ConvTranspose2dInfo>(layer)) {
-      SetWeights<FullConnectionInfo>(layer);
-    }
+    Encode(layer);
     model->squential_ids.push_back(layer.name);
     model->squential_types.push_back(layer.record->type);
     model->layers[layer.name] = layer.record;

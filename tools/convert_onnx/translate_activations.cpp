@@ -11,7 +11,7 @@ using Values = std::vector<Value>;
 
 constexpr char kSigmoid[] = "Sigmoid_Fallback_Float_M1", kTanh[] = "TanH_Fallback_Float_M1",
                kHSwish[] = "HSwish_Fallback_Float_M1", kHSigmoid[] = "HSigmoid_Fallback_Float_M1",
-               kRelu6[] = "ReLU6_Fallback_Float_M1";
+               kRelu6[] = "ReLU6_Fallback_Float_M1", kErf[] = "Erf_Fallback_Float_M1";
 
 template <char const* kernel, unsigned short type>
 Values One(Node const& node, Builder& builder) {
@@ -31,26 +31,22 @@ Values HardSigmoid(Node const& node, Builder& builder) {
   return {builder.Unary(builder.Linear(node.TensorInput(0), scale, shift), kHSigmoid)};
 }
 
-// relu(x) - slope * relu(-x), with a slope for each channel.
 Values PRelu(Node const& node, Builder& builder) {
   Value const& x = node.TensorInput(0);
   Array slope = node.ConstantInput(1);
-  if (slope.values.size() == 1) return {builder.Slope(x, slope.Floats()[0])};
   if (node.opset < 7) {
     slope.shape.assign(std::max<std::size_t>(x.shape.size(), 2) - 1, 1);
     slope.shape[0] = static_cast<long long>(slope.values.size());
   }
   if (BroadcastShape(slope.shape, x.shape) != x.shape)
     throw Refusal("slopes " + Text(slope.shape) + " do not fit " + Text(x.shape));
-  for (double& v : slope.values) v = -v;
-  Value const negative = builder.Affine(builder.Relu(builder.Negative(x)), slope, Scalar(0));
-  return {builder.Combine(kAdd, builder.Relu(x), negative)};
+  return {builder.Slopes(x, slope)};
 }
 
-// gamma * relu(x) + gamma alpha (exp(-relu(-x) / divisor) - 1).
+// gamma * relu(x) + gamma alpha (exp(min(x, 0) / divisor) - 1).
 Value Exponentials(Value const& x, Builder& b, float alpha, float gamma, float divisor) {
   Value const below = b.Negative(b.Relu(b.Negative(x)));
-  Value const curve = b.Linear(b.Exponential(b.Linear(below, 1 / divisor, 0)), gamma * alpha, -gamma * alpha);
+  Value const curve = b.Linear(b.ExponentialMinusOne(b.Linear(below, 1 / divisor, 0)), gamma * alpha, 0);
   return b.Combine(kAdd, b.Linear(b.Relu(x), gamma, 0), curve);
 }
 
@@ -69,17 +65,21 @@ Values Selu(Node const& node, Builder& builder) {
                        node.Float("gamma", old ? 1.0507f : 1.05070102214813232421875f), 1)};
 }
 
+constexpr float kInfinity = std::numeric_limits<float>::infinity();
+
+// An operand is held above the threshold where the step is 0: infinity times 0 is NaN.
+Value Above(Value const& x, float threshold, float shift, Builder& b) {
+  return b.Combine(kMul, b.Step(b.Linear(x, 1, -threshold)), b.Linear(b.Clip(x, threshold, kInfinity), 1, shift));
+}
+
 Values ThresholdedRelu(Node const& node, Builder& builder) {
-  Value const& x = node.TensorInput(0);
-  return {builder.Combine(kMul, x, builder.Step(builder.Linear(x, 1, -node.Float("alpha", 1))))};
+  return {Above(node.TensorInput(0), node.Float("alpha", 1), 0, builder)};
 }
 
 Values Shrink(Node const& node, Builder& b) {
   float const bias = node.Float("bias", 0), lambda = node.Float("lambd", 0.5f);
   Value const& x = node.TensorInput(0);
-  Value const above = b.Combine(kMul, b.Step(b.Linear(x, 1, -lambda)), b.Linear(x, 1, -bias));
-  Value const below = b.Combine(kMul, b.Step(b.Linear(x, -1, -lambda)), b.Linear(x, 1, bias));
-  return {b.Combine(kAdd, above, below)};
+  return {b.Combine(kSub, Above(x, lambda, -bias, b), Above(b.Negative(x), lambda, -bias, b))};
 }
 
 Values Softsign(Node const& node, Builder& builder) {
@@ -96,16 +96,11 @@ float Bound(Node const& node, std::size_t index, char const* name, float absent)
 
 Values Clip(Node const& node, Builder& builder) {
   constexpr float kOpen = 3.4e38f;  // the lowest and highest float32 stand for no bound
-  float const infinity = std::numeric_limits<float>::infinity();
-  float const low = Bound(node, 1, "min", -infinity), high = Bound(node, 2, "max", infinity);
+  float const low = Bound(node, 1, "min", -kInfinity), high = Bound(node, 2, "max", kInfinity);
   Value const& x = node.TensorInput(0);
   if (low == 0 && high == 6) return {builder.Unary(x, kRelu6)};
   if (low == 0 && high >= kOpen) return {builder.Relu(x)};
-  Value result = x;
-  Shape const one(x.shape.size(), 1);
-  if (low > -kOpen) result = builder.Combine(kMax, result, builder.Filled(one, low));
-  if (high < kOpen) result = builder.Combine(kMin, result, builder.Filled(one, high));
-  return {result};
+  return {builder.Clip(x, low > -kOpen ? low : -kInfinity, high < kOpen ? high : kInfinity)};
 }
 
 Values Sign(Node const& node, Builder& b) {
@@ -116,15 +111,26 @@ Values Absolute(Node const& node, Builder& builder) { return {builder.Absolute(n
 Values Exponential(Node const& node, Builder& builder) { return {builder.Exponential(node.TensorInput(0))}; }
 Values Negative(Node const& node, Builder& builder) { return {builder.Negative(node.TensorInput(0))}; }
 
-template <Operator op>
-Values Hyperbolic(Node const& node, Builder& b) {
-  Value const& x = node.TensorInput(0);
-  return {b.Linear(b.Combine(op, b.Exponential(x), b.Exponential(b.Negative(x))), 0.5f, 0)};
+Values SquareRoot(Node const& node, Builder& builder) { return {builder.SquareRoot(node.TensorInput(0))}; }
+Values Logarithm(Node const& node, Builder& builder) { return {builder.Logarithm(node.TensorInput(0))}; }
+Values Reciprocal(Node const& node, Builder& builder) { return {builder.Inverse(node.TensorInput(0))}; }
+
+Value Cosh(Value const& x, Builder& b) {
+  return b.Linear(b.Combine(kAdd, b.Exponential(x), b.Exponential(b.Negative(x))), 0.5f, 0);
 }
 
-Values Reciprocal(Node const& node, Builder& builder) {
+Values HyperbolicCosine(Node const& node, Builder& builder) { return {Cosh(node.TensorInput(0), builder)}; }
+
+// tanh(x) cosh(x), which cancels nothing.
+Values HyperbolicSine(Node const& node, Builder& b) {
   Value const& x = node.TensorInput(0);
-  return {builder.Combine(kDiv, builder.Filled(Shape(x.shape.size(), 1), 1), x)};
+  return {b.Combine(kMul, b.Unary(x, kTanh, 5), Cosh(x, b))};
+}
+
+// max(x, 0) + log(1 + e^-|x|).
+Values Softplus(Node const& node, Builder& b) {
+  Value const& x = node.TensorInput(0);
+  return {b.Combine(kAdd, b.Relu(x), b.LogarithmOfOneMore(b.Exponential(b.Negative(b.Absolute(x)))))};
 }
 
 // The softmax family takes one axis from opset 13 on, before that all axes from one on.
@@ -137,6 +143,16 @@ std::pair<std::size_t, std::size_t> SoftmaxAxes(Node const& node, Shape const& s
 Values Softmax(Node const& node, Builder& builder) {
   auto const [begin, end] = SoftmaxAxes(node, node.TensorInput(0).shape);
   return {builder.Softmax(node.TensorInput(0), begin, end)};
+}
+
+// With d = x - max x: d - log(sum e^d).
+Values LogSoftmax(Node const& node, Builder& b) {
+  Value const& x = node.TensorInput(0);
+  auto const [begin, end] = SoftmaxAxes(node, x.shape);
+  std::vector<std::size_t> axes;
+  for (std::size_t axis = begin; axis < end; ++axis) axes.push_back(axis);
+  Value const d = b.Combine(kSub, x, b.Maximum(x, axes));
+  return {b.Combine(kSub, d, b.Logarithm(b.Reduce(b.Exponential(d), axes, false)))};
 }
 
 // 1 at the first of the largest: at those with no largest before them.
@@ -173,14 +189,17 @@ void AddActivations(Translators& table) {
                 {"Ceil", Ceil},
                 {"Celu", Celu},
                 {"Clip", Clip},
-                {"Cosh", Hyperbolic<kAdd>},
+                {"Cosh", HyperbolicCosine},
                 {"Elu", Elu},
+                {"Erf", One<kErf, 0>},
                 {"Exp", Exponential},
                 {"Floor", Floor},
                 {"HardSigmoid", HardSigmoid},
                 {"HardSwish", One<kHSwish, 0>},
                 {"Hardmax", Hardmax},
                 {"LeakyRelu", LeakyRelu},
+                {"Log", Logarithm},
+                {"LogSoftmax", LogSoftmax},
                 {"Neg", Negative},
                 {"PRelu", PRelu},
                 {"Reciprocal", Reciprocal},
@@ -190,9 +209,11 @@ void AddActivations(Translators& table) {
                 {"Shrink", Shrink},
                 {"Sigmoid", One<kSigmoid, 0>},
                 {"Sign", Sign},
-                {"Sinh", Hyperbolic<kSub>},
+                {"Sinh", HyperbolicSine},
                 {"Softmax", Softmax},
+                {"Softplus", Softplus},
                 {"Softsign", Softsign},
+                {"Sqrt", SquareRoot},
                 {"Tanh", One<kTanh, 5>},
                 {"ThresholdedRelu", ThresholdedRelu}});
 }

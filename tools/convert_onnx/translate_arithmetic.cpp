@@ -50,18 +50,6 @@ Values Mean(Node const& node, Builder& builder) {
   return {builder.Linear(Chain<kAdd>(node, builder), 1 / static_cast<float>(node.inputs.size()), 0)};
 }
 
-Values Power(Node const& node, Builder& builder) {
-  Value const& x = node.TensorInput(0);
-  Array const& exponent = node.ConstantInput(1);
-  double const e = exponent.values.empty() ? 0 : exponent.values[0];
-  bool const same = std::all_of(exponent.values.begin(), exponent.values.end(), [e](double v) { return v == e; });
-  if (!same || BroadcastShape(exponent.shape, x.shape) != x.shape) throw Refusal("more than one exponent");
-  if (e != std::floor(e) || e < 1 || e > 8) throw Refusal("exponent = " + Text(e) + "; whole ones from 1 to 8 fit");
-  Value result = x;
-  for (int i = 1; i < static_cast<int>(e); ++i) result = builder.Combine(kMul, result, x);
-  return {result};
-}
-
 struct Reduction {
   std::vector<std::size_t> axes;
   Shape shape;  // of the result
@@ -88,6 +76,26 @@ Values Sum(Node const& node, Builder& builder) {
   if (before == Before::kAbsolute) x = builder.Absolute(x);
   if (before == Before::kSquare) x = builder.Combine(kMul, x, x);
   return {Builder::As(builder.Reduce(x, reduction.axes, mean), reduction.shape)};
+}
+
+enum class Behind { kRoot, kLogarithm };
+
+template <Behind behind>
+Values SumAndThen(Node const& node, Builder& builder) {
+  Value x = node.TensorInput(0);
+  Reduction const reduction = ReductionOf(node, x.shape);
+  if (behind == Behind::kRoot) x = builder.Combine(kMul, x, x);
+  Value const sum = Builder::As(builder.Reduce(x, reduction.axes, false), reduction.shape);
+  return {behind == Behind::kRoot ? builder.SquareRoot(sum) : builder.Logarithm(sum)};
+}
+
+// m + log(sum e^(x - m)) with m the maximum.
+Values LogSumExp(Node const& node, Builder& b) {
+  Value const& x = node.TensorInput(0);
+  Reduction const reduction = ReductionOf(node, x.shape);
+  Value const largest = b.Maximum(x, reduction.axes);
+  Value const sum = b.Reduce(b.Exponential(b.Combine(kSub, x, largest)), reduction.axes, false);
+  return {Builder::As(b.Combine(kAdd, largest, b.Logarithm(sum)), reduction.shape)};
 }
 
 Values Largest(Node const& node, Builder& builder) {
@@ -124,8 +132,10 @@ void AddArithmetic(Translators& table) {
                 {"Mean", Mean},
                 {"Min", Many<kMin>},
                 {"Mul", Pair<kMul>},
-                {"Pow", Power},
                 {"ReduceL1", Sum<Before::kAbsolute, false>},
+                {"ReduceL2", SumAndThen<Behind::kRoot>},
+                {"ReduceLogSum", SumAndThen<Behind::kLogarithm>},
+                {"ReduceLogSumExp", LogSumExp},
                 {"ReduceMax", Largest},
                 {"ReduceMean", Sum<Before::kNothing, true>},
                 {"ReduceMin", Smallest},

@@ -110,7 +110,7 @@ Floats Bias(Node const& node, long long channels) {
 // Depth goes into the channels: [O, D', C, D, ky, kx] with the kernel's planes on a band.
 Floats Banded(Floats const& weight, Shape const& w, Spatial const& s, long long depth) {
   long long const plane = w[3] * w[4], in = s.size[0];
-  Floats band(Count({w[0] * depth * w[1], in, plane}), 0.0f);
+  Floats band(Count({Times(Times(w[0], depth), w[1]), in, plane}), 0.0f);
   for (long long o = 0; o < w[0]; ++o) {
     for (long long d = 0; d < depth; ++d) {
       for (long long c = 0; c < w[1]; ++c) {
@@ -119,6 +119,25 @@ Floats Banded(Floats const& weight, Shape const& w, Spatial const& s, long long 
           if (i < 0 || i >= in) continue;
           auto const from = weight.begin() + ((o * w[1] + c) * w[2] + t) * plane;
           std::copy(from, from + plane, band.begin() + (((o * depth + d) * w[1] + c) * in + i) * plane);
+        }
+      }
+    }
+  }
+  return band;
+}
+
+// The same for a transposed convolution: [C, D, O, D', ky, kx].
+Floats BandedTransposed(Floats const& weight, Shape const& w, Spatial const& s, long long depth) {
+  long long const plane = w[3] * w[4], in = s.size[0];
+  Floats band(Count({Times(w[0], in), Times(w[1], depth), plane}), 0.0f);
+  for (long long c = 0; c < w[0]; ++c) {
+    for (long long i = 0; i < in; ++i) {
+      for (long long o = 0; o < w[1]; ++o) {
+        for (long long t = 0; t < w[2]; ++t) {
+          long long const d = i * s.strides[0] - s.begin[0] + t * s.dilations[0];
+          if (d < 0 || d >= depth) continue;
+          auto const from = weight.begin() + ((c * w[1] + o) * w[2] + t) * plane;
+          std::copy(from, from + plane, band.begin() + (((c * in + i) * w[1] + o) * depth + d) * plane);
         }
       }
     }
@@ -192,7 +211,8 @@ void CutTransposed(Node const& node, Spatial& s, Shape const& full) {
   }
 }
 
-// The kernel's borders are those of the input with stride - 1 zeros behind each element.
+// The window of the last two axes. The kernel's borders are those of the input with stride - 1 zeros behind each
+// element.
 Window Borders(Spatial const& s, Shape const& extra) {
   Spatial t = s;
   for (std::size_t i = 0; i < s.size.size(); ++i) {
@@ -200,7 +220,7 @@ Window Borders(Spatial const& s, Shape const& extra) {
     t.begin[i] = reach - s.begin[i];
     t.end[i] = reach + extra[i] + 1 - s.strides[i] - s.end[i];
   }
-  return WindowOf(t, 0);
+  return WindowOf(t, s.size.size() - 2);
 }
 
 Values TransposedConvolution(Node const& node, Builder& builder) {
@@ -210,7 +230,7 @@ Values TransposedConvolution(Node const& node, Builder& builder) {
     throw Refusal("weights " + Text(w.shape) + " do not fit " + Text(x.shape));
   Spatial s = SpatialOf(node, x.shape, Shape(w.shape.begin() + 2, w.shape.end()));
   std::size_t const rank = s.size.size();
-  if (rank > 2) throw Refusal("planes of " + std::to_string(rank) + " axes");
+  if (rank > 3) throw Refusal("planes of " + std::to_string(rank) + " axes");
   Shape extra = Attribute(node, "output_padding", rank, 0), full, extents;
   for (std::size_t i = 0; i < rank; ++i) {
     full.push_back(s.strides[i] * (s.size[i] - 1) + extra[i] + (s.kernel[i] - 1) * s.dilations[i] + 1);
@@ -225,39 +245,17 @@ Values TransposedConvolution(Node const& node, Builder& builder) {
     throw Refusal("group = " + std::to_string(groups) + ", weights " + Text(w.shape) + " and " +
                   std::to_string(channels) + " channels disagree");
   }
-  long long const out = w.shape[1] * groups;
+  long long const out = Times(w.shape[1], groups);
   if (rank == 1) AddPlaneAxis(s), extra.push_back(0);
-  Value const planes = builder.Flat(x, {batch * channels, s.size[0], s.size[1]});
-  Value const made = builder.Transposed(planes, Tiled(w.Floats(), batch), Tiled(Bias(node, out), batch), batch * out,
+  bool const deep = rank == 3;
+  Floats const weight = deep ? BandedTransposed(w.Floats(), w.shape, s, extents[0]) : w.Floats();
+  Floats const bias = deep ? Stretched(Bias(node, out), extents[0]) : Bias(node, out);
+  long long const depth = deep ? s.size[0] : 1, outputs = deep ? Times(out, extents[0]) : out;
+  std::size_t const y = deep ? 1 : 0;
+  Value const planes = builder.Flat(x, {batch * channels * depth, s.size[y], s.size[y + 1]});
+  Value const made = builder.Transposed(planes, Tiled(weight, batch), Tiled(bias, batch), batch * outputs,
                                         batch * groups, Borders(s, extra));
   return {Builder::As(made, OutputShape(batch, out, extents))};
-}
-
-Values BatchNormalization(Node const& node, Builder& builder) {
-  Value const& x = node.TensorInput(0);
-  if (node.Int("training_mode", 0) != 0) throw Refusal("attribute training_mode = 1");
-  if (node.Int("spatial", 1) != 1) throw Refusal("attribute spatial = 0");
-  for (std::size_t i = 1; i < node.wanted.size(); ++i) {
-    if (node.wanted[i]) throw Refusal("output " + std::to_string(i) + " belongs to training");
-  }
-  auto const epsilon = static_cast<double>(node.Float("epsilon", 1e-5f));
-  Shape const per_channel(x.shape.size() > 1 ? x.shape.size() - 1 : 1, 1);
-  Array scale = node.ConstantInput(1), shift = node.ConstantInput(2);
-  Array const &mean = node.ConstantInput(3), &variance = node.ConstantInput(4);
-  long long const channels = x.shape.size() > 1 ? x.shape[1] : 1;
-  for (std::size_t i = 1; i < 5; ++i) {
-    if (static_cast<long long>(node.ConstantInput(i).values.size()) != channels) {
-      throw Refusal(std::to_string(node.inputs[i].constant->values.size()) + " values for " + std::to_string(channels) +
-                    " channels");
-    }
-  }
-  for (std::size_t c = 0; c < scale.values.size(); ++c) {
-    scale.values[c] /= std::sqrt(variance.values[c] + epsilon);
-    shift.values[c] -= mean.values[c] * scale.values[c];
-  }
-  scale.shape = shift.shape = per_channel;
-  scale.shape[0] = shift.shape[0] = channels;
-  return {builder.Affine(x, scale, shift)};
 }
 
 template <bool maximum>
@@ -312,8 +310,7 @@ Values GlobalMaximum(Node const& node, Builder& builder) {
 }  // namespace
 
 void AddConvolutions(Translators& table) {
-  table.insert(
-      {{"BatchNormalization", BatchNormalization}, {"Conv", Convolution}, {"ConvTranspose", TransposedConvolution}});
+  table.insert({{"Conv", Convolution}, {"ConvTranspose", TransposedConvolution}});
 }
 
 void AddPoolings(Translators& table) {

@@ -1,11 +1,12 @@
+#include <algorithm>
+#include <map>
+
 #include "tools/convert_onnx/translators.h"
 
 namespace convert_onnx {
 namespace {
 
 using Values = std::vector<Value>;
-
-constexpr long long kMaximumProducts = 1ll << 24;  // of a product of two tensors by broadcasting and summing
 
 // [k, m] to [m, k].
 Floats Turned(Floats const& matrix, long long k, long long m) {
@@ -25,25 +26,37 @@ Value TimesConstant(Value const& x, Floats const& turned, long long k, long long
   shape.back() = m;
   long long const rows = static_cast<long long>(Count(x.shape)) / k;
   if (rows == 1) return Builder::As(builder.Dense(x, turned, {}, m), shape);
-  return Builder::As(builder.Along(Builder::As(x, {rows, k}), 1, turned, m), shape);
+  return Builder::As(builder.Rows(Builder::As(x, {rows, k}), turned, m), shape);
 }
 
+bool IsOne(Shape const& shape) {
+  return std::all_of(shape.begin(), shape.end(), [](long long extent) { return extent == 1; });
+}
+
+// [.., m, k] as one matrix, or as the matrices of `batch`; an axis of 1 is repeated by a factor of 1.
+Value Matrices(Value const& x, Shape const& batch, Builder& b) {
+  Shape const matrix(x.shape.end() - 2, x.shape.end()), own(x.shape.begin(), x.shape.end() - 2);
+  if (IsOne(own)) return Builder::As(x, matrix);
+  Shape all = batch;
+  all.insert(all.end(), matrix.begin(), matrix.end());
+  Value const spread = Count(all) == Count(x.shape) ? x : b.Combine(kMul, x, b.Filled(all, 1));
+  return Builder::As(spread, {Product(batch, 0, batch.size()), matrix[0], matrix[1]});
+}
+
+// A vector is a matrix of one row on the left, of one column on the right, and the result has no such axis.
 Value TimesTensor(Value a, Value b, Builder& builder) {
-  if (a.shape.size() < 2 || b.shape.size() < 2)
-    throw Refusal("a product of two tensors of which one has a single axis");
-  long long const m = a.shape[a.shape.size() - 2], k = a.shape.back(), n = b.shape.back();
-  if (b.shape[b.shape.size() - 2] != k)
+  bool const row = a.shape.size() == 1, column = b.shape.size() == 1;
+  if (a.shape.empty() || b.shape.empty()) throw Refusal("a product with a scalar");
+  if (row) a = Builder::As(a, {1, a.shape[0]});
+  if (column) b = Builder::As(b, {b.shape[0], 1});
+  long long const m = a.shape[a.shape.size() - 2], n = b.shape.back();
+  if (b.shape[b.shape.size() - 2] != a.shape.back())
     throw Refusal("shapes " + Text(a.shape) + " and " + Text(b.shape) + " do not multiply");
-  Shape left = a.shape, right = b.shape;
-  Shape shape = BroadcastShape({left.begin(), left.end() - 2}, {right.begin(), right.end() - 2});
-  if (Product(shape, 0, shape.size()) * m > kMaximumProducts / k / n) {
-    throw Refusal("a product of two tensors " + Text(left) + " and " + Text(right) + " of more than 2^24 products");
-  }
-  left.push_back(1);
-  right.insert(right.end() - 2, 1);
-  Value const products = builder.Combine(kMul, Builder::As(a, left), Builder::As(b, right));
-  shape.insert(shape.end(), {m, n});
-  return Builder::As(builder.Reduce(products, {products.shape.size() - 2}, false), shape);
+  Shape shape = BroadcastShape({a.shape.begin(), a.shape.end() - 2}, {b.shape.begin(), b.shape.end() - 2});
+  Value const product = builder.Multiply(Matrices(a, shape, builder), Matrices(b, shape, builder));
+  if (!row) shape.push_back(m);
+  if (!column) shape.push_back(n);
+  return Builder::As(product, shape);
 }
 
 Values MatrixProduct(Node const& node, Builder& builder) {
@@ -61,7 +74,7 @@ Values MatrixProduct(Node const& node, Builder& builder) {
   return {TimesTensor(builder.Tensor(a), builder.Tensor(b), builder)};
 }
 
-Value Product(Node const& node, float alpha, Builder& builder) {
+Value ScaledProduct(Node const& node, float alpha, Builder& builder) {
   Value a = node.Input(0), b = node.Input(1);
   if (a.shape.size() != 2 || b.shape.size() != 2)
     throw Refusal("shapes " + Text(a.shape) + " and " + Text(b.shape) + " are no matrices");
@@ -69,8 +82,7 @@ Value Product(Node const& node, float alpha, Builder& builder) {
   if (!a.IsTensor()) a = builder.Tensor(a);
   if (node.Int("transA", 0) != 0) a = builder.Permute(a, {1, 0});
   if (!b.IsConstant()) {
-    Value const product = TimesTensor(a, turned ? builder.Permute(b, {1, 0}) : b, builder);
-    return builder.Linear(product, alpha, 0);
+    return builder.Linear(TimesTensor(a, turned ? builder.Permute(b, {1, 0}) : b, builder), alpha, 0);
   }
   Floats weight = b.constant->Floats();
   if (!turned) weight = Turned(weight, b.shape[0], b.shape[1]);
@@ -79,7 +91,7 @@ Value Product(Node const& node, float alpha, Builder& builder) {
 }
 
 Values Gemm(Node const& node, Builder& builder) {
-  Value const product = Product(node, node.Float("alpha", 1), builder);
+  Value const product = ScaledProduct(node, node.Float("alpha", 1), builder);
   if (!node.Given(2)) return {product};
   float const beta = node.Float("beta", 1);
   Value const& c = node.Input(2);
@@ -89,8 +101,128 @@ Values Gemm(Node const& node, Builder& builder) {
   return {builder.Binary(kAdd, product, Constant(scaled))};
 }
 
+// The terms of "ij,jk->ik"; "..." stands for capital letters, as many as there are axes left.
+struct Terms {
+  std::vector<std::string> inputs;
+  std::string output;
+};
+
+std::string Spelled(std::string const& term, std::size_t rank) {
+  auto const dots = term.find("...");
+  if (dots == std::string::npos) return term;
+  std::string letters;
+  for (std::size_t i = term.size() - 3; i < rank; ++i) letters += static_cast<char>('A' + (rank - 1 - i));
+  return term.substr(0, dots) + letters + term.substr(dots + 3);
+}
+
+Terms TermsOf(Node const& node) {
+  std::string text = node.Word("equation", "");
+  text.erase(std::remove(text.begin(), text.end(), ' '), text.end());
+  auto const arrow = text.find("->");
+  Terms terms;
+  std::string list = text.substr(0, arrow);
+  for (std::size_t at = 0; at != std::string::npos;) {
+    auto const comma = list.find(',', at);
+    std::size_t const index = terms.inputs.size();
+    terms.inputs.push_back(
+        Spelled(list.substr(at, comma == std::string::npos ? comma : comma - at), node.Input(index).shape.size()));
+    at = comma == std::string::npos ? comma : comma + 1;
+  }
+  std::string all;
+  for (std::string const& term : terms.inputs) all += term;
+  std::sort(all.begin(), all.end());
+  for (char const letter : all) {  // without an arrow: those that stand once, and all that dots stand for
+    bool const once = std::count(all.begin(), all.end(), letter) == 1 || letter < 'a';
+    if (once && terms.output.find(letter) == std::string::npos) terms.output += letter;
+  }
+  if (arrow != std::string::npos) {
+    auto const dots = std::count_if(terms.output.begin(), terms.output.end(), [](char c) { return c < 'a'; });
+    std::string const right = text.substr(arrow + 2);
+    terms.output =
+        Spelled(right, right.size() - std::min<std::size_t>(right.size(), 3) + static_cast<std::size_t>(dots));
+  }
+  return terms;
+}
+
+// A tensor whose axes have letters.
+struct Lettered {
+  Value value;
+  std::string letters;
+};
+
+// The axes in the order of `letters`, each of them among the tensor's own.
+Value Arranged(Lettered const& x, std::string const& letters, Builder& b) {
+  std::vector<std::size_t> axes;
+  for (char const letter : letters) axes.push_back(x.letters.find(letter));
+  return b.Permute(x.value, axes);
+}
+
+// Without the axes that neither another operand nor the output has.
+Lettered Summed(Lettered const& x, std::string const& kept, Builder& b) {
+  std::vector<std::size_t> axes;
+  Lettered result;
+  Shape shape;
+  for (std::size_t i = 0; i < x.letters.size(); ++i) {
+    if (std::count(x.letters.begin(), x.letters.end(), x.letters[i]) > 1)
+      throw Refusal("a diagonal in attribute equation");
+    if (kept.find(x.letters[i]) == std::string::npos) {
+      axes.push_back(i);
+    } else {
+      result.letters += x.letters[i];
+      shape.push_back(x.value.shape[i]);
+    }
+  }
+  result.value = Builder::As(b.Reduce(x.value, axes, false), shape);
+  return result;
+}
+
+// Letters of both and of the output, then those of one operand alone and those that are summed, as matrices.
+Lettered Joined(Lettered const& x, Lettered const& y, std::string const& output, Builder& b) {
+  std::string batch, left, sum, right;
+  for (char const letter : x.letters) {
+    bool const shared = y.letters.find(letter) != std::string::npos;
+    (!shared ? left : output.find(letter) != std::string::npos ? batch : sum) += letter;
+  }
+  for (char const letter : y.letters) {
+    if (x.letters.find(letter) == std::string::npos) right += letter;
+  }
+  Value const a = Arranged(x, batch + left + sum, b), c = Arranged(y, batch + sum + right, b);
+  std::size_t const n = batch.size(), l = n + left.size(), s = n + sum.size();
+  for (std::size_t i = 0; i < n + sum.size(); ++i) {
+    if (a.shape[i < n ? i : i + left.size()] != c.shape[i]) throw Refusal("extents of one letter differ");
+  }
+  Shape shape(a.shape.begin(), a.shape.begin() + static_cast<std::ptrdiff_t>(l));
+  shape.insert(shape.end(), c.shape.begin() + static_cast<std::ptrdiff_t>(s), c.shape.end());
+  Shape const p = {Product(a.shape, 0, n), Product(a.shape, n, l), Product(a.shape, l, a.shape.size())};
+  Value const product =
+      b.Multiply(Builder::As(a, p), Builder::As(c, {p[0], p[2], Product(c.shape, s, c.shape.size())}));
+  return {Builder::As(product, shape), batch + left + right};
+}
+
+Values Einsum(Node const& node, Builder& b) {
+  Terms const terms = TermsOf(node);
+  if (terms.inputs.size() > 2 || terms.inputs.size() != node.inputs.size())
+    throw Refusal("attribute equation = " + node.Word("equation", "") + " of " + std::to_string(node.inputs.size()) +
+                  " inputs; one or two fit");
+  std::vector<Lettered> operands;
+  for (std::size_t i = 0; i < terms.inputs.size(); ++i) {
+    if (terms.inputs[i].size() != node.Input(i).shape.size())
+      throw Refusal("attribute equation does not fit " + Text(node.Input(i).shape));
+    std::string const others = terms.output + (terms.inputs.size() == 2 ? terms.inputs[1 - i] : "");
+    operands.push_back(Summed({b.Tensor(node.Input(i)), terms.inputs[i]}, others, b));
+  }
+  Lettered const result = operands.size() == 1 ? operands[0] : Joined(operands[0], operands[1], terms.output, b);
+  if (result.letters.size() != terms.output.size()) throw Refusal("attribute equation = " + node.Word("equation", ""));
+  for (char const letter : terms.output) {
+    if (std::count(result.letters.begin(), result.letters.end(), letter) != 1 ||
+        std::count(terms.output.begin(), terms.output.end(), letter) != 1)
+      throw Refusal("attribute equation = " + node.Word("equation", ""));
+  }
+  return {Arranged(result, terms.output, b)};
+}
+
 }  // namespace
 
-void AddProducts(Translators& table) { table.insert({{"Gemm", Gemm}, {"MatMul", MatrixProduct}}); }
+void AddProducts(Translators& table) { table.insert({{"Einsum", Einsum}, {"Gemm", Gemm}, {"MatMul", MatrixProduct}}); }
 
 }  // namespace convert_onnx

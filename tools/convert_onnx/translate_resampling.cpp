@@ -63,9 +63,7 @@ Floats Matrix(Mode const& mode, long long in, long long out, double scale) {
     auto const add = [&](long long at, double weight) {
       matrix[static_cast<std::size_t>(i * in + std::clamp(at, 0ll, in - 1))] += static_cast<float>(weight);
     };
-    if (mode.kind == "nearest") {
-      add(Nearest(mode.nearest, position), 1);
-    } else if (mode.kind == "cubic") {
+    if (mode.kind == "cubic") {
       AddCubic(mode, position, in, add);
     } else {
       double const down = std::floor(position);
@@ -74,6 +72,16 @@ Floats Matrix(Mode const& mode, long long in, long long out, double scale) {
     }
   }
   return matrix;
+}
+
+// One axis by the nearest elements.
+Value Selected(Value const& x, std::size_t axis, Mode const& mode, long long out, double scale, Builder& builder) {
+  std::vector<long long> places;
+  long long const in = x.shape[axis];
+  for (long long i = 0; i < out; ++i) {
+    places.push_back(std::clamp(Nearest(mode.nearest, Position(mode, i, in, out, scale)), 0ll, in - 1));
+  }
+  return builder.Take(x, axis, places);
 }
 
 // Whole factors whose planes one kernel repeats.
@@ -109,7 +117,9 @@ Values Resized(Value const& x, Mode const& mode, Shape const& out, std::vector<d
   for (std::size_t axis = 0; axis < out.size(); ++axis) {
     if (out[axis] < 1) throw Refusal("a result of " + Text(out));
     if (out[axis] == x.shape[axis] && scales[axis] == 1) continue;
-    result = builder.Along(result, axis, Matrix(mode, x.shape[axis], out[axis], scales[axis]), out[axis]);
+    result = mode.kind == "nearest"
+                 ? Selected(result, axis, mode, out[axis], scales[axis], builder)
+                 : builder.Along(result, axis, Matrix(mode, x.shape[axis], out[axis], scales[axis]), out[axis]);
   }
   return {result};
 }
@@ -157,27 +167,60 @@ Values Resize(Node const& node, Builder& builder) {
   return Resized(x, mode, out, scales, builder);
 }
 
+// Pixels as coordinates that end at the pixels' borders, -1 and 1; extents [width, height].
+Value FromPixels(Value const& pixels, std::vector<double> const& extents, Builder& b) {
+  Array scale{{2}, onnx::TensorProto::FLOAT, {}}, shift = scale;
+  for (double const extent : extents) scale.values.push_back(2 / extent), shift.values.push_back(1 / extent - 1);
+  return b.Affine(pixels, scale, shift);
+}
+
+Value ToPixels(Value const& grid, std::vector<double> const& extents, bool centres, Builder& b) {
+  Array scale{{2}, onnx::TensorProto::FLOAT, {}}, shift = scale;
+  for (double const extent : extents) {
+    scale.values.push_back((centres ? extent - 1 : extent) / 2), shift.values.push_back((extent - 1) / 2);
+  }
+  return b.Affine(grid, scale, shift);
+}
+
+// Pixels folded at the borders of the plane, or at the centres of its outer pixels: a triangle wave.
+Value Reflected(Value const& pixels, std::vector<double> const& extents, bool centres, Builder& b) {
+  Array scale{{2}, onnx::TensorProto::FLOAT, {}}, shift = scale, back = scale, low = scale;
+  for (double const extent : extents) {
+    double const span = std::max(centres ? extent - 1 : extent, 1e-6), first = centres ? 0 : -0.5;
+    scale.values.push_back(1 / (2 * span)), shift.values.push_back(-first / (2 * span));
+    back.values.push_back(2 * span), low.values.push_back(first);
+  }
+  Value const turns = b.Affine(pixels, scale, shift);
+  return b.Affine(b.Absolute(b.Combine(kSub, turns, b.Round(turns))), back, low);
+}
+
 // One kernel for the pixels of a grid; what it counts differently is said in its coordinates first.
 Values GridSample(Node const& node, Builder& builder) {
   Value const& x = node.TensorInput(0);
   Value grid = builder.Tensor(node.Input(1));
   std::string const mode = node.Word("mode", "bilinear"), padding = node.Word("padding_mode", "zeros");
-  if (mode != "bilinear") throw Refusal("attribute mode = " + mode);
-  if (padding != "zeros" && padding != "border") throw Refusal("attribute padding_mode = " + padding);
+  if (mode != "bilinear" && mode != "nearest") throw Refusal("attribute mode = " + mode);
+  if (padding != "zeros" && padding != "border" && padding != "reflection")
+    throw Refusal("attribute padding_mode = " + padding);
   if (x.shape.size() != 4 || grid.shape.size() != 4 || x.shape[0] != 1 || grid.shape[0] != 1 || grid.shape[3] != 2) {
     throw Refusal("planes " + Text(x.shape) + " and grid " + Text(grid.shape) + "; a batch of 1 fits");
   }
   long long const height = x.shape[2], width = x.shape[3], rows = grid.shape[1], columns = grid.shape[2];
-  if (node.Int("align_corners", 0) != 0) {  // the same pixels in coordinates that end at the pixels' borders
+  bool const centres = node.Int("align_corners", 0) != 0, nearest = mode == "nearest", folds = padding == "reflection";
+  std::vector<double> const extents = {static_cast<double>(width), static_cast<double>(height)};
+  if (nearest || folds) {
+    Value pixels = ToPixels(grid, extents, centres, builder);
+    if (folds) pixels = Reflected(pixels, extents, centres, builder);
+    if (nearest) pixels = builder.Round(pixels);  // the kernel rounds halves up
+    grid = FromPixels(pixels, extents, builder);
+  } else if (centres) {  // the same pixels in coordinates that end at the pixels' borders
     Array scale{{2}, onnx::TensorProto::FLOAT, {}};
-    for (long long const extent : {width, height}) {
-      scale.values.push_back(static_cast<double>(extent - 1) / static_cast<double>(extent));
-    }
+    for (double const extent : extents) scale.values.push_back((extent - 1) / extent);
     grid = builder.Affine(grid, scale, Scalar(0));
   }
   auto const record = std::make_shared<talvo::runtime::GridSampleInfo>();
-  record->mode = 1;
-  record->padding_mode = padding == "border";
+  record->mode = nearest ? 0 : 1;
+  record->padding_mode = padding != "zeros";
   Value const planes = builder.Flat(x, {x.shape[1], height, width});
   Value const positions = builder.Flat(grid, {rows, columns, 2});
   return {builder.Emit(record, "GridSample_Fallback_CHW_Float_M1", {planes, positions}, {x.shape[1], rows, columns},

@@ -16,10 +16,18 @@ Values Reshaping(Node const& node, Builder&) {
 
 Values Identity(Node const& node, Builder&) { return {node.TensorInput(0)}; }
 
-Values Cast(Node const& node, Builder&) {
+Values Cast(Node const& node, Builder& builder) {
   auto const to = static_cast<int>(node.Int("to", 0));
-  if (to != onnx::TensorProto::FLOAT) throw Refusal("attribute to = " + TypeName(to) + "; tensors are float32");
-  return {node.TensorInput(0)};
+  if (!builder.Holds(to)) throw Refusal("attribute to = " + TypeName(to) + "; tensors are float32");
+  return {builder.Tensor(node.Input(0))};
+}
+
+// The type of a tensor is that of all tensors.
+Values CastLike(Node const& node, Builder& builder) {
+  Value const& like = node.Input(1);
+  if (like.IsConstant() && !builder.Holds(like.constant->type))
+    throw Refusal("input target_type is of type " + TypeName(like.constant->type) + "; tensors are float32");
+  return {builder.Tensor(node.Input(0))};
 }
 
 Values Dropout(Node const& node, Builder&) {
@@ -199,6 +207,7 @@ Values SpaceToDepth(Node const& node, Builder& builder) {
 
 void AddStructure(Translators& table) {
   table.insert({{"Cast", Cast},
+                {"CastLike", CastLike},
                 {"Concat", Concat},
                 {"DepthToSpace", DepthToSpace},
                 {"Dropout", Dropout},

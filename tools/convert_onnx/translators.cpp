@@ -5,8 +5,8 @@ namespace convert_onnx {
 Translators const& AllTranslators() {
   static Translators const table = [] {
     Translators made;
-    for (auto const add :
-         {AddActivations, AddArithmetic, AddConvolutions, AddProducts, AddPoolings, AddStructure, AddResampling})
+    for (auto const add : {AddActivations, AddArithmetic, AddConvolutions, AddProducts, AddPoolings, AddStructure,
+                           AddResampling, AddFunctions, AddNormalisations, AddRecurrent, AddFourier})
       add(made);
     return made;
   }();

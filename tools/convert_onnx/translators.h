@@ -25,6 +25,10 @@ void AddProducts(Translators& table);
 void AddPoolings(Translators& table);
 void AddStructure(Translators& table);
 void AddResampling(Translators& table);
+void AddFunctions(Translators& table);
+void AddNormalisations(Translators& table);
+void AddRecurrent(Translators& table);
+void AddFourier(Translators& table);
 
 /// An output that no layer makes.
 Value Unmade(std::string const& why);

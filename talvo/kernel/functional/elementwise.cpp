@@ -22,24 +22,6 @@ void AddRow(float const* TALVO_RESTRICT x, std::size_t n, float* TALVO_RESTRICT 
   for (std::size_t i = 0; i < n; ++i) y[i] += x[i];
 }
 
-// The sums of `rows` rows of n elements. Eight rows go side by side: each sum keeps its order, none waits for another.
-void SumRows(float const* x, std::size_t rows, std::size_t n, float* y) {
-  constexpr std::size_t kTogether = 8;
-  std::size_t row = 0;
-  for (; row + kTogether <= rows; row += kTogether, x += kTogether * n) {
-    float sums[kTogether] = {};
-    for (std::size_t k = 0; k < n; ++k) {
-      for (std::size_t r = 0; r < kTogether; ++r) sums[r] += x[r * n + k];
-    }
-    std::memcpy(y + row, sums, sizeof sums);
-  }
-  for (; row < rows; ++row, x += n) {
-    float sum = 0.0f;
-    for (std::size_t k = 0; k < n; ++k) sum += x[k];
-    y[row] = sum;
-  }
-}
-
 // The array summed over one of its axes.
 std::vector<float> SumAxis(float const* x, Dims const& dims, std::size_t axis) {
   std::size_t outer = 1, inner = 1;
@@ -48,7 +30,7 @@ std::vector<float> SumAxis(float const* x, Dims const& dims, std::size_t axis) {
   std::size_t const n = dims[axis];
   std::vector<float> sums(outer * inner);
   if (inner == 1) {
-    SumRows(x, outer, n, sums.data());
+    rows::SumRows(x, n, outer, n, sums.data());
   } else {
     for (std::size_t o = 0; o < outer; ++o) {
       for (std::size_t k = 0; k < n; ++k) AddRow(x + (o * n + k) * inner, inner, sums.data() + o * inner);

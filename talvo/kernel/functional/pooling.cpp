@@ -5,9 +5,11 @@
 #include <vector>
 
 #include "talvo/kernel/functional/pooling_support.h"
+#include "talvo/kernel/rows/elementwise_rows.h"
 #include "talvo/kernel/rows/phase_plane.h"
 #include "talvo/kernel/rows/pooling_rows.h"
 #include "talvo/kernel/rows/saturate.h"
+#include "talvo/kernel/rows/transpose.h"
 
 namespace talvo::kernel::functional {
 namespace {
@@ -229,6 +231,19 @@ bool HasOutputs(PoolingShape const& shape) {
   return shape.channels != 0 && shape.out_height != 0 && shape.out_width != 0;
 }
 
+// Whether each plane as a whole is one region.
+bool IsGlobal(PoolingShape const& shape) {
+  return shape.out_height == 1 && shape.out_width == 1 && Reached(shape) == shape.height * shape.width &&
+         RegionOf(shape.width, 1, 0).end == shape.width;
+}
+
+void MeansOfPlanes(float const* x, PoolingShape const& shape, float* y) {
+  std::size_t const plane = shape.height * shape.width;
+  auto const rows = static_cast<float>(shape.height), columns = static_cast<float>(shape.width);
+  rows::SumRows(x, plane, shape.channels, plane, y);
+  for (std::size_t c = 0; c < shape.channels; ++c) y[c] = (y[c] / rows) / columns;
+}
+
 // The mean over a region of a plane, behind which `available` elements from its start on stand zeros.
 float MeanOfOne(float const* x, std::size_t available, rows::MeanRegion const& region) {
   float sum = 0.0f;
@@ -292,13 +307,14 @@ void average_pool_f32(float const* x, PoolingShape const& shape, PoolingWindow c
 }
 
 std::size_t adaptive_pool_scratch_f32(PoolingShape const& shape) {
-  if (!HasOutputs(shape) || shape.channels < rows::kChannelsTogether) return 0;
+  if (!HasOutputs(shape) || IsGlobal(shape) || shape.channels < rows::kChannelsTogether) return 0;
   std::size_t const count = Reached(shape) * rows::kChannelsTogether;
   return count <= kMostFloats ? count : 0;
 }
 
 void adaptive_average_pool_f32(float const* x, PoolingShape const& shape, float* scratch, float* y) {
   if (!HasOutputs(shape)) return;
+  if (IsGlobal(shape)) return MeansOfPlanes(x, shape, y);
   bool const mixes = adaptive_pool_scratch_f32(shape) != 0;
   std::size_t const plane = shape.height * shape.width, out_plane = shape.out_height * shape.out_width;
   std::size_t const reached = Reached(shape);
@@ -309,7 +325,9 @@ void adaptive_average_pool_f32(float const* x, PoolingShape const& shape, float*
     std::size_t const available = (shape.channels - c) * plane;
     bool const many = mixes && available >= (rows::kChannelsTogether - 1) * plane + reached;
     together = many ? rows::kChannelsTogether : 1;
-    if (many) rows::MixChannels(planes, plane, reached, scratch);
+    if (many) {
+      rows::TransposeRows(planes, plane, rows::kChannelsTogether, reached, scratch, rows::kChannelsTogether);
+    }
     float* out = y;
     for (std::size_t row = 0; row < shape.out_height; ++row) {
       Region const r = RegionOf(shape.height, shape.out_height, row);

@@ -3,14 +3,19 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <type_traits>
 #include <vector>
 
+#include "talvo/kernel/rows/mixed_channels.h"
+#include "talvo/kernel/rows/samples.h"
+#include "talvo/kernel/rows/transpose.h"
 #include "talvo/utility/refuse_support.h"
 #include "talvo/utility/restrict_support.h"
 
 namespace talvo::kernel::functional {
 namespace {
 
+using rows::FourPixels;
 using utility::Refuse;
 
 // y[i] = x[index[i]] for i < n.
@@ -64,11 +69,8 @@ void UpsampleNearestOf(T const* x, ImageSize const& size, std::vector<std::uint3
   }
 }
 
-// Where an output index lies between two source indices: low (1 - weight) + high weight.
-struct Position {
-  std::uint32_t low, high;
-  float weight, rest;  // rest = 1 - weight
-};
+// Where an output index lies between two source indices; rest = 1 - weight.
+using Position = rows::TwoPixels;
 
 // The positions of output indices along one axis. `ends_alone`: a position on the first or last index takes that one
 // alone; else its neighbour takes part, with weight 0, read inside the extent.
@@ -116,54 +118,103 @@ void BlendColumns(T const* TALVO_RESTRICT x, std::size_t plane, std::vector<Posi
   }
 }
 
-// y[j] = low[j] weight + top[j] rest for j < n; a result for an integer is cut toward zero.
-template <typename T>
-void BlendRows(float const* TALVO_RESTRICT top, float const* TALVO_RESTRICT low, float weight, float rest,
-               std::size_t n, T* TALVO_RESTRICT y) {
-  for (std::size_t j = 0; j < n; ++j) y[j] = static_cast<T>(low[j] * weight + top[j] * rest);
+// Planes that lie side by side, and how many source columns each output column may bring with it into scratch.
+constexpr std::size_t kMixed = rows::kChannelsTogether, kMostColumns = 4;
+
+// The same for kMixed planes. `mixed` holds n results and what is read of the source row, both side by side.
+void BlendMixedColumns(float const* x, std::size_t plane, std::vector<Position> const& positions, float* mixed,
+                       float* y) {
+  std::size_t const n = positions.size(), read = positions.back().high + 1;
+  float* const source = mixed + kMixed * n;
+  rows::TransposeRows(x, plane, kMixed, read, source, kMixed);
+  rows::BlendTwoPixels(source, positions.data(), n, mixed);
+  rows::TransposeRows(mixed, kMixed, n, kMixed, y, n);
 }
 
-// One source row of kPlanes planes with its columns blended: the two last used ones are kept, since neighbouring output
-// rows lie between the same two.
-template <std::size_t kPlanes, typename T>
+// y[p y_step + j] = low[p n + j] weight + top[p n + j] rest for p < planes, j < n.
+void BlendRows(float const* top, float const* low, Position const& row, std::size_t planes, std::size_t n, float* y,
+               std::size_t y_step) {
+  rows::BlendRows(top, low, row.weight, row.rest, planes, n, y, y_step);
+}
+
+// Results are cut toward zero.
+void BlendRows(float const* TALVO_RESTRICT top, float const* TALVO_RESTRICT low, Position const& row,
+               std::size_t planes, std::size_t n, std::int16_t* TALVO_RESTRICT y, std::size_t y_step) {
+  float const weight = row.weight, rest = row.rest;
+  for (std::size_t p = 0; p < planes; ++p, top += n, low += n, y += y_step) {
+    for (std::size_t j = 0; j < n; ++j) y[j] = static_cast<std::int16_t>(low[j] * weight + top[j] * rest);
+  }
+}
+
+// Source rows with their columns blended: the two last used ones are kept, since neighbouring output rows lie between
+// the same two. blend(index, row) makes row `index`.
+template <class Blend>
 class BlendedRows {
  public:
-  BlendedRows(T const* x, ImageSize const& size, std::vector<Position> const& columns, float* scratch)
-      : x_(x), size_(size), columns_(columns), rows_{scratch, scratch + kPlanes * columns.size()} {}
+  BlendedRows(Blend const& blend, float* first, float* second) : blend_(blend), rows_{first, second} {}
 
-  // Row `index` of each plane, in the buffer that does not hold row `kept`.
+  // In the buffer that does not hold row `kept`.
   float const* Row(std::uint32_t index, std::uint32_t kept) {
     for (int slot : {0, 1})
       if (held_[slot] == index) return rows_[slot];
     int const slot = held_[0] == kept ? 1 : 0;
-    BlendColumns<kPlanes>(x_ + index * size_.width, size_.height * size_.width, columns_, rows_[slot]);
+    blend_(index, rows_[slot]);
     held_[slot] = index;
     return rows_[slot];
   }
 
  private:
   static constexpr std::uint32_t kNone = 0xFFFFFFFF;
-  T const* x_;
-  ImageSize size_;
-  std::vector<Position> const& columns_;
+  Blend const& blend_;
   float* rows_[2];
   std::uint32_t held_[2] = {kNone, kNone};
 };
 
-// A block of outputs of kPlanes planes, [out_plane / out_width, out_width] each, of which y is the first.
-template <std::size_t kPlanes, typename T>
-void UpsamplePlanes(T const* x, ImageSize const& size, std::vector<Position> const& rows,
-                    std::vector<Position> const& columns, float* scratch, std::size_t out_width, std::size_t out_plane,
-                    T* y) {
-  std::size_t const n = columns.size();
-  BlendedRows<kPlanes, T> blended(x, size, columns, scratch);
-  for (std::size_t i = 0; i < rows.size(); ++i) {
-    Position const& row = rows[i];
+// Where a block of outputs lies between source rows and columns, the latter counted from the first that is read. Their
+// planes are [out_plane / out_width, out_width].
+struct UpsampleBlock {
+  std::vector<Position> const &rows, &columns;
+  std::size_t out_width, out_plane;
+};
+
+// `planes` planes; blend(row, to) as BlendColumns of a source row.
+template <typename T, class Blend>
+void UpsamplePlanes(std::size_t planes, Blend const& blend, UpsampleBlock const& block, float* scratch, T* y) {
+  std::size_t const n = block.columns.size();
+  BlendedRows<Blend> blended(blend, scratch, scratch + planes * n);
+  for (Position const& row : block.rows) {
     float const* const top = blended.Row(row.low, row.high);
     float const* const low = blended.Row(row.high, row.low);
-    for (std::size_t p = 0; p < kPlanes; ++p)
-      BlendRows(top + p * n, low + p * n, row.weight, row.rest, n, y + p * out_plane + i * out_width);
+    BlendRows(top, low, row, planes, n, y, block.out_plane);
+    y += block.out_width;
   }
+}
+
+// Many planes side by side, else a few that share the cost of reading a position. Returns how many it took.
+template <typename T>
+std::size_t UpsampleSome(T const* x, ImageSize const& size, std::size_t channels, UpsampleBlock const& block,
+                         float* scratch, T* y) {
+  std::size_t const width = size.width, plane = size.height * width;
+  auto const& columns = block.columns;
+  if constexpr (std::is_same_v<T, float>) {
+    if (channels >= kMixed && columns.back().high < kMostColumns * columns.size()) {
+      float* const mixed = scratch + 2 * kMixed * columns.size();
+      auto const blend = [&](std::size_t row, float* to) {
+        BlendMixedColumns(x + row * width, plane, columns, mixed, to);
+      };
+      UpsamplePlanes(kMixed, blend, block, scratch, y);
+      return kMixed;
+    }
+  }
+  constexpr std::size_t kFew = 4;
+  if (channels >= kFew) {
+    auto const blend = [&](std::size_t row, float* to) { BlendColumns<kFew>(x + row * width, plane, columns, to); };
+    UpsamplePlanes(kFew, blend, block, scratch, y);
+    return kFew;
+  }
+  auto const blend = [&](std::size_t row, float* to) { BlendColumns<1>(x + row * width, plane, columns, to); };
+  UpsamplePlanes(1, blend, block, scratch, y);
+  return 1;
 }
 
 // By blocks of outputs, so that the positions take little memory however large the output is.
@@ -171,24 +222,21 @@ template <typename T>
 void UpsampleBilinearOf(T const* x, ImageSize const& size, float scale_y, float scale_x, bool align_corner,
                         std::size_t out_height, std::size_t out_width, T* y) {
   if (size.channels == 0 || out_height == 0 || out_width == 0) return;
-  constexpr std::size_t kPlanes = 4, kBlock = 4096;
+  constexpr std::size_t kBlock = 1024;
   BilinearAxis const row_axis = {size.height, out_height, scale_y, align_corner, false};
   BilinearAxis const column_axis = {size.width, out_width, scale_x, align_corner, true};
-  std::vector<float> scratch(2 * kPlanes * std::min(kBlock, out_width));
+  std::vector<float> scratch((3 + kMostColumns) * std::min(kMixed, size.channels) * std::min(kBlock, out_width));
   std::size_t const plane = size.height * size.width, out_plane = out_height * out_width;
   for (std::size_t i = 0; i < out_height; i += kBlock) {
     auto const rows = row_axis.Positions(i, std::min(kBlock, out_height - i));
     for (std::size_t j = 0; j < out_width; j += kBlock) {
-      auto const columns = column_axis.Positions(j, std::min(kBlock, out_width - j));
-      T* const block = y + i * out_width + j;
-      std::size_t c = 0;
-      for (; c + kPlanes <= size.channels; c += kPlanes) {
-        UpsamplePlanes<kPlanes>(x + c * plane, size, rows, columns, scratch.data(), out_width, out_plane,
-                                block + c * out_plane);
-      }
-      for (; c < size.channels; ++c) {
-        UpsamplePlanes<1>(x + c * plane, size, rows, columns, scratch.data(), out_width, out_plane,
-                          block + c * out_plane);
+      auto columns = column_axis.Positions(j, std::min(kBlock, out_width - j));
+      std::uint32_t const first = columns.front().low;  // positions never go back
+      for (Position& column : columns) column.low -= first, column.high -= first;
+      UpsampleBlock const block = {rows, columns, out_width, out_plane};
+      T* const out = y + i * out_width + j;
+      for (std::size_t c = 0; c < size.channels;) {
+        c += UpsampleSome(x + c * plane + first, size, size.channels - c, block, scratch.data(), out + c * out_plane);
       }
     }
   }
@@ -268,17 +316,6 @@ GridAxis FadingAxis(float position, std::int64_t extent) {
   return {InsideOr(index, extent, kOutside), InsideOr(index + 1, extent, kOutside), position - whole};
 }
 
-// Offsets of four pixels in a plane and their weights.
-struct GridSampleAt {
-  static constexpr std::uint32_t kZero = 0xFFFFFFFF;  // no pixel: 0
-  std::uint32_t top_left = kZero, top_right = kZero, low_left = kZero, low_right = kZero;
-  float weight_x = 0.0f, weight_y = 0.0f;
-};
-
-std::uint32_t PixelOffset(std::int64_t row, std::int64_t column, std::int64_t width) {
-  return row == kOutside || column == kOutside ? GridSampleAt::kZero : static_cast<std::uint32_t>(row * width + column);
-}
-
 class GridReader {
  public:
   GridReader(ImageSize const& size, GridSampling const& sampling)
@@ -286,12 +323,15 @@ class GridReader {
         width_(static_cast<std::int64_t>(size.width)),
         sampling_(sampling) {}
 
+  // The offset that stands for 0: there is no such pixel.
+  std::uint32_t Outside() const { return static_cast<std::uint32_t>(height_ * width_); }
+
   std::uint32_t Nearest(float gx, float gy) const {
-    return PixelOffset(NearestPixel(std::floor(Scaled(gy, height_)), height_, sampling_.border),
-                       NearestPixel(std::floor(Scaled(gx, width_)), width_, sampling_.border), width_);
+    return Offset(NearestPixel(std::floor(Scaled(gy, height_)), height_, sampling_.border),
+                  NearestPixel(std::floor(Scaled(gx, width_)), width_, sampling_.border));
   }
 
-  GridSampleAt Bilinear(float gx, float gy) const {
+  FourPixels Bilinear(float gx, float gy) const {
     float const x = sampling_.align_corners ? Scaled(gx, width_ - 1) : Scaled(gx, width_) - 0.5f;
     float const y = sampling_.align_corners ? Scaled(gy, height_ - 1) : Scaled(gy, height_) - 0.5f;
     if (sampling_.border) return At(ClampedAxis(x, width_), ClampedAxis(y, height_));
@@ -299,52 +339,90 @@ class GridReader {
     std::int64_t const less = sampling_.align_corners ? 1 : 0;
     bool const inside =
         x >= first && y >= first && x <= static_cast<float>(width_ - less) && y <= static_cast<float>(height_ - less);
-    return inside ? At(FadingAxis(x, width_), FadingAxis(y, height_)) : GridSampleAt();
+    if (inside) return At(FadingAxis(x, width_), FadingAxis(y, height_));
+    std::uint32_t const nothing = Outside();
+    return {nothing, nothing, nothing, nothing, 0.0f, 0.0f};
   }
 
  private:
   static float Scaled(float g, std::int64_t extent) { return (g + 1.0f) * 0.5f * static_cast<float>(extent); }
 
-  GridSampleAt At(GridAxis const& x, GridAxis const& y) const {
-    return {PixelOffset(y.low, x.low, width_),
-            PixelOffset(y.low, x.high, width_),
-            PixelOffset(y.high, x.low, width_),
-            PixelOffset(y.high, x.high, width_),
-            x.weight,
-            y.weight};
+  std::uint32_t Offset(std::int64_t row, std::int64_t column) const {
+    return row == kOutside || column == kOutside ? Outside() : static_cast<std::uint32_t>(row * width_ + column);
+  }
+
+  FourPixels At(GridAxis const& x, GridAxis const& y) const {
+    return {
+        Offset(y.low, x.low), Offset(y.low, x.high), Offset(y.high, x.low), Offset(y.high, x.high), x.weight, y.weight};
   }
 
   std::int64_t height_, width_;
   GridSampling sampling_;
 };
 
-float Pixel(float const* plane, std::uint32_t offset) { return offset == GridSampleAt::kZero ? 0.0f : plane[offset]; }
+// A plane of `count` pixels, behind which stands 0.
+struct Pixels {
+  float const* plane;
+  std::size_t count;
+  float operator[](std::uint32_t offset) const { return offset == count ? 0.0f : plane[offset]; }
+};
 
-void SampleRow(float const* plane, std::vector<std::uint32_t> const& pixels, float* y) {
-  std::size_t const n = pixels.size();
-  for (std::size_t j = 0; j < n; ++j) y[j] = Pixel(plane, pixels[j]);
+void SampleRow(Pixels const& pixels, std::vector<std::uint32_t> const& places, float* y) {
+  std::size_t const n = places.size();
+  for (std::size_t j = 0; j < n; ++j) y[j] = pixels[places[j]];
 }
 
-void SampleRow(float const* plane, std::vector<GridSampleAt> const& samples, float* y) {
-  std::size_t const n = samples.size();
+void SampleRow(Pixels const& pixels, std::vector<FourPixels> const& places, float* y) {
+  std::size_t const n = places.size();
   for (std::size_t j = 0; j < n; ++j) {
-    GridSampleAt const& at = samples[j];
+    FourPixels const& at = places[j];
     float const wx = at.weight_x, wy = at.weight_y;
-    float const low = Pixel(plane, at.low_right) * wx + (1.0f - wx) * Pixel(plane, at.low_left);
-    float const top = Pixel(plane, at.top_right) * wx + Pixel(plane, at.top_left) * (1.0f - wx);
+    float const low = pixels[at.low_right] * wx + (1.0f - wx) * pixels[at.low_left];
+    float const top = pixels[at.top_right] * wx + pixels[at.top_left] * (1.0f - wx);
     y[j] = low * wy + (1.0f - wy) * top;
   }
 }
 
-// Row by row, since the positions of a row serve all channels. read(gx, gy) gives what SampleRow takes.
+void TakeMixed(float const* mixed, std::uint32_t const* places, std::size_t n, float* y) {
+  rows::TakePixels(mixed, places, n, y);
+}
+void TakeMixed(float const* mixed, FourPixels const* places, std::size_t n, float* y) {
+  rows::BlendFourPixels(mixed, places, n, y);
+}
+
+constexpr std::size_t kStrip = 256;  // results that lie side by side before they are parted
+
+// All channels, kMixed or more, at all places, side by side: the last of them move back and are sampled again.
+template <class Place>
+void SampleMixed(float const* x, ImageSize const& size, std::vector<Place> const& places, float* scratch, float* y) {
+  std::size_t const plane = size.height * size.width, n = places.size();
+  float* const strip = scratch + (plane + 1) * kMixed;
+  std::fill_n(scratch + plane * kMixed, kMixed, 0.0f);
+  for (std::size_t next = 0; next < size.channels; next += kMixed) {
+    std::size_t const c = std::min(next, size.channels - kMixed);
+    rows::TransposeRows(x + c * plane, plane, kMixed, plane, scratch, kMixed);
+    for (std::size_t i = 0; i < n; i += kStrip) {
+      std::size_t const count = std::min(kStrip, n - i);
+      TakeMixed(scratch, places.data() + i, count, strip);
+      rows::TransposeRows(strip, kMixed, count, kMixed, y + c * n + i, n);
+    }
+  }
+}
+
+// The places serve all channels. read(gx, gy) gives what SampleRow takes.
 template <class Read>
-void SampleImage(float const* x, ImageSize const& size, float const* grid, std::size_t out_height,
-                 std::size_t out_width, Read const& read, float* y) {
-  std::vector<decltype(read(0.0f, 0.0f))> samples(out_width);
-  for (std::size_t i = 0; i < out_height; ++i, grid += 2 * out_width) {
-    for (std::size_t j = 0; j < out_width; ++j) samples[j] = read(grid[2 * j], grid[2 * j + 1]);
+void SampleImage(float const* x, ImageSize const& size, float const* grid, std::size_t out_count, bool mixes,
+                 Read const& read, float* scratch, float* y) {
+  constexpr std::size_t kBlock = 4096;
+  std::size_t const plane = size.height * size.width, block = mixes ? out_count : std::min(kBlock, out_count);
+  std::vector<decltype(read(0.0f, 0.0f))> places(block);
+  for (std::size_t first = 0; first < out_count; first += block, grid += 2 * block) {
+    std::size_t const n = std::min(block, out_count - first);
+    places.resize(n);
+    for (std::size_t j = 0; j < n; ++j) places[j] = read(grid[2 * j], grid[2 * j + 1]);
+    if (mixes) return SampleMixed(x, size, places, scratch, y);
     for (std::size_t c = 0; c < size.channels; ++c)
-      SampleRow(x + c * size.height * size.width, samples, y + (c * out_height + i) * out_width);
+      SampleRow(Pixels{x + c * plane, plane}, places, y + c * out_count + first);
   }
 }
 
@@ -399,20 +477,26 @@ void PixelUnshuffle(std::int16_t const* x, ImageSize const& size, std::size_t k,
   PixelUnshuffleOf(x, size, k, y);
 }
 
-void GridSample(float const* x, ImageSize const& size, float const* grid, std::size_t out_height, std::size_t out_width,
-                GridSampling const& sampling, float* y) {
-  if (size.channels == 0 || out_height == 0 || out_width == 0) return;
+// Few channels leave lanes empty; a plane much larger than the output, or than the caches, is not worth moving.
+std::size_t GridSampleScratch(ImageSize const& size, std::size_t out_count) {
+  constexpr std::size_t kMostPixels = 256 * 256;
+  std::size_t const plane = size.height * size.width;
+  bool const mixes = size.channels >= kMixed && plane <= 4 * out_count && plane <= kMostPixels;
+  return mixes ? (plane + 1 + kStrip) * kMixed : 0;
+}
+
+void GridSample(float const* x, ImageSize const& size, float const* grid, std::size_t out_count,
+                GridSampling const& sampling, float* scratch, float* y) {
+  if (size.channels == 0 || out_count == 0) return;
   if (sampling.border && (size.height == 0 || size.width == 0)) {
     Refuse("grid sampling: planes of %zu x %zu pixels have no border to take", size.height, size.width);
   }
   GridReader const reader(size, sampling);
-  if (sampling.bilinear) {
-    SampleImage(
-        x, size, grid, out_height, out_width, [&](float gx, float gy) { return reader.Bilinear(gx, gy); }, y);
-  } else {
-    SampleImage(
-        x, size, grid, out_height, out_width, [&](float gx, float gy) { return reader.Nearest(gx, gy); }, y);
-  }
+  bool const mixes = GridSampleScratch(size, out_count) != 0;
+  auto const nearest = [&](float gx, float gy) { return reader.Nearest(gx, gy); };
+  auto const bilinear = [&](float gx, float gy) { return reader.Bilinear(gx, gy); };
+  sampling.bilinear ? SampleImage(x, size, grid, out_count, mixes, bilinear, scratch, y)
+                    : SampleImage(x, size, grid, out_count, mixes, nearest, scratch, y);
 }
 
 }  // namespace talvo::kernel::functional

@@ -45,12 +45,15 @@ struct GridSampling {
   bool align_corners;  // bilinear alone: -1 and 1 are the centres of the outer pixels, not their edges
 };
 
-/// y[c, i, j] = x[c] at the position (gx, gy) = grid[i, j, 0 .. 1], each from [-1, 1].
-/// x [channels, height, width], grid [out_height, out_width, 2], y [channels, out_height, out_width].
+/// Floats of scratch that GridSample needs for `out_count` positions: some planes, none where they are large or few.
+std::size_t GridSampleScratch(ImageSize const& size, std::size_t out_count);
+
+/// y[c, i] = x[c] at the position (gx, gy) = grid[i, 0 .. 1], each from [-1, 1].
+/// x [channels, height, width], grid [out_count, 2], y [channels, out_count]; scratch overlaps none of them.
 /// Nearest: pixel floor((g + 1) 0.5 extent). Bilinear: position (g + 1) 0.5 extent - 0.5, or (g + 1) 0.5 (extent - 1)
 /// with align_corners, where without border a position outside gives 0 as a whole. NaN counts as outside, with border
 /// as 0. Assert: border for planes without pixels.
-void GridSample(float const* x, ImageSize const& size, float const* grid, std::size_t out_height, std::size_t out_width,
-                GridSampling const& sampling, float* y);
+void GridSample(float const* x, ImageSize const& size, float const* grid, std::size_t out_count,
+                GridSampling const& sampling, float* scratch, float* y);
 
 }  // namespace talvo::kernel::functional

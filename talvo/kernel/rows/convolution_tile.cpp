@@ -125,42 +125,43 @@ struct RunTilesBody {
   }
 };
 
-// How products reach the sums of a plane: multiplied and then added, or by fused steps.
+// How a product reaches the sum of a plane: multiplied and then added, or by a fused step.
 struct TwoRoundings {
   static constexpr bool kFused = false;
+  static constexpr std::size_t kRows = 4;  // of results at a time: they and their sums stay in registers
 
   static TALVO_ROWS_INLINE float Start(float start) { return start + 0.0f; }  // no -0.0f: a sum begins at a product
 };
 template <class Set>
 struct OneRounding {
   static constexpr bool kFused = true;
+  static constexpr std::size_t kRows = Set::kFuses ? 7 : 4;  // chains that hide the latency of their steps
 
   static TALVO_ROWS_INLINE float Start(float start) { return start; }
 
   template <int kLanes>
-  static TALVO_ROWS_INLINE void Add(Vector<kLanes> const& x, float weight, Vector<kLanes>& sum) {
-    Vector<kLanes> w;
-    Splat<kLanes>(weight, w);
-    FusedStep<Set, kLanes>(x, w, sum);
+  static TALVO_ROWS_INLINE void Add(Vector<kLanes> const& x, Vector<kLanes> const& weight, Vector<kLanes>& sum) {
+    FusedStep<Set, kLanes>(x, weight, sum);
   }
 };
 
-constexpr std::size_t kRows = 4;  // of results at a time
-
-// kLanes columns of kRows rows. Any kernel: rows behind the last one repeat it.
+// kLanes columns of some rows. Any kernel: rows behind the last one repeat it.
 template <int kLanes, class Step>
 struct AnyPlane {
   using V = Vector<kLanes>;
+  static constexpr std::size_t kRows = Step::kRows;
 
   template <bool kFirst>
   static TALVO_ROWS_INLINE void AddTap(float weight, float const* const (&rows)[kRows], std::size_t input,
                                        V (&sums)[kRows]) {
+    [[maybe_unused]] V spread;
+    if constexpr (Step::kFused) Splat<kLanes>(weight, spread);
     TALVO_ROWS_UNROLL
     for (std::size_t r = 0; r < kRows; ++r) {
       V x;
       Load<kLanes>(rows[r] + input, x);
       if constexpr (Step::kFused) {
-        Step::template Add<kLanes>(x, weight, sums[r]);
+        Step::template Add<kLanes>(x, spread, sums[r]);
       } else {
         V const product = x * weight;
         sums[r] = kFirst ? product : sums[r] + product;
@@ -210,6 +211,8 @@ struct AnyPlane {
 template <int kLanes, class Step, int kStride>
 struct Plane3x3 {
   using V = Vector<kLanes>;
+  // Fused, they are vectors from the start: g++ would spread them for each step.
+  using Weight = std::conditional_t<Step::kFused, V, float>;
   struct Row {
     V x[3];
   };
@@ -221,23 +224,33 @@ struct Plane3x3 {
   }
 
   // sum = before + the products of kernel row ky; for the first one without `before`, or from `start` on.
-  static TALVO_ROWS_INLINE void Begin(V const& start, Row const& row, float const (&weights)[9], V& sum) {
-    if constexpr (Step::kFused) return Continue(start, row, weights, 0, sum);
-    sum = row.x[0] * weights[0] + row.x[1] * weights[1] + row.x[2] * weights[2];
+  static TALVO_ROWS_INLINE void Begin(V const& start, Row const& row, Weight const (&weights)[9], V& sum) {
+    if constexpr (Step::kFused) {
+      Continue(start, row, weights, 0, sum);
+    } else {
+      sum = row.x[0] * weights[0] + row.x[1] * weights[1] + row.x[2] * weights[2];
+    }
   }
-  static TALVO_ROWS_INLINE void Continue(V const& before, Row const& row, float const (&weights)[9], int ky, V& sum) {
+  static TALVO_ROWS_INLINE void Continue(V const& before, Row const& row, Weight const (&weights)[9], int ky, V& sum) {
     if constexpr (Step::kFused) {
       sum = before;
+      TALVO_ROWS_UNROLL
       for (int kx = 0; kx < 3; ++kx) Step::template Add<kLanes>(row.x[kx], weights[3 * ky + kx], sum);
-      return;
+    } else {
+      sum = before + row.x[0] * weights[3 * ky] + row.x[1] * weights[3 * ky + 1] + row.x[2] * weights[3 * ky + 2];
     }
-    sum = before + row.x[0] * weights[3 * ky] + row.x[1] * weights[3 * ky + 1] + row.x[2] * weights[3 * ky + 2];
   }
 
   static TALVO_ROWS_INLINE void RunChannel(PlaneRun const& run, std::size_t c, std::size_t x) {
     V start, one, two, sum;  // one, two: the sums of output rows that lack the last two, the last kernel row
-    float weights[9];
-    std::copy_n(run.weights + 9 * c, 9, weights);
+    Weight weights[9];
+    float const* const first = run.weights + 9 * c;
+    if constexpr (Step::kFused) {
+      TALVO_ROWS_UNROLL
+      for (std::size_t k = 0; k < 9; ++k) Splat<kLanes>(first[k], weights[k]);
+    } else {
+      std::copy_n(first, 9, weights);
+    }
     Splat<kLanes>(Step::Start(run.start), start);
     float const* input = run.input + c * run.input_plane + x;
     float* to = run.results + x;

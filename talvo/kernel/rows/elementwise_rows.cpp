@@ -1,6 +1,7 @@
 #include "talvo/kernel/rows/elementwise_rows.h"
 
 #include <cstdint>
+#include <cstring>
 
 #include "talvo/kernel/rows/vectors.h"
 
@@ -223,6 +224,42 @@ struct CopyRowsBody {
   }
 };
 
+// Rows stand in the lanes: each sum keeps its order, and none waits for another. Lanes without a row take the last one.
+struct SumRowsBody {
+  static constexpr std::size_t kRows = kMaxLanes;
+
+  template <class Set>
+  static TALVO_ROWS_INLINE void Run(float const* x, std::size_t stride, std::size_t rows, std::size_t n, float* y) {
+    for (std::size_t first = 0; first < rows; first += kRows) {
+      std::size_t const count = rows - first < kRows ? rows - first : kRows;
+      SumTogether<Set::kLanes>(x + first * stride, stride, count, n, y + first);
+    }
+  }
+
+  template <int kLanes>
+  static TALVO_ROWS_INLINE void SumTogether(float const* x, std::size_t stride, std::size_t count, std::size_t n,
+                                            float* y) {
+    std::size_t const whole = n - n % kLanes;
+    float const* row[kRows];
+    for (std::size_t r = 0; r < kRows; ++r) row[r] = x + (r < count ? r : count - 1) * stride;
+    Vector<kLanes> sums[kRows / kLanes] = {};
+    for (std::size_t k = 0; k < whole; k += kLanes) {
+      for (std::size_t group = 0; group * kLanes < count; ++group) {
+        Vector<kLanes> square[kLanes];
+        for (std::size_t i = 0; i < kLanes; ++i) Load<kLanes>(row[group * kLanes + i] + k, square[i]);
+        TransposeSquare<kLanes>(square);
+        for (std::size_t i = 0; i < kLanes; ++i) sums[group] += square[i];
+      }
+    }
+    float results[kRows];
+    std::memcpy(results, sums, sizeof results);
+    for (std::size_t r = 0; r < count; ++r) {
+      for (std::size_t k = whole; k < n; ++k) results[r] += row[r][k];
+      y[r] = results[r];
+    }
+  }
+};
+
 }  // namespace
 
 Primitive<void(float const*, std::size_t, float*)> const ReluRow{MapBody<Relu>()};
@@ -235,5 +272,6 @@ Primitive<void(float, float, float const*, std::size_t, float*)> const ClipRow{C
 Primitive<void(float const*, std::size_t, float*)> const SqrtRow{SqrtBody()};
 Primitive<void(Operation, Operand, Operand, std::size_t, float*)> const CombineRow{CombineBody()};
 Primitive<void(float const*, std::size_t, std::size_t, std::size_t, float*)> const CopyRows{CopyRowsBody()};
+Primitive<void(float const*, std::size_t, std::size_t, std::size_t, float*)> const SumRows{SumRowsBody()};
 
 }  // namespace talvo::kernel::rows

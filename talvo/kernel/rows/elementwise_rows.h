@@ -1,5 +1,5 @@
-// Activations of a row, combinations of two rows, and copies. Each result is that of the plain loop over ascending i,
-// so that the ranges may overlap in any way. Internal.
+// Activations of a row, combinations of two rows, copies and sums. Each result is that of the plain loop over ascending
+// i, so that the ranges may overlap in any way. Internal.
 #pragma once
 
 #include <cstddef>
@@ -33,5 +33,8 @@ extern Primitive<void(Operation operation, Operand a, Operand b, std::size_t n, 
 /// y [rows, n]: row r is x[r * stride] .. x[r * stride + n - 1]. The ranges do not overlap. For rows of up to some
 /// kilobytes: it fetches ahead of the gaps between them, and makes no call for each.
 extern Primitive<void(float const* x, std::size_t stride, std::size_t n, std::size_t rows, float* y)> const CopyRows;
+
+/// y[r] = 0.0f + x[r * stride] + x[r * stride + 1] + ... + x[r * stride + n - 1], summed in this order, for r < rows.
+extern Primitive<void(float const* x, std::size_t stride, std::size_t rows, std::size_t n, float* y)> const SumRows;
 
 }  // namespace talvo::kernel::rows

@@ -23,19 +23,17 @@ void PackFused(float const* weight, std::size_t outputs, std::size_t inputs, flo
 /// the results that are there.
 enum class Chain { kStarts, kGoesOn, kIsAdded };
 
-/// A block of outputs, `lanes`, at some positions: result [position][lane] is a chain of fused steps, input channel
-/// after channel, tap after tap.
+/// A block of outputs, `lanes`, at some positions: result [position][lane] is a chain of fused steps, each of which
+/// reads the input at steps[i].input from the position on, and all lanes at weights + steps[i].weight.
 struct FusedTileRun {
   Chain chain;
-  float const* const* columns;  // [positions]: the input of each position in the first channel
+  float const* const* columns;  // [positions]: where the input of each position begins
   std::size_t positions;
-  std::size_t channels, input_plane;  // input channels, and from one to the next
-  Tap const* taps;                    // in the order of the chain
-  std::size_t tap_count;              // 0 leaves the starts
-  float const* weights;               // the first channel's; weights + taps[t].weight has all lanes
-  std::size_t weight_plane;           // from one input channel to the next
-  std::size_t lanes;                  // 1 .. kFusedBlock
-  float const* starts;                // [lanes]
+  Tap const* steps;
+  std::size_t step_count;  // 0 leaves the starts
+  float const* weights;
+  std::size_t lanes;    // 1 .. kFusedBlock
+  float const* starts;  // [lanes]
   float* results;
   std::size_t result_step;  // from one position to the next
 };

@@ -212,18 +212,10 @@ struct MeanOfRegionBody {
   }
 };
 
-struct MixChannelsBody {
-  template <class Set>
-  static TALVO_ROWS_INLINE void Run(float const* x, std::size_t plane, std::size_t count, float* mixed) {
-    Transpose<Set::kLanes>(x, plane, kChannelsTogether, count, mixed, kChannelsTogether);
-  }
-};
-
 }  // namespace
 
 Primitive<void(float const*, TapGrid const&, float*)> const MaximumOfTaps{MaximumBody()};
 Primitive<void(float const*, TapGrid const&, float const*, float*)> const MeanOfTaps{MeanBody()};
 Primitive<void(float const*, MeanRegion const&, std::size_t, float*)> const MeanOfRegion{MeanOfRegionBody()};
-Primitive<void(float const*, std::size_t, std::size_t, float*)> const MixChannels{MixChannelsBody()};
 
 }  // namespace talvo::kernel::rows

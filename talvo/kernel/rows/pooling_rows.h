@@ -4,6 +4,7 @@
 #include <cstddef>
 
 #include "talvo/kernel/rows/instruction_sets.h"
+#include "talvo/kernel/rows/mixed_channels.h"
 
 namespace talvo::kernel::rows {
 
@@ -27,18 +28,12 @@ extern Primitive<void(float const* x, TapGrid const& grid, float* y)> const Maxi
 extern Primitive<void(float const* x, TapGrid const& grid, float const* divisors, float* y)> const MeanOfTaps;
 
 /// Means over regions of kChannelsTogether planes of `plane` elements that follow each other, (sum / rows) / columns
-/// each, the sum row by row from 0.0f. y[c * out_plane] is the mean of plane c. `mixed` holds the planes as MixChannels
-/// made them, up to the end of the region.
+/// each, the sum row by row from 0.0f. y[c * out_plane] is the mean of plane c. `mixed` holds the planes side by side,
+/// up to the end of the region.
 struct MeanRegion {
   std::size_t row_begin, row_end, column_begin, column_end, width;
 };
 extern Primitive<void(float const* mixed, MeanRegion const& region, std::size_t out_plane, float* y)> const
     MeanOfRegion;
-
-/// mixed[i * kChannelsTogether + c] = x[c * plane + i] for i < count, where a count above `plane` takes in what
-/// follows.
-extern Primitive<void(float const* x, std::size_t plane, std::size_t count, float* mixed)> const MixChannels;
-
-constexpr std::size_t kChannelsTogether = kMaxLanes;
 
 }  // namespace talvo::kernel::rows

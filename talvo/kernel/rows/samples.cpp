@@ -1,5 +1,6 @@
 #include "talvo/kernel/rows/samples.h"
 
+#include "talvo/kernel/rows/vectors.h"
 #include "talvo/utility/restrict_support.h"
 
 namespace talvo::kernel::rows {
@@ -89,11 +90,39 @@ struct BlendPairsBody {
   }
 };
 
+// Vectors go down to those of which a row holds one; the last of a row moves back and computes some results again.
+template <int kLanes>
+TALVO_ROWS_INLINE void BlendRow(float const* top, float const* low, float weight, float rest, std::size_t n, float* y) {
+  if constexpr (kLanes > 1) {
+    if (n < kLanes) return BlendRow<(kLanes > 4 ? kLanes / 2 : 1)>(top, low, weight, rest, n, y);
+  }
+  for (std::size_t next = 0; next < n; next += kLanes) {
+    std::size_t const i = next + kLanes <= n ? next : n - kLanes;
+    Vector<kLanes> a, b;
+    Load<kLanes>(top + i, a);
+    Load<kLanes>(low + i, b);
+    Vector<kLanes> const blend = b * weight + a * rest;
+    Store<kLanes>(blend, y + i);
+  }
+}
+
+struct BlendRowsBody {
+  template <class Set>
+  static TALVO_ROWS_INLINE void Run(float const* top, float const* low, float weight, float rest, std::size_t rows,
+                                    std::size_t n, float* y, std::size_t y_step) {
+    for (std::size_t r = 0; r < rows; ++r) {
+      BlendRow<Set::kLanes>(top + r * n, low + r * n, weight, rest, n, y + r * y_step);
+    }
+  }
+};
+
 }  // namespace
 
 Primitive<void(float const*, float, std::size_t, PlaneExtents, Samples const&)> const LocatePixels{LocatePixelsBody()};
 Primitive<void(AxisSums const&, std::size_t, PlaneExtents, Samples const&)> const LocateSums{LocateSumsBody()};
 Primitive<void(float const*, float const*, Samples const&, bool, std::size_t, float*)> const BlendPairs{
     BlendPairsBody()};
+Primitive<void(float const*, float const*, float, float, std::size_t, std::size_t, float*, std::size_t)> const
+    BlendRows{BlendRowsBody()};
 
 }  // namespace talvo::kernel::rows

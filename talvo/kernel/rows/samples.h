@@ -1,4 +1,4 @@
-// Row primitives of the bilinear warps: where a row of samples lies in a plane, and the blend of its neighbours.
+// Row primitives of warps and upsampling: where a row of samples lies in a plane, and the blend of its neighbours.
 // Internal.
 #pragma once
 
@@ -40,5 +40,9 @@ extern Primitive<void(AxisSums const&, std::size_t count, PlaneExtents, Samples 
 /// t11. With `keep`, results of samples that have nothing inside stay as they are.
 extern Primitive<void(float const* upper, float const* lower, Samples const&, bool keep, std::size_t count,
                       float* results)> const BlendPairs;
+
+/// Row r < rows, each of n: y[r * y_step + i] = low[r * n + i] weight + top[r * n + i] rest. No overlap.
+extern Primitive<void(float const* top, float const* low, float weight, float rest, std::size_t rows, std::size_t n,
+                      float* y, std::size_t y_step)> const BlendRows;
 
 }  // namespace talvo::kernel::rows

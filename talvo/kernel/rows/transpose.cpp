@@ -6,6 +6,7 @@
 
 #include "talvo/kernel/rows/byte_vectors.h"
 #include "talvo/kernel/rows/instruction_sets.h"
+#include "talvo/kernel/rows/pixels.h"
 #include "talvo/utility/restrict_support.h"
 
 namespace talvo::kernel::rows {
@@ -65,8 +66,11 @@ struct Squares {
   static TALVO_ROWS_INLINE void Move(Transposition const& tile) {
     std::size_t const whole_rows = tile.rows / kSide * kSide, whole_columns = tile.columns / kSide * kSide;
     for (std::size_t c = 0; c < whole_columns; c += kSide) {
+      BlockRows block = RowsOf(tile, sizeof(T), 0, kSide, c);
       for (std::size_t r = 0; r < whole_rows; r += kSide) {
-        Square(RowsOf(tile, sizeof(T), r, kSide, c), tile.to_row, std::make_integer_sequence<int, kSide>());
+        Square(block, tile.to_row, std::make_integer_sequence<int, kSide>());
+        block.first += Signed(kSide) * tile.from_row;
+        block.to += Signed(kSide) * tile.to_step;
       }
     }
     MoveRest<sizeof(T)>(tile, whole_rows, whole_columns);
@@ -249,6 +253,101 @@ Primitive<void(Transposition const&)> const Transpose3{TransposeBody<Quadruples<
 Primitive<void(Transposition const&)> const Transpose4{TransposeBody<Quadruples<4>, 4>()};
 Primitive<void(Transposition const&)> const Transpose8{TransposeBody<Squares<std::uint64_t>, 8>()};
 
+// ---- Few channels: one side of a rectangle is so short that it leaves no squares, and stands without gaps. The other
+// side goes in as many streams.
+
+// plane k [i] = pixels[3 i + k], elements of kSize bytes.
+template <std::size_t kSize>
+struct SplitThreeBody {
+  template <class Set>
+  static TALVO_ROWS_INLINE void Run(Byte const* TALVO_RESTRICT pixels, std::size_t count, Byte* TALVO_RESTRICT first,
+                                    Byte* TALVO_RESTRICT second, Byte* TALVO_RESTRICT third) {
+    for (std::size_t i = 0; i < count; ++i) {
+      std::memcpy(first + i * kSize, pixels + 3 * i * kSize, kSize);
+      std::memcpy(second + i * kSize, pixels + (3 * i + 1) * kSize, kSize);
+      std::memcpy(third + i * kSize, pixels + (3 * i + 2) * kSize, kSize);
+    }
+  }
+};
+
+template <std::size_t kSize>
+struct MergeThreeBody {
+  template <class Set>
+  static TALVO_ROWS_INLINE void Run(Byte const* TALVO_RESTRICT first, Byte const* TALVO_RESTRICT second,
+                                    Byte const* TALVO_RESTRICT third, std::size_t count, Byte* TALVO_RESTRICT pixels) {
+    for (std::size_t i = 0; i < count; ++i) {
+      std::memcpy(pixels + 3 * i * kSize, first + i * kSize, kSize);
+      std::memcpy(pixels + (3 * i + 1) * kSize, second + i * kSize, kSize);
+      std::memcpy(pixels + (3 * i + 2) * kSize, third + i * kSize, kSize);
+    }
+  }
+};
+
+Primitive<void(Byte const*, std::size_t, Byte*, Byte*, Byte*)> const SplitThreeFloats{SplitThreeBody<4>()};
+Primitive<void(Byte const*, Byte const*, Byte const*, std::size_t, Byte*)> const MergeThreeFloats{MergeThreeBody<4>()};
+
+// Wider vectors are slower here: they shuffle bytes across their lanes.
+void SplitFourBytes(Byte const* TALVO_RESTRICT pixels, std::size_t count, Byte* TALVO_RESTRICT first,
+                    Byte* TALVO_RESTRICT second, Byte* TALVO_RESTRICT third, Byte* TALVO_RESTRICT fourth) {
+  for (std::size_t i = 0; i < count; ++i) {
+    first[i] = pixels[4 * i];
+    second[i] = pixels[4 * i + 1];
+    third[i] = pixels[4 * i + 2];
+    fourth[i] = pixels[4 * i + 3];
+  }
+}
+
+void MergeFourBytes(Byte const* TALVO_RESTRICT first, Byte const* TALVO_RESTRICT second,
+                    Byte const* TALVO_RESTRICT third, Byte const* TALVO_RESTRICT fourth, std::size_t count,
+                    Byte* TALVO_RESTRICT pixels) {
+  for (std::size_t i = 0; i < count; ++i) {
+    pixels[4 * i] = first[i];
+    pixels[4 * i + 1] = second[i];
+    pixels[4 * i + 2] = third[i];
+    pixels[4 * i + 3] = fourth[i];
+  }
+}
+
+// Moves a rectangle whose columns are channels, pixel after pixel. Returns whether there is a way for them.
+bool SplitChannels(std::size_t bytes, Transposition const& t) {
+  if (t.from_row != Signed(t.columns * bytes) || t.to_step != Signed(bytes)) return false;
+  Byte* const second = t.to + t.to_row;
+  if (t.columns == 1) {
+    std::memcpy(t.to, t.from, t.rows * bytes);
+  } else if (t.columns == 3 && bytes == 1) {
+    SplitThree(t.from, t.rows, t.to, second, second + t.to_row);
+  } else if (t.columns == 3 && bytes == 4) {
+    SplitThreeFloats(t.from, t.rows, t.to, second, second + t.to_row);
+  } else if (t.columns == 4 && bytes == 1) {
+    SplitFourBytes(t.from, t.rows, t.to, second, second + t.to_row, second + 2 * t.to_row);
+  } else {
+    return false;
+  }
+  return true;
+}
+
+// Moves a rectangle whose rows are channels, which become pixel after pixel.
+bool MergeChannels(std::size_t bytes, Transposition const& t) {
+  if (t.to_row != Signed(t.rows * bytes) || t.to_step != Signed(bytes)) return false;
+  Byte const* const second = t.from + t.from_row;
+  if (t.rows == 1) {
+    std::memcpy(t.to, t.from, t.columns * bytes);
+  } else if (t.rows == 3 && bytes == 1) {
+    MergeThree(t.from, second, second + t.from_row, t.columns, t.to);
+  } else if (t.rows == 3 && bytes == 4) {
+    MergeThreeFloats(t.from, second, second + t.from_row, t.columns, t.to);
+  } else if (t.rows == 4 && bytes == 1) {
+    MergeFourBytes(t.from, second, second + t.from_row, second + 2 * t.from_row, t.columns, t.to);
+  } else {
+    return false;
+  }
+  return true;
+}
+
+bool MoveChannels(std::size_t bytes, Transposition const& t) {
+  return t.planes == 1 && (SplitChannels(bytes, t) || MergeChannels(bytes, t));
+}
+
 template <class Size>
 TALVO_ROWS_INLINE void ReverseOneByOne(Size bytes, Byte const* TALVO_RESTRICT from, std::size_t count,
                                        Byte* TALVO_RESTRICT to) {
@@ -296,6 +395,7 @@ Primitive<void(Byte const*, std::size_t, Byte*)> const Reverse4{ReverseBody<4>()
 }  // namespace
 
 void TransposeElements(std::size_t element_bytes, Transposition const& transposition) {
+  if (MoveChannels(element_bytes, transposition)) return;
   switch (element_bytes) {
     case 1:
       return Transpose1(transposition);

@@ -20,7 +20,8 @@ struct Transposition {
   std::ptrdiff_t from_plane = 0, to_plane = 0;
 };
 
-/// Elements of 1, 2, 3, 4 and 8 bytes go in squares held in vectors, others one by one.
+/// Elements of 1, 2, 3, 4 and 8 bytes go in squares held in vectors, others one by one; a single plane of 1, 3 or 4
+/// channels, side by side before or after, in as many streams.
 void TransposeElements(std::size_t element_bytes, Transposition const& transposition);
 
 /// to[c * to_stride + r] = from[r * from_stride + c] for r < rows, c < columns, strides in floats; the ranges do not

@@ -118,24 +118,4 @@ TALVO_ROWS_INLINE void TransposeSquare(Vector<kLanes> (&rows)[kLanes]) {
   }
 }
 
-/// to[c * to_stride + r] = from[r * from_stride + c] for r < rows, c < columns; the ranges do not overlap.
-template <int kLanes>
-TALVO_ROWS_INLINE void Transpose(float const* from, std::size_t from_stride, std::size_t rows, std::size_t columns,
-                                 float* to, std::size_t to_stride) {
-  std::size_t const whole_rows = rows - rows % kLanes, whole_columns = columns - columns % kLanes;
-  for (std::size_t c = 0; c < whole_columns; c += kLanes) {
-    for (std::size_t r = 0; r < whole_rows; r += kLanes) {
-      Vector<kLanes> square[kLanes];
-      for (std::size_t i = 0; i < kLanes; ++i) Load<kLanes>(from + (r + i) * from_stride + c, square[i]);
-      TransposeSquare<kLanes>(square);
-      for (std::size_t i = 0; i < kLanes; ++i) Store<kLanes>(square[i], to + (c + i) * to_stride + r);
-    }
-  }
-  for (std::size_t c = 0; c < columns; ++c) {
-    for (std::size_t r = c < whole_columns ? whole_rows : 0; r < rows; ++r) {
-      to[c * to_stride + r] = from[r * from_stride + c];
-    }
-  }
-}
-
 }  // namespace talvo::kernel::rows

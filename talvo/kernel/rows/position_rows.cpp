@@ -1,0 +1,209 @@
+#include "talvo/kernel/rows/position_rows.h"
+
+#include <algorithm>
+
+#include "talvo/kernel/rows/fused_step.h"
+
+namespace talvo::kernel::rows {
+namespace {
+
+// kOutputs outputs by kVectors vectors of positions, whose sums stay in registers.
+template <class Set, bool kFused, int kLanes, int kOutputs, int kVectors>
+struct PositionTile {
+  using V = Vector<kLanes>;
+
+  V sums[kOutputs][kVectors];
+
+  TALVO_ROWS_INLINE void Start(float const* starts) {
+    TALVO_ROWS_UNROLL
+    for (int m = 0; m < kOutputs; ++m) {
+      TALVO_ROWS_UNROLL
+      for (int v = 0; v < kVectors; ++v) Splat<kLanes>(starts[m], sums[m][v]);
+    }
+  }
+
+  TALVO_ROWS_INLINE void Clear() {
+    TALVO_ROWS_UNROLL
+    for (int m = 0; m < kOutputs; ++m) {
+      TALVO_ROWS_UNROLL
+      for (int v = 0; v < kVectors; ++v) sums[m][v] = V{};
+    }
+  }
+
+  TALVO_ROWS_INLINE void AddTap(float const* weights, std::size_t output_step, float const* input) {
+    V x[kVectors];
+    TALVO_ROWS_UNROLL
+    for (int v = 0; v < kVectors; ++v) Load<kLanes>(input + v * kLanes, x[v]);
+    TALVO_ROWS_UNROLL
+    for (std::size_t m = 0; m < kOutputs; ++m) {
+      V weight;
+      Splat<kLanes>(weights[m * output_step], weight);
+      TALVO_ROWS_UNROLL
+      for (int v = 0; v < kVectors; ++v) {
+        if constexpr (kFused) {
+          FusedStep<Set, kLanes>(x[v], weight, sums[m][v]);
+        } else {
+          sums[m][v] += x[v] * weight;
+        }
+      }
+    }
+  }
+
+  TALVO_ROWS_INLINE void Add(float const* results, std::size_t result_plane) {
+    TALVO_ROWS_UNROLL
+    for (std::size_t m = 0; m < kOutputs; ++m) {
+      TALVO_ROWS_UNROLL
+      for (std::size_t v = 0; v < kVectors; ++v) {
+        V before;
+        Load<kLanes>(results + m * result_plane + v * kLanes, before);
+        sums[m][v] = before + sums[m][v];
+      }
+    }
+  }
+
+  TALVO_ROWS_INLINE void Store(float* results, std::size_t result_plane) const {
+    TALVO_ROWS_UNROLL
+    for (std::size_t m = 0; m < kOutputs; ++m) {
+      TALVO_ROWS_UNROLL
+      for (std::size_t v = 0; v < kVectors; ++v) {
+        rows::Store<kLanes>(sums[m][v], results + m * result_plane + v * kLanes);
+      }
+    }
+  }
+
+  // Two steps at a time: what counts them would take its share of the processor from one at a time.
+  TALVO_ROWS_INLINE void AddSteps(Tap const* step, std::size_t count, float const* weights, std::size_t output_step,
+                                  float const* input) {
+    for (std::size_t pairs = count / 2; pairs > 0; --pairs, step += 2) {
+      AddTap(weights + step[0].weight, output_step, input + step[0].input);
+      AddTap(weights + step[1].weight, output_step, input + step[1].input);
+    }
+    if (count % 2 != 0) AddTap(weights + step->weight, output_step, input + step->input);
+  }
+
+  TALVO_ROWS_INLINE void AddChannels(PositionRun const& run, float const* weights, float const* input) {
+    std::size_t const output_step = run.output_step, weight_plane = run.weight_plane, input_plane = run.input_plane;
+    for (std::size_t pairs = run.channels / 2; pairs > 0; --pairs) {
+      AddTap(weights, output_step, input);
+      AddTap(weights + weight_plane, output_step, input + input_plane);
+      weights += 2 * weight_plane, input += 2 * input_plane;
+    }
+    if (run.channels % 2 != 0) AddTap(weights, output_step, input);
+  }
+
+  static TALVO_ROWS_INLINE void Run(PositionRun const& run, bool sums_links, std::size_t output, std::size_t at) {
+    PositionTile tile;
+    float const *weights = run.weights + output * run.output_step, *input = run.input + at;
+    float* const results = run.results + output * run.result_plane + at;
+    tile.Start(run.starts + output);
+    if (kFused && run.steps == nullptr && run.tap_count == 1) {
+      tile.AddChannels(run, weights, input);
+      return tile.Store(results, run.result_plane);
+    }
+    for (std::size_t left = run.channels; left > 0;) {
+      std::size_t const channels = std::min(left, run.link);
+      tile.AddSteps(run.steps, channels * run.tap_count, weights, run.output_step, input);
+      if (sums_links && left < run.channels) tile.Add(results, run.result_plane);
+      left -= channels;
+      if (sums_links || left == 0) tile.Store(results, run.result_plane);
+      if (sums_links && left > 0) tile.Clear();
+      weights += channels * run.weight_plane, input += channels * run.input_plane;
+    }
+  }
+};
+
+// Outputs [first, end), a multiple of kOutputs, at the positions from `at` on, of which there is a vector or more in
+// all: as many vectors at a time as go, and the last one moves back.
+template <class Set, int kOutputs, int kVectors>
+TALVO_ROWS_INLINE void RunSpan(PositionRun const& run, bool sums_links, std::size_t first, std::size_t end,
+                               std::size_t at) {
+  constexpr std::size_t kWide = kVectors * Set::kLanes;
+  for (; at < run.positions && (kVectors == 1 || run.positions - at >= kWide); at += kWide) {
+    std::size_t const from = std::min(at, run.positions - kWide);
+    for (std::size_t o = first; o < end; o += kOutputs) {
+      PositionTile<Set, true, Set::kLanes, kOutputs, kVectors>::Run(run, sums_links, o, from);
+    }
+  }
+  if constexpr (kVectors > 1) RunSpan<Set, kOutputs, (kVectors > 3 ? 2 : 1)>(run, sums_links, first, end, at);
+}
+
+// Takes kOutputs at a time from those that are left, as often as goes.
+template <class Set, int kOutputs, int kVectors>
+TALVO_ROWS_INLINE void RunOutputs(PositionRun const& run, bool sums_links, std::size_t& first) {
+  std::size_t const end = run.outputs - (run.outputs - first) % kOutputs;
+  if (end > first) RunSpan<Set, kOutputs, kVectors>(run, sums_links, first, end, 0);
+  first = end;
+}
+
+struct RunFusedPositionsBody {
+  template <class Set>
+  static TALVO_ROWS_INLINE void Run(PositionRun const& run, bool sums_links) {
+    std::size_t first = 0;
+    if constexpr (!Set::kFuses) {  // a step in software needs all registers for itself
+      RunOutputs<Set, 1, 1>(run, sums_links, first);
+    } else if constexpr (Set::kRegisters == 32) {  // 24 sums, the inputs of a tap and a weight
+      RunOutputs<Set, 8, 3>(run, sums_links, first);
+      RunOutputs<Set, 4, 6>(run, sums_links, first);
+      RunOutputs<Set, 3, 8>(run, sums_links, first);
+      RunOutputs<Set, 1, 8>(run, sums_links, first);
+    } else {  // 12 sums
+      RunOutputs<Set, 4, 3>(run, sums_links, first);
+      RunOutputs<Set, 1, 8>(run, sums_links, first);
+    }
+  }
+};
+
+struct RunPositionsBody {
+  template <class Set>
+  static TALVO_ROWS_INLINE void Run(PositionRun const& run) {
+    RunWidest<Set, Set::kLanes, 4>(run);
+  }
+
+  // One output at a time in the most vectors of which the positions fill one tile, and the last tile moves back: one of
+  // four vectors takes hardly longer than one of a vector, which would wait for its own sums.
+  template <class Set, int kLanes, int kVectors>
+  static TALVO_ROWS_INLINE void RunWidest(PositionRun const& run) {
+    constexpr std::size_t kWide = kVectors * kLanes;
+    if constexpr (kWide > 1) {
+      constexpr int kNarrower = kVectors > 1 ? kLanes : kLanes > 4 ? kLanes / 2 : 1;
+      if (run.positions < kWide) return RunWidest<Set, kNarrower, (kVectors + 1) / 2>(run);
+    }
+    for (std::size_t at = 0; at < run.positions; at += kWide) {
+      std::size_t const from = std::min(at, run.positions - kWide);
+      for (std::size_t o = 0; o < run.outputs; ++o) {
+        PositionTile<Set, false, kLanes, 1, kVectors>::Run(run, false, o, from);
+      }
+    }
+  }
+};
+
+struct MergePhasesBody {
+  template <class Set>
+  static TALVO_ROWS_INLINE void Run(float const* from, std::size_t phase_pitch, std::size_t phases, std::size_t count,
+                                    float* to) {
+    constexpr std::size_t kLanes = Set::kLanes;
+    std::size_t i = 0;
+    if (phases == 1) {
+      std::copy_n(from, count, to);
+      i = count;
+    }
+    for (; phases == 2 && i + 2 * kLanes <= count; i += 2 * kLanes) {
+      Vector<kLanes> even, odd, low, high;
+      Load<kLanes>(from + i / 2, even), Load<kLanes>(from + phase_pitch + i / 2, odd);
+      Interleave<kLanes>(even, odd, low, high, std::make_integer_sequence<int, kLanes>());
+      Store<kLanes>(low, to + i), Store<kLanes>(high, to + i + kLanes);
+    }
+    for (std::size_t phase = 0; i < count && phase < phases; ++phase) {
+      float const* next = from + phase * phase_pitch + i / phases;  // i is a multiple of the phases
+      for (std::size_t k = i + phase; k < count; k += phases) to[k] = *next++;
+    }
+  }
+};
+
+}  // namespace
+
+Primitive<void(PositionRun const&)> const RunPositions{RunPositionsBody()};
+Primitive<void(PositionRun const&, bool)> const RunFusedPositions{RunFusedPositionsBody()};
+Primitive<void(float const*, std::size_t, std::size_t, std::size_t, float*)> const MergePhases{MergePhasesBody()};
+
+}  // namespace talvo::kernel::rows
