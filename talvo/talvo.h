@@ -1,6 +1,7 @@
 // All public headers of libtln_core: what is included here is installed, and nothing else is.
 #pragma once
 
+#include "talvo/entry/check_model.h"
 #include "talvo/entry/create_context.h"
 #include "talvo/entry/load_model.h"
 #include "talvo/entry/model.h"
@@ -68,6 +69,7 @@
 #include "talvo/serialization/tlmodel1_layers.h"
 #include "talvo/serialization/visitor.h"
 #include "talvo/serialization/weight_blob.h"
+#include "talvo/serialization/weights.h"
 #include "talvo/talvo_c.h"
 #include "talvo/transform/element_conversion.h"
 #include "talvo/transform/permute.h"

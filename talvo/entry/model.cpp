@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "talvo/entry/create_context.h"
-#include "talvo/entry/load_model.h"
+#include "talvo/entry/model_parts_support.h"
 #include "talvo/entry/model_support.h"
 #include "talvo/entry/open_package.h"
 #include "talvo/entry/register_extra_operators.h"
@@ -57,45 +57,60 @@ unsigned int PositionOf(std::string_view id, std::vector<std::string> const& ids
 
 }  // namespace
 
-struct Model::Parts {
-  Parts(TLNModel& file, std::string package_name, ModelOptions const& options);
-  Parts(Parts const&) = delete;
-  Parts& operator=(Parts const&) = delete;
+namespace utility::support {
 
-  void ChooseModel(TLNModel const& file, std::string const& wanted);
-  void CheckVersion(TLNModel const& file) const;
-  void BuildNet(TLNModel& file, ModelOptions const& options);
-  void CheckIds(TLModelInfo const& model) const;
-  void CheckKernels(TLModelInfo const& model, TLModelCfg const& config) const;
-  std::string RefusedKernel(TLModelInfo const& model, TLModelCfg const& config) const;
-  void NamePorts(TLModelInfo const& model);
+void RegisterEverything(ClassRegistry<std::shared_ptr<IKernel>>& kernels,
+                        ClassRegistry<std::shared_ptr<InferenceParam>>& params) {
+  utility::init_register_operators(kernels, params);
+  utility::init_register_fused_operators(kernels);
+  utility::init_register_extra_operators(kernels);
+}
 
-  unsigned int LayerOf(std::string_view layer) const;
-  std::string KernelName(unsigned int layer) const;
-  std::shared_ptr<Tensor> TensorOf(ModelInput const& input) const;
-  void SetInputs(std::vector<ModelInput> const& inputs, std::vector<unsigned int> const& wanted);
-  ModelOutputs Forward(std::vector<ModelInput> const& inputs, std::vector<unsigned int> const& wanted,
-                       std::vector<float>* times);
-  std::string LayerRefusal(std::string const& refusal) const;
+std::string BackendOf(ModelOptions const& options) { return options.backend.empty() ? kBackend : options.backend; }
 
-  std::string name;  // of the package, in refusals
-  std::string id;    // of the model
-  std::vector<ModelPort> inputs, outputs;
-  std::shared_ptr<std::vector<std::string> const> layer_ids;
+std::string TextOf(ModelFinding const& finding) {
+  return (finding.layer.empty() ? "" : "layer " + finding.layer + " ") + finding.text;
+}
 
-  // Destroyed from the last to the first: tensors before their pools, nets before registries.
-  ClassRegistry<std::shared_ptr<IKernel>> kernels;
-  ClassRegistry<std::shared_ptr<InferenceParam>> params;
-  std::shared_ptr<runtime::Context> context;
-  std::shared_ptr<utility::_NetworkPackage> package = std::make_shared<utility::_NetworkPackage>();
-};
+// The walk itself takes layer 0 for an id that no layer has: a slip of the pen would run.
+std::vector<ModelFinding> UnknownIds(TLModelInfo const& model) {
+  auto const& ids = model.squential_ids;
+  std::unordered_set<std::string> const known(ids.begin(), ids.end());
+  std::vector<ModelFinding> unknown;
+  auto const check = [&](std::string const& wanted, std::string const& layer, char const* does) {
+    if (known.count(wanted) != 0) return;
+    unknown.push_back(
+        {true, layer,
+         does + (" \"" + wanted) + "\", which no layer is called; nearest: " + Listed(NearestNames(wanted, ids))});
+  };
+  for (std::string const& output : model.squential_output_ids) check(output, "", "the model gives out");
+  for (std::string const& layer : ids) {
+    for (std::string const& input : model.layers.at(layer)->input_ids) check(input, layer, "reads");
+  }
+  return unknown;
+}
+
+std::vector<ModelFinding> UnknownKernels(TLModelInfo const& model, TLModelCfg const& config,
+                                         ClassRegistry<std::shared_ptr<IKernel>> const& kernels) {
+  std::vector<ModelFinding> unknown;
+  for (std::string const& layer : model.squential_ids) {
+    auto const found = config.layers.find(layer);
+    if (found == config.layers.end() || found->second == nullptr || found->second->kernel == nullptr) continue;
+    std::string const& kernel = found->second->kernel->kernel_type;
+    if (kernels.Create(kernel) != nullptr) continue;
+    unknown.push_back({true, layer,
+                       "names the kernel \"" + kernel +
+                           "\", which there is not; nearest: " + Listed(NearestNames(kernel, kernels.GetKeys()))});
+  }
+  return unknown;
+}
+
+}  // namespace utility::support
 
 Model::Parts::Parts(TLNModel& file, std::string package_name, ModelOptions const& options)
     : name(std::move(package_name)), context(options.context) {
   if (context == nullptr) utility::create_context(context, kAlignment);
-  utility::init_register_operators(kernels, params);
-  utility::init_register_fused_operators(kernels);
-  utility::init_register_extra_operators(kernels);
+  utility::support::RegisterEverything(kernels, params);
   package->kernels = &kernels;
   package->params = &params;
   package->context = context;
@@ -126,15 +141,17 @@ void Model::Parts::CheckVersion(TLNModel const& file) const {
 }
 
 void Model::Parts::BuildNet(TLNModel& file, ModelOptions const& options) {
-  std::string const backend = options.backend.empty() ? kBackend : options.backend;
+  std::string const backend = utility::support::BackendOf(options);
   auto const model = file.model_arr->models.at(id);
   auto const configs = file.config_arr->configs.find(id);
   if (configs == file.config_arr->configs.end()) Refuse(name + ": model \"" + id + "\" has no configurations");
   auto const config = utility::support::ConfigOf(*configs->second, backend);
   if (config == nullptr) Refuse(name + ": model \"" + id + "\" has no configuration for \"" + backend + "\"");
   if (options.prefer_fused) utility::PreferFusedKernels(*config);
-  CheckIds(*model);
-  CheckKernels(*model, *config);
+  for (auto const& unknown :
+       {utility::support::UnknownIds(*model), utility::support::UnknownKernels(*model, *config, kernels)}) {
+    if (!unknown.empty()) Refuse(name + ": " + utility::support::TextOf(unknown[0]));
+  }
   try {
     utility::Load_Single_Net(package, model, configs->second, backend.c_str());
   } catch (std::bad_alloc const& refusal) {
@@ -147,32 +164,6 @@ void Model::Parts::BuildNet(TLNModel& file, ModelOptions const& options) {
     Refuse(name + ": " + (names_layer ? text : RefusedKernel(*model, *config) + (text.empty() ? "" : ": " + text)));
   }
   NamePorts(*model);
-}
-
-// The walk itself takes layer 0 for an id that no layer has: a slip of the pen would run.
-void Model::Parts::CheckIds(TLModelInfo const& model) const {
-  auto const& ids = model.squential_ids;
-  std::unordered_set<std::string> const known(ids.begin(), ids.end());
-  auto const check = [&](std::string const& wanted, std::string const& who) {
-    if (known.count(wanted) != 0) return;
-    Refuse(name + ": " + who + " \"" + wanted +
-           "\", which no layer is called; nearest: " + Listed(NearestNames(wanted, ids)));
-  };
-  for (std::string const& output : model.squential_output_ids) check(output, "model \"" + id + "\" gives out");
-  for (std::string const& layer : ids) {
-    for (std::string const& input : model.layers.at(layer)->input_ids) check(input, "layer " + layer + " reads");
-  }
-}
-
-void Model::Parts::CheckKernels(TLModelInfo const& model, TLModelCfg const& config) const {
-  for (std::string const& layer : model.squential_ids) {
-    auto const found = config.layers.find(layer);
-    if (found == config.layers.end() || found->second == nullptr || found->second->kernel == nullptr) continue;
-    std::string const& kernel = found->second->kernel->kernel_type;
-    if (kernels.Create(kernel) != nullptr) continue;
-    Refuse(name + ": layer " + layer + ": no kernel is called \"" + kernel +
-           "\"; nearest: " + Listed(NearestNames(kernel, kernels.GetKeys())));
-  }
 }
 
 // The first layer whose kernel does not take its record, which the interface leaves without words.
@@ -264,7 +255,7 @@ ModelOutputs Model::Parts::Forward(std::vector<ModelInput> const& given, std::ve
 
 // `refusal` is what the library said of the layer; the result names layer and kernel.
 std::string Model::Parts::LayerRefusal(std::string const& refusal) const {
-  unsigned int const layer = support::RefusedLayer();
+  unsigned int const layer = runtime::support::RefusedLayer();
   std::string const where = "layer " + (*layer_ids)[layer], kernel = KernelName(layer);
   if (refusal.empty()) return where + " (" + kernel + "): refuses its inputs";
   bool const names_kernel = refusal.find(kernel) != std::string::npos;
@@ -302,6 +293,9 @@ Model::Model(std::string const& path, ModelOptions const& options)
 
 Model::Model(void const* bytes, std::size_t size, ModelOptions const& options)
     : parts_(std::make_unique<Parts>(*utility::OpenPackage(bytes, size, "package"), "package", options)) {}
+
+Model::Model(runtime::TLNModel& package, ModelOptions const& options)
+    : parts_(std::make_unique<Parts>(package, "package", options)) {}
 
 Model::Model(Model&&) noexcept = default;
 Model& Model::operator=(Model&&) noexcept = default;

@@ -18,6 +18,10 @@
 #include "talvo/runtime/tensor.h"
 #include "talvo/utility/export.h"
 
+namespace talvo::runtime {
+class TLNModel;
+}
+
 namespace talvo {
 
 struct ModelOptions {
@@ -87,6 +91,8 @@ class TALVO_API Model {
   explicit Model(std::string const& path, ModelOptions const& options = {});
   /// The same from the bytes of a package, read during the call.
   Model(void const* bytes, std::size_t size, ModelOptions const& options = {});
+  /// The same from records, of which it keeps none; with `prefer_fused` their kernels are renamed.
+  explicit Model(runtime::TLNModel& package, ModelOptions const& options = {});
   Model(Model&&) noexcept;
   Model& operator=(Model&&) noexcept;
   ~Model();
@@ -107,6 +113,7 @@ class TALVO_API Model {
   void Reset();
 
  private:
+  friend class ModelTrial;
   struct Parts;
   std::unique_ptr<Parts> parts_;
 };

@@ -133,8 +133,9 @@ TEST(Model, RefusesPackagesInWords) {
   EXPECT_EQ(RefusalOf(builder), "p.tlnmodel: layer relu reads \"im\", which no layer is called; nearest: in");
   builder = InputAndReLU();
   builder.config->layers.at("relu")->kernel->kernel_type = "ReLU_Fallback_Flat_M1";
-  EXPECT_EQ(RefusalOf(builder).find("p.tlnmodel: layer relu: no kernel is called \"ReLU_Fallback_Flat_M1\"; nearest: "
-                                    "ReLU_Fallback_Float_M1"),
+  EXPECT_EQ(RefusalOf(builder).find(
+                "p.tlnmodel: layer relu names the kernel \"ReLU_Fallback_Flat_M1\", which there is not; nearest: "
+                "ReLU_Fallback_Float_M1"),
             0u);
   builder = InputAndReLU();
   builder.Add<runtime::Conv2dInfo>("conv", {"relu"}, "ReLU_Fallback_Float_M1").in_channels = 1;

@@ -1,7 +1,5 @@
 #include "tools/run_package/describe.h"
 
-#include <rapidjson/document.h>
-
 #include <iomanip>
 #include <memory>
 #include <ostream>
@@ -9,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "talvo/serialization/json_visitors.h"
+#include "talvo/serialization/weights.h"
 #include "talvo/utility/base64.h"
 
 namespace run_package {
@@ -25,40 +23,10 @@ std::vector<Backend> Backends(TLModelMultiBackendCfgs const& configs) {
           {"gpu_metal", configs.gpu_metal}, {"gpu_cuda", configs.gpu_cuda}};
 }
 
-bool IsWeightKey(std::string const& key) {
-  for (std::string const start : {"weight", "bias", "shift", "variance", "mean"}) {
-    if (key.compare(0, start.size(), start) == 0) return true;
-  }
-  return key == "scale";
-}
-
-// Weight arrays are base64 texts of a record or lists of them; the JSON pair of visitors is the one that sees them as
-// texts. Nothing is written, so that numbers which JSON cannot hold are no hindrance.
-class WeightCounter : private rapidjson::Document, public JSONNodeSetter {
- public:
-  WeightCounter() : rapidjson::Document(rapidjson::kObjectType), JSONNodeSetter(*this, GetAllocator(), false) {}
-
-#define TALVO_VISIT(type) \
-  void Visit(type* value, char const* key) override { Count(value, key); }
-  TALVO_FOR_EACH_VISITED_TYPE(TALVO_VISIT)
-#undef TALVO_VISIT
-
-  std::size_t bytes = 0;
-
- private:
-  void Count(void const*, char const*) {}
-  void Count(std::string const* text, char const* key) {
-    if (IsWeightKey(key)) bytes += Base64Decode(*text).size();
-  }
-  void Count(std::vector<std::string> const* texts, char const* key) {
-    for (std::string const& text : *texts) Count(&text, key);
-  }
-};
-
 std::size_t WeightBytes(LayerInfo& record) {
-  auto const counter = std::make_shared<WeightCounter>();
-  record.VisitAttr(counter);
-  return counter->bytes;
+  std::size_t bytes = 0;
+  ForEachWeight(record, [&](char const*, std::string& text) { bytes += Base64Decode(text).size(); });
+  return bytes;
 }
 
 std::string Join(std::vector<std::string> const& words) {
