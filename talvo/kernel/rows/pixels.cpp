@@ -310,6 +310,15 @@ struct NormaliseSaturatedBody {
   template <class Set>
   static TALVO_ROWS_INLINE void Run(Byte const* TALVO_RESTRICT in, std::size_t count, float const sub,
                                     float const scale, std::int16_t* TALVO_RESTRICT out) {
+    // Results rise or fall with the byte: where the first and the last fit, all do, and none is NaN.
+    constexpr float kEnd = 32768.0f;
+    float const first = (0.0f - sub) * scale, last = (255.0f - sub) * scale;
+    if (first > -kEnd && first < kEnd && last > -kEnd && last < kEnd) {
+      for (std::size_t i = 0; i < count; ++i) {
+        out[i] = static_cast<std::int16_t>((static_cast<float>(in[i]) - sub) * scale);
+      }
+      return;
+    }
     for (std::size_t i = 0; i < count; ++i) {
       out[i] = Saturated<std::int16_t>((static_cast<float>(in[i]) - sub) * scale);
     }
