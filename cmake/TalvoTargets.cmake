@@ -1,4 +1,5 @@
 # Interface targets and functions that every folder's CMakeLists.txt uses.
+include(CheckLinkerFlag)
 
 # The same bits everywhere: no fused multiplication and addition, no assumption that changes a float result.
 add_library(talvo_numeric INTERFACE)
@@ -9,6 +10,22 @@ target_compile_options(talvo_warnings INTERFACE -Wall -Wextra -Wpedantic -Wshado
 if(TALVO_WERROR)
   target_compile_options(talvo_warnings INTERFACE -Werror)
 endif()
+
+# How the shared library is linked, so that it stays small and starts fast.
+function(talvo_link_small target)
+  # Only what is marked is exported; a change of the list links again.
+  set(exports ${PROJECT_SOURCE_DIR}/cmake/exports.map)
+  target_link_options(${target} PRIVATE LINKER:--version-script=${exports})
+  set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${exports})
+  # Calls inside the library go straight to their function; what nothing reaches is left out; tables are sorted.
+  target_link_options(${target} PRIVATE LINKER:-Bsymbolic LINKER:--gc-sections LINKER:-O1)
+  # Tables of pointers take a bit for each pointer instead of 24 bytes. A C library that cannot read them refuses the
+  # library by name (GLIBC_ABI_DT_RELR); the linker writes them only where its C library, from 2.36 on, can.
+  check_linker_flag(CXX LINKER:-z,pack-relative-relocs TALVO_LINKER_PACKS_RELOCATIONS)
+  if(TALVO_LINKER_PACKS_RELOCATIONS)
+    target_link_options(${target} PRIVATE LINKER:-z,pack-relative-relocs)
+  endif()
+endfunction()
 
 # A program that links the library as any application does.
 function(talvo_add_program name)
