@@ -11,6 +11,7 @@
 
 #include "bench/yardsticks.h"
 #include "talvo/entry/create_context.h"
+#include "talvo/kernel/convolution_support.h"
 #include "talvo/kernel/rows/instruction_sets.h"
 #include "talvo/runtime/context.h"
 #include "talvo/runtime/device_cpu.h"
@@ -105,6 +106,22 @@ void Transposed(benchmark::State& state, Shape const& s) {
               1.0 * s.extent * s.extent * s.kernel * s.kernel * s.in * s.out / s.groups);
 }
 
+// Packing of the weights of a Fused kernel, beside a copy of them.
+void Pack(benchmark::State& state, Shape const& s,
+          void (*pack)(kernel::ConvolutionShape const&, float const*, float*)) {
+  kernel::ConvolutionShape shape{};
+  shape.groups = s.groups, shape.in_per_group = s.in, shape.out_per_group = s.out;
+  shape.kernel_y = shape.kernel_x = s.kernel;
+  std::size_t const count = std::size_t{s.in} * s.out * shape.Taps();
+  std::vector<float> const weights(count, 0.25f);
+  std::vector<float> packed(kernel::FusedConvolutionFloats(shape));
+  for (auto _ : state) {
+    pack(shape, weights.data(), packed.data());
+    benchmark::DoNotOptimize(packed.data());
+  }
+  bench::ReportCopies(state, count * sizeof(float));
+}
+
 constexpr Shape kDirect[] = {{"3x3/64_to_64_at_56", 64, 64, 56, 3, 1, 1, 1, -1},
                              {"3x3/128_to_128_at_28", 128, 128, 28, 3, 1, 1, 1, -1},
                              {"5x5/32_to_32_at_56", 32, 32, 56, 5, 1, 2, 1, -1},
@@ -121,6 +138,9 @@ constexpr Shape kDirect[] = {{"3x3/64_to_64_at_56", 64, 64, 56, 3, 1, 1, 1, -1},
                              {"3x3/64_to_1_at_56", 64, 1, 56, 3, 1, 1, 1, -1},
                              {"7x7_stride_2/3_to_64_at_224", 3, 64, 224, 7, 2, 3, 1, -1}};
 constexpr Shape kRow = {"k3/128_to_128_length_400", 128, 128, 400, 3, 1, 1, 1, -1};
+constexpr Shape kPacked[] = {{"3x3/64_to_64", 64, 64, 1, 3, 1, 0, 1, -1},
+                             {"3x3/512_to_512", 512, 512, 1, 3, 1, 0, 1, -1},
+                             {"1x1/512_to_512", 512, 512, 1, 1, 1, 0, 1, -1}};
 constexpr Shape kTransposed[] = {{"2x2_stride_2/64_to_32_at_56", 64, 32, 56, 2, 2, 1, 1, 0},
                                  {"4x4_stride_2/64_to_32_at_28", 64, 32, 28, 4, 2, 2, 1, 1},
                                  {"4x4_stride_2/64_to_3_at_128", 64, 3, 128, 4, 2, 2, 1, 1},
@@ -143,6 +163,10 @@ void Register() {
   for (Shape const& s : kTransposed) {
     Add("ConvTranspose2D/", s, Transposed<ConvTranspose2D_Knxm_Snxm_Dnxm_Gn_Fallback_CHW_Float_M1>,
         Transposed<ConvTranspose2D_Knxm_Snxm_Dnxm_Gn_Fused_CHW_Float_M1>);
+  }
+  for (Shape const& s : kPacked) {
+    benchmark::RegisterBenchmark((std::string("Pack/") + s.name).c_str(), Pack, s, PackFusedDirect);
+    benchmark::RegisterBenchmark((std::string("PackTransposed/") + s.name).c_str(), Pack, s, PackFusedTransposed);
   }
 }
 

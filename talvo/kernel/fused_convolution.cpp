@@ -467,8 +467,13 @@ void PackFusedTransposed(ConvolutionShape const& s, float const* weights, float*
     for (std::size_t o = 0; o < opg; o += kFusedBlock) {
       std::size_t const width = std::min(kFusedBlock, opg - o);
       for (std::size_t c = 0; c < s.in_per_group; ++c) {
-        rows::TransposeRows(weights + ((g * s.in_per_group + c) * opg + o) * taps, taps, width, taps,
-                            packed + g * group + o * SumOf(s) + c * taps * width, width);
+        float const* const from = weights + ((g * s.in_per_group + c) * opg + o) * taps;
+        float* const to = packed + g * group + o * SumOf(s) + c * taps * width;
+        if (taps == 1) {
+          std::copy_n(from, width, to);
+        } else {
+          rows::TransposeRows(from, taps, width, taps, to, width);
+        }
       }
     }
   }

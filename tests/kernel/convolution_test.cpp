@@ -251,6 +251,51 @@ TEST(Convolution, EveryWayThroughTheTiles) {
   ExpectPlain(kFusedTransposed, {1, 5, 3, 9, 20, 1, 1, 1, 1, 1, 1, -1, -2, -1, 0, true}, 8);  // some of each row
 }
 
+// The plain loops in double, without a border.
+std::vector<double> InDouble(Case const& c, Data const& d, std::vector<double> const& input) {
+  int const oh = c.height - c.ky + 1, ow = c.width - c.kx + 1, taps = c.ky * c.kx;
+  std::vector<double> result(std::size_t(c.out * oh * ow), 0.0);
+  for (int i = 0; i < c.out * oh * ow; ++i) {
+    int const o = i / (oh * ow), y = i / ow % oh, x = i % ow;
+    for (int k = 0; k < c.in * taps; ++k) {
+      int const row = k / taps * c.height + y + k % taps / c.kx;
+      result[std::size_t(i)] +=
+          double(d.weight[std::size_t(o * c.in * taps + k)]) * input[std::size_t(row * c.width + x + k % c.kx)];
+    }
+  }
+  return result;
+}
+
+double SquaredError(std::vector<float> const& got, std::vector<double> const& want) {
+  double sum = 0.0;
+  for (std::size_t i = 0; i < got.size(); ++i) sum += (got[i] - want[i]) * (got[i] - want[i]);
+  return sum;
+}
+
+// A net of kernels of 3x3, 1x1 and 5x5 with rectifiers between them. A single layer of few channels may be farther off.
+TEST(Convolution, AFusedNetEndsNearerToTheTruthThanAPortableOne) {
+  Case const layers[] = {{1, 32, 64, 19, 19, 3, 3, 1, 1, 1, 1},
+                         {1, 64, 96, 17, 17, 1, 1, 1, 1, 1, 1},
+                         {1, 96, 48, 17, 17, 3, 3, 1, 1, 1, 1},
+                         {1, 48, 40, 15, 15, 5, 5, 1, 1, 1, 1},
+                         {1, 40, 20, 11, 11, 3, 3, 1, 1, 1, 1}};
+  auto const context = test::GuardedContext();
+  auto portable = test::Floats(1, 32 * 19 * 19), fused = portable;
+  std::vector<double> truth(portable.begin(), portable.end());
+  for (Case const& c : layers) {
+    Data const d = {{}, test::Floats(std::uint32_t(c.in), std::size_t(c.in * c.out * c.ky * c.kx)), {}};
+    for (auto [form, values] : {std::pair(kPlane, &portable), std::pair(kFusedPlane, &fused)}) {
+      auto const kernel = KernelOf(form);
+      ASSERT_TRUE(kernel->Config(RecordOf(form, c, d), nullptr, context));
+      *values = Compute(*kernel, InputOf(form, *context, c, {*values, {}, {}}), context);
+      for (float& value : *values) value = std::max(value, 0.0f);
+    }
+    truth = InDouble(c, d, truth);
+    for (double& value : truth) value = std::max(value, 0.0);
+  }
+  EXPECT_LE(SquaredError(fused, truth), SquaredError(portable, truth));
+}
+
 // Worked by hand: a weight of 1, 10, 100 shows in each digit which element it met.
 TEST(Convolution, MeetsTheElementsOfTheDefinition) {
   Data const row = {{1, 2, 3, 4}, {1, 10, 100}, {5}};
