@@ -1,23 +1,32 @@
-// Reading and writing a package with 20 MB of weights (as float32) in both forms. Bytes a second are those of the
+// Reading, writing and loading a package with 20 MB of weights (as float32) in both forms: LoadModel is what an
+// application does from the file to a net that runs, CheckModel its first step alone. Bytes a second are those of the
 // float32 weights. Yardsticks: memcpy of the weights, and fwrite and fread of them through the same folder.
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "talvo/entry/create_context.h"
+#include "talvo/entry/load_model.h"
+#include "talvo/entry/register_operators.h"
 #include "talvo/serialization/layer_info_conv.h"
 #include "talvo/serialization/model_info.h"
 #include "talvo/utility/base64.h"
+#include "tests/support/model_builder.h"
 
 namespace {
 
 using namespace talvo::runtime;
 
-constexpr std::size_t kLayers = 8, kLayerFloats = 625000, kWeightBytes = kLayers * kLayerFloats * sizeof(float);
+constexpr unsigned short kEvenFeatures = 625, kOddFeatures = 1000;
+constexpr std::size_t kLayers = 8, kLayerFloats = std::size_t{kEvenFeatures} * kOddFeatures;
+constexpr std::size_t kWeightBytes = kLayers * kLayerFloats * sizeof(float);
 
 std::string ScratchPath() { return (std::filesystem::temp_directory_path() / "talvo_serialization_bench").string(); }
 
@@ -27,21 +36,25 @@ std::vector<float> Weights() {
   return weights;
 }
 
-std::unique_ptr<TLNModel> Package() {
-  auto package = std::make_unique<TLNModel>();
-  auto const model = std::make_shared<TLModelInfo>();
+std::shared_ptr<TLNModel> Package() {
+  talvo::test::ModelBuilder builder;
+  builder.AddInput("input");
   std::vector<float> const weights = Weights();
   for (std::size_t i = 0; i < kLayers; ++i) {
-    auto const layer = std::make_shared<FullConnectionInfo>();
-    layer->weight =
-        Base64Encode(reinterpret_cast<unsigned char const*>(weights.data()), weights.size() * sizeof(float));
-    model->squential_ids.push_back("dense_" + std::to_string(i));
-    model->squential_types.push_back(layer->type);
-    model->layers[model->squential_ids.back()] = layer;
+    auto& layer = builder.Add<FullConnectionInfo>("dense_" + std::to_string(i),
+                                                  {i == 0 ? "input" : "dense_" + std::to_string(i - 1)},
+                                                  "FullConnection_Fallback_C_Float_M1");
+    layer.in_features = i % 2 == 0 ? kEvenFeatures : kOddFeatures;
+    layer.out_features = i % 2 == 0 ? kOddFeatures : kEvenFeatures;
+    layer.weight = Base64Encode(reinterpret_cast<unsigned char const*>(weights.data()), weights.size() * sizeof(float));
   }
-  package->model_arr->squential_ids = {"net"};
-  package->model_arr->models["net"] = model;
-  return package;
+  return builder.Package("net");
+}
+
+std::string SavedPackage(char const* form) {
+  std::string const path = ScratchPath() + (form == std::string("bin") ? ".tlnmodel" : ".json");
+  Package()->ToFile(path.c_str(), form);
+  return path;
 }
 
 void CountBytes(benchmark::State& state) {
@@ -56,14 +69,36 @@ void Write(benchmark::State& state, char const* form) {
 }
 
 void Read(benchmark::State& state, char const* form) {
-  Package()->ToFile(ScratchPath().c_str(), form);
+  std::string const path = SavedPackage(form);
   for (auto _ : state) {
     TLNModel package;
-    package.FromFile(ScratchPath().c_str(), form);
+    package.FromFile(path.c_str(), form);
     benchmark::DoNotOptimize(package.model_arr->models.at("net"));
   }
   CountBytes(state);
-  std::filesystem::remove(ScratchPath());
+  std::filesystem::remove(path);
+}
+
+// Each time with a context of its own, whose pools begin empty.
+void Load(benchmark::State& state, char const* form, bool whole) {
+  std::string const path = SavedPackage(form);
+  ClassRegistry<std::shared_ptr<IKernel>> kernels;
+  ClassRegistry<std::shared_ptr<InferenceParam>> params;
+  talvo::utility::init_register_operators(kernels, params);
+  for (auto _ : state) {
+    std::shared_ptr<Context> context;
+    talvo::utility::create_context(context, 64);
+    std::map<std::string, std::shared_ptr<talvo::utility::_NetworkPackage>> packages;
+    if (talvo::utility::load_model(path, packages, context, kernels, params, "test", 3, 4) != 0) std::abort();
+    if (!whole) continue;
+    TLNModel file;
+    file.FromFile(path.c_str(), form);
+    talvo::utility::Load_Single_Net(packages.at("net"), file.model_arr->models.at("net"),
+                                    file.config_arr->configs.at("net"), "x86");
+    benchmark::DoNotOptimize(packages.at("net")->net);
+  }
+  CountBytes(state);
+  std::filesystem::remove(path);
 }
 
 void MemcpyWeights(benchmark::State& state) {
@@ -104,10 +139,14 @@ void FreadWeights(benchmark::State& state) {
 BENCHMARK(MemcpyWeights)->Name("Yardstick/memcpy/20MB");
 BENCHMARK(FwriteWeights)->Name("Yardstick/fwrite/20MB");
 BENCHMARK(FreadWeights)->Name("Yardstick/fread/20MB");
-BENCHMARK_CAPTURE(Write, binary, "bin")->Name("Package/write_binary/20MB");
-BENCHMARK_CAPTURE(Read, binary, "bin")->Name("Package/read_binary/20MB");
-BENCHMARK_CAPTURE(Write, json, "json")->Name("Package/write_json/20MB");
-BENCHMARK_CAPTURE(Read, json, "json")->Name("Package/read_json/20MB");
+BENCHMARK_CAPTURE(Load, binary, "bin", true)->Name("LoadModel/20MB");
+BENCHMARK_CAPTURE(Load, json, "json", true)->Name("LoadModelJson/20MB");
+BENCHMARK_CAPTURE(Load, check_binary, "bin", false)->Name("CheckModel/20MB");
+BENCHMARK_CAPTURE(Load, check_json, "json", false)->Name("CheckModelJson/20MB");
+BENCHMARK_CAPTURE(Read, binary, "bin")->Name("ReadBinary/20MB");
+BENCHMARK_CAPTURE(Read, json, "json")->Name("ReadJson/20MB");
+BENCHMARK_CAPTURE(Write, binary, "bin")->Name("WriteBinary/20MB");
+BENCHMARK_CAPTURE(Write, json, "json")->Name("WriteJson/20MB");
 
 }  // namespace
 

@@ -1,4 +1,5 @@
 # Interface targets and functions that every folder's CMakeLists.txt uses.
+include(CheckLinkerFlag)
 
 # The same bits everywhere: no fused multiplication and addition, no assumption that changes a float result.
 add_library(talvo_numeric INTERFACE)
@@ -9,6 +10,64 @@ target_compile_options(talvo_warnings INTERFACE -Wall -Wextra -Wpedantic -Wshado
 if(TALVO_WERROR)
   target_compile_options(talvo_warnings INTERFACE -Werror)
 endif()
+
+# Optimised builds compile everything for speed (-O3) but what is named here, where time is spent elsewhere. Sanitizers
+# and debuggers keep what they ask for. Sources of a target that other folders define are named from talvo/.
+function(talvo_optimise target)
+  set(optimised $<OR:$<CONFIG:Release>,$<CONFIG:MinSizeRel>>)
+  # Readers, writers and texts: they move bytes through streams and strings, and each field has its own code.
+  set(small
+      serialization/file_visitors.cpp serialization/inference_param.cpp serialization/json_visitors.cpp
+      serialization/layer_info.cpp serialization/layer_info_activation.cpp serialization/layer_info_conv.cpp
+      serialization/layer_info_maker.cpp serialization/layer_info_norm.cpp serialization/layer_info_plane.cpp
+      serialization/layer_info_rnn.cpp serialization/layer_info_tensor.cpp serialization/model_cfg.cpp
+      serialization/model_info.cpp serialization/record_support.cpp serialization/serializable.cpp
+      serialization/tlmodel1.cpp serialization/tlmodel1_bodies.cpp serialization/tlmodel1_conversion.cpp
+      serialization/visitor.cpp utility/file.cpp utility/generator.cpp utility/invariant.cpp utility/json_file.cpp
+      utility/log.cpp utility/metrics.cpp utility/timer.cpp)
+  # Front doors and the building of nets run once for a net.
+  list(APPEND small
+       entry/create_context.cpp entry/load_model.cpp entry/model.cpp entry/model_support.cpp entry/open_package.cpp
+       entry/register_extra_operators.cpp entry/register_fused_operators.cpp entry/register_operators.cpp
+       entry/reset_rnn_state.cpp entry/talvo_c.cpp runtime/class_registry.cpp runtime/context.cpp
+       runtime/create_net.cpp runtime/inference_config.cpp runtime/kernel.cpp)
+  # Kernels judge their arguments and call loops, which stand in functional/, native/ and rows/ or in sources of their own.
+  list(APPEND small
+       image/image_process.cpp image/image_process_fallback.cpp image/image_support.cpp kernel/activation.cpp
+       kernel/convolution.cpp kernel/elementwise.cpp kernel/functional/activation.cpp kernel/functional/gemm.cpp
+       kernel/functional/quantisation.cpp kernel/functional/recurrent.cpp kernel/gemm.cpp kernel/kernel_of.cpp
+       kernel/pooling.cpp kernel/quantisation.cpp kernel/recurrent.cpp kernel/resampling.cpp kernel/structural.cpp
+       transform/element_conversion.cpp transform/permute.cpp transform/reshape.cpp transform/transform_support.cpp)
+  # The walk, tensors, pools and the text of a model: short paths that inlining serves, and no loop for vectors.
+  set(plain
+      kernel/kernel_support.cpp runtime/device_cpu.cpp runtime/memory_pool.cpp runtime/net.cpp runtime/tensor.cpp
+      runtime/tensor_cpu.cpp serialization/json_text_support.cpp serialization/tlmodel1_weights.cpp
+      serialization/weight_blob.cpp transform/transform_fallback.cpp kernel/direct_convolution.cpp
+      kernel/fused_convolution.cpp kernel/transposed_convolution.cpp kernel/recurrent_support.cpp)
+  foreach(source ${small} ${plain})
+    if(NOT EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${source})
+      message(FATAL_ERROR "talvo_optimise names ${source}, which is not there")
+    endif()
+  endforeach()
+  set_source_files_properties(${small} TARGET_DIRECTORY ${target} PROPERTIES COMPILE_OPTIONS $<${optimised}:-Os>)
+  set_source_files_properties(${plain} TARGET_DIRECTORY ${target} PROPERTIES COMPILE_OPTIONS $<${optimised}:-O2>)
+endfunction()
+
+# How the shared library is linked, so that it stays small and starts fast.
+function(talvo_link_small target)
+  # Only what is marked is exported; a change of the list links again.
+  set(exports ${PROJECT_SOURCE_DIR}/cmake/exports.map)
+  target_link_options(${target} PRIVATE LINKER:--version-script=${exports})
+  set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${exports})
+  # Calls inside the library go straight to their function; what nothing reaches is left out; tables are sorted.
+  target_link_options(${target} PRIVATE LINKER:-Bsymbolic LINKER:--gc-sections LINKER:-O1)
+  # Tables of pointers take a bit for each pointer instead of 24 bytes. A C library that cannot read them refuses the
+  # library by name (GLIBC_ABI_DT_RELR); the linker writes them only where its C library, from 2.36 on, can.
+  check_linker_flag(CXX LINKER:-z,pack-relative-relocs TALVO_LINKER_PACKS_RELOCATIONS)
+  if(TALVO_LINKER_PACKS_RELOCATIONS)
+    target_link_options(${target} PRIVATE LINKER:-z,pack-relative-relocs)
+  endif()
+endfunction()
 
 # A program that links the library as any application does.
 function(talvo_add_program name)

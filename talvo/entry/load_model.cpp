@@ -4,6 +4,7 @@
 
 #include "talvo/entry/model_support.h"
 #include "talvo/runtime/create_net.h"
+#include "talvo/serialization/record_support.h"
 #include "talvo/utility/log.h"
 #include "talvo/utility/refuse_support.h"
 
@@ -71,7 +72,7 @@ int load_model(std::string path, std::map<std::string, std::shared_ptr<_NetworkP
                runtime::ClassRegistry<std::shared_ptr<runtime::InferenceParam>>& params, std::string sdk_type,
                unsigned short sdk_major, unsigned short sdk_minor) {
   auto const file = std::make_shared<runtime::TLNModel>();
-  if (!file->FromFile(path.c_str(), FormOf(path))) return -2;
+  if (!runtime::support::SkimFile(file.get(), path.c_str(), FormOf(path))) return -2;
   int const refusal = check_version(
       std::move(sdk_type), sdk_major, sdk_minor,
       {file->sdk_type, file->core_major_ver, file->core_minor_ver, file->sdk_major_ver, file->sdk_minor_ver});

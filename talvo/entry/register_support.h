@@ -12,12 +12,13 @@ namespace talvo::utility {
 template <class Base>
 struct Entry {
   char const* name;
-  std::shared_ptr<Base> (*make)();
+  Base* (*make)();  // a new object, the caller's
 };
 
+// A plain pointer: the block of a shared one costs each class another class, with its table and its type.
 template <class Base, class Class>
-std::shared_ptr<Base> Make() {
-  return std::make_shared<Class>();
+Base* Make() {
+  return new Class;
 }
 
 // The registered name is the class's.
@@ -27,7 +28,11 @@ std::shared_ptr<Base> Make() {
 /// Names that are present already keep their factories.
 template <class Base, std::size_t kCount>
 void RegisterAll(Entry<Base> const (&entries)[kCount], runtime::ClassRegistry<std::shared_ptr<Base>>& registry) {
-  for (auto const& entry : entries) registry.Register(entry.name, entry.make, false);
+  for (auto const& entry : entries) {
+    auto const make = entry.make;
+    registry.Register(
+        entry.name, [make] { return std::shared_ptr<Base>(make()); }, false);
+  }
 }
 
 using KernelRegistry = runtime::ClassRegistry<std::shared_ptr<runtime::IKernel>>;

@@ -35,7 +35,8 @@ int MapInput(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, Con
 // An activation without parameters.
 template <class Form, void (*kMap)(float const*, unsigned int const&, float*)>
 struct PlainActivation : Form {
-  static int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) {
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
+              ContextPtr const& context) const override {
     return MapInput(kernel, inputs, outputs, context, kMap);
   }
 };
@@ -72,7 +73,7 @@ struct HSwishOperation : PlainActivation<StrictForm, functional::hswish_f32> {
 struct LeakyOperation : InvertedForm {
   static constexpr char const* kName = "Leaky_Fallback_Float_M1";
 
-  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) {
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) override {
     // The inverted judgement let any layer through: the class is asked for here.
     auto const* const info = dynamic_cast<ActivationInfo const*>(layer.get());
     if (info == nullptr) return false;
@@ -80,7 +81,8 @@ struct LeakyOperation : InvertedForm {
     return true;
   }
 
-  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
+              ContextPtr const& context) const override {
     return MapInput(kernel, inputs, outputs, context, [this](float const* in, unsigned int count, float* out) {
       functional::leaky_f32(in, count, alpha, out);
     });
@@ -92,7 +94,7 @@ struct LeakyOperation : InvertedForm {
 struct LinearOperation : InvertedForm {
   static constexpr char const* kName = "Linear_Fallback_Float_M1";
 
-  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) {
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) override {
     auto const* const info = dynamic_cast<ActivationInfo const*>(layer.get());
     if (info == nullptr) return false;
     scale = info->activation_alpha;
@@ -100,7 +102,8 @@ struct LinearOperation : InvertedForm {
     return true;
   }
 
-  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
+              ContextPtr const& context) const override {
     return MapInput(kernel, inputs, outputs, context, [this](float const* in, unsigned int count, float* out) {
       functional::linear_f32(in, count, scale, offset, out);
     });
@@ -112,7 +115,7 @@ struct LinearOperation : InvertedForm {
 struct PReluOperation : InvertedForm {
   static constexpr char const* kName = "PReLU_Fallback_Float_M1";
 
-  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) {
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) override {
     auto const* const info = dynamic_cast<ActivationInfo const*>(layer.get());
     if (info == nullptr || info->weight.empty()) return false;
     float first;
@@ -125,7 +128,7 @@ struct PReluOperation : InvertedForm {
     return true;
   }
 
-  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const&) const {
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const&) const override {
     std::shared_ptr<runtime::Tensor> inout = support::Input(kernel, inputs, 0);
     functional::PReLU_F32(inout, slope);
     // In place: the result is the input's own tensor. The caller may pass one list as both.
@@ -151,14 +154,15 @@ struct ErfOperation : PlainActivation<StrictForm, functional::erf_f32> {
 struct ClipOperation : support::Strict<ClipInfo> {
   static constexpr char const* kName = "Clip_Fallback_Float_M1";
 
-  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) {
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) override {
     auto const& info = support::As<ClipInfo>(kName, layer);
     low = info.minimum_value;
     high = info.maximum_value;
     return true;
   }
 
-  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
+              ContextPtr const& context) const override {
     return MapInput(kernel, inputs, outputs, context, [this](float const* in, unsigned int count, float* out) {
       functional::clip_f32(in, count, low, high, out);
     });
@@ -170,7 +174,7 @@ struct ClipOperation : support::Strict<ClipInfo> {
 struct PReluChannelOperation : StrictForm {
   static constexpr char const* kName = "PReLUChannel_Fallback_CHW_Float_M1";
 
-  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const& context) {
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const& context) override {
     auto const& info = support::As<ActivationInfo>(kName, layer);
     layer_id = info.id;
     if (info.num_parameters <= 0) {
@@ -182,10 +186,15 @@ struct PReluChannelOperation : StrictForm {
     return true;
   }
 
-  static int IsValidInput(Tensors const& inputs) { return support::JudgeOneImage(inputs, TensorShape::FLOAT32); }
-  static int IsValidOutput(Tensors const& outputs) { return support::JudgeOneImage(outputs, TensorShape::FLOAT32); }
+  int IsValidInput(Tensors const& inputs) const override {
+    return support::JudgeOneImage(inputs, TensorShape::FLOAT32);
+  }
+  int IsValidOutput(Tensors const& outputs) const override {
+    return support::JudgeOneImage(outputs, TensorShape::FLOAT32);
+  }
 
-  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
+              ContextPtr const& context) const override {
     support::NeedsConfig(kernel);
     auto const x = support::Input({kName, layer_id}, inputs, 0, 3);
     auto const& dims = x->shape.dims;
@@ -207,19 +216,19 @@ struct PReluChannelOperation : StrictForm {
   support::TensorPtr slopes;
 };
 
-template class KernelOf<ReluOperation>;
-template class KernelOf<Relu6Operation>;
-template class KernelOf<SigmoidOperation>;
-template class KernelOf<TanhOperation>;
-template class KernelOf<HSigmoidOperation>;
-template class KernelOf<HSwishOperation>;
-template class KernelOf<LeakyOperation>;
-template class KernelOf<LinearOperation>;
-template class KernelOf<PReluOperation>;
-template class KernelOf<SqrtOperation>;
-template class KernelOf<LogOperation>;
-template class KernelOf<ErfOperation>;
-template class KernelOf<ClipOperation>;
-template class KernelOf<PReluChannelOperation>;
+template OperationPtr MakeOperation<ReluOperation>();
+template OperationPtr MakeOperation<Relu6Operation>();
+template OperationPtr MakeOperation<SigmoidOperation>();
+template OperationPtr MakeOperation<TanhOperation>();
+template OperationPtr MakeOperation<HSigmoidOperation>();
+template OperationPtr MakeOperation<HSwishOperation>();
+template OperationPtr MakeOperation<LeakyOperation>();
+template OperationPtr MakeOperation<LinearOperation>();
+template OperationPtr MakeOperation<PReluOperation>();
+template OperationPtr MakeOperation<SqrtOperation>();
+template OperationPtr MakeOperation<LogOperation>();
+template OperationPtr MakeOperation<ErfOperation>();
+template OperationPtr MakeOperation<ClipOperation>();
+template OperationPtr MakeOperation<PReluChannelOperation>();
 
 }  // namespace talvo::kernel

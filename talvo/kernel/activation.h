@@ -25,20 +25,20 @@ struct ErfOperation;
 struct ClipOperation;
 struct PReluChannelOperation;
 
-extern template class TALVO_API KernelOf<ReluOperation>;
-extern template class TALVO_API KernelOf<Relu6Operation>;
-extern template class TALVO_API KernelOf<SigmoidOperation>;
-extern template class TALVO_API KernelOf<TanhOperation>;
-extern template class TALVO_API KernelOf<HSigmoidOperation>;
-extern template class TALVO_API KernelOf<HSwishOperation>;
-extern template class TALVO_API KernelOf<LeakyOperation>;
-extern template class TALVO_API KernelOf<LinearOperation>;
-extern template class TALVO_API KernelOf<PReluOperation>;
-extern template class TALVO_API KernelOf<SqrtOperation>;
-extern template class TALVO_API KernelOf<LogOperation>;
-extern template class TALVO_API KernelOf<ErfOperation>;
-extern template class TALVO_API KernelOf<ClipOperation>;
-extern template class TALVO_API KernelOf<PReluChannelOperation>;
+extern template TALVO_API OperationPtr MakeOperation<ReluOperation>();
+extern template TALVO_API OperationPtr MakeOperation<Relu6Operation>();
+extern template TALVO_API OperationPtr MakeOperation<SigmoidOperation>();
+extern template TALVO_API OperationPtr MakeOperation<TanhOperation>();
+extern template TALVO_API OperationPtr MakeOperation<HSigmoidOperation>();
+extern template TALVO_API OperationPtr MakeOperation<HSwishOperation>();
+extern template TALVO_API OperationPtr MakeOperation<LeakyOperation>();
+extern template TALVO_API OperationPtr MakeOperation<LinearOperation>();
+extern template TALVO_API OperationPtr MakeOperation<PReluOperation>();
+extern template TALVO_API OperationPtr MakeOperation<SqrtOperation>();
+extern template TALVO_API OperationPtr MakeOperation<LogOperation>();
+extern template TALVO_API OperationPtr MakeOperation<ErfOperation>();
+extern template TALVO_API OperationPtr MakeOperation<ClipOperation>();
+extern template TALVO_API OperationPtr MakeOperation<PReluChannelOperation>();
 
 using ReLU_Fallback_Float_M1 = KernelOf<ReluOperation>;          // strict
 using ReLU6_Fallback_Float_M1 = KernelOf<Relu6Operation>;        // inverted

@@ -111,7 +111,7 @@ ConvolutionShape ShapeOf(ConvolutionFields const& f, Dims const& input, Dims con
 // whether an axis has an output, and what computes.
 template <class Operation, class Info>
 struct Convolution : support::Strict<Info> {
-  static int IsValidParam(LayerPtr const& layer, ParamPtr const& param) {
+  int IsValidParam(LayerPtr const& layer, ParamPtr const& param) const override {
     auto const info = std::dynamic_pointer_cast<Info>(layer);
     if (param != nullptr || info == nullptr) return -1;
     ConvolutionFields const f = Operation::Fields(*info);
@@ -121,7 +121,7 @@ struct Convolution : support::Strict<Info> {
                : 0;
   }
 
-  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const& context) {
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const& context) override {
     Info const& info = support::As<Info>(Operation::kName, layer);
     weight = bias = nullptr;  // the memory of an earlier layer's goes back first
     fields = Operation::Fields(info);
@@ -136,16 +136,17 @@ struct Convolution : support::Strict<Info> {
     return true;
   }
 
-  Shapes GetOutputShapes(Shapes const& input_shapes) const {
+  Shapes GetOutputShapes(Shapes const& input_shapes) const override {
     TensorShape const& input = support::ShapeAt(Operation::kName, input_shapes, 0, Operation::kRank);
     return {TensorShape(Operation::OutputDims(fields, input.dims), input.data_type, input.layout, input.location,
                         TensorShape::Extra())};
   }
 
-  int IsValidInput(Tensors const& inputs) const { return Judge(inputs, fields.in_channels); }
-  int IsValidOutput(Tensors const& outputs) const { return Judge(outputs, fields.out_channels); }
+  int IsValidInput(Tensors const& inputs) const override { return Judge(inputs, fields.in_channels); }
+  int IsValidOutput(Tensors const& outputs) const override { return Judge(outputs, fields.out_channels); }
 
-  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
+              ContextPtr const& context) const override {
     support::NeedsConfig(kernel);
     auto const input = support::Input(Self(), inputs, 0, Operation::kRank);
     CheckFit(*input);
@@ -305,11 +306,11 @@ struct FusedConvTranspose2dOperation : TransposedPlanes<FusedConvTranspose2dOper
   static constexpr auto Keep = Packed<PackFusedTransposed>;
 };
 
-template class KernelOf<Conv2dOperation>;
-template class KernelOf<Conv1dOperation>;
-template class KernelOf<ConvTranspose2dOperation>;
-template class KernelOf<FusedConv2dOperation>;
-template class KernelOf<FusedConv1dOperation>;
-template class KernelOf<FusedConvTranspose2dOperation>;
+template OperationPtr MakeOperation<Conv2dOperation>();
+template OperationPtr MakeOperation<Conv1dOperation>();
+template OperationPtr MakeOperation<ConvTranspose2dOperation>();
+template OperationPtr MakeOperation<FusedConv2dOperation>();
+template OperationPtr MakeOperation<FusedConv1dOperation>();
+template OperationPtr MakeOperation<FusedConvTranspose2dOperation>();
 
 }  // namespace talvo::kernel

@@ -24,15 +24,15 @@ namespace talvo::kernel {
 struct Conv2dOperation;
 struct Conv1dOperation;
 struct ConvTranspose2dOperation;
-extern template class TALVO_API KernelOf<Conv2dOperation>;
-extern template class TALVO_API KernelOf<Conv1dOperation>;
-extern template class TALVO_API KernelOf<ConvTranspose2dOperation>;
+extern template TALVO_API OperationPtr MakeOperation<Conv2dOperation>();
+extern template TALVO_API OperationPtr MakeOperation<Conv1dOperation>();
+extern template TALVO_API OperationPtr MakeOperation<ConvTranspose2dOperation>();
 struct FusedConv2dOperation;
 struct FusedConv1dOperation;
 struct FusedConvTranspose2dOperation;
-extern template class TALVO_API KernelOf<FusedConv2dOperation>;
-extern template class TALVO_API KernelOf<FusedConv1dOperation>;
-extern template class TALVO_API KernelOf<FusedConvTranspose2dOperation>;
+extern template TALVO_API OperationPtr MakeOperation<FusedConv2dOperation>();
+extern template TALVO_API OperationPtr MakeOperation<FusedConv1dOperation>();
+extern template TALVO_API OperationPtr MakeOperation<FusedConvTranspose2dOperation>();
 
 /// Conv2dInfo, CHW; weights [groups, out per group, in per group, kernel_y, kernel_x]. An output extent is
 /// (extent + paddings - dilation * (kernel - 1) - 1) / stride + 1.

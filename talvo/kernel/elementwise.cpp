@@ -195,7 +195,7 @@ bool IsFloat(Tensor const& tensor) { return support::IsInMainMemory(tensor, Tens
 struct ElementwiseOperation : support::Strict<runtime::ElementWiseOperatorInfo> {
   static constexpr char const* kName = "Elementwise_Fallback_Float_M1";
 
-  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) {
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) override {
     constexpr char const* kOperations[] = {"Add", "Sub", "Mul", "Div"};
     layer_id = layer->id;
     unsigned short const op_type = support::As<runtime::ElementWiseOperatorInfo>(kName, layer).op_type;
@@ -204,11 +204,12 @@ struct ElementwiseOperation : support::Strict<runtime::ElementWiseOperatorInfo> 
     return true;
   }
 
-  static Shapes GetOutputShapes(Shapes const& shapes) { return {support::ShapeAt(kName, shapes, 0)}; }
+  Shapes GetOutputShapes(Shapes const& shapes) const override { return {support::ShapeAt(kName, shapes, 0)}; }
 
-  static int IsValidInput(Tensors const& inputs) { return support::Judge(inputs, 2, IsFloat); }
+  int IsValidInput(Tensors const& inputs) const override { return support::Judge(inputs, 2, IsFloat); }
 
-  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
+              ContextPtr const& context) const override {
     support::NeedsConfig(kernel);
     support::Who const who = {kName, layer_id};
     auto const a = support::Input(who, inputs, 0), b = support::Input(who, inputs, 1);
@@ -229,13 +230,13 @@ struct BroadcastOperation : support::Strict<runtime::BroadcastOperatorInfo> {
   static constexpr char const* kName = "BroadcastOperator_Fallback_Float_M1";
 
   // The one judgement that writes: what it was given last is what Forward reads.
-  int IsValidParam(LayerPtr const& given, ParamPtr const& param) const {
+  int IsValidParam(LayerPtr const& given, ParamPtr const& param) const override {
     if (param != nullptr) return -1;
     layer = std::dynamic_pointer_cast<runtime::BroadcastOperatorInfo>(given);
     return layer != nullptr ? 0 : -1;
   }
 
-  static Shapes GetOutputShapes(Shapes const& shapes) {
+  Shapes GetOutputShapes(Shapes const& shapes) const override {
     TensorShape const &first = support::ShapeAt(kName, shapes, 0), &second = support::ShapeAt(kName, shapes, 1);
     std::size_t const rank = std::max(first.dims.size(), second.dims.size());
     Dims dims = Extended(first.dims, rank);
@@ -244,7 +245,7 @@ struct BroadcastOperation : support::Strict<runtime::BroadcastOperatorInfo> {
     return {TensorShape(dims, first.data_type, first.layout, first.location, TensorShape::Extra())};
   }
 
-  static int IsValidInput(Tensors const& inputs) {
+  int IsValidInput(Tensors const& inputs) const override {
     int const floats =
         support::Judge(inputs, 2, [](Tensor const& tensor) { return tensor.shape.data_type == TensorShape::FLOAT32; });
     if (floats != 0) return -2;
@@ -253,7 +254,8 @@ struct BroadcastOperation : support::Strict<runtime::BroadcastOperatorInfo> {
     return alike && AreCompatible(a.dims, b.dims) ? 0 : -2;
   }
 
-  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
+              ContextPtr const& context) const override {
     if (layer == nullptr) Refuse("%s: no operation is configured", kName);
     support::Who const who = {kName, layer->id};
     auto const a = support::Input(who, inputs, 0), b = support::Input(who, inputs, 1);
@@ -281,14 +283,14 @@ struct ReductionOperation : support::Strict<runtime::TensorArithmeticInfo> {
   static constexpr char const* kName = "TensorArithmetic_Fallback_M1";
   using Info = runtime::TensorArithmeticInfo;
 
-  static int IsValidParam(LayerPtr const& layer, ParamPtr const& param) {
+  int IsValidParam(LayerPtr const& layer, ParamPtr const& param) const override {
     if (Strict::IsValidParam(layer, param) == -1) return -1;
     auto const& info = support::As<Info>(kName, layer);
     if (info.arith_type > 1) Refuse("Invalid arithmetic type");
     return info.dim.empty() || std::count(info.dim.begin(), info.dim.end(), -1) >= 2 ? -1 : 0;
   }
 
-  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) {
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) override {
     auto const& info = support::As<Info>(kName, layer);
     layer_id = info.id;
     dim = info.dim;
@@ -296,7 +298,7 @@ struct ReductionOperation : support::Strict<runtime::TensorArithmeticInfo> {
     return true;
   }
 
-  Shapes GetOutputShapes(Shapes const& shapes) const {
+  Shapes GetOutputShapes(Shapes const& shapes) const override {
     TensorShape const& shape = support::ShapeAt(Who(), shapes, 0);
     if (shape.dims.size() < dim.size()) Refuse(nullptr);
     Dims dims = shape.dims;
@@ -317,9 +319,10 @@ struct ReductionOperation : support::Strict<runtime::TensorArithmeticInfo> {
     return {TensorShape(std::move(dims), shape.data_type, layout, shape.location, TensorShape::Extra())};
   }
 
-  static int IsValidInput(Tensors const& inputs) { return support::Judge(inputs, 1, IsFloatOrInt16); }
+  int IsValidInput(Tensors const& inputs) const override { return support::Judge(inputs, 1, IsFloatOrInt16); }
 
-  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
+              ContextPtr const& context) const override {
     support::NeedsConfig(kernel);
     auto const x = support::Input(Who(), inputs, 0);
     Dims const& dims = x->shape.dims;
@@ -344,7 +347,7 @@ struct ReductionOperation : support::Strict<runtime::TensorArithmeticInfo> {
     return 0;
   }
 
-  static int IsValidOutput(Tensors const& outputs) { return IsValidInput(outputs); }
+  int IsValidOutput(Tensors const& outputs) const override { return IsValidInput(outputs); }
 
   support::Who Who() const { return {kName, layer_id}; }
 
@@ -352,8 +355,8 @@ struct ReductionOperation : support::Strict<runtime::TensorArithmeticInfo> {
   std::vector<short> dim;
 };
 
-template class KernelOf<ElementwiseOperation>;
-template class KernelOf<BroadcastOperation>;
-template class KernelOf<ReductionOperation>;
+template OperationPtr MakeOperation<ElementwiseOperation>();
+template OperationPtr MakeOperation<BroadcastOperation>();
+template OperationPtr MakeOperation<ReductionOperation>();
 
 }  // namespace talvo::kernel

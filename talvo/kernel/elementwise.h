@@ -9,9 +9,9 @@ struct ElementwiseOperation;
 struct BroadcastOperation;
 struct ReductionOperation;
 
-extern template class TALVO_API KernelOf<ElementwiseOperation>;
-extern template class TALVO_API KernelOf<BroadcastOperation>;
-extern template class TALVO_API KernelOf<ReductionOperation>;
+extern template TALVO_API OperationPtr MakeOperation<ElementwiseOperation>();
+extern template TALVO_API OperationPtr MakeOperation<BroadcastOperation>();
+extern template TALVO_API OperationPtr MakeOperation<ReductionOperation>();
 
 /// out[i] = a[i] op b[i] over the elements of a, whatever the shape of b. op is "Add", "Sub", "Mul" or "Div".
 /// Assert in Config: another number, "Invalid element wise type". Assert in Forward: b has fewer elements than a.

@@ -53,15 +53,15 @@ int JudgeVector(Tensors const& tensors, unsigned int features) {
   });
 }
 
-// What the full connections have in common. An operation has besides its name the free form that computes.
+// What the full connections have in common. An operation may keep its weights in another order.
 template <class Operation>
 struct FullConnection : support::Strict<runtime::FullConnectionInfo> {
-  static int IsValidParam(LayerPtr const& layer, ParamPtr const& param) {
+  int IsValidParam(LayerPtr const& layer, ParamPtr const& param) const override {
     auto const info = std::dynamic_pointer_cast<runtime::FullConnectionInfo>(layer);
     return param == nullptr && info != nullptr && info->in_features != 0 && info->out_features != 0 ? 0 : -1;
   }
 
-  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const& context) {
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const& context) override {
     auto const& info = support::As<runtime::FullConnectionInfo>(Operation::kName, layer);
     layer_id = info.id;
     in_features = info.in_features, out_features = info.out_features;
@@ -76,25 +76,13 @@ struct FullConnection : support::Strict<runtime::FullConnectionInfo> {
     return true;
   }
 
-  Shapes GetOutputShapes(Shapes const& input_shapes) const {
+  Shapes GetOutputShapes(Shapes const& input_shapes) const override {
     TensorShape const& input = support::ShapeAt(Operation::kName, input_shapes, 0);
     return {TensorShape({out_features}, input.data_type, TensorShape::C, input.location, TensorShape::Extra())};
   }
 
-  int IsValidInput(Tensors const& inputs) const { return JudgeVector(inputs, in_features); }
-  int IsValidOutput(Tensors const& outputs) const { return JudgeVector(outputs, out_features); }
-
-  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
-    support::NeedsConfig(kernel);
-    support::Who const self(Operation::kName, layer_id);
-    auto const x = support::Input(self, inputs, 0);
-    support::CheckTensor(self, "input 0", x.get(), {sizeof(float), support::kAnyRank, in_features});
-    auto const y = support::NewOutput(kernel, inputs, context);
-    Operation::kRun(x->Data<float>(), in_features, out_features, weight->Data<float>(),
-                    bias == nullptr ? nullptr : bias->Data<float>(), y->Data<float>());
-    outputs.assign(1, y);
-    return 0;
-  }
+  int IsValidInput(Tensors const& inputs) const override { return JudgeVector(inputs, in_features); }
+  int IsValidOutput(Tensors const& outputs) const override { return JudgeVector(outputs, out_features); }
 
   // What a kernel keeps of its decoded weights.
   static support::TensorPtr Keep(support::TensorPtr const& decoded, ContextPtr const&) { return decoded; }
@@ -102,6 +90,26 @@ struct FullConnection : support::Strict<runtime::FullConnectionInfo> {
   std::string layer_id;
   unsigned int in_features = 0, out_features = 0;
   support::TensorPtr weight, bias;  // [out_features, in_features]; [out_features], null without bias
+};
+
+// A full connection of one vector. An operation has besides that the free form that computes.
+template <class Operation>
+struct VectorConnection : FullConnection<Operation> {
+  using Base = FullConnection<Operation>;
+  using Base::bias, Base::in_features, Base::layer_id, Base::out_features, Base::weight;
+
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
+              ContextPtr const& context) const override {
+    support::NeedsConfig(kernel);
+    support::Who const self(Operation::kName, layer_id);
+    auto const x = support::Input(self, inputs, 0);
+    support::CheckTensor(self, "input 0", x.get(), {sizeof(float), support::kAnyRank, in_features});
+    auto const y = support::NewOutput(kernel, inputs, context);
+    Operation::kRun(x->Data<float>(), in_features, out_features, weight->template Data<float>(),
+                    bias == nullptr ? nullptr : bias->template Data<float>(), y->Data<float>());
+    outputs.assign(1, y);
+    return 0;
+  }
 };
 
 }  // namespace
@@ -131,12 +139,12 @@ void Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1_Convolution(support::TensorPtr 
 struct PointwiseOperation : support::Strict<runtime::Conv2dInfo> {
   static constexpr char const* kName = "Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1";
 
-  static int IsValidParam(LayerPtr const& layer, ParamPtr const& param) {
+  int IsValidParam(LayerPtr const& layer, ParamPtr const& param) const override {
     auto const info = std::dynamic_pointer_cast<runtime::Conv2dInfo>(layer);
     return param == nullptr && info != nullptr && IsPointwise(*info) ? 0 : -1;
   }
 
-  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const& context) {
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const& context) override {
     auto const& info = support::As<runtime::Conv2dInfo>(kName, layer);
     layer_id = info.id;
     in_channels = info.in_channels, out_channels = info.out_channels;
@@ -147,16 +155,17 @@ struct PointwiseOperation : support::Strict<runtime::Conv2dInfo> {
   }
 
   // (H + 0 + 0 - 1 * (1 - 1) - 1) / 1 + 1 is H, and 0 for 0 in arithmetic that wraps.
-  Shapes GetOutputShapes(Shapes const& input_shapes) const {
+  Shapes GetOutputShapes(Shapes const& input_shapes) const override {
     TensorShape const& input = support::ShapeAt(kName, input_shapes, 0, 3);
     return {TensorShape({out_channels, input.dims[1], input.dims[2]}, input.data_type, input.layout, input.location,
                         TensorShape::Extra())};
   }
 
-  static int IsValidInput(Tensors const& inputs) { return JudgePlanes(inputs, true); }
-  static int IsValidOutput(Tensors const& outputs) { return JudgePlanes(outputs, false); }
+  int IsValidInput(Tensors const& inputs) const override { return JudgePlanes(inputs, true); }
+  int IsValidOutput(Tensors const& outputs) const override { return JudgePlanes(outputs, false); }
 
-  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
+              ContextPtr const& context) const override {
     support::NeedsConfig(kernel);
     auto const x = support::Input({kName, layer_id}, inputs, 0, 3);
     if (x->shape.dims[0] > in_channels) {
@@ -185,12 +194,12 @@ struct PointwiseOperation : support::Strict<runtime::Conv2dInfo> {
   support::TensorPtr weight, bias;  // [1, out, in, 1, 1]; [groups, out / groups], null without bias
 };
 
-struct FallbackFullConnectionOperation : FullConnection<FallbackFullConnectionOperation> {
+struct FallbackFullConnectionOperation : VectorConnection<FallbackFullConnectionOperation> {
   static constexpr char const* kName = "FullConnection_Fallback_C_Float_M1";
   static constexpr auto kRun = functional::fullconnection_fallback_c_f32_m1;
 };
 
-struct SgemmFullConnectionOperation : FullConnection<SgemmFullConnectionOperation> {
+struct SgemmFullConnectionOperation : VectorConnection<SgemmFullConnectionOperation> {
   static constexpr char const* kName = "FullConnection_SGEMM_C_Float_M1";
   static constexpr auto kRun = functional::fullconnection_sgemm_c_f32_m1;
 };
@@ -208,7 +217,7 @@ support::TensorPtr Packed(support::TensorPtr const& weight, ContextPtr const& co
 
 }  // namespace
 
-struct FusedFullConnectionOperation : FullConnection<FusedFullConnectionOperation> {
+struct FusedFullConnectionOperation : VectorConnection<FusedFullConnectionOperation> {
   static constexpr char const* kName = "FullConnection_Fused_C_Float_M1";
 
   static constexpr auto Keep = Packed;
@@ -230,16 +239,17 @@ struct RowsFullConnectionOperation : FullConnection<RowsFullConnectionOperation>
              tensor.shape.dims[1] == features;
     });
   }
-  int IsValidInput(Tensors const& inputs) const { return JudgeRows(inputs, in_features); }
-  int IsValidOutput(Tensors const& outputs) const { return JudgeRows(outputs, out_features); }
+  int IsValidInput(Tensors const& inputs) const override { return JudgeRows(inputs, in_features); }
+  int IsValidOutput(Tensors const& outputs) const override { return JudgeRows(outputs, out_features); }
 
-  Shapes GetOutputShapes(Shapes const& input_shapes) const {
+  Shapes GetOutputShapes(Shapes const& input_shapes) const override {
     TensorShape const& input = support::ShapeAt({kName, layer_id}, input_shapes, 0, 2);
     return {TensorShape({input.dims[0], out_features}, input.data_type, TensorShape::SC, input.location,
                         TensorShape::Extra())};
   }
 
-  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
+              ContextPtr const& context) const override {
     support::NeedsConfig(kernel);
     support::Who const self(kName, layer_id);
     auto const x = support::Input(self, inputs, 0, 2);
@@ -283,12 +293,12 @@ void Turn(float const* matrix, std::size_t rows, std::size_t columns, float* tur
 struct MatMulOperation : support::Strict<runtime::GemmInfo> {
   static constexpr char const* kName = "MatMul_Fallback_Float_M1";
 
-  static int IsValidParam(LayerPtr const& layer, ParamPtr const& param) {
+  int IsValidParam(LayerPtr const& layer, ParamPtr const& param) const override {
     bool const plain = support::StrictParam<runtime::BroadcastOperatorInfo>(layer, param) == 0;
     return plain ? 0 : support::StrictParam<runtime::GemmInfo>(layer, param);
   }
 
-  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) {
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) override {
     auto const* const info = dynamic_cast<runtime::GemmInfo const*>(layer.get());
     runtime::GemmInfo const plain;
     layer_id = layer->id;
@@ -298,14 +308,14 @@ struct MatMulOperation : support::Strict<runtime::GemmInfo> {
     return true;
   }
 
-  int IsValidInput(Tensors const& inputs) const {
+  int IsValidInput(Tensors const& inputs) const override {
     int const judgement = support::Judge(
         inputs, 2, [](runtime::Tensor const& tensor) { return support::IsInMainMemory(tensor, TensorShape::FLOAT32); });
     if (judgement != 0) return judgement;
     return Multiply(inputs[0]->shape.dims, trans_a, inputs[1]->shape.dims, trans_b) ? 0 : -2;
   }
 
-  Shapes GetOutputShapes(Shapes const& input_shapes) const {
+  Shapes GetOutputShapes(Shapes const& input_shapes) const override {
     TensorShape const &a = support::ShapeAt({kName, layer_id}, input_shapes, 0),
                       &b = support::ShapeAt({kName, layer_id}, input_shapes, 1);
     if (!Multiply(a.dims, trans_a, b.dims, trans_b)) {
@@ -318,7 +328,8 @@ struct MatMulOperation : support::Strict<runtime::GemmInfo> {
     return {y};
   }
 
-  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
+              ContextPtr const& context) const override {
     support::NeedsConfig(kernel);
     support::Who const self(kName, layer_id);
     auto const a = support::Input(self, inputs, 0), b = support::Input(self, inputs, 1);
@@ -359,11 +370,11 @@ struct MatMulOperation : support::Strict<runtime::GemmInfo> {
   float alpha = 1.0f;
 };
 
-template class KernelOf<PointwiseOperation>;
-template class KernelOf<FallbackFullConnectionOperation>;
-template class KernelOf<SgemmFullConnectionOperation>;
-template class KernelOf<FusedFullConnectionOperation>;
-template class KernelOf<RowsFullConnectionOperation>;
-template class KernelOf<MatMulOperation>;
+template OperationPtr MakeOperation<PointwiseOperation>();
+template OperationPtr MakeOperation<FallbackFullConnectionOperation>();
+template OperationPtr MakeOperation<SgemmFullConnectionOperation>();
+template OperationPtr MakeOperation<FusedFullConnectionOperation>();
+template OperationPtr MakeOperation<RowsFullConnectionOperation>();
+template OperationPtr MakeOperation<MatMulOperation>();
 
 }  // namespace talvo::kernel

@@ -16,12 +16,12 @@ struct SgemmFullConnectionOperation;
 struct FusedFullConnectionOperation;
 struct RowsFullConnectionOperation;
 struct MatMulOperation;
-extern template class TALVO_API KernelOf<PointwiseOperation>;
-extern template class TALVO_API KernelOf<FallbackFullConnectionOperation>;
-extern template class TALVO_API KernelOf<SgemmFullConnectionOperation>;
-extern template class TALVO_API KernelOf<FusedFullConnectionOperation>;
-extern template class TALVO_API KernelOf<RowsFullConnectionOperation>;
-extern template class TALVO_API KernelOf<MatMulOperation>;
+extern template TALVO_API OperationPtr MakeOperation<PointwiseOperation>();
+extern template TALVO_API OperationPtr MakeOperation<FallbackFullConnectionOperation>();
+extern template TALVO_API OperationPtr MakeOperation<SgemmFullConnectionOperation>();
+extern template TALVO_API OperationPtr MakeOperation<FusedFullConnectionOperation>();
+extern template TALVO_API OperationPtr MakeOperation<RowsFullConnectionOperation>();
+extern template TALVO_API OperationPtr MakeOperation<MatMulOperation>();
 
 /// Convolution with a 1x1 kernel, stride 1 and no padding, as one product of W with x [channels, H * W]; the bias is
 /// added behind the product. Config takes such a Conv2dInfo without inference parameter and with non-zero channels and

@@ -62,19 +62,20 @@ PoolingShape ShapeOf(TensorCPU const& input, TensorCPU const& output) {
 // refuses of its input, and the pooling itself.
 template <class Operation, class Info>
 struct PoolingOf : support::Strict<Info> {
-  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) {
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) override {
     layer_id = layer->id;
     static_cast<Operation&>(*this).Read(support::As<Info>(Who(), layer));
     return true;
   }
 
-  Shapes GetOutputShapes(Shapes const& shapes) const {
+  Shapes GetOutputShapes(Shapes const& shapes) const override {
     TensorShape const& input = support::ShapeAt(Who(), shapes, 0, 3);
     return {TensorShape(Self().OutputDims(input.dims), input.data_type, input.layout, input.location,
                         TensorShape::Extra())};
   }
 
-  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
+              ContextPtr const& context) const override {
     auto const x = support::Input(Who(), inputs, 0, 3);
     Self().Check(*x);
     auto const y = support::NewOutput(kernel, inputs, context);
@@ -83,8 +84,10 @@ struct PoolingOf : support::Strict<Info> {
     return 0;
   }
 
-  static int IsValidInput(Tensors const& inputs) { return support::JudgeOneImage(inputs, TensorShape::FLOAT32); }
-  static int IsValidOutput(Tensors const& outputs) { return IsValidInput(outputs); }
+  int IsValidInput(Tensors const& inputs) const override {
+    return support::JudgeOneImage(inputs, TensorShape::FLOAT32);
+  }
+  int IsValidOutput(Tensors const& outputs) const override { return IsValidInput(outputs); }
 
   Operation const& Self() const { return static_cast<Operation const&>(*this); }
   support::Who Who() const { return {Operation::kName, layer_id}; }
@@ -197,8 +200,8 @@ struct AdaptiveAveragePoolingOperation : PoolingOf<AdaptiveAveragePoolingOperati
   unsigned int out_height = 0, out_width = 0;
 };
 
-template class KernelOf<AveragePoolingOperation>;
-template class KernelOf<MaximumPoolingOperation>;
-template class KernelOf<AdaptiveAveragePoolingOperation>;
+template OperationPtr MakeOperation<AveragePoolingOperation>();
+template OperationPtr MakeOperation<MaximumPoolingOperation>();
+template OperationPtr MakeOperation<AdaptiveAveragePoolingOperation>();
 
 }  // namespace talvo::kernel

@@ -11,9 +11,9 @@ struct AveragePoolingOperation;
 struct MaximumPoolingOperation;
 struct AdaptiveAveragePoolingOperation;
 
-extern template class TALVO_API KernelOf<AveragePoolingOperation>;
-extern template class TALVO_API KernelOf<MaximumPoolingOperation>;
-extern template class TALVO_API KernelOf<AdaptiveAveragePoolingOperation>;
+extern template TALVO_API OperationPtr MakeOperation<AveragePoolingOperation>();
+extern template TALVO_API OperationPtr MakeOperation<MaximumPoolingOperation>();
+extern template TALVO_API OperationPtr MakeOperation<AdaptiveAveragePoolingOperation>();
 
 /// Average over a window. Output extents truncate: (H - kernel_y + padding_t + padding_b) / stride_y + 1 in unsigned
 /// 32-bit arithmetic; the layer's ceil_mode has no effect. Without count_include_pad the divisor is lowered by one for

@@ -52,28 +52,29 @@ struct Int8 {
 
 // A judgement of its own: no layer, and a parameter with a step in range; Config refuses -1.
 template <class Fixed>
-struct Quantisation : support::Plain {
+struct Quantisation : support::PlainOperation {
   static constexpr char const* kName = Fixed::kQuantitation;
 
-  static int IsValidParam(LayerPtr const& layer, ParamPtr const& param) {
+  int IsValidParam(LayerPtr const& layer, ParamPtr const& param) const override {
     auto const* const quant = dynamic_cast<runtime::InferenceParamActQuant const*>(param.get());
     if (layer != nullptr || quant == nullptr) return -1;
     return quant->output_step_size >= kLeastStep && quant->output_step_size <= kGreatestStep ? 0 : -1;
   }
-  static bool Passes(int judgement) { return judgement != -1; }
+  bool Passes(int judgement) const override { return judgement != -1; }
 
-  bool Config(LayerPtr const&, ParamPtr const& param, ContextPtr const&) {
+  bool Config(LayerPtr const&, ParamPtr const& param, ContextPtr const&) override {
     output_step_size = support::As<runtime::InferenceParamActQuant>(kName, param).output_step_size;
     return true;
   }
 
-  Shapes GetOutputShapes(Shapes const& input_shapes) const {
+  Shapes GetOutputShapes(Shapes const& input_shapes) const override {
     return Retyped(input_shapes, Fixed::kDataType, output_step_size);
   }
 
-  static int IsValidInput(Tensors const& inputs) { return JudgeAll(inputs, TensorShape::FLOAT32); }
+  int IsValidInput(Tensors const& inputs) const override { return JudgeAll(inputs, TensorShape::FLOAT32); }
 
-  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
+              ContextPtr const& context) const override {
     for (std::size_t i = 0; i < inputs.size(); ++i) {
       auto const input = support::Input(kernel, inputs, i);
       support::Device(kernel, context);
@@ -82,7 +83,7 @@ struct Quantisation : support::Plain {
     return 0;
   }
 
-  static int IsValidOutput(Tensors const& outputs) { return JudgeAll(outputs, Fixed::kDataType); }
+  int IsValidOutput(Tensors const& outputs) const override { return JudgeAll(outputs, Fixed::kDataType); }
 
   short output_step_size = 0;
 };
@@ -92,13 +93,16 @@ template <class Fixed>
 struct Dequantisation : support::Inverted {
   static constexpr char const* kName = Fixed::kDequantitation;
 
-  static bool Passes(int judgement) { return judgement != -1; }
+  bool Passes(int judgement) const override { return judgement != -1; }
 
-  static Shapes GetOutputShapes(Shapes const& input_shapes) { return Retyped(input_shapes, TensorShape::FLOAT32, 0); }
+  Shapes GetOutputShapes(Shapes const& input_shapes) const override {
+    return Retyped(input_shapes, TensorShape::FLOAT32, 0);
+  }
 
-  static int IsValidInput(Tensors const& inputs) { return JudgeAll(inputs, Fixed::kDataType); }
+  int IsValidInput(Tensors const& inputs) const override { return JudgeAll(inputs, Fixed::kDataType); }
 
-  static int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) {
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
+              ContextPtr const& context) const override {
     for (std::size_t i = 0; i < inputs.size(); ++i) {
       auto const input = support::Input(kernel, inputs, i, support::kAnyRank, 1);
       support::Device(kernel, context);
@@ -107,7 +111,7 @@ struct Dequantisation : support::Inverted {
     return 0;
   }
 
-  static int IsValidOutput(Tensors const& outputs) { return JudgeAll(outputs, TensorShape::FLOAT32); }
+  int IsValidOutput(Tensors const& outputs) const override { return JudgeAll(outputs, TensorShape::FLOAT32); }
 };
 
 }  // namespace
@@ -117,9 +121,9 @@ struct QuantiseInt8Operation : Quantisation<Int8> {};
 struct DequantiseInt16Operation : Dequantisation<Int16> {};
 struct DequantiseInt8Operation : Dequantisation<Int8> {};
 
-template class KernelOf<QuantiseInt16Operation>;
-template class KernelOf<QuantiseInt8Operation>;
-template class KernelOf<DequantiseInt16Operation>;
-template class KernelOf<DequantiseInt8Operation>;
+template OperationPtr MakeOperation<QuantiseInt16Operation>();
+template OperationPtr MakeOperation<QuantiseInt8Operation>();
+template OperationPtr MakeOperation<DequantiseInt16Operation>();
+template OperationPtr MakeOperation<DequantiseInt8Operation>();
 
 }  // namespace talvo::kernel

@@ -11,10 +11,10 @@ struct QuantiseInt8Operation;
 struct DequantiseInt16Operation;
 struct DequantiseInt8Operation;
 
-extern template class TALVO_API KernelOf<QuantiseInt16Operation>;
-extern template class TALVO_API KernelOf<QuantiseInt8Operation>;
-extern template class TALVO_API KernelOf<DequantiseInt16Operation>;
-extern template class TALVO_API KernelOf<DequantiseInt8Operation>;
+extern template TALVO_API OperationPtr MakeOperation<QuantiseInt16Operation>();
+extern template TALVO_API OperationPtr MakeOperation<QuantiseInt8Operation>();
+extern template TALVO_API OperationPtr MakeOperation<DequantiseInt16Operation>();
+extern template TALVO_API OperationPtr MakeOperation<DequantiseInt8Operation>();
 
 /// Takes an InferenceParamActQuant with an output_step_size from 8 to 12, which becomes the outputs' step size.
 using Quantitation_MainMemory_Float_to_Int16_Fallback_M1 = KernelOf<QuantiseInt16Operation>;

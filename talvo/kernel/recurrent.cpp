@@ -155,12 +155,12 @@ struct State {
 }  // namespace
 
 // What cells and sequences have in common.
-struct Operation : support::Plain {
+struct Operation : support::PlainOperation {
   explicit Operation(Form const& of) : form(of) {}
 
-  static bool Passes(int judgement) { return judgement == 0; }
+  bool Passes(int judgement) const override { return judgement == 0; }
 
-  int ResetRNNState() const {
+  int ResetRNNState() const override {
     Clear(state.h);
     Clear(state.c);
     return 0;
@@ -201,10 +201,10 @@ struct CellOperation : Operation {
     });
   }
 
-  int IsValidInput(Tensors const& inputs) const { return Judge(inputs, weights.in_size); }
-  int IsValidOutput(Tensors const& outputs) const { return Judge(outputs, hidden_size); }
+  int IsValidInput(Tensors const& inputs) const override { return Judge(inputs, weights.in_size); }
+  int IsValidOutput(Tensors const& outputs) const override { return Judge(outputs, hidden_size); }
 
-  Shapes GetOutputShapes(Shapes const&) const {
+  Shapes GetOutputShapes(Shapes const&) const override {
     return {TensorShape({hidden_size}, TensorShape::FLOAT32, TensorShape::C, TensorShape::MainMemory,
                         TensorShape::Extra())};
   }
@@ -229,7 +229,7 @@ struct CellOperation : Operation {
   }
 
   int Forward(runtime::IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
-              ContextPtr const& context) const {
+              ContextPtr const& context) const override {
     support::NeedsConfig(kernel);
     auto const x = support::Input(kernel, inputs, 0);
     CheckInput(*x, weights.in_size);
@@ -258,17 +258,17 @@ struct SequenceOperation : Operation {
            tensor.shape.dims[1] == width;
   }
 
-  int IsValidInput(Tensors const& inputs) const {
+  int IsValidInput(Tensors const& inputs) const override {
     return support::Judge(inputs, 1, [this](auto const& tensor) { return IsSequence(tensor, in_size); });
   }
 
-  int IsValidOutput(Tensors const& outputs) const {
+  int IsValidOutput(Tensors const& outputs) const override {
     return support::Judge(outputs, 1, [this](auto const& tensor) {
       return tensor.shape.layout == TensorShape::SC && IsSequence(tensor, directions * hidden_size);
     });
   }
 
-  Shapes GetOutputShapes(Shapes const& input_shapes) const {
+  Shapes GetOutputShapes(Shapes const& input_shapes) const override {
     auto const& dims = support::ShapeAt({form.name, layer_id}, input_shapes, 0).dims;
     if (dims.empty()) Refuse("%s of layer %s: an input without dims has no steps", form.name, layer_id.c_str());
     return {TensorShape({dims[0], directions * hidden_size}, TensorShape::FLOAT32, TensorShape::SC,
@@ -336,7 +336,7 @@ struct SequenceOperation : Operation {
   }
 
   int Forward(runtime::IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
-              ContextPtr const& context) const {
+              ContextPtr const& context) const override {
     support::NeedsConfig(kernel);
     if (directions == 2 && complex_rnn_type != 0) Refuse("Not Implemented.");
     auto const x = support::Input(kernel, inputs, 0);
@@ -388,13 +388,13 @@ template <class Info>
 struct CellOf : CellOperation {
   using CellOperation::CellOperation;
 
-  static int IsValidParam(LayerPtr const& layer, ParamPtr const& param) {
+  int IsValidParam(LayerPtr const& layer, ParamPtr const& param) const override {
     auto const* const info = dynamic_cast<Info const*>(layer.get());
     int const judgement = JudgeSizes(info, param);
     return judgement != 0 || KnowsActivation(*info) ? judgement : -5;
   }
 
-  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const& context) {
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const& context) override {
     Take(ReadCell(support::As<Info>(form.name, layer)), context);
     return true;
   }
@@ -404,14 +404,14 @@ template <class Info>
 struct SequenceOf : SequenceOperation {
   using SequenceOperation::SequenceOperation;
 
-  static int IsValidParam(LayerPtr const& layer, ParamPtr const& param) {
+  int IsValidParam(LayerPtr const& layer, ParamPtr const& param) const override {
     auto const* const info = dynamic_cast<Info const*>(layer.get());
     int const judgement = JudgeSizes(info, param);
     if (judgement != 0) return judgement;
     return info->num_layers == 0 ? -5 : KnowsActivation(*info) ? 0 : -6;
   }
 
-  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const& context) {
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const& context) override {
     Take(ReadStack(support::As<Info>(form.name, layer)), context);
     return true;
   }
@@ -431,30 +431,30 @@ struct Sequence : SequenceOf<typename Family::Info> {
 
 }  // namespace recurrent
 
-template class KernelOf<recurrent::Sequence<recurrent::Rnn, recurrent::Fallback>>;
-template class KernelOf<recurrent::Sequence<recurrent::Rnn, recurrent::Sgemm>>;
-template class KernelOf<recurrent::Sequence<recurrent::Rnn, recurrent::Arm>>;
-template class KernelOf<recurrent::Sequence<recurrent::Rnn, recurrent::Fused>>;
-template class KernelOf<recurrent::Sequence<recurrent::Lstm, recurrent::Fallback>>;
-template class KernelOf<recurrent::Sequence<recurrent::Lstm, recurrent::Sgemm>>;
-template class KernelOf<recurrent::Sequence<recurrent::Lstm, recurrent::Arm>>;
-template class KernelOf<recurrent::Sequence<recurrent::Lstm, recurrent::Fused>>;
-template class KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Fallback>>;
-template class KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Sgemm>>;
-template class KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Arm>>;
-template class KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Fused>>;
-template class KernelOf<recurrent::Sequence<recurrent::GruResetBefore, recurrent::Fallback>>;
-template class KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Fallback>>;
-template class KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Sgemm>>;
-template class KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Arm>>;
-template class KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Fused>>;
-template class KernelOf<recurrent::Cell<recurrent::Lstm, recurrent::Fallback>>;
-template class KernelOf<recurrent::Cell<recurrent::Lstm, recurrent::Sgemm>>;
-template class KernelOf<recurrent::Cell<recurrent::Lstm, recurrent::Arm>>;
-template class KernelOf<recurrent::Cell<recurrent::Lstm, recurrent::Fused>>;
-template class KernelOf<recurrent::Cell<recurrent::Gru, recurrent::Fallback>>;
-template class KernelOf<recurrent::Cell<recurrent::Gru, recurrent::Sgemm>>;
-template class KernelOf<recurrent::Cell<recurrent::Gru, recurrent::Arm>>;
-template class KernelOf<recurrent::Cell<recurrent::Gru, recurrent::Fused>>;
+template OperationPtr MakeOperation<recurrent::Sequence<recurrent::Rnn, recurrent::Fallback>>();
+template OperationPtr MakeOperation<recurrent::Sequence<recurrent::Rnn, recurrent::Sgemm>>();
+template OperationPtr MakeOperation<recurrent::Sequence<recurrent::Rnn, recurrent::Arm>>();
+template OperationPtr MakeOperation<recurrent::Sequence<recurrent::Rnn, recurrent::Fused>>();
+template OperationPtr MakeOperation<recurrent::Sequence<recurrent::Lstm, recurrent::Fallback>>();
+template OperationPtr MakeOperation<recurrent::Sequence<recurrent::Lstm, recurrent::Sgemm>>();
+template OperationPtr MakeOperation<recurrent::Sequence<recurrent::Lstm, recurrent::Arm>>();
+template OperationPtr MakeOperation<recurrent::Sequence<recurrent::Lstm, recurrent::Fused>>();
+template OperationPtr MakeOperation<recurrent::Sequence<recurrent::Gru, recurrent::Fallback>>();
+template OperationPtr MakeOperation<recurrent::Sequence<recurrent::Gru, recurrent::Sgemm>>();
+template OperationPtr MakeOperation<recurrent::Sequence<recurrent::Gru, recurrent::Arm>>();
+template OperationPtr MakeOperation<recurrent::Sequence<recurrent::Gru, recurrent::Fused>>();
+template OperationPtr MakeOperation<recurrent::Sequence<recurrent::GruResetBefore, recurrent::Fallback>>();
+template OperationPtr MakeOperation<recurrent::Cell<recurrent::Rnn, recurrent::Fallback>>();
+template OperationPtr MakeOperation<recurrent::Cell<recurrent::Rnn, recurrent::Sgemm>>();
+template OperationPtr MakeOperation<recurrent::Cell<recurrent::Rnn, recurrent::Arm>>();
+template OperationPtr MakeOperation<recurrent::Cell<recurrent::Rnn, recurrent::Fused>>();
+template OperationPtr MakeOperation<recurrent::Cell<recurrent::Lstm, recurrent::Fallback>>();
+template OperationPtr MakeOperation<recurrent::Cell<recurrent::Lstm, recurrent::Sgemm>>();
+template OperationPtr MakeOperation<recurrent::Cell<recurrent::Lstm, recurrent::Arm>>();
+template OperationPtr MakeOperation<recurrent::Cell<recurrent::Lstm, recurrent::Fused>>();
+template OperationPtr MakeOperation<recurrent::Cell<recurrent::Gru, recurrent::Fallback>>();
+template OperationPtr MakeOperation<recurrent::Cell<recurrent::Gru, recurrent::Sgemm>>();
+template OperationPtr MakeOperation<recurrent::Cell<recurrent::Gru, recurrent::Arm>>();
+template OperationPtr MakeOperation<recurrent::Cell<recurrent::Gru, recurrent::Fused>>();
 
 }  // namespace talvo::kernel

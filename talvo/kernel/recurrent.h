@@ -45,31 +45,32 @@ struct Sequence;
 
 }  // namespace recurrent
 
-extern template class TALVO_API KernelOf<recurrent::Sequence<recurrent::Rnn, recurrent::Fallback>>;
-extern template class TALVO_API KernelOf<recurrent::Sequence<recurrent::Rnn, recurrent::Sgemm>>;
-extern template class TALVO_API KernelOf<recurrent::Sequence<recurrent::Rnn, recurrent::Arm>>;
-extern template class TALVO_API KernelOf<recurrent::Sequence<recurrent::Rnn, recurrent::Fused>>;
-extern template class TALVO_API KernelOf<recurrent::Sequence<recurrent::Lstm, recurrent::Fallback>>;
-extern template class TALVO_API KernelOf<recurrent::Sequence<recurrent::Lstm, recurrent::Sgemm>>;
-extern template class TALVO_API KernelOf<recurrent::Sequence<recurrent::Lstm, recurrent::Arm>>;
-extern template class TALVO_API KernelOf<recurrent::Sequence<recurrent::Lstm, recurrent::Fused>>;
-extern template class TALVO_API KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Fallback>>;
-extern template class TALVO_API KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Sgemm>>;
-extern template class TALVO_API KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Arm>>;
-extern template class TALVO_API KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Fused>>;
-extern template class TALVO_API KernelOf<recurrent::Sequence<recurrent::GruResetBefore, recurrent::Fallback>>;
-extern template class TALVO_API KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Fallback>>;
-extern template class TALVO_API KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Sgemm>>;
-extern template class TALVO_API KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Arm>>;
-extern template class TALVO_API KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Fused>>;
-extern template class TALVO_API KernelOf<recurrent::Cell<recurrent::Lstm, recurrent::Fallback>>;
-extern template class TALVO_API KernelOf<recurrent::Cell<recurrent::Lstm, recurrent::Sgemm>>;
-extern template class TALVO_API KernelOf<recurrent::Cell<recurrent::Lstm, recurrent::Arm>>;
-extern template class TALVO_API KernelOf<recurrent::Cell<recurrent::Lstm, recurrent::Fused>>;
-extern template class TALVO_API KernelOf<recurrent::Cell<recurrent::Gru, recurrent::Fallback>>;
-extern template class TALVO_API KernelOf<recurrent::Cell<recurrent::Gru, recurrent::Sgemm>>;
-extern template class TALVO_API KernelOf<recurrent::Cell<recurrent::Gru, recurrent::Arm>>;
-extern template class TALVO_API KernelOf<recurrent::Cell<recurrent::Gru, recurrent::Fused>>;
+extern template TALVO_API OperationPtr MakeOperation<recurrent::Sequence<recurrent::Rnn, recurrent::Fallback>>();
+extern template TALVO_API OperationPtr MakeOperation<recurrent::Sequence<recurrent::Rnn, recurrent::Sgemm>>();
+extern template TALVO_API OperationPtr MakeOperation<recurrent::Sequence<recurrent::Rnn, recurrent::Arm>>();
+extern template TALVO_API OperationPtr MakeOperation<recurrent::Sequence<recurrent::Rnn, recurrent::Fused>>();
+extern template TALVO_API OperationPtr MakeOperation<recurrent::Sequence<recurrent::Lstm, recurrent::Fallback>>();
+extern template TALVO_API OperationPtr MakeOperation<recurrent::Sequence<recurrent::Lstm, recurrent::Sgemm>>();
+extern template TALVO_API OperationPtr MakeOperation<recurrent::Sequence<recurrent::Lstm, recurrent::Arm>>();
+extern template TALVO_API OperationPtr MakeOperation<recurrent::Sequence<recurrent::Lstm, recurrent::Fused>>();
+extern template TALVO_API OperationPtr MakeOperation<recurrent::Sequence<recurrent::Gru, recurrent::Fallback>>();
+extern template TALVO_API OperationPtr MakeOperation<recurrent::Sequence<recurrent::Gru, recurrent::Sgemm>>();
+extern template TALVO_API OperationPtr MakeOperation<recurrent::Sequence<recurrent::Gru, recurrent::Arm>>();
+extern template TALVO_API OperationPtr MakeOperation<recurrent::Sequence<recurrent::Gru, recurrent::Fused>>();
+extern template TALVO_API OperationPtr
+MakeOperation<recurrent::Sequence<recurrent::GruResetBefore, recurrent::Fallback>>();
+extern template TALVO_API OperationPtr MakeOperation<recurrent::Cell<recurrent::Rnn, recurrent::Fallback>>();
+extern template TALVO_API OperationPtr MakeOperation<recurrent::Cell<recurrent::Rnn, recurrent::Sgemm>>();
+extern template TALVO_API OperationPtr MakeOperation<recurrent::Cell<recurrent::Rnn, recurrent::Arm>>();
+extern template TALVO_API OperationPtr MakeOperation<recurrent::Cell<recurrent::Rnn, recurrent::Fused>>();
+extern template TALVO_API OperationPtr MakeOperation<recurrent::Cell<recurrent::Lstm, recurrent::Fallback>>();
+extern template TALVO_API OperationPtr MakeOperation<recurrent::Cell<recurrent::Lstm, recurrent::Sgemm>>();
+extern template TALVO_API OperationPtr MakeOperation<recurrent::Cell<recurrent::Lstm, recurrent::Arm>>();
+extern template TALVO_API OperationPtr MakeOperation<recurrent::Cell<recurrent::Lstm, recurrent::Fused>>();
+extern template TALVO_API OperationPtr MakeOperation<recurrent::Cell<recurrent::Gru, recurrent::Fallback>>();
+extern template TALVO_API OperationPtr MakeOperation<recurrent::Cell<recurrent::Gru, recurrent::Sgemm>>();
+extern template TALVO_API OperationPtr MakeOperation<recurrent::Cell<recurrent::Gru, recurrent::Arm>>();
+extern template TALVO_API OperationPtr MakeOperation<recurrent::Cell<recurrent::Gru, recurrent::Fused>>();
 
 using RNN_Fallback_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::Rnn, recurrent::Fallback>>;
 using RNN_SGEMM_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::Rnn, recurrent::Sgemm>>;

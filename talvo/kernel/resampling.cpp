@@ -122,14 +122,14 @@ struct UpsampleOf : support::Strict<runtime::Upsample2dInfo> {
   using Info = runtime::Upsample2dInfo;
   using Element = typename Planes::Element;
 
-  static int IsValidParam(LayerPtr const& layer, ParamPtr const& param) {
+  int IsValidParam(LayerPtr const& layer, ParamPtr const& param) const override {
     auto const* const info = dynamic_cast<Info const*>(layer.get());
     if (!Planes::TakesParam(param) || info == nullptr) return -1;
     std::string const name = UpsampleName(info->unsample_type);
     return name == kNearest || name == kBilinear ? 0 : -1;
   }
 
-  bool Config(LayerPtr const& layer, ParamPtr const& param, ContextPtr const&) {
+  bool Config(LayerPtr const& layer, ParamPtr const& param, ContextPtr const&) override {
     auto const& info = support::As<Info>(Operation::kName, layer);
     if (!(info.scale_factor_y >= 0 && info.scale_factor_x >= 0)) {
       Refuse("%s of layer %s: scale factors %g and %g, need to be 0 or above", Operation::kName, info.id.c_str(),
@@ -144,7 +144,7 @@ struct UpsampleOf : support::Strict<runtime::Upsample2dInfo> {
     return true;
   }
 
-  Shapes GetOutputShapes(Shapes const& shapes) const {
+  Shapes GetOutputShapes(Shapes const& shapes) const override {
     TensorShape const& input = support::ShapeAt(Who(), shapes, 0, 3);
     TensorShape output = Resized(input, {input.dims[0], functional::UpsampledExtent(input.dims[1], scale_factor_y),
                                          functional::UpsampledExtent(input.dims[2], scale_factor_x)});
@@ -152,9 +152,10 @@ struct UpsampleOf : support::Strict<runtime::Upsample2dInfo> {
     return {output};
   }
 
-  static int IsValidInput(Tensors const& inputs) { return support::JudgeOneImage(inputs, Planes::kDataType); }
+  int IsValidInput(Tensors const& inputs) const override { return support::JudgeOneImage(inputs, Planes::kDataType); }
 
-  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
+              ContextPtr const& context) const override {
     bool const nearest = sampling == kNearest;
     if (!nearest && sampling != kBilinear) Refuse(nullptr);
     TensorPtr const x = support::Input(Who(), inputs, 0, 3, nearest ? 1 : sizeof(Element));
@@ -171,7 +172,7 @@ struct UpsampleOf : support::Strict<runtime::Upsample2dInfo> {
     return 0;
   }
 
-  static int IsValidOutput(Tensors const& outputs) { return IsValidInput(outputs); }
+  int IsValidOutput(Tensors const& outputs) const override { return IsValidInput(outputs); }
 
   support::Who Who() const { return {Operation::kName, layer_id}; }
 
@@ -187,25 +188,26 @@ struct ShuffleOf : support::Strict<runtime::PixelShuffleInfo> {
   using Info = runtime::PixelShuffleInfo;
   using Element = typename Planes::Element;
 
-  static int IsValidParam(LayerPtr const& layer, ParamPtr const& param) {
+  int IsValidParam(LayerPtr const& layer, ParamPtr const& param) const override {
     auto const* const info = dynamic_cast<Info const*>(layer.get());
     return param != nullptr || info == nullptr || info->upscale_factor < 0 ? -1 : 0;
   }
 
-  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) {
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) override {
     layer_id = layer->id;
     upscale_factor = support::As<Info>(Operation::kName, layer).upscale_factor;
     return true;
   }
 
-  Shapes GetOutputShapes(Shapes const& shapes) const {
+  Shapes GetOutputShapes(Shapes const& shapes) const override {
     TensorShape const& input = support::ShapeAt(Who(), shapes, 0, 3);
     return {Resized(input, ShuffledDims(Who(), input.dims, ShuffleOfFactor(Who(), upscale_factor)))};
   }
 
-  static int IsValidInput(Tensors const& inputs) { return support::JudgeOneImage(inputs, Planes::kDataType); }
+  int IsValidInput(Tensors const& inputs) const override { return support::JudgeOneImage(inputs, Planes::kDataType); }
 
-  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
+              ContextPtr const& context) const override {
     TensorPtr const x = support::Input(Who(), inputs, 0, 3, sizeof(Element));
     TensorPtr const y = support::NewOutput(kernel, inputs, context);
     Shuffle const shuffle = ShuffleOfFactor(Who(), upscale_factor);
@@ -217,7 +219,7 @@ struct ShuffleOf : support::Strict<runtime::PixelShuffleInfo> {
     return 0;
   }
 
-  static int IsValidOutput(Tensors const& outputs) { return IsValidInput(outputs); }
+  int IsValidOutput(Tensors const& outputs) const override { return IsValidInput(outputs); }
 
   support::Who Who() const { return {Operation::kName, layer_id}; }
 
@@ -247,14 +249,14 @@ struct GridSampleOperation : support::Strict<runtime::GridSampleInfo> {
   static constexpr char const* kName = "GridSample_Fallback_CHW_Float_M1";
   using Info = runtime::GridSampleInfo;
 
-  static int IsValidParam(LayerPtr const& layer, ParamPtr const& param) {
+  int IsValidParam(LayerPtr const& layer, ParamPtr const& param) const override {
     if (Strict::IsValidParam(layer, param) == -1) return -1;
     auto const& info = support::As<Info>(kName, layer);
-    std::string const mode = GridMode(info.mode), padding = GridPadding(info.padding_mode);
-    return (mode == kNearest || mode == kBilinear) && (padding == kZeros || padding == kBorder) ? 0 : -1;
+    std::string const sampling = GridMode(info.mode), padding = GridPadding(info.padding_mode);
+    return (sampling == kNearest || sampling == kBilinear) && (padding == kZeros || padding == kBorder) ? 0 : -1;
   }
 
-  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) {
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) override {
     auto const& info = support::As<Info>(kName, layer);
     layer_id = info.id;
     mode = GridMode(info.mode);
@@ -263,7 +265,7 @@ struct GridSampleOperation : support::Strict<runtime::GridSampleInfo> {
     return true;
   }
 
-  Shapes GetOutputShapes(Shapes const& shapes) const {
+  Shapes GetOutputShapes(Shapes const& shapes) const override {
     TensorShape const& input = support::ShapeAt(Who(), shapes, 0, 3);
     Dims const& grid = support::ShapeAt(Who(), shapes, 1).dims;
     if (grid.size() < 2) {
@@ -272,7 +274,7 @@ struct GridSampleOperation : support::Strict<runtime::GridSampleInfo> {
     return {Resized(input, {input.dims[0], grid[0], grid[1]})};
   }
 
-  static int IsValidInput(Tensors const& inputs) {
+  int IsValidInput(Tensors const& inputs) const override {
     auto const is_float = [](runtime::Tensor const& tensor) {
       return support::IsInMainMemory(tensor, TensorShape::FLOAT32);
     };
@@ -281,7 +283,8 @@ struct GridSampleOperation : support::Strict<runtime::GridSampleInfo> {
     return grid.size() != 3 && (grid.size() < 3 || grid[2] != 2) ? -2 : 0;
   }
 
-  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
+              ContextPtr const& context) const override {
     bool const bilinear = mode == kBilinear, border = padding_mode == kBorder;
     if ((!bilinear && mode != kNearest) || (!border && padding_mode != kZeros)) Refuse(nullptr);
     TensorPtr const x = support::Input(Who(), inputs, 0, 3), grid = support::Input(Who(), inputs, 1);
@@ -296,7 +299,9 @@ struct GridSampleOperation : support::Strict<runtime::GridSampleInfo> {
     return 0;
   }
 
-  static int IsValidOutput(Tensors const& outputs) { return support::JudgeOneImage(outputs, TensorShape::FLOAT32); }
+  int IsValidOutput(Tensors const& outputs) const override {
+    return support::JudgeOneImage(outputs, TensorShape::FLOAT32);
+  }
 
   support::Who Who() const { return {kName, layer_id}; }
 
@@ -304,10 +309,10 @@ struct GridSampleOperation : support::Strict<runtime::GridSampleInfo> {
   bool align_corners = false;
 };
 
-template class KernelOf<UpsampleFloatOperation>;
-template class KernelOf<UpsampleInt16Operation>;
-template class KernelOf<ShuffleFloatOperation>;
-template class KernelOf<ShuffleInt16Operation>;
-template class KernelOf<GridSampleOperation>;
+template OperationPtr MakeOperation<UpsampleFloatOperation>();
+template OperationPtr MakeOperation<UpsampleInt16Operation>();
+template OperationPtr MakeOperation<ShuffleFloatOperation>();
+template OperationPtr MakeOperation<ShuffleInt16Operation>();
+template OperationPtr MakeOperation<GridSampleOperation>();
 
 }  // namespace talvo::kernel

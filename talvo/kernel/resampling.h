@@ -12,11 +12,11 @@ struct ShuffleFloatOperation;
 struct ShuffleInt16Operation;
 struct GridSampleOperation;
 
-extern template class TALVO_API KernelOf<UpsampleFloatOperation>;
-extern template class TALVO_API KernelOf<UpsampleInt16Operation>;
-extern template class TALVO_API KernelOf<ShuffleFloatOperation>;
-extern template class TALVO_API KernelOf<ShuffleInt16Operation>;
-extern template class TALVO_API KernelOf<GridSampleOperation>;
+extern template TALVO_API OperationPtr MakeOperation<UpsampleFloatOperation>();
+extern template TALVO_API OperationPtr MakeOperation<UpsampleInt16Operation>();
+extern template TALVO_API OperationPtr MakeOperation<ShuffleFloatOperation>();
+extern template TALVO_API OperationPtr MakeOperation<ShuffleInt16Operation>();
+extern template TALVO_API OperationPtr MakeOperation<GridSampleOperation>();
 
 /// For Upsample2dInfo, nearest or bilinear; output C, floor(H scale_factor_y + 0.5), floor(W scale_factor_x + 0.5). The
 /// 16-bit form takes an InferenceParamUpsampling2DQuant, whose step of 8 to 12 becomes the output's.

@@ -8,7 +8,7 @@
 #include "talvo/kernel/functional/structural.h"
 #include "talvo/kernel/functional/structural_support.h"
 #include "talvo/kernel/kernel_of_support.h"
-#include "talvo/kernel/rows/exponential.h"
+#include "talvo/kernel/native/softmax_support.h"
 #include "talvo/serialization/layer_info.h"
 #include "talvo/serialization/layer_info_activation.h"
 #include "talvo/serialization/layer_info_tensor.h"
@@ -42,51 +42,15 @@ bool HasChannelsOutermost(Tensor const& tensor) {
          (layout == TensorShape::CHW || layout == TensorShape::C4HW4 || layout == TensorShape::C8HW8);
 }
 
-// Softmax of n values that follow each other.
-void SoftmaxRow(float const* x, std::size_t n, float* y) {
-  // The largest value is not taken off first: the interface's sum, in double, of exp as it comes. Where exp overflows,
-  // infinity over infinity is NaN.
-  rows::ExpRow(x, n, y);
-  double sum = 0.0;
-  for (std::size_t k = 0; k < n; ++k) sum += static_cast<double>(y[k]);
-  for (std::size_t k = 0; k < n; ++k) y[k] = static_cast<float>(static_cast<double>(y[k]) / sum);
-}
-
-// Softmax down each of the columns of x [n, columns]; `sums` holds one value a column.
-void SoftmaxColumns(float const* x, std::size_t n, std::vector<double>& sums, float* y) {
-  std::size_t const columns = sums.size();
-  std::fill(sums.begin(), sums.end(), 0.0);
-  double* const sum = sums.data();
-  rows::ExpRow(x, n * columns, y);
-  for (std::size_t k = 0; k < n; ++k) {
-    for (std::size_t i = 0; i < columns; ++i) sum[i] += static_cast<double>(y[k * columns + i]);
-  }
-  for (std::size_t k = 0; k < n; ++k, y += columns) {
-    for (std::size_t i = 0; i < columns; ++i) y[i] = static_cast<float>(static_cast<double>(y[i]) / sum[i]);
-  }
-}
-
-// Softmax along the middle axis of x [outer, n, inner], which has `count` elements.
-void Softmax(float const* x, std::size_t count, std::size_t n, std::size_t inner, float* y) {
-  std::vector<double> sums(count == 0 || inner == 1 ? 0 : inner);
-  for (std::size_t begin = 0; begin < count; begin += n * inner) {
-    if (inner == 1) {
-      SoftmaxRow(x + begin, n, y + begin);
-    } else {
-      SoftmaxColumns(x + begin, n, sums, y + begin);
-    }
-  }
-}
-
 // The tensors pass as they are; `accept` is what IsValidInput demands of the one tensor.
 template <bool (*kAccept)(Tensor const&)>
 struct PassThrough : support::Inverted {
-  static int Forward(IKernel const&, Tensors const& inputs, Tensors& outputs, ContextPtr const&) {
+  int Forward(IKernel const&, Tensors const& inputs, Tensors& outputs, ContextPtr const&) const override {
     if (&outputs != &inputs) outputs = inputs;
     return 0;
   }
-  static int IsValidInput(Tensors const& inputs) { return support::Judge(inputs, 1, kAccept); }
-  static int IsValidOutput(Tensors const& outputs) { return IsValidInput(outputs); }
+  int IsValidInput(Tensors const& inputs) const override { return support::Judge(inputs, 1, kAccept); }
+  int IsValidOutput(Tensors const& outputs) const override { return IsValidInput(outputs); }
 };
 
 bool AcceptsAny(Tensor const&) { return true; }
@@ -94,7 +58,7 @@ bool AcceptsAny(Tensor const&) { return true; }
 // The kernels whose judgement has no say: it refuses what models hold, so that Config takes any layer of class Info.
 template <class Info>
 struct JudgedInVain : support::Strict<Info> {
-  static bool Passes(int) { return true; }
+  bool Passes(int) const override { return true; }
 };
 
 }  // namespace
@@ -111,22 +75,23 @@ struct PlaceholderOperation : support::Strict<runtime::LayerPlaceholderInfo> {
   static constexpr char const* kName = "LayerPlaceholder_Fallback_Float_M1";
   using Info = runtime::LayerPlaceholderInfo;
 
-  static int IsValidParam(LayerPtr const& layer, ParamPtr const& param) {
+  int IsValidParam(LayerPtr const& layer, ParamPtr const& param) const override {
     if (Strict::IsValidParam(layer, param) == -1) return -1;
     return support::As<Info>(kName, layer).output_shape.empty() ? -1 : 0;
   }
 
-  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) {
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) override {
     output_shape = support::As<Info>(kName, layer).output_shape;
     return true;
   }
 
-  Shapes GetOutputShapes(Shapes const&) const {
+  Shapes GetOutputShapes(Shapes const&) const override {
     return {TensorShape({output_shape.begin(), output_shape.end()}, TensorShape::FLOAT32, TensorShape::CHW,
                         TensorShape::MainMemory, TensorShape::Extra())};
   }
 
-  static int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) {
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
+              ContextPtr const& context) const override {
     support::NeedsConfig(kernel);
     auto const y = support::NewOutput(kernel, inputs, context);
     std::fill_n(y->Data<float>(), support::Count(*y), kPlaceholder);
@@ -134,8 +99,10 @@ struct PlaceholderOperation : support::Strict<runtime::LayerPlaceholderInfo> {
     return 0;
   }
 
-  static int IsValidInput(Tensors const& inputs) { return support::JudgeFirst(inputs, support::LiesInMainMemory); }
-  static int IsValidOutput(Tensors const& outputs) { return IsValidInput(outputs); }
+  int IsValidInput(Tensors const& inputs) const override {
+    return support::JudgeFirst(inputs, support::LiesInMainMemory);
+  }
+  int IsValidOutput(Tensors const& outputs) const override { return IsValidInput(outputs); }
 
   std::vector<unsigned short> output_shape;
 };
@@ -143,12 +110,12 @@ struct PlaceholderOperation : support::Strict<runtime::LayerPlaceholderInfo> {
 struct ConcatenateOperation : support::Strict<runtime::ConcatenateInfo> {
   static constexpr char const* kName = "Concatenate_MainMemory_Fallback";
 
-  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) {
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) override {
     axis = support::As<runtime::ConcatenateInfo>(kName, layer).dim;
     return true;
   }
 
-  Shapes GetOutputShapes(Shapes const& shapes) const {
+  Shapes GetOutputShapes(Shapes const& shapes) const override {
     TensorShape const &first = support::ShapeAt(kName, shapes, 0), &second = support::ShapeAt(kName, shapes, 1);
     TensorShape joined(first.dims, first.data_type, TensorShape::FLEXIABLE, first.location, TensorShape::Extra());
     for (std::size_t i = 0; i < first.dims.size(); ++i) {
@@ -161,7 +128,7 @@ struct ConcatenateOperation : support::Strict<runtime::ConcatenateInfo> {
     return {joined};
   }
 
-  int IsValidInput(Tensors const& inputs) const {
+  int IsValidInput(Tensors const& inputs) const override {
     if (inputs.size() < 2 || inputs[0] == nullptr) return -2;
     TensorShape const& first = inputs[0]->shape;
     return support::Judge(inputs, inputs.size(), [&](Tensor const& tensor) {
@@ -170,7 +137,8 @@ struct ConcatenateOperation : support::Strict<runtime::ConcatenateInfo> {
     });
   }
 
-  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
+              ContextPtr const& context) const override {
     support::NeedsConfig(kernel);
     if (IsValidInput(inputs) != 0) Refuse("Invalid forward input param");
     if (!outputs.empty()) {
@@ -181,7 +149,9 @@ struct ConcatenateOperation : support::Strict<runtime::ConcatenateInfo> {
     return 0;
   }
 
-  static int IsValidOutput(Tensors const& outputs) { return support::Judge(outputs, 1, support::LiesInMainMemory); }
+  int IsValidOutput(Tensors const& outputs) const override {
+    return support::Judge(outputs, 1, support::LiesInMainMemory);
+  }
 
   unsigned int axis = 0;
 };
@@ -189,12 +159,12 @@ struct ConcatenateOperation : support::Strict<runtime::ConcatenateInfo> {
 struct ConcatenateChannelsOperation : support::Strict<runtime::ConcatenateInfo> {
   static constexpr char const* kName = "Concatenate_C_Fallback_CnHWn_M1";
 
-  static int IsValidParam(LayerPtr const& layer, ParamPtr const& param) {
+  int IsValidParam(LayerPtr const& layer, ParamPtr const& param) const override {
     if (Strict::IsValidParam(layer, param) == -1) return -1;
     return support::As<runtime::ConcatenateInfo>(kName, layer).dim == 1 ? 0 : -1;
   }
 
-  static Shapes GetOutputShapes(Shapes const& shapes) {
+  Shapes GetOutputShapes(Shapes const& shapes) const override {
     TensorShape joined = support::ShapeAt(kName, shapes, 0);
     unsigned int channels = 0;
     for (TensorShape const& shape : shapes) {
@@ -205,7 +175,7 @@ struct ConcatenateChannelsOperation : support::Strict<runtime::ConcatenateInfo> 
     return {joined};
   }
 
-  static int IsValidInput(Tensors const& inputs) {
+  int IsValidInput(Tensors const& inputs) const override {
     if (support::JudgeFirst(inputs, HasChannelsOutermost) != 0) return -2;
     TensorShape const& first = inputs[0]->shape;
     return support::Judge(inputs, inputs.size(), [&](Tensor const& tensor) {
@@ -214,7 +184,8 @@ struct ConcatenateChannelsOperation : support::Strict<runtime::ConcatenateInfo> 
     });
   }
 
-  static int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) {
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
+              ContextPtr const& context) const override {
     std::uint64_t bytes = 0;
     for (std::size_t i = 0; i < inputs.size(); ++i) {
       bytes += runtime::ByteCount(support::Input(kName, inputs, i, support::kAnyRank, 1)->shape);
@@ -235,14 +206,14 @@ struct ConcatenateChannelsOperation : support::Strict<runtime::ConcatenateInfo> 
     return 0;
   }
 
-  static int IsValidOutput(Tensors const& outputs) { return support::Judge(outputs, 1, HasChannelsOutermost); }
+  int IsValidOutput(Tensors const& outputs) const override { return support::Judge(outputs, 1, HasChannelsOutermost); }
 };
 
 struct SliceOperation : JudgedInVain<runtime::TensorSliceInfo> {
   static constexpr char const* kName = "Slice_Fallback_CHW_Float_M1";
   using Info = runtime::TensorSliceInfo;
 
-  static int IsValidParam(LayerPtr const& layer, ParamPtr const& param) {
+  int IsValidParam(LayerPtr const& layer, ParamPtr const& param) const override {
     if (Strict::IsValidParam(layer, param) == -1) return -1;
     std::vector<short> const& values = support::As<Info>(kName, layer).slice_dims;
     if (values.empty() || values.size() % 3 != 0) return -1;
@@ -253,7 +224,7 @@ struct SliceOperation : JudgedInVain<runtime::TensorSliceInfo> {
     return 0;
   }
 
-  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) {
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) override {
     auto const* const info = dynamic_cast<Info const*>(layer.get());
     if (info == nullptr) return false;
     layer_id = info->id;
@@ -261,15 +232,18 @@ struct SliceOperation : JudgedInVain<runtime::TensorSliceInfo> {
     return true;
   }
 
-  Shapes GetOutputShapes(Shapes const& shapes) const {
+  Shapes GetOutputShapes(Shapes const& shapes) const override {
     TensorShape const& shape = support::ShapeAt(Who(), shapes, 0);
     return {TensorShape(functional::SliceExtents(Who(), slice_dims), shape.data_type, shape.layout, shape.location,
                         TensorShape::Extra())};
   }
 
-  static int IsValidInput(Tensors const& inputs) { return support::JudgeOneImage(inputs, TensorShape::FLOAT32); }
+  int IsValidInput(Tensors const& inputs) const override {
+    return support::JudgeOneImage(inputs, TensorShape::FLOAT32);
+  }
 
-  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
+              ContextPtr const& context) const override {
     auto const x = support::Input(Who(), inputs, 0, 3);
     auto const extents = functional::SliceExtents(Who(), slice_dims);
     // Before an output is made: the extents of a bad record may ask for gigabytes.
@@ -285,7 +259,7 @@ struct SliceOperation : JudgedInVain<runtime::TensorSliceInfo> {
     return 0;
   }
 
-  static int IsValidOutput(Tensors const& outputs) { return IsValidInput(outputs); }
+  int IsValidOutput(Tensors const& outputs) const override { return IsValidInput(outputs); }
 
   support::Who Who() const { return {kName, layer_id}; }
 
@@ -297,14 +271,14 @@ struct ExpandOperation : JudgedInVain<runtime::TensorExpandInfo> {
   static constexpr char const* kName = "Expand_Fallback_CHW_Float_M1";
   using Info = runtime::TensorExpandInfo;
 
-  static int IsValidParam(LayerPtr const& layer, ParamPtr const& param) {
+  int IsValidParam(LayerPtr const& layer, ParamPtr const& param) const override {
     if (Strict::IsValidParam(layer, param) == -1) return -1;
     std::vector<short> const& extents = support::As<Info>(kName, layer).new_shape;
     if (extents.empty() || extents[0] != 1) return -1;
     return std::count(extents.begin() + 1, extents.end(), -1) >= 3 ? -1 : 0;
   }
 
-  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) {
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) override {
     auto const* const info = dynamic_cast<Info const*>(layer.get());
     if (info == nullptr) return false;
     layer_id = info->id;
@@ -312,7 +286,7 @@ struct ExpandOperation : JudgedInVain<runtime::TensorExpandInfo> {
     return true;
   }
 
-  Shapes GetOutputShapes(Shapes const& shapes) const {
+  Shapes GetOutputShapes(Shapes const& shapes) const override {
     TensorShape expanded = support::ShapeAt(Who(), shapes, 0);
     if (new_shape.size() <= expanded.dims.size()) {
       Refuse("%s: new_shape holds %zu values, an input of dims %s needs %zu", Who().Text().c_str(), new_shape.size(),
@@ -326,13 +300,14 @@ struct ExpandOperation : JudgedInVain<runtime::TensorExpandInfo> {
     return {expanded};
   }
 
-  static int IsValidInput(Tensors const& inputs) {
+  int IsValidInput(Tensors const& inputs) const override {
     return support::Judge(inputs, 1, [](Tensor const& tensor) {
       return IsFloatOrInt16(tensor) && tensor.shape.layout == TensorShape::CHW;
     });
   }
 
-  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
+              ContextPtr const& context) const override {
     auto const x = support::Input(Who(), inputs, 0, 3, 1);
     auto const y = support::NewOutput(kernel, inputs, context);
     functional::Function_TensorExpand_Fallback_CHW_Float_M1(x, y);
@@ -340,7 +315,7 @@ struct ExpandOperation : JudgedInVain<runtime::TensorExpandInfo> {
     return 0;
   }
 
-  static int IsValidOutput(Tensors const& outputs) { return IsValidInput(outputs); }
+  int IsValidOutput(Tensors const& outputs) const override { return IsValidInput(outputs); }
 
   support::Who Who() const { return {kName, layer_id}; }
 
@@ -351,14 +326,14 @@ struct ExpandOperation : JudgedInVain<runtime::TensorExpandInfo> {
 struct UnSqueezeOperation : JudgedInVain<runtime::TensorUnSqueezeInfo> {
   static constexpr char const* kName = "UnSqueeze_Fallback_M1";
 
-  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) {
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) override {
     auto const* const info = dynamic_cast<runtime::TensorUnSqueezeInfo const*>(layer.get());
     if (info == nullptr) return false;
     dim = info->dim;
     return true;
   }
 
-  Shapes GetOutputShapes(Shapes const& shapes) const {
+  Shapes GetOutputShapes(Shapes const& shapes) const override {
     TensorShape shape = support::ShapeAt(kName, shapes, 0);
     auto const rank = static_cast<std::ptrdiff_t>(shape.dims.size());
     std::ptrdiff_t position = dim > 0 ? dim - 1 : dim;  // without the batch axis
@@ -368,9 +343,10 @@ struct UnSqueezeOperation : JudgedInVain<runtime::TensorUnSqueezeInfo> {
     return {shape};
   }
 
-  static int IsValidInput(Tensors const& inputs) { return support::Judge(inputs, 1, IsFloatOrInt16); }
+  int IsValidInput(Tensors const& inputs) const override { return support::Judge(inputs, 1, IsFloatOrInt16); }
 
-  static int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) {
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
+              ContextPtr const& context) const override {
     support::NeedsConfig(kernel);
     auto const x = support::Input(kName, inputs, 0, support::kAnyRank, 1);
     auto const y = support::NewOutput(kernel, inputs, context);
@@ -380,7 +356,7 @@ struct UnSqueezeOperation : JudgedInVain<runtime::TensorUnSqueezeInfo> {
     return 0;
   }
 
-  static int IsValidOutput(Tensors const& outputs) { return IsValidInput(outputs); }
+  int IsValidOutput(Tensors const& outputs) const override { return IsValidInput(outputs); }
 
   short dim = 0;
 };
@@ -388,18 +364,19 @@ struct UnSqueezeOperation : JudgedInVain<runtime::TensorUnSqueezeInfo> {
 struct SoftmaxOperation : support::Strict<runtime::SoftmaxInfo> {
   static constexpr char const* kName = "Softmax_Fallback_Float_M1";
 
-  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) {
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) override {
     layer_id = layer->id;
     dim = support::As<runtime::SoftmaxInfo>(kName, layer).dim;
     return true;
   }
 
-  static int IsValidInput(Tensors const& inputs) {
+  int IsValidInput(Tensors const& inputs) const override {
     return support::JudgeFirst(
         inputs, [](Tensor const& tensor) { return support::IsInMainMemory(tensor, TensorShape::FLOAT32); });
   }
 
-  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
+              ContextPtr const& context) const override {
     support::Who const who = {kName, layer_id};
     auto const x = support::Input(who, inputs, 0);
     std::vector<unsigned int> const& dims = x->shape.dims;
@@ -410,25 +387,25 @@ struct SoftmaxOperation : support::Strict<runtime::SoftmaxInfo> {
     auto const y = support::NewOutput(kernel, inputs, context);
     std::size_t inner = 1;
     for (std::size_t axis = dim; axis < dims.size(); ++axis) inner *= dims[axis];
-    Softmax(x->Data<float>(), support::Count(*x), dims[dim - 1u], inner, y->Data<float>());
+    native::Softmax(x->Data<float>(), support::Count(*x), dims[dim - 1u], inner, y->Data<float>());
     outputs.assign(1, y);
     return 0;
   }
 
-  static int IsValidOutput(Tensors const& outputs) { return IsValidInput(outputs); }
+  int IsValidOutput(Tensors const& outputs) const override { return IsValidInput(outputs); }
 
   std::string layer_id;
   unsigned short dim = 0;
 };
 
-template class KernelOf<InputOperation>;
-template class KernelOf<StraightThroughOperation>;
-template class KernelOf<PlaceholderOperation>;
-template class KernelOf<ConcatenateOperation>;
-template class KernelOf<ConcatenateChannelsOperation>;
-template class KernelOf<SliceOperation>;
-template class KernelOf<ExpandOperation>;
-template class KernelOf<UnSqueezeOperation>;
-template class KernelOf<SoftmaxOperation>;
+template OperationPtr MakeOperation<InputOperation>();
+template OperationPtr MakeOperation<StraightThroughOperation>();
+template OperationPtr MakeOperation<PlaceholderOperation>();
+template OperationPtr MakeOperation<ConcatenateOperation>();
+template OperationPtr MakeOperation<ConcatenateChannelsOperation>();
+template OperationPtr MakeOperation<SliceOperation>();
+template OperationPtr MakeOperation<ExpandOperation>();
+template OperationPtr MakeOperation<UnSqueezeOperation>();
+template OperationPtr MakeOperation<SoftmaxOperation>();
 
 }  // namespace talvo::kernel

@@ -20,15 +20,15 @@ struct ExpandOperation;
 struct UnSqueezeOperation;
 struct SoftmaxOperation;
 
-extern template class TALVO_API KernelOf<InputOperation>;
-extern template class TALVO_API KernelOf<StraightThroughOperation>;
-extern template class TALVO_API KernelOf<PlaceholderOperation>;
-extern template class TALVO_API KernelOf<ConcatenateOperation>;
-extern template class TALVO_API KernelOf<ConcatenateChannelsOperation>;
-extern template class TALVO_API KernelOf<SliceOperation>;
-extern template class TALVO_API KernelOf<ExpandOperation>;
-extern template class TALVO_API KernelOf<UnSqueezeOperation>;
-extern template class TALVO_API KernelOf<SoftmaxOperation>;
+extern template TALVO_API OperationPtr MakeOperation<InputOperation>();
+extern template TALVO_API OperationPtr MakeOperation<StraightThroughOperation>();
+extern template TALVO_API OperationPtr MakeOperation<PlaceholderOperation>();
+extern template TALVO_API OperationPtr MakeOperation<ConcatenateOperation>();
+extern template TALVO_API OperationPtr MakeOperation<ConcatenateChannelsOperation>();
+extern template TALVO_API OperationPtr MakeOperation<SliceOperation>();
+extern template TALVO_API OperationPtr MakeOperation<ExpandOperation>();
+extern template TALVO_API OperationPtr MakeOperation<UnSqueezeOperation>();
+extern template TALVO_API OperationPtr MakeOperation<SoftmaxOperation>();
 
 /// These hand their input tensors on as their outputs: where the application's tensors enter, of any location, and a
 /// layer without effect, in main memory alone. IsValidParam has the inverted form: 0 when neither layer nor parameter

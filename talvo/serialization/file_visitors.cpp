@@ -136,6 +136,15 @@ bool FILEReader::EnoughLeft(unsigned long long count, std::size_t element_bytes,
          count <= static_cast<unsigned long long>(status.st_size - position) / element_bytes;
 }
 
+// Passes over elements of a regular file, which EnoughLeft has let pass; false: they are to be read. Short ones are,
+// since EnoughLeft trusts their count.
+bool FILEReader::Skims(unsigned long long count, std::size_t element_bytes) {
+  if (!skims_weights_ || count <= kTrustedBytes / element_bytes) return false;
+  struct stat status;
+  if (fstat(fileno(stream_), &status) != 0 || !S_ISREG(status.st_mode)) return false;
+  return fseeko(stream_, static_cast<off_t>(count * element_bytes), SEEK_CUR) == 0;
+}
+
 template <class Container>
 void FILEReader::GetElements(Container* target, char const* type_name) {
   using Element = typename Container::value_type;
@@ -200,7 +209,15 @@ void FILEReader::Read(std::vector<std::vector<unsigned short>>* rows) {
 }
 
 void FILEReader::Read(Serializable* record) {
-  record->VisitAttr(std::make_shared<FILEReader>(stream_, _serialization_protocol_version));
+  auto const nested = std::make_shared<FILEReader>(stream_, _serialization_protocol_version);
+  nested->skims_weights_ = skims_weights_;
+  record->VisitAttr(nested);
+}
+
+std::shared_ptr<Visitor> support::SkimmingReader(std::FILE* stream) {
+  auto reader = std::make_shared<FILEReader>(stream, 0);
+  reader->skims_weights_ = true;
+  return reader;
 }
 
 #define TALVO_VISIT(type)                                                            \

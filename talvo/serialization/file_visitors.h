@@ -12,6 +12,10 @@
 
 namespace talvo::runtime {
 
+namespace support {
+std::shared_ptr<Visitor> SkimmingReader(std::FILE* stream);
+}  // namespace support
+
 /// Writes records. Assert: bytes that the stream does not take, a null record.
 class TALVO_API FILEWriter : public Visitor {
  public:
@@ -60,12 +64,14 @@ class TALVO_API FILEReader : public Visitor {
 
  private:
   friend TALVO_API void ReadWeightBlob(FILEReader& reader, std::string& text);
+  friend std::shared_ptr<Visitor> support::SkimmingReader(std::FILE* stream);
 
   void ReadVersion();
   void Get(void* data, std::size_t element_bytes, std::size_t count, char const* type_name);
   void Require(bool condition, char const* type_name) const;
   unsigned long long GetCount();
   bool EnoughLeft(unsigned long long count, std::size_t element_bytes, bool* known) const;
+  bool Skims(unsigned long long count, std::size_t element_bytes);
   template <class Container>
   void GetElements(Container* target, char const* type_name);
   template <class T>
@@ -80,6 +86,7 @@ class TALVO_API FILEReader : public Visitor {
 
   std::FILE* stream_;
   std::shared_ptr<std::FILE> owned_;  // empty where the stream is borrowed
+  bool skims_weights_ = false;        // leaves long weights out, once it is known that the stream holds them
 };
 
 }  // namespace talvo::runtime

@@ -10,13 +10,13 @@ namespace talvo::runtime {
 namespace {
 
 template <class Param>
-std::shared_ptr<InferenceParam> Make() {
-  return std::make_shared<Param>();
+InferenceParam* Make() {  // a plain pointer: a shared one costs each class the class of its block
+  return new Param;
 }
 
 struct Maker {
   std::string_view name;
-  std::shared_ptr<InferenceParam> (*make)();
+  InferenceParam* (*make)();
 };
 
 #define TALVO_MAKER(type) \
@@ -126,7 +126,7 @@ void InferenceParamMetalComputeCommon::VisitAttr(std::shared_ptr<Visitor> visito
 std::shared_ptr<InferenceParam> CreateInferenceParamPtr(char const* name) {
   if (name == nullptr) utility::Refuse("an inference parameter record needs the name of its class, got null");
   for (Maker const& maker : kMakers) {
-    if (maker.name == name) return maker.make();
+    if (maker.name == name) return std::shared_ptr<InferenceParam>(maker.make());
   }
   return nullptr;
 }

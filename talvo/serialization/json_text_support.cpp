@@ -2,6 +2,7 @@
 
 #include "talvo/serialization/json_text_support.h"
 
+#include <ostream>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -69,14 +70,41 @@ class PlainRunStream {
   char *begin_, *from_, *to_, *end_;
 };
 
-// What the writers of numbers, brackets and blanks write to.
+// The text that the writers make: all of it, or what is not in the file yet.
 struct TextStream {
   using Ch = char;
 
   void Put(char c) { text.push_back(c); }
   void Flush() {}
 
+  void Append(char const* from, char const* to) {
+    auto const count = static_cast<std::size_t>(to - from);
+    if (file == nullptr || count < kPieceBytes) {
+      text.append(from, to);
+    } else {  // not copied once more
+      Spill();
+      Write(from, count);
+    }
+  }
+
+  void SpillLong() {
+    if (file != nullptr && text.size() >= kPieceBytes) Spill();
+  }
+  void Spill() {
+    Write(text.data(), text.size());
+    text.clear();
+  }
+
+  static constexpr std::size_t kPieceBytes = 65536;
+  std::ostream* file = nullptr;
   std::string text;
+  std::size_t written = 0;
+
+ private:
+  void Write(char const* data, std::size_t count) {
+    file->write(data, static_cast<std::streamsize>(count));
+    written += count;
+  }
 };
 
 void AppendEscape(char c, std::string& text) {
@@ -89,41 +117,42 @@ void AppendEscape(char c, std::string& text) {
 
 // A key or a string. The writer puts what stands in front of it; its own way goes character by character.
 template <class Writer>
-bool RenderString(Value const& value, Writer& writer, std::string& text) {
+bool RenderString(Value const& value, Writer& writer, TextStream& stream) {
   bool const good = writer.RawValue("", 0, rapidjson::kStringType);
-  text.push_back('"');
+  stream.Put('"');
   char const* const end = value.GetString() + value.GetStringLength();
   for (char const* at = value.GetString(); at != end;) {
     char const* const plain_end = PlainEnd(at, end);
-    text.append(at, plain_end);
+    stream.Append(at, plain_end);
     at = plain_end;
-    if (at != end) AppendEscape(*at++, text);
+    if (at != end) AppendEscape(*at++, stream.text);
   }
-  text.push_back('"');
+  stream.Put('"');
   return good;
 }
 
 // Hands a value of any depth to a writer; its own Accept would spend stack on each level.
 template <class Writer>
-bool Render(Value const& root, Writer& writer, std::string& text) {
+bool Render(Value const& root, Writer& writer, TextStream& stream) {
   struct Level {
     Value const* value;
     SizeType next;
   };
   std::vector<Level> open;
   auto const begin = [&](Value const& value) {
-    if (value.IsString()) return RenderString(value, writer, text);
+    if (value.IsString()) return RenderString(value, writer, stream);
     if (!value.IsObject() && !value.IsArray()) return value.Accept(writer);
     open.push_back({&value, 0});
     return value.IsObject() ? writer.StartObject() : writer.StartArray();
   };
   bool good = begin(root);
   while (good && !open.empty()) {
+    stream.SpillLong();
     Value const& value = *open.back().value;
     SizeType const next = open.back().next++;
     if (value.IsObject() && next < value.MemberCount()) {
       auto const member = value.MemberBegin() + static_cast<std::ptrdiff_t>(next);
-      good = RenderString(member->name, writer, text) && begin(member->value);
+      good = RenderString(member->name, writer, stream) && begin(member->value);
     } else if (value.IsArray() && next < value.Size()) {
       good = begin(value[next]);
     } else {
@@ -135,11 +164,16 @@ bool Render(Value const& root, Writer& writer, std::string& text) {
 }
 
 template <template <class, class, class, class, unsigned> class Writer>
-std::string TextOf(Value const& value) {
-  TextStream stream;
+void WriteText(Value const& value, TextStream& stream) {
   Writer<TextStream, rapidjson::UTF8<>, rapidjson::UTF8<>, support::StackAllocator, rapidjson::kWriteDefaultFlags>
       writer(stream);
-  if (!Render(value, writer, stream.text)) utility::Refuse("JSON: infinity and NaN cannot be written");
+  if (!Render(value, writer, stream)) utility::Refuse("JSON: infinity and NaN cannot be written");
+}
+
+template <template <class, class, class, class, unsigned> class Writer>
+std::string TextOf(Value const& value) {
+  TextStream stream;
+  WriteText<Writer>(value, stream);
   return std::move(stream.text);
 }
 
@@ -156,5 +190,13 @@ support::JSONText::JSONText(std::string text)
 std::string support::CompactJSON(Value const& value) { return TextOf<rapidjson::Writer>(value); }
 
 std::string support::PrettyJSON(Value const& value) { return TextOf<rapidjson::PrettyWriter>(value); }
+
+std::size_t support::WritePrettyJSON(Value const& value, std::ostream& to) {
+  TextStream stream;
+  stream.file = &to;
+  WriteText<rapidjson::PrettyWriter>(value, stream);
+  stream.Spill();
+  return stream.written;
+}
 
 }  // namespace talvo::runtime

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdlib>
+#include <iosfwd>
 #include <new>
 #include <string>
 
@@ -43,12 +44,16 @@ class JSONText {
 };
 
 /// Fills the record from a text whose root is an object; `refusal` is the message for any other, or null. Assert:
-/// whatever JSONNodeGetter refuses, and lists that grow beyond measure because the text has them read many times.
-void ReadRecord(JSONText const& text, Serializable* record, char const* refusal);
+/// whatever JSONNodeGetter refuses, and lists that grow beyond measure because the text has them read many times. Texts
+/// of weights, alone and not in lists, are left out where they are skimmed.
+void ReadRecord(JSONText const& text, Serializable* record, char const* refusal, bool skims_weights = false);
 
 /// The value as text of one line, or with a line for each value and four blanks for each level. Nesting of any depth is
 /// served. Assert: a number that JSON cannot hold.
 std::string CompactJSON(rapidjson::Value const& value);
 std::string PrettyJSON(rapidjson::Value const& value);
+
+/// Writes PrettyJSON of the value piece by piece. Returns its length, whether or not the stream took it.
+std::size_t WritePrettyJSON(rapidjson::Value const& value, std::ostream& to);
 
 }  // namespace talvo::runtime::support

@@ -73,8 +73,9 @@ bool ToValue(unsigned short from, Value& to, JSONAllocator&) { return to.SetUint
 bool ToValue(long long from, Value& to, JSONAllocator&) { return to.SetInt64(from), true; }
 bool ToValue(unsigned long long from, Value& to, JSONAllocator&) { return to.SetUint64(from), true; }
 
+// Up to the first zero character, which rapidjson by itself looks for byte by byte.
 bool ToValue(std::string const& from, Value& to, JSONAllocator& allocator) {
-  to.SetString(from.c_str(), allocator);
+  to.SetString(from.c_str(), static_cast<SizeType>(std::strlen(from.c_str())), allocator);
   return true;
 }
 
@@ -330,8 +331,11 @@ void JSONNodeGetter::Take(Serializable* record, char const* key) {
   if (!value.IsObject() && !value.IsArray()) utility::Refuse("Created node is a unkown value.");
   auto const nested = std::make_shared<JSONNodeGetter>(value, _serialization_protocol_version, Joined(path_, key));
   nested->bytes_left_ = bytes_left_;
+  nested->skims_weights_ = skims_weights_;
   record->VisitAttr(nested);
 }
+
+void JSONNodeGetter::Skim(char const* key) { AssertAt(Find(key).IsString(), path_, key, Kind<std::string>::kNeeds); }
 
 // Reading a record again appends to its lists, and a record that stands as null is made all the same: without a limit
 // a small text could fill the memory.
@@ -349,12 +353,13 @@ void JSONNodeGetter::Charge(std::size_t bytes, char const* key) {
 TALVO_FOR_EACH_VISITED_TYPE(TALVO_VISIT)
 #undef TALVO_VISIT
 
-void support::ReadRecord(JSONText const& text, Serializable* record, char const* refusal) {
+void support::ReadRecord(JSONText const& text, Serializable* record, char const* refusal, bool skims_weights) {
   if (!text.Root().IsObject()) {
     if (refusal != nullptr) utility::Refuse("%s", refusal);
     utility::Refuse(nullptr);
   }
   auto const getter = std::make_shared<JSONNodeGetter>(text.Root(), 0);
+  getter->skims_weights_ = skims_weights;
   getter->bytes_left_ = std::make_shared<std::size_t>(kBytesAtLeast + kBytesForEach * text.Bytes());
   record->VisitAttr(getter);
 }

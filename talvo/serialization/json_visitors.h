@@ -17,7 +17,7 @@ namespace talvo::runtime {
 namespace support {
 class JSONText;
 void ChargeRecord(Visitor& visitor, std::size_t bytes, std::string const& id);
-void ReadRecord(JSONText const& text, Serializable* record, char const* refusal);
+void ReadRecord(JSONText const& text, Serializable* record, char const* refusal, bool skims_weights);
 }  // namespace support
 
 using JSONAllocator = rapidjson::MemoryPoolAllocator<rapidjson::CrtAllocator>;
@@ -65,7 +65,9 @@ class TALVO_API JSONNodeGetter : public Visitor {
 
  private:
   friend void support::ChargeRecord(Visitor& visitor, std::size_t bytes, std::string const& id);
-  friend void support::ReadRecord(support::JSONText const& text, Serializable* record, char const* refusal);
+  friend void support::ReadRecord(support::JSONText const& text, Serializable* record, char const* refusal,
+                                  bool skims_weights);
+  friend TALVO_API void VisitWeights(Visitor& visitor, std::string* text, char const* key);
   struct Index;
 
   static std::unique_ptr<Index> IndexOf(rapidjson::Value const& object);
@@ -77,11 +79,13 @@ class TALVO_API JSONNodeGetter : public Visitor {
   void Take(char* text, char const* key);
   void Take(Serializable* record, char const* key);
   void Charge(std::size_t bytes, char const* key);
+  void Skim(char const* key);
 
   rapidjson::Value const& node_;
   std::string path_;                         // keys from the root to `node_`
   std::unique_ptr<Index> index_;             // of an object with many members, made at the first search
   std::shared_ptr<std::size_t> bytes_left_;  // what repeated and null records may still take, in all; null: no limit
+  bool skims_weights_ = false;               // looks at the kind of weights and leaves them out
 };
 
 /// Logs the value as compact JSON at the verbose level, and does nothing where the mask keeps that level back.

@@ -17,8 +17,8 @@ namespace talvo::runtime {
 namespace {
 
 template <class Info>
-std::shared_ptr<LayerInfo> Make() {
-  return std::make_shared<Info>();
+LayerInfo* Make() {  // a plain pointer: a shared one costs each class the class of its block
+  return new Info;
 }
 
 // Two factories whose lists differ: one goes by the numbers in a model, one by the class name of a record that stands
@@ -29,7 +29,7 @@ struct Maker {
   unsigned short type;
   Use use;
   std::string_view name;
-  std::shared_ptr<LayerInfo> (*make)();
+  LayerInfo* (*make)();
 };
 
 #define TALVO_MAKER(type, use, name) \
@@ -78,7 +78,7 @@ constexpr Maker kMakers[] = {
 
 std::shared_ptr<LayerInfo> support::MakeLayerInfo(unsigned short type) {
   for (Maker const& maker : kMakers) {
-    if (maker.type == type && (maker.use & kInModel) != 0) return maker.make();
+    if (maker.type == type && (maker.use & kInModel) != 0) return std::shared_ptr<LayerInfo>(maker.make());
   }
   if (type == 65535) utility::Refuse("Unknow Layer Type.");
   utility::Refuse("Unsupported Layer Type [%u].", static_cast<unsigned int>(type));
@@ -86,7 +86,7 @@ std::shared_ptr<LayerInfo> support::MakeLayerInfo(unsigned short type) {
 
 std::shared_ptr<LayerInfo> support::MakeLayerInfo(std::string const& class_name) {
   for (Maker const& maker : kMakers) {
-    if (maker.name == class_name && (maker.use & kAlone) != 0) return maker.make();
+    if (maker.name == class_name && (maker.use & kAlone) != 0) return std::shared_ptr<LayerInfo>(maker.make());
   }
   utility::Refuse("Unsupported Layer Type.");
 }

@@ -5,6 +5,9 @@
 #include <algorithm>
 #include <set>
 #include <string_view>
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
 
 #include "talvo/serialization/json_text_support.h"
 #include "talvo/serialization/layer_info_maker_support.h"
@@ -54,6 +57,13 @@ std::vector<std::string> UnreadIDs(std::vector<std::string> const& order, Layers
 }
 
 }  // namespace
+
+// A heap keeps what is freed to it, and texts of weights as long as the tensors made from them would stay for nothing.
+TLModelInfo::FreedMemory::~FreedMemory() {
+#if defined(__GLIBC__)
+  malloc_trim(0);
+#endif
+}
 
 void TimeInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
   Serializable::VisitAttr(visitor);

@@ -19,7 +19,15 @@
 #define TALVO_VISIT_FIELD_OF(record, field) visitor->Visit(&(record).field, #field)
 #define TALVO_VISIT_WEIGHTS_OF(record, field) VisitWeights(*visitor, &(record).field, #field)
 
-namespace talvo::runtime::support {
+namespace talvo::runtime {
+
+class Serializable;
+
+namespace support {
+
+/// What FromFile does with a path and a type word, with its results and refusals, for a caller that needs no weights:
+/// long ones stay empty once it is known that the file holds them.
+bool SkimFile(Serializable* record, char const* path, char const* type);
 
 /// The class name behind the last colon of a name with namespaces.
 std::string BareName(std::string const& name);
@@ -58,4 +66,5 @@ void VisitTable(std::shared_ptr<Visitor> const& visitor, std::vector<std::string
   }
 }
 
-}  // namespace talvo::runtime::support
+}  // namespace support
+}  // namespace talvo::runtime

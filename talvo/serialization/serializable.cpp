@@ -23,31 +23,40 @@ namespace {
 using utility::Refuse;
 using utility::Stream;
 
-std::string PrettyText(Serializable* record) {
+// The values stand before the file is touched.
+void WriteJSON(Serializable* record, char const* path) {
   JSONAllocator allocator(65536);
   rapidjson::Value root(rapidjson::kObjectType);
   record->VisitAttr(std::make_shared<JSONNodeSetter>(root, allocator, true));
-  return support::PrettyJSON(root);
-}
-
-void WriteJSON(Serializable* record, char const* path) {
-  std::string const text = PrettyText(record);
   std::ofstream stream(path, std::ios::binary);
   // The interface's own: a path that cannot be opened is passed over in silence. The text stands already, so that a
   // number that JSON cannot hold leaves an old file as it was.
   if (!stream.is_open()) return;
-  stream.write(text.data(), static_cast<std::streamsize>(text.size()));
-  if (!stream.flush().good()) Refuse("failed to write the file %s: %zu bytes", path, text.size());
+  std::size_t const bytes = support::WritePrettyJSON(root, stream);
+  if (!stream.flush().good()) Refuse("failed to write the file %s: %zu bytes", path, bytes);
 }
 
-bool ReadBinary(Serializable* record, char const* path) {
+bool ReadBinary(Serializable* record, char const* path, bool skims_weights) {
   Stream const stream(std::fopen(path, "rb"));
   if (stream == nullptr) {
     utility::Log(16, "Failed to open model file, file path: %s.", path);
     return false;
   }
-  record->VisitAttr(std::make_shared<FILEReader>(stream.get(), 0));
+  if (skims_weights)
+    record->VisitAttr(support::SkimmingReader(stream.get()));
+  else
+    record->VisitAttr(std::make_shared<FILEReader>(stream.get(), 0));
   return true;
+}
+
+bool Read(Serializable* record, char const* path, std::string_view type, bool skims_weights) {
+  if (type == "json") {
+    support::ReadRecord(support::JSONText(utility::ReadJsonFileText(path)), record, nullptr, skims_weights);
+    return true;
+  }
+  if (type == "bin") return ReadBinary(record, path, skims_weights);
+  utility::Log(16, "Unknow file type, file path: %s.", path);
+  return false;
 }
 
 void WriteBinary(Serializable* record, char const* path) {
@@ -90,13 +99,11 @@ bool Serializable::FromFile(char const* path) {
 bool Serializable::FromFile(char const* path, char const* type) {
   AssertText(path, "the path");
   AssertText(type, "the type word");
-  if (std::string_view(type) == "json") {
-    support::ReadRecord(support::JSONText(utility::ReadJsonFileText(path)), this, nullptr);
-    return true;
-  }
-  if (std::string_view(type) == "bin") return ReadBinary(this, path);
-  utility::Log(16, "Unknow file type, file path: %s.", path);
-  return false;
+  return Read(this, path, type, false);
+}
+
+bool support::SkimFile(Serializable* record, char const* path, char const* type) {
+  return Read(record, path, type, true);
 }
 
 bool Serializable::FromJsonString(char const* json) {

@@ -1,11 +1,14 @@
 #include "talvo/serialization/weight_blob.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <typeinfo>
 
+#include "talvo/kernel/rows/conversion_rows.h"
 #include "talvo/serialization/json_visitors.h"
 #include "talvo/utility/base64.h"
+#include "talvo/utility/base64_support.h"
 #include "talvo/utility/half.h"
 #include "talvo/utility/refuse_support.h"
 
@@ -14,25 +17,31 @@ namespace {
 
 using half_float::half;
 
-constexpr std::size_t kPiece = 12288;  // values; a multiple of 3, so that the texts of pieces join without padding
+// Values that stay in the cache from the stream to the text; a multiple of 3, so that the texts of pieces join without
+// padding.
+constexpr std::size_t kPiece = 12288;
 
 }  // namespace
 
 void ReadWeightBlob(FILEReader& reader, std::string& text) {
   unsigned long long const count = reader.GetCount();
+  char const* const type_name = typeid(half).name();
   bool known;
-  reader.Require(reader.EnoughLeft(count, sizeof(half), &known), typeid(half).name());
+  reader.Require(reader.EnoughLeft(count, sizeof(half), &known), type_name);
   // The record keeps weights as base64 of floats, the stream as halves: they are turned piece by piece, so that no
   // third copy of all of them stands in memory.
   std::string result;
-  if (known) result.reserve((static_cast<std::size_t>(count) * sizeof(float) + 2) / 3 * 4);
-  std::vector<half> halves(std::min<unsigned long long>(count, kPiece));
+  if (reader.Skims(count, sizeof(half))) return text.swap(result);
+  if (known) result.reserve(support::EncodedSize(static_cast<std::size_t>(count) * sizeof(float)));
+  std::vector<std::uint16_t> halves(std::min<unsigned long long>(count, kPiece));
   std::vector<float> floats(halves.size());
   for (unsigned long long left = count; left > 0;) {
     std::size_t const piece = static_cast<std::size_t>(std::min<unsigned long long>(left, kPiece));
-    reader.Get(halves.data(), sizeof(half), piece, typeid(half).name());
-    for (std::size_t i = 0; i < piece; ++i) floats[i] = halves[i];
-    result += Base64Encode(reinterpret_cast<unsigned char const*>(floats.data()), piece * sizeof(float));
+    std::size_t const bytes = piece * sizeof(float), done = result.size();
+    reader.Get(halves.data(), sizeof(half), piece, type_name);
+    kernel::rows::HalfToFloatRow(halves.data(), piece, floats.data());
+    result.resize(done + support::EncodedSize(bytes));
+    support::EncodeBase64(floats.data(), bytes, result.data() + done);
     left -= piece;
   }
   text = std::move(result);
@@ -56,8 +65,9 @@ void WriteWeightBlob(FILEWriter& writer, std::string const& text) {
 }
 
 void VisitWeights(Visitor& visitor, std::string* text, char const* key) {
-  if (dynamic_cast<JSONNodeSetter*>(&visitor) != nullptr || dynamic_cast<JSONNodeGetter*>(&visitor) != nullptr)
-    return visitor.Visit(text, key);
+  if (auto* const getter = dynamic_cast<JSONNodeGetter*>(&visitor))
+    return getter->skims_weights_ ? getter->Skim(key) : getter->Visit(text, key);
+  if (dynamic_cast<JSONNodeSetter*>(&visitor) != nullptr) return visitor.Visit(text, key);
   if (auto* const reader = dynamic_cast<FILEReader*>(&visitor)) return ReadWeightBlob(*reader, *text);
   if (auto* const writer = dynamic_cast<FILEWriter*>(&visitor)) return WriteWeightBlob(*writer, *text);
   utility::Refuse("Not Implemented.");

@@ -22,7 +22,7 @@ using utility::Refuse;
 struct PermuteOperation : support::Strict<runtime::TensorTransposeInfo> {
   static constexpr char const* kName = "Transform_MainMemory_Permute_Fallback";
 
-  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) {
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) override {
     auto const& entries = support::As<runtime::TensorTransposeInfo>(kName, layer).axes;
     layer_id = layer->id;
     axes.clear();
@@ -37,7 +37,7 @@ struct PermuteOperation : support::Strict<runtime::TensorTransposeInfo> {
     return true;
   }
 
-  Shapes GetOutputShapes(Shapes const& shapes) const {
+  Shapes GetOutputShapes(Shapes const& shapes) const override {
     TensorShape const& input = support::ShapeAt(Who(), shapes, 0);
     std::vector<unsigned int> dims;
     for (unsigned int const axis : axes) {
@@ -50,7 +50,9 @@ struct PermuteOperation : support::Strict<runtime::TensorTransposeInfo> {
         TensorShape(std::move(dims), input.data_type, TensorShape::FLEXIABLE, input.location, TensorShape::Extra())};
   }
 
-  static int IsValidInput(Tensors const& inputs) { return support::Judge(inputs, 1, support::LiesInMainMemory); }
+  int IsValidInput(Tensors const& inputs) const override {
+    return support::Judge(inputs, 1, support::LiesInMainMemory);
+  }
 
   // The tests of the form on bare memory in their order, and then those that name the layer, before memory is taken.
   void Check(runtime::TensorCPU const& input, bool has_destination) const {
@@ -68,7 +70,8 @@ struct PermuteOperation : support::Strict<runtime::TensorTransposeInfo> {
     support::CheckTensor(Who(), "input 0", &input, {1});
   }
 
-  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
+              ContextPtr const& context) const override {
     support::NeedsConfig(kernel);
     auto const input = inputs.empty() ? nullptr : std::dynamic_pointer_cast<runtime::TensorCPU>(inputs[0]);
     if (input == nullptr) support::RefuseTensor(Who(), "input 0", nullptr, {});
@@ -85,7 +88,7 @@ struct PermuteOperation : support::Strict<runtime::TensorTransposeInfo> {
     return 0;
   }
 
-  static int IsValidOutput(Tensors const& outputs) { return IsValidInput(outputs); }
+  int IsValidOutput(Tensors const& outputs) const override { return IsValidInput(outputs); }
 
   support::Who Who() const { return {kName, layer_id}; }
 
@@ -93,7 +96,7 @@ struct PermuteOperation : support::Strict<runtime::TensorTransposeInfo> {
   std::vector<unsigned int> axes;
 };
 
-template class KernelOf<PermuteOperation>;
+template OperationPtr MakeOperation<PermuteOperation>();
 
 namespace functional {
 

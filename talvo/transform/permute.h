@@ -11,7 +11,7 @@
 namespace talvo::kernel {
 
 struct PermuteOperation;
-extern template class TALVO_API KernelOf<PermuteOperation>;
+extern template TALVO_API OperationPtr MakeOperation<PermuteOperation>();
 
 /// For TensorTransposeInfo, whose axes count a batch axis in front: the first entry is dropped, the others shift down
 /// by one. The output is FLEXIABLE; an output that the caller gives receives the elements as it stands. Assert: an

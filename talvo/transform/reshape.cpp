@@ -117,9 +117,9 @@ void Unblock(runtime::TensorCPU const& input, unsigned int lanes, void* output) 
 // A general reshape. Operation adds its name, its layout, how the batch axis goes and which outputs fit.
 template <class Operation>
 struct GeneralReshape : support::Strict<TensorReshapeInfo> {
-  static bool Passes(int) { return true; }  // Config goes on whatever the judgement, which is its result
+  bool Passes(int) const override { return true; }  // Config goes on whatever the judgement, which is its result
 
-  bool Config(LayerPtr const& layer, ParamPtr const& param, ContextPtr const&) {
+  bool Config(LayerPtr const& layer, ParamPtr const& param, ContextPtr const&) override {
     bool good = IsValidParam(layer, param) != -1, has_unknown = false;
     new_shape.clear();
     known_product = 1;
@@ -139,7 +139,7 @@ struct GeneralReshape : support::Strict<TensorReshapeInfo> {
     return good;
   }
 
-  Shapes GetOutputShapes(Shapes const& shapes) const {
+  Shapes GetOutputShapes(Shapes const& shapes) const override {
     TensorShape const& input = support::ShapeAt(Who(), shapes, 0);
     unsigned int const total = runtime::ElementCount(input.dims);
     Dims dims;
@@ -154,7 +154,7 @@ struct GeneralReshape : support::Strict<TensorReshapeInfo> {
     return {TensorShape(std::move(dims), input.data_type, Operation::kLayout, input.location, TensorShape::Extra())};
   }
 
-  int IsValidInput(Tensors const& inputs) const {
+  int IsValidInput(Tensors const& inputs) const override {
     return support::Judge(inputs, 1, [this](runtime::Tensor const& tensor) {
       unsigned int const total = runtime::ElementCount(tensor.shape.dims);
       return support::LiesInMainMemory(tensor) && known_product != 0 && total >= known_product &&
@@ -162,7 +162,8 @@ struct GeneralReshape : support::Strict<TensorReshapeInfo> {
     });
   }
 
-  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
+              ContextPtr const& context) const override {
     support::NeedsConfig(kernel);
     TensorPtr const input = support::Input(Who(), inputs, 0, support::kAnyRank, 1);
     // A shorter output is served from the front; a longer one would read behind the input.
@@ -179,7 +180,7 @@ struct GeneralReshape : support::Strict<TensorReshapeInfo> {
     return 0;
   }
 
-  int IsValidOutput(Tensors const& outputs) const {
+  int IsValidOutput(Tensors const& outputs) const override {
     return support::Judge(outputs, 1, [this](runtime::Tensor const& tensor) {
       return support::LiesInMainMemory(tensor) && Operation::Fits(tensor.shape.dims, new_shape);
     });
@@ -199,19 +200,19 @@ struct UnblockingReshape : support::Strict<TensorReshapeInfo> {
   static bool TakesBatch(short entry) { return entry == 1; }
   static bool TakesType(unsigned int data_type) { return IsFloatHalfOrInt16(data_type); }
 
-  static int IsValidParam(LayerPtr const& layer, ParamPtr const& param) {
+  int IsValidParam(LayerPtr const& layer, ParamPtr const& param) const override {
     if (Strict::IsValidParam(layer, param) == -1) return -1;
     auto const& entries = support::As<TensorReshapeInfo>(Operation::kName, layer).new_shape;
     return entries.size() == kEntries && Operation::TakesBatch(entries[0]) && AreExtents(entries) ? 0 : -1;
   }
 
-  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) {
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) override {
     layer_id = layer->id;
     new_shape = support::As<TensorReshapeInfo>(Operation::kName, layer).new_shape;
     return true;
   }
 
-  Shapes GetOutputShapes(Shapes const& shapes) const {
+  Shapes GetOutputShapes(Shapes const& shapes) const override {
     TensorShape const& input = support::ShapeAt(Who(), shapes, 0);
     auto const rest = static_cast<unsigned int>(runtime::ElementCount(input.dims) / KnownProduct(new_shape));
     Dims dims;
@@ -221,7 +222,7 @@ struct UnblockingReshape : support::Strict<TensorReshapeInfo> {
     return {TensorShape(std::move(dims), input.data_type, kLayout, input.location, input.extra)};
   }
 
-  int IsValidInput(Tensors const& inputs) const {
+  int IsValidInput(Tensors const& inputs) const override {
     return support::Judge(inputs, 1, [this](runtime::Tensor const& tensor) {
       TensorShape const& shape = tensor.shape;
       bool const taken = Operation::TakesType(shape.data_type) && Operation::TakesLayout(shape);
@@ -231,7 +232,8 @@ struct UnblockingReshape : support::Strict<TensorReshapeInfo> {
     });
   }
 
-  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context) const {
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
+              ContextPtr const& context) const override {
     support::NeedsConfig(kernel);
     TensorPtr const input = support::Input(Who(), inputs, 0, support::kAnyRank, 1);
     unsigned int const lanes = Operation::Lanes(input->shape), bytes = runtime::ByteCount(input->shape);
@@ -248,7 +250,7 @@ struct UnblockingReshape : support::Strict<TensorReshapeInfo> {
     return 0;
   }
 
-  static int IsValidOutput(Tensors const& outputs) {
+  int IsValidOutput(Tensors const& outputs) const override {
     return support::Judge(outputs, 1, [](runtime::Tensor const& tensor) {
       TensorShape const& shape = tensor.shape;
       return support::LiesInMainMemory(tensor) && Operation::TakesType(shape.data_type) && shape.layout == kLayout;
@@ -337,13 +339,13 @@ struct ReshapeCLToCHWOperation : UnblockingReshape<ReshapeCLToCHWOperation, 4, T
   static unsigned int Lanes(TensorShape const&) { return 1; }
 };
 
-template class KernelOf<ReshapeToCOperation>;
-template class KernelOf<ReshapeToCHWOperation>;
-template class KernelOf<ReshapeToSCOperation>;
-template class KernelOf<ReshapeToFlexibleOperation>;
-template class KernelOf<UnblockToCOperation>;
-template class KernelOf<UnblockToCLOperation>;
-template class KernelOf<ReshapeCLToCHWOperation>;
+template OperationPtr MakeOperation<ReshapeToCOperation>();
+template OperationPtr MakeOperation<ReshapeToCHWOperation>();
+template OperationPtr MakeOperation<ReshapeToSCOperation>();
+template OperationPtr MakeOperation<ReshapeToFlexibleOperation>();
+template OperationPtr MakeOperation<UnblockToCOperation>();
+template OperationPtr MakeOperation<UnblockToCLOperation>();
+template OperationPtr MakeOperation<ReshapeCLToCHWOperation>();
 
 namespace functional {
 

@@ -20,13 +20,13 @@ struct UnblockToCOperation;
 struct UnblockToCLOperation;
 struct ReshapeCLToCHWOperation;
 
-extern template class TALVO_API KernelOf<ReshapeToCOperation>;
-extern template class TALVO_API KernelOf<ReshapeToCHWOperation>;
-extern template class TALVO_API KernelOf<ReshapeToSCOperation>;
-extern template class TALVO_API KernelOf<ReshapeToFlexibleOperation>;
-extern template class TALVO_API KernelOf<UnblockToCOperation>;
-extern template class TALVO_API KernelOf<UnblockToCLOperation>;
-extern template class TALVO_API KernelOf<ReshapeCLToCHWOperation>;
+extern template TALVO_API OperationPtr MakeOperation<ReshapeToCOperation>();
+extern template TALVO_API OperationPtr MakeOperation<ReshapeToCHWOperation>();
+extern template TALVO_API OperationPtr MakeOperation<ReshapeToSCOperation>();
+extern template TALVO_API OperationPtr MakeOperation<ReshapeToFlexibleOperation>();
+extern template TALVO_API OperationPtr MakeOperation<UnblockToCOperation>();
+extern template TALVO_API OperationPtr MakeOperation<UnblockToCLOperation>();
+extern template TALVO_API OperationPtr MakeOperation<ReshapeCLToCHWOperation>();
 
 /// These copy the elements in their order. An entry of new_shape below 1 stands for total / (product of the entries
 /// other than -1). Forward copies the leading elements that a new output holds, and all of the input into an output

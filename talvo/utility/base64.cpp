@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "talvo/kernel/rows/base64_rows.h"
 #include "talvo/utility/base64_support.h"
 #include "talvo/utility/refuse_support.h"
 
@@ -24,6 +25,11 @@ constexpr std::array<char, 2 * kPairs> MakePairs() {
   return pairs;
 }
 constexpr auto kPairOf = MakePairs();
+
+void StorePairs(std::uint32_t group, char* text) {
+  std::memcpy(text, &kPairOf[2 * (group >> 12)], 2);
+  std::memcpy(text + 2, &kPairOf[2 * (group & 4095u)], 2);
+}
 
 // The value of each character, shifted to its place in the group's 24 bits; kNoValue outside the alphabet.
 constexpr std::uint32_t kNoValue = 0x80000000u;
@@ -51,27 +57,33 @@ void StoreGroup(std::uint32_t group, std::size_t count, char* bytes) {
 
 std::string Base64Encode(unsigned char const* data, unsigned long size) {
   if (data == nullptr && size != 0) utility::Refuse("Base64Encode: no data for %lu bytes", size);
-  std::string result((size + 2) / 3 * 4, '=');
-  char* text = result.data();
-  unsigned long const whole = size / 3 * 3;
-  for (unsigned long i = 0; i < whole; i += 3, text += 4) {
-    std::uint32_t const group = (std::uint32_t{data[i]} << 16) | (std::uint32_t{data[i + 1]} << 8) | data[i + 2];
-    std::memcpy(text, &kPairOf[2 * (group >> 12)], 2);
-    std::memcpy(text + 2, &kPairOf[2 * (group & 4095u)], 2);
-  }
-  if (unsigned long const tail = size - whole; tail != 0) {
-    std::uint32_t const group =
-        (std::uint32_t{data[whole]} << 16) | (tail > 1 ? std::uint32_t{data[whole + 1]} << 8 : 0u);
-    std::memcpy(text, &kPairOf[2 * (group >> 12)], 2);
-    if (tail > 1) text[2] = kAlphabet[(group >> 6) & 63u];
-  }
+  std::string result(support::EncodedSize(size), '\0');
+  support::EncodeBase64(data, size, result.data());
   return result;
 }
 
+void support::EncodeBase64(void const* data, std::size_t size, char* text) {
+  auto const* bytes = static_cast<unsigned char const*>(data);
+  std::size_t done;
+  kernel::rows::EncodeBase64Row(bytes, size, text, &done);
+  bytes += done;
+  text += EncodedSize(done);
+  size -= done;
+  for (; size >= 3; bytes += 3, text += 4, size -= 3)
+    StorePairs((std::uint32_t{bytes[0]} << 16) | (std::uint32_t{bytes[1]} << 8) | bytes[2], text);
+  if (size == 0) return;
+  StorePairs((std::uint32_t{bytes[0]} << 16) | (size > 1 ? std::uint32_t{bytes[1]} << 8 : 0u), text);
+  if (size == 1) text[2] = '=';
+  text[3] = '=';
+}
+
 std::size_t support::DecodeBase64(std::string_view text, void* bytes, std::size_t room_bytes) {
-  auto const* at = reinterpret_cast<unsigned char const*>(text.data());
-  auto const* const end = at + text.size();
-  auto* to = static_cast<char*>(bytes);
+  std::size_t done;
+  kernel::rows::DecodeBase64Row(text.data(), text.size(), static_cast<unsigned char*>(bytes), room_bytes, &done);
+  auto const* at = reinterpret_cast<unsigned char const*>(text.data()) + done;
+  auto const* const end = at + (text.size() - done);
+  auto* to = static_cast<char*>(bytes) + done / 4 * 3;
+  room_bytes -= done / 4 * 3;
   for (; end - at >= 4 && room_bytes >= 3; at += 4, to += 3, room_bytes -= 3) {
     std::uint32_t const group = Group(at, 4);
     // One test for four characters; which of them it was is found once, below.

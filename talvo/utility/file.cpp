@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <exception>
 #include <utility>
 
@@ -9,6 +10,8 @@
 
 namespace talvo::utility {
 namespace {
+
+constexpr std::size_t kPieceBytes = std::size_t{1} << 18;  // that stay in the cache from the clearing to the reading
 
 // A directory can be opened, and its end lies where no memory reaches.
 bool IsDirectory(std::FILE* stream) {
@@ -25,8 +28,15 @@ FileReading ReadWholeFile(char const* path, std::string& content) {
   long const size = std::ftell(stream.get());
   if (size < 0) return FileReading::kNotWhole;
   std::rewind(stream.get());
-  std::string bytes(static_cast<std::size_t>(size), '\0');
-  if (std::fread(bytes.data(), 1, bytes.size(), stream.get()) != bytes.size()) return FileReading::kNotWhole;
+  std::string bytes;
+  bytes.reserve(static_cast<std::size_t>(size));
+  for (std::size_t left = static_cast<std::size_t>(size), done = 0; left > 0;) {
+    std::size_t const piece = std::min(left, kPieceBytes);
+    bytes.resize(done + piece);
+    if (std::fread(bytes.data() + done, 1, piece, stream.get()) != piece) return FileReading::kNotWhole;
+    done += piece;
+    left -= piece;
+  }
   content = std::move(bytes);
   return FileReading::kWhole;
 }

@@ -2,11 +2,15 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <tuple>
 
 #include "talvo/entry/create_context.h"
 #include "talvo/entry/register_operators.h"
 #include "talvo/serialization/layer_info_activation.h"
+#include "talvo/serialization/layer_info_conv.h"
+#include "talvo/utility/file.h"
+#include "tests/support/bits.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/model_builder.h"
 #include "tests/support/scratch_folder.h"
@@ -117,6 +121,38 @@ TEST_F(LoadModelTest, RefusesFiles) {
   EXPECT_EQ(Load("/nowhere/a.tlnmodel"), -2);
   EXPECT_THROW(Load("/nowhere/a.json"), std::runtime_error);
   EXPECT_THROW(Load(folder_.Save("cut.tlnmodel", "\x2f\x4e")), std::runtime_error);
+}
+
+// Weights are passed over where the file is known to hold them; what is wrong with a file is said all the same.
+TEST_F(LoadModelTest, RefusesWhatTheReaderOfTheFileRefuses) {
+  ModelBuilder builder = TwoInputs();
+  auto& dense = builder.Add<runtime::FullConnectionInfo>("dense", {"b"}, "FullConnection_Fallback_C_Float_M1");
+  dense.weight = test::WeightText(test::Floats(1, 40000));  // 80000 bytes: longer than what is read unseen
+  dense.bias = test::WeightText(test::Floats(2, 400));
+  auto const refusals = [](std::function<void()> const& action) {
+    LogCapture const quiet;
+    return test::RefusalOf(action);
+  };
+  for (std::string const form : {"bin", "json"}) {
+    std::string const path = folder_.Path(form == "json" ? "dense.json" : "dense.tlnmodel");
+    builder.Package("m")->ToFile(path.c_str(), form.c_str());
+    EXPECT_EQ(Load(path), 0);
+    std::string bytes;
+    ASSERT_TRUE(LoadFile(path, bytes));
+    std::size_t const record = bytes.find("FullConnectionInfo"),
+                      weight = form == "json" ? bytes.find("\"weight\"", record) : record + 100;
+    ASSERT_LT(weight, bytes.size());
+    std::vector<std::string> damaged;
+    for (std::size_t cut : {weight, weight + 100, weight + 40000, bytes.size() - 3000, bytes.size() - 500})
+      damaged.push_back(bytes.substr(0, cut));
+    if (form == "json") damaged.push_back(bytes.substr(0, weight) + "\"weight\": 1," + bytes.substr(weight));
+    for (std::string const& content : damaged) {
+      std::string const bad = folder_.Save(form == "json" ? "bad.json" : "bad.tlnmodel", content);
+      std::string const want = refusals([&] { runtime::TLNModel().FromFile(bad.c_str(), form.c_str()); });
+      EXPECT_NE(want, "") << content.size();
+      EXPECT_EQ(refusals([&] { Load(bad); }), want) << content.size();
+    }
+  }
 }
 
 TEST_F(LoadModelTest, FillsAPackage) {

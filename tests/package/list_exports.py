@@ -52,6 +52,8 @@ def block(text):
             make(match[1], match[1])
         elif match := re.match(r"template class (.*)", head):
             make(match[1], "")
+        elif re.match(r"template OperationPtr MakeOperation<", head):
+            pass  # called by the kernels, each of which has its name by "using"
         elif body is not None or re.match(r"template <|constexpr|enum|using|static_assert", head):
             pass  # defined here
         elif match := re.match(r"(?:template )?(.*?[ &*])([\w]+|operator\S+)\((.*)\)$", head):

@@ -2,12 +2,14 @@
 #include "talvo/serialization/serializable.h"
 
 #include <gtest/gtest.h>
+#include <rapidjson/document.h>
 
 #include <cmath>
 #include <filesystem>
 #include <limits>
 #include <stdexcept>
 
+#include "talvo/serialization/json_visitors.h"
 #include "talvo/serialization/layer_info_activation.h"
 #include "talvo/serialization/layer_info_conv.h"
 #include "talvo/serialization/layer_info_plane.h"
@@ -58,6 +60,10 @@ TEST(Serializable, ReportsWhatItCannotOpenOrWrite) {
   EXPECT_NE(RefusalOf([&] { time.ToFile("/nowhere/at/all", "bin"); }).find("/nowhere/at/all"), std::string::npos);
   for (char const* form : {"bin", "json"})
     EXPECT_NE(RefusalOf([&] { time.ToFile("/dev/full", form); }).find("/dev/full"), std::string::npos) << form;
+  ScratchFile const whole;
+  time.ToFile(whole.Path(), "json");
+  EXPECT_EQ(RefusalOf([&] { time.ToFile("/dev/full", "json"); }),
+            "[TLN]: failed to write the file /dev/full: " + std::to_string(whole.Bytes().size()) + " bytes\n");
   LogCapture const log;
   EXPECT_FALSE(time.FromFile("/nowhere", "bin"));
   EXPECT_FALSE(time.FromFile("/nowhere", "BIN"));
@@ -65,6 +71,26 @@ TEST(Serializable, ReportsWhatItCannotOpenOrWrite) {
   EXPECT_EQ(log.Lines(), (std::vector<std::string>{"[TLN]: Failed to open model file, file path: /nowhere.\n",
                                                    "[TLN]: Unknow file type, file path: /nowhere.\n",
                                                    "[TLN]: Unknow file type, file path: /nowhere.\n"}));
+}
+
+// Long texts go to the file by themselves, what is between them in pieces.
+TEST(Serializable, WritesTheTextOfTheValueWhateverItsLength) {
+  LayerPlaceholderInfo layer;
+  for (std::size_t length : {0u, 10u, 65535u, 65536u, 200000u}) {
+    layer.desc.assign(length, 'w');
+    if (length > 100000) layer.desc[70000] = '"';
+    layer.input_ids.push_back(layer.desc);
+    layer.output_shape.assign(length, 12345);
+    ScratchFile const file;
+    layer.ToFile(file.Path(), "json");
+    JSONAllocator allocator;
+    rapidjson::Document document;
+    document.Parse(file.Bytes().c_str());
+    EXPECT_EQ(SerializeJSONValue(document), SerializeJSONValue(ToJSONValue(&layer, allocator))) << length;
+    LayerPlaceholderInfo read;
+    ReadFrom(read, file.Bytes(), "json");
+    EXPECT_TRUE(read.desc == layer.desc && read.input_ids == layer.input_ids) << length;
+  }
 }
 
 TEST(Serializable, RefusesNumbersThatJSONCannotHoldBeforeTheFileIsTouched) {

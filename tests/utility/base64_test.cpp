@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
+#include "talvo/kernel/rows/instruction_sets.h"
 #include "talvo/utility/base64_support.h"
 #include "tests/support/bits.h"
 #include "tests/support/log_capture.h"
@@ -23,20 +26,51 @@ std::string PlainEncode(std::vector<unsigned char> const& data) {
   return text;
 }
 
-TEST(Base64, CodesEveryByteAndLength) {
-  for (std::size_t size : {0u, 1u, 2u, 3u, 255u, 256u, 257u, 3000u}) {
-    auto data = test::Bytes(static_cast<std::uint32_t>(size), size);
-    for (std::size_t i = 0; i < size && i < 256; ++i) data[i] = static_cast<unsigned char>(i);
-    std::string const text = Base64Encode(data.data(), data.size());
-    ASSERT_EQ(text, PlainEncode(data));
-    EXPECT_EQ(Base64Decode(text), std::string(data.begin(), data.end()));
-    for (std::size_t room = size < 10 ? 0 : size - 5; room < size + 3; ++room) {  // no byte more than there is room for
-      std::string bytes(room + 4, '#');
-      EXPECT_EQ(support::DecodeBase64(text, bytes.data(), room), std::min(room, size));
-      EXPECT_EQ(bytes.substr(0, std::min(room, size)), Base64Decode(text).substr(0, room));
-      EXPECT_EQ(bytes.substr(room), "####");
-    }
+// Runs under each instruction set that the machine runs.
+template <class Action>
+void OnEachSet(Action action) {
+  for (auto const set : kernel::rows::RunnableSets()) {
+    SCOPED_TRACE(kernel::rows::NameOf(set));
+    kernel::rows::ScopedInstructionSet const scoped(set);
+    action();
   }
+}
+
+TEST(Base64, CodesEveryByteAndLength) {
+  OnEachSet([] {
+    for (std::size_t size : {0u, 1u, 2u, 3u, 47u, 48u, 63u, 64u, 65u, 191u, 192u, 193u, 255u, 256u, 257u, 3000u}) {
+      auto data = test::Bytes(static_cast<std::uint32_t>(size), size);
+      for (std::size_t i = 0; i < size && i < 256; ++i) data[i] = static_cast<unsigned char>(i);
+      std::string const text = Base64Encode(data.data(), data.size());
+      ASSERT_EQ(text, PlainEncode(data));
+      EXPECT_EQ(Base64Decode(text), std::string(data.begin(), data.end()));
+      for (std::size_t room = size < 10 ? 0 : size - 5; room < size + 3;
+           ++room) {  // no byte more than there is room for
+        std::string bytes(room + 4, '#');
+        EXPECT_EQ(support::DecodeBase64(text, bytes.data(), room), std::min(room, size));
+        EXPECT_EQ(bytes.substr(0, std::min(room, size)), Base64Decode(text).substr(0, room));
+        EXPECT_EQ(bytes.substr(room), "####");
+      }
+    }
+  });
+}
+
+TEST(Base64, StopsAtEachForeignCharacterAtEachPlace) {
+  auto const data = test::Bytes(1, 600);
+  std::string const text = PlainEncode(data), alphabet = PlainEncode(test::Bytes(2, 3000));
+  OnEachSet([&] {
+    for (std::size_t place = 0; place < text.size(); place += place < 520 ? 1 : 50) {
+      for (int c = 0; c < 256; ++c) {
+        if (alphabet.find(static_cast<char>(c)) != alphabet.npos) continue;
+        std::string cut = text;
+        cut[place] = static_cast<char>(c);
+        std::string const got = Base64Decode(cut);
+        ASSERT_EQ(got.size(), place * 6 / 8) << place << " " << c;
+        ASSERT_TRUE(std::equal(got.begin(), got.end(), data.begin(),
+                               [](char a, unsigned char b) { return static_cast<unsigned char>(a) == b; }));
+      }
+    }
+  });
 }
 
 TEST(Base64, DecodesUpToTheFirstForeignCharacterAndRefusesMissingData) {

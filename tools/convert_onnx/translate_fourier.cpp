@@ -45,7 +45,7 @@ Values Transform(Node const& node, Builder& b) {
 // Frames of a real signal [1, samples, 1], each by the transform's matrix: one strided convolution.
 Values ShortTime(Node const& node, Builder& b) {
   Value const& x = node.TensorInput(0);
-  if (x.shape[0] != 1 || (x.shape.size() == 3 && x.shape[2] != 1) || x.shape.size() < 2 || x.shape.size() > 3)
+  if (x.shape.size() < 2 || x.shape.size() > 3 || x.shape[0] != 1 || (x.shape.size() == 3 && x.shape[2] != 1))
     throw Refusal("a signal of shape " + Text(x.shape) + ", needs 1 x samples, real");
   auto const one = [&](std::size_t index) {
     Array const& array = node.ConstantInput(index);

@@ -135,7 +135,10 @@ Values Power(Node const& node, Builder& b) {
   }
   b.Approximate("powers as e^(y log x) hold for bases above 0, to 2e-7 |y log x| of the result");
   Value const logarithm = x.IsConstant() ? b.Logarithm(b.Tensor(x)) : b.Logarithm(x);
-  return {b.Exponential(b.Binary(kMul, logarithm, exponent))};
+  if (!exponent.IsConstant()) return {b.Exponential(b.Combine(kMul, logarithm, exponent))};
+  Array factors = *exponent.constant;
+  factors.type = onnx::TensorProto::FLOAT;
+  return {b.Exponential(b.Binary(kMul, logarithm, Constant(factors)))};
 }
 
 // x - q y with q = x / y, rounded to a whole number: down, or towards zero with fmod = 1.

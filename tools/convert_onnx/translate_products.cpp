@@ -1,5 +1,6 @@
 #include <algorithm>
-#include <map>
+#include <cctype>
+#include <sstream>
 
 #include "tools/convert_onnx/translators.h"
 
@@ -101,46 +102,58 @@ Values Gemm(Node const& node, Builder& builder) {
   return {builder.Binary(kAdd, product, Constant(scaled))};
 }
 
-// The terms of "ij,jk->ik"; "..." stands for capital letters, as many as there are axes left.
+// The terms of "ij,jk->ik"; "..." stands for capital letters, as many as there are axes left, Z for the last.
 struct Terms {
   std::vector<std::string> inputs;
   std::string output;
 };
 
-std::string Spelled(std::string const& term, std::size_t rank) {
+// `axes` are those that the dots stand for.
+std::string Spelled(std::string const& term, std::size_t axes) {
   auto const dots = term.find("...");
-  if (dots == std::string::npos) return term;
-  std::string letters;
-  for (std::size_t i = term.size() - 3; i < rank; ++i) letters += static_cast<char>('A' + (rank - 1 - i));
-  return term.substr(0, dots) + letters + term.substr(dots + 3);
+  std::string spelled = term;
+  if (dots != std::string::npos) {
+    std::string letters;
+    for (std::size_t i = axes; i-- > 0;) letters += static_cast<char>('Z' - static_cast<int>(i));
+    spelled.replace(dots, 3, letters);
+  }
+  for (char const c : spelled) {
+    if (!std::isalpha(static_cast<unsigned char>(c))) throw Refusal("attribute equation has a term " + term);
+  }
+  return spelled;
+}
+
+// Without an arrow: the letters that stand once, sorted, behind all that dots stand for.
+std::string ImplicitOutput(std::string const& letters, std::size_t dots) {
+  std::string output = Spelled("...", dots), sorted = letters;
+  std::sort(sorted.begin(), sorted.end());
+  for (char const letter : sorted) {
+    bool const once = std::count(sorted.begin(), sorted.end(), letter) == 1;
+    if (once && output.find(letter) == std::string::npos) output += letter;
+  }
+  return output;
 }
 
 Terms TermsOf(Node const& node) {
   std::string text = node.Word("equation", "");
   text.erase(std::remove(text.begin(), text.end(), ' '), text.end());
+  if (std::any_of(text.begin(), text.end(), [](char c) { return std::isupper(static_cast<unsigned char>(c)); }))
+    throw Refusal("attribute equation = " + text + " has capital letters");
   auto const arrow = text.find("->");
   Terms terms;
-  std::string list = text.substr(0, arrow);
-  for (std::size_t at = 0; at != std::string::npos;) {
-    auto const comma = list.find(',', at);
-    std::size_t const index = terms.inputs.size();
-    terms.inputs.push_back(
-        Spelled(list.substr(at, comma == std::string::npos ? comma : comma - at), node.Input(index).shape.size()));
-    at = comma == std::string::npos ? comma : comma + 1;
-  }
+  std::size_t most = 0;  // axes that dots stand for
   std::string all;
-  for (std::string const& term : terms.inputs) all += term;
-  std::sort(all.begin(), all.end());
-  for (char const letter : all) {  // without an arrow: those that stand once, and all that dots stand for
-    bool const once = std::count(all.begin(), all.end(), letter) == 1 || letter < 'a';
-    if (once && terms.output.find(letter) == std::string::npos) terms.output += letter;
+  std::istringstream list(text.substr(0, arrow));
+  for (std::string term; std::getline(list, term, ',');) {
+    std::size_t const rank = node.Input(terms.inputs.size()).shape.size(),
+                      letters = term.size() - std::min<std::size_t>(term.size(), 3);
+    std::size_t const dots = term.find("...") == std::string::npos || rank < letters ? 0 : rank - letters;
+    if (dots > 20) throw Refusal("attribute equation = " + text + " of " + std::to_string(rank) + " axes");
+    most = std::max(most, dots);
+    terms.inputs.push_back(Spelled(term, dots));
+    all += terms.inputs.back();
   }
-  if (arrow != std::string::npos) {
-    auto const dots = std::count_if(terms.output.begin(), terms.output.end(), [](char c) { return c < 'a'; });
-    std::string const right = text.substr(arrow + 2);
-    terms.output =
-        Spelled(right, right.size() - std::min<std::size_t>(right.size(), 3) + static_cast<std::size_t>(dots));
-  }
+  terms.output = arrow == std::string::npos ? ImplicitOutput(all, most) : Spelled(text.substr(arrow + 2), most);
   return terms;
 }
 

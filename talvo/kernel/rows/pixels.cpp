@@ -267,6 +267,12 @@ struct AddBytesBody {
 
 // ---- Resize and normalisation.
 
+TALVO_ROWS_INLINE std::uint16_t Low(int value) { return static_cast<std::uint16_t>(value); }
+TALVO_ROWS_INLINE std::uint16_t HighOfProduct(std::uint16_t a, std::uint16_t b) {
+  return static_cast<std::uint16_t>((std::uint32_t{a} * b) >> 16);
+}
+
+// The sum has up to 20 bits. It stands in two words, of which vectors multiply twice as many at a time.
 struct BlendTapsBody {
   template <class Set>
   static TALVO_ROWS_INLINE void Run(Byte const* TALVO_RESTRICT left, Byte const* TALVO_RESTRICT right,
@@ -274,7 +280,11 @@ struct BlendTapsBody {
                                     std::int16_t const* TALVO_RESTRICT weight1, std::size_t count,
                                     std::int16_t* TALVO_RESTRICT line) {
     for (std::size_t i = 0; i < count; ++i) {
-      line[i] = static_cast<std::int16_t>((left[i] * weight0[i] + right[i] * weight1[i]) >> 4);
+      std::uint16_t const l = left[i], r = right[i], w0 = Low(weight0[i]), w1 = Low(weight1[i]);
+      std::uint16_t const low_left = Low(l * w0), low = Low(low_left + Low(r * w1));
+      std::uint16_t const carry = low < low_left ? 1 : 0;
+      std::uint16_t const high = Low(Low(HighOfProduct(l, w0) + HighOfProduct(r, w1)) + carry);
+      line[i] = static_cast<std::int16_t>(Low(high << 12) | Low(low >> 4));
     }
   }
 };
@@ -310,6 +320,15 @@ struct NormaliseSaturatedBody {
   template <class Set>
   static TALVO_ROWS_INLINE void Run(Byte const* TALVO_RESTRICT in, std::size_t count, float const sub,
                                     float const scale, std::int16_t* TALVO_RESTRICT out) {
+    // Results rise or fall with the byte: where the first and the last fit, all do, and none is NaN.
+    constexpr float kEnd = 32768.0f;
+    float const first = (0.0f - sub) * scale, last = (255.0f - sub) * scale;
+    if (first > -kEnd && first < kEnd && last > -kEnd && last < kEnd) {
+      for (std::size_t i = 0; i < count; ++i) {
+        out[i] = static_cast<std::int16_t>((static_cast<float>(in[i]) - sub) * scale);
+      }
+      return;
+    }
     for (std::size_t i = 0; i < count; ++i) {
       out[i] = Saturated<std::int16_t>((static_cast<float>(in[i]) - sub) * scale);
     }
