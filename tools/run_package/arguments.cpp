@@ -11,7 +11,7 @@ namespace {
 
 using tools::UsageError;
 
-constexpr unsigned long kMaximumRepeat = 1000000;
+constexpr unsigned long kMaximumRepeat = 1000000, kMaximumExtent = 0xFFFFFFFF;
 
 InputFile ParseInput(std::string const& word) {
   auto const equals = std::min(word.find('='), word.size());
@@ -35,6 +35,23 @@ unsigned int ParseRepeat(std::string const& word) {
   return static_cast<unsigned int>(number);
 }
 
+// LAYER=1x28x28
+void ParseShape(std::string const& word, Arguments& arguments) {
+  auto const equals = word.find('=');
+  std::vector<unsigned int> dims;
+  char const* at = equals == std::string::npos ? "" : word.c_str() + equals + 1;
+  do {
+    char* end = nullptr;
+    unsigned long const extent = *at >= '0' && *at <= '9' ? std::strtoul(at, &end, 10) : 0;
+    if (extent == 0 || extent > kMaximumExtent || (*end != 'x' && *end != '\0')) {
+      throw UsageError("--shape takes LAYER=1x28x28, not \"" + word + "\"");
+    }
+    dims.push_back(static_cast<unsigned int>(extent));
+    at = end + (*end == 'x');
+  } while (*at != '\0');
+  arguments.shapes[word.substr(0, equals)] = dims;
+}
+
 bool ParsePreference(std::string const& word) {
   if (word != "fused") throw UsageError("--prefer takes fused, not \"" + word + "\"");
   return true;
@@ -47,6 +64,7 @@ char const* const kUsage =
     "LAYER]...\n"
     "                   [--next [--input ...]...]... [--output-dir DIR] [--repeat N] [--profile] [--list]\n"
     "                   [--prefer fused]\n"
+    "       run_package PACKAGE --check | --memory [--input LAYER=FILE.npy | --shape LAYER=1x28x28]...\n"
     "back ends: x86, arm, metal; layouts: CHW, HWC, C4HW4, C8HW8, NCHW, NHWC, C, SC, CL, FLEXIABLE";
 
 Arguments ParseArguments(int count, char const* const* words) {
@@ -60,11 +78,12 @@ Arguments ParseArguments(int count, char const* const* words) {
       {"--output", [&](Word word) { arguments.outputs.push_back(word); }},
       {"--output-dir", [&](Word word) { arguments.output_dir = word; }},
       {"--repeat", [&](Word word) { arguments.repeat = ParseRepeat(word); }},
+      {"--shape", [&](Word word) { ParseShape(word, arguments); }},
       {"--prefer", [&](Word word) { arguments.prefer_fused = ParsePreference(word); }},
   };
   line.flags = {
-      {"--next", [&] { arguments.runs.emplace_back(); }},
-      {"--profile", [&] { arguments.profile = true; }},
+      {"--next", [&] { arguments.runs.emplace_back(); }}, {"--profile", [&] { arguments.profile = true; }},
+      {"--check", [&] { arguments.check = true; }},       {"--memory", [&] { arguments.memory = true; }},
       {"--list", [&] { arguments.list = true; }},
   };
   line.other = [&](Word word) {

@@ -1,6 +1,7 @@
 // The command line of run_package.
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,8 @@ struct Arguments {
   std::vector<std::string> outputs;                 // layer ids; empty: the model's outputs
   std::string output_dir;                           // empty: nothing is written
   unsigned int repeat = 1;
+  std::map<std::string, std::vector<unsigned int>> shapes;  // extents of inputs without a file, for the two below
+  bool check = false, memory = false;
   bool prefer_fused = false;
   bool profile = false;
   bool list = false;

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "tools/common/program.h"
+#include "tools/run_package/check.h"
 #include "tools/run_package/describe.h"
 #include "tools/run_package/report.h"
 
@@ -25,6 +26,12 @@ void RunAll(run_package::Arguments const& arguments, run_package::Session& sessi
 }
 
 void Run(run_package::Arguments const& arguments) {
+  if (arguments.check) {
+    bool const good = run_package::PrintFindings(run_package::Check(arguments), std::cout);
+    if (!good) throw std::runtime_error(arguments.package + ": does not run as it is");
+    return;
+  }
+  if (arguments.memory) return run_package::ReportMemory(arguments, std::cout);
   run_package::Session session(arguments);
   if (arguments.list) {
     run_package::Describe(session.File(), std::cout);
