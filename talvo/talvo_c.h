@@ -113,6 +113,12 @@ TALVO_API talvo_status talvo_model_profile(talvo_model* model, talvo_tensor cons
 /* Starts recurrent layers afresh. */
 TALVO_API talvo_status talvo_model_reset(talvo_model* model);
 
+/* What CheckModel finds (talvo/entry/check_model.h), a line each, "refused: " or "warning: " in front, as a
+ * zero-terminated text; shapes: id, rank and dims of inputs, none for a check without a run. *needed gets its bytes
+ * with the zero, which text must hold. TALVO_OK also when something is refused: the text says so. */
+TALVO_API talvo_status talvo_package_check(char const* path, talvo_options const* options, talvo_tensor const* shapes,
+                                           size_t shape_count, char* text, size_t bytes, size_t* needed);
+
 #ifdef __cplusplus
 }
 #endif

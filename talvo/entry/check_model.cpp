@@ -242,7 +242,9 @@ class Checker {
         if (auto const unread = UnreadPart(record, *tensors[0])) Warn(trial.LayerId(layer), *unread);
       });
     } catch (std::exception const& refusal) {
-      findings_.push_back({true, "", utility::support::RefusalText(refusal)});
+      std::string const text = utility::support::RefusalText(refusal);
+      std::string const name = "package: ";  // which the facade gives to records without a file
+      findings_.push_back({true, "", text.compare(0, name.size(), name) == 0 ? text.substr(name.size()) : text});
     }
   }
 
@@ -263,6 +265,11 @@ class Checker {
 };
 
 }  // namespace
+
+std::string TextOf(ModelFinding const& finding) {
+  return (finding.refused ? "refused: " : "warning: ") +
+         (finding.layer.empty() ? "" : "layer " + finding.layer + ": ") + finding.text;
+}
 
 std::vector<ModelFinding> CheckModel(TLNModel& package, InputDims const& inputs, ModelOptions const& options) {
   return Checker(package, options).Run(inputs);

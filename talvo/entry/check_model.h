@@ -21,6 +21,9 @@ struct ModelFinding {
   std::string text;
 };
 
+/// "refused: layer ID: TEXT", or "warning: ...".
+TALVO_API std::string TextOf(ModelFinding const& finding);
+
 /// Looks at one model of a package: ids that no layer has; outputs that are inputs; layers that nothing reads; kernels
 /// that are not registered, with the nearest names; weights that are no numbers, and such as the binary form makes 0 or
 /// infinite. Then it builds the net and runs it once on tensors of 0.5 of these extents, in a context of its own, and

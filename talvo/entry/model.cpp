@@ -68,7 +68,7 @@ void RegisterEverything(ClassRegistry<std::shared_ptr<IKernel>>& kernels,
 
 std::string BackendOf(ModelOptions const& options) { return options.backend.empty() ? kBackend : options.backend; }
 
-std::string TextOf(ModelFinding const& finding) {
+std::string Sentence(ModelFinding const& finding) {
   return (finding.layer.empty() ? "" : "layer " + finding.layer + " ") + finding.text;
 }
 
@@ -150,7 +150,7 @@ void Model::Parts::BuildNet(TLNModel& file, ModelOptions const& options) {
   if (options.prefer_fused) utility::PreferFusedKernels(*config);
   for (auto const& unknown :
        {utility::support::UnknownIds(*model), utility::support::UnknownKernels(*model, *config, kernels)}) {
-    if (!unknown.empty()) Refuse(name + ": " + utility::support::TextOf(unknown[0]));
+    if (!unknown.empty()) Refuse(name + ": " + utility::support::Sentence(unknown[0]));
   }
   try {
     utility::Load_Single_Net(package, model, configs->second, backend.c_str());

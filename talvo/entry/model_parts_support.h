@@ -20,7 +20,7 @@ void RegisterEverything(runtime::ClassRegistry<std::shared_ptr<runtime::IKernel>
 std::string BackendOf(ModelOptions const& options);
 
 /// "layer ID TEXT".
-std::string TextOf(ModelFinding const& finding);
+std::string Sentence(ModelFinding const& finding);
 
 /// What a model names that it does not have: layers, and kernels of a registry. All are refusals of Model.
 std::vector<ModelFinding> UnknownIds(runtime::TLModelInfo const& model);

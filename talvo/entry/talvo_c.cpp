@@ -9,9 +9,11 @@
 #include <utility>
 #include <vector>
 
+#include "talvo/entry/check_model.h"
 #include "talvo/entry/load_model.h"
 #include "talvo/entry/model.h"
 #include "talvo/entry/model_support.h"
+#include "talvo/entry/open_package.h"
 #include "talvo/runtime/device_cpu.h"
 #include "talvo/runtime/tensor_cpu.h"
 
@@ -156,6 +158,18 @@ std::vector<ModelInput> InputsOf(talvo::Model& model, talvo_tensor const* inputs
   return result;
 }
 
+// Copies to a buffer of the caller.
+talvo_status Hand(void const* data, size_t size, std::string const& what, void* buffer, size_t bytes, size_t* needed) {
+  if (needed != nullptr) *needed = size;
+  if (bytes < size) {
+    KeepError((what + " has " + std::to_string(size) + " bytes, the buffer " + std::to_string(bytes)).c_str());
+    return TALVO_TOO_SMALL;
+  }
+  Need(buffer != nullptr || size == 0, "the buffer is null");
+  if (size != 0) std::memcpy(buffer, data, size);
+  return TALVO_OK;
+}
+
 Tensor const& ResultOf(talvo_model const* model, char const* id) {
   Need(model != nullptr && id != nullptr, "the model or the id is null");
   return model->results[id];
@@ -244,17 +258,7 @@ talvo_status talvo_model_result(talvo_model const* model, char const* id, talvo_
 talvo_status talvo_model_copy(talvo_model const* model, char const* id, void* buffer, size_t bytes, size_t* needed) {
   return Guard([&] {
     Tensor const& tensor = ResultOf(model, id);
-    size_t const size = ByteCount(tensor.shape);
-    if (needed != nullptr) *needed = size;
-    if (bytes < size) {
-      KeepError(("output \"" + std::string(id) + "\" has " + std::to_string(size) + " bytes, the buffer " +
-                 std::to_string(bytes))
-                    .c_str());
-      return TALVO_TOO_SMALL;
-    }
-    Need(buffer != nullptr || size == 0, "the buffer is null");
-    if (size != 0) std::memcpy(buffer, tensor.data, size);
-    return TALVO_OK;
+    return Hand(tensor.data, ByteCount(tensor.shape), "output \"" + std::string(id) + "\"", buffer, bytes, needed);
   });
 }
 
@@ -272,6 +276,24 @@ talvo_status talvo_model_profile(talvo_model* model, talvo_tensor const* inputs,
                              {0, time.id.c_str(), time.kernel.c_str(), time.milliseconds});
     }
     return TALVO_OK;
+  });
+}
+
+talvo_status talvo_package_check(char const* path, talvo_options const* options, talvo_tensor const* shapes,
+                                 size_t shape_count, char* text, size_t bytes, size_t* needed) {
+  return Guard([&] {
+    Need(path != nullptr, "the path is null");
+    Need(shapes != nullptr || shape_count == 0, "the shapes are null");
+    talvo::InputDims dims;
+    for (size_t i = 0; i < shape_count; ++i) {
+      talvo_tensor const& shape = Element(shapes, i, kTensorSize);
+      Need(shape.id != nullptr && shape.rank <= TALVO_MAXIMUM_RANK, "a shape needs the id of its layer, and a rank");
+      dims[shape.id].assign(shape.dims, shape.dims + shape.rank);
+    }
+    auto const package = talvo::utility::OpenPackage(path);
+    std::string found;
+    for (auto const& finding : CheckModel(*package, dims, OptionsOf(options))) found += talvo::TextOf(finding) + "\n";
+    return Hand(found.c_str(), found.size() + 1, "the text", text, bytes, needed);
   });
 }
 

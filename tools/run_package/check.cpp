@@ -35,8 +35,7 @@ bool PrintFindings(std::vector<talvo::ModelFinding> const& findings, std::ostrea
   bool good = true;
   for (talvo::ModelFinding const& finding : findings) {
     good &= !finding.refused;
-    out << (finding.refused ? "refused: " : "warning: ")
-        << (finding.layer.empty() ? "" : "layer " + finding.layer + ": ") << finding.text << "\n";
+    out << TextOf(finding) << "\n";
   }
   return good;
 }
