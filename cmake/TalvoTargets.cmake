@@ -27,10 +27,10 @@ function(talvo_optimise target)
       utility/log.cpp utility/metrics.cpp utility/timer.cpp)
   # Front doors and the building of nets run once for a net.
   list(APPEND small
-       entry/create_context.cpp entry/load_model.cpp entry/model.cpp entry/model_support.cpp entry/open_package.cpp
-       entry/register_extra_operators.cpp entry/register_fused_operators.cpp entry/register_operators.cpp
-       entry/reset_rnn_state.cpp entry/talvo_c.cpp runtime/class_registry.cpp runtime/context.cpp
-       runtime/create_net.cpp runtime/inference_config.cpp runtime/kernel.cpp)
+       entry/check_model.cpp entry/create_context.cpp entry/load_model.cpp entry/model.cpp entry/model_support.cpp
+       entry/open_package.cpp entry/register_extra_operators.cpp entry/register_fused_operators.cpp
+       entry/register_operators.cpp entry/reset_rnn_state.cpp entry/talvo_c.cpp runtime/class_registry.cpp
+       runtime/context.cpp runtime/create_net.cpp runtime/inference_config.cpp runtime/kernel.cpp)
   # Kernels judge their arguments and call loops, which stand in functional/, native/ and rows/ or in sources of their own.
   list(APPEND small
        image/image_process.cpp image/image_process_fallback.cpp image/image_support.cpp kernel/activation.cpp
@@ -42,8 +42,7 @@ function(talvo_optimise target)
   set(plain
       kernel/kernel_support.cpp runtime/device_cpu.cpp runtime/memory_pool.cpp runtime/net.cpp runtime/tensor.cpp
       runtime/tensor_cpu.cpp serialization/json_text_support.cpp serialization/tlmodel1_weights.cpp
-      serialization/weight_blob.cpp transform/transform_fallback.cpp kernel/direct_convolution.cpp
-      kernel/fused_convolution.cpp kernel/transposed_convolution.cpp kernel/recurrent_support.cpp)
+      serialization/weight_blob.cpp transform/transform_fallback.cpp kernel/recurrent_support.cpp)
   foreach(source ${small} ${plain})
     if(NOT EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${source})
       message(FATAL_ERROR "talvo_optimise names ${source}, which is not there")
