@@ -3,7 +3,7 @@
 #include <stdexcept>
 #include <unordered_map>
 
-#include "tools/common/json_problem.h"
+#include "talvo/entry/open_package.h"
 #include "tools/common/program.h"
 
 namespace upgrade_model {
@@ -94,7 +94,7 @@ std::shared_ptr<TLModelCfg> ReadConfiguration(std::string const& path) {
     text = talvo::utility::ReadJsonFile2StrStream(path.c_str()).str();
     return parseModelCfgFromJsonContent(text);
   } catch (std::exception const& refusal) {
-    std::string const problem = text.empty() ? "" : tools::ProblemOfJSON(text);
+    std::string const problem = text.empty() ? "" : talvo::utility::JSONProblem(text);
     throw std::runtime_error(path + ": " + (problem.empty() ? tools::Message(refusal) : problem));
   }
 }
