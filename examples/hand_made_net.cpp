@@ -115,6 +115,6 @@ int main(int count, char**) {
     Run();
     return examples::Finish("hand_made_net");
   } catch (std::exception const& error) {
-    return examples::Fail("hand_made_net", error.what());
+    return examples::Fail("hand_made_net", error);
   }
 }

@@ -10,6 +10,7 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "examples/report.h"
@@ -93,7 +94,9 @@ class Tour {
  public:
   Tour(Picture photo, std::string directory) : photo_(std::move(photo)), directory_(std::move(directory)) {
     talvo::utility::create_context(context_, 64);
-    std::filesystem::create_directories(directory_);
+    std::error_code problem;
+    std::filesystem::create_directories(directory_, problem);
+    if (problem) Refuse(directory_, "cannot be made a folder: " + problem.message());
     pixels_ = Device().CreateRGB888Tensor(photo_.height, photo_.width, photo_.pixels.data());
     planes_ = NewPlanes(photo_.height, photo_.width);
     process_.HWC2CHW(pixels_, planes_, context_);
@@ -426,7 +429,10 @@ void Tour::WriteContactSheet() const {
 
 int main(int count, char** arguments) {
   if (count != 3) {
-    std::fprintf(stderr, "usage: image_tour PHOTO.ppm DIRECTORY\n");
+    std::fprintf(stderr,
+                 "usage: image_tour PHOTO.ppm DIRECTORY\n"
+                 "  PHOTO.ppm  a binary PPM (P6) of 8 bits, its sides even and from 2 to 1024 pixels\n"
+                 "  DIRECTORY  where the results go; it is made if there is none\n");
     return 2;
   }
   examples::KeepLog();
@@ -444,6 +450,6 @@ int main(int count, char** arguments) {
     tour.WriteContactSheet();
     return examples::Finish("image_tour");
   } catch (std::exception const& error) {
-    return examples::Fail("image_tour", error.what());
+    return examples::Fail("image_tour", error);
   }
 }

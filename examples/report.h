@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <exception>
+#include <new>
 #include <string>
 
 #include "talvo/utility/log.h"
@@ -19,16 +21,23 @@ inline void KeepLog() {
   });
 }
 
-/// Prints "PROGRAM: TEXT" and returns the exit status 1. The library's lines end in a line break; the few refusals
-/// without words end behind the tag.
-inline int Fail(char const* program, std::string text) {
+/// The words of an exception: those of the library without their tag and line break.
+inline std::string TextOf(std::exception const& error) {
+  if (dynamic_cast<std::bad_alloc const*>(&error) != nullptr) return "there is not enough memory";
+  std::string text = error.what();
+  auto const tag = text.find("]: ");
+  if (text[0] == '[' && tag != std::string::npos) text.erase(0, tag + 3);
   text.erase(text.find_last_not_of("\n ") + 1);
+  return text.empty() ? "the text is no JSON object, or a kernel refuses its layer's record" : text;
+}
+
+/// Prints "PROGRAM: TEXT" in one line and returns the exit status 1.
+inline int Fail(char const* program, std::string text) {
   std::replace(text.begin(), text.end(), '\n', ' ');
-  bool const wordless = text.size() >= 2 && text.compare(text.size() - 2, 2, "]:") == 0;
-  std::fprintf(stderr, "%s: %s%s\n", program, text.c_str(),
-               wordless ? " the text is no JSON object, or a kernel refuses its layer's record" : "");
+  std::fprintf(stderr, "%s: %s\n", program, text.c_str());
   return 1;
 }
+inline int Fail(char const* program, std::exception const& error) { return Fail(program, TextOf(error)); }
 
 /// The exit status 0, or that of a failure when what was printed did not arrive.
 inline int Finish(char const* program) {

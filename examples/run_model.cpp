@@ -46,6 +46,6 @@ int main(int count, char** words) {
     Run(words[1]);
     return examples::Finish("run_model");
   } catch (std::exception const& error) {
-    return examples::Fail("run_model", error.what());
+    return examples::Fail("run_model", error);
   }
 }

@@ -175,6 +175,6 @@ int main(int count, char** words) {
     Run(path);
     return examples::Finish("stream_gru");
   } catch (std::exception const& error) {
-    return examples::Fail("stream_gru", path + ": " + error.what());
+    return examples::Fail("stream_gru", path + ": " + examples::TextOf(error));
   }
 }

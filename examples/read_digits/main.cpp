@@ -209,6 +209,6 @@ int main(int count, char** words) {
         error.what());
     return 2;
   } catch (std::exception const& error) {
-    return examples::Fail("read_digits", error.what());
+    return examples::Fail("read_digits", error);
   }
 }

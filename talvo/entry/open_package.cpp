@@ -4,6 +4,7 @@
 
 #include <rapidjson/error/en.h>
 #include <rapidjson/reader.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -31,10 +32,10 @@ std::runtime_error SystemError(char const* what) {
   return std::runtime_error(std::string(what) + ": " + std::strerror(errno));
 }
 
-// The binary form tells nothing of its places: the stream does, unless it is a pipe.
+// The binary form tells nothing of its places: the stream does.
 std::string PlaceOf(std::FILE* stream) {
   long const place = std::ftell(stream);
-  if (place < 0 || std::fseek(stream, 0, SEEK_END) != 0) return "";
+  std::fseek(stream, 0, SEEK_END);
   long const size = std::ftell(stream);
   return "at byte " + std::to_string(place) + " of " + std::to_string(size) +
          (place == size ? ", where it is cut short: " : ": ");
@@ -49,31 +50,30 @@ void ReadBinary(Stream const& stream, TLNModel& package) {
   }
 }
 
-// Why a text is refused without a word: it does not parse, or is no object.
-std::string ProblemOf(std::string text) {
-  rapidjson::InsituStringStream stream(text.data());
-  rapidjson::BaseReaderHandler<> nothing;
-  rapidjson::GenericReader<rapidjson::UTF8<>, rapidjson::UTF8<>, runtime::support::StackAllocator> reader;
-  auto const result = reader.Parse<rapidjson::kParseIterativeFlag>(stream, nothing);
-  if (!result.IsError()) return "the text is no JSON object";
-  auto const end = text.begin() + static_cast<std::ptrdiff_t>(std::min(result.Offset(), text.size()));
-  auto const line_start = std::find(std::make_reverse_iterator(end), text.rend(), '\n').base();
-  return "no JSON: line " + std::to_string(std::count(text.begin(), end, '\n') + 1) + ", column " +
-         std::to_string(end - line_start + 1) + ": " + rapidjson::GetParseError_En(result.Code());
-}
-
 void ReadJSON(std::string const& text, TLNModel& package) {
   try {
     runtime::support::ReadRecord(runtime::support::JSONText(text), &package, nullptr);
   } catch (std::runtime_error const& refusal) {
     std::string const message = support::RefusalText(refusal);
-    throw std::runtime_error(message.empty() ? ProblemOf(text) : message);
+    if (!message.empty()) throw std::runtime_error(message);
+    std::string const problem = JSONProblem(text);
+    throw std::runtime_error(problem.empty() ? "the text is no JSON object" : problem);
   }
 }
 
+// A form is told by the ending, and its places are those of a file: neither goes with a pipe.
+void NeedFile(std::string const& path) {
+  struct stat status;
+  if (stat(path.c_str(), &status) != 0) throw SystemError("cannot be opened");
+  if (S_ISDIR(status.st_mode)) throw std::runtime_error("is a folder");
+  if (!S_ISREG(status.st_mode)) throw std::runtime_error("is a pipe or a device; a package is read from a file");
+}
+
 void ReadFile(std::string const& path, TLNModel& package) {
-  if (EndsIn(path, ".tlnmodel")) return ReadBinary(Stream(std::fopen(path.c_str(), "rb")), package);
-  if (!EndsIn(path, ".json")) throw std::runtime_error("a package ends in .tlnmodel or .json");
+  bool const binary = EndsIn(path, ".tlnmodel");
+  if (!binary && !EndsIn(path, ".json")) throw std::runtime_error("a package ends in .tlnmodel or .json");
+  NeedFile(path);
+  if (binary) return ReadBinary(Stream(std::fopen(path.c_str(), "rb")), package);
   std::string text;
   switch (ReadWholeFile(path.c_str(), text)) {
     case FileReading::kNotOpened:
@@ -106,6 +106,18 @@ std::shared_ptr<TLNModel> Named(std::string const& name, Read read) {
 }
 
 }  // namespace
+
+std::string JSONProblem(std::string text) {
+  rapidjson::InsituStringStream stream(text.data());
+  rapidjson::BaseReaderHandler<> nothing;
+  rapidjson::GenericReader<rapidjson::UTF8<>, rapidjson::UTF8<>, runtime::support::StackAllocator> reader;
+  auto const result = reader.Parse<rapidjson::kParseIterativeFlag>(stream, nothing);
+  if (!result.IsError()) return "";
+  auto const end = text.begin() + static_cast<std::ptrdiff_t>(std::min(result.Offset(), text.size()));
+  auto const line_start = std::find(std::make_reverse_iterator(end), text.rend(), '\n').base();
+  return "no JSON: line " + std::to_string(std::count(text.begin(), end, '\n') + 1) + ", column " +
+         std::to_string(end - line_start + 1) + ": " + rapidjson::GetParseError_En(result.Code());
+}
 
 std::shared_ptr<TLNModel> OpenPackage(std::string const& path) {
   return Named(path, [&](TLNModel& package) { ReadFile(path, package); });

@@ -179,9 +179,10 @@ struct Convolution : support::Strict<Info> {
 
   // Refuses what the loops would read beyond its end, and what they cannot make a result of.
   void CheckFit(TensorCPU const& input) const {
-    support::Needs needs = {sizeof(float), Operation::kRank, 0, TensorShape::FLOAT32};
-    if (Operation::kNeedsLayout) needs.layout = Operation::kLayout;
-    support::CheckTensor(Self(), "input 0", &input, needs);
+    if (Operation::kPads) {
+      support::Needs const needs = {sizeof(float), Operation::kRank, 0, TensorShape::FLOAT32, Operation::kLayout};
+      support::CheckTensor(Self(), "input 0", &input, needs);
+    }
     Dims const& dims = input.shape.dims;
     unsigned int const read = fields.groups * fields.InPerGroup(), made = fields.groups * fields.OutPerGroup();
     if (dims[0] < read) {
@@ -215,7 +216,7 @@ struct Convolution : support::Strict<Info> {
 template <class Operation>
 struct DirectPlanes : Convolution<Operation, runtime::Conv2dInfo> {
   static constexpr unsigned int kLayout = TensorShape::CHW, kWeightLayout = TensorShape::GNCHW, kRank = 3;
-  static constexpr bool kNeedsLayout = true;
+  static constexpr bool kPads = true;  // a padded copy is made of floats of this layout in main memory alone
   static constexpr auto Fields = PlaneFields<runtime::Conv2dInfo>;
   static constexpr auto Fits = DirectFits;
 
@@ -231,7 +232,7 @@ struct DirectPlanes : Convolution<Operation, runtime::Conv2dInfo> {
 template <class Operation>
 struct DirectRows : Convolution<Operation, runtime::Conv1dInfo> {
   static constexpr unsigned int kLayout = TensorShape::CL, kWeightLayout = TensorShape::GNCL, kRank = 2;
-  static constexpr bool kNeedsLayout = true;
+  static constexpr bool kPads = true;
   static constexpr auto Fits = DirectFits;
 
   static ConvolutionFields Fields(runtime::Conv1dInfo const& info) {
@@ -251,7 +252,7 @@ struct DirectRows : Convolution<Operation, runtime::Conv1dInfo> {
 template <class Operation>
 struct TransposedPlanes : Convolution<Operation, runtime::ConvTranspose2dInfo> {
   static constexpr unsigned int kLayout = TensorShape::CHW, kWeightLayout = TensorShape::GNCHW, kRank = 3;
-  static constexpr bool kNeedsLayout = false;  // the input is read as it lies
+  static constexpr bool kPads = false;  // the input is read as it lies
   static constexpr auto Fields = PlaneFields<runtime::ConvTranspose2dInfo>;
   static constexpr auto Fits = TransposedFits;
 

@@ -226,6 +226,17 @@ struct ElementwiseOperation : support::Strict<runtime::ElementWiseOperatorInfo> 
   std::string layer_id, name;
 };
 
+// What calling an empty std::function throws, with words: the interface's answer to an unknown operation.
+class UnknownOperation : public std::bad_function_call {
+ public:
+  UnknownOperation(std::string const& who, unsigned int op_type)
+      : text_(std::make_shared<std::string>(who + ": there is no operation " + std::to_string(op_type))) {}
+  char const* what() const noexcept override { return text_->c_str(); }
+
+ private:
+  std::shared_ptr<std::string const> text_;  // shared, as copies of an exception do not throw
+};
+
 struct BroadcastOperation : support::Strict<runtime::BroadcastOperatorInfo> {
   static constexpr char const* kName = "BroadcastOperator_Fallback_Float_M1";
 
@@ -267,8 +278,8 @@ struct BroadcastOperation : support::Strict<runtime::BroadcastOperatorInfo> {
                DimsText(b_dims).c_str());
       }
       auto const axes = BroadcastAxes(Extended(a_dims, dims.size()), Extended(b_dims, dims.size()), dims);
-      // An unknown operation answers as an empty std::function does, and only where there is something to combine.
-      if (layer->op_type >= kOperationCount) throw std::bad_function_call();
+      // Only where there is something to combine.
+      if (layer->op_type >= kOperationCount) throw UnknownOperation(who.Text(), layer->op_type);
       Broadcast(static_cast<rows::Operation>(layer->op_type), axes)
           .Run(a->Data<float>(), b->Data<float>(), y->Data<float>());
     }

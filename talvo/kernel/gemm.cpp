@@ -14,12 +14,14 @@
 #include "talvo/kernel/sgemm.h"
 #include "talvo/serialization/layer_info_conv.h"
 #include "talvo/serialization/layer_info_tensor.h"
+#include "talvo/utility/base64.h"
 #include "talvo/utility/refuse_support.h"
 
 namespace talvo::kernel {
 
 using runtime::DimsText;
 using runtime::IKernel;
+using runtime::TensorCPU;
 using runtime::TensorShape;
 using support::ContextPtr;
 using support::LayerPtr;
@@ -124,7 +126,7 @@ void Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1_Convolution(support::TensorPtr 
   auto const &x = input->shape.dims, &y = output->shape.dims;
   if (support::Count(*output) == 0) return;
   std::uint64_t const m = y[0], k = x[0], n = std::uint64_t{y[1]} * y[2];
-  auto const holds = [](runtime::TensorCPU const& tensor, std::uint64_t floats) {
+  auto const holds = [](TensorCPU const& tensor, std::uint64_t floats) {
     return runtime::ByteCount(tensor.shape) / sizeof(float) >= floats;
   };
   if (!holds(*weight, m * k) || !holds(*input, k * n) || !holds(*output, m * n)) {
@@ -147,11 +149,22 @@ struct PointwiseOperation : support::Strict<runtime::Conv2dInfo> {
   bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const& context) override {
     auto const& info = support::As<runtime::Conv2dInfo>(kName, layer);
     layer_id = info.id;
-    in_channels = info.in_channels, out_channels = info.out_channels;
-    weight = support::DecodeWeights(kName, layer_id, "weight", info.weight, {1, out_channels, in_channels, 1, 1},
-                                    TensorShape::GNCHW, context);
-    bias = info.if_bias ? DecodeBias(info, context) : nullptr;
+    out_channels = info.out_channels;
+    weight =
+        support::DecodeWeights(kName, layer_id, "weight", info.weight, WeightDims(info), TensorShape::GNCHW, context);
+    bias = info.if_bias ? support::DecodeWeights(kName, layer_id, "bias", info.bias,
+                                                 {info.groups, out_channels / info.groups}, TensorShape::GN, context)
+                        : nullptr;
     return true;
+  }
+
+  // The product takes the weights for one dense matrix, whatever the groups. A text that holds the matrix gives all of
+  // it, another the weights of a grouped convolution, which serve as many channels as they have values for.
+  static std::vector<unsigned int> WeightDims(runtime::Conv2dInfo const& info) {
+    unsigned int const groups = info.groups, out = info.out_channels, in = info.in_channels;
+    std::size_t const dense_bytes = sizeof(float) * out * in;
+    if (groups == 1 || runtime::Base64Decode(info.weight).size() >= dense_bytes) return {1, out, in, 1, 1};
+    return {groups, out / groups, in / groups, 1, 1};
   }
 
   // (H + 0 + 0 - 1 * (1 - 1) - 1) / 1 + 1 is H, and 0 for 0 in arithmetic that wraps.
@@ -168,30 +181,31 @@ struct PointwiseOperation : support::Strict<runtime::Conv2dInfo> {
               ContextPtr const& context) const override {
     support::NeedsConfig(kernel);
     auto const x = support::Input({kName, layer_id}, inputs, 0, 3);
-    if (x->shape.dims[0] > in_channels) {
-      Refuse("%s of layer %s: input 0 has dims %s, the weights serve %u channels", kName, layer_id.c_str(),
-             DimsText(x->shape.dims).c_str(), in_channels);
-    }
     auto const y = support::NewOutput(kernel, inputs, context);
+    CheckFit(*x, *y);
     Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1_Convolution(x, y, weight);
     if (bias != nullptr) ADDBias_MainMemory_CHW_Float_Fallback_M1(y, bias);
     outputs.assign(1, y);
     return 0;
   }
 
-  support::TensorPtr DecodeBias(runtime::Conv2dInfo const& info, ContextPtr const& context) const {
-    unsigned int const groups = info.groups;
-    if (out_channels % groups != 0) {
-      Refuse("%s of layer %s: a bias needs output channels, %u, that are a multiple of the groups, %u", kName,
-             layer_id.c_str(), out_channels, groups);
+  // Refuses a product that reads behind the weights, and a bias that the groups leave too short.
+  void CheckFit(TensorCPU const& input, TensorCPU const& output) const {
+    std::uint64_t const read = std::uint64_t{input.shape.dims[0]} * out_channels;
+    if (support::Count(output) > 0 && read > support::Count(*weight)) {
+      Refuse("%s of layer %s: input 0 has dims %s, %u output channels need %llu weights, %zu are there", kName,
+             layer_id.c_str(), DimsText(input.shape.dims).c_str(), out_channels, static_cast<unsigned long long>(read),
+             support::Count(*weight));
     }
-    return support::DecodeWeights(kName, layer_id, "bias", info.bias, {groups, out_channels / groups}, TensorShape::GN,
-                                  context);
+    if (bias != nullptr && support::Count(*bias) != out_channels) {
+      Refuse("%s of layer %s: the bias has %zu values, needs %u", kName, layer_id.c_str(), support::Count(*bias),
+             out_channels);
+    }
   }
 
   std::string layer_id;
-  unsigned int in_channels = 0, out_channels = 0;
-  support::TensorPtr weight, bias;  // [1, out, in, 1, 1]; [groups, out / groups], null without bias
+  unsigned int out_channels = 0;
+  support::TensorPtr weight, bias;  // [1, out, in, 1, 1] or as grouped; [groups, out / groups], null without bias
 };
 
 struct FallbackFullConnectionOperation : VectorConnection<FallbackFullConnectionOperation> {

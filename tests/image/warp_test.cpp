@@ -15,13 +15,14 @@ constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 using Matrix = std::array<float, 6>;
 
 constexpr Matrix kMatrices[] = {
-    {1, 0, 0, 0, 1, 0},                // identity
-    {2, 0, 0, 0, 2, 0},                // scale
-    {0.7f, -0.7f, 5, 0.7f, 0.7f, 1},   // rotation
-    {-1, 0.01f, 9, 0.3f, -1, 9.5f},    // mirror
-    {1e9f, 0, 0, 0, 1, 0},             // leaves int
-    {0.5f, 0, -0.7f, 0, 0.5f, -0.3f},  // negative positions that truncate to 0
-    {kNaN, 0, 0, 0, 1, 0},             // never inside
+    {1, 0, 0, 0, 1, 0},                      // identity
+    {2, 0, 0, 0, 2, 0},                      // scale
+    {0.7f, -0.7f, 5, 0.7f, 0.7f, 1},         // rotation
+    {-1, 0.01f, 9, 0.3f, -1, 9.5f},          // mirror
+    {-0.8f, 0.8f, 0.5f, -0.8f, 0.8f, 0.5f},  // ties that a fused step, of either product, decides otherwise
+    {1e9f, 0, 0, 0, 1, 0},                   // leaves int
+    {0.5f, 0, -0.7f, 0, 0.5f, -0.3f},        // negative positions that truncate to 0
+    {kNaN, 0, 0, 0, 1, 0},                   // never inside
 };
 
 class Warp : public ImageTest {

@@ -278,17 +278,22 @@ TEST(PointwiseConvolution, MultipliesChannelsByPixelsAndThenAddsTheBias) {
     unsigned short in, out, groups;
     unsigned int channels, height, width;
     bool if_bias;
+    bool grouped = false;  // the text holds as many weights as a grouped convolution
   };
   kernel::Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1 kernel;
-  for (Case const& c : {Case{"one pixel", 5, 3, 1, 5, 1, 1, true},
-                        {"no bias, where one stood", 4, 8, 1, 4, 3, 2, false},
-                        {"odd extents", 17, 9, 1, 17, 5, 7, true},
-                        {"groups do not split the product", 6, 4, 2, 6, 2, 3, true},
-                        {"rows of the weights are as long as the input has channels", 6, 4, 1, 5, 2, 3, true},
-                        {"no rows", 3, 2, 1, 3, 0, 4, true}}) {
+  for (Case const& c :
+       {Case{"one pixel", 5, 3, 1, 5, 1, 1, true},
+        {"no bias, where one stood", 4, 8, 1, 4, 3, 2, false},
+        {"odd extents", 17, 9, 1, 17, 5, 7, true},
+        {"groups do not split the product", 6, 4, 2, 6, 2, 3, true},
+        {"rows of the weights are as long as the input has channels", 6, 4, 1, 5, 2, 3, true},
+        {"a grouped convolution's weights", 6, 4, 2, 3, 2, 3, true, true},
+        {"fewer channels than groups: no weights, an input without channels", 1, 4, 2, 0, 2, 1, true, true},
+        {"no rows", 3, 2, 1, 3, 0, 4, true}}) {
     SCOPED_TRACE(c.why);
     auto const layer = Pointwise(c.in, c.out, c.if_bias);
     layer->groups = c.groups;
+    if (c.grouped) layer->weight = WeightText(Floats(1, std::size_t(c.in / c.groups * c.out)));
     ASSERT_TRUE(kernel.Config(layer, nullptr, context));
     std::size_t const pixels = c.height * c.width;
     auto const x = Floats(3, c.channels * pixels), weight = Floats(1, std::size_t{c.in} * c.out),
@@ -318,16 +323,23 @@ TEST(PointwiseConvolution, RefusesOtherShapesAndShortWeights) {
   }
   std::string const who = " of layer pointwise: ";
   ASSERT_TRUE(kernel.Config(layer, nullptr, context));
-  ExpectRefusal(kernel, who + "input 0 has dims [5, 2, 2], the weights serve 4 channels", nullptr, Ones({5, 2, 2}));
+  ExpectRefusal(kernel, who + "input 0 has dims [5, 2, 2], 6 output channels need 30 weights, 24 are there", nullptr,
+                Ones({5, 2, 2}));
+  EXPECT_TRUE(Compute(kernel, {5, 2, 0}, TensorShape::CHW, {}).empty());  // nothing is read
   ExpectRefusal(kernel, who + "input 0 has dims [4, 2], data type 0; needs rank 3", nullptr, Ones({4, 2}));
   auto const half = context->device_cpu->CreateTensor(
       {{4, 2, 2}, TensorShape::FLOAT16, TensorShape::CHW, TensorShape::MainMemory, {}}, nullptr);
   ExpectRefusal(kernel, who + "input 0 has dims [4, 2, 2], data type 1; needs rank 3, 4 bytes", nullptr, half);
   layer->groups = 4;
-  ExpectRefusal(kernel, who + "a bias needs output channels, 6, that are a multiple of the groups, 4", layer, nullptr);
+  ASSERT_TRUE(kernel.Config(layer, nullptr, context));
+  ExpectRefusal(kernel, who + "the bias has 4 values, needs 6", nullptr, Ones({4, 2, 2}));
   layer->groups = 2;
-  layer->weight = WeightText(Floats(1, 12));  // as a grouped convolution would hold them
-  ExpectRefusal(kernel, who + "weight holds 48 bytes, shape [1, 6, 4, 1, 1] needs 96", layer, nullptr);
+  layer->weight = WeightText(Floats(1, 12));  // as a grouped convolution holds them
+  ASSERT_TRUE(kernel.Config(layer, nullptr, context));
+  ExpectRefusal(kernel, who + "input 0 has dims [3, 2, 2], 6 output channels need 18 weights, 12 are there", nullptr,
+                Ones({3, 2, 2}));
+  layer->weight = WeightText(Floats(1, 11));
+  ExpectRefusal(kernel, who + "weight holds 44 bytes, shape [2, 3, 2, 1, 1] needs 48", layer, nullptr);
   ExpectRefusal(kernel, ": Forward before Config", nullptr, half);
 }
 

@@ -156,6 +156,10 @@ TEST(Pooling, LowersTheDivisorOfAHugeWindowTapByTap) {
   float divisor = 4202.0f * 4202.0f;
   for (int tap = 1; tap < 4202 * 4202; ++tap) divisor -= 1.0f;
   ExpectSame({{1, 1, 1}, {3.0f / divisor}}, Pool<Pooling2D_Avg_Fallback_Float_M1>(info, {{1, 1, 1}, {3.0f}}));
+  // 2^24 + 1 taps, all in the border: the float 2^24 lowered once too often.
+  auto const outside = WindowInfo<runtime::AvgPool2dInfo>(Window{257, 65281, 2, 2, 65281, 256});
+  outside->count_include_pad = false;
+  ExpectSame({{1, 1, 1}, {0.0f / -1.0f}}, Pool<Pooling2D_Avg_Fallback_Float_M1>(outside, {{1, 1, 1}, {3.0f}}));
 }
 
 TEST(Pooling, TakesNoMoreMemoryThanASmallMultiple) {

@@ -1,5 +1,6 @@
 // run_package from outside: what it prints and writes, its exit status, and that an error is one line.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <cstdlib>
@@ -199,6 +200,7 @@ TEST_F(RunPackageTest, ReportsBadInputInOneLine) {
   Write(folder_ / "array.json", "[]");
   Write(folder_ / "keyless.json", "{}");
   fs::create_directory(folder_ / "folder.json");
+  ASSERT_EQ(mkfifo((folder_ / "pipe.tlnmodel").c_str(), 0600), 0);
   Write(folder_ / "version.npy", "\x93NUMPY\x09" + std::string(9, '\0'));
   Write(folder_ / "cut.npy", ReadAll(folder_ / "in.npy").substr(0, 300));
   WriteNpy("double.npy", "<f8", "3, 8, 8", test::Floats(1, 384));
@@ -213,12 +215,13 @@ TEST_F(RunPackageTest, ReportsBadInputInOneLine) {
            {"none.tlnmodel", "none.tlnmodel: cannot be opened"},
            {"none.json", "none.json"},
            {"folder.json", "folder.json: is a folder"},
+           {"pipe.tlnmodel --list", "pipe.tlnmodel: is a pipe or a device; a package is read from a file"},
            {"p.onnx", "p.onnx: a package ends in"},
-           {"cut.tlnmodel", "cut.tlnmodel: at byte " + half + " of " + half + ": failed"},
+           {"cut.tlnmodel", "cut.tlnmodel: at byte " + half + " of " + half + ", where it is cut short: failed"},
            {"cut.json", "cut.json: no JSON: line "},
            {"array.json", "array.json: the text is no JSON object"},
            {"keyless.json --list", "path \"sdk_type\""},
-           {"empty.tlnmodel --list", "code is 0. The file is cut short."},
+           {"empty.tlnmodel --list", "at byte 0 of 0, where it is cut short: failed"},
            {"p.json", "\"picture\" has no tensor"},
            {"p.json" + run + " --output nope", "no layer \"nope\""},
            {"p.json --input nope=in.npy", "no layer \"nope\""},

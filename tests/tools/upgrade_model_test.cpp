@@ -134,6 +134,9 @@ TEST(UpgradeModel, TakesTheKernelsOfAConfiguration) {
   ExpectNearSum(want, RunPackage(out, input), 4, 4.0f);
   auto second = convolution;
   second.id = 3;
+  std::string const broken = folder.Save("broken.json", "{\n  \"squential_ids\": [,]\n}");
+  EXPECT_EQ(Upgrade(in + " " + out + " --config " + broken).text,
+            "upgrade_model: " + broken + ": no JSON: line 2, column 21: Invalid value.\n");
   EXPECT_EQ(Upgrade(folder.Save("stem.old", OldFile({&convolution, &second})) + " " + out + " --config " + json).text,
             "upgrade_model: " + json + ": names no kernel for layer-3! (Conv2dInfo)\n");
 }

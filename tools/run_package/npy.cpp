@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <new>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
@@ -125,10 +126,8 @@ std::size_t BytesOf(std::string const& path, TensorShape const& shape) {
   }
 }
 
-}  // namespace
-
-std::shared_ptr<talvo::runtime::TensorCPU> ReadNpy(std::string const& path, std::string const& layout,
-                                                   talvo::runtime::DeviceCPU& device) {
+std::shared_ptr<talvo::runtime::TensorCPU> ReadTensor(std::string const& path, std::string const& layout,
+                                                      talvo::runtime::DeviceCPU& device) {
   std::ifstream stream = Open(path);
   std::string const header = ReadHeader(path, stream);
   if (ValueOf(path, header, "fortran_order").compare(0, 5, "False") != 0)
@@ -144,6 +143,17 @@ std::shared_ptr<talvo::runtime::TensorCPU> ReadNpy(std::string const& path, std:
                      " bytes of data, its shape " + Shown(DimsText(dims)) + " needs " + std::to_string(bytes));
   }
   return device.CreateTensor(shape, data.data());
+}
+
+}  // namespace
+
+std::shared_ptr<talvo::runtime::TensorCPU> ReadNpy(std::string const& path, std::string const& layout,
+                                                   talvo::runtime::DeviceCPU& device) {
+  try {
+    return ReadTensor(path, layout, device);
+  } catch (std::bad_alloc const&) {
+    Refuse(path, "there is not enough memory for its data");
+  }
 }
 
 void WriteNpy(std::string const& path, talvo::runtime::Tensor const& tensor) {

@@ -7,13 +7,13 @@
 #include <utility>
 
 #include "talvo/entry/create_context.h"
+#include "talvo/entry/open_package.h"
 #include "talvo/entry/register_extra_operators.h"
 #include "talvo/entry/register_fused_operators.h"
 #include "talvo/entry/register_operators.h"
 #include "talvo/utility/log.h"
 #include "tools/common/program.h"
 #include "tools/run_package/npy.h"
-#include "tools/run_package/package_file.h"
 
 namespace run_package {
 namespace {
@@ -72,7 +72,7 @@ Session::Session(Arguments const& arguments) : path_(arguments.package), backend
   talvo::utility::init_register_operators(kernels_, params_);
   talvo::utility::init_register_fused_operators(kernels_);
   talvo::utility::init_register_extra_operators(kernels_);
-  file_ = ReadPackage(path_);
+  file_ = talvo::utility::OpenPackage(path_);
   if (arguments.list) return;
   ChooseModel(arguments.model);
   BuildNet(arguments.prefer_fused);

@@ -3,6 +3,7 @@
 #include <stdexcept>
 #include <unordered_map>
 
+#include "talvo/entry/open_package.h"
 #include "tools/common/program.h"
 
 namespace upgrade_model {
@@ -88,10 +89,13 @@ std::shared_ptr<TLModelCfg> DefaultConfiguration(TLModelInfo const& model) {
 }
 
 std::shared_ptr<TLModelCfg> ReadConfiguration(std::string const& path) {
+  std::string text;
   try {
-    return parseModelCfgFromJsonContent(talvo::utility::ReadJsonFile2StrStream(path.c_str()).str());
+    text = talvo::utility::ReadJsonFile2StrStream(path.c_str()).str();
+    return parseModelCfgFromJsonContent(text);
   } catch (std::exception const& refusal) {
-    throw std::runtime_error(path + ": " + tools::Message(refusal, "does not hold a configuration"));
+    std::string const problem = text.empty() ? "" : talvo::utility::JSONProblem(text);
+    throw std::runtime_error(path + ": " + (problem.empty() ? tools::Message(refusal) : problem));
   }
 }
 

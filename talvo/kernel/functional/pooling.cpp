@@ -191,7 +191,7 @@ float Lowered(float area, std::size_t outside) {
     if (area - 1.0f == area) return area;
     area -= 1.0f;
   }
-  return area - static_cast<float>(outside);
+  return static_cast<float>(static_cast<double>(area) - static_cast<double>(outside));
 }
 
 void FillDivisors(PoolingShape const& shape, PoolingWindow const& window, bool count_include_pad, float* divisors) {
