@@ -42,8 +42,8 @@ static talvo_status Run(talvo_model* model) {
   talvo_tensor inputs[kMaximumInputs];
   size_t const given = talvo_model_input_count(model);
   size_t made = 0;
-  talvo_status status = given <= kMaximumInputs ? TALVO_OK : TALVO_REFUSED;
-  for (; status == TALVO_OK && made < given; ++made) {
+  talvo_status status = TALVO_OK;
+  for (; status == TALVO_OK && made < given && made < kMaximumInputs; ++made) {
     inputs[made] = (talvo_tensor)TALVO_TENSOR_INIT;
     status = talvo_model_input(model, made, &inputs[made]);
     if (status == TALVO_OK && !MakeInput(&inputs[made])) break;
@@ -60,6 +60,7 @@ int main(int count, char** words) {
     fprintf(stderr, "usage: run_model_c PACKAGE, where PACKAGE ends in .tlnmodel or .json\n");
     return 2;
   }
+  talvo_set_log(NULL); /* talvo_last_error says it */
   talvo_status status = talvo_model_open(words[1], NULL, &model);
   if (status == TALVO_OK) status = Run(model);
   if (status != TALVO_OK) fprintf(stderr, "run_model_c: %s\n", talvo_last_error());

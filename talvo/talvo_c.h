@@ -80,6 +80,11 @@ typedef struct talvo_layer_time {
  */
 TALVO_API char const* talvo_last_error(void);
 
+/* Where lines of the library's log go, refusals among them: standard output unless told otherwise, nowhere for null. To
+ * be called before the library is used; sink may be called from every thread that uses it, and its result is ignored.
+ */
+TALVO_API void talvo_set_log(int (*sink)(char const* line));
+
 TALVO_API void talvo_version(uint32_t* major, uint32_t* minor);
 
 /* Opens a ".tlnmodel" or ".json" package and builds its net. options may be null. *model is closed by the caller. */

@@ -70,6 +70,9 @@ def _load() -> ctypes.CDLL:
         getattr(library, function).restype = size
     library.talvo_model_close.argtypes = [handle]
     library.talvo_model_close.restype = None
+    library.talvo_set_log.argtypes = [ctypes.c_void_p]
+    library.talvo_set_log.restype = None
+    library.talvo_set_log(None)  # errors are exceptions
     library.talvo_last_error.restype = ctypes.c_char_p
     return library
 

@@ -115,6 +115,7 @@ class ModelTrial {
   std::string const& LayerId(unsigned int layer) const { return (*model_.parts_->layer_ids)[layer]; }
 
   void SetInputs(InputDims const& extents) {
+    CheckNames(extents);
     for (ModelPort const& port : Inputs()) {
       auto const dims = extents.find(port.id);
       if (dims == extents.end()) continue;
@@ -126,6 +127,15 @@ class ModelTrial {
   void Run(Watch watch) {
     watch_ = std::move(watch);
     model_.Run(inputs_);
+  }
+
+  void CheckNames(InputDims const& inputs) const {
+    std::vector<std::string> names;
+    for (ModelPort const& port : Inputs()) names.push_back(port.id);
+    for (auto const& [id, dims] : inputs) {
+      if (std::find(names.begin(), names.end(), id) == names.end())
+        throw std::runtime_error("the model has no input \"" + id + "\"; it has " + Listed(names));
+    }
   }
 
  private:
@@ -164,16 +174,26 @@ class Checker {
   void Warn(std::string const& layer, std::string text) { findings_.push_back({false, layer, std::move(text)}); }
 
   std::shared_ptr<TLModelInfo> Chosen() const {
+    if (package_.model_arr == nullptr || package_.config_arr == nullptr) return nullptr;
     auto const& ids = package_.model_arr->squential_ids;
     if (ids.empty() || (options_.model.empty() && ids.size() != 1)) return nullptr;
     auto const found = package_.model_arr->models.find(options_.model.empty() ? ids[0] : options_.model);
-    return found != package_.model_arr->models.end() ? found->second : nullptr;
+    return found != package_.model_arr->models.end() && IsWhole(found->second.get()) ? found->second : nullptr;
+  }
+
+  // Records made by hand may have gaps, which Model refuses.
+  static bool IsWhole(TLModelInfo const* model) {
+    return model != nullptr &&
+           std::all_of(model->squential_ids.begin(), model->squential_ids.end(), [&](auto const& id) {
+             auto const record = model->layers.find(id);
+             return record != model->layers.end() && record->second != nullptr;
+           });
   }
 
   std::vector<ModelFinding> UnknownKernelsOf(TLModelInfo const& model) const {
     auto const configs = package_.config_arr->configs.find(options_.model.empty() ? package_.model_arr->squential_ids[0]
                                                                                   : options_.model);
-    auto const config = configs != package_.config_arr->configs.end()
+    auto const config = configs != package_.config_arr->configs.end() && configs->second != nullptr
                             ? utility::support::ConfigOf(*configs->second, utility::support::BackendOf(options_))
                             : nullptr;
     if (config == nullptr) return {};
@@ -232,7 +252,7 @@ class Checker {
       ModelTrial trial(package_, options_);
       bool const known = std::all_of(trial.Inputs().begin(), trial.Inputs().end(),
                                      [&](ModelPort const& port) { return inputs.count(port.id) != 0; });
-      CheckNames(inputs, trial.Inputs());
+      if (!known && !inputs.empty()) trial.CheckNames(inputs);
       if (!known) return;
       auto const model = Chosen();
       trial.SetInputs(inputs);
@@ -242,20 +262,7 @@ class Checker {
         if (auto const unread = UnreadPart(record, *tensors[0])) Warn(trial.LayerId(layer), *unread);
       });
     } catch (std::exception const& refusal) {
-      std::string const text = utility::support::RefusalText(refusal);
-      std::string const name = "package: ";  // which the facade gives to records without a file
-      findings_.push_back({true, "", text.compare(0, name.size(), name) == 0 ? text.substr(name.size()) : text});
-    }
-  }
-
-  static void CheckNames(InputDims const& inputs, std::vector<ModelPort> const& ports) {
-    for (auto const& [id, dims] : inputs) {
-      bool const known =
-          std::any_of(ports.begin(), ports.end(), [&name = id](ModelPort const& port) { return port.id == name; });
-      if (known) continue;
-      std::vector<std::string> names;
-      for (ModelPort const& port : ports) names.push_back(port.id);
-      throw std::runtime_error("the model has no input \"" + id + "\"; it has " + Listed(names));
+      findings_.push_back({true, "", utility::support::RefusalText(refusal)});
     }
   }
 
@@ -267,8 +274,8 @@ class Checker {
 }  // namespace
 
 std::string TextOf(ModelFinding const& finding) {
-  return (finding.refused ? "refused: " : "warning: ") +
-         (finding.layer.empty() ? "" : "layer " + finding.layer + ": ") + finding.text;
+  return utility::support::OneLine((finding.refused ? "refused: " : "warning: ") +
+                                   (finding.layer.empty() ? "" : "layer " + finding.layer + ": ") + finding.text);
 }
 
 std::vector<ModelFinding> CheckModel(TLNModel& package, InputDims const& inputs, ModelOptions const& options) {

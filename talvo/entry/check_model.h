@@ -28,7 +28,8 @@ TALVO_API std::string TextOf(ModelFinding const& finding);
 /// that are not registered, with the nearest names; weights that are no numbers, and such as the binary form makes 0 or
 /// infinite. Then it builds the net and runs it once on tensors of 0.5 of these extents, in a context of its own, and
 /// looks at what arrives: what a layer refuses, and dense layers and convolutions that read a part of it. A model
-/// without a finding that is `refused` runs on these extents. Without the extents of every input nothing is run.
+/// without a finding that is `refused` runs on these extents. Without the extents of every input nothing is run. With
+/// `prefer_fused` the kernels of `package` are renamed, as Model does.
 TALVO_API std::vector<ModelFinding> CheckModel(runtime::TLNModel& package, InputDims const& inputs = {},
                                                ModelOptions const& options = {});
 
@@ -44,8 +45,9 @@ struct MemoryReport {
   unsigned long steady_bytes;       // ... when further runs take no more: a block may first serve a smaller tensor
 };
 
-/// Runs the model as CheckModel does, until its dynamic pool no longer grows, and tells to the byte what runs of an
-/// application on tensors of these extents take. Throws std::runtime_error, as Model and its Run.
+/// Runs the model as CheckModel does, until its dynamic pool no longer grows, and tells to the byte what runs on
+/// tensors of these extents take in an application that lets the results of a run go before the next. Throws
+/// std::runtime_error, as Model and its Run.
 TALVO_API MemoryReport MeasureMemory(runtime::TLNModel& package, InputDims const& inputs,
                                      ModelOptions const& options = {});
 

@@ -35,7 +35,14 @@ constexpr char const* kBackend = "arm";
 constexpr char const* kBackend = "x86";
 #endif
 
-[[noreturn]] void Refuse(std::string const& text) { throw std::runtime_error(text); }
+[[noreturn]] void Refuse(std::string const& text) { throw std::runtime_error(utility::support::OneLine(text)); }
+
+// The position of an id, or the length of the list.
+unsigned int PositionOf(std::string_view id, std::vector<std::string> const& ids) {
+  return static_cast<unsigned int>(std::find(ids.begin(), ids.end(), id) - ids.begin());
+}
+
+}  // namespace
 
 TensorShape::Layout LayoutOfRank(std::size_t rank) {
   switch (rank) {
@@ -49,13 +56,6 @@ TensorShape::Layout LayoutOfRank(std::size_t rank) {
       return TensorShape::FLEXIABLE;
   }
 }
-
-// The position of an id, or the length of the list.
-unsigned int PositionOf(std::string_view id, std::vector<std::string> const& ids) {
-  return static_cast<unsigned int>(std::find(ids.begin(), ids.end(), id) - ids.begin());
-}
-
-}  // namespace
 
 namespace utility::support {
 
@@ -107,8 +107,8 @@ std::vector<ModelFinding> UnknownKernels(TLModelInfo const& model, TLModelCfg co
 
 }  // namespace utility::support
 
-Model::Parts::Parts(TLNModel& file, std::string package_name, ModelOptions const& options)
-    : name(std::move(package_name)), context(options.context) {
+Model::Parts::Parts(TLNModel& file, std::string const& package_name, ModelOptions const& options)
+    : prefix(package_name.empty() ? "" : package_name + ": "), context(options.context) {
   if (context == nullptr) utility::create_context(context, kAlignment);
   utility::support::RegisterEverything(kernels, params);
   package->kernels = &kernels;
@@ -120,13 +120,15 @@ Model::Parts::Parts(TLNModel& file, std::string package_name, ModelOptions const
 }
 
 void Model::Parts::ChooseModel(TLNModel const& file, std::string const& wanted) {
+  if (file.model_arr == nullptr || file.config_arr == nullptr)
+    Refuse(prefix + "has no list of models or configurations");
   auto const& ids = file.model_arr->squential_ids;
-  if (ids.empty()) Refuse(name + ": holds no model");
+  if (ids.empty()) Refuse(prefix + "holds no model");
   if (wanted.empty() && ids.size() != 1) {
-    Refuse(name + ": holds " + std::to_string(ids.size()) + " models (" + Listed(ids) + "); name one of them");
+    Refuse(prefix + "holds " + std::to_string(ids.size()) + " models (" + Listed(ids) + "); name one of them");
   }
   id = wanted.empty() ? ids[0] : wanted;
-  if (PositionOf(id, ids) == ids.size()) Refuse(name + ": has no model \"" + id + "\"; it holds " + Listed(ids));
+  if (PositionOf(id, ids) == ids.size()) Refuse(prefix + "has no model \"" + id + "\"; it holds " + Listed(ids));
 }
 
 void Model::Parts::CheckVersion(TLNModel const& file) const {
@@ -136,32 +138,41 @@ void Model::Parts::CheckVersion(TLNModel const& file) const {
   if (utility::check_version(file.sdk_type, file.sdk_major_ver, file.sdk_minor_ver, needs) == 0) return;
   unsigned int major = 0, minor = 0;
   TLN_Get_Core_Version(major, minor);
-  Refuse(name + ": needs a runtime of version " + std::to_string(file.core_major_ver) + "." +
+  Refuse(prefix + "needs a runtime of version " + std::to_string(file.core_major_ver) + "." +
          std::to_string(file.core_minor_ver) + ", this one is " + std::to_string(major) + "." + std::to_string(minor));
 }
 
 void Model::Parts::BuildNet(TLNModel& file, ModelOptions const& options) {
   std::string const backend = utility::support::BackendOf(options);
-  auto const model = file.model_arr->models.at(id);
+  auto const found = file.model_arr->models.find(id);
+  if (found == file.model_arr->models.end() || found->second == nullptr)
+    Refuse(prefix + "model \"" + id + "\" has no record");
+  auto const model = found->second;
+  for (std::string const& layer : model->squential_ids) {
+    auto const record = model->layers.find(layer);
+    if (record == model->layers.end() || record->second == nullptr)
+      Refuse(prefix + "layer " + layer + ": there is no record of it");
+  }
   auto const configs = file.config_arr->configs.find(id);
-  if (configs == file.config_arr->configs.end()) Refuse(name + ": model \"" + id + "\" has no configurations");
+  if (configs == file.config_arr->configs.end() || configs->second == nullptr)
+    Refuse(prefix + "model \"" + id + "\" has no configurations");
   auto const config = utility::support::ConfigOf(*configs->second, backend);
-  if (config == nullptr) Refuse(name + ": model \"" + id + "\" has no configuration for \"" + backend + "\"");
+  if (config == nullptr) Refuse(prefix + "model \"" + id + "\" has no configuration for \"" + backend + "\"");
   if (options.prefer_fused) utility::PreferFusedKernels(*config);
   for (auto const& unknown :
        {utility::support::UnknownIds(*model), utility::support::UnknownKernels(*model, *config, kernels)}) {
-    if (!unknown.empty()) Refuse(name + ": " + utility::support::Sentence(unknown[0]));
+    if (!unknown.empty()) Refuse(prefix + utility::support::Sentence(unknown[0]));
   }
   try {
     utility::Load_Single_Net(package, model, configs->second, backend.c_str());
-  } catch (std::bad_alloc const& refusal) {
-    Refuse(name + ": " + RefusalText(refusal));
+  } catch (std::bad_alloc const&) {
+    throw;
   } catch (std::exception const& refusal) {
     std::string const text = RefusalText(refusal);
     // Most refusals name their layer. A kernel that only says false, or throws without a word, is looked for by
     // configuring each once more.
     bool const names_layer = text.find("layer ") != std::string::npos;
-    Refuse(name + ": " + (names_layer ? text : RefusedKernel(*model, *config) + (text.empty() ? "" : ": " + text)));
+    Refuse(prefix + (names_layer ? text : RefusedKernel(*model, *config) + (text.empty() ? "" : ": " + text)));
   }
   NamePorts(*model);
 }
@@ -202,7 +213,7 @@ void Model::Parts::NamePorts(TLModelInfo const& model) {
 unsigned int Model::Parts::LayerOf(std::string_view layer) const {
   unsigned int const position = PositionOf(layer, *layer_ids);
   if (position < layer_ids->size()) return position;
-  Refuse(name + ": model \"" + id + "\" has no layer \"" + std::string(layer) +
+  Refuse(prefix + "model \"" + id + "\" has no layer \"" + std::string(layer) +
          "\"; nearest: " + Listed(NearestNames(std::string(layer), *layer_ids)));
 }
 
@@ -212,7 +223,7 @@ std::string Model::Parts::KernelName(unsigned int layer) const {
 
 std::shared_ptr<Tensor> Model::Parts::TensorOf(ModelInput const& input) const {
   if (input.tensor != nullptr) return input.tensor;
-  if (input.values == nullptr) Refuse(name + ": input \"" + std::string(input.id) + "\" is null");
+  if (input.values == nullptr && ElementCount(input.dims) != 0) Refuse("is null");
   return context->device_cpu->CreateTensor(
       TensorShape(input.dims, TensorShape::FLOAT32, LayoutOfRank(input.dims.size()), TensorShape::MainMemory, {}),
       input.values);
@@ -222,40 +233,51 @@ void Model::Parts::SetInputs(std::vector<ModelInput> const& given, std::vector<u
   for (ModelInput const& input : given) {
     unsigned int const layer = LayerOf(input.id);
     if (package->net->layers[layer]->type != "Input") {
-      Refuse(name + ": layer \"" + std::string(input.id) + "\" is no input of the model");
+      Refuse(prefix + "layer \"" + std::string(input.id) + "\" is no input of the model");
     }
-    if (!package->inputs.emplace(layer, TensorOf(input)).second) {
-      Refuse(name + ": input \"" + std::string(input.id) + "\" is given twice");
+    std::shared_ptr<Tensor> tensor;
+    try {
+      tensor = TensorOf(input);
+    } catch (std::runtime_error const& refusal) {
+      Refuse(prefix + "input \"" + std::string(input.id) + "\": " + RefusalText(refusal));
+    }
+    if (!package->inputs.emplace(layer, std::move(tensor)).second) {
+      Refuse(prefix + "input \"" + std::string(input.id) + "\" is given twice");
     }
   }
   // An input behind the last output that is wanted is never reached by the walk.
   unsigned int const last = wanted.empty() ? 0 : *std::max_element(wanted.begin(), wanted.end());
   for (auto const& [input, layer] : package->net->input_ids) {
     if (layer > last || package->inputs.count(layer) != 0) continue;
-    Refuse(name + ": input \"" + input + "\" has no tensor");
+    Refuse(prefix + "input \"" + input + "\" has no tensor");
   }
 }
 
 ModelOutputs Model::Parts::Forward(std::vector<ModelInput> const& given, std::vector<unsigned int> const& wanted,
                                    std::vector<float>* times) {
-  package->inputs.clear();
+  // On every way out the caller's tensors are let go, and its next ones are long-lived again.
+  struct LetGo {
+    ~LetGo() {
+      parts.package->inputs.clear();
+      if (parts.context->device_cpu != nullptr) parts.context->device_cpu->use_dynamic_pool = false;
+    }
+    Parts& parts;
+  } const let_go{*this};
   SetInputs(given, wanted);
-  ModelOutputs results;
-  results.context_ = context;
-  results.ids_ = layer_ids;
   try {
-    results.tensors_ = package->net->Forward(package->inputs, wanted, context, times, nullptr);
-  } catch (std::exception const& refusal) {
-    package->inputs.clear();
-    Refuse(name + ": " + LayerRefusal(RefusalText(refusal)));
+    ModelOutputs results;
+    results.content_ = std::make_shared<ModelOutputs::Content>(
+        context, layer_ids, package->net->Forward(package->inputs, wanted, context, times, nullptr));
+    return results;
+  } catch (std::runtime_error const& refusal) {
+    Refuse(prefix + LayerRefusal(RefusalText(refusal)));
   }
-  package->inputs.clear();
-  return results;
 }
 
 // `refusal` is what the library said of the layer; the result names layer and kernel.
 std::string Model::Parts::LayerRefusal(std::string const& refusal) const {
   unsigned int const layer = runtime::support::RefusedLayer();
+  if (layer >= layer_ids->size()) return refusal;
   std::string const where = "layer " + (*layer_ids)[layer], kernel = KernelName(layer);
   if (refusal.empty()) return where + " (" + kernel + "): refuses its inputs";
   bool const names_kernel = refusal.find(kernel) != std::string::npos;
@@ -263,22 +285,36 @@ std::string Model::Parts::LayerRefusal(std::string const& refusal) const {
   return where + (names_kernel ? ": " : " (" + kernel + "): ") + refusal;
 }
 
-std::vector<std::shared_ptr<Tensor>> const& ModelOutputs::All(std::string_view id) const {
-  for (auto const& [layer, tensors] : tensors_) {
-    if ((*ids_)[layer] == id) return tensors;
+std::vector<std::shared_ptr<Tensor>> const& ModelOutputs::Content::All(std::string_view id) const {
+  for (auto const& [layer, made] : tensors) {
+    if ((*ids)[layer] == id) return made;
   }
   std::vector<std::string> names;
-  for (auto const& [layer, tensors] : tensors_) names.push_back((*ids_)[layer]);
+  for (auto const& [layer, made] : tensors) names.push_back((*ids)[layer]);
   Refuse("there is no output \"" + std::string(id) + "\"; the run gave " + Listed(names));
 }
 
-Tensor const& ModelOutputs::operator[](std::string_view id) const {
-  auto const& tensors = All(id);
-  if (tensors.empty() || tensors[0] == nullptr) Refuse("output \"" + std::string(id) + "\" has no tensor");
-  return *tensors[0];
+Tensor const& ModelOutputs::At(std::string_view id, std::size_t index) const {
+  if (content_ == nullptr) Refuse("there is no output \"" + std::string(id) + "\"; there was no run");
+  auto const& tensors = content_->All(id);
+  if (index >= tensors.size() || tensors[index] == nullptr) {
+    Refuse("output \"" + std::string(id) + "\" has no tensor " + std::to_string(index));
+  }
+  return *tensors[index];
 }
 
-float const* ModelOutputs::Values(std::string_view id) const {
+Tensor const& ModelOutputs::operator[](std::string_view id) const { return At(id, 0); }
+
+std::size_t ModelOutputs::TensorCount(std::string_view id) const {
+  return content_ == nullptr ? 0 : content_->All(id).size();
+}
+
+std::string const& ModelOutputs::Id(std::string_view id) const {
+  At(id, 0);
+  return *std::find(content_->ids->begin(), content_->ids->end(), id);
+}
+
+float const* ModelOutputs::Values(std::string_view id) const& {
   Tensor const& tensor = (*this)[id];
   if (tensor.shape.data_type != TensorShape::FLOAT32) Refuse("output \"" + std::string(id) + "\" is not of float32");
   return static_cast<float const*>(tensor.data);
@@ -291,41 +327,50 @@ std::vector<unsigned int> const& ModelOutputs::Dims(std::string_view id) const {
 Model::Model(std::string const& path, ModelOptions const& options)
     : parts_(std::make_unique<Parts>(*utility::OpenPackage(path), path, options)) {}
 
-Model::Model(void const* bytes, std::size_t size, ModelOptions const& options)
-    : parts_(std::make_unique<Parts>(*utility::OpenPackage(bytes, size, "package"), "package", options)) {}
-
 Model::Model(runtime::TLNModel& package, ModelOptions const& options)
-    : parts_(std::make_unique<Parts>(package, "package", options)) {}
+    : parts_(std::make_unique<Parts>(package, "", options)) {}
+
+Model::Model(std::unique_ptr<Parts> parts) : parts_(std::move(parts)) {}
+
+Model Model::FromBytes(void const* bytes, std::size_t size, ModelOptions const& options) {
+  char const* const name = "package";
+  return Model(std::make_unique<Parts>(*utility::OpenPackage(bytes, size, name), name, options));
+}
 
 Model::Model(Model&&) noexcept = default;
 Model& Model::operator=(Model&&) noexcept = default;
 Model::~Model() = default;
 
-std::string const& Model::Id() const { return parts_->id; }
-std::vector<ModelPort> const& Model::Inputs() const { return parts_->inputs; }
-std::vector<ModelPort> const& Model::Outputs() const { return parts_->outputs; }
-std::shared_ptr<runtime::Context> const& Model::Context() const { return parts_->context; }
+Model::Parts& Model::Opened() const {
+  if (parts_ == nullptr) Refuse("the model was moved away");
+  return *parts_;
+}
+
+std::string const& Model::Id() const { return Opened().id; }
+std::vector<ModelPort> const& Model::Inputs() const { return Opened().inputs; }
+std::vector<ModelPort> const& Model::Outputs() const { return Opened().outputs; }
+std::shared_ptr<runtime::Context> const& Model::Context() const { return Opened().context; }
 
 ModelOutputs Model::Run(std::vector<ModelInput> const& inputs, std::vector<std::string> const& outputs) {
-  if (outputs.empty()) return parts_->Forward(inputs, parts_->package->output_ids, nullptr);
+  if (outputs.empty()) return Opened().Forward(inputs, Opened().package->output_ids, nullptr);
   std::vector<unsigned int> wanted;
   for (std::string const& id : outputs) {
-    unsigned int const layer = parts_->LayerOf(id);
+    unsigned int const layer = Opened().LayerOf(id);
     if (std::find(wanted.begin(), wanted.end(), layer) == wanted.end()) wanted.push_back(layer);
   }
-  return parts_->Forward(inputs, wanted, nullptr);
+  return Opened().Forward(inputs, wanted, nullptr);
 }
 
 std::vector<LayerTime> Model::Profile(std::vector<ModelInput> const& inputs) {
   std::vector<float> times;
-  auto const results = parts_->Forward(inputs, parts_->package->output_ids, &times);
+  auto const results = Opened().Forward(inputs, Opened().package->output_ids, &times);
   std::vector<LayerTime> layers;
   for (unsigned int layer = 0; layer < times.size(); ++layer) {
-    layers.push_back({(*parts_->layer_ids)[layer], parts_->KernelName(layer), times[layer]});
+    layers.push_back({(*Opened().layer_ids)[layer], Opened().KernelName(layer), times[layer]});
   }
   return layers;
 }
 
-void Model::Reset() { utility::ResetRNNState(*parts_->package->net); }
+void Model::Reset() { utility::ResetRNNState(*Opened().package->net); }
 
 }  // namespace talvo

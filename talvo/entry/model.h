@@ -11,7 +11,6 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "talvo/runtime/context.h"
@@ -59,30 +58,37 @@ struct ModelInput {
   std::vector<unsigned int> dims;
 };
 
-/// The results of one run. They may outlive the model; they belong to its thread.
+/// The layout that floats of a rank get: 1 C, 2 SC, 3 CHW, otherwise FLEXIABLE.
+TALVO_API runtime::TensorShape::Layout LayoutOfRank(std::size_t rank);
+
+/// The results of one run. They may outlive the model, and copies share them; they belong to the model's thread.
 class TALVO_API ModelOutputs {
  public:
   /// The first tensor of an output layer. Throws std::runtime_error, with the outputs that there are: no such output.
   runtime::Tensor const& operator[](std::string_view id) const;
-  /// All tensors of an output layer. Throws as above.
-  std::vector<std::shared_ptr<runtime::Tensor>> const& All(std::string_view id) const;
+  /// Tensor `index` of an output layer that has `TensorCount` of them. Throws as above.
+  runtime::Tensor const& At(std::string_view id, std::size_t index) const;
+  std::size_t TensorCount(std::string_view id) const;
   /// The elements of the first tensor, as many as `Count`. Throws as above, and for a tensor that is not of float32.
-  float const* Values(std::string_view id) const;
+  float const* Values(std::string_view id) const&;
+  float const* Values(std::string_view id) const&& = delete;  // the results would be gone
   std::size_t Count(std::string_view id) const;
   std::vector<unsigned int> const& Dims(std::string_view id) const;
 
+  /// The id as the model keeps it. Throws as above.
+  std::string const& Id(std::string_view id) const;
+
  private:
   friend class Model;
-  using ByLayer = std::unordered_map<unsigned int, std::vector<std::shared_ptr<runtime::Tensor>>>;
+  struct Content;
 
-  std::shared_ptr<runtime::Context> context_;  // outlives the tensors below
-  std::shared_ptr<std::vector<std::string> const> ids_;
-  ByLayer tensors_;
+  std::shared_ptr<Content const> content_;
 };
 
 /// A runnable model. Movable. A model, its context and its results belong to one thread at a time; models of several
 /// threads have a context each. Everything that is refused is a std::runtime_error with one line that names file and
-/// layer, with what came and what is needed.
+/// layer, with what came and what is needed; memory that runs out is that or std::bad_alloc. A model that was moved
+/// from refuses every call but an assignment.
 class TALVO_API Model {
  public:
   /// Reads a ".tlnmodel" or ".json" package, once. Refused: what OpenPackage refuses; a package for a newer runtime; no
@@ -90,7 +96,7 @@ class TALVO_API Model {
   /// nearest names; a layer that its kernel refuses.
   explicit Model(std::string const& path, ModelOptions const& options = {});
   /// The same from the bytes of a package, read during the call.
-  Model(void const* bytes, std::size_t size, ModelOptions const& options = {});
+  static Model FromBytes(void const* bytes, std::size_t size, ModelOptions const& options = {});
   /// The same from records, of which it keeps none; with `prefer_fused` their kernels are renamed.
   explicit Model(runtime::TLNModel& package, ModelOptions const& options = {});
   Model(Model&&) noexcept;
@@ -100,7 +106,8 @@ class TALVO_API Model {
   std::string const& Id() const;
   std::vector<ModelPort> const& Inputs() const;
   std::vector<ModelPort> const& Outputs() const;
-  /// The context whose device makes tensors for this model.
+  /// The context whose device makes tensors for this model. Who keeps such a tensor longer than the model keeps the
+  /// context too.
   std::shared_ptr<runtime::Context> const& Context() const;
 
   /// Runs the net. `inputs`: one for each input layer that stands before the last wanted output. `outputs`: ids of
@@ -115,6 +122,9 @@ class TALVO_API Model {
  private:
   friend class ModelTrial;
   struct Parts;
+  explicit Model(std::unique_ptr<Parts> parts);
+  Parts& Opened() const;
+
   std::unique_ptr<Parts> parts_;
 };
 

@@ -4,6 +4,8 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "talvo/entry/check_model.h"
@@ -31,8 +33,22 @@ std::vector<ModelFinding> UnknownKernels(runtime::TLModelInfo const& model, runt
 
 namespace talvo {
 
+struct ModelOutputs::Content {
+  using ByLayer = std::unordered_map<unsigned int, std::vector<std::shared_ptr<runtime::Tensor>>>;
+
+  Content(std::shared_ptr<runtime::Context> const& maker, std::shared_ptr<std::vector<std::string> const> const& names,
+          ByLayer results)
+      : context(maker), ids(names), tensors(std::move(results)) {}
+
+  std::vector<std::shared_ptr<runtime::Tensor>> const& All(std::string_view id) const;
+
+  std::shared_ptr<runtime::Context> const context;  // outlives the tensors
+  std::shared_ptr<std::vector<std::string> const> const ids;
+  ByLayer const tensors;
+};
+
 struct Model::Parts {
-  Parts(runtime::TLNModel& file, std::string package_name, ModelOptions const& options);
+  Parts(runtime::TLNModel& file, std::string const& package_name, ModelOptions const& options);
   Parts(Parts const&) = delete;
   Parts& operator=(Parts const&) = delete;
 
@@ -50,8 +66,8 @@ struct Model::Parts {
                        std::vector<float>* times);
   std::string LayerRefusal(std::string const& refusal) const;
 
-  std::string name;  // of the package, in refusals
-  std::string id;    // of the model
+  std::string const prefix;  // "NAME: " in refusals, or nothing for records without a name
+  std::string id;            // of the model
   std::vector<ModelPort> inputs, outputs;
   std::shared_ptr<std::vector<std::string> const> layer_ids;
 

@@ -58,6 +58,13 @@ std::string RefusalText(std::exception const& refusal) {
   return text;
 }
 
+std::string OneLine(std::string text) {
+  for (char& character : text) {
+    if (static_cast<unsigned char>(character) < ' ' || character == 0x7F) character = ' ';
+  }
+  return text;
+}
+
 std::string Listed(std::vector<std::string> const& texts) {
   std::string list;
   for (std::string const& text : texts) list.append(list.empty() ? "" : ", ").append(text);

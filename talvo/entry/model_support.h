@@ -18,6 +18,9 @@ std::string RefusalText(std::exception const& refusal);
 std::shared_ptr<runtime::TLModelCfg> ConfigOf(runtime::TLModelMultiBackendCfgs const& configs,
                                               std::string const& backend);
 
+/// A text with blanks for line breaks and other control characters, which ids and paths may hold.
+std::string OneLine(std::string text);
+
 /// "a, b, c", or "none".
 std::string Listed(std::vector<std::string> const& texts);
 

@@ -99,8 +99,8 @@ std::shared_ptr<TLNModel> Named(std::string const& name, Read read) {
   auto package = std::make_shared<TLNModel>();
   try {
     read(*package);
-  } catch (std::exception const& refusal) {
-    throw std::runtime_error(name + ": " + support::RefusalText(refusal));
+  } catch (std::runtime_error const& refusal) {
+    throw std::runtime_error(support::OneLine(name + ": " + support::RefusalText(refusal)));
   }
   return package;
 }

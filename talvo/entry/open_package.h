@@ -11,7 +11,7 @@
 namespace talvo::utility {
 
 /// Reads a ".tlnmodel" or ".json" file once. Throws std::runtime_error: "PATH: " and what is wrong with it, in a binary
-/// file with the byte, in a text that does not parse with line and column. Versions are not judged.
+/// file with the byte, in a text that does not parse with line and column; std::bad_alloc. Versions are not judged.
 TALVO_API std::shared_ptr<runtime::TLNModel> OpenPackage(std::string const& path);
 
 /// The same from `size` bytes, which are read during the call; those that begin with a brace are JSON. `name` stands in

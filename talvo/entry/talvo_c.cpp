@@ -1,6 +1,7 @@
 #include "talvo/talvo_c.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <new>
 #include <stdexcept>
@@ -16,6 +17,7 @@
 #include "talvo/entry/open_package.h"
 #include "talvo/runtime/device_cpu.h"
 #include "talvo/runtime/tensor_cpu.h"
+#include "talvo/utility/log.h"
 
 struct talvo_model {
   explicit talvo_model(talvo::Model opened) : model(std::move(opened)) {}
@@ -31,21 +33,14 @@ using talvo::ModelInput;
 using talvo::runtime::Tensor;
 using talvo::runtime::TensorShape;
 
-thread_local std::string last_error;
+thread_local char last_error[1024];  // an error may be that there is no memory
 
 // A mistake of the caller's program, not of its data.
 struct BadArgument : std::runtime_error {
   using runtime_error::runtime_error;
 };
 
-// Texts are cut rather than lost where memory has run out.
-void KeepError(char const* text) noexcept {
-  try {
-    last_error = text;
-  } catch (std::bad_alloc const&) {
-    last_error.clear();
-  }
-}
+void KeepError(char const* text) noexcept { std::snprintf(last_error, sizeof last_error, "%s", text); }
 
 template <class Action>
 talvo_status Guard(Action action) noexcept {
@@ -70,10 +65,33 @@ void Need(bool good, char const* text) {
   if (!good) throw BadArgument(text);
 }
 
-// A struct of the caller: there, and as large as in the first version.
+// Sizes of the structs in the first version, the least that an application has. They stay when fields are added.
+template <class Struct>
+constexpr size_t kFirstSize = 0;
+template <>
+constexpr size_t kFirstSize<talvo_options> = sizeof(size_t) + 2 * sizeof(char*) + sizeof(size_t);
+template <>
+constexpr size_t kFirstSize<talvo_tensor> = sizeof(size_t) + 2 * sizeof(char*) + sizeof(uint32_t) * (3 + 8) +
+                                            (sizeof(size_t) - 4) + sizeof(size_t);
+template <>
+constexpr size_t kFirstSize<talvo_layer_time> = 2 * sizeof(size_t) + 2 * sizeof(char*);
+constexpr size_t kMostBytes = 4096;  // no version is larger: what is, was never set
+
+// A struct of the caller, of this version or another.
 template <class Struct>
 void NeedStruct(Struct const* argument, char const* text) {
-  Need(argument != nullptr && argument->size >= sizeof(Struct), text);
+  static_assert(sizeof(Struct) >= kFirstSize<Struct>);
+  Need(argument != nullptr && argument->size >= kFirstSize<Struct> && argument->size <= kMostBytes &&
+           argument->size % alignof(Struct) == 0,
+       text);
+}
+
+// As this version knows it: fields that the caller's version lacks are 0.
+template <class Struct>
+Struct Known(Struct const& argument) {
+  Struct known{};
+  std::memcpy(&known, &argument, std::min(argument.size, sizeof known));
+  return known;
 }
 
 constexpr char kTensorSize[] = "talvo_tensor: set its size, with TALVO_TENSOR_INIT";
@@ -89,20 +107,21 @@ Struct& Element(Struct* array, size_t index, char const* text) {
   return *element;
 }
 
-// Everything but the size, which stays the application's.
+// Everything that the application's version has, but the size.
 template <class Struct>
 void Fill(Struct& target, Struct values) {
   values.size = target.size;
-  target = values;
+  std::memcpy(&target, &values, std::min(target.size, sizeof values));
 }
 
-talvo::ModelOptions OptionsOf(talvo_options const* options) {
+talvo::ModelOptions OptionsOf(talvo_options const* given) {
   talvo::ModelOptions result;
-  if (options == nullptr) return result;
-  NeedStruct(options, "talvo_options: set its size, with TALVO_OPTIONS_INIT");
-  if (options->model != nullptr) result.model = options->model;
-  if (options->backend != nullptr) result.backend = options->backend;
-  result.prefer_fused = options->prefer_fused != 0;
+  if (given == nullptr) return result;
+  NeedStruct(given, "talvo_options: set its size, with TALVO_OPTIONS_INIT");
+  talvo_options const options = Known(*given);
+  if (options.model != nullptr) result.model = options.model;
+  if (options.backend != nullptr) result.backend = options.backend;
+  result.prefer_fused = options.prefer_fused != 0;
   return result;
 }
 
@@ -129,20 +148,19 @@ talvo_status DescribePort(std::vector<talvo::ModelPort> const& ports, size_t ind
   return TALVO_OK;
 }
 
-int32_t LayoutOfRank(uint32_t rank) {
-  return rank == 1   ? TensorShape::C
-         : rank == 2 ? TensorShape::SC
-         : rank == 3 ? TensorShape::CHW
-                     : TensorShape::FLEXIABLE;
+void CheckInput(talvo_tensor const& input) {
+  Need(input.id != nullptr && (input.data != nullptr || input.bytes == 0),
+       "an input needs the id of its layer, and data");
+  Need(input.rank <= TALVO_MAXIMUM_RANK, "an input has more than 8 extents");
 }
 
 ModelInput InputOf(talvo::Model& model, talvo_tensor const& input) {
-  Need(input.id != nullptr && input.data != nullptr, "an input needs the id of its layer, and data");
-  Need(input.rank <= TALVO_MAXIMUM_RANK, "an input has more than 8 extents");
+  CheckInput(input);
   std::string const who = "input \"" + std::string(input.id) + "\": ";
-  if (input.data_type > TALVO_UINT8) throw std::runtime_error(who + "data type " + std::to_string(input.data_type));
+  if (input.data_type > TALVO_UINT8)
+    throw std::runtime_error(who + "there is no data type " + std::to_string(input.data_type));
   TensorShape const shape(std::vector<unsigned int>(input.dims, input.dims + input.rank), input.data_type,
-                          static_cast<unsigned int>(input.layout < 0 ? LayoutOfRank(input.rank) : input.layout),
+                          input.layout < 0 ? talvo::LayoutOfRank(input.rank) : static_cast<unsigned int>(input.layout),
                           TensorShape::MainMemory, {});
   if (ByteCount(shape) != input.bytes) {
     throw std::runtime_error(who + std::to_string(input.bytes) + " bytes, dims " +
@@ -154,7 +172,7 @@ ModelInput InputOf(talvo::Model& model, talvo_tensor const& input) {
 std::vector<ModelInput> InputsOf(talvo::Model& model, talvo_tensor const* inputs, size_t count) {
   Need(inputs != nullptr || count == 0, "the inputs are null");
   std::vector<ModelInput> result;
-  for (size_t i = 0; i < count; ++i) result.push_back(InputOf(model, Element(inputs, i, kTensorSize)));
+  for (size_t i = 0; i < count; ++i) result.push_back(InputOf(model, Known(Element(inputs, i, kTensorSize))));
   return result;
 }
 
@@ -177,7 +195,11 @@ Tensor const& ResultOf(talvo_model const* model, char const* id) {
 
 }  // namespace
 
-char const* talvo_last_error(void) { return last_error.c_str(); }
+char const* talvo_last_error(void) { return last_error; }
+
+void talvo_set_log(int (*sink)(char const* line)) {
+  talvo::utility::SetLogCallback(sink != nullptr ? sink : [](char const*) { return 0; });
+}
 
 void talvo_version(uint32_t* major, uint32_t* minor) {
   unsigned int numbers[2] = {0, 0};
@@ -195,8 +217,10 @@ talvo_status talvo_model_open(char const* path, talvo_options const* options, ta
 
 talvo_status talvo_model_open_bytes(void const* bytes, size_t count, talvo_options const* options,
                                     talvo_model** model) {
-  return OpenModel(options, model,
-                   [&](talvo::ModelOptions const& chosen) { return talvo::Model(bytes, count, chosen); });
+  return OpenModel(options, model, [&](talvo::ModelOptions const& chosen) {
+    Need(bytes != nullptr, "the bytes are null");
+    return talvo::Model::FromBytes(bytes, count, chosen);
+  });
 }
 
 void talvo_model_close(talvo_model* model) { delete model; }
@@ -231,8 +255,9 @@ talvo_status talvo_model_run(talvo_model* model, talvo_tensor const* inputs, siz
       Need(outputs[i] != nullptr, "the id of an output is null");
       ids.emplace_back(outputs[i]);
     }
+    auto const tensors = InputsOf(model->model, inputs, input_count);  // copies what may be results
     model->results = {};
-    model->results = model->model.Run(InputsOf(model->model, inputs, input_count), ids);
+    model->results = model->model.Run(tensors, ids);
     return TALVO_OK;
   });
 }
@@ -244,7 +269,7 @@ talvo_status talvo_model_result(talvo_model const* model, char const* id, talvo_
     TensorShape const& shape = tensor.shape;
     if (shape.dims.size() > TALVO_MAXIMUM_RANK) throw std::runtime_error("the result has more than 8 extents");
     Fill<talvo_tensor>(*result, TALVO_TENSOR_INIT);
-    result->id = id;
+    result->id = model->results.Id(id).c_str();
     result->data_type = shape.data_type;
     result->layout = static_cast<int32_t>(shape.layout);
     result->rank = static_cast<uint32_t>(shape.dims.size());
@@ -267,8 +292,10 @@ talvo_status talvo_model_profile(talvo_model* model, talvo_tensor const* inputs,
   return Guard([&] {
     Need(model != nullptr && count != nullptr, "the model or the place for the count is null");
     Need(times != nullptr || capacity == 0, "the times are null");
+    for (size_t i = 0; i < capacity; ++i) Element(times, i, kTimeSize);
+    auto const tensors = InputsOf(model->model, inputs, input_count);
     model->results = {};
-    model->times = model->model.Profile(InputsOf(model->model, inputs, input_count));
+    model->times = model->model.Profile(tensors);
     *count = model->times.size();
     for (size_t i = 0; i < std::min(capacity, *count); ++i) {
       talvo::LayerTime const& time = model->times[i];
@@ -286,7 +313,7 @@ talvo_status talvo_package_check(char const* path, talvo_options const* options,
     Need(shapes != nullptr || shape_count == 0, "the shapes are null");
     talvo::InputDims dims;
     for (size_t i = 0; i < shape_count; ++i) {
-      talvo_tensor const& shape = Element(shapes, i, kTensorSize);
+      talvo_tensor const shape = Known(Element(shapes, i, kTensorSize));
       Need(shape.id != nullptr && shape.rank <= TALVO_MAXIMUM_RANK, "a shape needs the id of its layer, and a rank");
       dims[shape.id].assign(shape.dims, shape.dims + shape.rank);
     }

@@ -206,22 +206,22 @@ std::unordered_map<unsigned int, Tensors> Net::Forward(
   device.use_dynamic_pool = device.dynamic_pool != nullptr;
   EmptyAndReserve(layer_times_ms, layers.size());
   EmptyAndReserve(gpu_times_ms, layers.size());
-  Walk walk(*this, inputs, output_ids, context);
-  unsigned int index = 0;
+  unsigned int index = static_cast<unsigned int>(layers.size());
   try {
-    for (; index < layers.size() && !walk.Done(); ++index) {
+    Walk walk(*this, inputs, output_ids, context);
+    for (index = 0; index < layers.size() && !walk.Done(); ++index) {
       if (gpu_times_ms != nullptr && layers[index] != nullptr) LogUnprofiledInput(*layers[index]);
       double const start = layer_times_ms != nullptr ? utility::get_time_in_ms() : -1.0;
       walk.Run(index);
       if (layer_times_ms != nullptr) layer_times_ms->push_back(static_cast<float>(utility::get_time_in_ms() - start));
       if (gpu_times_ms != nullptr) gpu_times_ms->push_back(0.0f);
     }
+    device.use_dynamic_pool = false;
+    return walk.TakeResult();
   } catch (...) {
     refused_layer = index;
     throw;
   }
-  device.use_dynamic_pool = false;
-  return walk.TakeResult();
 }
 
 }  // namespace talvo::runtime

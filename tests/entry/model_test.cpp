@@ -58,7 +58,7 @@ TEST(Model, GivesWhatTheLongWayGives) {
     std::string const bytes{std::istreambuf_iterator<char>(file), {}};
     std::vector<Model> models;
     models.emplace_back(kSmall + form);
-    models.emplace_back(bytes.data(), bytes.size());
+    models.push_back(Model::FromBytes(bytes.data(), bytes.size()));
     for (Model& model : models) {
       auto const results = model.Run({{"picture", picture.data(), {3, 8, 8}}});
       for (std::size_t i = 0; i < want.size(); ++i) {
@@ -86,8 +86,10 @@ TEST(Model, ServesInnerLayersSharedContextsAndResultsThatOutliveIt) {
     EXPECT_EQ(tensor.use_count(), 1) << "inputs are let go";
     first = std::move(second);
     EXPECT_EQ(first.Run({{"picture", tensor}}).Dims("classes"), std::vector<unsigned int>{5});
+    EXPECT_EQ(RefusalOf([&] { second.Run({{"picture", tensor}}); }), "the model was moved away");
+    kept = first.Run({{"picture", tensor}}, {inner, "classes"});  // the tensors before go with their context
   }
-  EXPECT_EQ(test::Values(*kept.All("classes").at(0)).size(), 5u);
+  EXPECT_EQ(test::Values(kept["classes"]).size(), 5u);
   EXPECT_FALSE(want.empty());
 }
 
@@ -110,11 +112,14 @@ TEST(Model, RefusesRunsInWords) {
        std::vector<std::tuple<std::vector<ModelInput>, std::vector<std::string>, std::string>>{
            {{}, {}, "input \"picture\" has no tensor"},
            {{whole, whole}, {}, "input \"picture\" is given twice"},
-           {{{"picture", nullptr}}, {}, "input \"picture\" is null"},
+           {{{"picture", nullptr}}, {}, "input \"picture\": is null"},
            {{{"pictures", picture.data(), {3, 8, 8}}},
             {},
             "model \"small\" has no layer \"pictures\"; nearest: picture, features"},
            {{whole, {"classes", picture.data(), {1}}}, {}, "layer \"classes\" is no input of the model"},
+           {{{"picture", picture.data(), {70000, 70000, 3}}},
+            {},
+            "input \"picture\": tensor of dims [70000, 70000, 3] and 4 bytes an element: more than 4294967295 bytes"},
            {{whole}, {"clases"}, "model \"small\" has no layer \"clases\"; nearest: classes"}}) {
     EXPECT_EQ(RefusalOf([&, &i = inputs, &o = outputs] { model.Run(i, o); }), path + want);
   }
@@ -143,8 +148,11 @@ TEST(Model, RefusesPackagesInWords) {
             "p.tlnmodel: layer conv (Conv2dInfo): its kernel ReLU_Fallback_Float_M1 refuses the layer's record");
   EXPECT_EQ(RefusalOf([] { Model("none.tlnmodel"); }), "none.tlnmodel: cannot be opened: No such file or directory");
   EXPECT_EQ(RefusalOf([] { Model("none"); }), "none: a package ends in .tlnmodel or .json");
-  EXPECT_EQ(RefusalOf([] { Model("{\n \"a\": ,\n}", 11); }), "package: no JSON: line 2, column 7: Invalid value.");
-  EXPECT_EQ(RefusalOf([] { Model("\x2f\x4e\0\0", 4); }).find("package: at byte 4 of 4, where it is cut short: "), 0u);
+  EXPECT_EQ(RefusalOf([] { Model::FromBytes("{\n \"a\": ,\n}", 11); }),
+            "package: no JSON: line 2, column 7: Invalid value.");
+  EXPECT_EQ(
+      RefusalOf([] { Model::FromBytes("\x2f\x4e\0\0", 4); }).find("package: at byte 4 of 4, where it is cut short: "),
+      0u);
 }
 
 }  // namespace

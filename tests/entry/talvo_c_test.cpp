@@ -78,7 +78,7 @@ TEST_F(CInterface, SaysWhatIsWrong) {
   EXPECT_EQ(refused(talvo_model_run(model_, nullptr, 0, nullptr, 0)),
             "1: fuzz/corpus/run_package/small.json: input \"picture\" has no tensor");
   EXPECT_EQ(refused(talvo_model_copy(model_, "classes", nullptr, 0, nullptr)),
-            "1: there is no output \"classes\"; the run gave none");
+            "1: there is no output \"classes\"; there was no run");
 }
 
 // An application of a later version, whose structs have a field more.

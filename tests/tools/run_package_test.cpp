@@ -103,7 +103,7 @@ TEST_F(RunPackageTest, BothFormsGiveTheSameBits) {
 TEST_F(RunPackageTest, ChecksAPackageAndTellsItsMemory) {
   ModelBuilder small = test::SmallModel();
   Save(*small.Package("small"), "good.tlnmodel");
-  EXPECT_EQ(RunWell("good.tlnmodel --check --input picture=in.npy").out, "");
+  EXPECT_EQ(RunWell("good.tlnmodel --check --input picture=in.npy").out, "nothing found\ntried on picture [3, 8, 8]\n");
   ExpectHolds(RunWell("good.tlnmodel --memory --shape picture=3x8x8").out,
               {"picture", "[2, 8, 8]", "the dynamic pool takes "});
   small.model->layers.at("conv")->input_ids = {"pictur"};
@@ -111,7 +111,7 @@ TEST_F(RunPackageTest, ChecksAPackageAndTellsItsMemory) {
   Result const bad = Run("bad.tlnmodel --check");
   EXPECT_EQ(bad.status, 1);
   ExpectHolds(bad.out, {"refused: layer conv: reads \"pictur\", which no layer is called; nearest: picture\n"});
-  EXPECT_EQ(bad.err, "run_package: bad.tlnmodel: does not run as it is\n");
+  EXPECT_EQ(bad.err, "run_package: bad.tlnmodel: has faults\n");
   EXPECT_EQ(Run("good.tlnmodel --memory --shape picture=3x0x8").status, 2);
 }
 

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <new>
+#include <ostream>
 
 namespace tools {
 namespace {
@@ -53,6 +54,10 @@ int RunProgram(char const* name, char const* usage, std::function<void()> const&
     ReportError(name, "ended by something that is no std::exception");
   }
   return 1;
+}
+
+void Flush(std::ostream& out) {
+  if (!out.flush()) throw std::runtime_error("standard output cannot be written");
 }
 
 std::string Message(std::exception const& refusal, std::string const& silent) {

@@ -3,6 +3,7 @@
 
 #include <exception>
 #include <functional>
+#include <iosfwd>
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -30,6 +31,9 @@ struct CommandLine {
 /// Runs `program` and returns its exit status. Whatever it throws becomes one line on standard error and status 1; a
 /// UsageError is followed by `usage` and gives 2.
 int RunProgram(char const* name, char const* usage, std::function<void()> const& program);
+
+/// Writes out what is printed. Throws std::runtime_error where it does not arrive.
+void Flush(std::ostream& out);
 
 /// The text of an exception of the library, without tag and newline; `silent` where there is none.
 std::string Message(std::exception const& refusal, std::string const& silent = "");

@@ -40,15 +40,14 @@ void ParseShape(std::string const& word, Arguments& arguments) {
   auto const equals = word.find('=');
   std::vector<unsigned int> dims;
   char const* at = equals == std::string::npos ? "" : word.c_str() + equals + 1;
-  do {
-    char* end = nullptr;
+  for (char* end = nullptr;; at = end + 1) {
     unsigned long const extent = *at >= '0' && *at <= '9' ? std::strtoul(at, &end, 10) : 0;
     if (extent == 0 || extent > kMaximumExtent || (*end != 'x' && *end != '\0')) {
       throw UsageError("--shape takes LAYER=1x28x28, not \"" + word + "\"");
     }
     dims.push_back(static_cast<unsigned int>(extent));
-    at = end + (*end == 'x');
-  } while (*at != '\0');
+    if (*end == '\0') break;
+  }
   arguments.shapes[word.substr(0, equals)] = dims;
 }
 
@@ -93,6 +92,11 @@ Arguments ParseArguments(int count, char const* const* words) {
   };
   line.Read(count, words);
   if (arguments.package.empty()) throw UsageError("no package was given");
+  bool const looks = arguments.check || arguments.memory;
+  if (arguments.check && arguments.memory) throw UsageError("--check or --memory, not both");
+  if (looks && (arguments.runs.size() > 1 || !arguments.outputs.empty() || arguments.list || arguments.profile))
+    throw UsageError("--check and --memory take inputs and shapes alone");
+  if (!looks && !arguments.shapes.empty()) throw UsageError("--shape goes with --check or --memory");
   return arguments;
 }
 

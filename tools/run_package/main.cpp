@@ -26,19 +26,14 @@ void RunAll(run_package::Arguments const& arguments, run_package::Session& sessi
 }
 
 void Run(run_package::Arguments const& arguments) {
-  if (arguments.check) {
-    bool const good = run_package::PrintFindings(run_package::Check(arguments), std::cout);
-    if (!good) throw std::runtime_error(arguments.package + ": does not run as it is");
-    return;
-  }
-  if (arguments.memory) return run_package::ReportMemory(arguments, std::cout);
+  if (arguments.check || arguments.memory) return run_package::LookAt(arguments, std::cout);
   run_package::Session session(arguments);
   if (arguments.list) {
     run_package::Describe(session.File(), std::cout);
   } else {
     RunAll(arguments, session);
   }
-  if (!std::cout.flush()) throw std::runtime_error("standard output cannot be written");
+  tools::Flush(std::cout);
   for (std::string const& warning : run_package::Session::Warnings()) std::fprintf(stderr, "%s\n", warning.c_str());
 }
 
