@@ -72,5 +72,5 @@ for header in sorted(pathlib.Path(sys.argv[1]).rglob("*.h")):
             keep(f"decltype({name})", name)
         continue
     code = re.sub(r"//.*|^\s*#.*$", "", text.replace("\\\n", " "), flags=re.M)
-    block(re.sub(r'"[^"\n]*"', '""', code))
+    block(re.sub(r'"[^"\n]*"', '""', code).replace("= {}", "= 0"))  # a default value is no block
 print("\n".join(out))
