@@ -428,6 +428,8 @@ TEST(ConvertOnnx, RefusesBadFilesInOneLineAndWritesNothing) {
        })},
       {"an opset of tomorrow", "opset 900",
        changed([](Model& m, Graph&) { m.mutable_opset_import(0)->set_version(900); })},
+      {"a name of two lines", "two?lines",
+       changed([](Model&, Graph& g) { g.mutable_node(0)->set_input(0, "two\nlines"); })},
       {"an unknown operator", "no layers for this operator",
        changed([](Model&, Graph& g) { g.mutable_node(0)->set_op_type("Loop"); })},
       {"an open shape", "give one with --shape", changed([](Model&, Graph& g) {

@@ -1,6 +1,7 @@
 #include "tools/convert_onnx/array.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -109,11 +110,20 @@ void DecodeFields(TensorProto const& tensor, std::vector<double>& values) {
   for (int const v : tensor.int32_data()) values.push_back(half ? HalfBits(static_cast<unsigned short>(v)) : v);
 }
 
+std::string OneLine(std::string text) {
+  for (char& c : text) {
+    if (std::iscntrl(static_cast<unsigned char>(c))) c = '?';
+  }
+  return text;
+}
+
 bool IsNumber(int type) {
   return type >= TensorProto::FLOAT && type <= TensorProto::UINT64 && type != TensorProto::STRING;
 }
 
 }  // namespace
+
+Refusal::Refusal(std::string const& text) : std::runtime_error(OneLine(text)) {}
 
 std::string Text(Shape const& shape) {
   std::string text;

@@ -10,10 +10,10 @@
 
 namespace convert_onnx {
 
-/// Why a node or a file cannot be converted; one line.
+/// Why a node or a file cannot be converted; one line, with ? for each control character of a name.
 class Refusal : public std::runtime_error {
  public:
-  using std::runtime_error::runtime_error;
+  explicit Refusal(std::string const& text);
 };
 
 using Shape = std::vector<long long>;
