@@ -10,6 +10,7 @@
 #include <system_error>
 #include <vector>
 
+#include "talvo/entry/model.h"
 #include "tools/run_package/layouts.h"
 
 namespace run_package {
@@ -78,19 +79,6 @@ std::vector<unsigned int> ParseShape(std::string const& path, std::string_view t
   return dims;
 }
 
-unsigned int RankLayout(std::size_t rank) {
-  switch (rank) {
-    case 1:
-      return TensorShape::C;
-    case 2:
-      return TensorShape::SC;
-    case 3:
-      return TensorShape::CHW;
-    default:
-      return TensorShape::FLEXIABLE;
-  }
-}
-
 // The dictionary behind the magic, the version and its own length.
 std::string ReadHeader(std::string const& path, std::istream& stream) {
   std::string const start = Read(stream, kMagic.size() + 2);
@@ -133,7 +121,7 @@ std::shared_ptr<talvo::runtime::TensorCPU> ReadTensor(std::string const& path, s
   if (ValueOf(path, header, "fortran_order").compare(0, 5, "False") != 0)
     Refuse(path, "is in Fortran order; C order is read");
   std::vector<unsigned int> const dims = ParseShape(path, ValueOf(path, header, "shape"));
-  unsigned int const axes = layout.empty() ? RankLayout(dims.size()) : LayoutNumber(layout).value();
+  unsigned int const axes = layout.empty() ? talvo::LayoutOfRank(dims.size()) : LayoutNumber(layout).value();
   TensorShape const shape(dims, DataTypeOf(path, ValueOf(path, header, "descr")), axes, TensorShape::MainMemory,
                           TensorShape::Extra());
   std::size_t const bytes = BytesOf(path, shape);
