@@ -85,7 +85,8 @@ TEST(MeasureMemory, IsWhatThePoolTakes) {
       Model model(path, options);
       auto const& pool = *model.Context()->device_cpu->dynamic_pool;
       std::vector<float> const values(runtime::ElementCount(dims));
-      auto const run = [&] { model.Run({{input, values.data(), dims}}); };
+      ModelInput const tensor(input, values.data(), dims);
+      auto const run = [&] { model.Run({tensor}); };
       run();
       EXPECT_EQ(pool.HeapSize(), told.first_bytes) << path << fused;
       for (int i = 0; i < 9; ++i) run();
