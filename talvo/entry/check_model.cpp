@@ -25,7 +25,6 @@ namespace {
 
 using namespace runtime;
 using utility::support::Listed;
-using utility::support::NearestNames;
 
 // Hands every call to the kernel of a layer and then tells that the layer has run.
 class WatchedKernel : public IKernel {
