@@ -12,6 +12,7 @@
 #include "talvo/entry/reset_rnn_state.h"
 #include "talvo/image/color.h"
 #include "talvo/image/crop.h"
+#include "talvo/image/frame.h"
 #include "talvo/image/image_process.h"
 #include "talvo/image/image_process_fallback.h"
 #include "talvo/image/normalise.h"
