@@ -50,8 +50,8 @@ Frames FramesOf(Argument const& input, Argument const& output, std::size_t row_a
 Frames FlexiableFrames(char const* operation, TensorPtr const& source, TensorPtr const& destination,
                        std::size_t row_axis, std::size_t pixel_bytes) {
   Argument const src(operation, "src", source), dst(operation, "dst", destination);
-  Validate(src.shape().layout == TensorShape::FLEXIABLE);
-  Validate(dst.shape().layout == TensorShape::FLEXIABLE);
+  src.Validate(src.shape().layout == TensorShape::FLEXIABLE, "needs layout FLEXIABLE");
+  dst.Validate(dst.shape().layout == TensorShape::FLEXIABLE, "needs layout FLEXIABLE");
   return FramesOf(src, dst, row_axis, pixel_bytes);
 }
 

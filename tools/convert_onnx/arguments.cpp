@@ -1,24 +1,13 @@
 #include "tools/convert_onnx/arguments.h"
 
-#include <algorithm>
 #include <cmath>
 #include <cstdlib>
-#include <functional>
 #include <sstream>
-
-#include "tools/common/program.h"
 
 namespace convert_onnx {
 namespace {
 
 using tools::UsageError;
-
-std::pair<std::string, std::string> Assignment(std::string const& option, std::string const& word) {
-  auto const equals = word.rfind('=');
-  if (equals == std::string::npos || equals == 0 || equals + 1 == word.size())
-    throw UsageError(option + " takes NAME=VALUE, not \"" + word + "\"");
-  return {word.substr(0, equals), word.substr(equals + 1)};
-}
 
 Shape ParseShape(std::string const& text) {
   Shape shape;
@@ -40,82 +29,78 @@ double ParseBound(std::string const& option, std::string const& text) {
   return bound;
 }
 
-// The place of a word among those that the option takes.
-std::size_t Choice(std::string const& option, std::string const& word, std::vector<std::string> const& words) {
-  auto const found = std::find(words.begin(), words.end(), word);
-  if (found != words.end()) return static_cast<std::size_t>(found - words.begin());
-  std::string list;
-  for (std::string const& one : words) list += (list.empty() ? "" : " or ") + one;
-  throw UsageError(option + " takes " + list + ", not \"" + word + "\"");
-}
-
-void SetOption(Arguments& arguments, std::string const& word, std::function<std::string()> const& value) {
-  if (word == "--shape") {
-    auto const [name, shape] = Assignment(word, value());
-    arguments.options.shapes[name] = ParseShape(shape);
-  } else if (word == "--bind") {
-    auto const [name, file] = Assignment(word, value());
-    arguments.options.bound[name] = ReadArray(file);
-  } else if (word == "--outputs") {
-    std::istringstream list(value());
-    for (std::string name; std::getline(list, name, ',');) arguments.options.outputs.push_back(name);
-  } else if (word == "--kernels") {
-    arguments.options.kernels = static_cast<Kernels>(Choice(word, value(), {"portable", "blas", "fused"}));
-  } else if (word == "--half") {
-    arguments.nearest = Choice(word, value(), {"cut", "nearest"}) == 1;
-  } else if (word == "--check") {
-    arguments.check.push_back(value());
-  } else if (word == "--rel") {
-    arguments.bounds.relative = ParseBound(word, value());
-  } else if (word == "--abs") {
-    arguments.bounds.absolute = ParseBound(word, value());
-  } else if (word == "--report") {
-    arguments.report = value();
-  } else if (word == "--approximate") {
-    arguments.options.approximate = true;
-  } else if (word == "--narrow") {
-    arguments.options.narrow = true;
-  } else if (word == "--dry-run") {
-    arguments.dry_run = true;
-  } else if (word == "--ops") {
-    arguments.list_operators = true;
-  } else {
-    throw UsageError("there is no option " + word);
-  }
+tools::CommandLine::Values Values(Arguments& arguments) {
+  using Word = std::string const&;
+  Options& options = arguments.options;
+  return {
+      {"--shape",
+       [&](Word word) {
+         auto const [name, shape] = tools::Assignment("--shape", word);
+         options.shapes[name] = ParseShape(shape);
+       }},
+      {"--bind",
+       [&](Word word) {
+         auto const [name, file] = tools::Assignment("--bind", word);
+         options.bound[name] = ReadArray(file);
+       }},
+      {"--outputs",
+       [&](Word word) {
+         std::istringstream list(word);
+         for (std::string name; std::getline(list, name, ',');) options.outputs.push_back(name);
+       }},
+      {"--kernels", [&](Word word) { options.kernels = tools::ParseKernels("--kernels", word); }},
+      {"--half",
+       [&](Word word) {
+         arguments.nearest = tools::Choice("--half", word, {"cut", "nearest"}) == 1;
+       }},
+      {"--check", [&](Word word) { arguments.check.push_back(word); }},
+      {"--rel", [&](Word word) { arguments.bounds.relative = ParseBound("--rel", word); }},
+      {"--abs", [&](Word word) { arguments.bounds.absolute = ParseBound("--abs", word); }},
+      {"--report", [&](Word word) { arguments.report = word; }},
+  };
 }
 
 }  // namespace
 
-char const* const kUsage =
+tools::Usage const kUsage = {
     "usage: convert_onnx MODEL.onnx OUT.tlnmodel|OUT.json [--shape NAME=1x3x224x224]... [--bind "
     "NAME=FILE.npy|FILE.pb]...\n"
     "                    [--outputs NAME,...] [--kernels portable|blas|fused] [--half nearest|cut] [--approximate] "
     "[--narrow]\n"
     "                    [--check DIR]... [--rel BOUND] [--abs BOUND] [--report FILE.json]\n"
     "       convert_onnx MODEL.onnx --dry-run [...]\n"
-    "       convert_onnx --ops\n"
-    "--approximate takes compositions that hold in a range or to a bound, which is printed; --narrow takes double and "
-    "half\n"
-    "data as float. --check runs the package on DIR/input_0.npy, ... (or .pb), the graph's inputs in order, and "
+    "       convert_onnx --ops | --help | --version",
+    "  --shape NAME=EXTENTS  the extents of an input of the graph, 1x3x224x224\n"
+    "  --bind NAME=FILE      an input that is constant, with the array of a .npy or .pb file\n"
+    "  --outputs NAME,...    values of the graph in place of its outputs\n"
+    "  --kernels FAMILY      portable (the default), blas or fused\n"
+    "  --half nearest|cut    how weights become 16-bit floats in a .tlnmodel file\n"
+    "  --approximate         takes compositions that hold in a range or to a bound, which is printed\n"
+    "  --narrow              takes double and half data as float\n"
+    "  --check DIR           runs the package on DIR/input_0.npy, ... (or .pb), the graph's inputs in order, and "
     "compares\n"
-    "with DIR/output_0.npy, ...; what is further off than --abs (1e-5) + --rel (1e-3) times the largest recorded value "
-    "is\n"
-    "not written, and the first layer that is off from a value of the graph recorded as DIR/NAME.npy is named.";
+    "                        with DIR/output_0.npy, ...; what is further off than --abs (1e-5) + --rel (1e-3) times "
+    "the\n"
+    "                        largest recorded value is not written, and the first layer that is off from a value of "
+    "the\n"
+    "                        graph recorded as DIR/NAME.npy is named\n"
+    "  --rel BOUND           of --check\n"
+    "  --abs BOUND           of --check\n"
+    "  --report FILE.json    what was made of each node, for other programs\n"
+    "  --dry-run             converts and writes no package\n"
+    "  --ops                 prints the operators that can be converted"};
 
 Arguments ParseArguments(int count, char const* const* words) {
   Arguments arguments;
   std::vector<std::string> files;
-  for (int at = 1; at < count; ++at) {
-    std::string const word = words[at];
-    if (word.size() < 2 || word[0] != '-') {
-      files.push_back(word);
-      continue;
-    }
-    SetOption(arguments, word, [&]() -> std::string {
-      if (at + 1 >= count || *words[at + 1] == '\0') throw UsageError(word + " takes a value");
-      return words[++at];
-    });
-  }
+  tools::CommandLine line;
+  line.values = Values(arguments);
+  line.flags = {{"--approximate", [&] { arguments.options.approximate = true; }},
+                {"--narrow", [&] { arguments.options.narrow = true; }},
+                {"--dry-run", [&] { arguments.dry_run = true; }},
+                {"--ops", [&] { arguments.list_operators = true; }}};
+  line.other = [&](std::string const& word) { files.push_back(word); };
+  line.Read(count, words);
   if (arguments.list_operators) return arguments;
   std::size_t const needed = arguments.dry_run ? 1 : 2;
   if (files.size() != needed)
