@@ -83,8 +83,8 @@ void CheckBox(std::string const& path, Frame const& frame, View const& view) {
 
 TensorPtr PrepareInput(std::string const& path, Frame const& frame, View const& view, ContextPtr const& context) {
   CheckBox(path, frame, view);
-  auto const camera = talvo::Frame::Packed(talvo::FrameFormat::kNV21, frame.width, frame.height, frame.nv21.data(),
-                                           frame.nv21.size());
+  auto const camera =
+      talvo::Frame::Packed(talvo::FrameFormat::kNV21, frame.width, frame.height, frame.nv21.data(), frame.nv21.size());
   FrameTarget box = GrayPart(view.turn, view.width, view.height);  // pixel for pixel
   box.left = static_cast<int>(view.left), box.top = static_cast<int>(view.top);
   box.crop_width = view.width, box.crop_height = view.height;
