@@ -10,6 +10,7 @@
 #include "talvo/serialization/model_cfg.h"
 #include "talvo/serialization/serializable.h"
 #include "talvo/utility/export.h"
+#include "talvo/utility/features.h"
 
 namespace talvo::runtime {
 
@@ -58,10 +59,12 @@ class TALVO_API TLModelInfo : public Serializable {
   /// not name, sorted. Recomputes every `read_count`. Throws std::out_of_range for an input id without a record.
   std::vector<std::string> GetOutputIDs();
 
+#if TALVO_WITH_TLMODEL1
   /// Fills a fresh record from a model file of the first generation, as ConvertTLModel1 tells (tlmodel1_conversion.h).
   /// Assert: a file that cannot be opened or is older than version 10000, and what QZNetLoader::LoadFile and the
   /// conversion refuse. A damaged file fails the platform assertion.
   void LoadFromTLModel1(char const* path);
+#endif
 
   NetExtraInfo extra_info;
   std::vector<std::string> squential_output_ids;  // the outputs as the file names them
