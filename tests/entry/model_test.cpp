@@ -70,6 +70,17 @@ TEST(Model, GivesWhatTheLongWayGives) {
   }
 }
 
+TEST(Model, RunsTheExampleThatIsReadByPeople) {
+  Model model("examples/xor.json");
+  for (float const x : {0.0f, 1.0f}) {
+    for (float const y : {0.0f, 1.0f}) {
+      float const bits[] = {x, y};
+      auto const results = model.Run({{"bits", bits, {2}}});
+      EXPECT_EQ(results.Values("exclusive_or")[0], x != y ? 1.0f : 0.0f) << x << " " << y;
+    }
+  }
+}
+
 TEST(Model, ServesInnerLayersSharedContextsAndResultsThatOutliveIt) {
   auto const picture = test::Floats(5, 192);
   ModelOutputs kept;

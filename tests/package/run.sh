@@ -37,6 +37,17 @@ for compiler in gcc clang; do
   echo "C11, $compiler: the application builds and runs"
 done
 
+if [ -x "$prefix/installed/bin/run_package" ]; then
+  env -u LD_LIBRARY_PATH "$prefix/installed/bin/run_package" "$here/../../examples/xor.json" --check --shape bits=2
+  (
+    source "$prefix/installed/share/bash-completion/completions/run_package"
+    COMP_WORDS=(run_package --ch) COMP_CWORD=1
+    _talvo_tool "$prefix/installed/bin/run_package"
+    [ "${COMPREPLY[*]}" = --check ]
+  )
+  echo "tools: run_package runs where it is installed, and its options are completed"
+fi
+
 (cd "$include" && find . -name '*.h' -printf '%P\n') >"$prefix/headers"
 for compiler in "${compilers[@]}"; do
   xargs -a "$prefix/headers" -P "$(nproc)" -I{} \

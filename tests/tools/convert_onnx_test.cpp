@@ -10,13 +10,17 @@
 #include <fstream>
 #include <random>
 
+#include "tests/support/run_program.h"
 #include "tests/support/scratch_folder.h"
+#include "tools/common/rounding.h"
 #include "tools/convert_onnx/check.h"
 
 namespace convert_onnx {
 namespace {
 
 namespace fs = std::filesystem;
+using talvo::test::Outcome;
+using talvo::test::RunProgram;
 using talvo::test::ScratchFolder;
 
 struct Recorded {
@@ -70,14 +74,14 @@ struct Way {
   std::size_t least;  // tests that are right
 };
 
-std::vector<Array> Computed(Recorded const& recorded, Conversion conversion, bool binary) {
+std::vector<Array> Computed(Recorded const& recorded, Conversion const& conversion, bool binary) {
   std::map<std::string, Array> inputs;
   for (std::size_t i = 0; i < recorded.inputs.size(); ++i) inputs[recorded.names[i]] = recorded.inputs[i];
   if (!binary) return Run(*MakePackage(conversion, "model"), inputs).values;
   ScratchFolder const folder;
-  RoundToHalves(conversion);
-  if (!MeasureRounding(conversion).overflowing.empty()) throw Refusal("(binary): weights beyond 65504");
-  MakePackage(conversion, "model")->ToFile(folder.Path("m.tlnmodel").c_str(), "bin");
+  auto const package = MakePackage(conversion, "model");
+  if (!tools::RoundToHalves(*package, true).overflowing.empty()) throw Refusal("(binary): weights beyond 65504");
+  package->ToFile(folder.Path("m.tlnmodel").c_str(), "bin");
   talvo::runtime::TLNModel read;
   read.FromFile(folder.Path("m.tlnmodel").c_str(), "bin");
   return Run(read, inputs).values;
@@ -137,14 +141,16 @@ void Try(fs::path const& folder, Way const& way, Tally& tally) {
 
 TEST(ConvertOnnx, AgreesWithTheStandardsTestsOrRefuses) {
   if (!fs::exists("/usr/share/libonnx-testdata/data")) GTEST_SKIP() << "libonnx-testdata is not installed";
-  Options plain, approximate, narrow, fused;
-  approximate.approximate = narrow.approximate = narrow.narrow = fused.approximate = true;
+  Options plain, approximate, narrow, fused, blas;
+  approximate.approximate = narrow.approximate = narrow.narrow = fused.approximate = blas.approximate = true;
   fused.kernels = Kernels::kFused;
+  blas.kernels = Kernels::kBlas;
   Bounds const close = {1e-4, 1e-6}, half = {1e-3, 0}, narrowed = {1e-3, 1e-30};
   auto const folders = Folders();
   for (Way const& way : {Way{"without options", plain, false, close, 542},
                          {"--approximate", approximate, false, close, 570},
                          {"--approximate --kernels fused", fused, false, close, 570},
+                         {"--approximate --kernels blas", blas, false, close, 570},
                          {"--approximate --narrow", narrow, false, narrowed, 605},
                          {"--approximate, binary form", approximate, true, half, 570}}) {
     SCOPED_TRACE(way.why);
@@ -159,19 +165,7 @@ TEST(ConvertOnnx, AgreesWithTheStandardsTestsOrRefuses) {
   }
 }
 
-struct Ended {
-  int status;
-  std::string text;  // both streams
-};
-
-Ended Program(std::string const& arguments) {
-  std::string const command = std::string(TALVO_CONVERT_ONNX) + " " + arguments + " 2>&1";
-  std::FILE* const pipe = popen(command.c_str(), "r");
-  Ended outcome{-1, ""};
-  for (int c = std::fgetc(pipe); c != EOF; c = std::fgetc(pipe)) outcome.text += static_cast<char>(c);
-  outcome.status = WEXITSTATUS(pclose(pipe));
-  return outcome;
-}
+Outcome Program(std::string const& arguments) { return RunProgram(TALVO_CONVERT_ONNX " " + arguments); }
 
 // y = conv(x, w) with x [1, 2, 4, 4], w [3, 2, 1, 1], and a batch normalisation behind it.
 onnx::ModelProto SmallModel() {
@@ -235,10 +229,11 @@ onnx::ModelProto OneNode(char const* operation, Shape const& shape, std::vector<
 std::vector<double> Through(onnx::ModelProto const& model, Array const& x, bool halves = false) {
   Options options;
   options.approximate = true;
-  Conversion conversion = Convert(model, "", options);
+  Conversion const conversion = Convert(model, "", options);
   if (!conversion.refusals.empty()) throw Refusal(conversion.refusals[0]);
-  if (halves) RoundToHalves(conversion);
-  return convert_onnx::Run(*MakePackage(conversion, "m"), {{"x", x}}).values.at(0).values;
+  auto const package = MakePackage(conversion, "m");
+  if (halves) tools::RoundToHalves(*package, true);
+  return convert_onnx::Run(*package, {{"x", x}}).values.at(0).values;
 }
 
 // Between bounds, and near 0 where they meet there: errors against the result, unless that is smaller than `least`,
@@ -440,7 +435,7 @@ TEST(ConvertOnnx, RefusesBadFilesInOneLineAndWritesNothing) {
   for (Case const& c : cases) {
     SCOPED_TRACE(c.why);
     folder.Save("m.onnx", c.bytes);
-    Ended const outcome = Program(model + " " + out);
+    Outcome const outcome = Program(model + " " + out);
     EXPECT_EQ(1, outcome.status);
     EXPECT_NE(std::string::npos, outcome.text.find(c.text)) << outcome.text;
     EXPECT_EQ(std::string::npos, outcome.text.find("\n\n"));
@@ -476,14 +471,14 @@ TEST(ConvertOnnx, ChecksNameTheFirstLayerThatIsOffAndReportsAreJson) {
   std::string const out = folder.Path("m.tlnmodel"), report = folder.Path("report.json");
   std::string const call = folder.Path("m.onnx") + " --report " + report + " --check " + folder.Path("");
   for (std::string const& how : {call + " " + out, call + " --dry-run"}) {
-    Ended const wrong = Program(how);
+    Outcome const wrong = Program(how);
     EXPECT_EQ(1, wrong.status);
     EXPECT_NE(std::string::npos, wrong.text.find("output z: element 7 is ")) << wrong.text;
     EXPECT_NE(std::string::npos, wrong.text.find("the first that is off is y of node c (Conv2D_")) << wrong.text;
     EXPECT_FALSE(fs::exists(out) || fs::exists(report));
   }
   SaveTensor(folder, "output_0.pb", z);
-  Ended const right = Program(call + " " + out + " --kernels fused");
+  Outcome const right = Program(call + " " + out + " --kernels fused");
   ASSERT_EQ(0, right.status) << right.text;
   std::ifstream stream(report);
   rapidjson::IStreamWrapper wrapped(stream);
@@ -499,9 +494,10 @@ TEST(ConvertOnnx, BinaryFormsRefuseWeightsThatHalvesDoNotHold) {
   onnx::ModelProto model = SmallModel();
   model.mutable_graph()->mutable_initializer(0)->set_float_data(2, 3e5f);
   folder.Save("m.onnx", model.SerializeAsString());
-  Ended const binary = Program(folder.Path("m.onnx") + " " + folder.Path("m.tlnmodel"));
+  Outcome const binary = Program(folder.Path("m.onnx") + " " + folder.Path("m.tlnmodel"));
   EXPECT_EQ(1, binary.status);
-  EXPECT_NE(std::string::npos, binary.text.find("weights beyond 65504, which this form cannot hold, in y"))
+  EXPECT_NE(std::string::npos,
+            binary.text.find("layer y: weight element 2 is 300000, the binary form holds numbers to 65504"))
       << binary.text;
   EXPECT_EQ(0, Program(folder.Path("m.onnx") + " " + folder.Path("m.json")).status);
 }

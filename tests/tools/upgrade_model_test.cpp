@@ -2,12 +2,12 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdio>
 #include <fstream>
 #include <memory>
 
 #include "tests/support/application.h"
 #include "tests/support/bits.h"
+#include "tests/support/run_program.h"
 #include "tests/support/scratch_folder.h"
 #include "tests/support/tlmodel1_writer.h"
 
@@ -18,19 +18,7 @@ using half_float::half;
 using namespace runtime;
 using namespace talvo1;
 
-struct Outcome {
-  int status;
-  std::string text;  // both streams
-};
-
-Outcome Upgrade(std::string const& arguments) {
-  std::string const command = std::string(TALVO_UPGRADE_MODEL) + " " + arguments + " 2>&1";
-  std::FILE* const pipe = popen(command.c_str(), "r");
-  Outcome outcome{-1, ""};
-  for (int c = std::fgetc(pipe); c != EOF; c = std::fgetc(pipe)) outcome.text += static_cast<char>(c);
-  outcome.status = WEXITSTATUS(pclose(pipe));
-  return outcome;
-}
+Outcome Upgrade(std::string const& arguments) { return RunProgram(TALVO_UPGRADE_MODEL " " + arguments); }
 
 // A file of version 10011 with an input, layer 1, and these layers.
 std::string OldFile(std::initializer_list<QZLayerInfo const*> layers) {

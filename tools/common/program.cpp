@@ -1,5 +1,6 @@
 #include "tools/common/program.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <new>
 #include <ostream>
@@ -38,6 +39,21 @@ void CommandLine::Read(int count, char const* const* words) const {
   }
 }
 
+std::size_t Choice(std::string const& option, std::string const& word, std::vector<std::string> const& words) {
+  auto const found = std::find(words.begin(), words.end(), word);
+  if (found != words.end()) return static_cast<std::size_t>(found - words.begin());
+  std::string list;
+  for (std::string const& one : words) list += (list.empty() ? "" : " or ") + one;
+  throw UsageError(option + " takes " + list + ", not \"" + word + "\"");
+}
+
+std::pair<std::string, std::string> Assignment(std::string const& option, std::string const& word) {
+  auto const equals = word.rfind('=');
+  if (equals == std::string::npos || equals == 0 || equals + 1 == word.size())
+    throw UsageError(option + " takes NAME=VALUE, not \"" + word + "\"");
+  return {word.substr(0, equals), word.substr(equals + 1)};
+}
+
 int RunProgram(char const* name, char const* usage, std::function<void()> const& program) {
   try {
     program();
@@ -46,6 +62,8 @@ int RunProgram(char const* name, char const* usage, std::function<void()> const&
     ReportError(name, error.what());
     std::fprintf(stderr, "%s\n", usage);
     return 2;
+  } catch (Faults const& faults) {
+    for (std::string const& line : faults.lines) ReportError(name, line.c_str());
   } catch (std::bad_alloc const&) {
     ReportError(name, kNoMemory);
   } catch (std::exception const& error) {

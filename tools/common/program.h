@@ -7,6 +7,8 @@
 #include <map>
 #include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace tools {
 
@@ -16,10 +18,19 @@ class UsageError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+/// Several faults, which become a line each.
+class Faults : public std::runtime_error {
+ public:
+  explicit Faults(std::vector<std::string> const& texts) : std::runtime_error(texts.at(0)), lines(texts) {}
+
+  std::vector<std::string> lines;
+};
+
 /// What a program does with its words: with an option that takes the next word, with that word; with an option that
 /// stands alone; with every other word.
 struct CommandLine {
-  std::map<std::string, std::function<void(std::string const& word)>> values;
+  using Values = std::map<std::string, std::function<void(std::string const& word)>>;
+  Values values;
   std::map<std::string, std::function<void()>> flags;
   std::function<void(std::string const& word)> other;
 
@@ -27,6 +38,12 @@ struct CommandLine {
   /// where it takes one; what the functions throw passes.
   void Read(int count, char const* const* words) const;
 };
+
+/// The place of a word among those that the option takes. UsageError: it is none of them.
+std::size_t Choice(std::string const& option, std::string const& word, std::vector<std::string> const& words);
+
+/// NAME and VALUE of NAME=VALUE, at the last sign. UsageError: one is missing.
+std::pair<std::string, std::string> Assignment(std::string const& option, std::string const& word);
 
 /// Runs `program` and returns its exit status. Whatever it throws becomes one line on standard error and status 1; a
 /// UsageError is followed by `usage` and gives 2.

@@ -1,9 +1,7 @@
 #include "tools/convert_onnx/arguments.h"
 
-#include <algorithm>
 #include <cmath>
 #include <cstdlib>
-#include <functional>
 #include <sstream>
 
 #include "tools/common/program.h"
@@ -12,13 +10,6 @@ namespace convert_onnx {
 namespace {
 
 using tools::UsageError;
-
-std::pair<std::string, std::string> Assignment(std::string const& option, std::string const& word) {
-  auto const equals = word.rfind('=');
-  if (equals == std::string::npos || equals == 0 || equals + 1 == word.size())
-    throw UsageError(option + " takes NAME=VALUE, not \"" + word + "\"");
-  return {word.substr(0, equals), word.substr(equals + 1)};
-}
 
 Shape ParseShape(std::string const& text) {
   Shape shape;
@@ -40,48 +31,35 @@ double ParseBound(std::string const& option, std::string const& text) {
   return bound;
 }
 
-// The place of a word among those that the option takes.
-std::size_t Choice(std::string const& option, std::string const& word, std::vector<std::string> const& words) {
-  auto const found = std::find(words.begin(), words.end(), word);
-  if (found != words.end()) return static_cast<std::size_t>(found - words.begin());
-  std::string list;
-  for (std::string const& one : words) list += (list.empty() ? "" : " or ") + one;
-  throw UsageError(option + " takes " + list + ", not \"" + word + "\"");
-}
-
-void SetOption(Arguments& arguments, std::string const& word, std::function<std::string()> const& value) {
-  if (word == "--shape") {
-    auto const [name, shape] = Assignment(word, value());
-    arguments.options.shapes[name] = ParseShape(shape);
-  } else if (word == "--bind") {
-    auto const [name, file] = Assignment(word, value());
-    arguments.options.bound[name] = ReadArray(file);
-  } else if (word == "--outputs") {
-    std::istringstream list(value());
-    for (std::string name; std::getline(list, name, ',');) arguments.options.outputs.push_back(name);
-  } else if (word == "--kernels") {
-    arguments.options.kernels = static_cast<Kernels>(Choice(word, value(), {"portable", "blas", "fused"}));
-  } else if (word == "--half") {
-    arguments.nearest = Choice(word, value(), {"cut", "nearest"}) == 1;
-  } else if (word == "--check") {
-    arguments.check.push_back(value());
-  } else if (word == "--rel") {
-    arguments.bounds.relative = ParseBound(word, value());
-  } else if (word == "--abs") {
-    arguments.bounds.absolute = ParseBound(word, value());
-  } else if (word == "--report") {
-    arguments.report = value();
-  } else if (word == "--approximate") {
-    arguments.options.approximate = true;
-  } else if (word == "--narrow") {
-    arguments.options.narrow = true;
-  } else if (word == "--dry-run") {
-    arguments.dry_run = true;
-  } else if (word == "--ops") {
-    arguments.list_operators = true;
-  } else {
-    throw UsageError("there is no option " + word);
-  }
+tools::CommandLine::Values Values(Arguments& arguments) {
+  using Word = std::string const&;
+  Options& options = arguments.options;
+  return {
+      {"--shape",
+       [&](Word word) {
+         auto const [name, shape] = tools::Assignment("--shape", word);
+         options.shapes[name] = ParseShape(shape);
+       }},
+      {"--bind",
+       [&](Word word) {
+         auto const [name, file] = tools::Assignment("--bind", word);
+         options.bound[name] = ReadArray(file);
+       }},
+      {"--outputs",
+       [&](Word word) {
+         std::istringstream list(word);
+         for (std::string name; std::getline(list, name, ',');) options.outputs.push_back(name);
+       }},
+      {"--kernels", [&](Word word) { options.kernels = tools::ParseKernels("--kernels", word); }},
+      {"--half",
+       [&](Word word) {
+         arguments.nearest = tools::Choice("--half", word, {"cut", "nearest"}) == 1;
+       }},
+      {"--check", [&](Word word) { arguments.check.push_back(word); }},
+      {"--rel", [&](Word word) { arguments.bounds.relative = ParseBound("--rel", word); }},
+      {"--abs", [&](Word word) { arguments.bounds.absolute = ParseBound("--abs", word); }},
+      {"--report", [&](Word word) { arguments.report = word; }},
+  };
 }
 
 }  // namespace
@@ -105,17 +83,14 @@ char const* const kUsage =
 Arguments ParseArguments(int count, char const* const* words) {
   Arguments arguments;
   std::vector<std::string> files;
-  for (int at = 1; at < count; ++at) {
-    std::string const word = words[at];
-    if (word.size() < 2 || word[0] != '-') {
-      files.push_back(word);
-      continue;
-    }
-    SetOption(arguments, word, [&]() -> std::string {
-      if (at + 1 >= count || *words[at + 1] == '\0') throw UsageError(word + " takes a value");
-      return words[++at];
-    });
-  }
+  tools::CommandLine line;
+  line.values = Values(arguments);
+  line.flags = {{"--approximate", [&] { arguments.options.approximate = true; }},
+                {"--narrow", [&] { arguments.options.narrow = true; }},
+                {"--dry-run", [&] { arguments.dry_run = true; }},
+                {"--ops", [&] { arguments.list_operators = true; }}};
+  line.other = [&](std::string const& word) { files.push_back(word); };
+  line.Read(count, words);
   if (arguments.list_operators) return arguments;
   std::size_t const needed = arguments.dry_run ? 1 : 2;
   if (files.size() != needed)

@@ -130,11 +130,9 @@ class Builder {
   Value Root();
   Value First() const;
 
-  bool Blas() const { return options_.kernels == Kernels::kBlas; }
-
-  Options const& options_;
   void SpendWeights();
 
+  Options const& options_;
   std::size_t weights_ = 0, weighed_ = 0;  // elements; layers in which they are counted
   int root_ = -1;
   std::string node_;

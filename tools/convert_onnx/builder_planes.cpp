@@ -40,12 +40,8 @@ Value Builder::Convolve(Value const& planes, Floats weight, Floats bias, long lo
   long long const columns = planes.dims[2] + w.left + w.right - w.dilation_x * (w.kernel_x - 1) - 1;
   if (rows < 0 || columns < 0) throw Refusal("a window larger than the padded input " + Text(planes.dims));
   Shape const dims = {out, rows / w.stride_y + 1, columns / w.stride_x + 1};
-  bool const point = std::max({w.kernel_x, w.kernel_y, w.stride_x, w.stride_y, w.dilation_x, w.dilation_y}) == 1 &&
-                     groups == 1 && w.top + w.left + w.bottom + w.right == 0;
-  Value const value = Emit(record,
-                           Blas() && point ? "Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1"
-                                           : "Conv2D_Knxm_Snxm_Dnxm_Gn_Fallback_CHW_Float_M1",
-                           Only(planes), dims, TensorShape::CHW, dims);
+  Value const value =
+      Emit(record, "Conv2D_Knxm_Snxm_Dnxm_Gn_Fallback_CHW_Float_M1", Only(planes), dims, TensorShape::CHW, dims);
   layers.back().weight = std::move(weight);
   layers.back().bias = std::move(bias);
   return value;
@@ -110,8 +106,8 @@ Value Builder::Dense(Value const& value, Floats weight, Floats bias, long long o
   record->in_features = Field(in, "in_features");
   record->out_features = Field(out, "out_features");
   record->if_bias = !bias.empty();
-  Value const result = Emit(record, Blas() ? "FullConnection_SGEMM_C_Float_M1" : "FullConnection_Fallback_C_Float_M1",
-                            Only(Flat(value, {in})), {out}, TensorShape::C, {out});
+  Value const result =
+      Emit(record, "FullConnection_Fallback_C_Float_M1", Only(Flat(value, {in})), {out}, TensorShape::C, {out});
   layers.back().weight = std::move(weight);
   layers.back().bias = std::move(bias);
   return result;
@@ -119,7 +115,7 @@ Value Builder::Dense(Value const& value, Floats weight, Floats bias, long long o
 
 // The CBLAS has no dense layer over rows, but a convolution over their columns.
 Value Builder::Rows(Value const& rows, Floats weight, long long out) {
-  if (Blas()) return Along(rows, 1, weight, out);
+  if (options_.kernels == Kernels::kBlas) return Along(rows, 1, weight, out);
   auto const record = std::make_shared<FullConnectionInfo>();
   record->in_features = Field(rows.shape[1], "in_features");
   record->out_features = Field(out, "out_features");

@@ -277,15 +277,15 @@ class Walk {
   Conversion result_;
 };
 
-// The fused siblings of the layers' kernels.
-void PreferFused(std::vector<Layer>& layers) {
+void SetKernels(std::vector<Layer>& layers, Kernels kernels) {
+  talvo::runtime::TLModelInfo model;
   talvo::runtime::TLModelCfg config;
   for (Layer const& layer : layers) {
-    auto const kernel = std::make_shared<talvo::runtime::LayerCfg>();
+    model.layers[layer.name] = layer.record;
+    auto const kernel = config.layers[layer.name] = std::make_shared<talvo::runtime::LayerCfg>();
     kernel->kernel->kernel_type = layer.kernel;
-    config.layers[layer.name] = kernel;
   }
-  talvo::utility::PreferFusedKernels(config);
+  tools::SetKernels(model, config, kernels);
   for (Layer& layer : layers) layer.kernel = config.layers[layer.name]->kernel->kernel_type;
 }
 
@@ -305,7 +305,7 @@ onnx::ModelProto ReadModel(std::string const& path) {
 
 Conversion Convert(onnx::ModelProto const& model, std::string const& folder, Options const& options) {
   Conversion conversion = Walk(model, folder, options).Run();
-  if (options.kernels == Kernels::kFused) PreferFused(conversion.layers);
+  SetKernels(conversion.layers, options.kernels);
   return conversion;
 }
 

@@ -2,6 +2,7 @@
 #include <filesystem>
 #include <iostream>
 
+#include "tools/common/package_file.h"
 #include "tools/common/program.h"
 #include "tools/convert_onnx/arguments.h"
 #include "tools/convert_onnx/report.h"
@@ -15,12 +16,6 @@ using talvo::runtime::TLNModel;
 // The library's lines: errors come back as exceptions and are told once, by main.
 int Silent(char const*) { return 0; }
 
-bool IsBinary(std::string const& path) {
-  std::string const extension = std::filesystem::path(path).extension().string();
-  if (extension != ".tlnmodel" && extension != ".json") throw Refusal(path + ": a package ends in .tlnmodel or .json");
-  return extension == ".tlnmodel";
-}
-
 Conversion ConvertFile(Arguments const& arguments) {
   try {
     auto const folder = std::filesystem::path(arguments.model).parent_path().string();
@@ -28,15 +23,6 @@ Conversion ConvertFile(Arguments const& arguments) {
   } catch (std::exception const& refusal) {
     throw Refusal(arguments.model + ": " + refusal.what());
   }
-}
-
-void RefuseOverflow(Conversion const& conversion, std::string const& out) {
-  std::string layers;
-  for (std::string const& layer : MeasureRounding(conversion).overflowing)
-    layers += (layers.empty() ? "" : ", ") + layer;
-  if (!layers.empty())
-    throw Refusal(out + ": weights beyond 65504, which this form cannot hold, in " + layers +
-                  "; write a .json package");
 }
 
 // Of zeros, for what a run takes.
@@ -58,28 +44,17 @@ void CheckPackage(TLNModel const& package, Conversion const& conversion, Argumen
   if (!arguments.report.empty()) report.peak_bytes = Run(package, Zeros(conversion)).peak_bytes;
 }
 
-// Written beside its place and read back, so that what is checked is what is kept.
-void Write(Conversion const& conversion, Arguments const& arguments, Report& report) {
-  std::filesystem::path const out(arguments.out);
-  std::filesystem::path part = out;
-  part.replace_filename("." + out.stem().string() + ".part" + out.extension().string());
-  try {
-    bool const binary = IsBinary(arguments.out);
-    char const* const form = binary ? "bin" : "json";
-    Conversion written = conversion;
-    if (binary && arguments.nearest) RoundToHalves(written);
-    if (binary) RefuseOverflow(written, arguments.out);
-    MakePackage(written, out.stem().string())->ToFile(part.c_str(), form);
-    if (!std::filesystem::exists(part)) throw Refusal(arguments.out + ": cannot be written");
-    TLNModel read;
-    read.FromFile(part.c_str(), form);
-    CheckPackage(read, conversion, arguments, report);
-    std::filesystem::rename(part, out);
-  } catch (std::exception const& refusal) {
-    std::error_code ignored;
-    std::filesystem::remove(part, ignored);
-    throw Refusal(tools::Message(refusal, arguments.out + ": cannot be written"));
-  }
+// Its records are those of the conversion, and rounded where the package is binary.
+std::shared_ptr<TLNModel> PackageFor(Conversion const& conversion, Arguments const& arguments, Report& report) {
+  std::string const id = arguments.dry_run ? "model" : std::filesystem::path(arguments.out).stem().string();
+  auto const rounded = MakePackage(conversion, id);
+  report.rounding = tools::RoundToHalves(*rounded, arguments.nearest);
+  if (arguments.dry_run || !tools::IsBinary(arguments.out)) return MakePackage(conversion, id);
+  std::vector<std::string> faults;
+  for (tools::RoundedWeight const& weight : report.rounding.overflowing)
+    faults.push_back(arguments.out + ": " + tools::OverflowText(weight));
+  if (!faults.empty()) throw tools::Faults(faults);
+  return rounded;
 }
 
 void RefuseNodes(Conversion const& conversion, Arguments const& arguments, Report const& report) {
@@ -95,15 +70,13 @@ void Main(Arguments const& arguments) {
     for (auto const& [name, unused] : AllTranslators()) std::cout << name << "\n";
     return;
   }
-  if (!arguments.dry_run) IsBinary(arguments.out);
-  Report report = {arguments.model, arguments.out, {}, 0};
+  if (!arguments.dry_run) tools::IsBinary(arguments.out);
+  Report report = {arguments.model, arguments.out, {}, {}, 0};
   Conversion const conversion = ConvertFile(arguments);
   RefuseNodes(conversion, arguments, report);
-  if (arguments.dry_run) {
-    CheckPackage(*MakePackage(conversion, "model"), conversion, arguments, report);
-  } else {
-    Write(conversion, arguments, report);
-  }
+  auto const package = PackageFor(conversion, arguments, report);
+  auto const check = [&](TLNModel const& kept) { CheckPackage(kept, conversion, arguments, report); };
+  arguments.dry_run ? check(*package) : tools::WritePackage(*package, arguments.out, check);
   Print(conversion, report, std::cout);
   if (!arguments.report.empty()) WriteJson(conversion, report, arguments.report);
 }

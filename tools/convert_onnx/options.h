@@ -5,11 +5,12 @@
 #include <string>
 #include <vector>
 
+#include "tools/common/kernels.h"
 #include "tools/convert_onnx/array.h"
 
 namespace convert_onnx {
 
-enum class Kernels : unsigned char { kPortable, kBlas, kFused };
+using tools::Kernels;
 
 struct Options {
   std::map<std::string, Shape> shapes;  // of graph inputs

@@ -1,44 +1,14 @@
 #include "tools/convert_onnx/package.h"
 
-#include <cmath>
-
 namespace convert_onnx {
 
 using namespace talvo::runtime;
 
 namespace {
 
-constexpr float kLargestHalf = 65504.0f, kSmallestNormalHalf = 6.103515625e-05f;
-
 std::string Encoded(Floats const& values) {
   return Base64Encode(reinterpret_cast<unsigned char const*>(values.data()),
                       static_cast<unsigned long>(values.size() * sizeof(float)));
-}
-
-// Halves have 10 bits behind the first one, and steps of 2^-24 below 2^-14.
-float NearestHalf(float value) {
-  if (value == 0 || !std::isfinite(value)) return value;
-  int exponent = 0;
-  std::frexp(value, &exponent);
-  float const step = std::ldexp(1.0f, std::max(exponent - 11, -24));
-  return std::nearbyint(value / step) * step;
-}
-
-void Measure(Layer const& layer, Floats const& weights, Rounding& rounding) {
-  bool over = false;
-  for (float const weight : weights) {
-    float const size = std::abs(weight), held = static_cast<float>(half_float::half(size));
-    over = over || size > kLargestHalf;
-    if (size == 0 || size > kLargestHalf) continue;
-    if (size < kSmallestNormalHalf) {
-      if (held != size) ++(held == 0 ? rounding.vanishing : rounding.subnormal);
-      continue;
-    }
-    double const error = std::abs(static_cast<double>(held) - static_cast<double>(size)) / static_cast<double>(size);
-    if (error > rounding.largest) rounding.largest = error, rounding.layer = layer.name;
-  }
-  if (over && (rounding.overflowing.empty() || rounding.overflowing.back() != layer.name))
-    rounding.overflowing.push_back(layer.name);
 }
 
 template <class Info>
@@ -69,14 +39,6 @@ void Encode(Layer const& layer) {
   if (!layer.slopes.empty()) static_cast<ActivationInfo&>(*layer.record).weight = Encoded(layer.slopes);
 }
 
-// What the binary form holds as halves.
-template <class Of>
-auto Halves(Of& layer) {
-  std::vector<decltype(&layer.weight)> lists = {&layer.weight, &layer.bias};
-  for (auto& list : layer.recurrent) lists.push_back(&list);
-  return lists;
-}
-
 std::shared_ptr<LayerCfg> KernelFor(Layer const& layer) {
   auto config = std::make_shared<LayerCfg>();
   config->kernel->kernel_type = layer.kernel;
@@ -84,23 +46,6 @@ std::shared_ptr<LayerCfg> KernelFor(Layer const& layer) {
 }
 
 }  // namespace
-
-void RoundToHalves(Conversion& conversion) {
-  for (Layer& layer : conversion.layers) {
-    for (Floats* const list : Halves(layer)) {
-      for (float& weight : *list) weight = NearestHalf(weight);
-    }
-  }
-}
-
-Rounding MeasureRounding(Conversion const& conversion) {
-  Rounding rounding;
-  for (Layer const& layer : conversion.layers) {
-    rounding.weight_bytes += layer.Weights() * sizeof(float);
-    for (Floats const* const list : Halves(layer)) Measure(layer, *list, rounding);
-  }
-  return rounding;
-}
 
 std::shared_ptr<TLNModel> MakePackage(Conversion const& conversion, std::string const& id) {
   auto const model = std::make_shared<TLModelInfo>();

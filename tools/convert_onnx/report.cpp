@@ -17,6 +17,13 @@ std::map<std::string, unsigned int> KernelsOf(Conversion const& conversion) {
   return kernels;
 }
 
+// As float32.
+std::size_t WeightBytes(Conversion const& conversion) {
+  std::size_t bytes = 0;
+  for (Layer const& layer : conversion.layers) bytes += layer.Weights() * sizeof(float);
+  return bytes;
+}
+
 class Json {
  public:
   Json() { writer_.StartObject(); }
@@ -62,13 +69,10 @@ class Json {
 void Print(Conversion const& conversion, Report const& report, std::ostream& stream) {
   for (Layer const& layer : conversion.layers)
     stream << (layer.node.empty() ? "input" : layer.node) << " -> " << layer.name << "  " << layer.kernel << "\n";
-  Rounding const rounding = MeasureRounding(conversion);
   stream << conversion.layers.size() << " layers, " << KernelsOf(conversion).size() << " kernels, "
          << conversion.folded.size() << " nodes folded, " << conversion.dropped << " nodes that nobody reads, "
-         << rounding.weight_bytes << " bytes of weights\n"
-         << "largest rounding of the binary form: " << rounding.largest
-         << (rounding.layer.empty() ? "" : " in " + rounding.layer) << "; of weights below 6.1e-05 "
-         << rounding.subnormal << " change and " << rounding.vanishing << " become 0\n";
+         << WeightBytes(conversion) << " bytes of weights\n"
+         << tools::RoundingText(report.rounding) << "\n";
   if (report.peak_bytes != 0) stream << "peak memory of a run: " << report.peak_bytes << " bytes\n";
   for (std::string const& note : conversion.notes) stream << "approximate: " << note << "\n";
   bool const recurrent = std::any_of(conversion.layers.begin(), conversion.layers.end(),
@@ -78,18 +82,21 @@ void Print(Conversion const& conversion, Report const& report, std::ostream& str
 }
 
 void WriteJson(Conversion const& conversion, Report const& report, std::string const& path) {
-  Rounding const rounding = MeasureRounding(conversion);
+  tools::Rounding const& rounding = report.rounding;
+  std::vector<std::string> overflowing;
+  for (tools::RoundedWeight const& weight : rounding.overflowing) overflowing.push_back(weight.layer);
+  overflowing.erase(std::unique(overflowing.begin(), overflowing.end()), overflowing.end());
   Json json;
   json.Put("model", report.model), json.Put("package", report.package);
   json.Put("inputs", conversion.inputs), json.Put("outputs", conversion.outputs);
   json.Put("refusals", conversion.refusals), json.Put("approximate", conversion.notes);
   json.Put("layers", conversion.layers), json.Put("kernels", KernelsOf(conversion));
   json.Put("folded_nodes", conversion.folded), json.Put("unread_nodes", std::uint64_t{conversion.dropped});
-  json.Put("weight_bytes", std::uint64_t{rounding.weight_bytes});
-  json.Put("largest_rounding", rounding.largest), json.Put("largest_rounding_layer", rounding.layer);
+  json.Put("weight_bytes", std::uint64_t{WeightBytes(conversion)});
+  json.Put("largest_rounding", rounding.largest), json.Put("largest_rounding_layer", rounding.where.layer);
   json.Put("changed_small_weights", std::uint64_t{rounding.subnormal});
   json.Put("vanishing_weights", std::uint64_t{rounding.vanishing});
-  json.Put("overflowing_layers", rounding.overflowing), json.Put("peak_bytes", std::uint64_t{report.peak_bytes});
+  json.Put("overflowing_layers", overflowing), json.Put("peak_bytes", std::uint64_t{report.peak_bytes});
   json.Put("checks", report.checks);
   std::ofstream stream(path);
   if (!(stream << json.Finish()) || !stream.flush()) throw Refusal(path + ": cannot be written");

@@ -5,13 +5,15 @@
 #include <string>
 #include <vector>
 
-#include "tools/convert_onnx/package.h"
+#include "tools/common/rounding.h"
+#include "tools/convert_onnx/convert.h"
 
 namespace convert_onnx {
 
 struct Report {
   std::string model, package;       // files; the latter empty where nothing is written
   std::vector<std::string> checks;  // folders whose outputs are within the bounds
+  tools::Rounding rounding;         // of the binary form, whichever is written
   unsigned long peak_bytes = 0;     // of all tensors of one run, weights included; 0 where none was made
 };
 

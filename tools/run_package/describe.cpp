@@ -9,19 +9,12 @@
 
 #include "talvo/serialization/weights.h"
 #include "talvo/utility/base64.h"
+#include "tools/common/kernels.h"
 
 namespace run_package {
 namespace {
 
 using namespace talvo::runtime;
-
-using Backend = std::pair<char const*, std::shared_ptr<TLModelCfg>>;
-
-std::vector<Backend> Backends(TLModelMultiBackendCfgs const& configs) {
-  return {{"cpu_sse", configs.cpu_sse},     {"cpu_avx", configs.cpu_avx},       {"cpu_armv7", configs.cpu_armv7},
-          {"cpu_armv8", configs.cpu_armv8}, {"cpu_armv82", configs.cpu_armv82}, {"gpu_opengl", configs.gpu_opengl},
-          {"gpu_metal", configs.gpu_metal}, {"gpu_cuda", configs.gpu_cuda}};
-}
 
 std::size_t WeightBytes(LayerInfo& record) {
   std::size_t bytes = 0;
@@ -69,10 +62,11 @@ std::size_t DescribeLayers(TLModelInfo const& model, std::ostream& out) {
 
 void DescribeBackends(TLModelInfo const& model, TLModelMultiBackendCfgs const& configs, std::ostream& out) {
   bool any = false;
-  for (auto const& [name, config] : Backends(configs)) {
-    if (config->squential_ids.empty() && config->layers.empty()) continue;
+  for (tools::BackEnd const& back_end : tools::kBackEnds) {
+    auto const& config = configs.*back_end.config;
+    if (tools::IsEmpty(*config)) continue;
     any = true;
-    out << "  back end " << name << (config->summary.empty() ? "" : " (" + config->summary + ")") << "\n";
+    out << "  back end " << back_end.name << (config->summary.empty() ? "" : " (" + config->summary + ")") << "\n";
     for (std::string const& id : model.squential_ids) {
       out << "        " << std::left << std::setw(24) << id << std::right << KernelOf(*config, id) << "\n";
     }

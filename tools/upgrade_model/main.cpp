@@ -8,6 +8,7 @@
 #include <stdexcept>
 
 #include "talvo/talvo.h"
+#include "tools/common/package_file.h"
 #include "tools/common/program.h"
 #include "tools/upgrade_model/arguments.h"
 #include "tools/upgrade_model/configuration.h"
@@ -73,11 +74,7 @@ void Write(Arguments const& arguments, std::shared_ptr<TLModelInfo> const& model
   auto const configs = std::make_shared<TLModelMultiBackendCfgs>();
   configs->cpu_sse = configs->cpu_armv8 = config;
   package.config_arr->configs[arguments.model_id] = configs;
-  try {
-    package.ToFile(arguments.out.c_str(), "bin");
-  } catch (std::exception const& refusal) {
-    Refuse(arguments.out + ": " + Message(refusal, "cannot be written"));
-  }
+  tools::WritePackage(package, arguments.out);
 }
 
 void Upgrade(Arguments const& arguments) {
