@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "tools/common/program.h"
+
 namespace run_package {
 
 /// LAYER=FILE.npy or LAYER=LAYOUT:FILE.npy; an empty layout leaves the choice to the array's rank.
@@ -25,9 +27,11 @@ struct Arguments {
   bool prefer_fused = false;
   bool profile = false;
   bool list = false;
+  bool json = false;
+  std::string trace;  // file for the times of layers; empty: none
 };
 
-extern char const* const kUsage;
+extern tools::Usage const kUsage;
 
 /// Throws tools::UsageError.
 Arguments ParseArguments(int count, char const* const* words);
