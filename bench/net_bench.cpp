@@ -1,6 +1,6 @@
 // Whole nets of published shapes with random weights, built from records, with portable kernels alone, with the matrix
 // product where it fits, and with fused kernels where there are any; and the construction of a net. Operations are the
-// multiplications and additions of convolutions and full connections.
+// multiplications and additions of convolutions and full connections; the time of all other layers counts against them.
 #include <benchmark/benchmark.h>
 
 #include <cmath>
@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "bench/blas_in_use.h"
+#include "bench/yardsticks.h"
 #include "talvo/entry/create_context.h"
 #include "talvo/entry/register_fused_operators.h"
 #include "talvo/entry/register_operators.h"
@@ -243,8 +244,8 @@ void RunNet(benchmark::State& state, NetBuilder (*make)(Family)) {
   auto const output = static_cast<unsigned int>(net->layers.size() - 1);
   for (auto _ : state) benchmark::DoNotOptimize(net->Forward({{0, input}}, {output}, context, nullptr, nullptr));
   state.SetLabel(std::vector<char const*>{"portable", "SGEMM", "fused"}.at(static_cast<std::size_t>(state.range(0))));
-  state.counters["operations"] = benchmark::Counter(
-      static_cast<double>(builder.operations) * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+  auto const report = state.range(0) == kFused ? ReportFusedOperations : ReportOperations;
+  report(state, static_cast<double>(builder.operations));
 }
 void EachFamily(benchmark::internal::Benchmark* net) {
   net->ArgName("family")->DenseRange(kPortable, kFused)->Unit(benchmark::kMillisecond);

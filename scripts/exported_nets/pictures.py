@@ -24,7 +24,7 @@ net("vgg11_bn features", (1, 3, 32, 32))(lambda: models.vgg11_bn().features)
 net("convnext", (1, 3, 64, 64))(lambda: models.ConvNeXt([CNBlockConfig(16, 32, 2), CNBlockConfig(32, 64, 2),
                                                          CNBlockConfig(64, None, 1)]))
 net("vit", (1, 3, 64, 64))(lambda: models.VisionTransformer(64, 16, 3, 4, 64, 128, num_classes=10))
-net("swin", (1, 3, 64, 64), refusal="node /features/features.1/features.1.0/attn/Mod (Mod)")(
+net("swin", (1, 3, 64, 64))(
     lambda: SwinTransformer([4, 4], 32, [2, 2], [2, 4], [4, 4], num_classes=10))
 net("video resnet", (1, 3, 8, 32, 32))(lambda: models.video.r3d_18())
 net("raft_small", (1, 3, 128, 128), (1, 3, 128, 128),
@@ -42,7 +42,7 @@ class Part(nn.Module):
         return self.whole(*inputs)[self.key]
 
 
-@net("ssdlite with suppression", (1, 3, 320, 320), refusal="node /body/transform/")
+@net("ssdlite with suppression", (1, 3, 320, 320), refusal="node /body/NonZero (NonZero)")
 class Detector(nn.Module):
     """Boxes of a data-dependent number."""
 
@@ -193,7 +193,7 @@ class SSD(nn.Module):
         return torch.cat(boxes, 1), torch.cat(labels, 1).softmax(-1)
 
 
-@net("centre heatmap with pooling", (1, 3, 64, 64), refusal="node /Equal (Equal)")
+@net("centre heatmap with pooling", (1, 3, 64, 64))
 class CentreNet(nn.Module):
     """Heatmap in which only the maxima of 3x3 are left."""
 
@@ -209,7 +209,7 @@ class CentreNet(nn.Module):
         return heat if self.best == 0 else heat.flatten(1).topk(self.best)[0]
 
 
-net("centre heatmap with best of all", (1, 3, 64, 64), refusal="node /Equal (Equal)")(lambda: CentreNet(best=8))
+net("centre heatmap with best of all", (1, 3, 64, 64), refusal="node /TopK (TopK)")(lambda: CentreNet(best=8))
 
 
 @net("pose heatmaps", (1, 3, 64, 48))
@@ -417,7 +417,7 @@ class BlockAttention(nn.Module):
         return self.head(F.adaptive_max_pool2d(x, 1).flatten(1))
 
 
-@net("weighted feature pyramid", (1, 3, 64, 64), refusal="node /Relu (Relu)")
+@net("weighted feature pyramid", (1, 3, 64, 64))
 class Pyramid(nn.Module):
     def __init__(self):
         super().__init__()

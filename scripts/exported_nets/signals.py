@@ -141,7 +141,7 @@ class Language(nn.Module):
         return self.attention(self.tokens(x))
 
 
-@net("causal attention", (1, 12, 32), refusal="node /Where (Where)")
+@net("causal attention", (1, 12, 32))
 class Causal(nn.Module):
     def __init__(self):
         super().__init__()

@@ -36,6 +36,8 @@ class JSONText {
 
   rapidjson::Value const& Root() const { return document_; }
   std::size_t Bytes() const { return text_.size(); }
+  /// What the values take beside the text.
+  std::size_t ValueBytes() const { return allocator_.Size(); }
 
  private:
   std::string text_;

@@ -24,8 +24,15 @@ using rapidjson::Value;
 constexpr char kVersionKey[] = "serialization_protocol_version";
 constexpr SizeType kIndexedMembers = 32;  // with fewer, members are searched one after the other
 
-// What a text may make records take beyond one reading of each of its values, for each of its bytes and in all.
-constexpr std::size_t kBytesForEach = 8, kBytesAtLeast = std::size_t{1} << 19;
+// What a text may make records take beyond one reading of each of its values: with all else at most 40 times the text
+// and 1 MiB. The text and its strings take 2 of these 40, values and one reading of them 9 times what the values take.
+// So little is left beside many small values, which fill up to 31 of the 40, and much beside long strings: a model that
+// an id names 8 times has its lists of layers appended and so reads each layer 36 times, weights in lists included.
+std::size_t Allowance(support::JSONText const& text) {
+  constexpr std::size_t kAtLeast = std::size_t{1} << 19, kForEach = 8, kForStrings = 36, kForValues = 9;
+  std::size_t const strings = kForStrings * text.Bytes(), values = kForValues * text.ValueBytes();
+  return kAtLeast + std::max(kForEach * text.Bytes(), strings > values ? strings - values : 0);
+}
 
 template <class T>
 constexpr bool kIsFloat = std::is_floating_point_v<T> || std::is_same_v<T, half_float::half>;
@@ -193,6 +200,7 @@ struct Kind<std::vector<std::vector<unsigned short>>> {
       std::vector<int> taken;
       if (!Kind<std::vector<int>>::Take(row, taken)) return false;
       std::vector<unsigned short>& narrow = to.emplace_back();
+      narrow.reserve(taken.size());
       for (int number : taken) narrow.push_back(static_cast<unsigned short>(number));
     }
     return true;
@@ -203,18 +211,21 @@ std::string_view NameOf(Value::Member const& member) {
   return {member.name.GetString(), member.name.GetStringLength()};
 }
 
-// What a list takes once it holds these values; nothing for a field that is replaced.
+constexpr std::size_t kBlockBytes = 24;  // of memory, at the least and beyond what is in it at the most
+
+// What a list takes for these values; nothing for a field that is replaced.
 template <class T>
 std::size_t AppendedBytes(Value const&, T const*) {
   return 0;
 }
 std::size_t AppendedBytes(Value const& from, std::string const*) {
-  return from.IsString() ? from.GetStringLength() + 1 : 0;
+  if (!from.IsString() || from.GetStringLength() <= std::string().capacity()) return 0;
+  return kBlockBytes + from.GetStringLength();
 }
 template <class T>
 std::size_t AppendedBytes(Value const& from, std::vector<T> const*) {
   if (!from.IsArray()) return 0;
-  std::size_t bytes = 0;
+  std::size_t bytes = kBlockBytes;
   for (Value const& element : from.GetArray())
     bytes += sizeof(T) + AppendedBytes(element, static_cast<T const*>(nullptr));
   return bytes;
@@ -313,7 +324,7 @@ template <class T>
 void JSONNodeGetter::Take(T* value, char const* key) {
   Value const& from = Find(key);
   if constexpr (kIsList<T>) {
-    if (!value->empty()) Charge(AppendedBytes(from, value), key);
+    if (!value->empty()) Charge(AppendedBytes(from, value), key, value->capacity() * sizeof value->front());
   }
   AssertAt(Kind<T>::Take(from, *value), path_, key, Kind<T>::kNeeds);
 }
@@ -339,9 +350,10 @@ void JSONNodeGetter::Skim(char const* key) { AssertAt(Find(key).IsString(), path
 
 // Reading a record again appends to its lists, and a record that stands as null is made all the same: without a limit
 // a small text could fill the memory.
-void JSONNodeGetter::Charge(std::size_t bytes, char const* key) {
+void JSONNodeGetter::Charge(std::size_t bytes, char const* key, std::size_t for_a_moment) {
   if (bytes_left_ == nullptr) return;
-  AssertAt(bytes <= *bytes_left_, path_, key, "repeated and null records take more memory than such a text may");
+  AssertAt(bytes + for_a_moment <= *bytes_left_, path_, key,
+           "repeated and null records take more memory than such a text may");
   *bytes_left_ -= bytes;
 }
 
@@ -360,7 +372,7 @@ void support::ReadRecord(JSONText const& text, Serializable* record, char const*
   }
   auto const getter = std::make_shared<JSONNodeGetter>(text.Root(), 0);
   getter->skims_weights_ = skims_weights;
-  getter->bytes_left_ = std::make_shared<std::size_t>(kBytesAtLeast + kBytesForEach * text.Bytes());
+  getter->bytes_left_ = std::make_shared<std::size_t>(Allowance(text));
   record->VisitAttr(getter);
 }
 

@@ -78,7 +78,7 @@ class TALVO_API JSONNodeGetter : public Visitor {
   void Take(T* value, char const* key);
   void Take(char* text, char const* key);
   void Take(Serializable* record, char const* key);
-  void Charge(std::size_t bytes, char const* key);
+  void Charge(std::size_t bytes, char const* key, std::size_t for_a_moment = 0);
   void Skim(char const* key);
 
   rapidjson::Value const& node_;

@@ -59,7 +59,8 @@ std::vector<std::string> UnreadIDs(std::vector<std::string> const& order, Layers
 }  // namespace
 
 // A heap keeps what is freed to it, and texts of weights as long as the tensors made from them would stay for nothing.
-TLModelInfo::FreedMemory::~FreedMemory() {
+// Once for all models: it walks the whole heap, and a file may hold thousands of them.
+TLModelInfoArr::FreedMemory::~FreedMemory() {
 #if defined(__GLIBC__)
   malloc_trim(0);
 #endif

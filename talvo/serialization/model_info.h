@@ -44,7 +44,7 @@ class TALVO_API TensorInfo : public Serializable {
   std::string dtype = "None", data = "None", layout;
 };
 
-/// One network: layers in execution order. When it goes, the memory of its weights goes back to the system.
+/// One network: layers in execution order.
 class TALVO_API TLModelInfo : public Serializable {
  public:
   /// Makes the records of layers that are absent, by their numbers in `squential_types`, which also overrule the number
@@ -67,23 +67,24 @@ class TALVO_API TLModelInfo : public Serializable {
   std::vector<std::string> squential_output_ids;  // the outputs as the file names them
   std::vector<std::string> squential_ids;         // layers in execution order
   std::vector<unsigned short> squential_types;    // the type number of each
-
- private:
-  struct TALVO_API FreedMemory {
-    ~FreedMemory();
-  };
-  FreedMemory freed_memory_;  // goes after `layers`
-
- public:
   std::unordered_map<std::string, std::shared_ptr<LayerInfo>> layers;
 };
 
-/// Networks by name. Assert, in VisitAttr: a name that stands more than 8 times in the list.
+/// Networks by name. When it goes, the memory of their weights goes back to the system. Assert, in VisitAttr: a name
+/// that stands more than 8 times in the list.
 class TALVO_API TLModelInfoArr : public Serializable {
  public:
   void VisitAttr(std::shared_ptr<Visitor> visitor) override;
 
   std::vector<std::string> squential_ids;
+
+ private:
+  struct TALVO_API FreedMemory {
+    ~FreedMemory();
+  };
+  FreedMemory freed_memory_;  // goes after `models`
+
+ public:
   std::unordered_map<std::string, std::shared_ptr<TLModelInfo>> models;
 };
 

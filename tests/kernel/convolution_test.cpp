@@ -60,8 +60,9 @@ bool IsRow(Form form) { return form == kRow || form == kFusedRow; }
 
 // The definitions, element by element. Position y of the border's frame is input row y, in the transposed form row
 // y / sy where that divides; the direct form sums each channel by itself and reads 0 outside. The fused forms add up
-// chains of fmaf over some channels each, and all read 0 outside.
-std::vector<float> Plain(Form form, Case const& c, Data const& d) {
+// chains of fused steps over some channels each, and all read 0 outside.
+template <class Number>
+std::vector<Number> Plain(Form form, Case const& c, Data const& d, std::vector<Number> const& input) {
   bool const turned = IsTransposed(form), fused = form >= kFusedPlane;
   auto const extent = [turned](int size, int border, int reach, int stride) {
     return turned ? stride * size + border - reach : (size + border - reach - 1) / stride + 1;
@@ -70,12 +71,12 @@ std::vector<float> Plain(Form form, Case const& c, Data const& d) {
   int const ow = extent(c.width, c.l + c.r, c.dx * (c.kx - 1), c.sx);
   int const ipg = c.in / c.groups, opg = c.out / c.groups, taps = c.ky * c.kx;
   int const chain = taps == 1 ? std::max(1, ipg) : std::max(1, 72 / taps);
-  std::vector<float> result(std::size_t(c.out * oh * ow), 0.0f);
+  std::vector<Number> result(std::size_t(c.out * oh * ow), Number());
   for (int i = 0; i < c.groups * opg * oh * ow; ++i) {
     int const o = i / (oh * ow), row = i / ow % oh, column = i % ow;
-    float& value = result[std::size_t(i)];
+    Number& value = result[std::size_t(i)];
     if (c.bias) value = d.bias[std::size_t(o)];
-    float sum = value;
+    Number sum = value;
     for (int channel = o / opg * ipg; channel < (o / opg + 1) * ipg; ++channel) {
       int const n = channel % ipg;
       if (!fused || (n > 0 && n % chain == 0)) sum = 0.0f;
@@ -86,12 +87,13 @@ std::vector<float> Plain(Form form, Case const& c, Data const& d) {
                    met = on_grid && (!turned || (y >= 0 && x >= 0));
         if (turned) y /= c.sy, x /= c.sx;
         bool const inside = met && y >= 0 && y < c.height && x >= 0 && x < c.width;
-        float const in = inside ? d.input[std::size_t((channel * c.height + y) * c.width + x)] : 0.0f;
-        int const weight = turned ? (channel * opg + o % opg + 1) * taps - 1 - k : (o * ipg + channel % ipg) * taps + k;
-        if (fused && on_grid) sum = std::fmaf(in, d.weight[std::size_t(weight)], sum);
+        Number const in = inside ? input[std::size_t((channel * c.height + y) * c.width + x)] : Number();
+        int const at = turned ? (channel * opg + o % opg + 1) * taps - 1 - k : (o * ipg + channel % ipg) * taps + k;
+        Number const weight = d.weight[std::size_t(at)];
+        if (fused && on_grid) sum = std::fma(in, weight, sum);
         if (fused) continue;
-        if (turned && inside) value += in * d.weight[std::size_t(weight)];
-        if (!turned) sum += in * d.weight[std::size_t(weight)];
+        if (turned && inside) value += in * weight;
+        if (!turned) sum += in * weight;
       }
       if (!fused && !turned) value += sum;
       if (fused && ((n + 1) % chain == 0 || n + 1 == ipg)) value = n < chain ? sum : value + sum;
@@ -176,7 +178,7 @@ void ExpectResult(Form form, Case const& c, Data const& d, std::vector<float> co
 
 void ExpectPlain(Form form, Case const& c, std::uint32_t seed) {
   Data const d = MakeData(c, seed);
-  ExpectResult(form, c, d, Plain(form, c, d));
+  ExpectResult(form, c, d, Plain(form, c, d, d.input));
 }
 
 // Any case whose window fits; `transposed` lets paddings be negative.
@@ -254,49 +256,101 @@ TEST(Convolution, EveryWayThroughTheTiles) {
   ExpectPlain(kFusedTransposed, {1, 5, 3, 9, 20, 1, 1, 1, 1, 1, 1, -1, -2, -1, 0, true}, 8);  // some of each row
 }
 
-// The plain loops in double, without a border.
-std::vector<double> InDouble(Case const& c, Data const& d, std::vector<double> const& input) {
-  int const oh = c.height - c.ky + 1, ow = c.width - c.kx + 1, taps = c.ky * c.kx;
-  std::vector<double> result(std::size_t(c.out * oh * ow), 0.0);
-  for (int i = 0; i < c.out * oh * ow; ++i) {
-    int const o = i / (oh * ow), y = i / ow % oh, x = i % ow;
-    for (int k = 0; k < c.in * taps; ++k) {
-      int const row = k / taps * c.height + y + k % taps / c.kx;
-      result[std::size_t(i)] +=
-          double(d.weight[std::size_t(o * c.in * taps + k)]) * input[std::size_t(row * c.width + x + k % c.kx)];
+// A layer of a net, followed by a rectifier: before that the results of an earlier layer may be added, behind it others
+// may be joined as further channels. Number 0 is the input of the net.
+struct Layer {
+  Case c;
+  bool transposed = false;
+  int add = -1, join = -1;
+};
+
+// `convolve` gives the results of a layer from its weights and input.
+template <class Number, class Convolve>
+std::vector<Number> RunNet(std::vector<Layer> const& net, Convolve const& convolve) {
+  Case const& first = net.front().c;
+  auto const picture = test::Floats(1, std::size_t(first.in * first.height * first.width));
+  std::vector<std::vector<Number>> results = {{picture.begin(), picture.end()}};
+  for (Layer const& layer : net) {
+    Case const& c = layer.c;
+    Data const d = {
+        {}, test::Floats(std::uint32_t(results.size()), std::size_t(c.in / c.groups * c.out * c.ky * c.kx)), {}};
+    std::vector<Number> values = convolve(layer, d, results.back());
+    for (std::size_t i = 0; layer.add >= 0 && i < values.size(); ++i) values[i] += results[std::size_t(layer.add)][i];
+    for (Number& value : values) value = std::max(value, Number());
+    if (layer.join >= 0) {
+      auto const& others = results[std::size_t(layer.join)];
+      values.insert(values.end(), others.begin(), others.end());
     }
+    results.push_back(std::move(values));
   }
-  return result;
+  return results.back();
 }
 
-double SquaredError(std::vector<float> const& got, std::vector<double> const& want) {
+// Of the results of a net by kernels.
+double SquaredError(std::vector<Layer> const& net, bool fused, std::vector<double> const& truth) {
+  auto const context = test::GuardedContext();
+  auto const got = RunNet<float>(net, [&](Layer const& layer, Data const& d, std::vector<float> const& input) {
+    Form const plane = fused ? kFusedPlane : kPlane, transposed = fused ? kFusedTransposed : kTransposed;
+    Form const form = layer.transposed ? transposed : plane;
+    auto const kernel = KernelOf(form);
+    EXPECT_TRUE(kernel->Config(RecordOf(form, layer.c, d), nullptr, context));
+    return Compute(*kernel, InputOf(form, *context, layer.c, {input, {}, {}}), context);
+  });
   double sum = 0.0;
-  for (std::size_t i = 0; i < got.size(); ++i) sum += (got[i] - want[i]) * (got[i] - want[i]);
+  for (std::size_t i = 0; i < got.size(); ++i) sum += (got[i] - truth[i]) * (got[i] - truth[i]);
   return sum;
 }
 
-// A net of kernels of 3x3, 1x1 and 5x5 with rectifiers between them. A single layer of few channels may be farther off.
 TEST(Convolution, AFusedNetEndsNearerToTheTruthThanAPortableOne) {
-  Case const layers[] = {{1, 32, 64, 19, 19, 3, 3, 1, 1, 1, 1},
-                         {1, 64, 96, 17, 17, 1, 1, 1, 1, 1, 1},
-                         {1, 96, 48, 17, 17, 3, 3, 1, 1, 1, 1},
-                         {1, 48, 40, 15, 15, 5, 5, 1, 1, 1, 1},
-                         {1, 40, 20, 11, 11, 3, 3, 1, 1, 1, 1}};
-  auto const context = test::GuardedContext();
-  auto portable = test::Floats(1, 32 * 19 * 19), fused = portable;
-  std::vector<double> truth(portable.begin(), portable.end());
-  for (Case const& c : layers) {
-    Data const d = {{}, test::Floats(std::uint32_t(c.in), std::size_t(c.in * c.out * c.ky * c.kx)), {}};
-    for (auto [form, values] : {std::pair(kPlane, &portable), std::pair(kFusedPlane, &fused)}) {
-      auto const kernel = KernelOf(form);
-      ASSERT_TRUE(kernel->Config(RecordOf(form, c, d), nullptr, context));
-      *values = Compute(*kernel, InputOf(form, *context, c, {*values, {}, {}}), context);
-      for (float& value : *values) value = std::max(value, 0.0f);
-    }
-    truth = InDouble(c, d, truth);
-    for (double& value : truth) value = std::max(value, 0.0);
+  auto const square = [](int in, int out, int extent, int kernel, int stride = 1, int groups = 1) {
+    int const border = kernel / 2;
+    return Case{groups, in, out, extent, extent, kernel, kernel, stride, stride, 1, 1, border, border, border, border};
+  };
+  struct {
+    char const* why;
+    double most;  // the fused net's error, in those of the portable one
+    std::vector<Layer> net;
+  } const nets[] = {
+      {"one layer of a few channels: a long chain instead of short ones", 2.0, {{square(8, 16, 12, 3)}}},
+      {"one layer of many channels", 1.0, {{square(96, 16, 12, 3)}}},
+      {"residual",
+       1.0,
+       {{square(3, 64, 16, 7, 2)},
+        {square(64, 64, 8, 3)},
+        {square(64, 64, 8, 3), false, 1},
+        {square(64, 128, 8, 3, 2)},
+        {square(128, 128, 4, 3)},
+        {square(128, 128, 4, 3), false, 4},
+        {square(128, 20, 4, 1)}}},
+      {"down and up",
+       1.0,
+       {{square(3, 32, 16, 3)},
+        {square(32, 32, 16, 3)},
+        {square(32, 64, 16, 3, 2)},
+        {square(64, 64, 8, 3)},
+        {{1, 64, 32, 8, 8, 2, 2, 2, 2, 1, 1, 1, 0, 1, 0}, true, -1, 2},
+        {square(64, 32, 16, 3)},
+        {square(32, 2, 16, 1)}}},
+      {"depthwise and pointwise, behind a first layer of three channels",
+       1.0,
+       {{square(3, 32, 24, 3, 2)},
+        {square(32, 32, 12, 3, 1, 32)},
+        {square(32, 64, 12, 1)},
+        {square(64, 64, 12, 3, 2, 64)},
+        {square(64, 128, 6, 1)},
+        {square(128, 128, 6, 3, 1, 128)},
+        {square(128, 256, 6, 1)},
+        {square(256, 256, 6, 3, 1, 256)},
+        {square(256, 20, 6, 1)}}},
+  };
+  for (auto const& row : nets) {
+    SCOPED_TRACE(row.why);
+    auto const truth = RunNet<double>(row.net, [](Layer const& layer, Data const& d, std::vector<double> const& input) {
+      return Plain(layer.transposed ? kTransposed : kPlane, layer.c, d, input);
+    });
+    double const fused = SquaredError(row.net, true, truth), portable = SquaredError(row.net, false, truth);
+    EXPECT_LE(fused, portable * row.most * row.most);
   }
-  EXPECT_LE(SquaredError(fused, truth), SquaredError(portable, truth));
 }
 
 // Worked by hand: a weight of 1, 10, 100 shows in each digit which element it met.

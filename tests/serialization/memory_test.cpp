@@ -7,6 +7,7 @@
 
 #include "fuzz/memory_meter.h"
 #include "talvo/serialization/layer_info_activation.h"
+#include "talvo/serialization/layer_info_rnn.h"
 #include "talvo/serialization/layer_info_tensor.h"
 #include "talvo/serialization/model_info.h"
 #include "talvo/utility/file.h"
@@ -67,6 +68,17 @@ bool IsRead(std::string const& path, char const* form) {
   }
 }
 
+// Two layers of two directions.
+template <class Info>
+Info Recurrent() {
+  Info info;
+  info.weight_ih_forward = info.weight_hh_forward = info.weight_ih_reverse =
+      info.weight_hh_reverse = {std::string(20000, 'A'), std::string(40000, 'A')};
+  info.bias_ih_forward = info.bias_hh_forward = info.bias_ih_reverse =
+      info.bias_hh_reverse = {std::string(400, 'A'), std::string(400, 'A')};
+  return info;
+}
+
 struct Case {
   char const* why;
   bool (*is_read)(std::string const& path, char const* form);
@@ -93,6 +105,9 @@ TEST(Memory, OfAJSONTextIsBoundByItsLength) {
   std::string const nulls = Many("\"#\":null,", kCount), no_layers = "\"squential_ids\":[],\"squential_types\":[]}";
   LayerPlaceholderInfo record;
   TensorGetItemInfo item;
+  LSTMInfo lstm = Recurrent<LSTMInfo>();
+  GRUInfo gru = Recurrent<GRUInfo>();
+  std::string const eight_times = R"({"serializable_type":"","squential_ids":["a","a","a","a","a","a","a","a"],"a":)";
   std::string placeholder = Written(record, "json"), items = Written(item, "json");
   placeholder.replace(placeholder.find("\"input_shapes\": []"), 18, "\"input_shapes\":" + List("[1],", kCount));
   items.replace(items.find("\"num_sampling_infos\": 0"), 23, "\"num_sampling_infos\": 65535");
@@ -110,13 +125,23 @@ TEST(Memory, OfAJSONTextIsBoundByItsLength) {
        {"models that stand as null", &IsRead<TLModelInfoArr>, false, Table("\"serializable_type\":\"\",", kCount)},
        {"configurations that stand as null", &IsRead<TLModelMultiBackendCfgsArr>, false, Table("", kCount)},
        {"layers' kernels that stand as null", &IsRead<TLModelCfg>, false, Table("\"summary\":\"\",", kCount)},
-       {"a model read eight times", &IsRead<TLModelInfoArr>, false,
-        R"({"serializable_type":"","squential_ids":["a","a","a","a","a","a","a","a"],"a":)" +
-            Model(List("\"\",", 300000), no_layers) + "}"}},
+       {"a model of many outputs read eight times", &IsRead<TLModelInfoArr>, false,
+        eight_times + Model(List("\"\",", 300000), no_layers) + "}"},
+       {"recurrent weights read 36 times", &IsRead<TLModelInfoArr>, true,
+        eight_times +
+            Model("[]", R"("squential_ids":["l","g"],"squential_types":[36,38],"l":)" + Written(lstm, "json") +
+                            ",\"g\":" + Written(gru, "json") + "}") +
+            "}"}},
       "json", 40);
 }
 
 TEST(Memory, OfABinaryFileIsBoundByItsLength) {
+  TLModelInfoArr eight_times;
+  eight_times.squential_ids.assign(8, "a");
+  TLModelInfo& model = *(eight_times.models["a"] = std::make_shared<TLModelInfo>());
+  model.squential_ids = {"l", "g"}, model.squential_types = {36, 38};
+  model.layers["l"] = std::make_shared<LSTMInfo>(Recurrent<LSTMInfo>());
+  model.layers["g"] = std::make_shared<GRUInfo>(Recurrent<GRUInfo>());
   constexpr unsigned int kCount = 20000;
   std::string const ids = Count(kCount) + Many(std::string("\3\0\0\0\0\0\0\0#", 9), kCount);
   auto const zeros = [](std::size_t each) { return std::string(kCount * each, '\0'); };
@@ -130,6 +155,7 @@ TEST(Memory, OfABinaryFileIsBoundByItsLength) {
        {"layers' kernels", &IsRead<TLModelCfg>, true, Bytes<TLModelCfg>(8, ids + zeros(40))},
        {"configurations", &IsRead<TLModelMultiBackendCfgsArr>, true,
         Bytes<TLModelMultiBackendCfgsArr>(8, ids + zeros(128))},
+       {"recurrent weights read eight times", &IsRead<TLModelInfoArr>, true, Written(eight_times, "bin")},
        {"items that are not there", &IsRead<TensorGetItemInfo>, false, Bytes<TensorGetItemInfo>(2, "\xFF\xFF")},
        {"a text that is not there", &IsRead<KernelCfg>, false, Bytes<KernelCfg>(16, Count(1ull << 24))},
        {"texts that are not there", &IsRead<LayerInfo>, false, Bytes<LayerInfo>(10, Count(1ull << 24))}},

@@ -163,6 +163,64 @@ Array Chosen(Node const& node) {
   return result;
 }
 
+// Takes the sign of the divisor, or that of the dividend with fmod = 1.
+Array Remainders(Node const& node) {
+  bool const truncated = node.Int("fmod", 0) != 0;
+  return Pairs([truncated](double a, double b, bool floating) {
+    if (!floating && b == 0) throw Refusal("a whole number is divided by 0");
+    double const rest = std::fmod(a, b);
+    return truncated || rest == 0 || (rest < 0) == (b < 0) ? rest : rest + b;
+  })(node);
+}
+
+template <class Function>
+Folder Reduced(Function function) {
+  return [function](Node const& node) {
+    Array const& array = node.ConstantInput(0);
+    Reduction const reduction = ReductionOf(node, array.shape);
+    Shape kept = array.shape;
+    for (std::size_t const axis : reduction.axes) kept[axis] = 1;
+    std::vector<std::optional<double>> folded(Count(kept));
+    auto const places = BroadcastOffsets(kept, array.shape);
+    for (std::size_t i = 0; i < places.size(); ++i) {
+      auto& value = folded[places[i]];
+      value = value ? Rounded(function(*value, array.values[i]), array.type) : array.values[i];
+    }
+    Array result{reduction.shape, array.type, {}};
+    for (auto const& value : folded) {
+      if (!value) throw Refusal("a reduction of no elements");
+      result.values.push_back(*value);
+    }
+    return result;
+  };
+}
+
+// The last axis of the indices names places of the leading axes; what stands there is replaced.
+Array Scattered(Node const& node) {
+  Array result = node.ConstantInput(0);
+  Array const &indices = node.ConstantInput(1), &updates = node.ConstantInput(2);
+  if (node.Word("reduction", "none") != "none") throw Refusal("attribute reduction = " + node.Word("reduction", ""));
+  std::size_t const rank = result.shape.size(),
+                    depth = indices.shape.empty() ? 0 : static_cast<std::size_t>(indices.shape.back());
+  if (depth == 0 || depth > rank) throw Refusal("indices " + Text(indices.shape) + " of " + Text(result.shape));
+  std::size_t const inner = static_cast<std::size_t>(Product(result.shape, depth, rank));
+  std::vector<long long> const places = indices.Integers();
+  if (places.size() / depth * inner != updates.values.size())
+    throw Refusal("updates " + Text(updates.shape) + " do not fit indices " + Text(indices.shape));
+  for (std::size_t i = 0; i * depth < places.size(); ++i) {
+    Shape at(rank, 0);
+    for (std::size_t axis = 0; axis < depth; ++axis) {
+      long long const place = places[i * depth + axis], extent = result.shape[axis];
+      if (place < -extent || place >= extent)
+        throw Refusal("index " + std::to_string(place) + " is none of " + std::to_string(extent));
+      at[axis] = place < 0 ? place + extent : place;
+    }
+    std::copy_n(updates.values.begin() + static_cast<std::ptrdiff_t>(i * inner), inner,
+                result.values.begin() + static_cast<std::ptrdiff_t>(Offset(result.shape, at)));
+  }
+  return result;
+}
+
 Array Filled(Node const& node) {
   Array result = node.Has("value") ? node.Tensor("value") : Scalar(0);
   if (result.values.size() != 1)
@@ -170,6 +228,18 @@ Array Filled(Node const& node) {
   result.shape = node.ConstantInput(0).Integers();
   result.values.assign(Count(result.shape), result.values[0]);
   return result;
+}
+
+Array Tiled(Node const& node) {
+  Array const& array = node.ConstantInput(0);
+  auto const repeats = node.ConstantInput(1).Integers();
+  if (repeats.size() != array.shape.size()) throw Refusal("repeats do not fit " + Text(array.shape));
+  Shape shape = array.shape;
+  for (std::size_t axis = 0; axis < shape.size(); ++axis) shape[axis] = Times(shape[axis], repeats[axis]);
+  return Picked(array, shape, [&](Shape at) {
+    for (std::size_t axis = 0; axis < at.size(); ++axis) at[axis] %= array.shape[axis];
+    return Offset(array.shape, at);
+  });
 }
 
 Array Counted(Node const& node) {
@@ -223,9 +293,14 @@ std::map<std::string, Folder> const& Folders() {
       {"Floor", Each([](double a) { return std::floor(a); })},
       {"Gather", Gathered},
       {"Greater", Pairs([](double a, double b, bool) { return a > b; }, true)},
+      {"GreaterOrEqual", Pairs([](double a, double b, bool) { return a >= b; }, true)},
       {"Identity", [](Node const& n) { return n.ConstantInput(0); }},
       {"Less", Pairs([](double a, double b, bool) { return a < b; }, true)},
+      {"LessOrEqual", Pairs([](double a, double b, bool) { return a <= b; }, true)},
       {"Log", Each([](double a) { return std::log(a); })},
+      {"Max", Pairs([](double a, double b, bool) { return a > b || std::isnan(a) ? a : b; })},
+      {"Min", Pairs([](double a, double b, bool) { return a < b || std::isnan(a) ? a : b; })},
+      {"Mod", Remainders},
       {"Mul", Pairs([](double a, double b, bool) { return a * b; })},
       {"Neg", Each([](double a) { return -a; })},
       {"Not", Each([](double a) { return a == 0; })},
@@ -233,11 +308,20 @@ std::map<std::string, Folder> const& Folders() {
       {"Pow", Pairs([](double a, double b, bool) { return std::pow(a, b); })},
       {"Range", Counted},
       {"Reciprocal", Each([](double a) { return 1 / a; })},
+      {"ReduceMax", Reduced([](double a, double b) { return a > b || std::isnan(a) ? a : b; })},
+      {"ReduceMin", Reduced([](double a, double b) { return a < b || std::isnan(a) ? a : b; })},
+      {"ReduceProd", Reduced([](double a, double b) { return a * b; })},
+      {"ReduceSum", Reduced([](double a, double b) { return a + b; })},
+      {"Relu", Each([](double a) { return a < 0 ? 0 : a; })},
       {"Reshape", [](Node const& n) { return Reshaped(n.ConstantInput(0), ReshapedShape(n, n.inputs[0].shape)); }},
+      {"ScatterND", Scattered},
+      {"Sigmoid", Each([](double a) { return 1 / (1 + std::exp(-a)); })},
       {"Slice", Sliced},
       {"Sqrt", Each([](double a) { return std::sqrt(a); })},
       {"Squeeze", [](Node const& n) { return Reshaped(n.ConstantInput(0), SqueezedShape(n, n.inputs[0].shape)); }},
       {"Sub", Pairs([](double a, double b, bool) { return a - b; })},
+      {"Tanh", Each([](double a) { return std::tanh(a); })},
+      {"Tile", Tiled},
       {"Transpose", Transposed},
       {"Unsqueeze", [](Node const& n) { return Reshaped(n.ConstantInput(0), UnsqueezedShape(n, n.inputs[0].shape)); }},
       {"Where", Chosen},
@@ -304,6 +388,18 @@ std::vector<Range> SliceRanges(Node const& node, Shape const& shape) {
     ranges.push_back({axis, begin, span > 0 ? (span + size - 1) / size : 0, step});
   }
   return ranges;
+}
+
+Reduction ReductionOf(Node const& node, Shape const& shape) {
+  auto const given = node.IntsAt(1, "axes");
+  std::vector<bool> reduced(shape.size(), given.empty() && node.Int("noop_with_empty_axes", 0) == 0);
+  for (long long const axis : given) reduced[Axis(axis, shape.size())] = true;
+  Reduction reduction;
+  for (std::size_t i = 0; i < shape.size(); ++i) {
+    if (reduced[i]) reduction.axes.push_back(i);
+    if (!reduced[i] || node.Int("keepdims", 1) != 0) reduction.shape.push_back(reduced[i] ? 1 : shape[i]);
+  }
+  return reduction;
 }
 
 Shape ReshapedShape(Node const& node, Shape const& shape) {

@@ -27,6 +27,14 @@ Shape FlattenedShape(Node const& node, Shape const& shape);
 Shape SqueezedShape(Node const& node, Shape const& shape);
 Shape UnsqueezedShape(Node const& node, Shape const& shape);
 
+struct Reduction {
+  std::vector<std::size_t> axes;
+  Shape shape;  // of the result
+};
+
+/// What a reducing node makes of `shape`.
+Reduction ReductionOf(Node const& node, Shape const& shape);
+
 /// The axes of a Transpose node. Refusal: no permutation.
 std::vector<std::size_t> Permutation(Node const& node, std::size_t rank);
 

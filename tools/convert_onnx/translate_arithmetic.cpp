@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "tools/convert_onnx/fold.h"
 #include "tools/convert_onnx/translators.h"
 
 namespace convert_onnx {
@@ -48,23 +49,6 @@ Values Many(Node const& node, Builder& builder) {
 
 Values Mean(Node const& node, Builder& builder) {
   return {builder.Linear(Chain<kAdd>(node, builder), 1 / static_cast<float>(node.inputs.size()), 0)};
-}
-
-struct Reduction {
-  std::vector<std::size_t> axes;
-  Shape shape;  // of the result
-};
-
-Reduction ReductionOf(Node const& node, Shape const& shape) {
-  auto const given = node.IntsAt(1, "axes");
-  std::vector<bool> reduced(shape.size(), given.empty() && node.Int("noop_with_empty_axes", 0) == 0);
-  for (long long const axis : given) reduced[Axis(axis, shape.size())] = true;
-  Reduction reduction;
-  for (std::size_t i = 0; i < shape.size(); ++i) {
-    if (reduced[i]) reduction.axes.push_back(i);
-    if (!reduced[i] || node.Int("keepdims", 1) != 0) reduction.shape.push_back(reduced[i] ? 1 : shape[i]);
-  }
-  return reduction;
 }
 
 enum class Before { kNothing, kAbsolute, kSquare };

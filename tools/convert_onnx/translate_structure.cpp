@@ -31,7 +31,8 @@ Values CastLike(Node const& node, Builder& builder) {
 }
 
 Values Dropout(Node const& node, Builder&) {
-  if (node.Given(2) && node.ConstantInput(2).values != std::vector<double>{0})
+  bool const drops = !node.Given(1) || node.ConstantInput(1).values != std::vector<double>{0};
+  if (drops && node.Given(2) && node.ConstantInput(2).values != std::vector<double>{0})
     throw Refusal("input training_mode is true");
   Values outputs{node.TensorInput(0)};
   if (node.wanted.size() > 1) outputs.push_back(Unmade("output mask is bool; tensors are float32"));

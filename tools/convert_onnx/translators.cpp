@@ -6,7 +6,7 @@ Translators const& AllTranslators() {
   static Translators const table = [] {
     Translators made;
     for (auto const add : {AddActivations, AddArithmetic, AddConvolutions, AddProducts, AddPoolings, AddStructure,
-                           AddResampling, AddFunctions, AddNormalisations, AddRecurrent, AddFourier})
+                           AddResampling, AddFunctions, AddNormalisations, AddRecurrent, AddFourier, AddLogic})
       add(made);
     return made;
   }();

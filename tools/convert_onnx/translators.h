@@ -29,6 +29,7 @@ void AddFunctions(Translators& table);
 void AddNormalisations(Translators& table);
 void AddRecurrent(Translators& table);
 void AddFourier(Translators& table);
+void AddLogic(Translators& table);
 
 /// An output that no layer makes.
 Value Unmade(std::string const& why);

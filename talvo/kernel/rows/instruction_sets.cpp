@@ -1,6 +1,8 @@
 #include "talvo/kernel/rows/instruction_sets.h"
 
 #include <array>
+#include <cstdlib>
+#include <string_view>
 
 namespace talvo::kernel::rows {
 namespace {
@@ -23,8 +25,18 @@ bool Runs(InstructionSet set) {
 #endif
 }
 
+// The widest set, or the one that the environment names, where the processor runs it.
+InstructionSet SetAtStart() {
+  auto const sets = RunnableSets();
+  char const* const wanted = std::getenv("TALVO_INSTRUCTION_SET");
+  for (auto const set : sets) {
+    if (wanted != nullptr && std::string_view(wanted) == NameOf(set)) return set;
+  }
+  return sets.back();
+}
+
 // Code that runs before this is initialised finds 0, the baseline.
-InstructionSet active = RunnableSets().back();
+InstructionSet active = SetAtStart();
 
 }  // namespace
 

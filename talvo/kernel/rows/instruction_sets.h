@@ -56,7 +56,9 @@ constexpr int kMaxLanes = 16;
 /// The sets that this processor runs, the narrowest first. Never empty.
 std::vector<InstructionSet> RunnableSets();
 
-/// The set in use: the widest of RunnableSets, unless a test took another one.
+/// The set in use: the widest of RunnableSets, unless a test took another one. For certification and debugging the
+/// environment variable TALVO_INSTRUCTION_SET names another at start, as NameOf does; a set that the processor does not
+/// run, and any other word, changes nothing.
 InstructionSet ActiveSet();
 
 /// Floats in a vector of the set in use.
