@@ -88,10 +88,15 @@ function(talvo_add_bench name)
   target_link_libraries(${name} PRIVATE tln_core_objects talvo_numeric talvo_warnings benchmark::benchmark)
 endfunction()
 
-# A fuzz target. Without libFuzzer it gets a main that replays the seed corpus fuzz/corpus/<name>, as a test.
+# A fuzz target, of the library's objects or of what is named. Without libFuzzer it gets a main that replays the seed
+# corpus fuzz/corpus/<name>, as a test.
 function(talvo_add_fuzz name)
   add_executable(fuzz_${name} ${name}.cpp)
-  target_link_libraries(fuzz_${name} PRIVATE tln_core_objects talvo_numeric talvo_warnings)
+  if(ARGN)
+    target_link_libraries(fuzz_${name} PRIVATE ${ARGN} talvo_warnings)
+  else()
+    target_link_libraries(fuzz_${name} PRIVATE tln_core_objects talvo_numeric talvo_warnings)
+  endif()
   if(TALVO_LIBFUZZER)
     target_link_options(fuzz_${name} PRIVATE -fsanitize=fuzzer)
   else()
