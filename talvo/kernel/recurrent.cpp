@@ -12,14 +12,6 @@
 namespace talvo::kernel {
 namespace recurrent {
 
-using runtime::TensorShape;
-using support::ContextPtr;
-using support::LayerPtr;
-using support::ParamPtr;
-using support::Shapes;
-using support::Tensors;
-using utility::Refuse;
-
 // The registered names stand in the order of the variants' numbers.
 struct Rnn {
   using CellInfo = runtime::RNNCellInfo;

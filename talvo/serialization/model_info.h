@@ -71,23 +71,17 @@ class TALVO_API TLModelInfo : public Serializable {
   std::vector<std::string> squential_ids;         // layers in execution order
   std::vector<unsigned short> squential_types;    // the type number of each
   std::unordered_map<std::string, std::shared_ptr<LayerInfo>> layers;
+  bool has_net = false;  // CreateNet has copied the weights; no field of files
 };
 
-/// Networks by name. When it goes, the memory of their weights goes back to the system. Assert, in VisitAttr: a name
-/// that stands more than 8 times in the list.
+/// Networks by name. When it goes and a net was made of one, the memory of their weights goes back to the system.
+/// Assert, in VisitAttr: a name that stands more than 8 times in the list.
 class TALVO_API TLModelInfoArr : public Serializable {
  public:
+  ~TLModelInfoArr() override;
   void VisitAttr(std::shared_ptr<Visitor> visitor) override;
 
   std::vector<std::string> squential_ids;
-
- private:
-  struct TALVO_API FreedMemory {
-    ~FreedMemory();
-  };
-  FreedMemory freed_memory_;  // goes after `models`
-
- public:
   std::unordered_map<std::string, std::shared_ptr<TLModelInfo>> models;
 };
 
