@@ -5,9 +5,9 @@
 #include <cstring>
 #include <memory>
 #include <optional>
+#include <set>
 #include <stdexcept>
-#include <unordered_map>
-#include <unordered_set>
+#include <string_view>
 #include <utility>
 
 #include "talvo/entry/model_parts_support.h"
@@ -203,7 +203,7 @@ class Checker {
   }
 
   void CheckReaders(TLModelInfo const& model) {
-    std::unordered_set<std::string> read(model.squential_output_ids.begin(), model.squential_output_ids.end());
+    std::set<std::string_view> read(model.squential_output_ids.begin(), model.squential_output_ids.end());
     for (std::string const& id : model.squential_ids) {
       auto const& inputs = model.layers.at(id)->input_ids;
       read.insert(inputs.begin(), inputs.end());

@@ -3,8 +3,9 @@
 #include <algorithm>
 #include <map>
 #include <new>
+#include <set>
 #include <stdexcept>
-#include <unordered_set>
+#include <string_view>
 #include <utility>
 
 #include "talvo/entry/create_context.h"
@@ -72,16 +73,22 @@ std::string Sentence(ModelFinding const& finding) {
   return (finding.layer.empty() ? "" : "layer " + finding.layer + " ") + finding.text;
 }
 
+// For the first findings alone: a file may hold thousands, and the nearest of each are sought among all names.
+std::string Nearest(std::string const& name, std::vector<std::string> const& candidates, std::size_t findings_before) {
+  constexpr std::size_t kSought = 4;
+  return findings_before < kSought ? "; nearest: " + Listed(NearestNames(name, candidates)) : "";
+}
+
 // The walk itself takes layer 0 for an id that no layer has: a slip of the pen would run.
 std::vector<ModelFinding> UnknownIds(TLModelInfo const& model) {
   auto const& ids = model.squential_ids;
-  std::unordered_set<std::string> const known(ids.begin(), ids.end());
+  std::set<std::string_view> const known(ids.begin(),
+                                         ids.end());  // a hash table of ids is one that a file can make slow
   std::vector<ModelFinding> unknown;
   auto const check = [&](std::string const& wanted, std::string const& layer, char const* does) {
     if (known.count(wanted) != 0) return;
     unknown.push_back(
-        {true, layer,
-         does + (" \"" + wanted) + "\", which no layer is called; nearest: " + Listed(NearestNames(wanted, ids))});
+        {true, layer, does + (" \"" + wanted) + "\", which no layer is called" + Nearest(wanted, ids, unknown.size())});
   };
   for (std::string const& output : model.squential_output_ids) check(output, "", "the model gives out");
   for (std::string const& layer : ids) {
@@ -99,8 +106,8 @@ std::vector<ModelFinding> UnknownKernels(TLModelInfo const& model, TLModelCfg co
     std::string const& kernel = found->second->kernel->kernel_type;
     if (kernels.Create(kernel) != nullptr) continue;
     unknown.push_back({true, layer,
-                       "names the kernel \"" + kernel +
-                           "\", which there is not; nearest: " + Listed(NearestNames(kernel, kernels.GetKeys()))});
+                       "names the kernel \"" + kernel + "\", which there is not" +
+                           Nearest(kernel, kernels.GetKeys(), unknown.size())});
   }
   return unknown;
 }
