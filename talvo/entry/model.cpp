@@ -73,10 +73,13 @@ std::string Sentence(ModelFinding const& finding) {
   return (finding.layer.empty() ? "" : "layer " + finding.layer + " ") + finding.text;
 }
 
-// For the first findings alone: a file may hold thousands, and the nearest of each are sought among all names.
-std::string Nearest(std::string const& name, std::vector<std::string> const& candidates, std::size_t findings_before) {
+// `text` with the nearest names behind it, for the first findings alone; the others end at its semicolon. A file may
+// hold thousands, and the nearest of each are sought among all names.
+std::string WithNearest(std::string const& text, std::string const& name, std::vector<std::string> const& candidates,
+                        std::size_t findings_before) {
   constexpr std::size_t kSought = 4;
-  return findings_before < kSought ? "; nearest: " + Listed(NearestNames(name, candidates)) : "";
+  if (findings_before >= kSought) return text.substr(0, text.find(';'));
+  return text + Listed(NearestNames(name, candidates));
 }
 
 // The walk itself takes layer 0 for an id that no layer has: a slip of the pen would run.
@@ -87,8 +90,9 @@ std::vector<ModelFinding> UnknownIds(TLModelInfo const& model) {
   std::vector<ModelFinding> unknown;
   auto const check = [&](std::string const& wanted, std::string const& layer, char const* does) {
     if (known.count(wanted) != 0) return;
-    unknown.push_back(
-        {true, layer, does + (" \"" + wanted) + "\", which no layer is called" + Nearest(wanted, ids, unknown.size())});
+    unknown.push_back({true, layer,
+                       does + (" \"" + wanted) +
+                           WithNearest("\", which no layer is called; nearest: ", wanted, ids, unknown.size())});
   };
   for (std::string const& output : model.squential_output_ids) check(output, "", "the model gives out");
   for (std::string const& layer : ids) {
@@ -105,9 +109,10 @@ std::vector<ModelFinding> UnknownKernels(TLModelInfo const& model, TLModelCfg co
     if (found == config.layers.end() || found->second == nullptr || found->second->kernel == nullptr) continue;
     std::string const& kernel = found->second->kernel->kernel_type;
     if (kernels.Create(kernel) != nullptr) continue;
-    unknown.push_back({true, layer,
-                       "names the kernel \"" + kernel + "\", which there is not" +
-                           Nearest(kernel, kernels.GetKeys(), unknown.size())});
+    unknown.push_back(
+        {true, layer,
+         "names the kernel \"" + kernel +
+             WithNearest("\", which there is not; nearest: ", kernel, kernels.GetKeys(), unknown.size())});
   }
   return unknown;
 }
