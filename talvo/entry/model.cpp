@@ -154,17 +154,22 @@ void Model::Parts::CheckVersion(TLNModel const& file) const {
          std::to_string(file.core_minor_ver) + ", this one is " + std::to_string(major) + "." + std::to_string(minor));
 }
 
-void Model::Parts::BuildNet(TLNModel& file, ModelOptions const& options) {
-  std::string const backend = utility::support::BackendOf(options);
-  auto const found = file.model_arr->models.find(id);
-  if (found == file.model_arr->models.end() || found->second == nullptr)
+// The model's record, in which each layer has one.
+std::shared_ptr<TLModelInfo> Model::Parts::ModelOf(TLNModel const& file) const {
+  auto const model = file.model_arr->models.find(id);
+  if (model == file.model_arr->models.end() || model->second == nullptr)
     Refuse(prefix + "model \"" + id + "\" has no record");
-  auto const model = found->second;
-  for (std::string const& layer : model->squential_ids) {
-    auto const record = model->layers.find(layer);
-    if (record == model->layers.end() || record->second == nullptr)
+  for (std::string const& layer : model->second->squential_ids) {
+    auto const record = model->second->layers.find(layer);
+    if (record == model->second->layers.end() || record->second == nullptr)
       Refuse(prefix + "layer " + layer + ": there is no record of it");
   }
+  return model->second;
+}
+
+void Model::Parts::BuildNet(TLNModel& file, ModelOptions const& options) {
+  std::string const backend = utility::support::BackendOf(options);
+  auto const model = ModelOf(file);
   auto const configs = file.config_arr->configs.find(id);
   if (configs == file.config_arr->configs.end() || configs->second == nullptr)
     Refuse(prefix + "model \"" + id + "\" has no configurations");
