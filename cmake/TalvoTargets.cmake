@@ -36,7 +36,7 @@ function(talvo_optimise target)
        image/image_process.cpp image/image_process_fallback.cpp image/image_support.cpp kernel/activation.cpp
        kernel/convolution.cpp kernel/elementwise.cpp kernel/functional/activation.cpp kernel/functional/gemm.cpp
        kernel/functional/quantisation.cpp kernel/functional/recurrent.cpp kernel/gemm.cpp kernel/kernel_of.cpp
-       kernel/pooling.cpp kernel/quantisation.cpp kernel/recurrent.cpp kernel/resampling.cpp kernel/structural.cpp
+       kernel/pointwise_convolution.cpp kernel/pooling.cpp kernel/quantisation.cpp kernel/recurrent.cpp kernel/resampling.cpp kernel/structural.cpp
        transform/element_conversion.cpp transform/permute.cpp transform/reshape.cpp transform/transform_support.cpp)
   # The walk, tensors, pools and the text of a model: short paths that inlining serves, and no loop for vectors.
   set(plain
