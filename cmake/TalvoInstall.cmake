@@ -5,13 +5,26 @@ install(TARGETS tln_core EXPORT talvoTargets LIBRARY DESTINATION ${CMAKE_INSTALL
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(EXPORT talvoTargets NAMESPACE talvo:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/talvo)
 
-# The public headers are those that talvo/talvo.h lists; no other is installed.
+# The public headers are those that talvo/talvo.h lists, without those of what is off; no other is installed.
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/talvo/talvo.h)
 file(STRINGS ${PROJECT_SOURCE_DIR}/talvo/talvo.h TALVO_PUBLIC_HEADERS REGEX "^#include \"")
 list(TRANSFORM TALVO_PUBLIC_HEADERS REPLACE "^#include \"(.*)\"$" "\\1")
+if(NOT TALVO_WITH_BLAS)
+  list(FILTER TALVO_PUBLIC_HEADERS EXCLUDE REGEX "^talvo/kernel/sgemm")
+endif()
+if(NOT TALVO_WITH_IMAGE)
+  list(FILTER TALVO_PUBLIC_HEADERS EXCLUDE REGEX "^talvo/image/")
+endif()
+if(NOT TALVO_WITH_TLMODEL1)
+  list(FILTER TALVO_PUBLIC_HEADERS EXCLUDE REGEX "^talvo/serialization/tlmodel1")
+endif()
 foreach(header talvo/talvo.h ${TALVO_PUBLIC_HEADERS})
   get_filename_component(folder ${header} DIRECTORY)
-  install(FILES ${PROJECT_SOURCE_DIR}/${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${folder})
+  foreach(root ${TALVO_INCLUDE_DIRS})
+    if(EXISTS ${root}/${header})
+      install(FILES ${root}/${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${folder})
+    endif()
+  endforeach()
 endforeach()
 
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/talvoConfig.cmake.in ${PROJECT_BINARY_DIR}/talvoConfig.cmake

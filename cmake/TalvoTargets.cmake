@@ -36,7 +36,7 @@ function(talvo_optimise target)
        image/image_process.cpp image/image_process_fallback.cpp image/image_support.cpp kernel/activation.cpp
        kernel/convolution.cpp kernel/elementwise.cpp kernel/functional/activation.cpp kernel/functional/gemm.cpp
        kernel/functional/quantisation.cpp kernel/functional/recurrent.cpp kernel/gemm.cpp kernel/kernel_of.cpp
-       kernel/pooling.cpp kernel/quantisation.cpp kernel/recurrent.cpp kernel/resampling.cpp kernel/structural.cpp
+       kernel/pointwise_convolution.cpp kernel/pooling.cpp kernel/quantisation.cpp kernel/recurrent.cpp kernel/resampling.cpp kernel/structural.cpp
        transform/element_conversion.cpp transform/permute.cpp transform/reshape.cpp transform/transform_support.cpp)
   # The walk, tensors, pools and the text of a model: short paths that inlining serves, and no loop for vectors.
   set(plain
@@ -88,10 +88,15 @@ function(talvo_add_bench name)
   target_link_libraries(${name} PRIVATE tln_core_objects talvo_numeric talvo_warnings benchmark::benchmark)
 endfunction()
 
-# A fuzz target. Without libFuzzer it gets a main that replays the seed corpus fuzz/corpus/<name>, as a test.
+# A fuzz target, of the library's objects or of what is named. Without libFuzzer it gets a main that replays the seed
+# corpus fuzz/corpus/<name>, as a test.
 function(talvo_add_fuzz name)
   add_executable(fuzz_${name} ${name}.cpp)
-  target_link_libraries(fuzz_${name} PRIVATE tln_core_objects talvo_numeric talvo_warnings)
+  if(ARGN)
+    target_link_libraries(fuzz_${name} PRIVATE ${ARGN} talvo_warnings)
+  else()
+    target_link_libraries(fuzz_${name} PRIVATE tln_core_objects talvo_numeric talvo_warnings)
+  endif()
   if(TALVO_LIBFUZZER)
     target_link_options(fuzz_${name} PRIVATE -fsanitize=fuzzer)
   else()

@@ -10,15 +10,6 @@
 #include "talvo/entry/register_fused_operators.h"
 #include "talvo/entry/register_operators.h"
 #include "talvo/entry/reset_rnn_state.h"
-#include "talvo/image/color.h"
-#include "talvo/image/crop.h"
-#include "talvo/image/image_process.h"
-#include "talvo/image/image_process_fallback.h"
-#include "talvo/image/normalise.h"
-#include "talvo/image/resize.h"
-#include "talvo/image/rotate_flip.h"
-#include "talvo/image/warp.h"
-#include "talvo/image/yuv.h"
 #include "talvo/kernel/activation.h"
 #include "talvo/kernel/convolution.h"
 #include "talvo/kernel/elementwise.h"
@@ -38,7 +29,6 @@
 #include "talvo/kernel/quantisation.h"
 #include "talvo/kernel/recurrent.h"
 #include "talvo/kernel/resampling.h"
-#include "talvo/kernel/sgemm.h"
 #include "talvo/kernel/structural.h"
 #include "talvo/runtime/class_registry.h"
 #include "talvo/runtime/context.h"
@@ -64,9 +54,6 @@
 #include "talvo/serialization/model_cfg.h"
 #include "talvo/serialization/model_info.h"
 #include "talvo/serialization/serializable.h"
-#include "talvo/serialization/tlmodel1.h"
-#include "talvo/serialization/tlmodel1_conversion.h"
-#include "talvo/serialization/tlmodel1_layers.h"
 #include "talvo/serialization/visitor.h"
 #include "talvo/serialization/weight_blob.h"
 #include "talvo/serialization/weights.h"
@@ -77,6 +64,7 @@
 #include "talvo/transform/transform_fallback.h"
 #include "talvo/utility/base64.h"
 #include "talvo/utility/export.h"
+#include "talvo/utility/features.h"
 #include "talvo/utility/file.h"
 #include "talvo/utility/generator.h"
 #include "talvo/utility/half.h"
@@ -85,3 +73,25 @@
 #include "talvo/utility/log.h"
 #include "talvo/utility/metrics.h"
 #include "talvo/utility/timer.h"
+
+#if TALVO_WITH_BLAS
+#include "talvo/kernel/sgemm.h"
+#endif
+
+#if TALVO_WITH_IMAGE
+#include "talvo/image/color.h"
+#include "talvo/image/crop.h"
+#include "talvo/image/image_process.h"
+#include "talvo/image/image_process_fallback.h"
+#include "talvo/image/normalise.h"
+#include "talvo/image/resize.h"
+#include "talvo/image/rotate_flip.h"
+#include "talvo/image/warp.h"
+#include "talvo/image/yuv.h"
+#endif
+
+#if TALVO_WITH_TLMODEL1
+#include "talvo/serialization/tlmodel1.h"
+#include "talvo/serialization/tlmodel1_conversion.h"
+#include "talvo/serialization/tlmodel1_layers.h"
+#endif

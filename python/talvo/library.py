@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import ctypes
 import ctypes.util
+import functools
 import os
 
 MAXIMUM_RANK = 8
@@ -46,10 +47,14 @@ class Time(ctypes.Structure):
     ]
 
 
-def _load() -> ctypes.CDLL:
-    """The library that TALVO_LIBRARY names, or the system's."""
+@functools.lru_cache(maxsize=None)
+def library() -> ctypes.CDLL:
+    """The library that TALVO_LIBRARY names, or the system's, opened when it is first called for."""
     name = os.environ.get("TALVO_LIBRARY") or ctypes.util.find_library("tln_core") or "libtln_core.so.1"
-    library = ctypes.CDLL(name)
+    try:
+        library = ctypes.CDLL(name)
+    except OSError as error:
+        raise TalvoError(f"{name}: {error}; install the library, or name it in TALVO_LIBRARY") from error
     handle, tensors, size = ctypes.c_void_p, ctypes.POINTER(Tensor), ctypes.c_size_t
     for function, arguments in {
         "talvo_model_open": [ctypes.c_char_p, ctypes.POINTER(Options), ctypes.POINTER(handle)],
@@ -77,10 +82,7 @@ def _load() -> ctypes.CDLL:
     return library
 
 
-library = _load()
-
-
 def require(status: int) -> None:
     """Raises TalvoError with the library's words for every status but OK."""
     if status != OK:
-        raise TalvoError(library.talvo_last_error().decode("utf-8", "replace"))
+        raise TalvoError(library().talvo_last_error().decode("utf-8", "replace"))

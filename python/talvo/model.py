@@ -36,7 +36,7 @@ def version() -> tuple[int, int]:
     (1, 0)
     """
     major, minor = ctypes.c_uint32(), ctypes.c_uint32()
-    library.talvo_version(ctypes.byref(major), ctypes.byref(minor))
+    library().talvo_version(ctypes.byref(major), ctypes.byref(minor))
     return major.value, minor.value
 
 
@@ -57,7 +57,7 @@ def check(path: str | os.PathLike, shapes: Mapping[str, Sequence[int]] | None = 
     options, needed = _options(model, backend, prefer_fused), ctypes.c_size_t()
     text = ctypes.create_string_buffer(1 << 16)
     while True:
-        status = library.talvo_package_check(os.fsencode(path), options, tensors, len(shapes or {}), text, len(text),
+        status = library().talvo_package_check(os.fsencode(path), options, tensors, len(shapes or {}), text, len(text),
                                              ctypes.byref(needed))
         if status != TOO_SMALL:
             break
@@ -89,15 +89,15 @@ class Model:
         self._handle = ctypes.c_void_p()
         options, handle = _options(model, backend, prefer_fused), ctypes.byref(self._handle)
         if isinstance(package, bytes):
-            require(library.talvo_model_open_bytes(package, len(package), options, handle))
+            require(library().talvo_model_open_bytes(package, len(package), options, handle))
         else:
-            require(library.talvo_model_open(os.fsencode(package), options, handle))
-        self.inputs = self._ports(library.talvo_model_input_count, library.talvo_model_input)
-        self.outputs = self._ports(library.talvo_model_output_count, library.talvo_model_output)
+            require(library().talvo_model_open(os.fsencode(package), options, handle))
+        self.inputs = self._ports(library().talvo_model_input_count, library().talvo_model_input)
+        self.outputs = self._ports(library().talvo_model_output_count, library().talvo_model_output)
 
     def __del__(self):
         if getattr(self, "_handle", None):
-            library.talvo_model_close(self._handle)
+            library().talvo_model_close(self._handle)
             self._handle = None
 
     def run(self, inputs: Mapping[str, np.ndarray], outputs: Sequence[str] | None = None) -> dict[str, np.ndarray]:
@@ -108,7 +108,8 @@ class Model:
         """
         tensors, kept = _tensors(inputs)
         ids = [os.fsencode(name) for name in outputs or []]
-        require(library.talvo_model_run(self._handle, tensors, len(kept), (ctypes.c_char_p * len(ids))(*ids), len(ids)))
+        names = (ctypes.c_char_p * len(ids))(*ids)
+        require(library().talvo_model_run(self._handle, tensors, len(kept), names, len(ids)))
         return {name: self._result(name) for name in outputs or [port.id for port in self.outputs]}
 
     def profile(self, inputs: Mapping[str, np.ndarray]) -> list[LayerTime]:
@@ -120,13 +121,13 @@ class Model:
             times = (Time * count.value)()
             for time in times:
                 time.size = ctypes.sizeof(Time)
-            require(library.talvo_model_profile(self._handle, tensors, len(kept), times, len(times),
+            require(library().talvo_model_profile(self._handle, tensors, len(kept), times, len(times),
                                                 ctypes.byref(count)))
         return [LayerTime(time.id.decode(), time.kernel.decode(), time.milliseconds) for time in times[: count.value]]
 
     def reset(self) -> None:
         """Starts recurrent layers afresh."""
-        require(library.talvo_model_reset(self._handle))
+        require(library().talvo_model_reset(self._handle))
 
     def _ports(self, count, describe) -> list[Port]:
         ports = []
@@ -138,7 +139,7 @@ class Model:
 
     def _result(self, name: str) -> np.ndarray:
         tensor = Tensor(size=ctypes.sizeof(Tensor))
-        require(library.talvo_model_result(self._handle, os.fsencode(name), ctypes.byref(tensor)))
+        require(library().talvo_model_result(self._handle, os.fsencode(name), ctypes.byref(tensor)))
         array = np.empty(tuple(tensor.dims[: tensor.rank]), _TYPES[tensor.data_type])
         ctypes.memmove(array.ctypes.data, tensor.data, tensor.bytes)
         return array

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -277,6 +278,31 @@ std::string TextOf(ModelFinding const& finding) {
                                    (finding.layer.empty() ? "" : "layer " + finding.layer + ": ") + finding.text);
 }
 
+namespace {
+
+// The tensors of a run that somebody still holds.
+class LiveTensors {
+ public:
+  // Enters the tensors that a layer has made, and tells what all hold that are alive.
+  unsigned long Bytes(std::vector<std::shared_ptr<Tensor>> const& made) {
+    for (auto const& tensor : made) {
+      if (tensor != nullptr) tensors_[tensor.get()] = tensor;
+    }
+    unsigned long bytes = 0;
+    for (auto at = tensors_.begin(); at != tensors_.end();) {
+      auto const tensor = at->second.lock();
+      bytes += tensor != nullptr ? ByteCount(tensor->shape) : 0;
+      at = tensor != nullptr ? std::next(at) : tensors_.erase(at);
+    }
+    return bytes;
+  }
+
+ private:
+  std::unordered_map<Tensor const*, std::weak_ptr<Tensor>> tensors_;
+};
+
+}  // namespace
+
 std::vector<ModelFinding> CheckModel(TLNModel& package, InputDims const& inputs, ModelOptions const& options) {
   return Checker(package, options).Run(inputs);
 }
@@ -284,11 +310,13 @@ std::vector<ModelFinding> CheckModel(TLNModel& package, InputDims const& inputs,
 MemoryReport MeasureMemory(TLNModel& package, InputDims const& inputs, ModelOptions const& options) {
   ModelTrial trial(package, options);
   MemoryReport report{};
+  LiveTensors alive;
   trial.SetInputs(inputs);
   trial.Run([&](unsigned int layer, auto const&, auto const& outputs) {
     bool const made = !outputs.empty() && outputs[0] != nullptr;
     report.layers.push_back({trial.LayerId(layer), trial.KernelName(layer),
-                             made ? outputs[0]->shape.dims : std::vector<unsigned int>(), trial.PoolBytes()});
+                             made ? outputs[0]->shape.dims : std::vector<unsigned int>(), trial.PoolBytes(),
+                             alive.Bytes(outputs)});
   });
   report.first_bytes = report.steady_bytes = trial.PoolBytes();
   for (unsigned long before = 0; before != report.steady_bytes;) {

@@ -37,6 +37,7 @@ struct LayerMemory {
   std::string id, kernel;
   std::vector<unsigned int> dims;  // of the first output; empty where there is none
   unsigned long pool_bytes;        // what the dynamic pool has taken from the system when the layer has run
+  unsigned long live_bytes;        // what the tensors hold that are alive when it has run, the model's inputs included
 };
 
 struct MemoryReport {

@@ -217,6 +217,16 @@ unsigned int Model::Parts::LayerOf(std::string_view layer) const {
          "\"; nearest: " + Listed(NearestNames(std::string(layer), *layer_ids)));
 }
 
+std::vector<unsigned int> Model::Parts::Wanted(std::vector<std::string> const& ids) const {
+  if (ids.empty()) return package->output_ids;
+  std::vector<unsigned int> wanted;
+  for (std::string const& output : ids) {
+    unsigned int const layer = LayerOf(output);
+    if (std::find(wanted.begin(), wanted.end(), layer) == wanted.end()) wanted.push_back(layer);
+  }
+  return wanted;
+}
+
 std::string Model::Parts::KernelName(unsigned int layer) const {
   return package->net->layers[layer]->kernel->GetName();
 }
@@ -352,22 +362,18 @@ std::vector<ModelPort> const& Model::Outputs() const { return Opened().outputs; 
 std::shared_ptr<runtime::Context> const& Model::Context() const { return Opened().context; }
 
 ModelOutputs Model::Run(std::vector<ModelInput> const& inputs, std::vector<std::string> const& outputs) {
-  if (outputs.empty()) return Opened().Forward(inputs, Opened().package->output_ids, nullptr);
-  std::vector<unsigned int> wanted;
-  for (std::string const& id : outputs) {
-    unsigned int const layer = Opened().LayerOf(id);
-    if (std::find(wanted.begin(), wanted.end(), layer) == wanted.end()) wanted.push_back(layer);
-  }
-  return Opened().Forward(inputs, wanted, nullptr);
+  return Opened().Forward(inputs, Opened().Wanted(outputs), nullptr);
 }
 
-std::vector<LayerTime> Model::Profile(std::vector<ModelInput> const& inputs) {
+std::vector<LayerTime> Model::Profile(std::vector<ModelInput> const& inputs, std::vector<std::string> const& outputs,
+                                      ModelOutputs* results) {
   std::vector<float> times;
-  auto const results = Opened().Forward(inputs, Opened().package->output_ids, &times);
+  auto made = Opened().Forward(inputs, Opened().Wanted(outputs), &times);
   std::vector<LayerTime> layers;
   for (unsigned int layer = 0; layer < times.size(); ++layer) {
     layers.push_back({(*Opened().layer_ids)[layer], Opened().KernelName(layer), times[layer]});
   }
+  if (results != nullptr) *results = std::move(made);
   return layers;
 }
 

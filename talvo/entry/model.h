@@ -114,8 +114,9 @@ class TALVO_API Model {
   /// layers, any of the model; empty: the model's own. Refused: ids that the model does not have, an input that is
   /// missing, named twice or null, and what a layer refuses. Recurrent layers keep their state from run to run.
   ModelOutputs Run(std::vector<ModelInput> const& inputs, std::vector<std::string> const& outputs = {});
-  /// Runs as above up to the model's outputs and tells the time of each layer.
-  std::vector<LayerTime> Profile(std::vector<ModelInput> const& inputs);
+  /// Runs as above and tells the time of each layer that ran; `results`, unless null, gets the results.
+  std::vector<LayerTime> Profile(std::vector<ModelInput> const& inputs, std::vector<std::string> const& outputs = {},
+                                 ModelOutputs* results = nullptr);
   /// Starts recurrent layers afresh.
   void Reset();
 

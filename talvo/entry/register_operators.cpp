@@ -68,6 +68,7 @@ constexpr Entry<runtime::IKernel> kFallbackOperators[] = {
     TALVO_KERNEL(Slice_Fallback_CHW_Float_M1),
 };
 
+#if TALVO_WITH_BLAS
 // Kernels on the matrix product.
 constexpr Entry<runtime::IKernel> kSGEMMOperators[] = {
     TALVO_KERNEL(Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1),
@@ -79,6 +80,10 @@ constexpr Entry<runtime::IKernel> kSGEMMOperators[] = {
     TALVO_KERNEL(GRU_SGEMM_SC_F32_M1),
     TALVO_KERNEL(FullConnection_SGEMM_C_Float_M1),
 };
+void RegisterSGEMMOperators(KernelRegistry& kernels) { RegisterAll(kSGEMMOperators, kernels); }
+#else
+void RegisterSGEMMOperators(KernelRegistry&) {}
+#endif
 
 constexpr Entry<runtime::InferenceParam> kInferenceParams[] = {
     {"InferenceParamConv2DQuant", Make<runtime::InferenceParam, runtime::InferenceParamConv2DQuant>},
@@ -86,7 +91,6 @@ constexpr Entry<runtime::InferenceParam> kInferenceParams[] = {
 
 void RegisterCommonOperators(KernelRegistry& kernels) { RegisterAll(kCommonOperators, kernels); }
 void RegisterFallbackOperators(KernelRegistry& kernels) { RegisterAll(kFallbackOperators, kernels); }
-void RegisterSGEMMOperators(KernelRegistry& kernels) { RegisterAll(kSGEMMOperators, kernels); }
 
 void RegisterInferenceParams(runtime::ClassRegistry<std::shared_ptr<runtime::InferenceParam>>& params) {
   RegisterAll(kInferenceParams, params);

@@ -11,12 +11,6 @@ namespace talvo::kernel {
 
 using runtime::ActivationInfo;
 using runtime::ClipInfo;
-using runtime::IKernel;
-using runtime::TensorShape;
-using support::ContextPtr;
-using support::LayerPtr;
-using support::ParamPtr;
-using support::Tensors;
 
 namespace {
 

@@ -12,16 +12,7 @@
 
 namespace talvo::kernel {
 
-using runtime::DimsText;
-using runtime::IKernel;
 using runtime::TensorCPU;
-using runtime::TensorShape;
-using support::ContextPtr;
-using support::LayerPtr;
-using support::ParamPtr;
-using support::Shapes;
-using support::Tensors;
-using utility::Refuse;
 
 namespace {
 

@@ -115,6 +115,20 @@ Reach ReachOf(std::vector<std::vector<Meeting>> const& phases, std::size_t out, 
 std::size_t PhasesY(ConvolutionShape const& s) { return std::min(s.stride_y, s.out_height); }
 std::size_t PhasesX(ConvolutionShape const& s) { return std::min(s.stride_x, s.out_width); }
 
+// What the results of one phase read; of a plane whose border before it is planned.
+std::vector<Tap> MeetingTaps(ConvolutionShape const& s, Plan const& plan, std::vector<Meeting> const& ys,
+                             std::vector<Meeting> const& xs) {
+  std::vector<Tap> taps;
+  for (Meeting const& y : ys) {
+    for (Meeting const& x : xs) {
+      auto const row = static_cast<std::size_t>(y.offset + static_cast<std::int64_t>(plan.top));
+      auto const column = static_cast<std::size_t>(x.offset + static_cast<std::int64_t>(plan.left));
+      taps.push_back({row * plan.pitch + column, s.Taps() - 1 - (y.k * s.kernel_x + x.k)});
+    }
+  }
+  return taps;
+}
+
 Plan PlanTransposed(ConvolutionShape const& s) {
   Plan plan{};
   plan.transposed = true;
@@ -137,14 +151,7 @@ Plan PlanTransposed(ConvolutionShape const& s) {
   for (std::size_t py = 0; py < plan.phases_y; ++py) {
     for (std::size_t px = 0; px < plan.phases_x; ++px) {
       std::size_t const rows = (s.out_height - py - 1) / plan.phases_y + 1;
-      plan.parts.push_back({rows, (s.out_width - px - 1) / plan.phases_x + 1, {}});
-      for (Meeting const& my : ys[py]) {
-        for (Meeting const& mx : xs[px]) {
-          auto const row = static_cast<std::size_t>(my.offset + static_cast<std::int64_t>(y.before));
-          auto const column = static_cast<std::size_t>(mx.offset + static_cast<std::int64_t>(x.before));
-          plan.parts.back().taps.push_back({row * plan.pitch + column, s.Taps() - 1 - (my.k * s.kernel_x + mx.k)});
-        }
-      }
+      plan.parts.push_back({rows, (s.out_width - px - 1) / plan.phases_x + 1, MeetingTaps(s, plan, ys[py], xs[px])});
     }
   }
   return plan;

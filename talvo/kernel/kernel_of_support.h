@@ -17,8 +17,21 @@
 
 #include "talvo/kernel/kernel_of.h"
 #include "talvo/kernel/kernel_support.h"
+#include "talvo/utility/refuse_support.h"
 
 namespace talvo::kernel {
+
+// The words that sources of kernels share.
+using runtime::DimsText;
+using runtime::IKernel;
+using runtime::TensorShape;
+using support::ContextPtr;
+using support::LayerPtr;
+using support::ParamPtr;
+using support::Shapes;
+using support::TensorPtr;
+using support::Tensors;
+using utility::Refuse;
 
 namespace support {
 

@@ -14,15 +14,7 @@ namespace talvo::kernel {
 
 using functional::PoolingShape;
 using functional::PoolingWindow;
-using runtime::IKernel;
 using runtime::TensorCPU;
-using runtime::TensorShape;
-using support::ContextPtr;
-using support::LayerPtr;
-using support::ParamPtr;
-using support::Shapes;
-using support::Tensors;
-using utility::Refuse;
 
 namespace {
 
@@ -36,6 +28,7 @@ PoolingWindow ReadWindow(Info const& info) {
           padding(info.padding_t), padding(info.padding_b), padding(info.padding_l), padding(info.padding_r)};
 }
 
+// Wraps where the window is larger than the padded input; Forward refuses that before any output is made.
 unsigned int AverageExtent(unsigned int extent, std::size_t kernel, std::size_t padding, std::size_t stride) {
   return (extent - static_cast<unsigned int>(kernel) + static_cast<unsigned int>(padding)) /
              static_cast<unsigned int>(stride) +

@@ -6,14 +6,6 @@
 
 namespace talvo::kernel {
 
-using runtime::IKernel;
-using runtime::TensorShape;
-using support::ContextPtr;
-using support::LayerPtr;
-using support::ParamPtr;
-using support::Shapes;
-using support::Tensors;
-
 namespace {
 
 constexpr short kLeastStep = 8, kGreatestStep = 12;

@@ -12,14 +12,6 @@
 namespace talvo::kernel {
 namespace recurrent {
 
-using runtime::TensorShape;
-using support::ContextPtr;
-using support::LayerPtr;
-using support::ParamPtr;
-using support::Shapes;
-using support::Tensors;
-using utility::Refuse;
-
 // The registered names stand in the order of the variants' numbers.
 struct Rnn {
   using CellInfo = runtime::RNNCellInfo;
@@ -62,10 +54,12 @@ struct Fallback {
   static constexpr Product const& kProduct = kOrdered;
 };
 
+#if TALVO_WITH_BLAS
 struct Sgemm {
   static constexpr std::size_t kNumber = 1;
   static constexpr Product const& kProduct = kBlas;
 };
+#endif
 
 struct Arm {
   static constexpr std::size_t kNumber = 2;
@@ -432,29 +426,31 @@ struct Sequence : SequenceOf<typename Family::Info> {
 }  // namespace recurrent
 
 template OperationPtr MakeOperation<recurrent::Sequence<recurrent::Rnn, recurrent::Fallback>>();
-template OperationPtr MakeOperation<recurrent::Sequence<recurrent::Rnn, recurrent::Sgemm>>();
 template OperationPtr MakeOperation<recurrent::Sequence<recurrent::Rnn, recurrent::Arm>>();
 template OperationPtr MakeOperation<recurrent::Sequence<recurrent::Rnn, recurrent::Fused>>();
 template OperationPtr MakeOperation<recurrent::Sequence<recurrent::Lstm, recurrent::Fallback>>();
-template OperationPtr MakeOperation<recurrent::Sequence<recurrent::Lstm, recurrent::Sgemm>>();
 template OperationPtr MakeOperation<recurrent::Sequence<recurrent::Lstm, recurrent::Arm>>();
 template OperationPtr MakeOperation<recurrent::Sequence<recurrent::Lstm, recurrent::Fused>>();
 template OperationPtr MakeOperation<recurrent::Sequence<recurrent::Gru, recurrent::Fallback>>();
-template OperationPtr MakeOperation<recurrent::Sequence<recurrent::Gru, recurrent::Sgemm>>();
 template OperationPtr MakeOperation<recurrent::Sequence<recurrent::Gru, recurrent::Arm>>();
 template OperationPtr MakeOperation<recurrent::Sequence<recurrent::Gru, recurrent::Fused>>();
 template OperationPtr MakeOperation<recurrent::Sequence<recurrent::GruResetBefore, recurrent::Fallback>>();
 template OperationPtr MakeOperation<recurrent::Cell<recurrent::Rnn, recurrent::Fallback>>();
-template OperationPtr MakeOperation<recurrent::Cell<recurrent::Rnn, recurrent::Sgemm>>();
 template OperationPtr MakeOperation<recurrent::Cell<recurrent::Rnn, recurrent::Arm>>();
 template OperationPtr MakeOperation<recurrent::Cell<recurrent::Rnn, recurrent::Fused>>();
 template OperationPtr MakeOperation<recurrent::Cell<recurrent::Lstm, recurrent::Fallback>>();
-template OperationPtr MakeOperation<recurrent::Cell<recurrent::Lstm, recurrent::Sgemm>>();
 template OperationPtr MakeOperation<recurrent::Cell<recurrent::Lstm, recurrent::Arm>>();
 template OperationPtr MakeOperation<recurrent::Cell<recurrent::Lstm, recurrent::Fused>>();
 template OperationPtr MakeOperation<recurrent::Cell<recurrent::Gru, recurrent::Fallback>>();
-template OperationPtr MakeOperation<recurrent::Cell<recurrent::Gru, recurrent::Sgemm>>();
 template OperationPtr MakeOperation<recurrent::Cell<recurrent::Gru, recurrent::Arm>>();
 template OperationPtr MakeOperation<recurrent::Cell<recurrent::Gru, recurrent::Fused>>();
+#if TALVO_WITH_BLAS
+template OperationPtr MakeOperation<recurrent::Sequence<recurrent::Rnn, recurrent::Sgemm>>();
+template OperationPtr MakeOperation<recurrent::Sequence<recurrent::Lstm, recurrent::Sgemm>>();
+template OperationPtr MakeOperation<recurrent::Sequence<recurrent::Gru, recurrent::Sgemm>>();
+template OperationPtr MakeOperation<recurrent::Cell<recurrent::Rnn, recurrent::Sgemm>>();
+template OperationPtr MakeOperation<recurrent::Cell<recurrent::Lstm, recurrent::Sgemm>>();
+template OperationPtr MakeOperation<recurrent::Cell<recurrent::Gru, recurrent::Sgemm>>();
+#endif
 
 }  // namespace talvo::kernel

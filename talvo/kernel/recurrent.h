@@ -9,6 +9,7 @@
 
 #include "talvo/kernel/kernel_of.h"
 #include "talvo/utility/export.h"
+#include "talvo/utility/features.h"
 
 namespace talvo::kernel {
 
@@ -46,42 +47,33 @@ struct Sequence;
 }  // namespace recurrent
 
 extern template TALVO_API OperationPtr MakeOperation<recurrent::Sequence<recurrent::Rnn, recurrent::Fallback>>();
-extern template TALVO_API OperationPtr MakeOperation<recurrent::Sequence<recurrent::Rnn, recurrent::Sgemm>>();
 extern template TALVO_API OperationPtr MakeOperation<recurrent::Sequence<recurrent::Rnn, recurrent::Arm>>();
 extern template TALVO_API OperationPtr MakeOperation<recurrent::Sequence<recurrent::Rnn, recurrent::Fused>>();
 extern template TALVO_API OperationPtr MakeOperation<recurrent::Sequence<recurrent::Lstm, recurrent::Fallback>>();
-extern template TALVO_API OperationPtr MakeOperation<recurrent::Sequence<recurrent::Lstm, recurrent::Sgemm>>();
 extern template TALVO_API OperationPtr MakeOperation<recurrent::Sequence<recurrent::Lstm, recurrent::Arm>>();
 extern template TALVO_API OperationPtr MakeOperation<recurrent::Sequence<recurrent::Lstm, recurrent::Fused>>();
 extern template TALVO_API OperationPtr MakeOperation<recurrent::Sequence<recurrent::Gru, recurrent::Fallback>>();
-extern template TALVO_API OperationPtr MakeOperation<recurrent::Sequence<recurrent::Gru, recurrent::Sgemm>>();
 extern template TALVO_API OperationPtr MakeOperation<recurrent::Sequence<recurrent::Gru, recurrent::Arm>>();
 extern template TALVO_API OperationPtr MakeOperation<recurrent::Sequence<recurrent::Gru, recurrent::Fused>>();
 extern template TALVO_API OperationPtr
 MakeOperation<recurrent::Sequence<recurrent::GruResetBefore, recurrent::Fallback>>();
 extern template TALVO_API OperationPtr MakeOperation<recurrent::Cell<recurrent::Rnn, recurrent::Fallback>>();
-extern template TALVO_API OperationPtr MakeOperation<recurrent::Cell<recurrent::Rnn, recurrent::Sgemm>>();
 extern template TALVO_API OperationPtr MakeOperation<recurrent::Cell<recurrent::Rnn, recurrent::Arm>>();
 extern template TALVO_API OperationPtr MakeOperation<recurrent::Cell<recurrent::Rnn, recurrent::Fused>>();
 extern template TALVO_API OperationPtr MakeOperation<recurrent::Cell<recurrent::Lstm, recurrent::Fallback>>();
-extern template TALVO_API OperationPtr MakeOperation<recurrent::Cell<recurrent::Lstm, recurrent::Sgemm>>();
 extern template TALVO_API OperationPtr MakeOperation<recurrent::Cell<recurrent::Lstm, recurrent::Arm>>();
 extern template TALVO_API OperationPtr MakeOperation<recurrent::Cell<recurrent::Lstm, recurrent::Fused>>();
 extern template TALVO_API OperationPtr MakeOperation<recurrent::Cell<recurrent::Gru, recurrent::Fallback>>();
-extern template TALVO_API OperationPtr MakeOperation<recurrent::Cell<recurrent::Gru, recurrent::Sgemm>>();
 extern template TALVO_API OperationPtr MakeOperation<recurrent::Cell<recurrent::Gru, recurrent::Arm>>();
 extern template TALVO_API OperationPtr MakeOperation<recurrent::Cell<recurrent::Gru, recurrent::Fused>>();
 
 using RNN_Fallback_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::Rnn, recurrent::Fallback>>;
-using RNN_SGEMM_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::Rnn, recurrent::Sgemm>>;
 using RNN_ARM_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::Rnn, recurrent::Arm>>;
 using RNN_Fused_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::Rnn, recurrent::Fused>>;
 using LSTM_Fallback_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::Lstm, recurrent::Fallback>>;
-using LSTM_SGEMM_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::Lstm, recurrent::Sgemm>>;
 using LSTM_ARM_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::Lstm, recurrent::Arm>>;
 using LSTM_Fused_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::Lstm, recurrent::Fused>>;
 using GRU_Fallback_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Fallback>>;
-using GRU_SGEMM_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Sgemm>>;
 using GRU_ARM_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Arm>>;
 using GRU_Fused_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Fused>>;
 /// An extra kernel, registered by init_register_extra_operators: a GRU whose reset applies to the hidden state and not
@@ -89,16 +81,29 @@ using GRU_Fused_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::Gru, recurre
 using GRUResetBefore_Fallback_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::GruResetBefore, recurrent::Fallback>>;
 
 using RNNCell_Fallback_C_F32_M1 = KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Fallback>>;
-using RNNCell_SGEMM_C_F32_M1 = KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Sgemm>>;
 using RNNCell_ARM_C_F32_M1 = KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Arm>>;
 using RNNCell_Fused_C_F32_M1 = KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Fused>>;
 using LSTMCell_Fallback_C_F32_M1 = KernelOf<recurrent::Cell<recurrent::Lstm, recurrent::Fallback>>;
-using LSTMCell_SGEMM_C_F32_M1 = KernelOf<recurrent::Cell<recurrent::Lstm, recurrent::Sgemm>>;
 using LSTMCell_ARM_C_F32_M1 = KernelOf<recurrent::Cell<recurrent::Lstm, recurrent::Arm>>;
 using LSTMCell_Fused_C_F32_M1 = KernelOf<recurrent::Cell<recurrent::Lstm, recurrent::Fused>>;
 using GRUCell_Fallback_C_F32_M1 = KernelOf<recurrent::Cell<recurrent::Gru, recurrent::Fallback>>;
-using GRUCell_SGEMM_C_F32_M1 = KernelOf<recurrent::Cell<recurrent::Gru, recurrent::Sgemm>>;
 using GRUCell_ARM_C_F32_M1 = KernelOf<recurrent::Cell<recurrent::Gru, recurrent::Arm>>;
 using GRUCell_Fused_C_F32_M1 = KernelOf<recurrent::Cell<recurrent::Gru, recurrent::Fused>>;
+
+#if TALVO_WITH_BLAS
+extern template TALVO_API OperationPtr MakeOperation<recurrent::Sequence<recurrent::Rnn, recurrent::Sgemm>>();
+extern template TALVO_API OperationPtr MakeOperation<recurrent::Sequence<recurrent::Lstm, recurrent::Sgemm>>();
+extern template TALVO_API OperationPtr MakeOperation<recurrent::Sequence<recurrent::Gru, recurrent::Sgemm>>();
+extern template TALVO_API OperationPtr MakeOperation<recurrent::Cell<recurrent::Rnn, recurrent::Sgemm>>();
+extern template TALVO_API OperationPtr MakeOperation<recurrent::Cell<recurrent::Lstm, recurrent::Sgemm>>();
+extern template TALVO_API OperationPtr MakeOperation<recurrent::Cell<recurrent::Gru, recurrent::Sgemm>>();
+
+using RNN_SGEMM_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::Rnn, recurrent::Sgemm>>;
+using LSTM_SGEMM_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::Lstm, recurrent::Sgemm>>;
+using GRU_SGEMM_SC_F32_M1 = KernelOf<recurrent::Sequence<recurrent::Gru, recurrent::Sgemm>>;
+using RNNCell_SGEMM_C_F32_M1 = KernelOf<recurrent::Cell<recurrent::Rnn, recurrent::Sgemm>>;
+using LSTMCell_SGEMM_C_F32_M1 = KernelOf<recurrent::Cell<recurrent::Lstm, recurrent::Sgemm>>;
+using GRUCell_SGEMM_C_F32_M1 = KernelOf<recurrent::Cell<recurrent::Gru, recurrent::Sgemm>>;
+#endif
 
 }  // namespace talvo::kernel

@@ -175,8 +175,10 @@ Gates const kLstm = {4, true, RunLstm};
 Gates const kGru = {3, false, RunGru};
 Gates const kGruResetBefore = {3, false, nullptr};
 Product const kOrdered = {Packing::kInPasses, functional::fullconnection_fallback_c_f32_m1, &rows::PackedProduct};
-Product const kBlas = {Packing::kNever, functional::fullconnection_sgemm_c_f32_m1, nullptr};
 Product const kFused = {Packing::kAtOnce, ConnectFused, &rows::FusedProduct};
+#if TALVO_WITH_BLAS
+Product const kBlas = {Packing::kNever, functional::fullconnection_sgemm_c_f32_m1, nullptr};
+#endif
 
 TensorPtr Keep(Product const& product, TensorPtr const& weight, runtime::DeviceCPU& device) {
   if (product.packing != Packing::kAtOnce) return weight;

@@ -15,15 +15,6 @@
 namespace talvo::kernel {
 
 using functional::ImageSize;
-using runtime::IKernel;
-using runtime::TensorShape;
-using support::ContextPtr;
-using support::LayerPtr;
-using support::ParamPtr;
-using support::Shapes;
-using support::TensorPtr;
-using support::Tensors;
-using utility::Refuse;
 
 namespace {
 

@@ -213,6 +213,7 @@ std::shared_ptr<Net> Create(std::shared_ptr<TLModelInfo> const& model, std::shar
   if (model == nullptr) Refuse("CreateNet: the model is empty");
   if (config == nullptr)
     Refuse("CreateNet: the configuration is empty; a package has one for each back end that it serves");
+  __atomic_store_n(&model->has_net, true, __ATOMIC_RELAXED);  // several threads may make nets of one model
   return Builder<Config>(*model, Config(*config), kernels, context).Build();
 }
 

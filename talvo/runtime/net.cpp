@@ -17,6 +17,7 @@ using Tensors = std::vector<std::shared_ptr<Tensor>>;
 
 constexpr std::string_view kInputType = "Input";
 
+// Where the last Forward of this thread was refused: refusals of kernels do not know the layer that they run for.
 thread_local unsigned int refused_layer = 0;
 
 // The working state of one Forward.
@@ -203,7 +204,7 @@ std::unordered_map<unsigned int, Tensors> Net::Forward(
   if (context == nullptr || context->device_cpu == nullptr)
     Refuse("Net::Forward: %s", context == nullptr ? "the context is null" : "the context has no CPU device");
   DeviceCPU& device = *context->device_cpu;
-  device.use_dynamic_pool = device.dynamic_pool != nullptr;
+  device.use_dynamic_pool = device.dynamic_pool != nullptr;  // an exception leaves it on, until the next call ends
   EmptyAndReserve(layer_times_ms, layers.size());
   EmptyAndReserve(gpu_times_ms, layers.size());
   unsigned int index = static_cast<unsigned int>(layers.size());

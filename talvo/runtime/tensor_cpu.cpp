@@ -72,7 +72,7 @@ std::shared_ptr<TensorCPU> ReshapeTensor(TensorCPU const& tensor, std::vector<in
       ++unknown_count;
       unknown_axis = dims.size();
     } else {
-      known *= static_cast<unsigned int>(extent);
+      known *= static_cast<unsigned int>(extent);  // wraps: what is too large and not 0 then, CreateTensor refuses
     }
     dims.push_back(static_cast<unsigned int>(extent < 1 ? 0 : extent));
   }

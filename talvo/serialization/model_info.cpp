@@ -58,11 +58,15 @@ std::vector<std::string> UnreadIDs(std::vector<std::string> const& order, Layers
 
 }  // namespace
 
-// A heap keeps what is freed to it, and texts of weights as long as the tensors made from them would stay for nothing.
-// Once for all models: it walks the whole heap, and a file may hold thousands of them.
-TLModelInfoArr::FreedMemory::~FreedMemory() {
+// A heap keeps what is freed to it. Where nets are made, texts of weights as long as their tensors would stay for
+// nothing; where models are only read, the next one needs the memory. Once for all models: the whole heap is walked,
+// and a file may hold thousands of them.
+TLModelInfoArr::~TLModelInfoArr() {
+  auto const has_net = [](auto const& model) { return model.second != nullptr && model.second->has_net; };
+  bool const is_kept_by_nets = std::any_of(models.begin(), models.end(), has_net);
+  models.clear();
 #if defined(__GLIBC__)
-  malloc_trim(0);
+  if (is_kept_by_nets) malloc_trim(0);
 #endif
 }
 

@@ -10,6 +10,7 @@
 #include "talvo/serialization/model_cfg.h"
 #include "talvo/serialization/serializable.h"
 #include "talvo/utility/export.h"
+#include "talvo/utility/features.h"
 
 namespace talvo::runtime {
 
@@ -58,33 +59,29 @@ class TALVO_API TLModelInfo : public Serializable {
   /// not name, sorted. Recomputes every `read_count`. Throws std::out_of_range for an input id without a record.
   std::vector<std::string> GetOutputIDs();
 
+#if TALVO_WITH_TLMODEL1
   /// Fills a fresh record from a model file of the first generation, as ConvertTLModel1 tells (tlmodel1_conversion.h).
   /// Assert: a file that cannot be opened or is older than version 10000, and what QZNetLoader::LoadFile and the
   /// conversion refuse. A damaged file fails the platform assertion.
   void LoadFromTLModel1(char const* path);
+#endif
 
   NetExtraInfo extra_info;
   std::vector<std::string> squential_output_ids;  // the outputs as the file names them
   std::vector<std::string> squential_ids;         // layers in execution order
   std::vector<unsigned short> squential_types;    // the type number of each
   std::unordered_map<std::string, std::shared_ptr<LayerInfo>> layers;
+  bool has_net = false;  // CreateNet has copied the weights; no field of files
 };
 
-/// Networks by name. When it goes, the memory of their weights goes back to the system. Assert, in VisitAttr: a name
-/// that stands more than 8 times in the list.
+/// Networks by name. When it goes and a net was made of one, the memory of their weights goes back to the system.
+/// Assert, in VisitAttr: a name that stands more than 8 times in the list.
 class TALVO_API TLModelInfoArr : public Serializable {
  public:
+  ~TLModelInfoArr() override;
   void VisitAttr(std::shared_ptr<Visitor> visitor) override;
 
   std::vector<std::string> squential_ids;
-
- private:
-  struct TALVO_API FreedMemory {
-    ~FreedMemory();
-  };
-  FreedMemory freed_memory_;  // goes after `models`
-
- public:
   std::unordered_map<std::string, std::shared_ptr<TLModelInfo>> models;
 };
 

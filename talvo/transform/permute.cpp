@@ -9,16 +9,6 @@
 
 namespace talvo::kernel {
 
-using runtime::IKernel;
-using runtime::TensorShape;
-using support::ContextPtr;
-using support::LayerPtr;
-using support::ParamPtr;
-using support::Shapes;
-using support::TensorPtr;
-using support::Tensors;
-using utility::Refuse;
-
 struct PermuteOperation : support::Strict<runtime::TensorTransposeInfo> {
   static constexpr char const* kName = "Transform_MainMemory_Permute_Fallback";
 

@@ -15,17 +15,7 @@
 
 namespace talvo::kernel {
 
-using runtime::DimsText;
-using runtime::IKernel;
 using runtime::TensorReshapeInfo;
-using runtime::TensorShape;
-using support::ContextPtr;
-using support::LayerPtr;
-using support::ParamPtr;
-using support::Shapes;
-using support::TensorPtr;
-using support::Tensors;
-using utility::Refuse;
 
 namespace {
 

@@ -22,7 +22,6 @@ namespace talvo::test {
 namespace {
 
 using kernel::functional::fullconnection_fallback_c_f32_m1;
-using kernel::functional::fullconnection_sgemm_c_f32_m1;
 
 // out[o] = bias[o], then the products in the order of the inputs.
 std::vector<float> Connect(std::vector<float> const& in, std::vector<float> const& weight,
@@ -64,14 +63,18 @@ TEST(FullConnection, SumsInInputOrderFromTheBias) {
           fullconnection_fallback_c_f32_m1(in.data(), c.in, c.out, weight.data(), preset, got.data());
           ExpectSameBits(Connect(in, weight, bias, c.out), got);
         }
+#if TALVO_WITH_BLAS
         std::vector<float> got(c.out, std::numeric_limits<float>::quiet_NaN());
-        fullconnection_sgemm_c_f32_m1(plain_in.data(), c.in, c.out, plain_weight.data(), preset, got.data());
+        kernel::functional::fullconnection_sgemm_c_f32_m1(plain_in.data(), c.in, c.out, plain_weight.data(), preset,
+                                                          got.data());
         ExpectNearSum(Connect(plain_in, plain_weight, bias, c.out), got, c.in + 1, 1.0f);
+#endif
       }
     }
   }
 }
 
+#if TALVO_WITH_BLAS
 TEST(Sgemm, ScalesTheProductAndWhatStoodInTheResult) {
   std::vector<float> const a = {1, 2, 3, 4, 5, 6}, b = {1, 0, 2, 0, 1, 1, 1, 1, 1, 0, 0, 2};  // [2, 3] and [3, 4]
   std::vector<float> c = {1, 1, 1, 1, 2, 2, 2, 2};
@@ -83,6 +86,7 @@ TEST(Sgemm, ScalesTheProductAndWhatStoodInTheResult) {
   EXPECT_NE(RefusalOf([&] { kernel::Sgemm(2, -3, 4, 1.0f, a.data(), b.data(), 0.0f, c.data()); }).find("k -3"),
             std::string::npos);
 }
+#endif
 
 using runtime::TensorShape;
 
@@ -138,8 +142,10 @@ void ExpectFullConnection() {
 
 TEST(FullConnection, KernelsForgetABiasAndRefuseWhatWouldReadBeyondMemory) {
   ExpectFullConnection<kernel::FullConnection_Fallback_C_Float_M1>();
-  ExpectFullConnection<kernel::FullConnection_SGEMM_C_Float_M1>();
   ExpectFullConnection<kernel::FullConnection_Fused_C_Float_M1>();
+#if TALVO_WITH_BLAS
+  ExpectFullConnection<kernel::FullConnection_SGEMM_C_Float_M1>();
+#endif
 }
 
 TEST(FullConnection, RowsHaveTheBitsOfTheirOwnProducts) {
@@ -264,6 +270,7 @@ TEST(MatMul, RefusesOperandsThatDoNotMultiply) {
   }
 }
 
+#if TALVO_WITH_BLAS
 std::shared_ptr<runtime::Conv2dInfo> Pointwise(unsigned short in, unsigned short out, bool if_bias) {
   auto const layer = std::make_shared<runtime::Conv2dInfo>();
   layer->id = "pointwise", layer->in_channels = in, layer->out_channels = out;
@@ -370,6 +377,7 @@ TEST(PointwiseConvolution, TheFreeProductRefusesNothingButWhatLiesBeyondMemory) 
     EXPECT_NE(refusal.find(row.text), std::string::npos) << refusal;
   }
 }
+#endif
 
 }  // namespace
 }  // namespace talvo::test

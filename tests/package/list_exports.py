@@ -65,8 +65,13 @@ def block(text):
             sys.exit(f"list_exports.py: what is this? {head}")
 
 
-for header in sorted(pathlib.Path(sys.argv[1]).rglob("*.h")):
+include = pathlib.Path(sys.argv[1])
+off = re.findall(r"define (TALVO_WITH_\w+) 0", (include / "talvo/utility/features.h").read_text())
+
+for header in sorted(include.rglob("*.h")):
     text = header.read_text()
+    for feature in off:
+        text = re.sub(rf"^#if {feature}$.*?^#endif$", "", text, flags=re.M | re.S)
     if header.stem.endswith("_c"):  # C: functions are all that it exports
         for name in re.findall(r"^TALVO_API [^;(]*?(\w+)\(", text, flags=re.M):
             keep(f"decltype({name})", name)

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <random>
 
+#include "talvo/utility/features.h"
 #include "tests/support/run_program.h"
 #include "tests/support/scratch_folder.h"
 #include "tools/common/rounding.h"
@@ -153,6 +154,7 @@ TEST(ConvertOnnx, AgreesWithTheStandardsTestsOrRefuses) {
                          {"--approximate --kernels blas", blas, false, close, 583},
                          {"--approximate --narrow", narrow, false, narrowed, 618},
                          {"--approximate, binary form", approximate, true, half, 583}}) {
+    if (!TALVO_WITH_BLAS && way.options.kernels == Kernels::kBlas) continue;
     SCOPED_TRACE(way.why);
     Tally tally;
     for (fs::path const& folder : folders) Try(folder, way, tally);

@@ -1,8 +1,11 @@
 // run_package from outside: what it prints and writes, its exit status, and that an error is one line.
 #include <gtest/gtest.h>
+#include <rapidjson/document.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -69,12 +72,13 @@ class RunPackageTest : public testing::Test {
     ExpectHolds(result.err, {named.c_str()});
   }
 
+  template <typename T>
   void WriteNpy(std::string const& name, std::string const& type, std::string const& shape,
-                std::vector<float> const& values) {
-    std::string const header =
-        "{'descr': '" + type + "', 'fortran_order': False, 'shape': (" + shape + "), }" + std::string(20, ' ') + "\n";
+                std::vector<T> const& values, char const* fortran = "False") {
+    std::string const header = "{'descr': '" + type + "', 'fortran_order': " + fortran + ", 'shape': (" + shape +
+                               "), }" + std::string(20, ' ') + "\n";
     Write(folder_ / name, std::string("\x93NUMPY\x01\x00", 8) + static_cast<char>(header.size()) + '\0' + header +
-                              std::string(reinterpret_cast<char const*>(values.data()), values.size() * 4));
+                              std::string(reinterpret_cast<char const*>(values.data()), values.size() * sizeof(T)));
   }
 
   void Save(runtime::TLNModel& package, std::string const& name) {
@@ -126,7 +130,7 @@ TEST_F(RunPackageTest, ListsWhatThePackageHolds) {
   ExpectHolds(RunWell("two.tlnmodel --list").out,
               {"sdk type \"test\", needs core 1.0 and sdk 3.4; models: 2", "model \"small\"",
                "outputs classes, plane, sequence, sampled", "22 layers, 2800 bytes of weights", "back end cpu_sse",
-               "Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1", "reads sum, mean", "no configuration"});
+               "Conv2D_Knxm_Snxm_Dnxm_Gn_Fallback_CHW_Float_M1", "reads sum, mean", "no configuration"});
   Result const chosen = RunWell("two.tlnmodel --model small --input picture=in.npy --output sum --repeat 3 --profile");
   ExpectHolds(chosen.out, {"sum: [4, 4, 4]", "Pooling2D_Max_Fallback_Float_M1"});
   EXPECT_EQ(chosen.out.find("Softmax"), std::string::npos) << "layers behind the output do not run\n" << chosen.out;
@@ -152,13 +156,14 @@ TEST_F(RunPackageTest, RunsOnWithTheNextInputsAndWritesEachOutputToAFileOfItsOwn
   for (char const* id : {"in/1", "in_1", "other"}) builder.AddInput(id);
   builder.model->squential_output_ids = {"in_1", "in/1", "in_1"};
   Save(*builder.Package("m"), "p.json");
-  WriteNpy("a.npy", "<f4", "2,", {1, 2});
-  WriteNpy("b.npy", "<f4", "1, 2", {3, 5});
+  WriteNpy("a.npy", "<f4", "2,", std::vector<float>{1, 2});
+  WriteNpy("b.npy", "<f4", "1, 2", std::vector<float>{3, 5});
   Result const result = RunWell(
       "p.json --input in/1=a.npy --input in_1=b.npy --input other=a.npy --next --input in/1=b.npy --next "
       "--input in/1=CL:b.npy --output-dir d");
-  ExpectHolds(result.out, {"run 0\nin_1: [1, 2] SC, minimum 3, maximum 5, mean 4\nin/1: [2] C, minimum 1",
-                           "run 1\nin_1", "in/1: [1, 2] SC", "in/1: [1, 2] CL"});
+  ExpectHolds(result.out,
+              {"run 0\nin_1: [1, 2] SC float32, minimum 3, maximum 5, mean 4\n  values 3 5\nin/1: [2] C float32",
+               "run 1\nin_1", "in/1: [1, 2] SC", "in/1: [1, 2] CL"});
   auto const values = [&](fs::path const& file) {
     return ReadAll(folder_ / file).substr(fs::file_size(folder_ / file) - 8);
   };
@@ -168,7 +173,79 @@ TEST_F(RunPackageTest, RunsOnWithTheNextInputsAndWritesEachOutputToAFileOfItsOwn
                                     {"d/2/in_1_2.npy", "b.npy"}})
     EXPECT_EQ(values(file), values(input)) << file;
   EXPECT_FALSE(fs::exists(folder_ / "d/0/in_1_3.npy")) << "an output that is named twice";
-  ExpectError("p.json --input in/1=a.npy --output other", "input layer \"in_1\" has no tensor");
+  ExpectError("p.json --input in/1=a.npy --output other", "input \"in_1\" has no tensor");
+}
+
+TEST_F(RunPackageTest, ConvertsArraysAndSaysSo) {
+  ModelBuilder builder;
+  builder.AddInput("in");
+  builder.model->squential_output_ids = {"in"};
+  Save(*builder.Package("m"), "p.json");
+  WriteNpy("half.npy", "<f2", "2, 3", std::vector<std::uint16_t>{0x3C00, 0x4000, 0x4200, 0x4400, 0x4500, 0x4600});
+  WriteNpy("double.npy", "<f8", "2, 3", std::vector<double>{1, 2, 3, 4, 5, 6});
+  WriteNpy("turned.npy", "<f4", "2, 3", std::vector<float>{1, 4, 2, 5, 3, 6}, "True");
+  std::vector<double> big = {1, 4, 2, 5, 3, 6};
+  for (double& value : big) {
+    auto* const bytes = reinterpret_cast<char*>(&value);
+    std::reverse(bytes, bytes + sizeof value);
+  }
+  WriteNpy("big.npy", ">f8", "2, 3", big, "True");
+  for (auto const& [file, held] : {std::pair{"half.npy", "float16"},
+                                   {"double.npy", "float64"},
+                                   {"turned.npy", "float32, in Fortran order"},
+                                   {"big.npy", "float64, big-endian, in Fortran order"}}) {
+    Result const result = RunWell(std::string("p.json --input in=") + file);
+    ExpectHolds(result.out, {"in: [2, 3] SC float32", "  values 1 2 3 4 5 6\n"});
+    ExpectHolds(result.err, {(file + std::string(": holds ") + held + "; converted to float32 in C order\n").c_str()});
+  }
+}
+
+TEST_F(RunPackageTest, SaysTheSameForMachines) {
+  Save(*test::SmallModel().Package("small"), "p.json");
+  auto const parsed = [](std::string const& text) {
+    rapidjson::Document json;
+    EXPECT_FALSE(json.Parse<rapidjson::kParseFullPrecisionFlag>(text.c_str()).HasParseError()) << text;
+    return json;
+  };
+  auto const run =
+      parsed(RunWell("p.json --input picture=in.npy --repeat 3 --profile --json --output-dir d --trace t.json").out);
+  auto const& first = run["runs"][0];
+  auto const& classes = first["outputs"][0];
+  EXPECT_STREQ(classes["id"].GetString(), "classes");
+  EXPECT_EQ(classes["values"].Size(), 5u);
+  float stored = 0;
+  std::memcpy(&stored, ReadAll(folder_ / classes["file"].GetString()).substr(128).data(), sizeof stored);
+  EXPECT_EQ(classes["values"][0].GetDouble(), double{stored});
+  EXPECT_EQ(first["outputs"][1]["strides"][0].GetUint(), 64u) << "of plane, [2, 8, 8]";
+  auto const& time = first["time_ms"];
+  EXPECT_LE(time["minimum"].GetDouble(), time["median"].GetDouble());
+  EXPECT_LE(time["median"].GetDouble(), time["percentile_95"].GetDouble());
+  EXPECT_EQ(first["layers"].Size(), 22u);
+  auto const trace = parsed(ReadAll(folder_ / "t.json"));
+  EXPECT_EQ(trace["traceEvents"].Size(), 3u * (1 + 22 + 23)) << "a run, its layers, the tensors before and behind each";
+
+  auto const list = parsed(RunWell("p.json --list --json").out);
+  auto const& conv = list["models"][0]["layers"][1];
+  EXPECT_EQ(conv["fields"]["in_channels"].GetInt(), 3);
+  EXPECT_EQ(conv["weights"]["weight"].GetInt(), 108);
+  auto const memory = parsed(RunWell("p.json --memory --shape picture=3x8x8 --json").out);
+  EXPECT_EQ(memory["first_bytes"].GetInt64(),
+            parsed(RunWell("p.json --input picture=in.npy --json").out)["runs"][0]["pool_bytes"].GetInt64());
+  EXPECT_EQ(memory["layers"][1]["live_bytes"].GetInt64(), 4 * (3 * 64 + 4 * 64)) << "picture and conv";
+  EXPECT_EQ(parsed(RunWell("p.json --check --json").out)["findings"].Size(), 0u);
+}
+
+TEST_F(RunPackageTest, WarnsByItself) {
+  ModelBuilder builder;
+  builder.AddInput("in");
+  auto& dense = builder.Add<runtime::FullConnectionInfo>("dense", {"in"}, "FullConnection_Fallback_C_Float_M1");
+  dense.in_features = 2;
+  dense.out_features = 1;
+  dense.weight = test::WeightText({1, 2});
+  builder.model->squential_output_ids = {"dense"};
+  Save(*builder.Package("m"), "p.json");
+  WriteNpy("a.npy", "<f4", "3,", std::vector<float>{1, 2, 3});
+  EXPECT_EQ(RunWell("p.json --input in=a.npy").err, "warning: layer dense: reads 2 of the 3 elements of [3]\n");
 }
 
 TEST_F(RunPackageTest, PrefersFusedKernels) {
@@ -183,9 +260,27 @@ TEST_F(RunPackageTest, PrefersFusedKernels) {
   };
   auto const portable = run(""), fused = run("--prefer fused");
   ExpectHolds(portable.first, {"GRU_Fallback_SC_F32_M1"});
-  ExpectHolds(fused.first, {"GRU_Fused_SC_F32_M1", "Pooling2D_Max_Fallback_Float_M1", "_SGEMM_CHW_FLOAT_M1"});
+  ExpectHolds(fused.first, {"GRU_Fused_SC_F32_M1", "Pooling2D_Max_Fallback_Float_M1"});
   EXPECT_EQ(fused.first.find("GRU_Fallback"), std::string::npos) << fused.first;
   test::ExpectNearSum(portable.second, fused.second, 32, 32.0f);  // the inputs of a step
+}
+
+TEST_F(RunPackageTest, NamesTheFirstLayerAndElementThatDiffer) {
+  Save(*test::SmallModel().Package("small"), "p.json");
+  std::string const run = "p.json --input picture=in.npy --output sum ";
+  RunWell(run + "--manifest digests");
+  RunWell(run + "--manifest values --values --verify digests");
+  std::string lines = ReadAll(folder_ / "digests");
+  auto const at = lines.find('\n', lines.find("layer pool")) - 1;  // the last digit of the digest
+  lines[at] = lines[at] == '0' ? '1' : '0';
+  Write(folder_ / "other", lines);
+  ExpectError(run + "--verify other", "other: run 0,layer pool,output 0 (Pooling2D_Max_Fallback_Float_M1 [");
+  auto picture = test::Floats(1, 192);
+  picture[5] = 2.0f;
+  WriteNpy("in.npy", "<f4", "3, 8, 8", picture);
+  ExpectError(run + "--verify digests", "digests: run 0,layer picture,output 0");
+  ExpectError(run + "--verify values --values", "; element 5 is 40000000 here and ");
+  ExpectError(run + "--verify in.npy", "in.npy: is no manifest");
 }
 
 TEST_F(RunPackageTest, ReportsBadInputInOneLine) {
@@ -203,13 +298,13 @@ TEST_F(RunPackageTest, ReportsBadInputInOneLine) {
   ASSERT_EQ(mkfifo((folder_ / "pipe.tlnmodel").c_str(), 0600), 0);
   Write(folder_ / "version.npy", "\x93NUMPY\x09" + std::string(9, '\0'));
   Write(folder_ / "cut.npy", ReadAll(folder_ / "in.npy").substr(0, 300));
-  WriteNpy("double.npy", "<f8", "3, 8, 8", test::Floats(1, 384));
+  WriteNpy("whole.npy", "<i4", "3, 8, 8", test::Floats(1, 192));
   WriteNpy("rank.npy", "<f4", "192,", test::Floats(1, 192));
   WriteNpy("channels.npy", "<f4", "2, 8, 12", test::Floats(1, 192));
-  WriteNpy("huge.npy", "<f4", "4000000000, 4000000000, 4000000000", {});
+  WriteNpy("huge.npy", "<f4", "4000000000, 4000000000, 4000000000", std::vector<float>());
   std::string axes;
   for (int i = 0; i < 65; ++i) axes += "1,";
-  WriteNpy("axes.npy", "<f4", axes, {1.0f});
+  WriteNpy("axes.npy", "<f4", axes, std::vector<float>{1});
   std::string const run = " --input picture=in.npy";
   for (auto const& [words, named] : std::vector<std::pair<std::string, std::string>>{
            {"none.tlnmodel", "none.tlnmodel: cannot be opened"},
@@ -223,17 +318,17 @@ TEST_F(RunPackageTest, ReportsBadInputInOneLine) {
            {"keyless.json --list", "path \"sdk_type\""},
            {"empty.tlnmodel --list", "at byte 0 of 0, where it is cut short: failed"},
            {"p.json", "\"picture\" has no tensor"},
-           {"p.json" + run + " --output nope", "no layer \"nope\""},
+           {"p.json" + run + " --output clases", "no layer \"clases\"; nearest: classes"},
            {"p.json --input nope=in.npy", "no layer \"nope\""},
            {"p.json --input conv=in.npy", "layer \"conv\" is no input"},
-           {"p.json" + run + " --backend arm", "back end \"arm\""},
+           {"p.json" + run + " --backend arm", "model \"small\" has no configuration for \"arm\""},
            {"p.json" + run + " --output-dir in.npy/d", "in.npy"},
            {"p.json --input picture=none.npy", "none.npy: cannot be opened"},
            {"p.json --input picture=version.npy", "of version 9"},
            {"p.json --input picture=folder.json", "folder.json: is a folder"},
            {"p.json --input picture=/dev/zero", "/dev/zero: is no .npy file"},
            {"p.json --input picture=cut.npy", "shape [3, 8, 8] needs 768"},
-           {"p.json --input picture=double.npy", "double.npy: holds '<f8'"},
+           {"p.json --input picture=whole.npy", "whole.npy: holds '<i4'; float16"},
            {"p.json --input picture=huge.npy", "huge.npy: its shape [4000000000"},
            {"p.json --input picture=axes.npy", "axes.npy: its shape has more than 64 axes"},
            {"p.json --input picture=rank.npy", "Float_M1 of layer conv: input 0 has dims [192]"},
@@ -253,11 +348,12 @@ TEST_F(RunPackageTest, ReportsSpoiledModelsInOneLine) {
   };
   using Spoil = std::function<void(runtime::TLNModel&)>;
   for (auto const& [spoil, named] : std::vector<std::pair<Spoil, std::string>>{
-           {[&](auto& p) { kernel_of(p, "pool") = "Nope"; }, "layer pool: its kernel \"Nope\" is not registered"},
+           {[&](auto& p) { kernel_of(p, "pool") = "Nope"; },
+            "spoiled.tlnmodel: layer pool names the kernel \"Nope\", which there is not; nearest: none"},
            {[&](auto& p) { kernel_of(p, "sum") = "Softmax_Fallback_Float_M1"; },
             "layer sum (ElementWiseOperatorInfo): its kernel Softmax_Fallback_Float_M1 refuses"},
            {[](auto& p) { p.config_arr->configs.at("small")->cpu_sse->squential_ids.clear(); }, "layer picture"},
-           {[](auto& p) { p.core_major_ver = 2; }, "is larger than actually used!"},
+           {[](auto& p) { p.core_major_ver = 2; }, "needs a runtime of version 2.0, this one is 1.0"},
            {[&](auto& p) { layer_of(p, "conv").input_ids = {"pool"}; }, "layer conv (Conv2D_"},
            {[&](auto& p) {
               static_cast<runtime::FullConnectionInfo&>(layer_of(p, "dense")).weight = test::WeightText({1.0f});
@@ -287,6 +383,10 @@ TEST_F(RunPackageTest, AnswersBadUsageWithTwo) {
     EXPECT_EQ(result.status, 2) << words;
     ExpectHolds(result.err, {"usage: run_package PACKAGE"});
     EXPECT_EQ(result.out, "") << words;
+  }
+  for (std::string const program : {TALVO_RUN_PACKAGE, TALVO_UPGRADE_MODEL}) {
+    EXPECT_EQ(std::system((program + " --help | grep -q '^usage: '").c_str()), 0);
+    EXPECT_EQ(std::system((program + " a.json --version | grep -q '(talvo) 1.0$'").c_str()), 0);
   }
 }
 

@@ -5,10 +5,13 @@
 #include <new>
 #include <ostream>
 
+#include "talvo/entry/load_model.h"
+
 namespace tools {
 namespace {
 
 constexpr char kNoMemory[] = "there is not enough memory";
+constexpr char kNoOutput[] = "standard output cannot be written";
 
 // One line, though ids and paths may hold line breaks and other control characters. It takes no memory, which may be
 // what ran out.
@@ -21,11 +24,22 @@ void ReportError(char const* name, char const* text) {
   std::fputc('\n', stderr);
 }
 
+int Answer(char const* name, Usage const& usage, AskedFor const& asked) {
+  unsigned int major = 0, minor = 0;
+  TLN_Get_Core_Version(major, minor);
+  asked.version ? std::printf("%s (talvo) %u.%u\n", name, major, minor)
+                : std::printf("%s\n\n%s\n", usage.synopsis, usage.options);
+  if (std::fflush(stdout) == 0) return 0;
+  ReportError(name, kNoOutput);
+  return 1;
+}
+
 }  // namespace
 
 void CommandLine::Read(int count, char const* const* words) const {
   for (int at = 1; at < count; ++at) {
     std::string const word = words[at];
+    if (word == "--help" || word == "--version") throw AskedFor{word == "--version"};
     if (auto const flag = flags.find(word); flag != flags.end()) {
       flag->second();
     } else if (auto const option = values.find(word); option != values.end()) {
@@ -54,13 +68,15 @@ std::pair<std::string, std::string> Assignment(std::string const& option, std::s
   return {word.substr(0, equals), word.substr(equals + 1)};
 }
 
-int RunProgram(char const* name, char const* usage, std::function<void()> const& program) {
+int RunProgram(char const* name, Usage const& usage, std::function<void()> const& program) {
   try {
     program();
     return 0;
+  } catch (AskedFor const& asked) {
+    return Answer(name, usage, asked);
   } catch (UsageError const& error) {
     ReportError(name, error.what());
-    std::fprintf(stderr, "%s\n", usage);
+    std::fprintf(stderr, "%s\n", usage.synopsis);
     return 2;
   } catch (Faults const& faults) {
     for (std::string const& line : faults.lines) ReportError(name, line.c_str());
@@ -75,7 +91,7 @@ int RunProgram(char const* name, char const* usage, std::function<void()> const&
 }
 
 void Flush(std::ostream& out) {
-  if (!out.flush()) throw std::runtime_error("standard output cannot be written");
+  if (!out.flush()) throw std::runtime_error(kNoOutput);
 }
 
 std::string Message(std::exception const& refusal, std::string const& silent) {

@@ -4,8 +4,6 @@
 #include <cstdlib>
 #include <sstream>
 
-#include "tools/common/program.h"
-
 namespace convert_onnx {
 namespace {
 
@@ -64,21 +62,33 @@ tools::CommandLine::Values Values(Arguments& arguments) {
 
 }  // namespace
 
-char const* const kUsage =
+tools::Usage const kUsage = {
     "usage: convert_onnx MODEL.onnx OUT.tlnmodel|OUT.json [--shape NAME=1x3x224x224]... [--bind "
     "NAME=FILE.npy|FILE.pb]...\n"
     "                    [--outputs NAME,...] [--kernels portable|blas|fused] [--half nearest|cut] [--approximate] "
     "[--narrow]\n"
     "                    [--check DIR]... [--rel BOUND] [--abs BOUND] [--report FILE.json]\n"
     "       convert_onnx MODEL.onnx --dry-run [...]\n"
-    "       convert_onnx --ops\n"
-    "--approximate takes compositions that hold in a range or to a bound, which is printed; --narrow takes double and "
-    "half\n"
-    "data as float. --check runs the package on DIR/input_0.npy, ... (or .pb), the graph's inputs in order, and "
+    "       convert_onnx --ops | --help | --version",
+    "  --shape NAME=EXTENTS  the extents of an input of the graph, 1x3x224x224\n"
+    "  --bind NAME=FILE      an input that is constant, with the array of a .npy or .pb file\n"
+    "  --outputs NAME,...    values of the graph in place of its outputs\n"
+    "  --kernels FAMILY      portable (the default), blas or fused\n"
+    "  --half nearest|cut    how weights become 16-bit floats in a .tlnmodel file\n"
+    "  --approximate         takes compositions that hold in a range or to a bound, which is printed\n"
+    "  --narrow              takes double and half data as float\n"
+    "  --check DIR           runs the package on DIR/input_0.npy, ... (or .pb), the graph's inputs in order, and "
     "compares\n"
-    "with DIR/output_0.npy, ...; what is further off than --abs (1e-5) + --rel (1e-3) times the largest recorded value "
-    "is\n"
-    "not written, and the first layer that is off from a value of the graph recorded as DIR/NAME.npy is named.";
+    "                        with DIR/output_0.npy, ...; what is further off than --abs (1e-5) + --rel (1e-3) times "
+    "the\n"
+    "                        largest recorded value is not written, and the first layer that is off from a value of "
+    "the\n"
+    "                        graph recorded as DIR/NAME.npy is named\n"
+    "  --rel BOUND           of --check\n"
+    "  --abs BOUND           of --check\n"
+    "  --report FILE.json    what was made of each node, for other programs\n"
+    "  --dry-run             converts and writes no package\n"
+    "  --ops                 prints the operators that can be converted"};
 
 Arguments ParseArguments(int count, char const* const* words) {
   Arguments arguments;

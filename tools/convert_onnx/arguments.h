@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/common/program.h"
 #include "tools/convert_onnx/check.h"
 
 namespace convert_onnx {
@@ -16,7 +17,7 @@ struct Arguments {
   bool dry_run = false, list_operators = false, nearest = true;
 };
 
-extern char const* const kUsage;
+extern tools::Usage const kUsage;
 
 /// Throws tools::UsageError.
 Arguments ParseArguments(int count, char const* const* words);

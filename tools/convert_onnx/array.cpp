@@ -17,7 +17,8 @@ namespace {
 using onnx::TensorProto;
 
 constexpr double kLargestFloat = 0x1.fffffep+127;
-constexpr long long kMaximumElements = 1ll << 27;
+constexpr std::size_t kMostAxes = 64;
+thread_local std::size_t element_limit = kMostElements;
 
 // The bytes of `count` elements, of 8 bytes at most.
 std::string External(TensorProto const& tensor, std::size_t count, std::string const& folder) {
@@ -125,8 +126,12 @@ bool IsNumber(int type) {
 
 Refusal::Refusal(std::string const& text) : std::runtime_error(OneLine(text)) {}
 
+ElementLimit::ElementLimit(std::size_t most) { element_limit = std::min(most, kMostElements); }
+ElementLimit::~ElementLimit() { element_limit = kMostElements; }
+
 std::string Text(Shape const& shape) {
   std::string text;
+  if (shape.size() > kMostAxes) return std::to_string(shape.size()) + " axes";
   for (long long const extent : shape) text += (text.empty() ? "" : "x") + std::to_string(extent);
   return text.empty() ? "scalar" : text;
 }
@@ -138,10 +143,11 @@ std::string Text(double number) {
 }
 
 std::size_t Count(Shape const& shape) {
+  auto const limit = static_cast<long long>(element_limit);
   long long count = 1;
   for (long long const extent : shape) {
-    if (extent < 0 || (extent > 0 && count > kMaximumElements / extent)) {
-      throw Refusal("shape " + Text(shape) + " is no shape of at most 2^27 elements");
+    if (shape.size() > kMostAxes || extent < 0 || (extent > 0 && count > limit / extent)) {
+      throw Refusal("shape " + Text(shape) + " is no shape of at most " + std::to_string(limit) + " elements");
     }
     if (extent > 0) count *= extent;  // a product of parts stays in bounds where another extent is 0
   }

@@ -23,7 +23,19 @@ std::string Text(Shape const& shape);
 /// A number as a message shows it.
 std::string Text(double number);
 
-/// The product of the extents, 1 without any. Refusal: a negative extent, or more than 2^27 elements.
+constexpr std::size_t kMostElements = 1u << 27;  // of a constant or a tensor
+
+/// While it lives, shapes of its thread have no more elements than this, nor than kMostElements.
+class ElementLimit {
+ public:
+  explicit ElementLimit(std::size_t most);
+  ElementLimit(ElementLimit const&) = delete;
+  ElementLimit& operator=(ElementLimit const&) = delete;
+  ~ElementLimit();
+};
+
+/// The product of the extents, 1 without any. Refusal: a negative extent, more than 64 axes, or more elements than the
+/// limit. Whatever takes memory by a model's numbers asks it first.
 std::size_t Count(Shape const& shape);
 /// a * b. Refusal: beyond 63 bits.
 long long Times(long long a, long long b);

@@ -13,8 +13,7 @@ using namespace talvo::runtime;
 namespace {
 
 constexpr long long kConstantPart = 60000;  // elements that one dense layer makes
-constexpr std::size_t kMostLayers = 1 << 17;
-constexpr std::size_t kMostPieces = 1024;  // of a selection, a layer each
+constexpr std::size_t kMostPieces = 1024;   // of a selection, a layer each
 
 }  // namespace
 
@@ -103,7 +102,8 @@ void Builder::SpendWeights() {
   for (; weighed_ < layers.size(); ++weighed_) weights_ += layers[weighed_].Weights();
   if (weights_ > options_.most_elements)
     throw Refusal("more than " + std::to_string(options_.most_elements) + " elements in all weights");
-  if (layers.size() >= kMostLayers) throw Refusal("more than " + std::to_string(kMostLayers) + " layers");
+  if (layers.size() >= options_.most_layers)
+    throw Refusal("more than " + std::to_string(options_.most_layers) + " layers");
 }
 
 Value Builder::As(Value value, Shape const& shape) {

@@ -13,13 +13,14 @@ using namespace talvo::runtime;
 
 namespace {
 
-// The values of `array` at the positions of `shape` whose axes from `rank` on are 0.
+// The values of `array` at the positions of the first `rank` axes of `shape`; behind them it does not change.
 Floats Leading(Array const& array, Shape const& shape, std::size_t rank) {
+  auto const cut = static_cast<std::ptrdiff_t>(std::min(shape.size() - rank, array.shape.size()));
+  Shape const own(array.shape.begin(), array.shape.end() - cut),
+      axes(shape.begin(), shape.begin() + static_cast<std::ptrdiff_t>(rank));
   Floats result;
-  auto const offsets = BroadcastOffsets(array.shape, shape);
-  auto const inner = static_cast<std::size_t>(Product(shape, rank, shape.size()));
-  for (std::size_t i = 0; i < offsets.size(); i += inner)
-    result.push_back(static_cast<float>(array.values[offsets[i]]));
+  for (std::size_t const offset : BroadcastOffsets(own, axes))
+    result.push_back(static_cast<float>(array.values[offset]));
   return result;
 }
 
@@ -93,6 +94,7 @@ Value Builder::Clip(Value const& value, float low, float high) {
 
 Value Builder::Slopes(Value const& value, Array const& slopes) {
   std::size_t const rank = VaryingAxes(slopes, value.shape);
+  Signed(Product(value.shape, 0, rank), "the number of slopes");
   Floats const list = Leading(slopes, value.shape, rank);
   auto const channels = static_cast<long long>(list.size());
   if (channels == 1) return Slope(value, list[0]);
@@ -200,18 +202,20 @@ Value Builder::Affine(Value const& value, Array const& scale, Array const& shift
   Value result = value;
   result.name.clear();
   if (FoldIntoRows(value, scale, shift)) return result;
-  std::size_t const rank = std::max(VaryingAxes(scale, value.shape), VaryingAxes(shift, value.shape));
-  Floats const factors = Leading(scale, value.shape, rank), summands = Leading(shift, value.shape, rank);
-  bool const scales = !IsOnly(factors, 1), shifts = !IsOnly(summands, 0);
+  bool const scales = !IsOnly(scale.Floats(), 1), shifts = !IsOnly(shift.Floats(), 0);
   if (!scales && !shifts) return value;
-  if (Fold(value, factors, summands)) return result;
-  if (factors.size() == 1) return Linear(value, factors[0], summands[0]);
-  auto const channels = static_cast<long long>(factors.size());
-  // Weights of a channel each, unless that repeats the constants again and again.
-  if (channels > 65535 || factors.size() > 4 * (scale.values.size() + shift.values.size())) {
+  std::size_t const rank = std::max(VaryingAxes(scale, value.shape), VaryingAxes(shift, value.shape));
+  long long const channels = Product(value.shape, 0, rank);
+  auto const both = [&] {
     if (scales) result = Combine(kMul, result, Tensor(Constant(scale)));
     return shifts ? Combine(kAdd, result, Tensor(Constant(shift))) : result;
-  }
+  };
+  if (channels > 65535) return both();
+  Floats const factors = Leading(scale, value.shape, rank), summands = Leading(shift, value.shape, rank);
+  if (Fold(value, factors, summands)) return result;
+  if (factors.size() == 1) return Linear(value, factors[0], summands[0]);
+  // Weights of a channel each, unless that repeats the constants again and again.
+  if (factors.size() > 4 * (scale.values.size() + shift.values.size())) return both();
   Value const planes = Flat(value, {channels, Product(value.shape, rank, value.shape.size()), 1});
   return As(Convolve(planes, factors, shifts ? summands : Floats(), channels, channels, {}), value.shape);
 }

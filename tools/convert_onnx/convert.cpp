@@ -291,11 +291,9 @@ void SetKernels(std::vector<Layer>& layers, Kernels kernels) {
 
 }  // namespace
 
-onnx::ModelProto ReadModel(std::string const& path) {
-  std::ifstream stream(path, std::ios::binary);
-  if (!stream) throw Refusal("cannot be opened");
-  google::protobuf::io::IstreamInputStream bytes(&stream);
-  google::protobuf::io::CodedInputStream coded(&bytes);
+onnx::ModelProto ReadModel(std::istream& bytes) {
+  google::protobuf::io::IstreamInputStream stream(&bytes);
+  google::protobuf::io::CodedInputStream coded(&stream);
   onnx::ModelProto model;
   if (!model.ParseFromCodedStream(&coded) || !coded.ConsumedEntireMessage())
     throw Refusal("is no ONNX model, or is cut short");
@@ -303,7 +301,14 @@ onnx::ModelProto ReadModel(std::string const& path) {
   return model;
 }
 
+onnx::ModelProto ReadModel(std::string const& path) {
+  std::ifstream stream(path, std::ios::binary);
+  if (!stream) throw Refusal("cannot be opened");
+  return ReadModel(stream);
+}
+
 Conversion Convert(onnx::ModelProto const& model, std::string const& folder, Options const& options) {
+  ElementLimit const limit(options.most_elements);
   Conversion conversion = Walk(model, folder, options).Run();
   SetKernels(conversion.layers, options.kernels);
   return conversion;

@@ -1,6 +1,7 @@
 // From a parsed graph to the layers of a package.
 #pragma once
 
+#include <iosfwd>
 #include <map>
 #include <string>
 #include <vector>
@@ -20,7 +21,8 @@ struct Conversion {
   std::size_t dropped = 0;                   // nodes that nobody reads
 };
 
-/// Reads a model. Refusal: a file that is none, is cut short, or wants another opset.
+/// Reads a model. Refusal: bytes that are none, or are cut short.
+onnx::ModelProto ReadModel(std::istream& bytes);
 onnx::ModelProto ReadModel(std::string const& path);
 
 /// `folder` is where external data lies. Refusal: a graph that is none (a value that nothing before its reader makes,

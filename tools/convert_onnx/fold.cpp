@@ -249,8 +249,9 @@ Array Counted(Node const& node) {
   double const start = node.inputs[0].constant->values[0], limit = node.inputs[1].constant->values[0],
                delta = node.inputs[2].constant->values[0];
   double const count = std::max(0.0, std::ceil((limit - start) / delta));
-  if (!(count <= 1e8)) throw Refusal("a range of " + Text(count) + " elements");
-  Array result{{static_cast<long long>(count)}, node.inputs[0].constant->type, {}};
+  Array result{{ToInteger(count)}, node.inputs[0].constant->type, {}};
+  if (std::isnan(count)) throw Refusal("a range from " + Text(start) + " to " + Text(limit) + " by " + Text(delta));
+  Count(result.shape);
   for (long long i = 0; i < result.shape[0]; ++i) {
     result.values.push_back(Rounded(start + static_cast<double>(i) * delta, result.type));
   }

@@ -147,44 +147,50 @@ Floats BandedTransposed(Floats const& weight, Shape const& w, Spatial const& s, 
 
 Floats Stretched(Floats const& bias, long long times) {
   Floats result;
+  Count({static_cast<long long>(bias.size()), times});
   for (float const v : bias) result.insert(result.end(), static_cast<std::size_t>(times), v);
   return result;
+}
+
+// Of a convolution with these weights.
+Spatial WeightedOf(Node const& node, Shape const& shape, Shape const& w) {
+  if (w.size() != shape.size() || w.size() < 3) throw Refusal("weights " + Text(w) + " do not fit " + Text(shape));
+  if (w.size() > 5) throw Refusal("planes of " + std::to_string(w.size() - 2) + " axes");
+  return SpatialOf(node, shape, Shape(w.begin() + 2, w.end()));
+}
+
+// Each group reads as many channels, and makes as many, as every other.
+long long GroupsOf(Node const& node, long long channels, Shape const& w, bool transposed) {
+  long long const groups = node.Int("group", 1);
+  bool const whole = groups >= 1 && groups <= channels && channels % groups == 0;
+  if (!whole || (transposed ? w[0] != channels : w[1] != channels / groups || w[0] % groups != 0)) {
+    throw Refusal("group = " + std::to_string(groups) + ", weights " + Text(w) + " and " + std::to_string(channels) +
+                  " channels disagree");
+  }
+  return groups;
 }
 
 // A batch is run as groups, each with the same weights.
 Values Convolution(Node const& node, Builder& builder) {
   Value const& x = node.TensorInput(0);
   Array const& w = node.ConstantInput(1);
-  if (w.shape.size() != x.shape.size() || w.shape.size() < 3)
-    throw Refusal("weights " + Text(w.shape) + " do not fit " + Text(x.shape));
-  Spatial s = SpatialOf(node, x.shape, Shape(w.shape.begin() + 2, w.shape.end()));
+  Spatial s = WeightedOf(node, x.shape, w.shape);
   if (node.Has("kernel_shape") && node.Ints("kernel_shape", {}) != s.kernel)
     throw Refusal("attribute kernel_shape and weights differ");
   PadAutomatically(node, s);
   Shape const extents = Extents(s);
-  long long const batch = x.shape[0], out = w.shape[0], groups = node.Int("group", 1);
-  long long channels = x.shape[1], each = out;
-  if (groups < 1 || groups > channels || channels % groups != 0 || w.shape[1] != channels / groups ||
-      out % groups != 0) {
-    throw Refusal("group = " + std::to_string(groups) + ", weights " + Text(w.shape) + " and " +
-                  std::to_string(channels) + " channels disagree");
-  }
-  Floats weight = w.Floats(), bias = Bias(node, out);
-  std::size_t const rank = s.size.size();
-  if (rank > 3) throw Refusal("planes of " + std::to_string(rank) + " axes");
-  if (rank == 1) AddPlaneAxis(s);
-  if (rank == 3) {
-    weight = Banded(weight, w.shape, s, extents[0]);
-    bias = Stretched(bias, extents[0]);
-    channels *= s.size[0];
-    each *= extents[0];
-  }
-  std::size_t const y = rank == 3 ? 1 : 0;
-  Window window = WindowOf(s, y);
+  long long const batch = x.shape[0], out = w.shape[0], groups = GroupsOf(node, x.shape[1], w.shape, false);
+  if (s.size.size() == 1) AddPlaneAxis(s);
+  bool const deep = s.size.size() == 3;
+  Floats const weight = deep ? Banded(w.Floats(), w.shape, s, extents[0]) : w.Floats();
+  Floats const bias = deep ? Stretched(Bias(node, out), extents[0]) : Bias(node, out);
+  long long const depth = deep ? s.size[0] : 1, outputs = deep ? Times(out, extents[0]) : out;
+  std::size_t const y = deep ? 1 : 0;
+  Window const window = WindowOf(s, y);
   if (std::min({window.top, window.left, window.bottom, window.right}) < 0) throw Refusal("negative pads");
-  Value const planes = builder.Flat(x, {batch * channels, s.size[y], s.size[y + 1]});
+  Value const planes = builder.Flat(x, {batch * x.shape[1] * depth, s.size[y], s.size[y + 1]});
   Value const made =
-      builder.Convolve(planes, Tiled(weight, batch), Tiled(bias, batch), batch * each, batch * groups, window);
+      builder.Convolve(planes, Tiled(weight, batch), Tiled(bias, batch), batch * outputs, batch * groups, window);
   return {Builder::As(made, OutputShape(batch, out, extents))};
 }
 
@@ -223,31 +229,30 @@ Window Borders(Spatial const& s, Shape const& extra) {
   return WindowOf(t, s.size.size() - 2);
 }
 
-Values TransposedConvolution(Node const& node, Builder& builder) {
-  Value const& x = node.TensorInput(0);
-  Array const& w = node.ConstantInput(1);
-  if (w.shape.size() != x.shape.size() || w.shape.size() < 3)
-    throw Refusal("weights " + Text(w.shape) + " do not fit " + Text(x.shape));
-  Spatial s = SpatialOf(node, x.shape, Shape(w.shape.begin() + 2, w.shape.end()));
-  std::size_t const rank = s.size.size();
-  if (rank > 3) throw Refusal("planes of " + std::to_string(rank) + " axes");
-  Shape extra = Attribute(node, "output_padding", rank, 0), full, extents;
-  for (std::size_t i = 0; i < rank; ++i) {
+// Extents of the result; what is cut at both ends goes into `s`.
+Shape TransposedExtents(Node const& node, Shape const& extra, Spatial& s) {
+  Shape full, extents;
+  for (std::size_t i = 0; i < extra.size(); ++i) {
     full.push_back(s.strides[i] * (s.size[i] - 1) + extra[i] + (s.kernel[i] - 1) * s.dilations[i] + 1);
   }
   CutTransposed(node, s, full);
-  for (std::size_t i = 0; i < rank; ++i) {
+  for (std::size_t i = 0; i < extra.size(); ++i) {
     extents.push_back(full[i] - s.begin[i] - s.end[i]);
     if (extents[i] < 1) throw Refusal("a result of " + Text(extents));
   }
-  long long const batch = x.shape[0], channels = x.shape[1], groups = node.Int("group", 1);
-  if (groups < 1 || groups > channels || w.shape[0] != channels || channels % groups != 0) {
-    throw Refusal("group = " + std::to_string(groups) + ", weights " + Text(w.shape) + " and " +
-                  std::to_string(channels) + " channels disagree");
-  }
+  return extents;
+}
+
+Values TransposedConvolution(Node const& node, Builder& builder) {
+  Value const& x = node.TensorInput(0);
+  Array const& w = node.ConstantInput(1);
+  Spatial s = WeightedOf(node, x.shape, w.shape);
+  Shape extra = Attribute(node, "output_padding", s.size.size(), 0);
+  Shape const extents = TransposedExtents(node, extra, s);
+  long long const batch = x.shape[0], channels = x.shape[1], groups = GroupsOf(node, channels, w.shape, true);
   long long const out = Times(w.shape[1], groups);
-  if (rank == 1) AddPlaneAxis(s), extra.push_back(0);
-  bool const deep = rank == 3;
+  if (s.size.size() == 1) AddPlaneAxis(s), extra.push_back(0);
+  bool const deep = s.size.size() == 3;
   Floats const weight = deep ? BandedTransposed(w.Floats(), w.shape, s, extents[0]) : w.Floats();
   Floats const bias = deep ? Stretched(Bias(node, out), extents[0]) : Bias(node, out);
   long long const depth = deep ? s.size[0] : 1, outputs = deep ? Times(out, extents[0]) : out;
@@ -258,36 +263,44 @@ Values TransposedConvolution(Node const& node, Builder& builder) {
   return {Builder::As(made, OutputShape(batch, out, extents))};
 }
 
+// A last window that begins in the input and ends behind it counts with ceil_mode.
+void WidenForLastWindows(Node const& node, bool maximum, Spatial& s) {
+  bool const count_padding = node.Int("count_include_pad", 0) != 0;
+  for (std::size_t i = 0; i < s.size.size() && node.Int("ceil_mode", 0) != 0; ++i) {
+    long long const span = s.size[i] + s.begin[i] + s.end[i] - s.dilations[i] * (s.kernel[i] - 1) - 1;
+    long long const over = (s.strides[i] - span % s.strides[i]) % s.strides[i];
+    if (over != 0 && !maximum && count_padding) throw Refusal("attribute ceil_mode = 1 with count_include_pad = 1");
+    bool const reaches = over != 0 && (Extents(s)[i]) * s.strides[i] < s.size[i] + s.begin[i];
+    if (reaches) s.end[i] += over;
+  }
+}
+
+// The last two axes, then the first.
+Value DeepPooling(Value const& x, Spatial const& s, Shape const& extents, bool maximum, bool count_padding,
+                  Builder& b) {
+  long long const planes = x.shape[0] * x.shape[1];
+  Value const flat =
+      b.Pool(b.Flat(x, {planes * s.size[0], s.size[1], s.size[2]}), maximum, WindowOf(s, 1), count_padding);
+  Window depth;
+  depth.kernel_y = s.kernel[0], depth.stride_y = s.strides[0], depth.dilation_y = s.dilations[0];
+  depth.top = s.begin[0], depth.bottom = s.end[0];
+  return b.Pool(b.Flat(flat, {planes, s.size[0], extents[1] * extents[2]}), maximum, depth, count_padding);
+}
+
 template <bool maximum>
 Values Pooling(Node const& node, Builder& builder) {
   Value const& x = node.TensorInput(0);
   Spatial s = SpatialOf(node, x.shape, node.Ints("kernel_shape", {}));
   PadAutomatically(node, s);
-  std::size_t const rank = s.size.size();
-  bool const count_padding = node.Int("count_include_pad", 0) != 0;
-  for (std::size_t i = 0; i < rank && node.Int("ceil_mode", 0) != 0; ++i) {
-    long long const span = s.size[i] + s.begin[i] + s.end[i] - s.dilations[i] * (s.kernel[i] - 1) - 1;
-    long long const over = (s.strides[i] - span % s.strides[i]) % s.strides[i];
-    if (over != 0 && !maximum && count_padding) throw Refusal("attribute ceil_mode = 1 with count_include_pad = 1");
-    bool const reaches = over != 0 && (Extents(s)[i]) * s.strides[i] < s.size[i] + s.begin[i];
-    if (reaches) s.end[i] += over;  // else the last window would begin behind the input
-  }
+  if (s.size.size() > 3) throw Refusal("planes of " + std::to_string(s.size.size()) + " axes");
+  WidenForLastWindows(node, maximum, s);
   Shape const extents = Extents(s);
-  long long const planes = x.shape[0] * x.shape[1];
-  if (rank > 3) throw Refusal("planes of " + std::to_string(rank) + " axes");
-  if (rank == 1) AddPlaneAxis(s);
-  Value result = x;
-  if (rank < 3) {
-    result = builder.Pool(builder.Flat(x, {planes, s.size[0], s.size[1]}), maximum, WindowOf(s, 0), count_padding);
-  } else {  // the last two axes, then the first
-    result = builder.Pool(builder.Flat(x, {planes * s.size[0], s.size[1], s.size[2]}), maximum, WindowOf(s, 1),
-                          count_padding);
-    Window depth;
-    depth.kernel_y = s.kernel[0], depth.stride_y = s.strides[0], depth.dilation_y = s.dilations[0];
-    depth.top = s.begin[0], depth.bottom = s.end[0];
-    result =
-        builder.Pool(builder.Flat(result, {planes, s.size[0], extents[1] * extents[2]}), maximum, depth, count_padding);
-  }
+  if (s.size.size() == 1) AddPlaneAxis(s);
+  bool const count_padding = node.Int("count_include_pad", 0) != 0;
+  Value const result = s.size.size() == 3
+                           ? DeepPooling(x, s, extents, maximum, count_padding, builder)
+                           : builder.Pool(builder.Flat(x, {x.shape[0] * x.shape[1], s.size[0], s.size[1]}), maximum,
+                                          WindowOf(s, 0), count_padding);
   Values outputs{Builder::As(result, OutputShape(x.shape[0], x.shape[1], extents))};
   if (node.wanted.size() > 1) outputs.push_back(Unmade("output Indices is int64; tensors are float32"));
   return outputs;

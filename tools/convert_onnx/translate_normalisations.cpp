@@ -88,25 +88,23 @@ Values MeanVarianceNormalization(Node const& node, Builder& b) {
   return {b.Combine(kDiv, m.rest, b.Linear(m.deviation, 1, 1e-9f))};
 }
 
-// x / (bias + alpha / size * sum of the squares of the channels around)^beta.
+// x / (bias + alpha / size * sum of the squares of the channels around)^beta; the sum is a pooling over channels.
 Values LocalResponse(Node const& node, Builder& b) {
   Value const& x = node.TensorInput(0);
   long long const size = node.Int("size", 0);
   if (size < 1 || size > 65535 || x.shape.size() < 2) throw Refusal("attribute size = " + std::to_string(size));
-  long long const channels = x.shape[1];
-  Floats around(Count({channels, channels}), 0.0f);
-  for (long long c = 0; c < channels; ++c) {
-    for (long long i = std::max(c - (size - 1) / 2, 0ll); i <= std::min(c + size / 2, channels - 1); ++i)
-      around[static_cast<std::size_t>(c * channels + i)] = 1;
-  }
-  Value const sum = b.Along(b.Combine(kMul, x, x), 1, around, channels);
-  Value const base = b.Linear(sum, node.Float("alpha", 1e-4f) / static_cast<float>(size), node.Float("bias", 1));
+  Window window;
+  window.kernel_y = size, window.top = (size - 1) / 2, window.bottom = size / 2;
+  Value const planes = b.Flat(b.Combine(kMul, x, x), {x.shape[0], x.shape[1], Product(x.shape, 2, x.shape.size())});
+  Value const mean = Builder::As(b.Pool(planes, false, window, true), x.shape);
+  Value const base = b.Linear(mean, node.Float("alpha", 1e-4f), node.Float("bias", 1));
   float const beta = node.Float("beta", 0.75f);
   if (beta == 1) return {b.Combine(kDiv, x, base)};
   Value const root = b.SquareRoot(base);
   if (beta == 0.5f) return {b.Combine(kDiv, x, root)};
-  if (beta != 0.75f) throw Refusal("attribute beta = " + Text(static_cast<double>(beta)) + "; 0.5, 0.75 and 1 fit");
-  return {b.Combine(kDiv, x, b.Combine(kMul, root, b.SquareRoot(root)))};
+  if (beta == 0.75f) return {b.Combine(kDiv, x, b.Combine(kMul, root, b.SquareRoot(root)))};
+  b.Approximate("powers as e^(y log x) hold for bases above 0, to 2e-7 |y log x| of the result");
+  return {b.Combine(kMul, x, b.Exponential(b.Linear(b.Logarithm(base), -beta, 0)))};
 }
 
 Values LpNormalization(Node const& node, Builder& b) {

@@ -78,6 +78,7 @@ Floats Matrix(Mode const& mode, long long in, long long out, double scale) {
 Value Selected(Value const& x, std::size_t axis, Mode const& mode, long long out, double scale, Builder& builder) {
   std::vector<long long> places;
   long long const in = x.shape[axis];
+  Count({out});
   for (long long i = 0; i < out; ++i) {
     places.push_back(std::clamp(Nearest(mode.nearest, Position(mode, i, in, out, scale)), 0ll, in - 1));
   }
@@ -194,37 +195,47 @@ Value Reflected(Value const& pixels, std::vector<double> const& extents, bool ce
   return b.Affine(b.Absolute(b.Combine(kSub, turns, b.Round(turns))), back, low);
 }
 
-// One kernel for the pixels of a grid; what it counts differently is said in its coordinates first.
+// What the kernel counts differently is said in its coordinates: it rounds halves up, folds nothing, and its borders
+// are those of the pixels. `extents` are width and height.
+Value Coordinates(Node const& node, Value const& grid, std::vector<double> const& extents, Builder& b) {
+  bool const centres = node.Int("align_corners", 0) != 0, folds = node.Word("padding_mode", "zeros") == "reflection";
+  bool const nearest = node.Word("mode", "bilinear") == "nearest";
+  if (nearest || folds) {
+    Value pixels = ToPixels(grid, extents, centres, b);
+    if (folds) pixels = Reflected(pixels, extents, centres, b);
+    return FromPixels(nearest ? b.Round(pixels) : pixels, extents, b);
+  }
+  if (!centres) return grid;
+  Array scale{{2}, onnx::TensorProto::FLOAT, {}};
+  for (double const extent : extents) scale.values.push_back((extent - 1) / extent);
+  return b.Affine(grid, scale, Scalar(0));
+}
+
+// x [1, channels, height, width] at grid [1, rows, columns, 2].
+Value Sampled(Node const& node, Value const& x, Value const& grid, Builder& b) {
+  long long const height = x.shape[2], width = x.shape[3], rows = grid.shape[1], columns = grid.shape[2];
+  Value const pixels = Coordinates(node, grid, {static_cast<double>(width), static_cast<double>(height)}, b);
+  auto const record = std::make_shared<talvo::runtime::GridSampleInfo>();
+  record->mode = node.Word("mode", "bilinear") == "bilinear";
+  record->padding_mode = node.Word("padding_mode", "zeros") != "zeros";
+  Value const planes = b.Flat(x, {x.shape[1], height, width}), positions = b.Flat(pixels, {rows, columns, 2});
+  return b.Emit(record, "GridSample_Fallback_CHW_Float_M1", {planes, positions}, {x.shape[1], rows, columns},
+                talvo::runtime::TensorShape::CHW, {1, x.shape[1], rows, columns});
+}
+
 Values GridSample(Node const& node, Builder& builder) {
   Value const& x = node.TensorInput(0);
-  Value grid = builder.Tensor(node.Input(1));
+  Value const grid = builder.Tensor(node.Input(1));
   std::string const mode = node.Word("mode", "bilinear"), padding = node.Word("padding_mode", "zeros");
   if (mode != "bilinear" && mode != "nearest") throw Refusal("attribute mode = " + mode);
   if (padding != "zeros" && padding != "border" && padding != "reflection")
     throw Refusal("attribute padding_mode = " + padding);
-  if (x.shape.size() != 4 || grid.shape.size() != 4 || x.shape[0] != 1 || grid.shape[0] != 1 || grid.shape[3] != 2) {
-    throw Refusal("planes " + Text(x.shape) + " and grid " + Text(grid.shape) + "; a batch of 1 fits");
-  }
-  long long const height = x.shape[2], width = x.shape[3], rows = grid.shape[1], columns = grid.shape[2];
-  bool const centres = node.Int("align_corners", 0) != 0, nearest = mode == "nearest", folds = padding == "reflection";
-  std::vector<double> const extents = {static_cast<double>(width), static_cast<double>(height)};
-  if (nearest || folds) {
-    Value pixels = ToPixels(grid, extents, centres, builder);
-    if (folds) pixels = Reflected(pixels, extents, centres, builder);
-    if (nearest) pixels = builder.Round(pixels);  // the kernel rounds halves up
-    grid = FromPixels(pixels, extents, builder);
-  } else if (centres) {  // the same pixels in coordinates that end at the pixels' borders
-    Array scale{{2}, onnx::TensorProto::FLOAT, {}};
-    for (double const extent : extents) scale.values.push_back((extent - 1) / extent);
-    grid = builder.Affine(grid, scale, Scalar(0));
-  }
-  auto const record = std::make_shared<talvo::runtime::GridSampleInfo>();
-  record->mode = nearest ? 0 : 1;
-  record->padding_mode = padding != "zeros";
-  Value const planes = builder.Flat(x, {x.shape[1], height, width});
-  Value const positions = builder.Flat(grid, {rows, columns, 2});
-  return {builder.Emit(record, "GridSample_Fallback_CHW_Float_M1", {planes, positions}, {x.shape[1], rows, columns},
-                       talvo::runtime::TensorShape::CHW, {1, x.shape[1], rows, columns})};
+  if (x.shape.size() != 4 || grid.shape.size() != 4 || x.shape[0] != grid.shape[0] || grid.shape[3] != 2)
+    throw Refusal("planes " + Text(x.shape) + " and grid " + Text(grid.shape) + " do not fit");
+  Values samples;
+  for (long long n = 0; n < x.shape[0]; ++n)
+    samples.push_back(Sampled(node, builder.Slice(x, 0, n, 1, 1), builder.Slice(grid, 0, n, 1, 1), builder));
+  return {builder.Join(samples, 0)};
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
 #include "tools/convert_package/arguments.h"
 
-#include "tools/common/program.h"
-
 namespace convert_package {
 namespace {
 
@@ -28,12 +26,15 @@ void SetKernels(std::string const& word, Arguments& arguments) {
 
 }  // namespace
 
-char const* const kUsage =
+tools::Usage const kUsage = {
     "usage: convert_package IN OUT [--half nearest|cut] [--set-back-end TO=FROM]... [--kernels "
     "[BACK_END=]portable|blas|fused]...\n"
-    "IN and OUT end in .tlnmodel (binary, weights as halves) or .json. --set-back-end gives the back end TO a copy of\n"
-    "the configuration of FROM; then --kernels changes the kernels of a back end, or of all, to those of a family.\n"
-    "Back ends: cpu_sse, cpu_avx, cpu_armv7, cpu_armv8, cpu_armv82, gpu_opengl, gpu_metal, gpu_cuda.";
+    "       convert_package --help | --version",
+    "IN and OUT end in .tlnmodel (binary, weights as halves) or .json.\n\n"
+    "  --half nearest|cut      how weights become halves, the nearest if not given\n"
+    "  --set-back-end TO=FROM  gives the back end TO a copy of the configuration of FROM\n"
+    "  --kernels FAMILY        then changes the kernels of a back end, or of all, to those of a family\n\n"
+    "Back ends: cpu_sse, cpu_avx, cpu_armv7, cpu_armv8, cpu_armv82, gpu_opengl, gpu_metal, gpu_cuda."};
 
 Arguments ParseArguments(int count, char const* const* words) {
   using Word = std::string const&;

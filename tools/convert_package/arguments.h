@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "tools/common/kernels.h"
+#include "tools/common/program.h"
 
 namespace convert_package {
 
@@ -16,7 +17,7 @@ struct Arguments {
   std::vector<std::pair<std::string, tools::Kernels>> kernels;     // by back end, in order; empty: all that there are
 };
 
-extern char const* const kUsage;
+extern tools::Usage const kUsage;
 
 /// Throws tools::UsageError.
 Arguments ParseArguments(int count, char const* const* words);

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "tools/common/program.h"
 #include "tools/run_package/layouts.h"
 
 namespace run_package {
@@ -58,13 +57,34 @@ bool ParsePreference(std::string const& word) {
 
 }  // namespace
 
-char const* const kUsage =
-    "usage: run_package PACKAGE [--model ID] [--backend WORD] [--input LAYER=[LAYOUT:]FILE.npy]... [--output "
-    "LAYER]...\n"
-    "                   [--next [--input ...]...]... [--output-dir DIR] [--repeat N] [--profile] [--list]\n"
-    "                   [--prefer fused]\n"
-    "       run_package PACKAGE --check | --memory [--input LAYER=FILE.npy | --shape LAYER=1x28x28]...\n"
-    "back ends: x86, arm, metal; layouts: CHW, HWC, C4HW4, C8HW8, NCHW, NHWC, C, SC, CL, FLEXIABLE";
+tools::Usage const kUsage = {
+    "usage: run_package PACKAGE [--model ID] [--backend WORD] [--prefer fused] [--input LAYER=[LAYOUT:]FILE.npy]...\n"
+    "                   [--output LAYER]... [--next [--input ...]...]... [--output-dir DIR] [--repeat N]\n"
+    "                   [--profile] [--trace FILE] [--manifest FILE] [--verify FILE] [--values] [--json]\n"
+    "       run_package PACKAGE --list [--json]\n"
+    "       run_package PACKAGE --check | --memory [--input LAYER=FILE.npy | --shape LAYER=1x28x28]... [--json]\n"
+    "       run_package --help | --version",
+    "Runs a model of a package (.tlnmodel or .json) on arrays.\n\n"
+    "  --model ID             the model, where the package holds several\n"
+    "  --backend WORD         x86 (the default), arm or metal\n"
+    "  --prefer fused         fused kernels in place of portable ones, where there are some\n"
+    "  --input LAYER=FILE.npy an array of float16, float32, float64 or uint8 for an input; its rank picks the layout\n"
+    "                         (1 C, 2 SC, 3 CHW, otherwise FLEXIABLE), or LAYER=LAYOUT:FILE.npy names it: CHW, HWC,\n"
+    "                         C4HW4, C8HW8, NCHW, NHWC, C, SC, CL, FLEXIABLE\n"
+    "  --output LAYER         a layer whose tensors are wanted in place of the model's outputs\n"
+    "  --next                 begins the inputs of another run, which goes on with the state of recurrent layers\n"
+    "  --output-dir DIR       writes each output as DIR/LAYER.npy\n"
+    "  --repeat N             runs N times and tells first, minimum, median and 95th percentile\n"
+    "  --profile              the time of each layer\n"
+    "  --trace FILE           the layers of every repeat and the bytes of their tensors as Chrome trace events\n"
+    "  --manifest FILE        writes digests of what each layer gave\n"
+    "  --verify FILE          compares with such a file and names the first layer that differs\n"
+    "  --values               the two with the elements: of the layer that differs the first one that does is told\n"
+    "  --json                 everything that is printed, as JSON\n"
+    "  --list                 what the package holds\n"
+    "  --check                looks for slips, and tries the model where the extents of its inputs are given\n"
+    "  --memory               what the tensors of a run take, layer by layer\n"
+    "  --shape LAYER=1x28x28  the extents of an input without a file"};
 
 Arguments ParseArguments(int count, char const* const* words) {
   using Word = std::string const&;
@@ -78,12 +98,16 @@ Arguments ParseArguments(int count, char const* const* words) {
       {"--output-dir", [&](Word word) { arguments.output_dir = word; }},
       {"--repeat", [&](Word word) { arguments.repeat = ParseRepeat(word); }},
       {"--shape", [&](Word word) { ParseShape(word, arguments); }},
+      {"--trace", [&](Word word) { arguments.trace = word; }},
+      {"--manifest", [&](Word word) { arguments.manifest = word; }},
+      {"--verify", [&](Word word) { arguments.verify = word; }},
       {"--prefer", [&](Word word) { arguments.prefer_fused = ParsePreference(word); }},
   };
   line.flags = {
       {"--next", [&] { arguments.runs.emplace_back(); }}, {"--profile", [&] { arguments.profile = true; }},
       {"--check", [&] { arguments.check = true; }},       {"--memory", [&] { arguments.memory = true; }},
-      {"--list", [&] { arguments.list = true; }},
+      {"--list", [&] { arguments.list = true; }},         {"--json", [&] { arguments.json = true; }},
+      {"--values", [&] { arguments.values = true; }},
   };
   line.other = [&](Word word) {
     if (!arguments.package.empty())
@@ -94,9 +118,12 @@ Arguments ParseArguments(int count, char const* const* words) {
   if (arguments.package.empty()) throw UsageError("no package was given");
   bool const looks = arguments.check || arguments.memory;
   if (arguments.check && arguments.memory) throw UsageError("--check or --memory, not both");
-  if (looks && (arguments.runs.size() > 1 || !arguments.outputs.empty() || arguments.list || arguments.profile))
+  if (looks && (arguments.runs.size() > 1 || !arguments.outputs.empty() || arguments.list || arguments.profile ||
+                !arguments.trace.empty() || !arguments.manifest.empty() || !arguments.verify.empty()))
     throw UsageError("--check and --memory take inputs and shapes alone");
   if (!looks && !arguments.shapes.empty()) throw UsageError("--shape goes with --check or --memory");
+  if (arguments.values && arguments.manifest.empty() && arguments.verify.empty())
+    throw UsageError("--values goes with --manifest or --verify");
   return arguments;
 }
 

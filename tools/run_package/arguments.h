@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "tools/common/program.h"
+
 namespace run_package {
 
 /// LAYER=FILE.npy or LAYER=LAYOUT:FILE.npy; an empty layout leaves the choice to the array's rank.
@@ -25,9 +27,13 @@ struct Arguments {
   bool prefer_fused = false;
   bool profile = false;
   bool list = false;
+  bool json = false;
+  std::string trace;             // file for the times of layers; empty: none
+  std::string manifest, verify;  // files of digests of the layers, to be written and to be compared with; empty: none
+  bool values = false;           // with the elements
 };
 
-extern char const* const kUsage;
+extern tools::Usage const kUsage;
 
 /// Throws tools::UsageError.
 Arguments ParseArguments(int count, char const* const* words);

@@ -2,12 +2,15 @@
 #pragma once
 
 #include <iosfwd>
+#include <string>
 
 #include "talvo/serialization/model_info.h"
+#include "tools/common/json.h"
 
 namespace run_package {
 
-/// Models, versions, layers, the kernels of each back end, and the bytes of weights as float32.
-void Describe(talvo::runtime::TLNModel const& package, std::ostream& out);
+/// Models with version, base size, date and summary; layers with the fields of their records and the bytes of weights
+/// as float32; the kernels of each back end. As text or as JSON.
+void Describe(std::string const& path, talvo::runtime::TLNModel const& package, bool as_json, std::ostream& out);
 
 }  // namespace run_package

@@ -33,4 +33,9 @@ std::string LayoutName(unsigned int number) {
   return "layout " + std::to_string(number);
 }
 
+std::string TypeName(unsigned int number) {
+  constexpr char const* kNames[] = {"float32", "float16", "int32", "int16", "int8", "uint32", "uint16", "uint8"};
+  return kNames[number];
+}
+
 }  // namespace run_package

@@ -2,15 +2,20 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <new>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "talvo/entry/model.h"
+#include "talvo/utility/half.h"
 #include "tools/run_package/layouts.h"
 
 namespace run_package {
@@ -99,10 +104,75 @@ std::string ReadHeader(std::string const& path, std::istream& stream) {
   return header;
 }
 
-unsigned int DataTypeOf(std::string const& path, std::string_view descr) {
-  if (descr.compare(0, 5, "'<f4'") == 0) return TensorShape::FLOAT32;
-  if (descr.compare(0, 5, "'|u1'") == 0) return TensorShape::UINT8;
-  Refuse(path, "holds " + Shown(descr.substr(0, descr.find(','))) + "; float32 ('<f4') and uint8 ('|u1') are read");
+// How an array lies in its file.
+struct Form {
+  std::string name;  // of the type, as notes and refusals call it
+  std::size_t bytes;
+  bool swapped, fortran;
+
+  bool IsFloat() const { return name != "uint8"; }
+  bool IsKept() const { return !swapped && !fortran && (name == "float32" || name == "uint8"); }
+};
+
+Form FormOf(std::string const& path, std::string_view header) {
+  std::string_view const descr = ValueOf(path, header, "descr"), order = ValueOf(path, header, "fortran_order");
+  bool const fortran = order.compare(0, 4, "True") == 0;
+  for (auto const& [type, name, bytes] :
+       {std::tuple("f2'", "float16", 2), {"f4'", "float32", 4}, {"f8'", "float64", 8}, {"u1'", "uint8", 1}}) {
+    if (descr.size() > 2 && descr[0] == '\'' && descr.compare(2, 3, type) == 0)
+      return {name, static_cast<std::size_t>(bytes), descr[1] == '>' && bytes > 1, fortran};
+  }
+  Refuse(path, "holds " + Shown(descr.substr(0, descr.find(','))) + "; float16, float32, float64 and uint8 are read");
+}
+
+template <typename T>
+T Stored(char const* bytes) {
+  T value;
+  std::memcpy(&value, bytes, sizeof value);
+  return value;
+}
+
+float AsFloat(char const* bytes, std::size_t size) {
+  if (size == 2) return static_cast<float>(Stored<half_float::half>(bytes));
+  if (size == 4) return Stored<float>(bytes);
+  auto const value = Stored<double>(bytes);
+  constexpr double kLargest = std::numeric_limits<float>::max();
+  constexpr float kInfinity = std::numeric_limits<float>::infinity();
+  return value > kLargest ? kInfinity : value < -kLargest ? -kInfinity : static_cast<float>(value);
+}
+
+// Moves on to the place behind `index` in C order, whose last axis runs fastest.
+void Step(std::vector<std::size_t>& index, std::vector<unsigned int> const& dims) {
+  for (std::size_t axis = dims.size(); axis-- > 0 && ++index[axis] == dims[axis];) index[axis] = 0;
+}
+
+// The data of a file as little-endian float32 or uint8 in C order.
+std::string Converted(std::string data, Form const& form, std::vector<unsigned int> const& dims) {
+  std::size_t const count = data.size() / form.bytes;
+  if (form.swapped) {
+    for (auto at = data.begin(); at != data.end(); at += static_cast<std::ptrdiff_t>(form.bytes))
+      std::reverse(at, at + static_cast<std::ptrdiff_t>(form.bytes));
+  }
+  std::string result(count * (form.IsFloat() ? sizeof(float) : 1), '\0');
+  std::vector<std::size_t> index(dims.size());
+  for (std::size_t i = 0; i < count; ++i, Step(index, dims)) {
+    std::size_t from = 0;
+    for (std::size_t axis = dims.size(); form.fortran && axis-- > 0;) from = from * dims[axis] + index[axis];
+    char const* const bytes = data.data() + (form.fortran ? from : i) * form.bytes;
+    if (form.IsFloat()) {
+      float const value = AsFloat(bytes, form.bytes);
+      std::memcpy(&result[i * sizeof value], &value, sizeof value);
+    } else {
+      result[i] = *bytes;
+    }
+  }
+  return result;
+}
+
+std::string NoteOf(Form const& form) {
+  if (form.IsKept()) return "";
+  return "holds " + form.name + (form.swapped ? ", big-endian" : "") + (form.fortran ? ", in Fortran order" : "") +
+         "; converted to " + (form.IsFloat() ? "float32" : "uint8") + " in C order";
 }
 
 // Bytes of the data, as a tensor counts them.
@@ -115,30 +185,31 @@ std::size_t BytesOf(std::string const& path, TensorShape const& shape) {
 }
 
 std::shared_ptr<talvo::runtime::TensorCPU> ReadTensor(std::string const& path, std::string const& layout,
-                                                      talvo::runtime::DeviceCPU& device) {
+                                                      talvo::runtime::DeviceCPU& device, std::string* note) {
   std::ifstream stream = Open(path);
   std::string const header = ReadHeader(path, stream);
-  if (ValueOf(path, header, "fortran_order").compare(0, 5, "False") != 0)
-    Refuse(path, "is in Fortran order; C order is read");
+  Form const form = FormOf(path, header);
   std::vector<unsigned int> const dims = ParseShape(path, ValueOf(path, header, "shape"));
   unsigned int const axes = layout.empty() ? talvo::LayoutOfRank(dims.size()) : LayoutNumber(layout).value();
-  TensorShape const shape(dims, DataTypeOf(path, ValueOf(path, header, "descr")), axes, TensorShape::MainMemory,
-                          TensorShape::Extra());
-  std::size_t const bytes = BytesOf(path, shape);
-  std::string const data = Read(stream, bytes + 1);
+  unsigned int const type = form.IsFloat() ? TensorShape::FLOAT32 : TensorShape::UINT8;
+  TensorShape const shape(dims, type, axes, TensorShape::MainMemory, TensorShape::Extra());
+  std::size_t const bytes = BytesOf(path, shape) / talvo::runtime::ElementSize(type) * form.bytes;
+  std::string data = Read(stream, bytes + 1);
   if (data.size() != bytes) {
     Refuse(path, "holds " + (data.size() > bytes ? "more than " + std::to_string(bytes) : std::to_string(data.size())) +
                      " bytes of data, its shape " + Shown(DimsText(dims)) + " needs " + std::to_string(bytes));
   }
+  if (!form.IsKept()) data = Converted(std::move(data), form, dims);
+  if (note != nullptr) *note = NoteOf(form);
   return device.CreateTensor(shape, data.data());
 }
 
 }  // namespace
 
 std::shared_ptr<talvo::runtime::TensorCPU> ReadNpy(std::string const& path, std::string const& layout,
-                                                   talvo::runtime::DeviceCPU& device) {
+                                                   talvo::runtime::DeviceCPU& device, std::string* note) {
   try {
-    return ReadTensor(path, layout, device);
+    return ReadTensor(path, layout, device, note);
   } catch (std::bad_alloc const&) {
     Refuse(path, "there is not enough memory for its data");
   }

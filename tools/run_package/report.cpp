@@ -1,129 +1,118 @@
 #include "tools/run_package/report.h"
 
-#include <algorithm>
-#include <cmath>
-#include <cstdint>
-#include <filesystem>
 #include <iomanip>
-#include <limits>
 #include <ostream>
-#include <set>
-#include <stdexcept>
-#include <system_error>
+#include <sstream>
 
-#include "talvo/utility/half.h"
-#include "tools/run_package/layouts.h"
-#include "tools/run_package/npy.h"
+#include "talvo/runtime/tensor.h"
 
 namespace run_package {
 namespace {
 
-using talvo::runtime::Tensor;
-using talvo::runtime::TensorShape;
+using talvo::runtime::DimsText;
 
-template <typename T>
-double At(void const* data, std::size_t i) {
-  return static_cast<double>(static_cast<T const*>(data)[i]);
-}
-
-double Element(Tensor const& tensor, std::size_t i) {
-  switch (tensor.shape.data_type) {
-    case TensorShape::FLOAT32:
-      return At<float>(tensor.data, i);
-    case TensorShape::FLOAT16:
-      return static_cast<double>(static_cast<float>(static_cast<half_float::half const*>(tensor.data)[i]));
-    case TensorShape::INT32:
-      return At<std::int32_t>(tensor.data, i);
-    case TensorShape::INT16:
-      return At<std::int16_t>(tensor.data, i);
-    case TensorShape::INT8:
-      return At<std::int8_t>(tensor.data, i);
-    case TensorShape::UINT32:
-      return At<std::uint32_t>(tensor.data, i);
-    case TensorShape::UINT16:
-      return At<std::uint16_t>(tensor.data, i);
-    default:
-      return At<std::uint8_t>(tensor.data, i);
-  }
-}
-
-void PrintSummary(std::string const& id, Tensor const& tensor, std::ostream& out) {
-  std::size_t const count = talvo::runtime::ElementCount(tensor.shape.dims);
-  std::size_t numbers = 0;
-  double minimum = std::numeric_limits<double>::infinity(), maximum = -minimum, sum = 0;
-  for (std::size_t i = 0; i < count; ++i) {
-    double const value = Element(tensor, i);
-    if (std::isnan(value)) continue;
-    ++numbers;
-    minimum = std::min(minimum, value);
-    maximum = std::max(maximum, value);
-    sum += value;
-  }
-  out << id << ": " << talvo::runtime::DimsText(tensor.shape.dims) << " " << LayoutName(tensor.shape.layout);
-  if (numbers > 0)
-    out << ", minimum " << minimum << ", maximum " << maximum << ", mean " << sum / static_cast<double>(numbers);
-  if (numbers < count) out << ", not a number: " << count - numbers << " of " << count;
+void PrintTensor(TensorSummary const& tensor, std::ostream& out) {
+  out << tensor.id << ": " << DimsText(tensor.dims) << " " << tensor.layout << " " << tensor.type;
+  if (tensor.not_numbers < tensor.count)
+    out << ", minimum " << tensor.minimum << ", maximum " << tensor.maximum << ", mean " << tensor.mean;
+  if (tensor.not_numbers > 0) out << ", not a number: " << tensor.not_numbers << " of " << tensor.count;
   out << "\n";
-}
-
-void MakeFolder(std::string const& path) {
-  std::error_code problem;
-  std::filesystem::create_directories(path, problem);
-  if (!std::filesystem::is_directory(path, problem)) throw std::runtime_error(path + ": no folder can be made here");
-}
-
-// The file name of an output, one of its own: ids that differ in such characters alone get _2, _3 and so on.
-std::string FileName(std::string id, std::set<std::string>& taken) {
-  for (char& character : id) {
-    if (character == '/' || static_cast<unsigned char>(character) < ' ') character = '_';
+  if (!tensor.values.empty()) {
+    out << "  values";
+    for (double const value : tensor.values) out << " " << value;
+    out << "\n";
   }
-  std::string name = id;
-  for (unsigned int number = 2; !taken.insert(name).second; ++number) name = id + "_" + std::to_string(number);
-  return name + ".npy";
+  for (std::size_t i = 0; i < tensor.largest.size(); ++i) {
+    auto const& [place, value] = tensor.largest[i];
+    out << (i == 0 ? "  largest " : ", ") << value << " at " << place;
+  }
+  if (!tensor.largest.empty()) out << "\n";
 }
 
-std::string OutputDims(RunResult const& result, unsigned int layer) {
-  auto const found = result.outputs.find(layer);
-  return found == result.outputs.end() || found->second.empty()
-             ? "-"
-             : talvo::runtime::DimsText(found->second[0]->shape.dims);
+std::string Fixed(double number, int digits) {
+  std::ostringstream text;
+  text << std::fixed << std::setprecision(digits) << number;
+  return text.str();
 }
 
-float Median(std::vector<float> values) {
-  auto const middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-  std::nth_element(values.begin(), middle, values.end());
-  return *middle;
+void PrintLayers(std::vector<LayerSummary> const& layers, std::ostream& out) {
+  out << "   #  layer                     ms   minimum       95%  output            kernel\n";
+  for (std::size_t i = 0; i < layers.size(); ++i) {
+    LayerSummary const& layer = layers[i];
+    out << std::setw(4) << i << "  " << std::left << std::setw(18) << layer.id << std::right << std::setw(10)
+        << Fixed(layer.time.median_ms, 4) << std::setw(10) << Fixed(layer.time.minimum_ms, 4) << std::setw(10)
+        << Fixed(layer.time.percentile95_ms, 4) << "  " << std::left << std::setw(16)
+        << (layer.dims.empty() ? "-" : DimsText(layer.dims)) << "  " << std::right << layer.kernel << "\n";
+  }
+}
+
+void PutTime(char const* key, TimeSummary const& time, tools::Json& json) {
+  json.Object(key, [&] {
+    json.Put("first", time.first_ms);
+    json.Put("minimum", time.minimum_ms);
+    json.Put("median", time.median_ms);
+    json.Put("percentile_95", time.percentile95_ms);
+    json.Put("repeats", time.repeats);
+  });
+}
+
+void PutTensor(TensorSummary const& tensor, tools::Json& json) {
+  json.Put("id", tensor.id);
+  json.Put("dims", tensor.dims);
+  json.Put("strides", tensor.strides);
+  json.Put("layout", tensor.layout);
+  json.Put("type", tensor.type);
+  json.Put("minimum", tensor.minimum);
+  json.Put("maximum", tensor.maximum);
+  json.Put("mean", tensor.mean);
+  json.Put("not_numbers", tensor.not_numbers);
+  if (!tensor.values.empty()) json.Put("values", tensor.values);
+  if (!tensor.largest.empty()) {
+    json.Objects("largest", tensor.largest, [&](auto const& largest) {
+      json.Put("index", largest.first);
+      json.Put("value", largest.second);
+    });
+  }
+  if (!tensor.file.empty()) json.Put("file", tensor.file);
 }
 
 }  // namespace
 
-void ReportOutputs(Session const& session, RunResult const& result, std::string const& directory, std::ostream& out) {
-  if (!directory.empty()) MakeFolder(directory);
-  std::set<std::string> file_names;
-  std::set<unsigned int> reported;  // a model may name an output twice
-  for (unsigned int index : session.OutputIndices()) {
-    auto const found = result.outputs.find(index);
-    if (found == result.outputs.end() || !reported.insert(index).second) continue;
-    for (std::size_t i = 0; i < found->second.size(); ++i) {
-      std::string const id = session.Model().squential_ids[index] + (i == 0 ? "" : "." + std::to_string(i));
-      PrintSummary(id, *found->second[i], out);
-      if (!directory.empty()) WriteNpy(directory + "/" + FileName(id, file_names), *found->second[i]);
-    }
+void PrintRun(RunSummary const& run, std::ostream& out) {
+  for (TensorSummary const& output : run.outputs) PrintTensor(output, out);
+  out << "time: " << Fixed(run.time.median_ms, 3) << " ms";
+  if (run.time.repeats > 1) {
+    out << ", the median of " << run.time.repeats << "; first " << Fixed(run.time.first_ms, 3) << ", minimum "
+        << Fixed(run.time.minimum_ms, 3) << ", 95th percentile " << Fixed(run.time.percentile95_ms, 3);
   }
-  out << "time: " << std::fixed << std::setprecision(3) << result.time_ms << " ms\n"
-      << std::defaultfloat << std::setprecision(6);
+  out << "\n";
+  if (run.pool_bytes) out << "memory: the dynamic pool took " << *run.pool_bytes << " bytes\n";
+  if (!run.layers.empty()) PrintLayers(run.layers, out);
 }
 
-void ReportProfile(Session const& session, RunResult const& result, std::ostream& out) {
-  out << "   #  layer                     ms        output            kernel\n" << std::fixed << std::setprecision(4);
-  for (unsigned int layer = 0; layer < result.layer_times_ms[0].size(); ++layer) {
-    std::vector<float> times;
-    for (auto const& run : result.layer_times_ms) times.push_back(run[layer]);
-    out << std::setw(4) << layer << "  " << std::left << std::setw(24) << session.Model().squential_ids[layer]
-        << std::right << std::setw(10) << Median(std::move(times)) << "  " << std::left << std::setw(16)
-        << OutputDims(result, layer) << "  " << std::right << session.KernelName(layer) << "\n";
-  }
-  out << std::defaultfloat << std::setprecision(6);
+void PutRun(RunSummary const& run, tools::Json& json) {
+  json.Objects("outputs", run.outputs, [&](TensorSummary const& output) { PutTensor(output, json); });
+  PutTime("time_ms", run.time, json);
+  if (run.pool_bytes) json.Put("pool_bytes", *run.pool_bytes);
+  if (run.layers.empty()) return;
+  json.Objects("layers", run.layers, [&](LayerSummary const& layer) {
+    json.Put("id", layer.id);
+    json.Put("kernel", layer.kernel);
+    json.Put("dims", layer.dims);
+    PutTime("time_ms", layer.time, json);
+  });
+}
+
+void PrintProcess(ProcessSummary const& process, std::ostream& out) {
+  out << "loading: " << Fixed(process.load_ms, 3) << " ms; the process took "
+      << Fixed(static_cast<double>(process.peak_bytes) / (1 << 20), 1) << " MiB at most\n";
+}
+
+void PutProcess(ProcessSummary const& process, tools::Json& json) {
+  json.Put("package", process.package);
+  json.Put("model", process.model);
+  json.Put("load_ms", process.load_ms);
+  json.Put("process_peak_bytes", process.peak_bytes);
 }
 
 }  // namespace run_package

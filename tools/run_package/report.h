@@ -1,19 +1,29 @@
-// What run_package prints and writes after a run.
+// What run_package prints after its runs, as lines of text or as JSON.
 #pragma once
 
 #include <iosfwd>
 #include <string>
+#include <vector>
 
-#include "tools/run_package/session.h"
+#include "tools/common/json.h"
+#include "tools/run_package/summary.h"
 
 namespace run_package {
 
-/// Prints id, dims, layout, minimum, maximum and mean of each requested output, and the time; writes each to
-/// `directory` as LAYER.npy when that is not empty (further outputs of one layer as LAYER.1.npy and so on, and with _2,
-/// _3 ... behind it where ids would share a file).
-void ReportOutputs(Session const& session, RunResult const& result, std::string const& directory, std::ostream& out);
+/// Prints the outputs of a run, its times, what it took, and a table of its layers where they were asked for.
+void PrintRun(RunSummary const& run, std::ostream& out);
 
-/// Prints the layers that ran with kernel, output dims and median time over the repeats.
-void ReportProfile(Session const& session, RunResult const& result, std::ostream& out);
+/// Puts the members of a run into an object.
+void PutRun(RunSummary const& run, tools::Json& json);
+
+/// What holds for all runs together.
+struct ProcessSummary {
+  std::string package, model;
+  double load_ms;
+  unsigned long peak_bytes;  // of the process
+};
+
+void PrintProcess(ProcessSummary const& process, std::ostream& out);
+void PutProcess(ProcessSummary const& process, tools::Json& json);
 
 }  // namespace run_package

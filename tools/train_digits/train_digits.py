@@ -5,6 +5,7 @@ See README.md beside this file for the data, the command and the accuracy reache
 """
 
 import argparse
+import datetime
 import json
 import math
 import sys
@@ -15,7 +16,8 @@ import torch
 from torch import nn
 from torch.nn import functional
 
-from package_records import Model, extra_info, write_package
+sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "python"))
+from talvo.package import Net  # noqa: E402
 
 SEED = 20231
 HELD_OUT = 2000
@@ -122,21 +124,21 @@ def train(pictures, labels):
 
 def build_model(weights, sgemm):
     """The layers with their kernels: portable loops, or the matrix product where one fits."""
-    model = Model()
-    model.input("picture")
+    net = Net("digits")
+    last = net.input("picture")
     for name, _, _, size, stride, pooled in CONVOLUTIONS:
         weight, bias = (part.numpy() for part in weights[name])
         pointwise = sgemm and size == 1 and stride == 1
-        model.conv(name, POINTWISE_SGEMM_KERNEL if pointwise else DIRECT_KERNEL, weight, bias, stride, size // 2)
-        model.relu(name.replace("conv", "relu"))
+        last = net.conv2d(name, last, weight, bias, stride=stride, padding=size // 2,
+                          kernel=POINTWISE_SGEMM_KERNEL if pointwise else DIRECT_KERNEL)
+        last = net.activation(name.replace("conv", "relu"), last, "relu")
         if pooled:
-            model.max_pool(name.replace("conv", "pool"), 2)
-    model.mean_of_image("mean")
-    variant = "SGEMM" if sgemm else "Fallback"
-    model.full_connection("classes", f"FullConnection_{variant}_C_Float_M1",
-                          *(part.numpy() for part in weights["classes"]))
-    model.softmax("probabilities")
-    return model
+            last = net.max_pool2d(name.replace("conv", "pool"), last, 2)
+    last = net.mean("mean", last, (1, 2))
+    last = net.full_connection("classes", last, *(part.numpy() for part in weights["classes"]),
+                               kernel=f"FullConnection_{'SGEMM' if sgemm else 'Fallback'}_C_Float_M1")
+    net.softmax("probabilities", last)
+    return net
 
 
 def multiplications(weights):
@@ -151,11 +153,10 @@ def multiplications(weights):
 
 def write_packages(folder, weights, suffixes):
     for stem, sgemm in (("digits", False), ("digits_sgemm", True)):
-        facts = extra_info(28, 28, multiplications(weights), "handwritten digits, 28 x 28 gray in 0..1, to 10 classes",
-                           (2026, 11, 21))
-        package = build_model(weights, sgemm).package("digits", facts, ("cpu_sse", "cpu_armv8"))
         for suffix in suffixes:
-            write_package(folder / f"{stem}{suffix}", package)
+            build_model(weights, sgemm).save(folder / f"{stem}{suffix}", base_size=(28, 28),
+                                             multiplications=multiplications(weights), date=datetime.date(2026, 11, 21),
+                                             summary="handwritten digits, 28 x 28 gray in 0..1, to 10 classes")
 
 
 def write_pictures(folder, pictures, labels):

@@ -4,8 +4,6 @@
 #include <cctype>
 #include <filesystem>
 
-#include "tools/common/program.h"
-
 namespace upgrade_model {
 namespace {
 
@@ -36,9 +34,15 @@ void CheckPaths(Arguments& arguments) {
 
 }  // namespace
 
-char const* const kUsage =
+tools::Usage const kUsage = {
     "usage: upgrade_model IN OUT.tlnmodel (--config CFG.json | --default-config)\n"
-    "                     [--sdk-type WORD] [--sdk-version MAJOR.MINOR] [--model-id ID]";
+    "                     [--sdk-type WORD] [--sdk-version MAJOR.MINOR] [--model-id ID]\n"
+    "       upgrade_model --help | --version",
+    "  --config CFG.json      the kernel of each layer\n"
+    "  --default-config       the portable kernel of each layer\n"
+    "  --sdk-type WORD        the kind of application that the package is for, x86 if not given\n"
+    "  --sdk-version M.N      its version, 1.0 if not given\n"
+    "  --model-id ID          of the model in the package, the name of the file IN if not given"};
 
 Arguments ParseArguments(int count, char const* const* words) {
   using Word = std::string const&;

@@ -3,6 +3,8 @@
 
 #include <string>
 
+#include "tools/common/program.h"
+
 namespace upgrade_model {
 
 struct Arguments {
@@ -13,7 +15,7 @@ struct Arguments {
   std::string model_id;
 };
 
-extern char const* const kUsage;
+extern tools::Usage const kUsage;
 
 /// Throws tools::UsageError.
 Arguments ParseArguments(int count, char const* const* words);

@@ -9,6 +9,12 @@
 
 namespace talvo::kernel::functional {
 
+void fullconnection_fallback_c_f32_m1(const float* in, const unsigned int& in_count, const unsigned int& out_count,
+                                      const float* weight, const float* bias, float* out) {
+  rows::MatrixVector(weight, in, bias, out_count, in_count, out);
+}
+
+#if TALVO_WITH_BLAS
 void fullconnection_sgemm_c_f32_m1(const float* in, const unsigned int& in_count, const unsigned int& out_count,
                                    const float* weight, const float* bias, float* out) {
   if (in_count > INT_MAX || out_count > INT_MAX) {
@@ -22,10 +28,6 @@ void fullconnection_sgemm_c_f32_m1(const float* in, const unsigned int& in_count
   }
   Sgemm(static_cast<int>(out_count), static_cast<int>(in_count), 1, 1.0f, weight, in, 1.0f, out);
 }
-
-void fullconnection_fallback_c_f32_m1(const float* in, const unsigned int& in_count, const unsigned int& out_count,
-                                      const float* weight, const float* bias, float* out) {
-  rows::MatrixVector(weight, in, bias, out_count, in_count, out);
-}
+#endif
 
 }  // namespace talvo::kernel::functional

@@ -6,7 +6,6 @@ namespace talvo::kernel::functional {
 namespace {
 
 using recurrent::Form;
-using recurrent::kBlas;
 using recurrent::kGru;
 using recurrent::kLstm;
 using recurrent::kOrdered;
@@ -35,14 +34,6 @@ Tensor RNNCell_Fallback_C_F32_M1(Tensors const& inputs, Number const& in_size, N
              bias_ih, bias_hh, device)[0];
 }
 
-Tensor RNNCell_SGEMM_C_F32_M1(Tensors const& inputs, Number const& in_size, Number const& hidden_size,
-                              Number const& if_bias, Number const& activation_type, Tensor const& weight_ih,
-                              Tensor const& weight_hh, Tensor const& bias_ih, Tensor const& bias_hh,
-                              Device const& device) {
-  return Run({__func__, kRnn, kBlas}, inputs, in_size, hidden_size, if_bias, activation_type, weight_ih, weight_hh,
-             bias_ih, bias_hh, device)[0];
-}
-
 Tensor RNNCell_ARM_C_F32_M1(Tensors const& inputs, Number const& in_size, Number const& hidden_size,
                             Number const& if_bias, Number const& activation_type, Tensor const& weight_ih,
                             Tensor const& weight_hh, Tensor const& bias_ih, Tensor const& bias_hh,
@@ -55,13 +46,6 @@ Tensors LSTMCell_Fallback_C_F32_M1(Tensors const& inputs, Number const& in_size,
                                    Number const& if_bias, Tensor const& weight_ih, Tensor const& weight_hh,
                                    Tensor const& bias_ih, Tensor const& bias_hh, Device const& device) {
   return Run({__func__, kLstm, kOrdered}, inputs, in_size, hidden_size, if_bias, kTanh, weight_ih, weight_hh, bias_ih,
-             bias_hh, device);
-}
-
-Tensors LSTMCell_SGEMM_C_F32_M1(Tensors const& inputs, Number const& in_size, Number const& hidden_size,
-                                Number const& if_bias, Tensor const& weight_ih, Tensor const& weight_hh,
-                                Tensor const& bias_ih, Tensor const& bias_hh, Device const& device) {
-  return Run({__func__, kLstm, kBlas}, inputs, in_size, hidden_size, if_bias, kTanh, weight_ih, weight_hh, bias_ih,
              bias_hh, device);
 }
 
@@ -79,18 +63,35 @@ Tensor GRUCell_Fallback_C_F32_M1(Tensors const& inputs, Number const& in_size, N
              bias_hh, device)[0];
 }
 
-Tensor GRUCell_SGEMM_C_F32_M1(Tensors const& inputs, Number const& in_size, Number const& hidden_size,
-                              Number const& if_bias, Tensor const& weight_ih, Tensor const& weight_hh,
-                              Tensor const& bias_ih, Tensor const& bias_hh, Device const& device) {
-  return Run({__func__, kGru, kBlas}, inputs, in_size, hidden_size, if_bias, kTanh, weight_ih, weight_hh, bias_ih,
-             bias_hh, device)[0];
-}
-
 Tensor GRUCell_ARM_C_F32_M1(Tensors const& inputs, Number const& in_size, Number const& hidden_size,
                             Number const& if_bias, Tensor const& weight_ih, Tensor const& weight_hh,
                             Tensor const& bias_ih, Tensor const& bias_hh, Device const& device) {
   return Run({__func__, kGru, kOrdered}, inputs, in_size, hidden_size, if_bias, kTanh, weight_ih, weight_hh, bias_ih,
              bias_hh, device)[0];
 }
+
+#if TALVO_WITH_BLAS
+Tensor RNNCell_SGEMM_C_F32_M1(Tensors const& inputs, Number const& in_size, Number const& hidden_size,
+                              Number const& if_bias, Number const& activation_type, Tensor const& weight_ih,
+                              Tensor const& weight_hh, Tensor const& bias_ih, Tensor const& bias_hh,
+                              Device const& device) {
+  return Run({__func__, kRnn, recurrent::kBlas}, inputs, in_size, hidden_size, if_bias, activation_type, weight_ih,
+             weight_hh, bias_ih, bias_hh, device)[0];
+}
+
+Tensors LSTMCell_SGEMM_C_F32_M1(Tensors const& inputs, Number const& in_size, Number const& hidden_size,
+                                Number const& if_bias, Tensor const& weight_ih, Tensor const& weight_hh,
+                                Tensor const& bias_ih, Tensor const& bias_hh, Device const& device) {
+  return Run({__func__, kLstm, recurrent::kBlas}, inputs, in_size, hidden_size, if_bias, kTanh, weight_ih, weight_hh,
+             bias_ih, bias_hh, device);
+}
+
+Tensor GRUCell_SGEMM_C_F32_M1(Tensors const& inputs, Number const& in_size, Number const& hidden_size,
+                              Number const& if_bias, Tensor const& weight_ih, Tensor const& weight_hh,
+                              Tensor const& bias_ih, Tensor const& bias_hh, Device const& device) {
+  return Run({__func__, kGru, recurrent::kBlas}, inputs, in_size, hidden_size, if_bias, kTanh, weight_ih, weight_hh,
+             bias_ih, bias_hh, device)[0];
+}
+#endif
 
 }  // namespace talvo::kernel::functional

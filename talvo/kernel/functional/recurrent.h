@@ -8,6 +8,7 @@
 #include "talvo/runtime/device_cpu.h"
 #include "talvo/runtime/tensor_cpu.h"
 #include "talvo/utility/export.h"
+#include "talvo/utility/features.h"
 
 namespace talvo::kernel::functional {
 
@@ -38,8 +39,13 @@ using RnnCell = std::shared_ptr<runtime::TensorCPU>(const std::vector<std::share
                                                     const std::shared_ptr<runtime::TensorCPU>& bias_hh,
                                                     const std::shared_ptr<runtime::DeviceCPU>& device);
 
-TALVO_API RnnCell RNNCell_Fallback_C_F32_M1, RNNCell_SGEMM_C_F32_M1, RNNCell_ARM_C_F32_M1;
-TALVO_API LstmCell LSTMCell_Fallback_C_F32_M1, LSTMCell_SGEMM_C_F32_M1, LSTMCell_ARM_C_F32_M1;
-TALVO_API GruCell GRUCell_Fallback_C_F32_M1, GRUCell_SGEMM_C_F32_M1, GRUCell_ARM_C_F32_M1;
+TALVO_API RnnCell RNNCell_Fallback_C_F32_M1, RNNCell_ARM_C_F32_M1;
+TALVO_API LstmCell LSTMCell_Fallback_C_F32_M1, LSTMCell_ARM_C_F32_M1;
+TALVO_API GruCell GRUCell_Fallback_C_F32_M1, GRUCell_ARM_C_F32_M1;
+#if TALVO_WITH_BLAS
+TALVO_API RnnCell RNNCell_SGEMM_C_F32_M1;
+TALVO_API LstmCell LSTMCell_SGEMM_C_F32_M1;
+TALVO_API GruCell GRUCell_SGEMM_C_F32_M1;
+#endif
 
 }  // namespace talvo::kernel::functional

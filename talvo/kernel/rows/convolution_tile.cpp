@@ -223,6 +223,15 @@ struct Plane3x3 {
     Load<kLanes>(input + run.taps[2], row.x[2]);
   }
 
+  static TALVO_ROWS_INLINE void LoadWeights(float const* from, Weight (&weights)[9]) {
+    if constexpr (Step::kFused) {
+      TALVO_ROWS_UNROLL
+      for (std::size_t k = 0; k < 9; ++k) Splat<kLanes>(from[k], weights[k]);
+    } else {
+      std::copy_n(from, 9, weights);
+    }
+  }
+
   // sum = before + the products of kernel row ky; for the first one without `before`, or from `start` on.
   static TALVO_ROWS_INLINE void Begin(V const& start, Row const& row, Weight const (&weights)[9], V& sum) {
     if constexpr (Step::kFused) {
@@ -244,13 +253,7 @@ struct Plane3x3 {
   static TALVO_ROWS_INLINE void RunChannel(PlaneRun const& run, std::size_t c, std::size_t x) {
     V start, one, two, sum;  // one, two: the sums of output rows that lack the last two, the last kernel row
     Weight weights[9];
-    float const* const first = run.weights + 9 * c;
-    if constexpr (Step::kFused) {
-      TALVO_ROWS_UNROLL
-      for (std::size_t k = 0; k < 9; ++k) Splat<kLanes>(first[k], weights[k]);
-    } else {
-      std::copy_n(first, 9, weights);
-    }
+    LoadWeights(run.weights + 9 * c, weights);
     Splat<kLanes>(Step::Start(run.start), start);
     float const* input = run.input + c * run.input_plane + x;
     float* to = run.results + x;
@@ -264,7 +267,6 @@ struct Plane3x3 {
       LoadRow(run, input += run.kernel_row, row);
     }
     for (std::size_t y = 0; y < run.rows; ++y, to += run.columns) {
-      std::size_t const step = y + 1 < run.rows ? run.kernel_row : 0;
       if (kStride == 2) {
         Continue(one, row, weights, 1, two);
         LoadRow(run, input += run.kernel_row, row);
@@ -275,7 +277,7 @@ struct Plane3x3 {
       V before = start;
       if (c > 0) Load<kLanes>(to, before);
       // The next row before the store: g++ would load it anew for each use if it came after.
-      LoadRow(run, input += step, row);
+      LoadRow(run, input += y + 1 < run.rows ? run.kernel_row : 0, row);
       Store<kLanes>(Step::kFused ? sum : before + sum, to);
     }
   }

@@ -36,6 +36,14 @@ struct LocatePixelsBody {
 };
 
 struct LocateSumsBody {
+  static TALVO_ROWS_INLINE std::int32_t TapsInside(std::int32_t ix, std::int32_t iy, PlaneExtents const& plane) {
+    std::int32_t const left = ((0 < ix) & (ix < plane.width)) ? kT00 | kT01 : 0;
+    std::int32_t const right = ((0 <= ix) & (ix < plane.width - 1)) ? kT10 | kT11 : 0;
+    std::int32_t const upper = ((0 < iy) & (iy < plane.height)) ? kT00 | kT10 : 0;
+    std::int32_t const lower = ((0 <= iy) & (iy < plane.height - 1)) ? kT01 | kT11 : 0;
+    return (left | right) & (upper | lower);
+  }
+
   template <class Set>
   static TALVO_ROWS_INLINE void Run(AxisSums const& sums, std::size_t count, PlaneExtents const plane,
                                     Samples const& samples) {
@@ -56,12 +64,7 @@ struct LocateSumsBody {
       inside[i] = Truncated(fy[i]);
     }
     for (std::size_t i = 0; i < count; ++i) {
-      std::int32_t const ix = index[i], iy = inside[i];
-      std::int32_t const left = ((0 < ix) & (ix < plane.width)) ? kT00 | kT01 : 0;
-      std::int32_t const right = ((0 <= ix) & (ix < plane.width - 1)) ? kT10 | kT11 : 0;
-      std::int32_t const upper = ((0 < iy) & (iy < plane.height)) ? kT00 | kT10 : 0;
-      std::int32_t const lower = ((0 <= iy) & (iy < plane.height - 1)) ? kT01 | kT11 : 0;
-      std::int32_t const bits = (left | right) & (upper | lower);
+      std::int32_t const ix = index[i], iy = inside[i], bits = TapsInside(ix, iy, plane);
       float const du = fx[i] - static_cast<float>(ix), dv = fy[i] - static_cast<float>(iy);
       bool const any = bits != 0;
       inside[i] = bits;

@@ -21,14 +21,13 @@ TALVO_ROWS_INLINE Transposition Part(Transposition const& all, std::size_t eleme
           all.to + Signed(column) * all.to_row + Signed(row) * all.to_step, all.to_row,   all.to_step};
 }
 
-// `bytes` is a std::size_t, or a std::integral_constant for a copy without a call.
-template <class Size>
-TALVO_ROWS_INLINE void MoveOneByOne(Transposition const& t, Size bytes) {
+template <std::size_t kSize>
+TALVO_ROWS_INLINE void MoveOneByOne(Transposition const& t) {
   Byte const* TALVO_RESTRICT const from = t.from;
   Byte* TALVO_RESTRICT const to = t.to;
   for (std::size_t c = 0; c < t.columns; ++c) {
     for (std::size_t r = 0; r < t.rows; ++r) {
-      std::memcpy(to + Signed(c) * t.to_row + Signed(r) * t.to_step, from + Signed(r) * t.from_row + c * bytes, bytes);
+      std::memcpy(to + Signed(c) * t.to_row + Signed(r) * t.to_step, from + Signed(r) * t.from_row + c * kSize, kSize);
     }
   }
 }
@@ -36,9 +35,8 @@ TALVO_ROWS_INLINE void MoveOneByOne(Transposition const& t, Size bytes) {
 // What whole squares leave of a tile: the columns on the right, the rows below.
 template <std::size_t kSize>
 TALVO_ROWS_INLINE void MoveRest(Transposition const& tile, std::size_t whole_rows, std::size_t whole_columns) {
-  constexpr std::integral_constant<std::size_t, kSize> kBytes{};
-  MoveOneByOne(Part(tile, kSize, 0, whole_rows, whole_columns, tile.columns - whole_columns), kBytes);
-  MoveOneByOne(Part(tile, kSize, whole_rows, tile.rows - whole_rows, 0, tile.columns), kBytes);
+  MoveOneByOne<kSize>(Part(tile, kSize, 0, whole_rows, whole_columns, tile.columns - whole_columns));
+  MoveOneByOne<kSize>(Part(tile, kSize, whole_rows, tile.rows - whole_rows, 0, tile.columns));
 }
 
 // The row where a block of `rows` from `row` on begins, and the step to the next. With a negative step the rows are
@@ -215,12 +213,13 @@ struct Quadruples {
 template <class Visit>
 TALVO_ROWS_INLINE void ForEachTile(Transposition const& all, std::size_t element_bytes, Visit const& visit) {
   constexpr std::size_t kTile = 64;
+  std::size_t const tile_rows = element_bytes == 1 ? 2 * kTile : kTile;  // whole lines of results for bytes too
   for (std::size_t p = 0; p < all.planes; ++p) {
     Byte const* const from = all.from + Signed(p) * all.from_plane;
     Byte* const to = all.to + Signed(p) * all.to_plane;
-    for (std::size_t r = 0; r < all.rows; r += kTile) {
+    for (std::size_t r = 0; r < all.rows; r += tile_rows) {
       for (std::size_t c = 0; c < all.columns; c += kTile) {
-        std::size_t const rows = all.rows - r < kTile ? all.rows - r : kTile;
+        std::size_t const rows = all.rows - r < tile_rows ? all.rows - r : tile_rows;
         std::size_t const columns = all.columns - c < kTile ? all.columns - c : kTile;
         visit(Part({from, all.from_row, all.rows, all.columns, to, all.to_row, all.to_step}, element_bytes, r, rows, c,
                    columns));
@@ -242,9 +241,32 @@ struct TransposeBody {
   };
 };
 
+// Elements of a few vectors are copied in vectors: a call for each would cost as much as the copy.
+void CopyElement(Byte const* from, std::size_t bytes, Byte* to) {
+  if (bytes < kLaneBytes || bytes > 16 * kLaneBytes) {
+    std::memcpy(to, from, bytes);
+    return;
+  }
+  Bytes<1> lane;
+  for (std::size_t i = 0; i < bytes; i += kLaneBytes) {
+    std::size_t const begin = i + kLaneBytes <= bytes ? i : bytes - kLaneBytes;  // the last may overlap the one before
+    std::memcpy(&lane, from + begin, sizeof(lane));
+    std::memcpy(to + begin, &lane, sizeof(lane));
+  }
+}
+
 struct SingleElements {
   std::size_t bytes;
-  void operator()(Transposition const& tile) const { MoveOneByOne(tile, bytes); }
+
+  void operator()(Transposition const& tile) const {
+    for (std::size_t c = 0; c < tile.columns; ++c) {
+      Byte const* from = tile.from + c * bytes;
+      Byte* to = tile.to + Signed(c) * tile.to_row;
+      for (std::size_t r = 0; r < tile.rows; ++r, from += tile.from_row, to += tile.to_step) {
+        CopyElement(from, bytes, to);
+      }
+    }
+  }
 };
 
 Primitive<void(Transposition const&)> const Transpose1{TransposeBody<Squares<std::uint8_t>, 1>()};
