@@ -369,6 +369,38 @@ void PlainFreeWarp(float const* m, float const* in, float* out) {
   });
 }
 
+// A frame to a network's input, beside the resize of such a picture alone with one read of the rows that it touches.
+void RegisterCameraFrames() {
+  constexpr unsigned int kInput = 224;
+  auto const nv21 = Make({kH * 3 / 2, kW, 1}, TensorShape::HWC), pixels = Make({kH, kW, 3}, TensorShape::FLEXIABLE);
+  auto const small = Make({kInput, kInput, 3}, TensorShape::FLEXIABLE);
+  talvo::FrameTarget target;
+  target.width = target.height = kInput;
+  std::shared_ptr<talvo::runtime::Context> context;
+  talvo::utility::create_context(context, 64);
+  for (unsigned int turn : {0u, 90u}) {
+    target.turn = turn;
+    std::string const name = "CameraFrame/NV21_1080p_to_224_turned_" + std::to_string(turn);
+    benchmark::RegisterBenchmark((name + "/talvo").c_str(), [=](benchmark::State& state) {
+      auto const frame =
+          talvo::Frame::Packed(talvo::FrameFormat::kNV21, kW, kH, nv21->data, talvo::runtime::ByteCount(nv21->shape));
+      Measure(state, small, [&] { benchmark::DoNotOptimize(talvo::TensorFromFrame(frame, target, context)); });
+    });
+  }
+  benchmark::RegisterBenchmark("CameraFrame/NV21_1080p_to_224/resize_and_read", [=](benchmark::State& state) {
+    Image from = pixels, to = small;
+    std::vector<unsigned char> row(kW);
+    Measure(state, small, [&] {
+      process.Resize_Bilinear_C3(from, to, nullptr);
+      for (std::size_t y = 0; y < kInput * 3;
+           ++y) {  // two rows of luminance and one of chrominance for each output row
+        std::memcpy(row.data(), Bytes(nv21) + y * kH * 3 / 2 / (kInput * 3) * kW, kW);
+        benchmark::DoNotOptimize(row.data());
+      }
+    });
+  });
+}
+
 void RegisterWarps() {
   static float const m[] = {0.9f, -0.3f, 90.0f, 0.3f, 0.9f, -30.0f};
   static float const normalised[] = {0.9f, -0.3f, 0.05f, 0.3f, 0.9f, -0.02f};
@@ -398,6 +430,7 @@ int main(int count, char** arguments) {
   RegisterTurns();
   RegisterResizes();
   RegisterNormalisations();
+  RegisterCameraFrames();
   RegisterWarps();
   benchmark::RunSpecifiedBenchmarks();
 }

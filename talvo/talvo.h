@@ -81,6 +81,7 @@
 #if TALVO_WITH_IMAGE
 #include "talvo/image/color.h"
 #include "talvo/image/crop.h"
+#include "talvo/image/frame.h"
 #include "talvo/image/image_process.h"
 #include "talvo/image/image_process_fallback.h"
 #include "talvo/image/normalise.h"

@@ -1,4 +1,4 @@
-// From a camera frame to the network's input, by the library's image operations.
+// From a camera frame to the network's input.
 #pragma once
 
 #include <memory>
@@ -12,8 +12,9 @@ namespace read_digits {
 
 constexpr unsigned int kSide = 28;  // the network's input: one channel of 28 by 28, 0 paper and 1 ink
 
-/// Converts, turns upright, crops to the ink in the box, resizes so that the ink's longer side takes 20 pixels in the
-/// middle, and normalises. Throws std::runtime_error with the path: a box outside the frame, or one without ink.
+/// Finds the ink in the box of the upright picture and takes the square around it, resized so that the ink's longer
+/// side takes 20 pixels in the middle; normalises. Throws std::runtime_error with the path: a box outside the frame, or
+/// one without ink.
 std::shared_ptr<talvo::runtime::TensorCPU> PrepareInput(std::string const& path, Frame const& frame, View const& view,
                                                         std::shared_ptr<talvo::runtime::Context> const& context);
 

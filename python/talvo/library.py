@@ -54,7 +54,7 @@ def library() -> ctypes.CDLL:
     try:
         library = ctypes.CDLL(name)
     except OSError as error:
-        raise TalvoError(f"{name}: {error}; install the library, or name it in TALVO_LIBRARY") from error
+        raise TalvoError(f"{error}; install the library, or name it in TALVO_LIBRARY") from error
     handle, tensors, size = ctypes.c_void_p, ctypes.POINTER(Tensor), ctypes.c_size_t
     for function, arguments in {
         "talvo_model_open": [ctypes.c_char_p, ctypes.POINTER(Options), ctypes.POINTER(handle)],

@@ -6,9 +6,9 @@
 #include <iterator>
 #include <memory>
 #include <optional>
+#include <set>
 #include <stdexcept>
-#include <unordered_map>
-#include <unordered_set>
+#include <string_view>
 #include <utility>
 
 #include "talvo/entry/model_parts_support.h"
@@ -204,7 +204,7 @@ class Checker {
   }
 
   void CheckReaders(TLModelInfo const& model) {
-    std::unordered_set<std::string> read(model.squential_output_ids.begin(), model.squential_output_ids.end());
+    std::set<std::string_view> read(model.squential_output_ids.begin(), model.squential_output_ids.end());
     for (std::string const& id : model.squential_ids) {
       auto const& inputs = model.layers.at(id)->input_ids;
       read.insert(inputs.begin(), inputs.end());

@@ -3,8 +3,9 @@
 #include <algorithm>
 #include <map>
 #include <new>
+#include <set>
 #include <stdexcept>
-#include <unordered_set>
+#include <string_view>
 #include <utility>
 
 #include "talvo/entry/create_context.h"
@@ -72,16 +73,26 @@ std::string Sentence(ModelFinding const& finding) {
   return (finding.layer.empty() ? "" : "layer " + finding.layer + " ") + finding.text;
 }
 
+// `text` with the nearest names behind it, for the first findings alone; the others end at its semicolon. A file may
+// hold thousands, and the nearest of each are sought among all names.
+std::string WithNearest(std::string const& text, std::string const& name, std::vector<std::string> const& candidates,
+                        std::size_t findings_before) {
+  constexpr std::size_t kSought = 4;
+  if (findings_before >= kSought) return text.substr(0, text.find(';'));
+  return text + Listed(NearestNames(name, candidates));
+}
+
 // The walk itself takes layer 0 for an id that no layer has: a slip of the pen would run.
 std::vector<ModelFinding> UnknownIds(TLModelInfo const& model) {
   auto const& ids = model.squential_ids;
-  std::unordered_set<std::string> const known(ids.begin(), ids.end());
+  std::set<std::string_view> const known(ids.begin(),
+                                         ids.end());  // a hash table of ids is one that a file can make slow
   std::vector<ModelFinding> unknown;
   auto const check = [&](std::string const& wanted, std::string const& layer, char const* does) {
     if (known.count(wanted) != 0) return;
-    unknown.push_back(
-        {true, layer,
-         does + (" \"" + wanted) + "\", which no layer is called; nearest: " + Listed(NearestNames(wanted, ids))});
+    unknown.push_back({true, layer,
+                       does + (" \"" + wanted) +
+                           WithNearest("\", which no layer is called; nearest: ", wanted, ids, unknown.size())});
   };
   for (std::string const& output : model.squential_output_ids) check(output, "", "the model gives out");
   for (std::string const& layer : ids) {
@@ -98,9 +109,10 @@ std::vector<ModelFinding> UnknownKernels(TLModelInfo const& model, TLModelCfg co
     if (found == config.layers.end() || found->second == nullptr || found->second->kernel == nullptr) continue;
     std::string const& kernel = found->second->kernel->kernel_type;
     if (kernels.Create(kernel) != nullptr) continue;
-    unknown.push_back({true, layer,
-                       "names the kernel \"" + kernel +
-                           "\", which there is not; nearest: " + Listed(NearestNames(kernel, kernels.GetKeys()))});
+    unknown.push_back(
+        {true, layer,
+         "names the kernel \"" + kernel +
+             WithNearest("\", which there is not; nearest: ", kernel, kernels.GetKeys(), unknown.size())});
   }
   return unknown;
 }
@@ -142,17 +154,22 @@ void Model::Parts::CheckVersion(TLNModel const& file) const {
          std::to_string(file.core_minor_ver) + ", this one is " + std::to_string(major) + "." + std::to_string(minor));
 }
 
-void Model::Parts::BuildNet(TLNModel& file, ModelOptions const& options) {
-  std::string const backend = utility::support::BackendOf(options);
-  auto const found = file.model_arr->models.find(id);
-  if (found == file.model_arr->models.end() || found->second == nullptr)
+// The model's record, in which each layer has one.
+std::shared_ptr<TLModelInfo> Model::Parts::ModelOf(TLNModel const& file) const {
+  auto const model = file.model_arr->models.find(id);
+  if (model == file.model_arr->models.end() || model->second == nullptr)
     Refuse(prefix + "model \"" + id + "\" has no record");
-  auto const model = found->second;
-  for (std::string const& layer : model->squential_ids) {
-    auto const record = model->layers.find(layer);
-    if (record == model->layers.end() || record->second == nullptr)
+  for (std::string const& layer : model->second->squential_ids) {
+    auto const record = model->second->layers.find(layer);
+    if (record == model->second->layers.end() || record->second == nullptr)
       Refuse(prefix + "layer " + layer + ": there is no record of it");
   }
+  return model->second;
+}
+
+void Model::Parts::BuildNet(TLNModel& file, ModelOptions const& options) {
+  std::string const backend = utility::support::BackendOf(options);
+  auto const model = ModelOf(file);
   auto const configs = file.config_arr->configs.find(id);
   if (configs == file.config_arr->configs.end() || configs->second == nullptr)
     Refuse(prefix + "model \"" + id + "\" has no configurations");

@@ -54,6 +54,7 @@ struct Model::Parts {
 
   void ChooseModel(runtime::TLNModel const& file, std::string const& wanted);
   void CheckVersion(runtime::TLNModel const& file) const;
+  std::shared_ptr<runtime::TLModelInfo> ModelOf(runtime::TLNModel const& file) const;
   void BuildNet(runtime::TLNModel& file, ModelOptions const& options);
   std::string RefusedKernel(runtime::TLModelInfo const& model, runtime::TLModelCfg const& config) const;
   void NamePorts(runtime::TLModelInfo const& model);

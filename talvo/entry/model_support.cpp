@@ -11,6 +11,7 @@ namespace {
 using runtime::TLModelCfg;
 
 constexpr std::size_t kMostNames = 3;
+constexpr std::size_t kLongestName = 128;
 
 bool NamesLayers(std::shared_ptr<TLModelCfg> const& config) {
   return config != nullptr && !config->squential_ids.empty();
@@ -74,6 +75,7 @@ std::string Listed(std::vector<std::string> const& texts) {
 std::vector<std::string> NearestNames(std::string const& name, std::vector<std::string> candidates) {
   std::vector<std::pair<std::size_t, std::string>> near;
   for (std::string& candidate : candidates) {
+    if (std::max(name.size(), candidate.size()) > kLongestName) continue;
     std::size_t const distance = Distance(name, candidate);
     // More than half of the letters changed is another word and no slip.
     if (2 * distance <= candidate.size()) near.emplace_back(distance, std::move(candidate));

@@ -25,7 +25,7 @@ std::string OneLine(std::string text);
 std::string Listed(std::vector<std::string> const& texts);
 
 /// The names that differ least from `name`, at most three, the nearest first; none that differs in more than half of
-/// its letters.
+/// its letters, and none where either is longer than 128: the time grows with the product of their lengths.
 std::vector<std::string> NearestNames(std::string const& name, std::vector<std::string> candidates);
 
 }  // namespace talvo::utility::support

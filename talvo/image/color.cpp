@@ -36,14 +36,14 @@ void CopyColours(Argument const& src, Argument const& dst, std::size_t pixel_byt
 
 void CopyRgba(char const* operation, TensorPtr const& source, TensorPtr const& destination, bool reverse) {
   Argument const src(operation, "src", source), dst(operation, "dst", destination);
-  Validate(dst.shape().layout == TensorShape::CHW);
+  dst.Validate(dst.shape().layout == TensorShape::CHW, "needs layout CHW");
   CopyColours(src, dst, kRgba, reverse);
 }
 
 void ToGray(char const* operation, TensorPtr const& source, TensorPtr const& destination, std::size_t pixel_bytes,
             bool blue_first) {
   Argument const src(operation, "src", source), dst(operation, "dst", destination);
-  Validate(dst.shape().layout == TensorShape::CHW);
+  dst.Validate(dst.shape().layout == TensorShape::CHW, "needs layout CHW");
   unsigned int const layout = src.shape().layout;
   if (layout != TensorShape::HWC && layout != TensorShape::CHW) return;
   std::size_t const count = dst.Pixels(1);
@@ -65,7 +65,7 @@ struct Exchanged {
 };
 
 Exchanged ValidateExchange(Argument const& src, Argument const& dst, unsigned int dst_layout) {
-  Validate(dst.shape().layout == dst_layout);
+  dst.Validate(dst.shape().layout == dst_layout, "needs the layout that the operation is named after");
   unsigned int const type = src.shape().data_type;
   if (type != TensorShape::UINT8 && type != TensorShape::FLOAT32) Refuse("Not Implemented.");
   std::size_t const row_axis = dst_layout == TensorShape::CHW ? 1 : 0, channel_axis = row_axis == 1 ? 0 : 2;
@@ -130,7 +130,7 @@ void ImageProcessFallback::CHW2HWC(TensorPtr& src, TensorPtr& dst, ContextPtr) {
 
 void ImageProcessFallback::Convert8U_To_32F(TensorPtr& source, TensorPtr& destination, ContextPtr) {
   Argument const src("Convert8U_To_32F", "src", source), dst("Convert8U_To_32F", "dst", destination);
-  Validate(src.shape().data_type == TensorShape::UINT8);
+  src.Validate(src.shape().data_type == TensorShape::UINT8, "needs UINT8");
   // Rank first: Extent refuses an axis that is not there, before memory is asked for.
   std::size_t const last = src.Extent(2), count = Volume(src.Extent(0), src.Extent(1), last);
   rows::NormaliseBytes(src.Memory(count), count, 0.0f, 1.0f, dst.Memory<float>(count));

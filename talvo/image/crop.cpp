@@ -102,15 +102,15 @@ void ValidatePlanes(Argument const& image, RowLayout const& rows) {
 
 // Without a text: the shapes fit each other and the area.
 void ValidateArea(Argument const& input, Argument const& output, RowLayout const& rows, Area const& area) {
-  Validate(input.shape().data_type == output.shape().data_type);
-  Validate(area.height == output.Extent(rows.row_axis));
-  Validate(area.width == output.Extent(rows.row_axis + 1));
-  Validate(input.Extent(rows.channel_axis) == output.Extent(rows.channel_axis));
-  Validate(area.height + area.y <= input.Extent(rows.row_axis));
-  Validate(area.width + area.x <= input.Extent(rows.row_axis + 1));
+  output.Validate(input.shape().data_type == output.shape().data_type, "needs the data type of i_img");
+  output.Validate(area.height == output.Extent(rows.row_axis), "needs the height of the area");
+  output.Validate(area.width == output.Extent(rows.row_axis + 1), "needs the width of the area");
+  output.Validate(input.Extent(rows.channel_axis) == output.Extent(rows.channel_axis), "needs the channels of i_img");
+  input.Validate(area.height + area.y <= input.Extent(rows.row_axis), "the area leaves it below");
+  input.Validate(area.width + area.x <= input.Extent(rows.row_axis + 1), "the area leaves it on the right");
   if (!rows.is_blocked) return;
-  Validate(input.Extent(3) == output.Extent(3));
-  Validate(input.Extent(3) == 4 || input.Extent(3) == 8);
+  output.Validate(input.Extent(3) == output.Extent(3), "needs the last axis of i_img");
+  input.Validate(input.Extent(3) == 4 || input.Extent(3) == 8, "needs a last axis of 4 or 8");
 }
 
 void CropRows(char const* function, TensorPtr const& i_img, Area const& area, TensorPtr const& o_img,
@@ -151,9 +151,9 @@ void CropFilled(char const* function, TensorPtr const& i_img, std::int64_t y, st
   output.ValidateTensorCPU();
   ValidateByteFrame(input);
   ValidateByteFrame(output);
-  Validate(height == static_cast<std::int64_t>(output.Extent(0)));
-  Validate(width == static_cast<std::int64_t>(output.Extent(1)));
-  Validate(input.Extent(2) == output.Extent(2));
+  output.Validate(height == static_cast<std::int64_t>(output.Extent(0)), "needs the height of the area");
+  output.Validate(width == static_cast<std::int64_t>(output.Extent(1)), "needs the width of the area");
+  output.Validate(input.Extent(2) == output.Extent(2), "needs the channels of i_img");
   std::size_t const lines = input.Extent(0), columns = input.Extent(1), pixel_bytes = input.Extent(2);
   std::size_t const bytes = runtime::ByteCount(output.shape());  // all of it, also what further axes hold
   auto const* const from = input.Memory(Volume(lines, columns, pixel_bytes));

@@ -1,5 +1,7 @@
 #include "talvo/image/image_support.h"
 
+#include "talvo/utility/log.h"
+
 namespace talvo::kernel::image {
 
 void Argument::ValidateSet(char const* format) const {
@@ -42,6 +44,12 @@ TensorCPU const& Argument::tensor() const {
   auto const* const cpu = dynamic_cast<TensorCPU const*>(tensor_.get());
   if (cpu == nullptr) Refuse("%s: %s is no CPU tensor", function_, name_);
   return *cpu;
+}
+
+void Argument::RefuseSilently(char const* wrong) const {
+  utility::Log(16, "%s: %s of dims %s, data type %u, layout %u: %s", function_, name_,
+               runtime::DimsText(shape().dims).c_str(), shape().data_type, shape().layout, wrong);
+  Refuse(nullptr);
 }
 
 void* Argument::CheckedMemory(std::size_t bytes) const {

@@ -21,11 +21,6 @@ using utility::Refuse;
 using TensorPtr = std::shared_ptr<runtime::Tensor>;
 using ContextPtr = std::shared_ptr<runtime::Context>;
 
-/// Refuses without a text, as most tests of the class operations do.
-inline void Validate(bool condition) {
-  if (!condition) Refuse(nullptr);
-}
-
 /// One tensor of a call. Every test refuses where it is reached and not before, so that a function refuses in the order
 /// in which it asks. Refers to the tensor: it lives no longer than the call.
 class Argument {
@@ -45,6 +40,12 @@ class Argument {
   void ValidateType(unsigned int type, char const* type_name) const;
   void ValidateMainMemory() const;
 
+  /// For the tests to which the interface gives no text: refuses without one, and logs the argument's dims, data type
+  /// and layout with `wrong`.
+  void Validate(bool condition, char const* wrong) const {
+    if (!condition) RefuseSilently(wrong);
+  }
+
   // What is touched, refused with function, argument and numbers.
 
   /// Refuses null.
@@ -62,6 +63,7 @@ class Argument {
   static constexpr char const* kMustBeTensorCPU = "%s must be a TensorCPUPtr.";
 
  private:
+  [[noreturn]] void RefuseSilently(char const* wrong) const;
   void* CheckedMemory(std::size_t bytes) const;
 
   char const* function_;

@@ -44,9 +44,11 @@ void ValidateValues(Argument const& values, char const* rank_format, bool look_a
   if (look_at_place) values.ValidateMainMemory();
 }
 
-void ValidateEqualShapes(TensorShape const& a, TensorShape const& b) {
-  Validate(a.dims == b.dims && a.data_type == b.data_type && a.layout == b.layout && a.location == b.location &&
-           a.extra.step_size == b.extra.step_size);
+void ValidateEqualShapes(Argument const& first, Argument const& second) {
+  TensorShape const &a = first.shape(), &b = second.shape();
+  second.Validate(a.dims == b.dims && a.data_type == b.data_type && a.layout == b.layout && a.location == b.location &&
+                      a.extra.step_size == b.extra.step_size,
+                  "needs the shape of the values before it");
 }
 
 // In the order that all forms share; what differs are the types of image and output, and that the fixed-point form
@@ -57,8 +59,8 @@ void ValidateArguments(Arguments const& call, Type from, Type to, bool look_at_p
   ValidateValues(call.sub, "%s must be a 1D Tensor.", look_at_place);
   ValidateValues(call.mul, "%s must be a 1D DataType Tensor.", look_at_place);
   ValidateImage(call.output, to);
-  ValidateEqualShapes(call.sub.shape(), call.mul.shape());
-  Validate(call.image.Extent(0) == call.sub.Extent(0));
+  ValidateEqualShapes(call.sub, call.mul);
+  call.sub.Validate(call.image.Extent(0) == call.sub.Extent(0), "needs a value for each channel");
 }
 
 // Calls row(in, pixels, sub, mul, out) for the plane of each channel.
@@ -148,7 +150,7 @@ void F_Normalize_CHW_F32_Arm(TensorPtr const& i_img, TensorPtr const& i_sub, Ten
 
 void Normalize_CHW_Float_Fallback(TensorPtr& source, TensorPtr& destination, float const* mul, float const* sub) {
   Argument const src(__func__, "src", source), dst(__func__, "dst", destination);
-  Validate(src.shape().layout == TensorShape::CHW);
+  src.Validate(src.shape().layout == TensorShape::CHW, "needs layout CHW");
   // dst stays as it is: nothing is asked of the values, not even a copy.
   if (mul == nullptr && sub == nullptr) return;
   std::size_t const channels = src.Extent(0), plane = src.Pixels(1);

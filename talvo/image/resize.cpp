@@ -7,9 +7,9 @@
 #include <utility>
 #include <vector>
 
+#include "talvo/image/bilinear_support.h"
 #include "talvo/image/image_process_fallback.h"
 #include "talvo/image/image_support.h"
-#include "talvo/kernel/rows/pixels.h"
 #include "talvo/utility/restrict_support.h"
 
 namespace talvo::kernel {
@@ -50,17 +50,10 @@ Frames FramesOf(Argument const& input, Argument const& output, std::size_t row_a
 Frames FlexiableFrames(char const* operation, TensorPtr const& source, TensorPtr const& destination,
                        std::size_t row_axis, std::size_t pixel_bytes) {
   Argument const src(operation, "src", source), dst(operation, "dst", destination);
-  Validate(src.shape().layout == TensorShape::FLEXIABLE);
-  Validate(dst.shape().layout == TensorShape::FLEXIABLE);
+  src.Validate(src.shape().layout == TensorShape::FLEXIABLE, "needs layout FLEXIABLE");
+  dst.Validate(dst.shape().layout == TensorShape::FLEXIABLE, "needs layout FLEXIABLE");
   return FramesOf(src, dst, row_axis, pixel_bytes);
 }
-
-// Position of output pixel i in a source whose extent is `scale` times the output's, with aligned centres.
-float CentreAligned(std::size_t i, double scale) {
-  return static_cast<float>((static_cast<double>(i) + 0.5) * scale - 0.5);
-}
-
-double Scale(std::size_t from, std::size_t to) { return static_cast<double>(from) / static_cast<double>(to); }
 
 // ---- Nearest: a table of source pixels for the rows and one for the columns.
 
@@ -144,130 +137,10 @@ void CropResizeNearest(char const* operation, TensorPtr const& source, TensorPtr
                CropIndices(left, right - left, f.from_width, f.to_width));
 }
 
-// ---- Bilinear: weights of 11 bits, lines with 7 fractional bits, two bits left after the vertical step.
-
-// For each output pixel along one axis: the first of its two taps and the weights of both. In a source of one pixel
-// both taps are that pixel, and the second has all the weight.
-struct Taps {
-  Taps(std::size_t from, std::size_t to) : first(to), weight0(to), weight1(to), distance(from > 1 ? 1 : 0) {
-    auto const last = static_cast<std::int64_t>(from) - 1;
-    for (std::size_t i = 0; i < to; ++i) {
-      float const s = CentreAligned(i, Scale(from, to));
-      auto k = static_cast<std::int64_t>(std::floor(s));
-      float part = k < 0 ? 0.0f : s - static_cast<float>(k);
-      k = std::max<std::int64_t>(k, 0);
-      if (k >= last) part = 1.0f;
-      first[i] = static_cast<std::uint32_t>(std::max<std::int64_t>(std::min(k, last - 1), 0));
-      weight0[i] = Weight(1.0f - part);
-      weight1[i] = Weight(part);
-    }
-  }
-
-  // Rounded half away from zero. A part lies in [0, 1], so that 16 bits hold every weight.
-  static std::int16_t Weight(float part) { return static_cast<std::int16_t>(std::round(part * 2048.0f)); }
-
-  std::vector<std::uint32_t> first;
-  std::vector<std::int16_t> weight0, weight1;
-  std::uint32_t distance;  // from the first tap to the second
-};
-
-// Both taps of every output pixel, in a row each, so that the blend reads without gaps. Each row has room for a byte
-// behind its end: pixels of three bytes move as four, of which the next one overwrites the last, but for those at the
-// end of the source row, from pixel `inner` on.
-template <std::size_t kPixelBytes>
-void GatherTaps(unsigned char const* TALVO_RESTRICT row, std::uint32_t const* TALVO_RESTRICT first,
-                std::size_t distance, std::size_t inner, std::size_t count, unsigned char* TALVO_RESTRICT left,
-                unsigned char* TALVO_RESTRICT right) {
-  constexpr std::size_t kMoved = kPixelBytes == 3 ? 4 : kPixelBytes;
-  std::size_t x = 0;
-  for (; x < inner; ++x) {
-    unsigned char const* const pixel = row + std::size_t{first[x]} * kPixelBytes;
-    std::memcpy(left + x * kPixelBytes, pixel, kMoved);
-    std::memcpy(right + x * kPixelBytes, pixel + distance * kPixelBytes, kMoved);
-  }
-  for (; x < count; ++x) {
-    unsigned char const* const pixel = row + std::size_t{first[x]} * kPixelBytes;
-    std::memcpy(left + x * kPixelBytes, pixel, kPixelBytes);
-    std::memcpy(right + x * kPixelBytes, pixel + distance * kPixelBytes, kPixelBytes);
-  }
-}
-
-// Every value `times` times over.
-std::vector<std::int16_t> Repeated(std::vector<std::int16_t> const& values, std::size_t times) {
-  std::vector<std::int16_t> repeated(values.size() * times);
-  for (std::size_t i = 0; i < repeated.size(); ++i) repeated[i] = values[i / times];
-  return repeated;
-}
-
-// Source rows interpolated horizontally, two at a time.
-template <std::size_t kPixelBytes>
-class Lines {
- public:
-  explicit Lines(Frames const& f)
-      : frames_(f),
-        columns_(f.from_width, f.to_width),
-        count_(f.to_width * kPixelBytes),
-        weight0_(Repeated(columns_.weight0, kPixelBytes)),
-        weight1_(Repeated(columns_.weight1, kPixelBytes)),
-        inner_(InnerPixels(columns_, f.from_width)),
-        left_(count_ + 1),
-        right_(count_ + 1),
-        upper_{kNone, std::vector<std::int16_t>(count_)},
-        lower_{kNone, std::vector<std::int16_t>(count_)} {}
-
-  // The source rows `row` and `row` + `distance`; what stands from the call before is not computed again.
-  void MoveTo(std::size_t row, std::size_t distance) {
-    // Enlarging, the next output row mostly reads the same two lines; one step on, the lower of them.
-    if (lower_.row == row) std::swap(upper_, lower_);
-    Fill(upper_, row);
-    Fill(lower_, row + distance);
-  }
-
-  std::int16_t const* upper() const { return upper_.values.data(); }
-  std::int16_t const* lower() const { return lower_.values.data(); }
-  std::size_t count() const { return count_; }
-
- private:
-  static constexpr std::size_t kNone = static_cast<std::size_t>(-1);
-  struct Line {
-    std::size_t row;
-    std::vector<std::int16_t> values;
-  };
-
-  // Output pixels whose taps lie before the last pixel of a row.
-  static std::size_t InnerPixels(Taps const& columns, std::size_t from_width) {
-    auto const is_inner = [&](std::uint32_t first) { return first + columns.distance + 1 < from_width; };
-    auto const end = std::find_if_not(columns.first.begin(), columns.first.end(), is_inner);
-    return static_cast<std::size_t>(end - columns.first.begin());
-  }
-
-  void Fill(Line& line, std::size_t row) {
-    if (line.row == row) return;
-    GatherTaps<kPixelBytes>(frames_.from + row * frames_.from_width * kPixelBytes, columns_.first.data(),
-                            columns_.distance, inner_, frames_.to_width, left_.data(), right_.data());
-    rows::BlendTaps(left_.data(), right_.data(), weight0_.data(), weight1_.data(), count_, line.values.data());
-    line.row = row;
-  }
-
-  Frames const frames_;
-  Taps const columns_;
-  std::size_t const count_;  // values of a line
-  std::vector<std::int16_t> const weight0_, weight1_;
-  std::size_t const inner_;
-  std::vector<unsigned char> left_, right_;
-  Line upper_, lower_;
-};
-
-template <std::size_t kPixelBytes>
 void ResizeBilinear(Frames const& f) {
   if (f.HasNoOutput()) return;
-  Taps const taps(f.from_height, f.to_height);
-  Lines<kPixelBytes> lines(f);
-  for (std::size_t y = 0; y < f.to_height; ++y) {
-    lines.MoveTo(taps.first[y], taps.distance);
-    rows::BlendLines(lines.upper(), lines.lower(), taps.weight0[y], taps.weight1[y], lines.count(),
-                     f.to + y * lines.count());
-  }
+  image::ResizeBilinear({f.from, f.from_width * f.pixel_bytes}, Taps(f.from_height, f.to_height),
+                        Taps(f.from_width, f.to_width), f.pixel_bytes, f.to);
 }
 
 }  // namespace
@@ -279,19 +152,19 @@ void ImageProcessFallback::Resize_Nearest_C1(TensorPtr& src, TensorPtr& dst, Con
 }
 
 void ImageProcessFallback::Resize_Bilinear_C1(TensorPtr& src, TensorPtr& dst, ContextPtr) {
-  ResizeBilinear<1>(FlexiableFrames("Resize_Bilinear_C1", src, dst, 1, 1));  // three axes, the first being 1
+  ResizeBilinear(FlexiableFrames("Resize_Bilinear_C1", src, dst, 1, 1));  // three axes, the first being 1
 }
 
 void ImageProcessFallback::Resize_Bilinear_C2(TensorPtr& src, TensorPtr& dst, ContextPtr) {
-  ResizeBilinear<2>(FlexiableFrames("Resize_Bilinear_C2", src, dst, 0, 2));
+  ResizeBilinear(FlexiableFrames("Resize_Bilinear_C2", src, dst, 0, 2));
 }
 
 void ImageProcessFallback::Resize_Bilinear_C3(TensorPtr& src, TensorPtr& dst, ContextPtr) {
-  ResizeBilinear<3>(FlexiableFrames("Resize_Bilinear_C3", src, dst, 0, 3));
+  ResizeBilinear(FlexiableFrames("Resize_Bilinear_C3", src, dst, 0, 3));
 }
 
 void ImageProcessFallback::Resize_Bilinear_C4(TensorPtr& src, TensorPtr& dst, ContextPtr) {
-  ResizeBilinear<4>(FlexiableFrames("Resize_Bilinear_C4", src, dst, 0, 4));
+  ResizeBilinear(FlexiableFrames("Resize_Bilinear_C4", src, dst, 0, 4));
 }
 
 void ImageProcessFallback::Crop_Resize_Nearest_C1(TensorPtr& src, TensorPtr& dst, float left, float top, float right,
@@ -372,35 +245,35 @@ void F_Resize_Nearest_HWC_U8_C4_Arm_M1(TensorPtr const& i_img, TensorPtr& o_img)
 }
 
 void F_Resize_Bilinear_HWC_U8_C1_Fallback(TensorPtr const& i_img, TensorPtr& o_img) {
-  ResizeBilinear<1>(FreeFrames(__func__, i_img, o_img, 1));
+  ResizeBilinear(FreeFrames(__func__, i_img, o_img, 1));
 }
 
 void F_Resize_Bilinear_HWC_U8_C1_Arm_M1(TensorPtr const& i_img, TensorPtr& o_img) {
-  ResizeBilinear<1>(FreeFrames(__func__, i_img, o_img, 1));
+  ResizeBilinear(FreeFrames(__func__, i_img, o_img, 1));
 }
 
 void F_Resize_Bilinear_HWC_U8_C2_Fallback(TensorPtr const& i_img, TensorPtr& o_img) {
-  ResizeBilinear<2>(FreeFrames(__func__, i_img, o_img, 2));
+  ResizeBilinear(FreeFrames(__func__, i_img, o_img, 2));
 }
 
 void F_Resize_Bilinear_HWC_U8_C2_Arm_M1(TensorPtr const& i_img, TensorPtr& o_img) {
-  ResizeBilinear<2>(FreeFrames(__func__, i_img, o_img, 2));
+  ResizeBilinear(FreeFrames(__func__, i_img, o_img, 2));
 }
 
 void F_Resize_Bilinear_HWC_U8_C3_Fallback(TensorPtr const& i_img, TensorPtr& o_img) {
-  ResizeBilinear<3>(FreeFrames(__func__, i_img, o_img, 3));
+  ResizeBilinear(FreeFrames(__func__, i_img, o_img, 3));
 }
 
 void F_Resize_Bilinear_HWC_U8_C3_Arm_M1(TensorPtr const& i_img, TensorPtr& o_img) {
-  ResizeBilinear<3>(FreeFrames(__func__, i_img, o_img, 3));
+  ResizeBilinear(FreeFrames(__func__, i_img, o_img, 3));
 }
 
 void F_Resize_Bilinear_HWC_U8_C4_Fallback(TensorPtr const& i_img, TensorPtr& o_img) {
-  ResizeBilinear<4>(FreeFrames(__func__, i_img, o_img, 4));
+  ResizeBilinear(FreeFrames(__func__, i_img, o_img, 4));
 }
 
 void F_Resize_Bilinear_HWC_U8_C4_Arm_M1(TensorPtr const& i_img, TensorPtr& o_img) {
-  ResizeBilinear<4>(FreeFrames(__func__, i_img, o_img, 4));
+  ResizeBilinear(FreeFrames(__func__, i_img, o_img, 4));
 }
 
 }  // namespace talvo::kernel::functional

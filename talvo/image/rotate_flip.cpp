@@ -42,7 +42,7 @@ void TurnClassImage(char const* operation, TensorPtr const& source, TensorPtr co
   Argument const src(operation, "src", source), dst(operation, "dst", destination);
   unsigned int const layout = dst.shape().layout;
   if (layout != TensorShape::CHW && layout != TensorShape::HWC) return;
-  Validate(src.shape().layout == layout);
+  src.Validate(src.shape().layout == layout, "needs the layout of dst");
   bool const planar = layout == TensorShape::CHW;
   std::size_t const h = src.Extent(planar ? 1 : 0), w = src.Extent(planar ? 2 : 1), c = src.Extent(planar ? 0 : 2);
   std::size_t const bytes = Volume(h, w, c);
@@ -93,10 +93,10 @@ void ValidateTensors(Turn turn, Argument const& input, Argument const& output) {
 // The rotations alone look at the output's shape. Elements are bytes by now, so that their sizes agree.
 void ValidateRotatedShape(Turn turn, Argument const& input, Argument const& output) {
   auto dims = input.shape().dims;
-  Validate(output.shape().dims.size() == dims.size());
+  output.Validate(output.shape().dims.size() == dims.size(), "needs the rank of i_img");
   input.Extent(1);  // there are two axes to change places
   if (turn != Turn::kClockwise180) std::swap(dims[0], dims[1]);
-  Validate(output.shape().dims == dims);
+  output.Validate(output.shape().dims == dims, "needs the dims of the turned i_img");
 }
 
 void TurnFrame(char const* function, TensorPtr const& i_img, TensorPtr const& o_img, Turn turn) {

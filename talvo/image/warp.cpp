@@ -63,7 +63,7 @@ Position Mapped(float const* m, std::size_t x, std::size_t y) {
 }
 
 void ValidateClassCall(Argument const& src, float const* matrix) {
-  Validate(src.shape().layout == TensorShape::CHW);
+  src.Validate(src.shape().layout == TensorShape::CHW, "needs layout CHW");
   if (matrix == nullptr) Refuse("%s: the matrix is null", src.function());
 }
 

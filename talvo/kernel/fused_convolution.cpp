@@ -21,8 +21,10 @@ constexpr std::size_t kPackedFrom = 16;       // fewer outputs in a group stay a
 constexpr std::size_t kStepsOfAChain = 72;    // of kernels with more than one tap
 constexpr std::size_t kStrip = 112;           // positions whose results lie in scratch, with outputs in the lanes
 constexpr std::size_t kRowFloats = 1024;      // about as many positions at a time, with positions in the lanes
+constexpr std::size_t kFewSteps = 160;        // to a result: turning blocks of results would show
 constexpr std::size_t kChannelsAtHand = 128;  // of one tap, whose weights stay in the innermost cache
 constexpr std::size_t kMostPhases = 4096;     // of a transposed output
+constexpr std::size_t kLaidFloats = 1 << 16;  // of all channels at a time: they stay in the second cache
 
 bool IsPacked(ConvolutionShape const& s) { return s.out_per_group >= kPackedFrom; }
 std::size_t SumOf(ConvolutionShape const& s) { return s.in_per_group * s.Taps(); }
@@ -48,16 +50,34 @@ struct Part {
   std::vector<Tap> taps;  // `weight` is the number of the tap
 };
 
-// The input planes with their border and what is read from them. The direct form sorts rows and columns by the strides,
-// so that what neighbouring results read at one tap stands side by side, in rows `pitch` apart.
+// The input planes with their border and what is read from them, a band of result rows at a time. The direct form sorts
+// rows and columns by the strides into sub-planes, so that what neighbouring results read at one tap stands side by
+// side, in rows `pitch` apart.
 struct Plan {
   bool transposed, as_it_lies;
   std::size_t phases_y, phases_x;  // of the output
-  std::size_t pitch, plane;        // floats of a row and of all of a channel
-  std::size_t top, left, stride_y, stride_x, sub_plane, padded_width;
-  double scratch;           // floats of the laid planes of a group
-  std::vector<Part> parts;  // [phases_y][phases_x]
+  std::size_t top, left, stride_y, stride_x, padded_width;
+  std::size_t band, laid_rows;          // rows of a part at a time, and rows of a sub-plane that they read
+  std::size_t pitch, sub_plane, plane;  // floats of a row, of a sub-plane and of all of a channel
+  double scratch;                       // floats of the laid band of a group
+  std::vector<Part> parts;              // [phases_y][phases_x]
+
+  std::size_t SubX() const { return std::min(stride_x, padded_width); }
 };
+
+// Cuts `rows` result rows, of which each reads from its laid row to `reach` rows further, into bands of about one size.
+void TakeBands(ConvolutionShape const& s, std::size_t rows, std::size_t reach, std::size_t sub_planes, Plan& plan) {
+  double const row =
+      static_cast<double>(plan.pitch * sub_planes) * static_cast<double>(std::max<std::size_t>(1, s.in_per_group));
+  auto const at_hand = static_cast<std::size_t>(static_cast<double>(kLaidFloats) / row);
+  std::size_t const most = plan.as_it_lies ? rows : std::max(std::max(at_hand, reach) - reach, 4 * reach + 4);
+  std::size_t const bands = (rows + most - 1) / most;
+  plan.band = (rows + bands - 1) / bands;
+  plan.laid_rows = plan.as_it_lies ? s.in_height : plan.band + reach;
+  plan.sub_plane = plan.laid_rows * plan.pitch;
+  plan.plane = plan.sub_plane * sub_planes;
+  plan.scratch = row * static_cast<double>(plan.laid_rows);
+}
 
 Plan PlanDirect(ConvolutionShape const& s) {
   Plan plan{};
@@ -65,14 +85,11 @@ Plan PlanDirect(ConvolutionShape const& s) {
   plan.stride_y = s.stride_y, plan.stride_x = s.stride_x;
   plan.top = static_cast<std::size_t>(s.top), plan.left = static_cast<std::size_t>(s.left);
   plan.padded_width = s.padded_width;
-  std::size_t const sub_x = std::min(s.stride_x, s.padded_width), sub_y = std::min(s.stride_y, s.padded_height);
   plan.pitch = (s.padded_width + s.stride_x - 1) / s.stride_x;
-  plan.sub_plane = (s.padded_height + s.stride_y - 1) / s.stride_y * plan.pitch;
-  plan.plane = plan.sub_plane * sub_x * sub_y;
-  plan.scratch = static_cast<double>(plan.sub_plane) * static_cast<double>(sub_x) * static_cast<double>(sub_y) *
-                 static_cast<double>(s.in_per_group);
   plan.as_it_lies =
       s.padded_height == s.in_height && s.padded_width == s.in_width && s.stride_x == 1 && s.stride_y == 1;
+  std::size_t const sub_x = plan.SubX(), sub_y = std::min(s.stride_y, s.padded_height);
+  TakeBands(s, s.out_height, (s.kernel_y - 1) * s.dilation_y / s.stride_y, sub_x * sub_y, plan);
   plan.parts.push_back({s.out_height, s.out_width, {}});
   for (std::size_t k = 0; k < s.Taps(); ++k) {
     std::size_t const y = k / s.kernel_x * s.dilation_y, x = k % s.kernel_x * s.dilation_x;
@@ -145,9 +162,13 @@ Plan PlanTransposed(ConvolutionShape const& s) {
   Reach const x = ReachOf(xs, s.out_width, s.in_width);
   plan.top = y.before, plan.left = x.before;
   plan.pitch = plan.padded_width = x.extent;
-  plan.plane = plan.sub_plane = y.extent * x.extent;
-  plan.scratch = static_cast<double>(y.extent) * static_cast<double>(x.extent) * static_cast<double>(s.in_per_group);
   plan.as_it_lies = y.extent == s.in_height && x.extent == s.in_width;
+  std::size_t reach = 0;
+  for (auto const& met : ys) {
+    for (Meeting const& m : met)
+      reach = std::max(reach, static_cast<std::size_t>(m.offset + static_cast<std::int64_t>(y.before)));
+  }
+  TakeBands(s, (s.out_height - 1) / plan.phases_y + 1, reach, 1, plan);
   for (std::size_t py = 0; py < plan.phases_y; ++py) {
     for (std::size_t px = 0; px < plan.phases_x; ++px) {
       std::size_t const rows = (s.out_height - py - 1) / plan.phases_y + 1;
@@ -157,27 +178,35 @@ Plan PlanTransposed(ConvolutionShape const& s) {
   return plan;
 }
 
-// Lays the planes of a group into scratch whose borders are 0 already.
-void LayPlanes(ConvolutionShape const& s, Plan const& plan, float const* from, float* to) {
+// The laid rows of a band, of those that hold every stride-th row from `phase` on, that lie inside the input.
+struct Inside {
+  std::size_t begin, end;
+};
+Inside InsideOf(ConvolutionShape const& s, Plan const& plan, std::size_t first, std::size_t phase) {
+  auto const before = [&](std::size_t padded_row) {  // laid rows that hold earlier ones
+    std::size_t const all = padded_row > phase ? (padded_row - phase + plan.stride_y - 1) / plan.stride_y : 0;
+    return std::min(std::max(all, first) - first, plan.laid_rows);
+  };
+  return {before(plan.top), before(plan.top + s.in_height)};
+}
+
+// Lays what the band of result rows from `first` on reads of a plane into scratch, whose borders beside the rows are 0
+// already.
+void LayBand(ConvolutionShape const& s, Plan const& plan, std::size_t first, float const* from, float* to) {
+  std::size_t const pitch = plan.pitch, sub_x = plan.SubX(), row_phases = plan.plane / (plan.sub_plane * sub_x);
   bool const whole = plan.stride_y == 1 && plan.stride_x == 1;
-  rows::PhasePlane plane = {s.in_height,
-                            s.in_width,
-                            plan.top,
-                            plan.left,
-                            s.in_height + plan.top,
-                            plan.padded_width,
-                            plan.stride_x,
-                            whole ? plan.pitch : plan.sub_plane};
-  if (!whole) plane.height = plane.padded_height = 1, plane.top = 0;
-  std::size_t const row_phase = plan.sub_plane * std::min(plan.stride_x, plan.padded_width);
-  for (std::size_t c = 0; c < s.in_per_group; ++c, to += plan.plane) {
-    if (whole) {
-      rows::LayPlane(from, plane, to);
-      from += s.InPlane();
-      continue;
+  rows::PhasePlane plane = {1, s.in_width, 0, plan.left, 1, plan.padded_width, plan.stride_x, plan.sub_plane};
+  for (std::size_t phase = 0; phase < row_phases; ++phase, to += sub_x * plan.sub_plane) {
+    Inside const inside = InsideOf(s, plan, first, phase);
+    for (std::size_t k = 0; k < sub_x; ++k) {
+      float* const sub = to + k * plan.sub_plane;
+      std::fill(sub, sub + inside.begin * pitch, 0.0f);
+      std::fill(sub + inside.end * pitch, sub + plan.sub_plane, 0.0f);
     }
-    for (std::size_t r = plan.top; r < plan.top + s.in_height; ++r, from += s.in_width) {
-      rows::LayPlane(from, plane, to + r % plan.stride_y * row_phase + r / plan.stride_y * plan.pitch);
+    std::size_t const step = whole ? inside.end - inside.begin : 1;
+    if (whole) plane.height = plane.padded_height = step, plane.phase_pitch = pitch;
+    for (std::size_t j = inside.begin; j < inside.end; j += step) {
+      rows::LayPlane(from + ((first + j) * plan.stride_y + phase - plan.top) * s.in_width, plane, to + j * pitch);
     }
   }
 }
@@ -191,7 +220,7 @@ std::size_t LinkOf(ConvolutionShape const& s) {
 struct Group {
   ConvolutionShape const& shape;
   Plan const& plan;
-  float const* input;    // its laid planes
+  float const* input;    // its laid band, or its planes as they lie
   float const* weights;  // its kept ones
   float const* starts;   // [out_per_group]
   float* output;
@@ -215,21 +244,31 @@ struct Block {
   Kept kept;
   std::vector<std::vector<Tap>> steps;  // of each part
 };
-Block BlockAt(Group const& group, std::size_t first) {
+std::vector<Block> BlocksOf(Group const& group) {
   ConvolutionShape const& s = group.shape;
-  Kept const kept = KeptAt(s, group.plan.transposed, group.weights, first);
-  Block block = {first, std::min(kFusedBlock, s.out_per_group - first), kept, {}};
-  for (Part const& part : group.plan.parts) block.steps.push_back(StepsOf(s, part, kept, group.plan.plane));
-  return block;
+  std::vector<Block> blocks;
+  for (std::size_t first = 0; first < s.out_per_group; first += kFusedBlock) {
+    Kept const kept = KeptAt(s, group.plan.transposed, group.weights, first);
+    blocks.push_back({first, std::min(kFusedBlock, s.out_per_group - first), kept, {}});
+    for (Part const& part : group.plan.parts) blocks.back().steps.push_back(StepsOf(s, part, kept, group.plan.plane));
+  }
+  return blocks;
 }
 
-// Positions [first, first + count) of the direct form, row by row.
-void RunTiles(Group const& group, Block const& block, std::size_t first, std::size_t count, float* results) {
+// Rows of results of each part: from `first` on, where the input of the first one begins at `input`.
+struct Band {
+  std::size_t first, count;
+  float const* input;
+};
+
+// Results [first, first + count) of a band of the direct form, row by row.
+void RunTiles(Group const& group, Block const& block, float const* input, std::size_t first, std::size_t count,
+              float* results) {
   ConvolutionShape const& s = group.shape;
   float const* columns[kStrip];
   std::size_t y = first / s.out_width, x = first % s.out_width;
   for (std::size_t p = 0; p < count; ++p) {
-    columns[p] = group.input + y * group.plan.pitch + x;
+    columns[p] = input + y * group.plan.pitch + x;
     if (++x == s.out_width) x = 0, ++y;
   }
   rows::FusedTileRun run{};
@@ -249,30 +288,26 @@ void RunTiles(Group const& group, Block const& block, std::size_t first, std::si
 }
 
 // Outputs in the lanes, for the direct form. `scratch` takes a strip of a block.
-void ByOutputs(Group const& group, float* scratch) {
+void ByOutputs(Group const& group, Block const& block, Band const& band, float* scratch) {
   ConvolutionShape const& s = group.shape;
-  for (std::size_t o = 0; o < s.out_per_group; o += kFusedBlock) {
-    Block const block = BlockAt(group, o);
-    float* const output = group.output + o * s.OutPlane();
-    for (std::size_t first = 0; first < s.OutPlane(); first += kStrip) {
-      std::size_t const count = std::min(kStrip, s.OutPlane() - first);
-      RunTiles(group, block, first, count, scratch);
-      rows::TransposeRows(scratch, block.outputs, count, block.outputs, output + first, s.OutPlane());
-    }
+  std::size_t const results = band.count * s.out_width;
+  float* const output = group.output + block.first * s.OutPlane() + band.first * s.out_width;
+  for (std::size_t first = 0; first < results; first += kStrip) {
+    std::size_t const count = std::min(kStrip, results - first);
+    RunTiles(group, block, band.input, first, count, scratch);
+    rows::TransposeRows(scratch, block.outputs, count, block.outputs, output + first, s.OutPlane());
   }
 }
 
-// Positions from `first` on in the laid planes, for all outputs of a block and a part.
-void RunPositions(Group const& group, Block const& block, std::size_t part, std::size_t first, std::size_t positions,
+// Positions from `input` on, for all outputs of a block and a part.
+void RunPositions(Group const& group, Block const& block, std::size_t part, float const* input, std::size_t positions,
                   float* results, std::size_t result_plane) {
   ConvolutionShape const& s = group.shape;
   Kept const& kept = block.kept;
   rows::PositionRun run{};
-  run.input = group.input + first, run.positions = positions;
+  run.input = input, run.positions = positions;
   run.channels = s.in_per_group, run.link = LinkOf(s), run.input_plane = group.plan.plane;
-  std::vector<Tap> const& taps = group.plan.parts[part].taps;
-  run.steps = block.steps[part].data(), run.tap_count = taps.size();
-  if (s.Taps() == 1 && !taps.empty()) run.steps = nullptr, run.input += taps[0].input;
+  run.steps = block.steps[part].data(), run.tap_count = group.plan.parts[part].taps.size();
   run.weights = kept.weights, run.weight_plane = kept.channel, run.output_step = kept.output;
   run.outputs = block.outputs;
   run.starts = group.starts + block.first;
@@ -280,60 +315,63 @@ void RunPositions(Group const& group, Block const& block, std::size_t part, std:
   rows::RunFusedPositions(run, s.Taps() > 1);
 }
 
-std::size_t WholeVectors(std::size_t positions) {
-  auto const lanes = static_cast<std::size_t>(rows::ActiveLanes());
-  return (positions + lanes - 1) / lanes * lanes;
+std::size_t Lanes() { return static_cast<std::size_t>(rows::ActiveLanes()); }
+std::size_t WholeVectors(std::size_t positions) { return (positions + Lanes() - 1) / Lanes() * Lanes(); }
+
+// Rows of a part whose results lie in scratch, and their floats for one output.
+std::size_t RowsAtATime(Plan const& plan) {
+  return std::min(plan.band, std::max<std::size_t>(1, kRowFloats / plan.pitch));
 }
+std::size_t RowResults(Plan const& plan) { return WholeVectors(RowsAtATime(plan) * plan.pitch); }
 
-std::size_t RowsAtATime(Plan const& plan) { return std::max<std::size_t>(1, kRowFloats / plan.pitch); }
-
-// Results at a time of one output and one phase of a row.
-std::size_t RowResults(Plan const& plan) {
-  return WholeVectors(std::min(RowsAtATime(plan), plan.parts[0].rows) * plan.pitch);
-}
-
-// Rows [first, first + count) of a vertical phase.
-void PositionRows(Group const& group, Block const& block, std::size_t py, std::size_t first, std::size_t count,
-                  float* results) {
+// Some rows of a vertical phase.
+void PositionRows(Group const& group, Block const& block, std::size_t py, Band const& rows, float* results) {
   ConvolutionShape const& s = group.shape;
   Plan const& plan = group.plan;
   std::size_t const pitch = RowResults(plan), outputs = block.outputs;
   for (std::size_t px = 0; px < plan.phases_x; ++px) {
     std::size_t const part = py * plan.phases_x + px;
-    RunPositions(group, block, part, first * plan.pitch,
-                 WholeVectors((count - 1) * plan.pitch + plan.parts[part].columns), results + px * outputs * pitch,
-                 pitch);
+    std::size_t const positions = (rows.count - 1) * plan.pitch + plan.parts[part].columns;
+    RunPositions(group, block, part, rows.input, std::max(positions, Lanes()), results + px * outputs * pitch, pitch);
   }
-  for (std::size_t i = 0; i < outputs * count; ++i) {
-    std::size_t const y = (first + i % count) * plan.phases_y + py;
-    rows::MergePhases(results + i / count * pitch + i % count * plan.pitch, outputs * pitch, plan.phases_x, s.out_width,
-                      group.output + (block.first + i / count) * s.OutPlane() + y * s.out_width);
+  float* output = group.output + block.first * s.OutPlane() + (rows.first * plan.phases_y + py) * s.out_width;
+  for (std::size_t o = 0; o < outputs; ++o, output += s.OutPlane()) {
+    for (std::size_t r = 0; r < rows.count; ++r) {
+      rows::MergePhases(results + o * pitch + r * plan.pitch, outputs * pitch, plan.phases_x, s.out_width,
+                        output + r * plan.phases_y * s.out_width);
+    }
   }
 }
 
 // Positions in the lanes, with those between the rows. `scratch` takes RowResults for each output of a block and phase
 // of a row.
-void ByPositions(Group const& group, float* scratch) {
-  ConvolutionShape const& s = group.shape;
+void ByPositions(Group const& group, Block const& block, Band const& band, float* scratch) {
   Plan const& plan = group.plan;
   std::size_t const step = RowsAtATime(plan);
-  for (std::size_t o = 0; o < s.out_per_group; o += kFusedBlock) {
-    Block const block = BlockAt(group, o);
+  for (std::size_t done = 0; done < band.count; done += step) {
     for (std::size_t py = 0; py < plan.phases_y; ++py) {
-      std::size_t const all = plan.parts[py * plan.phases_x].rows;
-      for (std::size_t first = 0; first < all; first += step) {
-        PositionRows(group, block, py, first, std::min(step, all - first), scratch);
-      }
+      std::size_t const first = band.first + done, all = plan.parts[py * plan.phases_x].rows;
+      if (first >= all) continue;
+      Band const rows = {first, std::min({step, band.count - done, all - first}), band.input + done * plan.pitch};
+      PositionRows(group, block, py, rows, scratch);
     }
   }
 }
 
-// Single taps that lie side by side without a gap: results go where they belong.
-void ByPositionsAsTheyLie(Group const& group) {
+// The direct form with the positions of a row in the lanes: results go where they belong.
+void ByRows(Group const& group, Block const& block, Band const& band) {
   ConvolutionShape const& s = group.shape;
-  for (std::size_t o = 0; o < s.out_per_group; o += kFusedBlock) {
-    RunPositions(group, BlockAt(group, o), 0, 0, s.OutPlane(), group.output + o * s.OutPlane(), s.OutPlane());
+  float* const output = group.output + block.first * s.OutPlane() + band.first * s.out_width;
+  for (std::size_t r = 0; r < band.count; ++r) {
+    RunPositions(group, block, 0, band.input + r * group.plan.pitch, s.out_width, output + r * s.out_width,
+                 s.OutPlane());
   }
+}
+
+// The same of the whole plane: single taps whose inputs and results lie side by side without a gap.
+void ByPositionsAsTheyLie(Group const& group, Block const& block) {
+  std::size_t const plane = group.shape.OutPlane();
+  RunPositions(group, block, 0, group.input, plane, group.output + block.first * plane, plane);
 }
 
 // The input that tap (ky, kx) meets at result (y, x), 0 beyond the edge; or none, in the transposed form.
@@ -395,18 +433,25 @@ void ConvolveAsProducts(ConvolutionShape const& s, ConvolutionData const& data) 
 }
 
 // How a plan is gone through, and the floats that it takes beside the laid planes.
-enum class Way { kOutputs, kPositions, kPositionsAsTheyLie };
+enum class Way { kOutputs, kPositions, kRows, kPositionsAsTheyLie };
 Way WayOf(ConvolutionShape const& s, Plan const& plan) {
-  auto const lanes = static_cast<std::size_t>(rows::ActiveLanes());
+  std::size_t const lanes = Lanes();
   bool const flat = plan.as_it_lies && s.Taps() == 1 && plan.parts.size() == 1 && s.out_width == plan.pitch;
   if (flat && s.OutPlane() >= (IsPacked(s) ? 6 * lanes : lanes)) return Way::kPositionsAsTheyLie;
+  bool const fills = s.out_width >= 3 * lanes && 8 * WholeVectors(s.out_width) <= 9 * s.out_width;
+  if (!plan.transposed && fills && (!IsPacked(s) || SumOf(s) <= kFewSteps)) return Way::kRows;
   return IsPacked(s) && !plan.transposed ? Way::kOutputs : Way::kPositions;
 }
 double WorkOf(ConvolutionShape const& s, Plan const& plan, Way way) {
-  if (way == Way::kPositionsAsTheyLie) return 0.0;
+  if (way == Way::kPositionsAsTheyLie || way == Way::kRows) return 0.0;
   if (way == Way::kOutputs) return static_cast<double>(kStrip * kFusedBlock);
   return static_cast<double>(plan.phases_x) * static_cast<double>(std::min(kFusedBlock, s.out_per_group)) *
          static_cast<double>(RowResults(plan));
+}
+
+// Positions in the lanes may read a vector where there are fewer.
+bool Lays(Plan const& plan, Way way) {
+  return !plan.as_it_lies || (way == Way::kPositions && plan.parts.back().columns < Lanes());
 }
 
 // The inputs, kept weights and results of group g.
@@ -424,26 +469,40 @@ void AllPlainly(ConvolutionShape const& s, Plan const& plan, ConvolutionData con
   for (std::size_t g = 0; g < s.groups; ++g) Plainly(GroupAt(s, plan, data, starts, g));
 }
 
+// Band by band, and all outputs of each; `laid` takes a band of all channels, or is null where planes are read as they
+// lie.
+void RunGroup(Group const& group, Way way, float* laid, float* work) {
+  Plan const& plan = group.plan;
+  std::vector<Block> const blocks = BlocksOf(group);
+  std::size_t const rows = plan.parts[0].rows;
+  for (std::size_t first = 0; first < rows; first += plan.band) {
+    for (std::size_t c = 0; laid != nullptr && c < group.shape.in_per_group; ++c) {
+      LayBand(group.shape, plan, first, group.input + c * group.shape.InPlane(), laid + c * plan.plane);
+    }
+    float const* const input = laid != nullptr ? laid : group.input + first * plan.pitch;
+    Band const band = {first, std::min(plan.band, rows - first), input};
+    for (Block const& block : blocks) {
+      if (way == Way::kOutputs) ByOutputs(group, block, band, work);
+      if (way == Way::kPositions) ByPositions(group, block, band, work);
+      if (way == Way::kRows) ByRows(group, block, band);
+      if (way == Way::kPositionsAsTheyLie) ByPositionsAsTheyLie(group, block);
+    }
+  }
+}
+
 void Convolve(ConvolutionShape const& s, Plan const& plan, ConvolutionData const& data, runtime::DeviceCPU& device) {
   std::vector<float> const zeros(data.bias == nullptr ? s.groups * s.out_per_group : 0);
   float const* const starts = data.bias == nullptr ? zeros.data() : data.bias;
   if (plan.parts.empty()) return AllPlainly(s, plan, data, starts);
   Way const way = WayOf(s, plan);
-  bool const lays = way == Way::kPositions || !plan.as_it_lies;
+  bool const lays = Lays(plan, way);
   double const laid = lays ? plan.scratch + rows::kMaxLanes : 0.0, work = WorkOf(s, plan, way);
   if (laid + work > MostScratch(s)) return AllPlainly(s, plan, data, starts);
   auto const held = static_cast<std::size_t>(laid);
   ConvolutionScratch const scratch(device, held + static_cast<std::size_t>(work));
   std::fill_n(scratch.Data(), held, 0.0f);
   for (std::size_t g = 0; g < s.groups; ++g) {
-    Group group = GroupAt(s, plan, data, starts, g);
-    if (lays) {
-      LayPlanes(s, plan, group.input, scratch.Data());
-      group.input = scratch.Data();
-    }
-    if (way == Way::kOutputs) ByOutputs(group, scratch.Data() + held);
-    if (way == Way::kPositions) ByPositions(group, scratch.Data() + held);
-    if (way == Way::kPositionsAsTheyLie) ByPositionsAsTheyLie(group);
+    RunGroup(GroupAt(s, plan, data, starts, g), way, lays ? scratch.Data() : nullptr, scratch.Data() + held);
   }
 }
 

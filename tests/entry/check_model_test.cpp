@@ -63,6 +63,19 @@ TEST(CheckModel, NamesEverySlip) {
                    "ReLU_Fallback_Float_M1, PReLU_Fallback_Float_M1, ReLU6_Fallback_Float_M1"}));
 }
 
+// Names as long as a file lets them be would be compared for hours, many of them among many for minutes.
+TEST(CheckModel, SeeksTheNearestOfFewShortNames) {
+  std::string const layer(1000000, 'a'), unknown(1000000, 'b');
+  ModelBuilder builder = Dense();
+  builder.Add<runtime::ActivationInfo>(layer, {unknown, "inn", "inn", "inn", "inn"}, "ReLU_Fallback_Float_M1");
+  builder.model->squential_output_ids.push_back(layer);
+  std::string const reads = "refused " + layer + ": reads \"inn\", which no layer is called",
+                    nearest = reads + "; nearest: in";
+  EXPECT_EQ(Check(builder),
+            (Lines{"refused " + layer + ": reads \"" + unknown + "\", which no layer is called; nearest: none", nearest,
+                   nearest, nearest, reads}));
+}
+
 TEST(CheckModel, TriesTheShapes) {
   EXPECT_EQ(Check(Dense(), {{"in", {2, 2}}}), Lines{"dense: reads 2 of the 4 elements of [2, 2]"});
   EXPECT_EQ(Check(Dense(), {{"im", {2}}}), Lines{"refused : the model has no input \"im\"; it has in"});

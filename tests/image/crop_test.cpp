@@ -142,16 +142,20 @@ TEST_P(Crop, FreeFormsRefuseShapesThatDoNotFit) {
   struct Case {
     ImagePtr input, output;
     unsigned int y, x, height, width;
-    char const* text;
+    char const *text, *logged;
   };
-  for (Case c : {Case{flat, out, 0, 0, 2, 2, "F_Crop_HWC_Arm: i_img has rank 2, needs 3"},
-                 {flat, out, 0, 0, 3, 2, ""},
-                 {hwc, out, 0, 0, 2, 1, ""},
-                 {hwc, out2, 0, 0, 2, 2, ""},
-                 {hwc, out, 3, 0, 2, 2, ""},
-                 {hwc, out, 0, 3, 2, 2, ""},
-                 {hwc, out, 0xFFFFFFFF, 0, 2, 2, ""}}) {
+  for (Case c :
+       {Case{flat, out, 0, 0, 2, 2, "F_Crop_HWC_Arm: i_img has rank 2, needs 3", "i_img has rank 2, needs 3"},
+        {flat, out, 0, 0, 3, 2, "", "o_img of dims [2, 2, 3], data type 7, layout 1: needs the height of the area"},
+        {hwc, out, 0, 0, 2, 1, "", "needs the width of the area"},
+        {hwc, out2, 0, 0, 2, 2, "", "needs the channels of i_img"},
+        {hwc, out, 3, 0, 2, 2, "", "i_img of dims [4, 4, 3], data type 7, layout 1: the area leaves it below"},
+        {hwc, out, 0, 3, 2, 2, "", "the area leaves it on the right"},
+        {hwc, out, 0xFFFFFFFF, 0, 2, 2, "", "the area leaves it below"}}) {
+    LogCapture const log;
     EXPECT_EQ(Report(c.text), RefusalOf([&] { F_Crop_HWC_Arm(c.input, c.y, c.x, c.height, c.width, c.output); }));
+    ASSERT_EQ(log.Lines().size(), 1u);
+    EXPECT_NE(log.Lines()[0].find(c.logged), std::string::npos) << log.Lines()[0];
   }
   auto blocks = Image({1, 2, 2, 3}, TensorShape::C4HW4), filled = out2;
   auto const four = Image({1, 2, 2, 4}, TensorShape::C4HW4);

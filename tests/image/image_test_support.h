@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -75,6 +77,23 @@ ByteVector Laid(std::size_t a, std::size_t b, std::size_t c, At const& at) {
     for (std::size_t j = 0; j < b; ++j)
       for (std::size_t k = 0; k < c; ++k) bytes.push_back(static_cast<unsigned char>(at(i, j, k)));
   return bytes;
+}
+
+/// The source pixels of an output pixel along one axis of a bilinear resize, with their weights.
+struct Tap {
+  std::size_t first, second;
+  int w0, w1;
+};
+
+/// Output pixel i with aligned centres, `scale` source pixels for each, held between the first and the last of `extent`
+/// pixels; in a source of one pixel both taps are that pixel.
+inline Tap TapAt(std::size_t i, std::size_t extent, double scale, double offset = 0.0) {
+  auto const position = static_cast<float>((static_cast<double>(i) + 0.5) * scale + offset - 0.5);
+  float const last = static_cast<float>(extent - 1), s = std::min(std::max(position, 0.0f), last);
+  float const k = std::max(std::min(std::floor(s), last - 1), 0.0f), f = extent == 1 ? 1.0f : s - k;
+  auto const first = static_cast<std::size_t>(k);
+  return {first, std::min(first + 1, extent - 1), static_cast<int>(std::lround((1.0f - f) * 2048.0f)),
+          static_cast<int>(std::lround(f * 2048.0f))};
 }
 
 /// What a refusal with `text` throws; an empty text stands for the refusals without one.

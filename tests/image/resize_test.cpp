@@ -37,23 +37,10 @@ float Centre(std::size_t i, std::size_t from, std::size_t to) {
   return Centre(i, static_cast<double>(from) / static_cast<double>(to));
 }
 
-struct Tap {
-  std::size_t first, second;
-  int w0, w1;
-};
-
-// A position held between the first and the last pixel; in a source of one pixel both taps are that pixel.
-Tap TapAt(std::size_t i, std::size_t from, std::size_t to) {
-  float const last = static_cast<float>(from - 1), s = std::min(std::max(Centre(i, from, to), 0.0f), last);
-  float const k = std::max(std::min(std::floor(s), last - 1), 0.0f), f = from == 1 ? 1.0f : s - k;
-  auto const first = static_cast<std::size_t>(k);
-  return {first, std::min(first + 1, from - 1), static_cast<int>(std::lround((1.0f - f) * 2048.0f)),
-          static_cast<int>(std::lround(f * 2048.0f))};
-}
-
 ByteVector WantBilinear(ByteVector const& from, Extents const& e, std::size_t n) {
   return Laid(e.to_h, e.to_w, n, [&](std::size_t y, std::size_t x, std::size_t c) {
-    Tap const row = TapAt(y, e.from_h, e.to_h), column = TapAt(x, e.from_w, e.to_w);
+    Tap const row = TapAt(y, e.from_h, static_cast<double>(e.from_h) / e.to_h),
+              column = TapAt(x, e.from_w, static_cast<double>(e.from_w) / e.to_w);
     auto const line = [&](std::size_t r) {
       int const a = from[(r * e.from_w + column.first) * n + c], b = from[(r * e.from_w + column.second) * n + c];
       return int{static_cast<std::int16_t>((a * column.w0 + b * column.w1) >> 4)};

@@ -2,7 +2,6 @@
 
 #include <cmath>
 #include <cstring>
-#include <limits>
 #include <random>
 
 #include "talvo/kernel/rows/fused_product.h"
@@ -59,24 +58,12 @@ void MakeTriple(std::mt19937& random, std::size_t kind, float& a, float& b, floa
     c = near_one();
   }
   if (kind == 6) {
-    constexpr float kInfinity = std::numeric_limits<float>::infinity(), kMost = std::numeric_limits<float>::max();
-    float const odd[] = {0.0f,
-                         -0.0f,
-                         kInfinity,
-                         -kInfinity,
-                         kMost,
-                         -kMost,
-                         std::nanf(""),
-                         FromBits(1),
-                         FromBits(0x80000001u),
-                         FromBits(0x00800000u),
-                         FromBits(0x7F000000u),
-                         1.0f,
-                         -1.0f,
-                         0.5f,
-                         2.0f,
-                         1.00000012f};
-    a = odd[random() % 16], b = odd[random() % 16], c = odd[random() % 16];
+    // Zeros, infinities, the largest, NaN, the least denormals, the least normal, 2^127, +-1, 1/2, 2, 1 and a bit.
+    constexpr std::uint32_t kOdd[] = {0x00000000, 0x80000000, 0x7F800000, 0xFF800000, 0x7F7FFFFF, 0xFF7FFFFF,
+                                      0x7FC00000, 0x00000001, 0x80000001, 0x00800000, 0x7F000000, 0x3F800000,
+                                      0xBF800000, 0x3F000000, 0x40000000, 0x3F800001};
+    auto const odd = [&] { return FromBits(kOdd[random() % 16]); };
+    a = odd(), b = odd(), c = odd();
   }
 }
 

@@ -37,6 +37,18 @@ for compiler in gcc clang; do
   echo "C11, $compiler: the application builds and runs"
 done
 
+if [ -e "$LD_LIBRARY_PATH/libtln_core.so.1" ]; then  # nothing for Python in a static build
+  cp -r "$here/../../python" "$prefix/python"
+  /usr/bin/python3 -m venv --without-pip --system-site-packages "$prefix/venv"
+  python=("$prefix/venv/bin/python" -I)
+  "${python[@]}" -m pip install --quiet --no-index --no-build-isolation --no-deps "$prefix/python"
+  opens="import sys, talvo, talvo.package; assert talvo.__file__.startswith(sys.prefix); talvo.Model(sys.argv[1])"
+  "${python[@]}" -c "$opens" "$here/../../examples/digits/digits.tlnmodel"
+  env -u LD_LIBRARY_PATH TALVO_LIBRARY="$LD_LIBRARY_PATH/libtln_core.so.1" \
+    "${python[@]}" -c "$opens" "$here/../../examples/digits/digits.tlnmodel"
+  echo "Python: the module is installed by pip and finds the library"
+fi
+
 if [ -x "$prefix/installed/bin/run_package" ]; then
   env -u LD_LIBRARY_PATH "$prefix/installed/bin/run_package" "$here/../../examples/xor.json" --check --shape bits=2
   (

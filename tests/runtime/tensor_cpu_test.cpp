@@ -56,6 +56,10 @@ TEST_F(TensorCPUTest, StopsAtAWrongRankOrType) {
   auto const x = Counting({2, 3}), y = Counting({4});
   EXPECT_DEATH(x->Locate1D(0), "\\(1 == shape.dims.size\\(\\)\\), function Locate1D, file tensor_cpu, ");
   EXPECT_DEATH(y->Locate2D(0, 0), "2 == shape.dims.size");
+  EXPECT_DEATH(x->Locate3D(0, 0, 0), "3 == shape.dims.size");
+  EXPECT_DEATH(x->Locate4D(0, 0, 0, 0), "4 == shape.dims.size");
+  EXPECT_DEATH(x->Locate5D(0, 0, 0, 0, 0), "5 == shape.dims.size");
+  EXPECT_DEATH(x->Locate6D(0, 0, 0, 0, 0, 0), "6 == shape.dims.size");
   EXPECT_DEATH(x->Locate7D(0, 0, 0, 0, 0, 0, 0), "7 == shape.dims.size");
   EXPECT_DEATH(x->Locate({0}), "\\(dims.size\\(\\) == shape.dims.size\\(\\)\\), function Locate, file tensor_cpu, ");
   x->shape.data_type = 8;

@@ -124,6 +124,23 @@ Value WholePower(Value const& x, double exponent, Builder& b) {
   return exponent < 0 ? b.Inverse(result) : result;
 }
 
+// Whole exponents take bases below 0 as well: |x|^y, with the sign of x where y is odd.
+Value ConstantPower(Value const& x, Array exponents, Builder& b) {
+  auto const& list = exponents.values;
+  bool const whole = std::all_of(list.begin(), list.end(), [](double v) { return v == std::floor(v); });
+  b.Approximate("powers as e^(y log x) hold for bases " + std::string(whole ? "other than 0" : "above 0") +
+                ", to 2e-7 |y log x| of the result");
+  exponents.type = onnx::TensorProto::FLOAT;
+  Value const logarithm = b.Logarithm(whole ? b.Absolute(x) : x);
+  Value const power = b.Exponential(b.Binary(kMul, logarithm, Constant(exponents)));
+  if (!whole) return power;
+  Array odd = exponents, even = exponents;
+  for (double& v : odd.values) v = std::fmod(v, 2) != 0 ? 1 : 0;
+  for (std::size_t i = 0; i < odd.values.size(); ++i) even.values[i] = 1 - odd.values[i];
+  Value const sign = b.Combine(kSub, b.Step(x), b.Step(b.Negative(x)));
+  return b.Combine(kMul, power, b.Binary(kAdd, b.Binary(kMul, sign, Constant(odd)), Constant(even)));
+}
+
 Values Power(Node const& node, Builder& b) {
   Value const &x = node.Input(0), &exponent = node.Input(1);
   if (x.IsTensor() && exponent.IsConstant() && !exponent.constant->values.empty()) {
@@ -133,12 +150,10 @@ Values Power(Node const& node, Builder& b) {
     bool const whole = e == std::floor(e) && e != 0 && std::abs(e) <= 8, half = std::abs(e) == 0.5;
     if (one && (whole || half) && BroadcastShape(exponent.shape, x.shape) == x.shape) return {WholePower(x, e, b)};
   }
+  Value const base = b.Tensor(x);
+  if (exponent.IsConstant()) return {ConstantPower(base, *exponent.constant, b)};
   b.Approximate("powers as e^(y log x) hold for bases above 0, to 2e-7 |y log x| of the result");
-  Value const logarithm = x.IsConstant() ? b.Logarithm(b.Tensor(x)) : b.Logarithm(x);
-  if (!exponent.IsConstant()) return {b.Exponential(b.Combine(kMul, logarithm, exponent))};
-  Array factors = *exponent.constant;
-  factors.type = onnx::TensorProto::FLOAT;
-  return {b.Exponential(b.Binary(kMul, logarithm, Constant(factors)))};
+  return {b.Exponential(b.Combine(kMul, b.Logarithm(base), exponent))};
 }
 
 // x - q y with q = x / y, rounded to a whole number: down, or towards zero with fmod = 1.

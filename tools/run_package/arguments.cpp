@@ -60,7 +60,8 @@ bool ParsePreference(std::string const& word) {
 tools::Usage const kUsage = {
     "usage: run_package PACKAGE [--model ID] [--backend WORD] [--prefer fused] [--input LAYER=[LAYOUT:]FILE.npy]...\n"
     "                   [--output LAYER]... [--next [--input ...]...]... [--output-dir DIR] [--repeat N]\n"
-    "                   [--profile] [--trace FILE] [--manifest FILE] [--verify FILE] [--values] [--json]\n"
+    "                   [--profile] [--trace FILE] [--html FILE] [--manifest FILE] [--verify FILE] [--values] "
+    "[--json]\n"
     "       run_package PACKAGE --list [--json]\n"
     "       run_package PACKAGE --check | --memory [--input LAYER=FILE.npy | --shape LAYER=1x28x28]... [--json]\n"
     "       run_package --help | --version",
@@ -77,6 +78,7 @@ tools::Usage const kUsage = {
     "  --repeat N             runs N times and tells first, minimum, median and 95th percentile\n"
     "  --profile              the time of each layer\n"
     "  --trace FILE           the layers of every repeat and the bytes of their tensors as Chrome trace events\n"
+    "  --html FILE            a page for a browser: graph, times, memory, histograms\n"
     "  --manifest FILE        writes digests of what each layer gave\n"
     "  --verify FILE          compares with such a file and names the first layer that differs\n"
     "  --values               the two with the elements: of the layer that differs the first one that does is told\n"
@@ -98,6 +100,7 @@ Arguments ParseArguments(int count, char const* const* words) {
       {"--output-dir", [&](Word word) { arguments.output_dir = word; }},
       {"--repeat", [&](Word word) { arguments.repeat = ParseRepeat(word); }},
       {"--shape", [&](Word word) { ParseShape(word, arguments); }},
+      {"--html", [&](Word word) { arguments.page = word; }},
       {"--trace", [&](Word word) { arguments.trace = word; }},
       {"--manifest", [&](Word word) { arguments.manifest = word; }},
       {"--verify", [&](Word word) { arguments.verify = word; }},

@@ -45,7 +45,8 @@ class Slide {
     return Count() <= 4 * (plane + outputs) + 4096 && Count() + outputs <= kMostFloats;
   }
 
-  std::size_t Count() const { return plane_.Count() + rows::kReadBehindTaps; }
+  // Whole cache lines, so that the divisors behind them stand aligned.
+  std::size_t Count() const { return WholeLines(plane_.Count() + rows::kReadBehindTaps); }
 
   // For a plane that is laid out; x and scratch as in the header, `border` stands around every plane.
   void Start(float border, float* scratch) {
@@ -84,6 +85,9 @@ class Slide {
   }
 
  private:
+  static constexpr std::size_t kLine = 64 / sizeof(float);
+  static std::size_t WholeLines(std::size_t floats) { return (floats + kLine - 1) / kLine * kLine; }
+
   static PoolingShape Turned(PoolingShape const& s) {
     return {s.channels, s.width, s.height, s.out_width, s.out_height};
   }
@@ -100,7 +104,6 @@ class Slide {
   // Pitches of whole cache lines, so that the taps of column 0 stand aligned; not for strides whose many short phases
   // would waste memory, nor for narrow planes.
   rows::PhasePlane Plane() const {
-    constexpr std::size_t kLine = 64 / sizeof(float);
     PoolingWindow const& w = window_;
     std::size_t const height = std::max(shape_.height + w.padding_t + w.padding_b,
                                         Reach(shape_.out_height, w.kernel_y, w.dilation_y, w.stride_y));
@@ -109,7 +112,7 @@ class Slide {
     std::size_t const phase = rows::PhasePlane::PhaseWidth(width, w.stride_x);
     bool const aligned = w.stride_x <= 2 && phase >= kLine;
     return {shape_.height, shape_.width, w.padding_t, w.padding_l,
-            height,        width,        w.stride_x,  aligned ? (phase + kLine - 1) / kLine * kLine : phase};
+            height,        width,        w.stride_x,  aligned ? WholeLines(phase) : phase};
   }
 
   bool turned_;

@@ -1,6 +1,7 @@
 #include "talvo/kernel/rows/fused_product.h"
 
 #include <algorithm>
+#include <cstdint>
 
 #include "talvo/kernel/rows/fused_step.h"
 #include "talvo/kernel/rows/transpose.h"
@@ -32,6 +33,7 @@ struct Tile {
   using V = Vector<kLanes>;
 
   float const* columns[kColumns];
+  float* results[kColumns];
   V sums[kColumns][kVectors];
 
   // kVectors > 1 comes with whole vectors alone.
@@ -47,9 +49,10 @@ struct Tile {
     std::size_t const count = run.lanes - lane;
     TALVO_ROWS_UNROLL
     for (std::size_t j = 0; j < kColumns; ++j) {
-      columns[j] = run.columns[first + j];
-      float const* const from =
-          run.chain == Chain::kStarts ? run.starts + lane : run.results + (first + j) * run.result_step + lane;
+      std::size_t const position = std::min(first + j, run.positions - 1);
+      columns[j] = run.columns[position];
+      results[j] = run.results + position * run.result_step + lane;
+      float const* const from = run.chain == Chain::kStarts ? run.starts + lane : results[j];
       TALVO_ROWS_UNROLL
       for (int v = 0; v < kVectors; ++v) {
         sums[j][v] = V{};
@@ -71,33 +74,48 @@ struct Tile {
     }
   }
 
-  // Two at a time: what counts them would take its share of the processor from one at a time.
-  TALVO_ROWS_INLINE void AddSteps(FusedTileRun const& run, std::size_t lane) {
+  // Two at a time: what counts them would take its share of the processor from one at a time. Each two fetch a line of
+  // the weights that follow these, so that some tiles fetch as many as these are; by number, for there may be none.
+  TALVO_ROWS_INLINE void AddSteps(FusedTileRun const& run, std::size_t lane, std::size_t first) {
+    constexpr std::size_t kLine = 16;
     float const* const weights = run.weights + lane;
     Tap const* step = run.steps;
+    std::size_t const all = run.step_count * run.lanes, share = run.step_count / 2 * kLine;
+    std::size_t const skipped = all + std::min(first / kColumns * share, all - share);
+    [[maybe_unused]] auto ahead = reinterpret_cast<std::uintptr_t>(run.weights) + skipped * sizeof(float);
     for (std::size_t pairs = run.step_count / 2; pairs > 0; --pairs, step += 2) {
+      if constexpr (kVectors == 4) {
+        __builtin_prefetch(reinterpret_cast<void const*>(ahead));
+        ahead += kLine * sizeof(float);
+      }
       AddTap(weights + step[0].weight, step[0].input);
       AddTap(weights + step[1].weight, step[1].input);
     }
     if (run.step_count % 2 != 0) AddTap(weights + step->weight, step->input);
   }
 
-  TALVO_ROWS_INLINE void End(FusedTileRun const& run, std::size_t lane, std::size_t first) {
+  // A position that stands there twice is read before it is written.
+  TALVO_ROWS_INLINE void End(FusedTileRun const& run, std::size_t lane) {
     std::size_t const count = run.lanes - lane;
-    TALVO_ROWS_UNROLL
-    for (std::size_t j = 0; j < kColumns; ++j) {
-      float* const to = run.results + (first + j) * run.result_step + lane;
+    if (run.chain == Chain::kIsAdded) {
       TALVO_ROWS_UNROLL
-      for (int v = 0; v < kVectors; ++v) {
-        if (run.chain == Chain::kIsAdded) {
+      for (int j = 0; j < kColumns; ++j) {
+        TALVO_ROWS_UNROLL
+        for (int v = 0; v < kVectors; ++v) {
           V before;
-          LoadLanes(to + v * kLanes, count, before);
+          LoadLanes(results[j] + v * kLanes, count, before);
           sums[j][v] = before + sums[j][v];
         }
+      }
+    }
+    TALVO_ROWS_UNROLL
+    for (int j = 0; j < kColumns; ++j) {
+      TALVO_ROWS_UNROLL
+      for (int v = 0; v < kVectors; ++v) {
         if constexpr (kVectors > 1) {
-          Store<kLanes>(sums[j][v], to + v * kLanes);
+          Store<kLanes>(sums[j][v], results[j] + v * kLanes);
         } else {
-          StoreSome<kLanes>(sums[j][v], count, to);
+          StoreSome<kLanes>(sums[j][v], count, results[j]);
         }
       }
     }
@@ -106,25 +124,22 @@ struct Tile {
   static TALVO_ROWS_INLINE void Run(FusedTileRun const& run, std::size_t lane, std::size_t first) {
     Tile tile;
     tile.Begin(run, lane, first);
-    tile.AddSteps(run, lane);
-    tile.End(run, lane, first);
+    tile.AddSteps(run, lane, first);
+    tile.End(run, lane);
   }
 };
 
-// All positions, in tiles of kColumns and of one fewer where they come out even, the rest one by one.
-template <class Set, int kVectors, int kColumns>
+// All positions, in tiles of kColumns and of kFewer where they come out even; what is left of the last one repeats the
+// last position.
+template <class Set, int kVectors, int kColumns, int kFewer>
 TALVO_ROWS_INLINE void RunPositions(FusedTileRun const& run, std::size_t lane) {
-  std::size_t const count = run.positions;
+  std::size_t const count = run.positions, tiles = (count + kColumns - 1) / kColumns;
+  std::size_t const shorter = kFewer < kColumns ? std::min(tiles, tiles * kColumns - count) : 0;
   std::size_t first = 0;
-  if constexpr (kColumns > 1) {
-    std::size_t const tiles = (count + kColumns - 1) / kColumns, shorter = tiles * kColumns - count;
-    std::size_t const whole = shorter <= tiles ? tiles - shorter : count / kColumns;
-    for (std::size_t t = 0; t < whole; ++t, first += kColumns) Tile<Set, kVectors, kColumns>::Run(run, lane, first);
-    for (; first + kColumns - 1 <= count; first += kColumns - 1) {
-      Tile<Set, kVectors, kColumns - 1>::Run(run, lane, first);
-    }
+  for (std::size_t t = shorter; t < tiles; ++t, first += kColumns) Tile<Set, kVectors, kColumns>::Run(run, lane, first);
+  if constexpr (kFewer < kColumns) {
+    for (; first < count; first += kFewer) Tile<Set, kVectors, kFewer>::Run(run, lane, first);
   }
-  for (; first < count; ++first) Tile<Set, kVectors, 1>::Run(run, lane, first);
 }
 
 // A step in software needs all registers for itself.
@@ -134,10 +149,15 @@ TALVO_ROWS_INLINE void RunLanes(FusedTileRun const& run) {
   constexpr bool kMany = Set::kRegisters == 32;
   std::size_t lane = 0;
   if constexpr (Set::kFuses) {
-    for (; lane + 4 * kLanes <= run.lanes; lane += 4 * kLanes) RunPositions<Set, 4, kMany ? 6 : 3>(run, lane);
-    for (; lane + 2 * kLanes <= run.lanes; lane += 2 * kLanes) RunPositions<Set, 2, kMany ? 8 : 6>(run, lane);
+    for (; lane + 4 * kLanes <= run.lanes; lane += 4 * kLanes) {
+      RunPositions<Set, 4, kMany ? 6 : 3, kMany ? 5 : 3>(run, lane);
+    }
+    for (; lane + 2 * kLanes <= run.lanes; lane += 2 * kLanes) {
+      RunPositions<Set, 2, kMany ? 8 : 6, kMany ? 7 : 6>(run, lane);
+    }
   }
-  for (; lane < run.lanes; lane += kLanes) RunPositions<Set, 1, Set::kFuses ? 8 : 1>(run, lane);
+  constexpr int kColumns = Set::kFuses ? 8 : 1;
+  for (; lane < run.lanes; lane += kLanes) RunPositions<Set, 1, kColumns, kColumns>(run, lane);
 }
 
 struct RunFusedTilesBody {

@@ -265,6 +265,32 @@ struct AddBytesBody {
   }
 };
 
+// Every sum fits 16 bits.
+TALVO_ROWS_INLINE Byte SaturatedByte(int sum) {
+  auto const value = static_cast<std::int16_t>(static_cast<std::int16_t>(sum) >> 6);
+  return static_cast<Byte>(value < 0 ? 0 : value > 255 ? 255 : value);
+}
+
+struct SaturatedColoursBody {
+  template <std::size_t kStep>
+  static TALVO_ROWS_INLINE void Loop(Byte const* TALVO_RESTRICT y, Byte const* TALVO_RESTRICT u_bytes,
+                                     Byte const* TALVO_RESTRICT v_bytes, std::size_t count, Byte* TALVO_RESTRICT r,
+                                     Byte* TALVO_RESTRICT g, Byte* TALVO_RESTRICT b) {
+    for (std::size_t i = 0; i < count; ++i) {
+      int const luminance = 64 * y[i], u = u_bytes[i * kStep] - 128, v = v_bytes[i * kStep] - 128;
+      r[i] = SaturatedByte(luminance + 90 * v);
+      g[i] = SaturatedByte(luminance - 22 * u - 46 * v);
+      b[i] = SaturatedByte(luminance + 113 * u);
+    }
+  }
+
+  template <class Set>
+  static TALVO_ROWS_INLINE void Run(Byte const* y, Byte const* u, Byte const* v, std::size_t step, std::size_t count,
+                                    Byte* r, Byte* g, Byte* b) {
+    step == 1 ? Loop<1>(y, u, v, count, r, g, b) : Loop<2>(y, u, v, count, r, g, b);
+  }
+};
+
 // ---- Resize and normalisation.
 
 TALVO_ROWS_INLINE std::uint16_t Low(int value) { return static_cast<std::uint16_t>(value); }
@@ -346,6 +372,8 @@ Primitive<void(Byte const*, std::size_t, Byte*)> const GrayFour{GrayFourBody()};
 Primitive<void(Byte const*, Byte const*, std::size_t, std::int16_t, std::int16_t, std::size_t, Byte*)> const
     ChrominanceBytes{ChrominanceBytesBody()};
 Primitive<void(Byte const*, Byte const*, std::size_t, Byte*)> const AddBytes{AddBytesBody()};
+Primitive<void(Byte const*, Byte const*, Byte const*, std::size_t, std::size_t, Byte*, Byte*, Byte*)> const
+    SaturatedColours{SaturatedColoursBody()};
 Primitive<void(Byte const*, Byte const*, std::int16_t const*, std::int16_t const*, std::size_t, std::int16_t*)> const
     BlendTaps{BlendTapsBody()};
 Primitive<void(std::int16_t const*, std::int16_t const*, std::int16_t, std::int16_t, std::size_t, Byte*)> const

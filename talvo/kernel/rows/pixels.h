@@ -38,6 +38,11 @@ extern Primitive<void(Byte const* a, Byte const* b, std::size_t step, std::int16
 /// y[i] = x[i] + terms[i], wrapping around.
 extern Primitive<void(Byte const* x, Byte const* terms, std::size_t count, Byte* y)> const AddBytes;
 
+/// Saturated: r = (64 y + 90 v) >> 6, g = (64 y - 22 u - 46 v) >> 6, b = (64 y + 113 u) >> 6, with u and v less 128.
+/// The u and v of pixel i are u[i step] and v[i step], `step` 1 or 2.
+extern Primitive<void(Byte const* y, Byte const* u, Byte const* v, std::size_t step, std::size_t count, Byte* r,
+                      Byte* g, Byte* b)> const SaturatedColours;
+
 /// line[i] = (left[i] weight0[i] + right[i] weight1[i]) >> 4.
 extern Primitive<void(Byte const* left, Byte const* right, std::int16_t const* weight0, std::int16_t const* weight1,
                       std::size_t count, std::int16_t* line)> const BlendTaps;

@@ -33,7 +33,7 @@ struct PositionTile {
   TALVO_ROWS_INLINE void AddTap(float const* weights, std::size_t output_step, float const* input) {
     V x[kVectors];
     TALVO_ROWS_UNROLL
-    for (int v = 0; v < kVectors; ++v) Load<kLanes>(input + v * kLanes, x[v]);
+    for (int v = 0; v < kVectors; ++v) rows::Load<kLanes>(input + v * kLanes, x[v]);
     TALVO_ROWS_UNROLL
     for (std::size_t m = 0; m < kOutputs; ++m) {
       V weight;
@@ -49,13 +49,23 @@ struct PositionTile {
     }
   }
 
+  TALVO_ROWS_INLINE void Load(float const* results, std::size_t result_plane) {
+    TALVO_ROWS_UNROLL
+    for (std::size_t m = 0; m < kOutputs; ++m) {
+      TALVO_ROWS_UNROLL
+      for (std::size_t v = 0; v < kVectors; ++v) {
+        rows::Load<kLanes>(results + m * result_plane + v * kLanes, sums[m][v]);
+      }
+    }
+  }
+
   TALVO_ROWS_INLINE void Add(float const* results, std::size_t result_plane) {
     TALVO_ROWS_UNROLL
     for (std::size_t m = 0; m < kOutputs; ++m) {
       TALVO_ROWS_UNROLL
       for (std::size_t v = 0; v < kVectors; ++v) {
         V before;
-        Load<kLanes>(results + m * result_plane + v * kLanes, before);
+        rows::Load<kLanes>(results + m * result_plane + v * kLanes, before);
         sums[m][v] = before + sums[m][v];
       }
     }
@@ -72,8 +82,10 @@ struct PositionTile {
   }
 
   // Two steps at a time: what counts them would take its share of the processor from one at a time.
-  TALVO_ROWS_INLINE void AddSteps(Tap const* step, std::size_t count, float const* weights, std::size_t output_step,
+  TALVO_ROWS_INLINE void AddSteps(PositionRun const& run, std::size_t channels, float const* weights,
                                   float const* input) {
+    std::size_t const output_step = run.output_step, count = channels * run.tap_count;
+    Tap const* step = run.steps;
     for (std::size_t pairs = count / 2; pairs > 0; --pairs, step += 2) {
       AddTap(weights + step[0].weight, output_step, input + step[0].input);
       AddTap(weights + step[1].weight, output_step, input + step[1].input);
@@ -81,50 +93,52 @@ struct PositionTile {
     if (count % 2 != 0) AddTap(weights + step->weight, output_step, input + step->input);
   }
 
-  TALVO_ROWS_INLINE void AddChannels(PositionRun const& run, float const* weights, float const* input) {
-    std::size_t const output_step = run.output_step, weight_plane = run.weight_plane, input_plane = run.input_plane;
-    for (std::size_t pairs = run.channels / 2; pairs > 0; --pairs) {
-      AddTap(weights, output_step, input);
-      AddTap(weights + weight_plane, output_step, input + input_plane);
-      weights += 2 * weight_plane, input += 2 * input_plane;
+  TALVO_ROWS_INLINE void AddChannels(PositionRun const& run, std::size_t channels, float const* weights,
+                                     float const* input) {
+    for (std::size_t link; channels > 0; channels -= link) {
+      link = std::min(channels, run.link);
+      AddSteps(run, link, weights, input);
+      weights += link * run.weight_plane, input += link * run.input_plane;
     }
-    if (run.channels % 2 != 0) AddTap(weights, output_step, input);
   }
 
-  static TALVO_ROWS_INLINE void Run(PositionRun const& run, bool sums_links, std::size_t output, std::size_t at) {
+  // The products of channels [first, first + count): they go on from the results that are there, or, with `sums`, are
+  // summed by themselves and then added to them; the first channels begin at the starts.
+  static TALVO_ROWS_INLINE void Run(PositionRun const& run, std::size_t first, std::size_t count, bool sums,
+                                    std::size_t output, std::size_t at) {
     PositionTile tile;
-    float const *weights = run.weights + output * run.output_step, *input = run.input + at;
     float* const results = run.results + output * run.result_plane + at;
-    tile.Start(run.starts + output);
-    if (kFused && run.steps == nullptr && run.tap_count == 1) {
-      tile.AddChannels(run, weights, input);
-      return tile.Store(results, run.result_plane);
+    if (first == 0) {
+      tile.Start(run.starts + output);
+    } else {
+      tile.Clear();
+      if (!sums) tile.Load(results, run.result_plane);
     }
-    for (std::size_t left = run.channels; left > 0;) {
-      std::size_t const channels = std::min(left, run.link);
-      tile.AddSteps(run.steps, channels * run.tap_count, weights, run.output_step, input);
-      if (sums_links && left < run.channels) tile.Add(results, run.result_plane);
-      left -= channels;
-      if (sums_links || left == 0) tile.Store(results, run.result_plane);
-      if (sums_links && left > 0) tile.Clear();
-      weights += channels * run.weight_plane, input += channels * run.input_plane;
-    }
+    tile.AddChannels(run, count, run.weights + output * run.output_step + first * run.weight_plane,
+                     run.input + at + first * run.input_plane);
+    if (sums && first > 0) tile.Add(results, run.result_plane);
+    tile.Store(results, run.result_plane);
   }
 };
 
 // Outputs [first, end), a multiple of kOutputs, at the positions from `at` on, of which there is a vector or more in
-// all: as many vectors at a time as go, and the last one moves back.
+// all: as many vectors at a time as go, and the last one moves back. What a link reads at some positions stays in the
+// nearest cache for all outputs.
 template <class Set, int kOutputs, int kVectors>
 TALVO_ROWS_INLINE void RunSpan(PositionRun const& run, bool sums_links, std::size_t first, std::size_t end,
                                std::size_t at) {
   constexpr std::size_t kWide = kVectors * Set::kLanes;
-  for (; at < run.positions && (kVectors == 1 || run.positions - at >= kWide); at += kWide) {
+  constexpr std::size_t kLeast = kVectors > 1 ? 2 * Set::kLanes + 1 : 1;  // two vectors take less one by one
+  for (; at + kLeast <= run.positions && kWide <= run.positions; at += kWide) {
     std::size_t const from = std::min(at, run.positions - kWide);
-    for (std::size_t o = first; o < end; o += kOutputs) {
-      PositionTile<Set, true, Set::kLanes, kOutputs, kVectors>::Run(run, sums_links, o, from);
+    for (std::size_t c = 0; c < run.channels; c += run.link) {
+      for (std::size_t o = first; o < end; o += kOutputs) {
+        PositionTile<Set, true, Set::kLanes, kOutputs, kVectors>::Run(run, c, std::min(run.link, run.channels - c),
+                                                                      sums_links, o, from);
+      }
     }
   }
-  if constexpr (kVectors > 1) RunSpan<Set, kOutputs, (kVectors > 3 ? 2 : 1)>(run, sums_links, first, end, at);
+  if constexpr (kVectors > 1) RunSpan<Set, kOutputs, 1>(run, sums_links, first, end, at);
 }
 
 // Takes kOutputs at a time from those that are left, as often as goes.
@@ -171,7 +185,7 @@ struct RunPositionsBody {
     for (std::size_t at = 0; at < run.positions; at += kWide) {
       std::size_t const from = std::min(at, run.positions - kWide);
       for (std::size_t o = 0; o < run.outputs; ++o) {
-        PositionTile<Set, false, kLanes, 1, kVectors>::Run(run, false, o, from);
+        PositionTile<Set, false, kLanes, 1, kVectors>::Run(run, 0, run.channels, false, o, from);
       }
     }
   }
@@ -181,21 +195,19 @@ struct MergePhasesBody {
   template <class Set>
   static TALVO_ROWS_INLINE void Run(float const* from, std::size_t phase_pitch, std::size_t phases, std::size_t count,
                                     float* to) {
-    constexpr std::size_t kLanes = Set::kLanes;
-    std::size_t i = 0;
-    if (phases == 1) {
-      std::copy_n(from, count, to);
-      i = count;
-    }
-    for (; phases == 2 && i + 2 * kLanes <= count; i += 2 * kLanes) {
+    constexpr std::size_t kLanes = Set::kLanes, kPairs = 2 * kLanes;
+    if (phases == 1) return static_cast<void>(std::copy_n(from, count, to));
+    std::size_t const whole = phases == 2 && count >= kPairs ? count - count % 2 : 0;
+    for (std::size_t next = 0; next < whole; next += kPairs) {
+      std::size_t const i = std::min(next, whole - kPairs);  // the last ones overlap those before them
       Vector<kLanes> even, odd, low, high;
       Load<kLanes>(from + i / 2, even), Load<kLanes>(from + phase_pitch + i / 2, odd);
       Interleave<kLanes>(even, odd, low, high, std::make_integer_sequence<int, kLanes>());
       Store<kLanes>(low, to + i), Store<kLanes>(high, to + i + kLanes);
     }
-    for (std::size_t phase = 0; i < count && phase < phases; ++phase) {
-      float const* next = from + phase * phase_pitch + i / phases;  // i is a multiple of the phases
-      for (std::size_t k = i + phase; k < count; k += phases) to[k] = *next++;
+    for (std::size_t phase = 0; whole < count && phase < phases; ++phase) {
+      float const* next = from + phase * phase_pitch + whole / phases;  // a whole number of each phase
+      for (std::size_t k = whole + phase; k < count; k += phases) to[k] = *next++;
     }
   }
 };

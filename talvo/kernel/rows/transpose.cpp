@@ -243,7 +243,7 @@ struct TransposeBody {
 
 // Elements of a few vectors are copied in vectors: a call for each would cost as much as the copy.
 void CopyElement(Byte const* from, std::size_t bytes, Byte* to) {
-  if (bytes < kLaneBytes || bytes > 16 * kLaneBytes) {
+  if (bytes < kLaneBytes || bytes >= 16 * kLaneBytes) {
     std::memcpy(to, from, bytes);
     return;
   }
