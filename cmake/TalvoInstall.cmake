@@ -3,6 +3,20 @@ include(CMakePackageConfigHelpers)
 
 install(TARGETS tln_core EXPORT talvoTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+# Names and debug information go to a file of their own, in the folder .debug beside the library: its .gnu_debuglink
+# leads debuggers there, and ldconfig does not take it for a library.
+if(BUILD_SHARED_LIBS AND CMAKE_OBJCOPY)
+  install(CODE "
+    set(folder \"${CMAKE_INSTALL_LIBDIR}\")
+    cmake_path(ABSOLUTE_PATH folder BASE_DIRECTORY \"\${CMAKE_INSTALL_PREFIX}\")
+    string(PREPEND folder \"\$ENV{DESTDIR}\")
+    set(library \"\${folder}/$<TARGET_FILE_NAME:tln_core>\")
+    set(names \"\${folder}/.debug/$<TARGET_FILE_NAME:tln_core>.debug\")
+    file(MAKE_DIRECTORY \"\${folder}/.debug\")
+    execute_process(COMMAND \"${CMAKE_OBJCOPY}\" --only-keep-debug \${library} \${names} COMMAND_ERROR_IS_FATAL ANY)
+    execute_process(COMMAND \"${CMAKE_OBJCOPY}\" --strip-unneeded --add-gnu-debuglink=\${names} \${library}
+                    COMMAND_ERROR_IS_FATAL ANY)")
+endif()
 install(EXPORT talvoTargets NAMESPACE talvo:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/talvo)
 
 # The public headers are those that talvo/talvo.h lists, without those of what is off; no other is installed.

@@ -144,6 +144,10 @@ class Net:
         self._layers[id] = _Layer(record, kernel, list(inputs), fields)
         return id
 
+    def has(self, id: str) -> bool:
+        """Whether a layer has this id."""
+        return id in self._layers
+
     def input(self, id: str) -> str:
         """Where the application's tensor enters."""
         return self.add(id, "InputInfo", "Input_Fallback_M1", [])

@@ -282,8 +282,6 @@ void RunTiles(Group const& group, Block const& block, float const* input, std::s
     run.chain = c == 0 ? Chain::kStarts : s.Taps() == 1 ? Chain::kGoesOn : Chain::kIsAdded;
     run.step_count = std::min(link, s.in_per_group - c) * s.Taps();
     run.weights = block.kept.weights + c * block.kept.channel;
-    bool const last = c + 2 * link > s.in_per_group;  // beyond it there may be fewer
-    run.ahead = last ? run.weights : run.weights + link * block.kept.channel;
     rows::RunFusedTiles(run);
     for (std::size_t p = 0; p < count; ++p) columns[p] += link * group.plan.plane;
   }
@@ -309,9 +307,7 @@ void RunPositions(Group const& group, Block const& block, std::size_t part, floa
   rows::PositionRun run{};
   run.input = input, run.positions = positions;
   run.channels = s.in_per_group, run.link = LinkOf(s), run.input_plane = group.plan.plane;
-  std::vector<Tap> const& taps = group.plan.parts[part].taps;
-  run.steps = block.steps[part].data(), run.tap_count = taps.size();
-  if (s.Taps() == 1 && !taps.empty()) run.steps = nullptr, run.input += taps[0].input;
+  run.steps = block.steps[part].data(), run.tap_count = group.plan.parts[part].taps.size();
   run.weights = kept.weights, run.weight_plane = kept.channel, run.output_step = kept.output;
   run.outputs = block.outputs;
   run.starts = group.starts + block.first;
@@ -338,10 +334,12 @@ void PositionRows(Group const& group, Block const& block, std::size_t py, Band c
     std::size_t const positions = (rows.count - 1) * plan.pitch + plan.parts[part].columns;
     RunPositions(group, block, part, rows.input, std::max(positions, Lanes()), results + px * outputs * pitch, pitch);
   }
-  for (std::size_t i = 0; i < outputs * rows.count; ++i) {
-    std::size_t const y = (rows.first + i % rows.count) * plan.phases_y + py;
-    rows::MergePhases(results + i / rows.count * pitch + i % rows.count * plan.pitch, outputs * pitch, plan.phases_x,
-                      s.out_width, group.output + (block.first + i / rows.count) * s.OutPlane() + y * s.out_width);
+  float* output = group.output + block.first * s.OutPlane() + (rows.first * plan.phases_y + py) * s.out_width;
+  for (std::size_t o = 0; o < outputs; ++o, output += s.OutPlane()) {
+    for (std::size_t r = 0; r < rows.count; ++r) {
+      rows::MergePhases(results + o * pitch + r * plan.pitch, outputs * pitch, plan.phases_x, s.out_width,
+                        output + r * plan.phases_y * s.out_width);
+    }
   }
 }
 

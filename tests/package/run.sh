@@ -14,6 +14,15 @@ warnings=(-std=c++17 -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
 cmake --install "$build_dir" --prefix "$prefix/installed" >"$prefix/install.log"
 python3 "$here/list_exports.py" "$include" >"$prefix/exports.inc"
 
+names=$(find "$prefix/installed" -name 'libtln_core*.debug')
+if [ -n "$names" ]; then
+  library=$(dirname "$names")/../$(basename "$names" .debug)
+  readelf -p .gnu_debuglink "$library" | grep -q "$(basename "$names")"
+  ! readelf -S "$library" | grep -qE ' \.(symtab|debug_info) '
+  readelf -s "$names" | grep -q ' talvo_'
+  echo "debug information: $(stat -c %s "$names") bytes apart from $(stat -c %s "$library") of the library"
+fi
+
 cmake -S "$here" -B "$prefix/build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix/installed" -DCMAKE_BUILD_TYPE=Release \
   -DEXPORTS="$prefix" >"$prefix/configure.log"
 cmake --build "$prefix/build"

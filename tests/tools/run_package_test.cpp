@@ -235,6 +235,37 @@ TEST_F(RunPackageTest, SaysTheSameForMachines) {
   EXPECT_EQ(parsed(RunWell("p.json --check --json").out)["findings"].Size(), 0u);
 }
 
+// The page is opened in a browser, clicked at, and read back.
+TEST_F(RunPackageTest, WritesAPageThatABrowserShows) {
+  if (std::system("command -v chromium >/dev/null") != 0) GTEST_SKIP() << "there is no chromium";
+  ModelBuilder const small = test::SmallModel();
+  small.model->extra_info.summary = "a </script> & <b>";
+  Save(*small.Package("small"), "p.json");
+  RunWell("p.json --input picture=in.npy --html page.html");
+  Write(folder_ / "clicked.html", ReadAll(folder_ / "page.html") + R"js(<script>
+    const seen = [read("#summary"), document.querySelectorAll(".node").length, document.querySelectorAll(".edge").length];
+    function read(selector) { return document.querySelector(selector).textContent; }
+    function click(selector) { document.querySelector(selector).dispatchEvent(new MouseEvent("click", {bubbles: true})); }
+    click(".node[data-layer='13']");
+    seen.push(read("#chosen"), read("[data-field='in_features'] dd"), read(".chart h3"));
+    seen.push([...document.querySelectorAll(".chart:first-child title")].reduce((sum, count) => sum + +count.textContent, 0));
+    click("[data-column='8']");
+    seen.push(read("tbody tr td:nth-child(2)"));
+  click("tbody tr");
+  seen.push(read("#chosen"));
+  click(".hit[data-layer='1']");
+  seen.push(read("#chosen"), document.querySelectorAll("#bars .bar").length > 0);
+  document.body.textContent = "seen: " + seen.join("|") + ".";
+  </script>)js");
+  std::string const browser =
+      "timeout 120 chromium --headless --no-sandbox --disable-gpu --user-data-dir=profile --dump-dom clicked.html";
+  ASSERT_EQ(std::system(("cd " + folder_.string() + " && " + browser + " >dom 2>/dev/null").c_str()), 0);
+  ExpectHolds(
+      ReadAll(folder_ / "dom"),
+      {"seen: p.json \u00b7 a &lt;/script&gt; &amp; &lt;b&gt;|22|26|dense|8|weight, 40 weights|40|sequence|sequence|"
+       "conv|true."});
+}
+
 TEST_F(RunPackageTest, WarnsByItself) {
   ModelBuilder builder;
   builder.AddInput("in");

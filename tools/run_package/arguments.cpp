@@ -60,7 +60,7 @@ bool ParsePreference(std::string const& word) {
 tools::Usage const kUsage = {
     "usage: run_package PACKAGE [--model ID] [--backend WORD] [--prefer fused] [--input LAYER=[LAYOUT:]FILE.npy]...\n"
     "                   [--output LAYER]... [--next [--input ...]...]... [--output-dir DIR] [--repeat N]\n"
-    "                   [--profile] [--trace FILE] [--json]\n"
+    "                   [--profile] [--trace FILE] [--html FILE] [--json]\n"
     "       run_package PACKAGE --list [--json]\n"
     "       run_package PACKAGE --check | --memory [--input LAYER=FILE.npy | --shape LAYER=1x28x28]... [--json]\n"
     "       run_package --help | --version",
@@ -77,6 +77,7 @@ tools::Usage const kUsage = {
     "  --repeat N             runs N times and tells first, minimum, median and 95th percentile\n"
     "  --profile              the time of each layer\n"
     "  --trace FILE           the layers of every repeat and the bytes of their tensors as Chrome trace events\n"
+    "  --html FILE            a page for a browser: graph, times, memory, histograms\n"
     "  --json                 everything that is printed, as JSON\n"
     "  --list                 what the package holds\n"
     "  --check                looks for slips, and tries the model where the extents of its inputs are given\n"
@@ -95,6 +96,7 @@ Arguments ParseArguments(int count, char const* const* words) {
       {"--output-dir", [&](Word word) { arguments.output_dir = word; }},
       {"--repeat", [&](Word word) { arguments.repeat = ParseRepeat(word); }},
       {"--shape", [&](Word word) { ParseShape(word, arguments); }},
+      {"--html", [&](Word word) { arguments.page = word; }},
       {"--trace", [&](Word word) { arguments.trace = word; }},
       {"--prefer", [&](Word word) { arguments.prefer_fused = ParsePreference(word); }},
   };

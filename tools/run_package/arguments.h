@@ -28,7 +28,7 @@ struct Arguments {
   bool profile = false;
   bool list = false;
   bool json = false;
-  std::string trace;  // file for the times of layers; empty: none
+  std::string trace, page;  // files for the times of layers and for a browser; empty: none
 };
 
 extern tools::Usage const kUsage;

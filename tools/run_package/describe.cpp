@@ -1,5 +1,6 @@
 #include "tools/run_package/describe.h"
 
+#include <cstdio>
 #include <iomanip>
 #include <memory>
 #include <ostream>
@@ -90,20 +91,10 @@ ModelFacts FactsOf(std::string const& id, TLNModel const& package) {
   return facts;
 }
 
-bool HasDate(TimeInfo const& time) { return time.year != 0; }
-
-// 2026-11-22 08:30:00
-std::string DateText(TimeInfo const& time) {
-  char text[80];
-  std::snprintf(text, sizeof text, "%04u-%02u-%02u %02u:%02u:%02u", time.year, time.moon, time.day, time.hour, time.min,
-                time.sec);
-  return text;
-}
-
 void PrintExtra(NetExtraInfo const& extra, std::ostream& out) {
   if (extra.model_base_h != 0 || extra.model_base_w != 0)
     out << "  base size " << extra.model_base_h << " x " << extra.model_base_w << " (height x width)\n";
-  if (HasDate(extra.time)) out << "  made " << DateText(extra.time) << "\n";
+  if (!DateOf(extra).empty()) out << "  made " << DateOf(extra) << "\n";
   if (!extra.device.empty()) out << "  for " << extra.device << "\n";
   if (!extra.summary.empty()) out << "  " << extra.summary << "\n";
 }
@@ -167,7 +158,7 @@ void Put(ModelFacts const& model, tools::Json& json) {
   json.Put("outputs", model.outputs);
   json.Put("base_height", extra.model_base_h);
   json.Put("base_width", extra.model_base_w);
-  json.Put("date", HasDate(extra.time) ? DateText(extra.time) : "");
+  json.Put("date", DateOf(extra));
   json.Put("device", extra.device);
   json.Put("summary", extra.summary);
   json.Objects("layers", model.layers, [&](LayerFacts const& layer) { Put(layer, json); });
@@ -192,6 +183,15 @@ void PutPackage(std::string const& path, TLNModel const& package, std::vector<Mo
 }
 
 }  // namespace
+
+std::string DateOf(NetExtraInfo const& extra) {
+  auto const& time = extra.time;
+  if (time.year == 0) return "";
+  char text[80];
+  std::snprintf(text, sizeof text, "%04u-%02u-%02u %02u:%02u:%02u", time.year, time.moon, time.day, time.hour, time.min,
+                time.sec);
+  return text;
+}
 
 void Describe(std::string const& path, TLNModel const& package, bool as_json, std::ostream& out) {
   std::vector<ModelFacts> models;

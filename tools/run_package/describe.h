@@ -13,4 +13,7 @@ namespace run_package {
 /// as float32; the kernels of each back end. As text or as JSON.
 void Describe(std::string const& path, talvo::runtime::TLNModel const& package, bool as_json, std::ostream& out);
 
+/// When a model was made, "2026-11-22 08:30:00", or nothing where it does not say.
+std::string DateOf(talvo::runtime::NetExtraInfo const& extra);
+
 }  // namespace run_package

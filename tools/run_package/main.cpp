@@ -10,6 +10,7 @@
 #include "tools/common/program.h"
 #include "tools/run_package/check.h"
 #include "tools/run_package/describe.h"
+#include "tools/run_package/page.h"
 #include "tools/run_package/report.h"
 #include "tools/run_package/trace.h"
 
@@ -41,36 +42,45 @@ std::optional<talvo::MemoryReport> MemoryOf(Arguments const& arguments, Session&
   return talvo::MeasureMemory(session.File(), *run.dims, OptionsOf(arguments));
 }
 
+void PrintJson(ProcessSummary const& process, std::vector<RunSummary> const& runs,
+               std::vector<std::string> const& warnings) {
+  tools::Json json;
+  PutProcess(process, json);
+  json.Objects("runs", runs, [&](RunSummary const& run) { PutRun(run, json); });
+  json.Put("warnings", warnings);
+  std::cout << json.Finish();
+  tools::Flush(std::cout);
+}
+
+void Print(ProcessSummary const& process, std::vector<std::string> const& warnings) {
+  PrintProcess(process, std::cout);
+  tools::Flush(std::cout);
+  for (std::string const& warning : warnings) std::fprintf(stderr, "%s\n", warning.c_str());
+}
+
 void RunAll(Arguments const& arguments) {
   Session session(arguments);
+  bool const several = arguments.runs.size() > 1;
+  bool const layers = arguments.profile || !arguments.trace.empty() || !arguments.page.empty();
   std::vector<RunResult> results;
   std::vector<RunSummary> runs;
   for (std::size_t i = 0; i < arguments.runs.size(); ++i) {
-    bool const several = arguments.runs.size() > 1;
-    results.push_back(session.Run(arguments.runs[i], arguments.repeat, arguments.profile || !arguments.trace.empty()));
+    if (i > 1) results.back().tensors = {};  // those of the first run are looked at below
+    results.push_back(session.Run(arguments.runs[i], arguments.repeat, layers));
     std::string const number = several && !arguments.output_dir.empty() ? "/" + std::to_string(i) : "";
     runs.push_back(Summarise(session, results.back(), arguments.output_dir + number));
-    results.back().tensors = {};
     if (arguments.json) continue;
     if (several) std::cout << "run " << i << "\n";
-    PrintRun(runs.back(), std::cout);
+    PrintRun(runs.back(), arguments.profile, std::cout);
   }
   ProcessSummary const process = {arguments.package, session.ModelId(), session.LoadMs(), PeakBytes()};
-  if (!arguments.trace.empty()) WriteTrace(arguments.trace, results, MemoryOf(arguments, session, results[0]));
+  bool const shows = !arguments.trace.empty() || !arguments.page.empty();
+  auto const memory = shows ? MemoryOf(arguments, session, results[0]) : std::nullopt;
   auto const warnings = Warnings(arguments, session, results[0]);
-  if (arguments.json) {
-    tools::Json json;
-    PutProcess(process, json);
-    json.Objects("runs", runs, [&](RunSummary const& run) { PutRun(run, json); });
-    json.Put("warnings", warnings);
-    std::cout << json.Finish();
-  } else {
-    PrintProcess(process, std::cout);
-  }
-  tools::Flush(std::cout);
-  for (std::string const& warning : warnings) {
-    if (!arguments.json) std::fprintf(stderr, "%s\n", warning.c_str());
-  }
+  if (!arguments.trace.empty()) WriteTrace(arguments.trace, results, memory);
+  if (!arguments.page.empty())
+    WritePage(arguments.page, PageData(session, results[0], runs[0], process, memory, warnings));
+  arguments.json ? PrintJson(process, runs, warnings) : Print(process, warnings);
 }
 
 void Run(Arguments const& arguments) {

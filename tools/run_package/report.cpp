@@ -46,16 +46,6 @@ void PrintLayers(std::vector<LayerSummary> const& layers, std::ostream& out) {
   }
 }
 
-void PutTime(char const* key, TimeSummary const& time, tools::Json& json) {
-  json.Object(key, [&] {
-    json.Put("first", time.first_ms);
-    json.Put("minimum", time.minimum_ms);
-    json.Put("median", time.median_ms);
-    json.Put("percentile_95", time.percentile95_ms);
-    json.Put("repeats", time.repeats);
-  });
-}
-
 void PutTensor(TensorSummary const& tensor, tools::Json& json) {
   json.Put("id", tensor.id);
   json.Put("dims", tensor.dims);
@@ -78,7 +68,7 @@ void PutTensor(TensorSummary const& tensor, tools::Json& json) {
 
 }  // namespace
 
-void PrintRun(RunSummary const& run, std::ostream& out) {
+void PrintRun(RunSummary const& run, bool layers, std::ostream& out) {
   for (TensorSummary const& output : run.outputs) PrintTensor(output, out);
   out << "time: " << Fixed(run.time.median_ms, 3) << " ms";
   if (run.time.repeats > 1) {
@@ -87,7 +77,17 @@ void PrintRun(RunSummary const& run, std::ostream& out) {
   }
   out << "\n";
   if (run.pool_bytes) out << "memory: the dynamic pool took " << *run.pool_bytes << " bytes\n";
-  if (!run.layers.empty()) PrintLayers(run.layers, out);
+  if (layers) PrintLayers(run.layers, out);
+}
+
+void PutTime(char const* key, TimeSummary const& time, tools::Json& json) {
+  json.Object(key, [&] {
+    json.Put("first", time.first_ms);
+    json.Put("minimum", time.minimum_ms);
+    json.Put("median", time.median_ms);
+    json.Put("percentile_95", time.percentile95_ms);
+    json.Put("repeats", time.repeats);
+  });
 }
 
 void PutRun(RunSummary const& run, tools::Json& json) {

@@ -10,11 +10,14 @@
 
 namespace run_package {
 
-/// Prints the outputs of a run, its times, what it took, and a table of its layers where they were asked for.
-void PrintRun(RunSummary const& run, std::ostream& out);
+/// Prints the outputs of a run, its times, what it took, and with `layers` a table of its layers.
+void PrintRun(RunSummary const& run, bool layers, std::ostream& out);
 
 /// Puts the members of a run into an object.
 void PutRun(RunSummary const& run, tools::Json& json);
+
+/// Puts times as an object.
+void PutTime(char const* key, TimeSummary const& time, tools::Json& json);
 
 /// What holds for all runs together.
 struct ProcessSummary {

@@ -128,6 +128,7 @@ struct RunTilesBody {
 // How a product reaches the sum of a plane: multiplied and then added, or by a fused step.
 struct TwoRoundings {
   static constexpr bool kFused = false;
+  static constexpr bool kIsInstructions = true;
   static constexpr std::size_t kRows = 4;  // of results at a time: they and their sums stay in registers
 
   static TALVO_ROWS_INLINE float Start(float start) { return start + 0.0f; }  // no -0.0f: a sum begins at a product
@@ -135,7 +136,8 @@ struct TwoRoundings {
 template <class Set>
 struct OneRounding {
   static constexpr bool kFused = true;
-  static constexpr std::size_t kRows = Set::kFuses ? 7 : 4;  // chains that hide the latency of their steps
+  static constexpr bool kIsInstructions = Set::kFuses;
+  static constexpr std::size_t kRows = Set::kFuses ? 7 : 1;  // chains that hide the latency of their steps
 
   static TALVO_ROWS_INLINE float Start(float start) { return start; }
 
@@ -299,6 +301,8 @@ struct RunPlaneBody {
   static TALVO_ROWS_INLINE void RunWidest(PlaneRun const& run) {
     if constexpr (kLanes > 1) {
       if (run.columns < kLanes) return RunWidest<(kLanes > 4 ? kLanes / 2 : 1), Step>(run);
+    }
+    if constexpr (kLanes > 1 && Step::kIsInstructions) {  // beside steps in software nothing else takes time
       bool const is_3x3 = run.kernel_rows == 3 && run.kernel_columns == 3;
       if (is_3x3 && run.input_row == run.kernel_row) return RunColumns<kLanes, Plane3x3<kLanes, Step, 1>>(run);
       if (is_3x3 && run.input_row == 2 * run.kernel_row) return RunColumns<kLanes, Plane3x3<kLanes, Step, 2>>(run);

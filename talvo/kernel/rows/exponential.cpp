@@ -252,6 +252,7 @@ struct ErfStep {
   }
 };
 
+// A part of a block goes through memory of its own, so that the step, which is long, is there once.
 template <class Step>
 struct MapBody {
   template <class Set>
@@ -264,14 +265,11 @@ struct MapBody {
     std::size_t const block = 0 < ahead && ahead < kBlock ? ahead : kBlock;
     for (std::size_t i = 0; i < n; i += block) {
       std::size_t const count = std::min(block, n - i);
-      if (count == kBlock) {
-        Step::Of(Floats::Load(x + i)).Store(y + i);
-      } else {
-        float part[kBlock] = {};
-        std::copy_n(x + i, count, part);
-        Step::Of(Floats::Load(part)).Store(part);
-        std::copy_n(part, count, y + i);
-      }
+      float part[kBlock];
+      bool const whole = count == kBlock;
+      if (!whole) std::fill(std::copy_n(x + i, count, part), part + kBlock, 0.0f);
+      Step::Of(Floats::Load(whole ? x + i : part)).Store(whole ? y + i : part);
+      if (!whole) std::copy_n(part, count, y + i);
     }
   }
 };

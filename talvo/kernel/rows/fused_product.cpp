@@ -1,6 +1,7 @@
 #include "talvo/kernel/rows/fused_product.h"
 
 #include <algorithm>
+#include <cstdint>
 
 #include "talvo/kernel/rows/fused_step.h"
 #include "talvo/kernel/rows/transpose.h"
@@ -74,18 +75,18 @@ struct Tile {
   }
 
   // Two at a time: what counts them would take its share of the processor from one at a time. Each two fetch a line of
-  // the weights ahead, so that some tiles fetch them all.
+  // the weights that follow these, so that some tiles fetch as many as these are; by number, for there may be none.
   TALVO_ROWS_INLINE void AddSteps(FusedTileRun const& run, std::size_t lane, std::size_t first) {
     constexpr std::size_t kLine = 16;
     float const* const weights = run.weights + lane;
     Tap const* step = run.steps;
-    std::size_t const lines = run.step_count / 2 * kLine;
-    [[maybe_unused]] float const* ahead = run.ahead;
-    if constexpr (kVectors == 4) ahead += std::min(first / kColumns * lines, run.step_count * run.lanes - lines);
+    std::size_t const all = run.step_count * run.lanes, share = run.step_count / 2 * kLine;
+    std::size_t const skipped = all + std::min(first / kColumns * share, all - share);
+    [[maybe_unused]] auto ahead = reinterpret_cast<std::uintptr_t>(run.weights) + skipped * sizeof(float);
     for (std::size_t pairs = run.step_count / 2; pairs > 0; --pairs, step += 2) {
       if constexpr (kVectors == 4) {
-        __builtin_prefetch(ahead);
-        ahead += kLine;
+        __builtin_prefetch(reinterpret_cast<void const*>(ahead));
+        ahead += kLine * sizeof(float);
       }
       AddTap(weights + step[0].weight, step[0].input);
       AddTap(weights + step[1].weight, step[1].input);

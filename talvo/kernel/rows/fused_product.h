@@ -32,7 +32,6 @@ struct FusedTileRun {
   Tap const* steps;
   std::size_t step_count;  // 0 leaves the starts
   float const* weights;
-  float const* ahead;   // as many weights, which the caller goes on to: they are fetched on the way
   std::size_t lanes;    // 1 .. kFusedBlock
   float const* starts;  // [lanes]
   float* results;

@@ -82,8 +82,10 @@ struct PositionTile {
   }
 
   // Two steps at a time: what counts them would take its share of the processor from one at a time.
-  TALVO_ROWS_INLINE void AddSteps(Tap const* step, std::size_t count, float const* weights, std::size_t output_step,
+  TALVO_ROWS_INLINE void AddSteps(PositionRun const& run, std::size_t channels, float const* weights,
                                   float const* input) {
+    std::size_t const output_step = run.output_step, count = channels * run.tap_count;
+    Tap const* step = run.steps;
     for (std::size_t pairs = count / 2; pairs > 0; --pairs, step += 2) {
       AddTap(weights + step[0].weight, output_step, input + step[0].input);
       AddTap(weights + step[1].weight, output_step, input + step[1].input);
@@ -91,23 +93,11 @@ struct PositionTile {
     if (count % 2 != 0) AddTap(weights + step->weight, output_step, input + step->input);
   }
 
-  TALVO_ROWS_INLINE void AddSingleTaps(PositionRun const& run, std::size_t channels, float const* weights,
-                                       float const* input) {
-    std::size_t const output_step = run.output_step, weight_plane = run.weight_plane, input_plane = run.input_plane;
-    for (std::size_t pairs = channels / 2; pairs > 0; --pairs) {
-      AddTap(weights, output_step, input);
-      AddTap(weights + weight_plane, output_step, input + input_plane);
-      weights += 2 * weight_plane, input += 2 * input_plane;
-    }
-    if (channels % 2 != 0) AddTap(weights, output_step, input);
-  }
-
   TALVO_ROWS_INLINE void AddChannels(PositionRun const& run, std::size_t channels, float const* weights,
                                      float const* input) {
-    if (kFused && run.steps == nullptr && run.tap_count == 1) return AddSingleTaps(run, channels, weights, input);
     for (std::size_t link; channels > 0; channels -= link) {
       link = std::min(channels, run.link);
-      AddSteps(run.steps, link * run.tap_count, weights, run.output_step, input);
+      AddSteps(run, link, weights, input);
       weights += link * run.weight_plane, input += link * run.input_plane;
     }
   }
@@ -138,7 +128,7 @@ template <class Set, int kOutputs, int kVectors>
 TALVO_ROWS_INLINE void RunSpan(PositionRun const& run, bool sums_links, std::size_t first, std::size_t end,
                                std::size_t at) {
   constexpr std::size_t kWide = kVectors * Set::kLanes;
-  constexpr std::size_t kLeast = kWide - Set::kLanes + 1;  // fewer positions are left to fewer vectors
+  constexpr std::size_t kLeast = kVectors > 1 ? 2 * Set::kLanes + 1 : 1;  // two vectors take less one by one
   for (; at + kLeast <= run.positions && kWide <= run.positions; at += kWide) {
     std::size_t const from = std::min(at, run.positions - kWide);
     for (std::size_t c = 0; c < run.channels; c += run.link) {
@@ -148,7 +138,7 @@ TALVO_ROWS_INLINE void RunSpan(PositionRun const& run, bool sums_links, std::siz
       }
     }
   }
-  if constexpr (kVectors > 1) RunSpan<Set, kOutputs, (kVectors > 3 ? 2 : 1)>(run, sums_links, first, end, at);
+  if constexpr (kVectors > 1) RunSpan<Set, kOutputs, 1>(run, sums_links, first, end, at);
 }
 
 // Takes kOutputs at a time from those that are left, as often as goes.

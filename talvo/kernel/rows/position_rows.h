@@ -17,7 +17,7 @@ struct PositionRun {
   std::size_t positions;       // 1 or more
   std::size_t channels, link;  // 1 or more each
   std::size_t input_plane;
-  Tap const* steps;       // [link * tap_count], of a link in order; null: one tap, at `input`, of a fused chain
+  Tap const* steps;       // [link * tap_count], of a link in order
   std::size_t tap_count;  // of a channel; 0 leaves the starts
   float const* weights;
   std::size_t weight_plane, output_step;
