@@ -66,7 +66,8 @@ if [ -x "$prefix/installed/bin/run_package" ]; then
     _talvo_tool "$prefix/installed/bin/run_package"
     [ "${COMPREPLY[*]}" = --check ]
   )
-  echo "tools: run_package runs where it is installed, and its options are completed"
+  grep -q '^\\fB\\-\\-check' "$prefix/installed/share/man/man1/run_package.1"
+  echo "tools: run_package runs where it is installed, and its options are completed and described"
 fi
 
 (cd "$include" && find . -name '*.h' -printf '%P\n') >"$prefix/headers"
