@@ -7,10 +7,6 @@
 #include "talvo/runtime/memory_pool.h"
 #include "talvo/utility/base64.h"
 
-#if defined(__has_feature)
-#define TALVO_MARKS_UNWRITTEN __has_feature(memory_sanitizer)
-#endif
-
 namespace talvo::certificate {
 namespace {
 
@@ -19,12 +15,8 @@ class FillingPool : public runtime::MemoryPool {
   void Clear() override {}
   void* Malloc(unsigned long size) override {
     void* const block = std::malloc(size);
-#if TALVO_MARKS_UNWRITTEN
-    return block;  // the memory sanitizer follows what nothing writes, until a digest reads it
-#else
     if (block != nullptr) std::memset(block, FillByte(), size);
     return block;
-#endif
   }
   void Free(void* pointer) override { std::free(pointer); }
   unsigned long HeapSize() const override { return 0; }
