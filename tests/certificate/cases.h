@@ -78,8 +78,10 @@ struct Operation {
   std::string name;    // "kernel/ReLU_Fallback_Float_M1"
   unsigned int cases;  // a number from 0 on and the name give the seed
   std::function<void(Draw&, Digest&)> run;
-  bool on_matrix_product = false;
 };
+
+/// Whether an operation of this name calls the matrix product of the platform.
+bool IsOnMatrixProduct(std::string const& name);
 
 std::vector<Operation> Kernels();    // every registered one, and those that are public only
 std::vector<Operation> Functions();  // free forms and layout conversions

@@ -479,7 +479,7 @@ std::vector<Operation> Kernels() {
         for (auto const& output : outputs) digest.Add(*output);
       }
     };
-    operations.push_back({"kernel/" + name, kCases, run, name.find("_SGEMM_") != std::string::npos});
+    operations.push_back({"kernel/" + name, kCases, run});
   }
   return operations;
 }

@@ -296,6 +296,24 @@ TEST_F(RunPackageTest, PrefersFusedKernels) {
   test::ExpectNearSum(portable.second, fused.second, 32, 32.0f);  // the inputs of a step
 }
 
+TEST_F(RunPackageTest, NamesTheFirstLayerAndElementThatDiffer) {
+  Save(*test::SmallModel().Package("small"), "p.json");
+  std::string const run = "p.json --input picture=in.npy --output sum ";
+  RunWell(run + "--manifest digests");
+  RunWell(run + "--manifest values --values --verify digests");
+  std::string lines = ReadAll(folder_ / "digests");
+  auto const at = lines.find('\n', lines.find("layer pool")) - 1;  // the last digit of the digest
+  lines[at] = lines[at] == '0' ? '1' : '0';
+  Write(folder_ / "other", lines);
+  ExpectError(run + "--verify other", "other: run 0,layer pool,output 0 (Pooling2D_Max_Fallback_Float_M1 [");
+  auto picture = test::Floats(1, 192);
+  picture[5] = 2.0f;
+  WriteNpy("in.npy", "<f4", "3, 8, 8", picture);
+  ExpectError(run + "--verify digests", "digests: run 0,layer picture,output 0");
+  ExpectError(run + "--verify values --values", "; element 5 is 40000000 here and ");
+  ExpectError(run + "--verify in.npy", "in.npy: is no manifest");
+}
+
 TEST_F(RunPackageTest, ReportsBadInputInOneLine) {
   auto const small = test::SmallModel().Package("small");
   Save(*small, "p.tlnmodel");

@@ -60,7 +60,8 @@ bool ParsePreference(std::string const& word) {
 tools::Usage const kUsage = {
     "usage: run_package PACKAGE [--model ID] [--backend WORD] [--prefer fused] [--input LAYER=[LAYOUT:]FILE.npy]...\n"
     "                   [--output LAYER]... [--next [--input ...]...]... [--output-dir DIR] [--repeat N]\n"
-    "                   [--profile] [--trace FILE] [--html FILE] [--json]\n"
+    "                   [--profile] [--trace FILE] [--html FILE] [--manifest FILE] [--verify FILE] [--values] "
+    "[--json]\n"
     "       run_package PACKAGE --list [--json]\n"
     "       run_package PACKAGE --check | --memory [--input LAYER=FILE.npy | --shape LAYER=1x28x28]... [--json]\n"
     "       run_package --help | --version",
@@ -78,6 +79,9 @@ tools::Usage const kUsage = {
     "  --profile              the time of each layer\n"
     "  --trace FILE           the layers of every repeat and the bytes of their tensors as Chrome trace events\n"
     "  --html FILE            a page for a browser: graph, times, memory, histograms\n"
+    "  --manifest FILE        writes digests of what each layer gave\n"
+    "  --verify FILE          compares with such a file and names the first layer that differs\n"
+    "  --values               the two with the elements: of the layer that differs the first one that does is told\n"
     "  --json                 everything that is printed, as JSON\n"
     "  --list                 what the package holds\n"
     "  --check                looks for slips, and tries the model where the extents of its inputs are given\n"
@@ -98,12 +102,15 @@ Arguments ParseArguments(int count, char const* const* words) {
       {"--shape", [&](Word word) { ParseShape(word, arguments); }},
       {"--html", [&](Word word) { arguments.page = word; }},
       {"--trace", [&](Word word) { arguments.trace = word; }},
+      {"--manifest", [&](Word word) { arguments.manifest = word; }},
+      {"--verify", [&](Word word) { arguments.verify = word; }},
       {"--prefer", [&](Word word) { arguments.prefer_fused = ParsePreference(word); }},
   };
   line.flags = {
       {"--next", [&] { arguments.runs.emplace_back(); }}, {"--profile", [&] { arguments.profile = true; }},
       {"--check", [&] { arguments.check = true; }},       {"--memory", [&] { arguments.memory = true; }},
       {"--list", [&] { arguments.list = true; }},         {"--json", [&] { arguments.json = true; }},
+      {"--values", [&] { arguments.values = true; }},
   };
   line.other = [&](Word word) {
     if (!arguments.package.empty())
@@ -115,9 +122,11 @@ Arguments ParseArguments(int count, char const* const* words) {
   bool const looks = arguments.check || arguments.memory;
   if (arguments.check && arguments.memory) throw UsageError("--check or --memory, not both");
   if (looks && (arguments.runs.size() > 1 || !arguments.outputs.empty() || arguments.list || arguments.profile ||
-                !arguments.trace.empty()))
+                !arguments.trace.empty() || !arguments.manifest.empty() || !arguments.verify.empty()))
     throw UsageError("--check and --memory take inputs and shapes alone");
   if (!looks && !arguments.shapes.empty()) throw UsageError("--shape goes with --check or --memory");
+  if (arguments.values && arguments.manifest.empty() && arguments.verify.empty())
+    throw UsageError("--values goes with --manifest or --verify");
   return arguments;
 }
 

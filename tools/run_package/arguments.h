@@ -28,7 +28,9 @@ struct Arguments {
   bool profile = false;
   bool list = false;
   bool json = false;
-  std::string trace, page;  // files for the times of layers and for a browser; empty: none
+  std::string trace, page;       // files for the times of layers and for a browser; empty: none
+  std::string manifest, verify;  // files of digests of the layers, to be written and to be compared with; empty: none
+  bool values = false;           // with the elements
 };
 
 extern tools::Usage const kUsage;

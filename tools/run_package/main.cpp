@@ -10,6 +10,7 @@
 #include "tools/common/program.h"
 #include "tools/run_package/check.h"
 #include "tools/run_package/describe.h"
+#include "tools/run_package/manifest.h"
 #include "tools/run_package/page.h"
 #include "tools/run_package/report.h"
 #include "tools/run_package/trace.h"
@@ -61,18 +62,22 @@ void Print(ProcessSummary const& process, std::vector<std::string> const& warnin
 void RunAll(Arguments const& arguments) {
   Session session(arguments);
   bool const several = arguments.runs.size() > 1;
-  bool const layers = arguments.profile || !arguments.trace.empty() || !arguments.page.empty();
+  bool const digests = !arguments.manifest.empty() || !arguments.verify.empty();
+  bool const layers = arguments.profile || !arguments.trace.empty() || !arguments.page.empty() || digests;
   std::vector<RunResult> results;
   std::vector<RunSummary> runs;
+  std::vector<ManifestLine> manifest;
   for (std::size_t i = 0; i < arguments.runs.size(); ++i) {
     if (i > 1) results.back().tensors = {};  // those of the first run are looked at below
     results.push_back(session.Run(arguments.runs[i], arguments.repeat, layers));
+    if (digests) AddToManifest(i, results.back(), arguments.values, manifest);
     std::string const number = several && !arguments.output_dir.empty() ? "/" + std::to_string(i) : "";
     runs.push_back(Summarise(session, results.back(), arguments.output_dir + number));
     if (arguments.json) continue;
     if (several) std::cout << "run " << i << "\n";
     PrintRun(runs.back(), arguments.profile, std::cout);
   }
+  if (!arguments.manifest.empty()) WriteManifest(arguments.manifest, manifest);
   ProcessSummary const process = {arguments.package, session.ModelId(), session.LoadMs(), PeakBytes()};
   bool const shows = !arguments.trace.empty() || !arguments.page.empty();
   auto const memory = shows ? MemoryOf(arguments, session, results[0]) : std::nullopt;
@@ -81,6 +86,7 @@ void RunAll(Arguments const& arguments) {
   if (!arguments.page.empty())
     WritePage(arguments.page, PageData(session, results[0], runs[0], process, memory, warnings));
   arguments.json ? PrintJson(process, runs, warnings) : Print(process, warnings);
+  if (!arguments.verify.empty()) VerifyManifest(arguments.verify, manifest);
 }
 
 void Run(Arguments const& arguments) {
