@@ -17,9 +17,9 @@ python3 "$here/list_exports.py" "$include" >"$prefix/exports.inc"
 names=$(find "$prefix/installed" -name 'libtln_core*.debug')
 if [ -n "$names" ]; then
   library=$(dirname "$names")/../$(basename "$names" .debug)
-  readelf -p .gnu_debuglink "$library" | grep -q "$(basename "$names")"
-  ! readelf -S "$library" | grep -qE ' \.(symtab|debug_info) '
-  readelf -s "$names" | grep -q ' talvo_'
+  sections=$(readelf -SW "$library")
+  [[ $sections == *.gnu_debuglink* && $sections != *.symtab* ]]
+  [[ $(readelf -sW "$names") == *talvo_model_run* ]]
   echo "debug information: $(stat -c %s "$names") bytes apart from $(stat -c %s "$library") of the library"
 fi
 

@@ -252,24 +252,33 @@ struct ErfStep {
   }
 };
 
-// A part of a block goes through memory of its own, so that the step, which is long, is there once.
 template <class Step>
 struct MapBody {
   template <class Set>
   static TALVO_ROWS_INLINE void Run(float const* x, std::size_t n, float* y) {
     using Floats = typename Step::template Floats<Set>;
     constexpr std::size_t kBlock = Floats::kCount;
+    // The step is long: the wider sets have it once, for blocks and for a part that is copied. The baseline, which has
+    // few registers, would be slower.
+    constexpr bool kOnce = Set::kLanes > 4;
     // Elements from x to y, wrapping: a y that begins inside the first block of x must be read before it is written.
     std::size_t const ahead =
         (reinterpret_cast<std::uintptr_t>(y) - reinterpret_cast<std::uintptr_t>(x)) / sizeof(float);
     std::size_t const block = 0 < ahead && ahead < kBlock ? ahead : kBlock;
     for (std::size_t i = 0; i < n; i += block) {
       std::size_t const count = std::min(block, n - i);
-      float part[kBlock];
       bool const whole = count == kBlock;
-      if (!whole) std::fill(std::copy_n(x + i, count, part), part + kBlock, 0.0f);
-      Step::Of(Floats::Load(whole ? x + i : part)).Store(whole ? y + i : part);
-      if (!whole) std::copy_n(part, count, y + i);
+      if (!kOnce && whole) {
+        Step::Of(Floats::Load(x + i)).Store(y + i);
+      } else {
+        float part[kBlock];
+        if (!whole) {
+          std::fill_n(part, kBlock, 0.0f);
+          std::copy_n(x + i, count, part);
+        }
+        Step::Of(Floats::Load(kOnce && whole ? x + i : part)).Store(kOnce && whole ? y + i : part);
+        if (!whole) std::copy_n(part, count, y + i);
+      }
     }
   }
 };
