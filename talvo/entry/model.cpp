@@ -299,7 +299,9 @@ ModelOutputs Model::Parts::Forward(std::vector<ModelInput> const& given, std::ve
     results.content_ = std::make_shared<ModelOutputs::Content>(
         context, layer_ids, package->net->Forward(package->inputs, wanted, context, times, nullptr));
     return results;
-  } catch (std::runtime_error const& refusal) {
+  } catch (std::bad_alloc const&) {
+    throw;
+  } catch (std::exception const& refusal) {  // an unknown operation is no std::runtime_error
     Refuse(prefix + LayerRefusal(RefusalText(refusal)));
   }
 }
