@@ -1,7 +1,8 @@
 // Matrix-product kernels beside their yardsticks: full connections beside a sum over the same weights and the plain
-// loops, pointwise convolution beside the bare product.
+// loops; pointwise convolution, rows through a dense layer and products of two tensors beside the bare product.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -15,6 +16,7 @@
 #include "talvo/runtime/device_cpu.h"
 #include "talvo/runtime/tensor_cpu.h"
 #include "talvo/serialization/layer_info_conv.h"
+#include "talvo/serialization/layer_info_tensor.h"
 #include "talvo/utility/base64.h"
 
 namespace talvo::bench {
@@ -150,6 +152,89 @@ BENCHMARK_CAPTURE(BareProduct, kWide, kWide)->Name("Pointwise/128to256_28x28/bar
 BENCHMARK_CAPTURE(Pointwise, kWide, kWide)->Name("Pointwise/128to256_28x28/SGEMM");
 BENCHMARK_CAPTURE(BareProduct, kLarge, kLarge)->Name("Pointwise/64to128_56x56/bare_product");
 BENCHMARK_CAPTURE(Pointwise, kLarge, kLarge)->Name("Pointwise/64to128_56x56/SGEMM");
+
+// `batch` products of [m, k] and [k, n].
+struct Products {
+  unsigned int batch, m, k, n;
+
+  std::size_t Left() const { return std::size_t{batch} * m * k; }
+  std::size_t Right() const { return std::size_t{batch} * k * n; }
+  std::size_t Results() const { return std::size_t{batch} * m * n; }
+  void Count(benchmark::State& state) const {
+    state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(Results() * k));
+  }
+};
+
+void PlainProducts(benchmark::State& state, Products shape) {
+  auto const a = Ramp(shape.Left()), b = Ramp(shape.Right());
+  std::vector<float> y(shape.Results());
+  for (auto _ : state) {
+    std::fill(y.begin(), y.end(), 0.0f);
+    for (std::size_t row = 0; row < std::size_t{shape.batch} * shape.m; ++row) {
+      float const* const right = b.data() + row / shape.m * shape.k * shape.n;
+      for (std::size_t p = 0; p < shape.k; ++p) {
+        for (std::size_t j = 0; j < shape.n; ++j) y[row * shape.n + j] += a[row * shape.k + p] * right[p * shape.n + j];
+      }
+    }
+    benchmark::ClobberMemory();
+  }
+  shape.Count(state);
+}
+
+void BareProducts(benchmark::State& state, Products shape) {
+  auto const a = Ramp(shape.Left()), b = Ramp(shape.Right());
+  std::vector<float> y(shape.Results());
+  for (auto _ : state) {
+    for (std::size_t i = 0; i < shape.batch; ++i) {
+      kernel::Sgemm(static_cast<int>(shape.m), static_cast<int>(shape.k), static_cast<int>(shape.n), 1.0f,
+                    a.data() + i * shape.m * shape.k, b.data() + i * shape.k * shape.n, 0.0f,
+                    y.data() + i * shape.m * shape.n);
+    }
+    benchmark::ClobberMemory();
+  }
+  shape.Count(state);
+}
+
+void MatMul(benchmark::State& state, Products shape) {
+  std::shared_ptr<runtime::Context> context;
+  utility::create_context(context, 64);
+  kernel::MatMul_Fallback_Float_M1 kernel;
+  kernel.Config(std::make_shared<runtime::BroadcastOperatorInfo>(), nullptr, context);
+  auto& device = *context->device_cpu;
+  auto const a = device.CreateF32FlexiableMainMemory({shape.batch, shape.m, shape.k}, Ramp(shape.Left()).data());
+  auto const b = device.CreateF32FlexiableMainMemory({shape.batch, shape.k, shape.n}, Ramp(shape.Right()).data());
+  std::vector<std::shared_ptr<runtime::Tensor>> outputs;
+  for (auto _ : state) kernel.Forward({a, b}, outputs, context);
+  shape.Count(state);
+}
+
+void DenseRows(benchmark::State& state, Products shape) {
+  std::shared_ptr<runtime::Context> context;
+  utility::create_context(context, 64);
+  auto const layer = std::make_shared<runtime::FullConnectionInfo>();
+  layer->in_features = static_cast<unsigned short>(shape.k);
+  layer->out_features = static_cast<unsigned short>(shape.n);
+  layer->weight = WeightText(Ramp(shape.Right()));
+  kernel::FullConnection_Fallback_SC_Float_M1 kernel;
+  kernel.Config(layer, nullptr, context);
+  runtime::TensorShape const rows({shape.m, shape.k}, runtime::TensorShape::FLOAT32, runtime::TensorShape::SC,
+                                  runtime::TensorShape::MainMemory, {});
+  auto const x = context->device_cpu->CreateTensor(rows, Ramp(shape.Left()).data());
+  std::vector<std::shared_ptr<runtime::Tensor>> outputs;
+  for (auto _ : state) kernel.Forward({x}, outputs, context);
+  shape.Count(state);
+}
+
+constexpr Products kHeads = {8, 64, 64, 64}, kScores = {12, 197, 64, 197}, kRows = {1, 197, 256, 768};
+BENCHMARK_CAPTURE(PlainProducts, kHeads, kHeads)->Name("MatMul/8x64x64x64/plain_loops");
+BENCHMARK_CAPTURE(BareProducts, kHeads, kHeads)->Name("MatMul/8x64x64x64/bare_product");
+BENCHMARK_CAPTURE(MatMul, kHeads, kHeads)->Name("MatMul/8x64x64x64/Fallback");
+BENCHMARK_CAPTURE(PlainProducts, kScores, kScores)->Name("MatMul/12x197x64x197/plain_loops");
+BENCHMARK_CAPTURE(BareProducts, kScores, kScores)->Name("MatMul/12x197x64x197/bare_product");
+BENCHMARK_CAPTURE(MatMul, kScores, kScores)->Name("MatMul/12x197x64x197/Fallback");
+BENCHMARK_CAPTURE(PlainProducts, kRows, kRows)->Name("FullConnection_rows/197x256to768/plain_loops");
+BENCHMARK_CAPTURE(BareProducts, kRows, kRows)->Name("FullConnection_rows/197x256to768/bare_product");
+BENCHMARK_CAPTURE(DenseRows, kRows, kRows)->Name("FullConnection_rows/197x256to768/Fallback");
 
 }  // namespace
 }  // namespace talvo::bench

@@ -6,11 +6,13 @@
 #include <cmath>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "bench/blas_in_use.h"
 #include "bench/yardsticks.h"
 #include "talvo/entry/create_context.h"
+#include "talvo/entry/model.h"
 #include "talvo/entry/register_fused_operators.h"
 #include "talvo/entry/register_operators.h"
 #include "talvo/runtime/create_net.h"
@@ -270,6 +272,33 @@ void Construct(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * 100);
 }
 BENCHMARK(Construct)->Unit(benchmark::kMicrosecond);
+
+// What the facade adds to a run: two layers of 16 elements by Net::Forward, the yardstick, and by Model::Run, with a
+// tensor and with floats.
+void RunTwoLayers(benchmark::State& state) {
+  test::ModelBuilder builder;
+  builder.AddInput("in");
+  builder.Add<ActivationInfo>("relu", {"in"}, "ReLU_Fallback_Float_M1");
+  builder.model->squential_output_ids = {"relu"};
+  ClassRegistry<std::shared_ptr<IKernel>> kernels;
+  ClassRegistry<std::shared_ptr<InferenceParam>> params;
+  utility::init_register_operators(kernels, params);
+  Model model(*builder.Package("m"));
+  auto const& context = model.Context();
+  auto const net = CreateNet(builder.model, builder.config, kernels, context);
+  float const values[16] = {};
+  std::shared_ptr<Tensor> const tensor = context->device_cpu->CreateF32CMainMemory(16, values);
+  std::unordered_map<unsigned int, std::shared_ptr<Tensor>> const by_layer = {{0, tensor}};
+  std::vector<unsigned int> const wanted = {1};
+  for (auto _ : state) {
+    if (state.range(0) == 0) benchmark::DoNotOptimize(net->Forward(by_layer, wanted, context, nullptr, nullptr));
+    if (state.range(0) == 1) benchmark::DoNotOptimize(model.Run({{"in", tensor}}));
+    if (state.range(0) == 2) benchmark::DoNotOptimize(model.Run({{"in", values, {16}}}));
+  }
+  state.SetLabel(std::vector<char const*>{"Net::Forward", "Model::Run, tensor", "Model::Run, floats"}.at(
+      static_cast<std::size_t>(state.range(0))));
+}
+BENCHMARK(RunTwoLayers)->ArgName("way")->DenseRange(0, 2);
 
 }  // namespace
 }  // namespace talvo::bench

@@ -42,8 +42,9 @@ std::string WeightText(std::vector<float> const& values) {
 
 // Weights of one layer and direction, and a cell as plain as it can be written.
 struct PlainCell {
-  PlainCell(unsigned int gate_count, unsigned int width, std::size_t seed)
+  PlainCell(unsigned int gate_count, unsigned int width, std::size_t seed, bool before = false)
       : gates(gate_count),
+        resets_before(before),
         in_size(width),
         ih(Weights(std::size_t{gates} * kHidden * width, seed)),
         hh(Weights(std::size_t{gates} * kHidden * kHidden, seed + 1)),
@@ -69,7 +70,18 @@ struct PlainCell {
   void Step(float const* x) {
     Connect(x, in_size, ih, bias_ih, a);
     Connect(h.data(), kHidden, hh, bias_hh, b);
+    if (resets_before) ConnectReset();
     Gates();
+  }
+
+  // The last gate takes the product of r * h, not r times that of h.
+  void ConnectReset() {
+    std::vector<float> reset(kHidden), last(kHidden);
+    for (std::size_t j = 0; j < kHidden; ++j) reset[j] = Sigmoid(SumOf(0, j)) * h[j];
+    std::vector<float> const weight(hh.end() - kHidden * kHidden, hh.end()),
+        bias(bias_hh.end() - kHidden, bias_hh.end());
+    Connect(reset.data(), kHidden, weight, bias, last);
+    std::copy(last.begin(), last.end(), b.end() - kHidden);
   }
 
   void Gates() {
@@ -80,13 +92,15 @@ struct PlainCell {
         h[j] = std::tanh(c[j]) * Sigmoid(SumOf(3, j));
       } else {
         float const r = Sigmoid(SumOf(0, j)), z = Sigmoid(SumOf(1, j));
-        float const n = std::tanh(a[2 * kHidden + j] + b[2 * kHidden + j] * r);
+        float const n = std::tanh(a[2 * kHidden + j] + b[2 * kHidden + j] * (resets_before ? 1.0f : r));
         h[j] = n - z * (n - h[j]);
       }
     }
   }
 
-  unsigned int gates, in_size;
+  unsigned int gates;
+  bool resets_before;
+  unsigned int in_size;
   std::vector<float> ih, hh, bias_ih, bias_hh, a, b, h, c;
 };
 
@@ -95,6 +109,7 @@ struct Shape {
   unsigned short num_layers;
   bool bidirectional;
   unsigned int steps;
+  bool resets_before = false;
 
   unsigned int Directions() const { return bidirectional ? 2 : 1; }
   unsigned int Width(std::size_t layer) const { return layer == 0 ? kIn : Directions() * kHidden; }
@@ -111,7 +126,7 @@ struct Shape {
 std::vector<PlainCell> PlainStack(Shape const& shape) {
   std::vector<PlainCell> cells;
   for (std::size_t at = 0; at < std::size_t{shape.num_layers} * shape.Directions(); ++at) {
-    cells.emplace_back(shape.gates, shape.Width(at / shape.Directions()), 10 * at);
+    cells.emplace_back(shape.gates, shape.Width(at / shape.Directions()), 10 * at, shape.resets_before);
   }
   return cells;
 }
@@ -258,6 +273,13 @@ void RegisterCells(std::string const& family, unsigned int gates) {
   }
 }
 
+void RegisterResetBefore() {
+  Shape const shape = {3, 1, false, 100, true};
+  using Kernel = kernel::GRUResetBefore_Fallback_SC_F32_M1;
+  benchmark::RegisterBenchmark("GRUResetBefore/1_layer/plain_cell", PlainSequence, shape);
+  benchmark::RegisterBenchmark("GRUResetBefore/1_layer/Fallback", Sequence<Kernel, runtime::GRUInfo>, shape, true);
+}
+
 }  // namespace
 }  // namespace talvo::bench
 
@@ -272,5 +294,6 @@ int main(int argc, char** argv) {
                               LSTMCell_Fused_C_F32_M1>("LSTM", 4);
   talvo::bench::RegisterCells<GRUCellInfo, GRUCell_Fallback_C_F32_M1, GRUCell_ARM_C_F32_M1, GRUCell_SGEMM_C_F32_M1,
                               GRUCell_Fused_C_F32_M1>("GRU", 3);
+  talvo::bench::RegisterResetBefore();
   return talvo::bench::RunOnOneBlasThread(argc, argv);
 }

@@ -29,13 +29,18 @@ def convert(module: torch.nn.Module, example: torch.Tensor, name: str = "model")
     import torch
     from torch.fx.passes.shape_prop import ShapeProp
 
+    if not (isinstance(module, torch.nn.Module) and isinstance(example, torch.Tensor)):
+        raise ValueError(f"needs a module and a tensor, not {type(module).__name__} and {type(example).__name__}")
+    stage = "the module does not take the example"
     try:
-        traced = torch.fx.symbolic_trace(module.eval())
-        traced.graph.eliminate_dead_code()
         with torch.no_grad():
-            ShapeProp(traced).propagate(example)
+            module.eval()(example.clone())  # modules may write to it
+            stage = "torch.fx cannot trace the module"
+            traced = torch.fx.symbolic_trace(module)
+            traced.graph.eliminate_dead_code()
+            ShapeProp(traced).propagate(example.clone())
     except Exception as error:  # of many kinds, from the module's own code among them
-        raise ValueError(f"torch.fx cannot trace the module: {error}") from error
+        raise ValueError(f"{stage}: {' '.join(str(error).split())}") from error
     walk = _Walk(traced, name)
     for node in traced.graph.nodes:
         try:
@@ -55,6 +60,8 @@ class _Walk:
         self.folded: dict[Any, Any] = {}  # a node of a normalisation by the node of the convolution that takes it in
 
     def visit(self, node: torch.fx.Node) -> None:
+        if _writes_in_place(self.traced, node) and self.is_read_later(node):
+            raise ValueError("in place on a value that is read again")
         if node.op == "placeholder":
             if self.values:
                 raise ValueError("a second input")
@@ -71,6 +78,15 @@ class _Walk:
                 raise ValueError("more than one output")
         else:
             raise ValueError("a parameter that is no layer's")
+
+    def is_read_later(self, node: torch.fx.Node) -> bool:
+        """Whether a node behind this one reads the memory of its operand."""
+        value = node.args[0]
+        while not any(user is not node and user not in self.values for user in value.users):
+            if value.op == "placeholder" or _what(self.traced, value) not in _VIEWS:
+                return False
+            value = value.args[0]
+        return True
 
     def source(self, node: torch.fx.Node, dims: tuple[int, ...] | None = None) -> str:
         """The first operand of a node, as a tensor of `dims`."""
@@ -99,6 +115,12 @@ def _what(traced: torch.fx.GraphModule, node: torch.fx.Node) -> str:
     if node.op == "call_module":
         return type(traced.get_submodule(node.target)).__name__
     return getattr(node.target, "__name__", str(node.target))
+
+
+def _writes_in_place(traced: torch.fx.GraphModule, node: torch.fx.Node) -> bool:
+    if node.op == "call_module":
+        return getattr(traced.get_submodule(node.target), "inplace", False)
+    return node.kwargs.get("inplace", _what(traced, node) == "relu" and len(node.args) > 1 and node.args[1])
 
 
 def _shape(node: torch.fx.Node) -> tuple[int, ...]:
@@ -142,6 +164,8 @@ def _folded(walk: _Walk, node: Any, weight: np.ndarray, bias: np.ndarray | None)
 
 
 def _statistics(norm: Any) -> tuple[Any, ...]:
+    if norm.running_mean is None:
+        raise ValueError("it keeps no running statistics")
     return (_array(norm.running_mean), _array(norm.running_var), _array(norm.weight), _array(norm.bias), norm.eps)
 
 
@@ -305,6 +329,8 @@ def _item(walk: _Walk, node: Any) -> None:
 
 def _binary(name: str) -> Callable:
     def enter(walk: _Walk, node: Any) -> None:
+        if node.kwargs:
+            raise ValueError(f"with {', '.join(node.kwargs)}")
         a, b = node.args
         shape = _shape(node)
         if not (hasattr(a, "op") and hasattr(b, "op")):
@@ -343,6 +369,8 @@ def _transpose(walk: _Walk, node: Any) -> None:
     before = _shape(node.args[0])
     axes = list(range(len(before)))
     first, second = (axis - 1 if axis > 0 else axis + len(before) for axis in node.args[1:3])
+    if not (0 <= first < len(before) and 0 <= second < len(before)):
+        raise ValueError("a transposition of the batch")
     axes[first], axes[second] = axes[second], axes[first]
     made = walk.net.permute(node.name, walk.source(node, before), axes)
     walk.put(node, walk.net.reshape(f"{node.name}/shape", made, _shape(node)), _shape(node))
@@ -379,3 +407,6 @@ _FUNCTIONS: dict[str, Callable] = {
     "stochastic_depth": _dropout(3), "sub": _binary("sub"), "sum": _reduction("sum"), "tanh": _activation("tanh"),
     "transpose": _transpose, "truediv": _binary("div"), "view": _reshape,
 }
+# What may give its operand's memory another name.
+_VIEWS = {"Dropout", "Dropout2d", "Flatten", "Identity", "contiguous", "dropout", "flatten", "getitem", "reshape",
+          "stochastic_depth", "transpose", "view"}

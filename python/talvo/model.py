@@ -57,7 +57,7 @@ def check(path: str | os.PathLike, shapes: Mapping[str, Sequence[int]] | None = 
     options, needed = _options(model, backend, prefer_fused), ctypes.c_size_t()
     text = ctypes.create_string_buffer(1 << 16)
     while True:
-        status = library().talvo_package_check(os.fsencode(path), options, tensors, len(shapes or {}), text, len(text),
+        status = library().talvo_package_check(_text(path), options, tensors, len(shapes or {}), text, len(text),
                                              ctypes.byref(needed))
         if status != TOO_SMALL:
             break
@@ -91,7 +91,7 @@ class Model:
         if isinstance(package, bytes):
             require(library().talvo_model_open_bytes(package, len(package), options, handle))
         else:
-            require(library().talvo_model_open(os.fsencode(package), options, handle))
+            require(library().talvo_model_open(_text(package), options, handle))
         self.inputs = self._ports(library().talvo_model_input_count, library().talvo_model_input)
         self.outputs = self._ports(library().talvo_model_output_count, library().talvo_model_output)
 
@@ -107,7 +107,9 @@ class Model:
         The rank picks the layout: 1 C, 2 SC, 3 CHW, otherwise FLEXIABLE. Recurrent layers keep their state.
         """
         tensors, kept = _tensors(inputs)
-        ids = [os.fsencode(name) for name in outputs or []]
+        if isinstance(outputs, str):
+            raise TypeError("outputs is a list of ids, not one")
+        ids = [_text(name) for name in outputs or []]
         names = (ctypes.c_char_p * len(ids))(*ids)
         require(library().talvo_model_run(self._handle, tensors, len(kept), names, len(ids)))
         return {name: self._result(name) for name in outputs or [port.id for port in self.outputs]}
@@ -146,15 +148,23 @@ class Model:
 
 
 def _options(model: str | None, backend: str | None, prefer_fused: bool):
-    return ctypes.byref(Options(ctypes.sizeof(Options), model and os.fsencode(model), backend and os.fsencode(backend),
-                                prefer_fused))
+    return ctypes.byref(Options(ctypes.sizeof(Options), model and _text(model), backend and _text(backend), prefer_fused))
+
+
+def _text(text: str | os.PathLike) -> bytes:
+    encoded = os.fsencode(text)
+    if b"\0" in encoded:  # where C would end it
+        raise TalvoError(f"{text!r} holds a zero")
+    return encoded
 
 
 def _describe(tensor: Tensor, name: str, shape: Sequence[int]) -> None:
     if len(shape) > MAXIMUM_RANK:
         raise TalvoError(f'input "{name}": {len(shape)} extents, at most {MAXIMUM_RANK} are served')
     tensor.size = ctypes.sizeof(Tensor)
-    tensor.id = os.fsencode(name)
+    if not all(0 <= extent < 1 << 32 for extent in shape):
+        raise TalvoError(f'input "{name}": an extent of {list(shape)} is not within 0 to {(1 << 32) - 1}')
+    tensor.id = _text(name)
     tensor.layout = LAYOUT_BY_RANK
     tensor.rank = len(shape)
     tensor.dims[: len(shape)] = list(shape)

@@ -220,11 +220,13 @@ void Model::Parts::NamePorts(TLModelInfo const& model) {
     return ModelPort{(*layer_ids)[layer],
                      sized ? std::vector<unsigned int>{0, height, width} : std::vector<unsigned int>()};
   };
+  package->inputs.clear();  // the slot of layer 0, which may be no input
   for (unsigned int layer = 0; layer < layer_ids->size(); ++layer) {
-    if (package->net->layers[layer]->type == "Input") inputs.push_back(port(layer, told));
+    if (package->net->layers[layer]->type != "Input") continue;
+    inputs.push_back(port(layer, told));
+    package->inputs.emplace(layer, nullptr);
   }
   for (unsigned int layer : package->output_ids) outputs.push_back(port(layer, false));
-  package->inputs.clear();
 }
 
 unsigned int Model::Parts::LayerOf(std::string_view layer) const {
@@ -234,14 +236,13 @@ unsigned int Model::Parts::LayerOf(std::string_view layer) const {
          "\"; nearest: " + Listed(NearestNames(std::string(layer), *layer_ids)));
 }
 
-std::vector<unsigned int> Model::Parts::Wanted(std::vector<std::string> const& ids) const {
-  if (ids.empty()) return package->output_ids;
-  std::vector<unsigned int> wanted;
+std::vector<unsigned int> Model::Parts::LayersOf(std::vector<std::string> const& ids) const {
+  std::vector<unsigned int> layers;
   for (std::string const& output : ids) {
     unsigned int const layer = LayerOf(output);
-    if (std::find(wanted.begin(), wanted.end(), layer) == wanted.end()) wanted.push_back(layer);
+    if (std::find(layers.begin(), layers.end(), layer) == layers.end()) layers.push_back(layer);
   }
-  return wanted;
+  return layers;
 }
 
 std::string Model::Parts::KernelName(unsigned int layer) const {
@@ -268,24 +269,26 @@ void Model::Parts::SetInputs(std::vector<ModelInput> const& given, std::vector<u
     } catch (std::runtime_error const& refusal) {
       Refuse(prefix + "input \"" + std::string(input.id) + "\": " + RefusalText(refusal));
     }
-    if (!package->inputs.emplace(layer, std::move(tensor)).second) {
-      Refuse(prefix + "input \"" + std::string(input.id) + "\" is given twice");
-    }
+    auto& slot = package->inputs.at(layer);
+    if (slot != nullptr) Refuse(prefix + "input \"" + std::string(input.id) + "\" is given twice");
+    slot = std::move(tensor);
   }
   // An input behind the last output that is wanted is never reached by the walk.
   unsigned int const last = wanted.empty() ? 0 : *std::max_element(wanted.begin(), wanted.end());
   for (auto const& [input, layer] : package->net->input_ids) {
-    if (layer > last || package->inputs.count(layer) != 0) continue;
+    if (layer > last || package->inputs.at(layer) != nullptr) continue;
     Refuse(prefix + "input \"" + input + "\" has no tensor");
   }
 }
 
-ModelOutputs Model::Parts::Forward(std::vector<ModelInput> const& given, std::vector<unsigned int> const& wanted,
+ModelOutputs Model::Parts::Forward(std::vector<ModelInput> const& given, std::vector<std::string> const& outputs_by_id,
                                    std::vector<float>* times) {
+  auto const named = LayersOf(outputs_by_id);
+  auto const& wanted = named.empty() ? package->output_ids : named;
   // On every way out the caller's tensors are let go, and its next ones are long-lived again.
   struct LetGo {
     ~LetGo() {
-      parts.package->inputs.clear();
+      for (auto& [layer, tensor] : parts.package->inputs) tensor = nullptr;
       if (parts.context->device_cpu != nullptr) parts.context->device_cpu->use_dynamic_pool = false;
     }
     Parts& parts;
@@ -296,7 +299,9 @@ ModelOutputs Model::Parts::Forward(std::vector<ModelInput> const& given, std::ve
     results.content_ = std::make_shared<ModelOutputs::Content>(
         context, layer_ids, package->net->Forward(package->inputs, wanted, context, times, nullptr));
     return results;
-  } catch (std::runtime_error const& refusal) {
+  } catch (std::bad_alloc const&) {
+    throw;
+  } catch (std::exception const& refusal) {  // an unknown operation is no std::runtime_error
     Refuse(prefix + LayerRefusal(RefusalText(refusal)));
   }
 }
@@ -379,13 +384,13 @@ std::vector<ModelPort> const& Model::Outputs() const { return Opened().outputs; 
 std::shared_ptr<runtime::Context> const& Model::Context() const { return Opened().context; }
 
 ModelOutputs Model::Run(std::vector<ModelInput> const& inputs, std::vector<std::string> const& outputs) {
-  return Opened().Forward(inputs, Opened().Wanted(outputs), nullptr);
+  return Opened().Forward(inputs, outputs, nullptr);
 }
 
 std::vector<LayerTime> Model::Profile(std::vector<ModelInput> const& inputs, std::vector<std::string> const& outputs,
                                       ModelOutputs* results) {
   std::vector<float> times;
-  auto made = Opened().Forward(inputs, Opened().Wanted(outputs), &times);
+  auto made = Opened().Forward(inputs, outputs, &times);
   std::vector<LayerTime> layers;
   for (unsigned int layer = 0; layer < times.size(); ++layer) {
     layers.push_back({(*Opened().layer_ids)[layer], Opened().KernelName(layer), times[layer]});

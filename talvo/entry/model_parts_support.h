@@ -60,11 +60,11 @@ struct Model::Parts {
   void NamePorts(runtime::TLModelInfo const& model);
 
   unsigned int LayerOf(std::string_view layer) const;
-  std::vector<unsigned int> Wanted(std::vector<std::string> const& ids) const;
+  std::vector<unsigned int> LayersOf(std::vector<std::string> const& ids) const;
   std::string KernelName(unsigned int layer) const;
   std::shared_ptr<runtime::Tensor> TensorOf(ModelInput const& input) const;
   void SetInputs(std::vector<ModelInput> const& inputs, std::vector<unsigned int> const& wanted);
-  ModelOutputs Forward(std::vector<ModelInput> const& inputs, std::vector<unsigned int> const& wanted,
+  ModelOutputs Forward(std::vector<ModelInput> const& inputs, std::vector<std::string> const& outputs_by_id,
                        std::vector<float>* times);
   std::string LayerRefusal(std::string const& refusal) const;
 

@@ -162,11 +162,14 @@ ModelInput InputOf(talvo::Model& model, talvo_tensor const& input) {
   TensorShape const shape(std::vector<unsigned int>(input.dims, input.dims + input.rank), input.data_type,
                           input.layout < 0 ? talvo::LayoutOfRank(input.rank) : static_cast<unsigned int>(input.layout),
                           TensorShape::MainMemory, {});
-  if (ByteCount(shape) != input.bytes) {
-    throw std::runtime_error(who + std::to_string(input.bytes) + " bytes, dims " +
-                             talvo::runtime::DimsText(shape.dims) + " need " + std::to_string(ByteCount(shape)));
+  try {
+    if (ByteCount(shape) == input.bytes)
+      return {input.id, model.Context()->device_cpu->CreateTensor(shape, input.data)};
+  } catch (std::runtime_error const& refusal) {
+    throw std::runtime_error(who + talvo::utility::support::RefusalText(refusal));
   }
-  return {input.id, model.Context()->device_cpu->CreateTensor(shape, input.data)};
+  throw std::runtime_error(who + std::to_string(input.bytes) + " bytes, dims " + talvo::runtime::DimsText(shape.dims) +
+                           " need " + std::to_string(ByteCount(shape)));
 }
 
 std::vector<ModelInput> InputsOf(talvo::Model& model, talvo_tensor const* inputs, size_t count) {

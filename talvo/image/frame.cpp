@@ -69,6 +69,9 @@ void CheckTarget(FrameTarget const& target) {
     Refuse("frame: a tensor of %u x %u pixels, a side has 1 to %u", target.width, target.height, kMaximumSide);
   if (target.turn % 90 != 0 || target.turn > 270)
     Refuse("frame: a turn of %u degrees, needs 0, 90, 180 or 270", target.turn);
+  if (target.colours != FrameColours::kRGB && target.colours != FrameColours::kBGR &&
+      target.colours != FrameColours::kGray)
+    Refuse("frame: the colours %d do not exist", static_cast<int>(target.colours));
   bool const whole = target.crop_width == 0 && target.crop_height == 0;
   if (!whole && (!IsSide(target.crop_width) || !IsSide(target.crop_height)))
     Refuse("frame: a crop of %u x %u pixels, a side has 1 to %u", target.crop_width, target.crop_height, kMaximumSide);

@@ -47,8 +47,8 @@ struct FrameTarget {
   bool interleaved = false;                                           // HWC [height, width, channels], not CHW
   float mean[3] = {0.0f, 0.0f, 0.0f}, scale[3] = {1.0f, 1.0f, 1.0f};  // a channel is (byte - mean) * scale
   unsigned int turn = 0;  // degrees clockwise that bring the frame upright: 0, 90, 180 or 270
-  /// The part of the upright picture that is taken; without an extent the whole. Where it leaves the picture, the
-  /// picture's border goes on.
+  /// The part of the upright picture that is taken; without an extent the whole. Its outermost samples blend with the
+  /// pixels of the picture around it; where it leaves the picture, the picture's border goes on.
   int left = 0, top = 0;
   unsigned int crop_width = 0, crop_height = 0;  // both or none, up to 65535
 };
@@ -56,7 +56,7 @@ struct FrameTarget {
 /// A FLOAT32 tensor of `context`. Bilinear with aligned centres, as the image operations resize, on luminance and
 /// chrominance where the frame has these; colours then saturate at 0 and 255, where ImageProcess wraps around. Gray is
 /// the luminance, or (77 r + 150 g + 29 b) >> 8. Assert, with "frame: " and the numbers: planes that are missing or too
-/// small, extents and turns out of range, no context.
+/// small, extents, turns and colours out of range, no context.
 TALVO_API std::shared_ptr<runtime::TensorCPU> TensorFromFrame(Frame const& frame, FrameTarget const& target,
                                                               std::shared_ptr<runtime::Context> const& context);
 

@@ -73,6 +73,9 @@ TEST_F(CInterface, SaysWhatIsWrong) {
   EXPECT_EQ(refused(talvo_model_open(nullptr, nullptr, &none)), "2: the path is null");
   input_.bytes -= 1;
   EXPECT_EQ(refused(Run()), "1: input \"picture\": 767 bytes, dims [3, 8, 8] need 768");
+  input_.dims[0] = 1 << 25;
+  EXPECT_EQ(refused(Run()),
+            "1: input \"picture\": tensor of dims [33554432, 8, 8] and 4 bytes an element: more than 4294967295 bytes");
   input_.rank = 9;
   EXPECT_EQ(refused(Run()), "2: an input has more than 8 extents");
   EXPECT_EQ(refused(talvo_model_run(model_, nullptr, 0, nullptr, 0)),

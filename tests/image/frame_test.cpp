@@ -155,6 +155,8 @@ TEST_P(CameraFrame, IsRefusedWithTheNumbers) {
             Report("frame: a tensor of 2 x 65536 pixels, a side has 1 to 65535"));
   EXPECT_EQ(with([](FrameTarget& t) { t.crop_width = 1; }),
             Report("frame: a crop of 1 x 0 pixels, a side has 1 to 65535"));
+  EXPECT_EQ(with([](FrameTarget& t) { t.colours = static_cast<FrameColours>(3); }),
+            Report("frame: the colours 3 do not exist"));
   LogCapture const quiet;
   EXPECT_EQ(RefusalOf([&] { TensorFromFrame(packed(2, 4, 12), target, nullptr); }),
             Report("frame: there is no context with a CPU device"));

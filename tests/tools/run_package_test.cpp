@@ -312,6 +312,7 @@ TEST_F(RunPackageTest, NamesTheFirstLayerAndElementThatDiffer) {
   ExpectError(run + "--verify digests", "digests: run 0,layer picture,output 0");
   ExpectError(run + "--verify values --values", "; element 5 is 40000000 here and ");
   ExpectError(run + "--verify in.npy", "in.npy: is no manifest");
+  ExpectError(run + "--verify none", "none: cannot be opened");
 }
 
 TEST_F(RunPackageTest, ReportsBadInputInOneLine) {

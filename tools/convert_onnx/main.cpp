@@ -61,8 +61,10 @@ void RefuseNodes(Conversion const& conversion, Arguments const& arguments, Repor
   if (conversion.refusals.empty()) return;
   for (std::string const& refusal : conversion.refusals) std::cout << refusal << "\n";
   if (!arguments.report.empty()) WriteJson(conversion, report, arguments.report);
-  throw Refusal(arguments.model + ": " + std::to_string(conversion.refusals.size()) +
-                " nodes are refused, the first is " + conversion.refusals[0]);
+  std::size_t const count = conversion.refusals.size();
+  throw Refusal(arguments.model + ": " +
+                (count == 1 ? "refused is " : std::to_string(count) + " nodes are refused, the first is ") +
+                conversion.refusals[0]);
 }
 
 void Main(Arguments const& arguments) {

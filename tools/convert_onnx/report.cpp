@@ -1,12 +1,11 @@
 #include "tools/convert_onnx/report.h"
 
-#include <rapidjson/prettywriter.h>
-#include <rapidjson/stringbuffer.h>
-
 #include <algorithm>
 #include <fstream>
 #include <map>
 #include <ostream>
+
+#include "tools/common/json.h"
 
 namespace convert_onnx {
 namespace {
@@ -23,46 +22,6 @@ std::size_t WeightBytes(Conversion const& conversion) {
   for (Layer const& layer : conversion.layers) bytes += layer.Weights() * sizeof(float);
   return bytes;
 }
-
-class Json {
- public:
-  Json() { writer_.StartObject(); }
-
-  void Put(char const* key, std::string const& text) { Key(key), Text(text); }
-  void Put(char const* key, std::uint64_t number) { Key(key), writer_.Uint64(number); }
-  void Put(char const* key, double number) { Key(key), writer_.Double(number); }
-  void Put(char const* key, std::vector<std::string> const& list) {
-    Key(key), writer_.StartArray();
-    for (std::string const& text : list) Text(text);
-    writer_.EndArray();
-  }
-  void Put(char const* key, std::map<std::string, unsigned int> const& counts) {
-    Key(key), writer_.StartObject();
-    for (auto const& [name, count] : counts) Put(name.c_str(), std::uint64_t{count});
-    writer_.EndObject();
-  }
-  void Put(char const* key, std::vector<Layer> const& layers) {
-    Key(key), writer_.StartArray();
-    for (Layer const& layer : layers) {
-      writer_.StartObject();
-      Put("node", layer.node), Put("layer", layer.name), Put("kernel", layer.kernel);
-      Put("weight_bytes", std::uint64_t{layer.Weights() * sizeof(float)});
-      writer_.EndObject();
-    }
-    writer_.EndArray();
-  }
-  std::string Finish() {
-    writer_.EndObject();
-    return std::string(buffer_.GetString(), buffer_.GetSize()) + "\n";
-  }
-
- private:
-  void Key(char const* key) { writer_.Key(key); }
-  void Text(std::string const& text) { writer_.String(text.data(), static_cast<rapidjson::SizeType>(text.size())); }
-
-  rapidjson::StringBuffer buffer_;
-  rapidjson::PrettyWriter<rapidjson::StringBuffer> writer_{buffer_};
-};
 
 }  // namespace
 
@@ -86,17 +45,22 @@ void WriteJson(Conversion const& conversion, Report const& report, std::string c
   std::vector<std::string> overflowing;
   for (tools::RoundedWeight const& weight : rounding.overflowing) overflowing.push_back(weight.layer);
   overflowing.erase(std::unique(overflowing.begin(), overflowing.end()), overflowing.end());
-  Json json;
+  tools::Json json;
   json.Put("model", report.model), json.Put("package", report.package);
   json.Put("inputs", conversion.inputs), json.Put("outputs", conversion.outputs);
   json.Put("refusals", conversion.refusals), json.Put("approximate", conversion.notes);
-  json.Put("layers", conversion.layers), json.Put("kernels", KernelsOf(conversion));
-  json.Put("folded_nodes", conversion.folded), json.Put("unread_nodes", std::uint64_t{conversion.dropped});
-  json.Put("weight_bytes", std::uint64_t{WeightBytes(conversion)});
+  json.Objects("layers", conversion.layers, [&](Layer const& layer) {
+    json.Put("node", layer.node), json.Put("layer", layer.name), json.Put("kernel", layer.kernel);
+    json.Put("weight_bytes", layer.Weights() * sizeof(float));
+  });
+  json.Object("kernels", [&] {
+    for (auto const& [name, count] : KernelsOf(conversion)) json.Put(name, count);
+  });
+  json.Put("folded_nodes", conversion.folded), json.Put("unread_nodes", conversion.dropped);
+  json.Put("weight_bytes", WeightBytes(conversion));
   json.Put("largest_rounding", rounding.largest), json.Put("largest_rounding_layer", rounding.where.layer);
-  json.Put("changed_small_weights", std::uint64_t{rounding.subnormal});
-  json.Put("vanishing_weights", std::uint64_t{rounding.vanishing});
-  json.Put("overflowing_layers", overflowing), json.Put("peak_bytes", std::uint64_t{report.peak_bytes});
+  json.Put("changed_small_weights", rounding.subnormal), json.Put("vanishing_weights", rounding.vanishing);
+  json.Put("overflowing_layers", overflowing), json.Put("peak_bytes", report.peak_bytes);
   json.Put("checks", report.checks);
   std::ofstream stream(path);
   if (!(stream << json.Finish()) || !stream.flush()) throw Refusal(path + ": cannot be written");

@@ -63,6 +63,7 @@ std::string FirstDifference(std::string const& here, std::string const& there) {
 
 std::map<std::string, ManifestLine> Read(std::string const& path) {
   std::ifstream file(path);
+  if (!file.is_open()) throw std::runtime_error(path + ": cannot be opened");
   std::string text;
   if (!std::getline(file, text) || text != kTitle) throw std::runtime_error(path + ": is no manifest");
   std::map<std::string, ManifestLine> lines;
