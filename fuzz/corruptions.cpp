@@ -235,8 +235,8 @@ void DamageText(Random& random, Json& value, rapidjson::Document::AllocatorType&
 }
 
 void DamageNumber(Random& random, Json& value) {
-  std::uint64_t const number =
-      OddNumber(random, static_cast<std::uint64_t>(value.GetDouble() < 0 ? 0 : value.GetDouble()));
+  double const old = value.GetDouble();
+  std::uint64_t const number = OddNumber(random, old > 0 && old < 1e18 ? static_cast<std::uint64_t>(old) : 0);
   if (random.Below(4) == 0) {
     value.SetDouble(random.Below(2) == 0 ? 1e308 : static_cast<double>(random.Below(1000)) / -7.0);
   } else if (random.Below(3) == 0) {

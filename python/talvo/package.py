@@ -160,8 +160,8 @@ class Net:
         `stride` and `dilation` are (y, x) or one number, `padding` one number, (y, x) or (left, top, right, bottom).
         """
         weight = _weight(id, weight, 4)
-        return self.add(id, "Conv2dInfo", kernel, [source], **_plane(weight, weight.shape[1] * groups, weight.shape[0],
-                        groups, bias), **_sides(padding), **_pair("stride", stride), **_pair("dilation", dilation))
+        return self.add(id, "Conv2dInfo", kernel, [source], **_plane(id, weight, weight.shape[1] * groups,
+                        weight.shape[0], groups, bias), **_sides(padding), **_pair("stride", stride), **_pair("dilation", dilation))
 
     def conv_transpose2d(self, id: str, source: str, weight: np.ndarray, bias: np.ndarray | None = None, *,
                          stride: Size = 1, padding: Size = 0, output_padding: Size = 0, dilation: Size = 1,
@@ -178,15 +178,22 @@ class Net:
                 (("padding_t", "padding_b"), ("padding_l", "padding_r"))):
             reach = apart * (extent - 1)
             sides |= {names[0]: reach - cut, names[1]: reach - cut + more + 1 - step}
-        return self.add(id, "ConvTranspose2dInfo", kernel, [source], **_plane(weight, weight.shape[0], weight.shape[1]
-                        * groups, groups, bias), **sides, **_pair("stride", stride), **_pair("dilation", dilation))
+        return self.add(id, "ConvTranspose2dInfo", kernel, [source], **_plane(id, weight, weight.shape[0],
+                        weight.shape[1] * groups, groups, bias), **sides, **_pair("stride", stride), **_pair("dilation", dilation))
 
     def full_connection(self, id: str, source: str, weight: np.ndarray, bias: np.ndarray | None = None, *,
                         kernel: str = "FullConnection_Fallback_C_Float_M1") -> str:
-        """C [in] to C [out]; weight [out, in], bias [out]. FullConnection_Fallback_SC_Float_M1 takes each row of SC."""
+        """C [in] to C [out]; weight [out, in], bias [out]. FullConnection_Fallback_SC_Float_M1 takes each row of SC.
+
+        >>> net = Net("model")
+        >>> net.full_connection("dense", net.input("x"), np.ones((3, 2)), np.ones(4))
+        Traceback (most recent call last):
+        ...
+        ValueError: layer dense: bias [4], needs [3]
+        """
         weight = _weight(id, weight, 2)
         return self.add(id, "FullConnectionInfo", kernel, [source], in_features=weight.shape[1],
-                        out_features=weight.shape[0], **_weights(weight, bias))
+                        out_features=weight.shape[0], **_weights(id, weight, bias, weight.shape[0]))
 
     def activation(self, id: str, source: str, name: str) -> str:
         """Any shape: relu, relu6, sigmoid, tanh, hard_sigmoid, hard_swish, sqrt, log, erf."""
@@ -393,13 +400,18 @@ def _weight(id: str, weight: np.ndarray, rank: int) -> np.ndarray:
     return weight
 
 
-def _weights(weight: np.ndarray, bias: np.ndarray | None) -> dict[str, Any]:
+def _weights(id: str, weight: np.ndarray, bias: np.ndarray | None, outputs: int) -> dict[str, Any]:
+    if bias is not None and np.shape(bias) != (outputs,):
+        raise ValueError(f"layer {id}: bias {list(np.shape(bias))}, needs [{outputs}]")
     return {"weight": weight, "if_bias": bias is not None, "bias": () if bias is None else np.asarray(bias, np.float32)}
 
 
-def _plane(weight: np.ndarray, inputs: int, outputs: int, groups: int, bias: np.ndarray | None) -> dict[str, Any]:
+def _plane(id: str, weight: np.ndarray, inputs: int, outputs: int, groups: int,
+           bias: np.ndarray | None) -> dict[str, Any]:
+    if inputs % groups or outputs % groups:
+        raise ValueError(f"layer {id}: {inputs} inputs and {outputs} outputs in {groups} groups")
     return {"in_channels": inputs, "out_channels": outputs, "kernel_y": weight.shape[2], "kernel_x": weight.shape[3],
-            "groups": groups, **_weights(weight, bias)}
+            "groups": groups, **_weights(id, weight, bias, outputs)}
 
 
 def _two(size: Size) -> tuple[int, int]:

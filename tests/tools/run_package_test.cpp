@@ -410,7 +410,7 @@ TEST_F(RunPackageTest, AnswersBadUsageWithTwo) {
   for (char const* words :
        {"", "a.json b.json", "a.json --bogus", "a.json --input", "a.json --input picture", "a.json --input =x.npy",
         "a.json --input picture=CHW:", "a.json --model ''", "a.json --prefer sgemm", "a.json --repeat 0",
-        "a.json --repeat -1", "a.json --repeat 1x", "-x"}) {
+        "a.json --repeat -1", "a.json --repeat 1x", "a.json --list --model m", "a.json --check --html page", "-x"}) {
     Result const result = Run(words);
     EXPECT_EQ(result.status, 2) << words;
     ExpectHolds(result.err, {"usage: run_package PACKAGE"});

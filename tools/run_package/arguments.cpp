@@ -121,9 +121,13 @@ Arguments ParseArguments(int count, char const* const* words) {
   if (arguments.package.empty()) throw UsageError("no package was given");
   bool const looks = arguments.check || arguments.memory;
   if (arguments.check && arguments.memory) throw UsageError("--check or --memory, not both");
-  if (looks && (arguments.runs.size() > 1 || !arguments.outputs.empty() || arguments.list || arguments.profile ||
-                !arguments.trace.empty() || !arguments.manifest.empty() || !arguments.verify.empty()))
+  bool const of_runs = arguments.runs.size() > 1 || arguments.repeat > 1 || arguments.profile;
+  bool const written = !arguments.outputs.empty() || !arguments.output_dir.empty() || !arguments.trace.empty() ||
+                       !arguments.page.empty() || !arguments.manifest.empty() || !arguments.verify.empty();
+  if (looks && (of_runs || written || arguments.list))
     throw UsageError("--check and --memory take inputs and shapes alone");
+  if (arguments.list && (of_runs || written || !arguments.runs[0].empty() || !arguments.model.empty()))
+    throw UsageError("--list takes the whole package, and no inputs");
   if (!looks && !arguments.shapes.empty()) throw UsageError("--shape goes with --check or --memory");
   if (arguments.values && arguments.manifest.empty() && arguments.verify.empty())
     throw UsageError("--values goes with --manifest or --verify");
