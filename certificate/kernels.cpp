@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <numeric>
 
+#include "certificate/layers.h"
 #include "talvo/entry/register_extra_operators.h"
 #include "talvo/entry/register_fused_operators.h"
 #include "talvo/entry/register_operators.h"
@@ -13,7 +14,6 @@
 #include "talvo/serialization/layer_info_plane.h"
 #include "talvo/serialization/layer_info_rnn.h"
 #include "talvo/serialization/layer_info_tensor.h"
-#include "tests/certificate/layers.h"
 
 namespace talvo::certificate {
 namespace {
@@ -463,7 +463,7 @@ std::vector<std::string> KernelNames() {
 LayerMaker MakerFor(std::string const& kernel) {
   for (Line const& line : kLines)
     if (Begins(kernel, line.starts)) return line.make;
-  throw std::runtime_error(kernel + " has no line in tests/certificate/kernels.cpp");
+  throw std::runtime_error(kernel + " has no line in certificate/kernels.cpp");
 }
 
 std::vector<Operation> Kernels() {

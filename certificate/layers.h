@@ -5,11 +5,11 @@
 #include <string>
 #include <vector>
 
+#include "certificate/cases.h"
 #include "talvo/runtime/class_registry.h"
 #include "talvo/runtime/kernel.h"
 #include "talvo/serialization/inference_param.h"
 #include "talvo/serialization/layer_info.h"
-#include "tests/certificate/cases.h"
 
 namespace talvo::certificate {
 

@@ -5,13 +5,13 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "certificate/layers.h"
 #include "talvo/serialization/layer_info_conv.h"
 #include "talvo/serialization/layer_info_tensor.h"
 #include "talvo/serialization/model_cfg.h"
 #include "talvo/serialization/model_info.h"
 #include "talvo/serialization/tlmodel1_conversion.h"
 #include "talvo/utility/file.h"
-#include "tests/certificate/layers.h"
 
 namespace talvo::certificate {
 namespace {

@@ -1,13 +1,14 @@
 // Drawn frames for the image operations: those of the class by their codes, the free functions by signature and name.
+#include "certificate/cases.h"
 #include "talvo/image/color.h"
 #include "talvo/image/crop.h"
+#include "talvo/image/frame.h"
 #include "talvo/image/image_process_fallback.h"
 #include "talvo/image/normalise.h"
 #include "talvo/image/resize.h"
 #include "talvo/image/rotate_flip.h"
 #include "talvo/image/warp.h"
 #include "talvo/image/yuv.h"
-#include "tests/certificate/cases.h"
 
 namespace talvo::certificate {
 namespace {
@@ -210,6 +211,23 @@ void NormaliseFloats(Draw& d, Digest& out) {
   out.Add(*dst);
 }
 
+void CameraFrame(Draw& d, Digest& out) {
+  auto const format = static_cast<FrameFormat>(d.Below(6));
+  unsigned int const width = d.From(1, 40), height = d.From(1, 30);
+  auto const bytes = d.Tensor({4 * (width + 1) * (height + 1)}, TensorShape::FLEXIABLE, kByte);
+  FrameTarget target;
+  target.width = d.Width(), target.height = d.From(1, 20), target.turn = 90 * d.Below(4);
+  target.colours = static_cast<FrameColours>(d.Below(3)), target.interleaved = d.Coin();
+  if (d.Coin()) {
+    target.crop_width = d.From(1, 40), target.crop_height = d.From(1, 30);
+    target.left = static_cast<int>(d.Below(30)) - 10, target.top = static_cast<int>(d.Below(30)) - 10;
+  }
+  for (float& mean : target.mean) mean = 128.0f * d.Unit();
+  for (float& scale : target.scale) scale = d.Unit();
+  auto const frame = Frame::Packed(format, width, height, bytes->data, bytes->shape.dims[0]);
+  out.Add(*TensorFromFrame(frame, target, Context()));
+}
+
 }  // namespace
 
 #define TALVO_OF(f) Of(#f, f)
@@ -249,6 +267,7 @@ std::vector<Operation> Images() {
                                        TALVO_BOTH(F_Normalize_CHW_F32),
                                        TALVO_BOTH(F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8),
                                        TALVO_BOTH(F_ColorCvt_YUV_3Plane_UInt8_To_CHW_UInt8),
+                                       {"image/TensorFromFrame", 3 * kCases, CameraFrame},
                                        {"image/F_WarpAffine_Bilinear_CHW_F32_Arm", kCases, Warp},
                                        {"image/Normalize_CHW_Float_Fallback", kCases, NormaliseFloats}};
   for (Pixels const& pixels : kPixels) {

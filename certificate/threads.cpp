@@ -7,9 +7,9 @@
 #include <thread>
 #include <vector>
 
+#include "certificate/cases.h"
 #include "talvo/entry/model.h"
 #include "talvo/utility/log.h"
-#include "tests/certificate/cases.h"
 
 namespace talvo::certificate {
 namespace {

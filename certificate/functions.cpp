@@ -3,6 +3,7 @@
 #include <cstring>
 #include <type_traits>
 
+#include "certificate/cases.h"
 #include "talvo/kernel/functional/activation.h"
 #include "talvo/kernel/functional/elementwise.h"
 #include "talvo/kernel/functional/gemm.h"
@@ -21,7 +22,6 @@
 #include "talvo/transform/transform_fallback.h"
 #include "talvo/utility/base64.h"
 #include "talvo/utility/features.h"
-#include "tests/certificate/cases.h"
 
 namespace talvo::certificate {
 namespace {

@@ -13,9 +13,9 @@
 #include <set>
 #include <sstream>
 
+#include "certificate/cases.h"
 #include "talvo/kernel/rows/instruction_sets.h"
 #include "talvo/utility/features.h"
-#include "tests/certificate/cases.h"
 
 namespace talvo::certificate {
 namespace {

@@ -1,4 +1,4 @@
-#include "tests/certificate/cases.h"
+#include "certificate/cases.h"
 
 #include <cstdlib>
 #include <cstring>
