@@ -9,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "examples/report.h"
 #include "talvo/talvo.h"
 
 namespace {
@@ -41,11 +40,13 @@ int main(int count, char** words) {
     std::fprintf(stderr, "usage: run_model PACKAGE, where PACKAGE ends in .tlnmodel or .json\n");
     return 2;
   }
-  examples::KeepLog();
+  talvo::utility::SetLogCallback([](char const*) { return 0; });  // the exception says it
   try {
     Run(words[1]);
-    return examples::Finish("run_model");
+    if (std::fflush(stdout) != 0) throw std::runtime_error("standard output cannot be written");
+    return 0;
   } catch (std::exception const& error) {
-    return examples::Fail("run_model", error);
+    std::fprintf(stderr, "run_model: %s\n", error.what());
+    return 1;
   }
 }
