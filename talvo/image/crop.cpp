@@ -127,14 +127,15 @@ void CropRows(char const* function, TensorPtr const& i_img, Area const& area, Te
   std::size_t const elements = interleaved ? input.Extent(2) : rows.is_blocked ? input.Extent(3) : 1;
   std::size_t const pixel_bytes = runtime::ElementSize(input.shape().data_type) * elements;
   std::size_t const plane = Volume(input.Extent(rows.row_axis), columns, pixel_bytes);
-  std::size_t const cropped_plane = Volume(area.height, area.width, pixel_bytes);
+  auto const size = [](std::uint64_t extent) { return static_cast<std::size_t>(extent); };  // the area lies in i_img
+  std::size_t const cropped_plane = Volume(size(area.height), size(area.width), pixel_bytes);
   if (planes == 0 || cropped_plane == 0) return;
   auto const* const from = input.Memory(Volume(planes, plane));
   auto* const to = output.Memory(Volume(planes, cropped_plane));
-  std::size_t const from_row = columns * pixel_bytes, to_row = area.width * pixel_bytes;
+  std::size_t const from_row = columns * pixel_bytes, to_row = size(area.width) * pixel_bytes;
   for (std::size_t p = 0; p < planes; ++p) {
-    CopyRows(from + p * plane + area.y * from_row + area.x * pixel_bytes, from_row, area.height, to_row,
-             to + p * cropped_plane, to_row);
+    CopyRows(from + p * plane + size(area.y) * from_row + size(area.x) * pixel_bytes, from_row, size(area.height),
+             to_row, to + p * cropped_plane, to_row);
   }
 }
 

@@ -204,8 +204,9 @@ struct ShuffleOf : support::Strict<runtime::PixelShuffleInfo> {
     Shuffle const shuffle = ShuffleOfFactor(Who(), upscale_factor);
     auto const* const from = x->template Data<Element>();
     auto* const to = y->template Data<Element>();
-    shuffle.to_pixels ? functional::PixelShuffle(from, SizeOf(*x), shuffle.step, to)
-                      : functional::PixelUnshuffle(from, SizeOf(*x), shuffle.step, to);
+    auto const step = static_cast<std::size_t>(shuffle.step);  // at most an extent of x
+    shuffle.to_pixels ? functional::PixelShuffle(from, SizeOf(*x), step, to)
+                      : functional::PixelUnshuffle(from, SizeOf(*x), step, to);
     outputs.assign(1, y);
     return 0;
   }

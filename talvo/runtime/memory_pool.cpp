@@ -170,14 +170,15 @@ void AlignUpPool::Clear() {
 
 void* AlignUpPool::Malloc(unsigned long size) {
   if (alignment_ == 0) utility::Refuse("AlignUpPool: an alignment of 0 serves no request (%lu bytes asked for)", size);
-  if (size > std::numeric_limits<unsigned long>::max() - malloc_margin_ - alignment_) return nullptr;
-  unsigned long const with_margin = malloc_margin_ + size + alignment_ - 1;
-  unsigned long const rounded = with_margin - with_margin % alignment_;
+  auto const alignment = static_cast<unsigned long>(alignment_);  // given as such
+  if (size > std::numeric_limits<unsigned long>::max() - malloc_margin_ - alignment) return nullptr;
+  unsigned long const with_margin = malloc_margin_ + size + alignment - 1;
+  unsigned long const rounded = with_margin - with_margin % alignment;
   for (std::size_t i = free_blocks_.size(); i-- > 0;) {
     if (free_blocks_[i].first >= rounded) return TakeFreeBlock(free_blocks_, i, used_blocks_);
   }
   void* start = nullptr;
-  if (posix_memalign(&start, alignment_, rounded) != 0) return nullptr;
+  if (posix_memalign(&start, alignment, rounded) != 0) return nullptr;
   std::unique_ptr<void, decltype(&std::free)> block(start, &std::free);
   EnterBlock(start, rounded, free_blocks_, used_blocks_);
   return block.release();

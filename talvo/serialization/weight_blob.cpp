@@ -33,7 +33,7 @@ void ReadWeightBlob(FILEReader& reader, std::string& text) {
   std::string result;
   if (reader.Skims(count, sizeof(half))) return text.swap(result);
   if (known) result.reserve(support::EncodedSize(static_cast<std::size_t>(count) * sizeof(float)));
-  std::vector<std::uint16_t> halves(std::min<unsigned long long>(count, kPiece));
+  std::vector<std::uint16_t> halves(static_cast<std::size_t>(std::min<unsigned long long>(count, kPiece)));
   std::vector<float> floats(halves.size());
   for (unsigned long long left = count; left > 0;) {
     std::size_t const piece = static_cast<std::size_t>(std::min<unsigned long long>(left, kPiece));
@@ -49,11 +49,12 @@ void ReadWeightBlob(FILEReader& reader, std::string& text) {
 
 void WriteWeightBlob(FILEWriter& writer, std::string const& text) {
   std::string const bytes = Base64Decode(text);
-  unsigned long long count = bytes.size() / sizeof(float);
-  writer.Visit(&count, nullptr);
-  std::vector<half> halves(std::min<unsigned long long>(count, kPiece));
+  std::size_t const count = bytes.size() / sizeof(float);
+  unsigned long long written_count = count;
+  writer.Visit(&written_count, nullptr);
+  std::vector<half> halves(std::min(count, kPiece));
   for (std::size_t done = 0; done < count;) {
-    std::size_t const piece = std::min<std::size_t>(count - done, kPiece);
+    std::size_t const piece = std::min(count - done, kPiece);
     for (std::size_t i = 0; i < piece; ++i) {
       float value;
       std::memcpy(&value, bytes.data() + (done + i) * sizeof value, sizeof value);
