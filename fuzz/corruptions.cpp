@@ -27,7 +27,8 @@ namespace {
 
 using namespace runtime;
 
-// JSON that names its model 8 times has each layer read 36 times, since lists are appended to: 80 ms under the sanitizers.
+// JSON that names its model 8 times has each layer read 36 times, since lists are appended to: 80 ms under the
+// sanitizers.
 #if defined(__has_feature)
 constexpr double kMostMilliseconds = __has_feature(address_sanitizer) ? 200 : 50;
 #else
