@@ -13,7 +13,6 @@
 namespace talvo {
 namespace {
 
-using kernel::image::PixelRows;
 using kernel::image::Taps;
 using runtime::TensorShape;
 using utility::Refuse;

@@ -85,7 +85,7 @@ struct Tile {
     [[maybe_unused]] auto ahead = reinterpret_cast<std::uintptr_t>(run.weights) + skipped * sizeof(float);
     for (std::size_t pairs = run.step_count / 2; pairs > 0; --pairs, step += 2) {
       if constexpr (kVectors == 4) {
-        __builtin_prefetch(reinterpret_cast<void const*>(ahead));
+        __builtin_prefetch(reinterpret_cast<void const*>(ahead));  // NOLINT(performance-no-int-to-ptr): never read
         ahead += kLine * sizeof(float);
       }
       AddTap(weights + step[0].weight, step[0].input);
