@@ -80,7 +80,7 @@ class TALVO_API ModelOutputs {
 
  private:
   friend class Model;
-  struct Content;
+  struct TALVO_INTERNAL Content;
 
   std::shared_ptr<Content const> content_;
 };
@@ -122,9 +122,9 @@ class TALVO_API Model {
 
  private:
   friend class ModelTrial;
-  struct Parts;
-  explicit Model(std::unique_ptr<Parts> parts);
-  Parts& Opened() const;
+  struct TALVO_INTERNAL Parts;
+  TALVO_INTERNAL explicit Model(std::unique_ptr<Parts> parts);
+  TALVO_INTERNAL Parts& Opened() const;
 
   std::unique_ptr<Parts> parts_;
 };

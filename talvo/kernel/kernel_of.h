@@ -19,7 +19,7 @@ namespace support {
 /// What a plain kernel does, and the base of every operation: it takes nothing from its layer, has one FLOAT32 tensor
 /// in main memory as input and as output, of the same shape, and no recurrent state. An operation overrides what it
 /// does otherwise. Each member does what the member of its name does for a kernel.
-class TALVO_API PlainOperation {
+class PlainOperation {
  public:
   PlainOperation() = default;
   PlainOperation(PlainOperation const&) = delete;
@@ -43,14 +43,14 @@ class TALVO_API PlainOperation {
                       std::shared_ptr<runtime::Context> const& context) const = 0;
   virtual int IsValidOutput(std::vector<std::shared_ptr<runtime::Tensor>> const& outputs) const;
 
-  std::string Name() const;
+  TALVO_API std::string Name() const;
   void SetName(char const* name) { name_ = name; }
   bool IsConfigured() const { return configured_; }
 
   /// Config of `kernel`, whose operation this is: its judgement first.
-  bool Configure(runtime::IKernel const& kernel, std::shared_ptr<runtime::LayerInfo> const& layer,
-                 std::shared_ptr<runtime::InferenceParam> const& param,
-                 std::shared_ptr<runtime::Context> const& context);
+  TALVO_API bool Configure(runtime::IKernel const& kernel, std::shared_ptr<runtime::LayerInfo> const& layer,
+                           std::shared_ptr<runtime::InferenceParam> const& param,
+                           std::shared_ptr<runtime::Context> const& context);
 
  private:
   char const* name_ = nullptr;
@@ -59,7 +59,10 @@ class TALVO_API PlainOperation {
 
 }  // namespace support
 
-using OperationPtr = std::unique_ptr<support::PlainOperation>;
+/// A class, since the exported name of each maker spells what it returns.
+struct OperationPtr : std::unique_ptr<support::PlainOperation> {
+  using unique_ptr::unique_ptr;
+};
 
 template <class Operation>
 OperationPtr MakeOperation();

@@ -11,9 +11,9 @@
 
 namespace talvo::runtime {
 
-/// None of these records keeps "serializable_type" in files. Fields are visited in the order
-/// in which they are declared, a base's first; a field's key is its name. A step size is the exponent of a fixed-point
-/// value: x is held as round(x * 2^step_size).
+/// None of these records keeps "serializable_type" in files. Fields are visited in the order in which they are
+/// declared, a base's first; a field's key is its name. A step size is the exponent of a fixed-point value: x is held as
+/// round(x * 2^step_size). Classes that add nothing to their base have nothing to export.
 class TALVO_API InferenceParam : public Serializable {
  public:
   void VisitAttr(std::shared_ptr<Visitor> visitor) override = 0;
@@ -91,29 +91,29 @@ class TALVO_API InferenceParamFusedActivationOpenGLCompute : public InferencePar
   std::string weight;
 };
 
-class TALVO_API InferenceParamConv2DOpenGLCompute : public InferenceParamFusedActivationOpenGLCompute {};
+class InferenceParamConv2DOpenGLCompute : public InferenceParamFusedActivationOpenGLCompute {};
 
-class TALVO_API InferenceParamConvTranspose2DOpenGLCompute : public InferenceParamFusedActivationOpenGLCompute {};
+class InferenceParamConvTranspose2DOpenGLCompute : public InferenceParamFusedActivationOpenGLCompute {};
 
-class TALVO_API InferenceParamElementwiseOpenGLCompute : public InferenceParamFusedActivationOpenGLCompute {};
+class InferenceParamElementwiseOpenGLCompute : public InferenceParamFusedActivationOpenGLCompute {};
 
-class TALVO_API InferenceParamActivationOpenGLCompute : public InferenceParamFusedActivationOpenGLCompute {};
+class InferenceParamActivationOpenGLCompute : public InferenceParamFusedActivationOpenGLCompute {};
 
-class TALVO_API InferenceParamConcatOpenGLCompute : public InferenceParamOpenGLCompute {};
+class InferenceParamConcatOpenGLCompute : public InferenceParamOpenGLCompute {};
 
-class TALVO_API InferenceParamUpsampling2DOpenGLCompute : public InferenceParamOpenGLCompute {};
+class InferenceParamUpsampling2DOpenGLCompute : public InferenceParamOpenGLCompute {};
 
-class TALVO_API InferenceParamPixelShuffleOpenGLCompute : public InferenceParamOpenGLCompute {};
+class InferenceParamPixelShuffleOpenGLCompute : public InferenceParamOpenGLCompute {};
 
-class TALVO_API InferenceParamPooling2DOpenGLCompute : public InferenceParamOpenGLCompute {};
+class InferenceParamPooling2DOpenGLCompute : public InferenceParamOpenGLCompute {};
 
-class TALVO_API InferenceParamFullConnectionOpenGLCompute : public InferenceParamOpenGLCompute {};
+class InferenceParamFullConnectionOpenGLCompute : public InferenceParamOpenGLCompute {};
 
-class TALVO_API InferenceParamTensorReshapeOpenGLCompute : public InferenceParamOpenGLCompute {};
+class InferenceParamTensorReshapeOpenGLCompute : public InferenceParamOpenGLCompute {};
 
-class TALVO_API InferenceParamTensorExpandOpenGLCompute : public InferenceParamOpenGLCompute {};
+class InferenceParamTensorExpandOpenGLCompute : public InferenceParamOpenGLCompute {};
 
-class TALVO_API InferenceParamBroadcastOpenGLCompute : public InferenceParamOpenGLCompute {};
+class InferenceParamBroadcastOpenGLCompute : public InferenceParamOpenGLCompute {};
 
 class TALVO_API InferenceParamLuaCustomMetalCompute : public InferenceParam {
  public:
@@ -131,11 +131,11 @@ class TALVO_API InferenceParamMetalComputeFusedActivation : public InferencePara
   float activation_alpha = 1.0f, activation_beta = 0.0f;
 };
 
-class TALVO_API InferenceParamConv2dMetalCompute : public InferenceParamMetalComputeFusedActivation {};
+class InferenceParamConv2dMetalCompute : public InferenceParamMetalComputeFusedActivation {};
 
-class TALVO_API InferenceParamElementwiseMetalCompute : public InferenceParamMetalComputeFusedActivation {};
+class InferenceParamElementwiseMetalCompute : public InferenceParamMetalComputeFusedActivation {};
 
-class TALVO_API InferenceParamConcatenateMetalCompute : public InferenceParamMetalComputeFusedActivation {};
+class InferenceParamConcatenateMetalCompute : public InferenceParamMetalComputeFusedActivation {};
 
 class TALVO_API InferenceParamMetalComputeCommon : public InferenceParam {
  public:

@@ -45,7 +45,7 @@ class TALVO_API QZExInfo {
   std::array<unsigned char, 1000> bytes = {};
 
  private:
-  unsigned int Number(std::size_t offset) const;
+  TALVO_INTERNAL unsigned int Number(std::size_t offset) const;
 };
 
 /// The name of a type of layer, as in "Conv2D"; empty for a number that no file holds.
@@ -77,8 +77,8 @@ class TALVO_API QZNetLoader {
   QZExInfo exinfo;
 
  private:
-  void LoadRecords(std::FILE* stream);
-  void CountReaders();
+  TALVO_INTERNAL void LoadRecords(std::FILE* stream);
+  TALVO_INTERNAL void CountReaders();
 
   std::vector<std::unique_ptr<QZLayerInfo>> records_;
 };

@@ -21,7 +21,7 @@ struct QZTensorDescriptor {
   std::array<unsigned short, 11> dimensions = {};
 };
 
-/// The base of all records. `input_count` says how many of `input_ids` are in use.
+/// The base of all records, which alone has something to export. `input_count` says how many of `input_ids` are in use.
 class TALVO_API QZLayerInfo {
  public:
   QZLayerInfo() = default;
@@ -35,7 +35,7 @@ class TALVO_API QZLayerInfo {
 };
 
 /// The base of the records that describe tensors in place of planes.
-class TALVO_API QZFreezedLayerInfo : public QZLayerInfo {
+class QZFreezedLayerInfo : public QZLayerInfo {
  public:
   QZTensorDescriptor input_tensor, output_tensor;
 };
@@ -48,108 +48,108 @@ struct QZConvolution {
   std::vector<float> weights, bias;
 };
 
-class TALVO_API QZLayerInfo_Input : public QZLayerInfo {
+class QZLayerInfo_Input : public QZLayerInfo {
  public:
   unsigned short value = 0;
 };
 
 /// Weights [out, row, column, input within the group].
-class TALVO_API QZLayerInfo_Conv2D : public QZLayerInfo, public QZConvolution {
+class QZLayerInfo_Conv2D : public QZLayerInfo, public QZConvolution {
  public:
   unsigned short groups = 1;  // files of version 10000 have none
 };
 
 /// Weights [out, row, column, in], divided in count by the divisor.
-class TALVO_API QZLayerInfo_Conv2DTranspose : public QZLayerInfo, public QZConvolution {
+class QZLayerInfo_Conv2DTranspose : public QZLayerInfo, public QZConvolution {
  public:
   unsigned short group_divisor = 1;  // in files from version 10003 on
 };
 
 /// Weights [row, column, channel].
-class TALVO_API QZLayerInfo_DepthWiseConv2D : public QZLayerInfo, public QZConvolution {
+class QZLayerInfo_DepthWiseConv2D : public QZLayerInfo, public QZConvolution {
  public:
   unsigned short multiplier = 1;
 };
 
-class TALVO_API QZLayerInfo_PixelShuffle : public QZLayerInfo {
+class QZLayerInfo_PixelShuffle : public QZLayerInfo {
  public:
   half_float::half upscale_factor;
 };
 
-class TALVO_API QZLayerInfo_Pooling : public QZLayerInfo {
+class QZLayerInfo_Pooling : public QZLayerInfo {
  public:
   unsigned short kernel_x = 0, kernel_y = 0, pad_x = 0, pad_y = 0, stride_x = 0, stride_y = 0;
   unsigned short kind = 0;  // 0 average, 1 maximum
 };
 
-class TALVO_API QZLayerInfo_InstanceNormalization : public QZLayerInfo {};
+class QZLayerInfo_InstanceNormalization : public QZLayerInfo {};
 
 /// Each array has a value for each channel; `raw` holds the four as they came, in this order.
-class TALVO_API QZLayerInfo_BatchNormalization : public QZLayerInfo {
+class QZLayerInfo_BatchNormalization : public QZLayerInfo {
  public:
   std::vector<float> scale, shift, variance, mean;
   std::vector<half_float::half> raw;
 };
 
-class TALVO_API QZLayerInfo_Activation : public QZLayerInfo {
+class QZLayerInfo_Activation : public QZLayerInfo {
  public:
   unsigned short kind = 0;
   half_float::half alpha, beta;
 };
 
-class TALVO_API QZLayerInfo_Region : public QZLayerInfo {
+class QZLayerInfo_Region : public QZLayerInfo {
  public:
   std::array<unsigned short, 3> values = {};
 };
 
 /// Ten slots in `input_ids`, however many are in use.
-class TALVO_API QZLayerInfo_ElementWiseOperator : public QZLayerInfo {
+class QZLayerInfo_ElementWiseOperator : public QZLayerInfo {
  public:
   unsigned short op = 0, activation = 0;
 };
 
 /// Ten slots in `input_ids` and `input_shapes`, however many are in use.
-class TALVO_API QZLayerInfo_Concatenate : public QZLayerInfo {
+class QZLayerInfo_Concatenate : public QZLayerInfo {
  public:
   unsigned short axis = 0;
 };
 
-class TALVO_API QZLayerInfo_Upsampling : public QZLayerInfo {
+class QZLayerInfo_Upsampling : public QZLayerInfo {
  public:
   half_float::half scale_factor;
   unsigned short mode = 0;
   unsigned short align_corner = 0;  // in files from version 10007 on
 };
 
-class TALVO_API QZLayerInfo_ChannelShuffle : public QZLayerInfo {
+class QZLayerInfo_ChannelShuffle : public QZLayerInfo {
  public:
   std::vector<unsigned short> order;  // one for each channel
 };
 
-class TALVO_API QZLayerInfo_DepthWiseConv2DTranspose : public QZLayerInfo, public QZConvolution {
+class QZLayerInfo_DepthWiseConv2DTranspose : public QZLayerInfo, public QZConvolution {
  public:
   unsigned short multiplier = 1;
 };
 
-class TALVO_API QZLayerInfo_TensorInput : public QZFreezedLayerInfo {
+class QZLayerInfo_TensorInput : public QZFreezedLayerInfo {
  public:
   unsigned short location = 0;
 };
 
-class TALVO_API QZLayerInfo_TensorReshape : public QZFreezedLayerInfo {};
+class QZLayerInfo_TensorReshape : public QZFreezedLayerInfo {};
 
-class TALVO_API QZLayerInfo_TensorTranspose : public QZFreezedLayerInfo {
+class QZLayerInfo_TensorTranspose : public QZFreezedLayerInfo {
  public:
   std::array<unsigned short, 10> axes = {};
 };
 
-class TALVO_API QZLayerInfo_TensorSqueeze : public QZFreezedLayerInfo {
+class QZLayerInfo_TensorSqueeze : public QZFreezedLayerInfo {
  public:
   unsigned short dimension = 0;
 };
 
 /// `raw` holds weights and bias as they came.
-class TALVO_API QZLayerInfo_FullConnection : public QZFreezedLayerInfo {
+class QZLayerInfo_FullConnection : public QZFreezedLayerInfo {
  public:
   unsigned short in_features = 0, out_features = 0, if_bias = 0;
   std::vector<float> weights, bias;
@@ -161,14 +161,14 @@ struct QZLSTMWeights {
   std::vector<float> weight_ih, weight_hh, bias_ih, bias_hh;
 };
 
-class TALVO_API QZLayerInfo_LSTM : public QZFreezedLayerInfo {
+class QZLayerInfo_LSTM : public QZFreezedLayerInfo {
  public:
   unsigned short in_size = 0, hidden_size = 0, num_layers = 0, if_bias = 0, bidirectional = 0;
   unsigned short stacking = 0;                  // in files from version 10009 on
   std::vector<QZLSTMWeights> forward, reverse;  // one for each stacked layer; `reverse` if bidirectional
 };
 
-class TALVO_API QZLayerInfo_TensorActivation : public QZFreezedLayerInfo {
+class QZLayerInfo_TensorActivation : public QZFreezedLayerInfo {
  public:
   unsigned short kind = 0;
   half_float::half alpha, beta;

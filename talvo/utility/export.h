@@ -2,3 +2,6 @@
 #pragma once
 
 #define TALVO_API __attribute__((visibility("default")))
+
+/// Of an exported class, what only the library itself calls.
+#define TALVO_INTERNAL __attribute__((visibility("hidden")))
