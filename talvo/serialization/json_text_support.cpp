@@ -77,13 +77,12 @@ struct TextStream {
   void Put(char c) { text.push_back(c); }
   void Flush() {}
 
-  void Append(char const* from, char const* to) {
-    auto const count = static_cast<std::size_t>(to - from);
-    if (file == nullptr || count < kPieceBytes) {
-      text.append(from, to);
+  void Append(std::string_view piece) {
+    if (file == nullptr || piece.size() < kPieceBytes) {
+      text.append(piece);
     } else {  // not copied once more
       Spill();
-      Write(from, count);
+      Write(piece);
     }
   }
 
@@ -91,7 +90,7 @@ struct TextStream {
     if (file != nullptr && text.size() >= kPieceBytes) Spill();
   }
   void Spill() {
-    Write(text.data(), text.size());
+    Write(text);
     text.clear();
   }
 
@@ -101,9 +100,9 @@ struct TextStream {
   std::size_t written = 0;
 
  private:
-  void Write(char const* data, std::size_t count) {
-    file->write(data, static_cast<std::streamsize>(count));
-    written += count;
+  void Write(std::string_view piece) {
+    file->write(piece.data(), static_cast<std::streamsize>(piece.size()));
+    written += piece.size();
   }
 };
 
@@ -115,68 +114,99 @@ void AppendEscape(char c, std::string& text) {
     text.append("\\u00").append({kDigits[static_cast<unsigned char>(c) >> 4], kDigits[c & 15]});
 }
 
-// A key or a string. The writer puts what stands in front of it; its own way goes character by character.
-template <class Writer>
-bool RenderString(Value const& value, Writer& writer, TextStream& stream) {
-  bool const good = writer.RawValue("", 0, rapidjson::kStringType);
-  stream.Put('"');
-  char const* const end = value.GetString() + value.GetStringLength();
-  for (char const* at = value.GetString(); at != end;) {
-    char const* const plain_end = PlainEnd(at, end);
-    stream.Append(at, plain_end);
-    at = plain_end;
-    if (at != end) AppendEscape(*at++, stream.text);
-  }
-  stream.Put('"');
-  return good;
-}
+// Writes a value as text.
+class Renderer {
+ public:
+  // `indent` blanks stand for each level, each value on a line of its own; 0: all on one line.
+  Renderer(TextStream& stream, unsigned int indent) : stream_(stream), indent_(indent) {}
 
-// Hands a value of any depth to a writer; its own Accept would spend stack on each level.
-template <class Writer>
-bool Render(Value const& root, Writer& writer, TextStream& stream) {
+  // Of any depth: rapidjson's own way would spend stack on each level.
+  void Render(Value const& root) {
+    Begin(root);
+    while (!open_.empty()) {
+      stream_.SpillLong();
+      Value const& value = *open_.back().value;
+      SizeType const next = open_.back().next++;
+      if (next == (value.IsObject() ? value.MemberCount() : value.Size())) {
+        End(value, next);
+        continue;
+      }
+      if (next > 0) stream_.Put(',');
+      NewLine();
+      if (value.IsArray()) {
+        Begin(value[next]);
+      } else {
+        auto const member = value.MemberBegin() + static_cast<std::ptrdiff_t>(next);
+        Text(member->name);
+        stream_.Append(indent_ > 0 ? ": " : ":");
+        Begin(member->value);
+      }
+    }
+  }
+
+ private:
   struct Level {
     Value const* value;
     SizeType next;
   };
-  std::vector<Level> open;
-  auto const begin = [&](Value const& value) {
-    if (value.IsString()) return RenderString(value, writer, stream);
-    if (!value.IsObject() && !value.IsArray()) return value.Accept(writer);
-    open.push_back({&value, 0});
-    return value.IsObject() ? writer.StartObject() : writer.StartArray();
-  };
-  bool good = begin(root);
-  while (good && !open.empty()) {
-    stream.SpillLong();
-    Value const& value = *open.back().value;
-    SizeType const next = open.back().next++;
-    if (value.IsObject() && next < value.MemberCount()) {
-      auto const member = value.MemberBegin() + static_cast<std::ptrdiff_t>(next);
-      good = RenderString(member->name, writer, stream) && begin(member->value);
-    } else if (value.IsArray() && next < value.Size()) {
-      good = begin(value[next]);
+
+  void Begin(Value const& value) {
+    if (value.IsObject() || value.IsArray()) {
+      open_.push_back({&value, 0});
+      stream_.Put(value.IsObject() ? '{' : '[');
+    } else if (value.IsString()) {
+      Text(value);
+    } else if (value.IsNumber()) {
+      Number(value);
     } else {
-      good = value.IsObject() ? writer.EndObject(value.MemberCount()) : writer.EndArray(value.Size());
-      open.pop_back();
+      stream_.Append(value.IsNull() ? "null" : value.IsTrue() ? "true" : "false");
     }
   }
-  return good;
-}
 
-template <template <class, class, class, class, unsigned> class Writer>
-void WriteText(Value const& value, TextStream& stream) {
-  Writer<TextStream, rapidjson::UTF8<>, rapidjson::UTF8<>, support::StackAllocator, rapidjson::kWriteDefaultFlags>
-      writer(stream);
-  if (!Render(value, writer, stream)) utility::Refuse("JSON: infinity and NaN cannot be written");
-}
+  void End(Value const& value, SizeType count) {
+    open_.pop_back();
+    if (count > 0) NewLine();
+    stream_.Put(value.IsObject() ? '}' : ']');
+  }
 
-template <template <class, class, class, class, unsigned> class Writer>
-std::string TextOf(Value const& value) {
+  void NewLine() {
+    if (indent_ > 0) stream_.text.append(1, '\n').append(open_.size() * indent_, ' ');
+  }
+
+  // The writer knows the shortest text of a double; its own way with strings goes character by character.
+  void Number(Value const& value) {
+    rapidjson::Writer<TextStream, rapidjson::UTF8<>, rapidjson::UTF8<>, support::StackAllocator> writer(stream_);
+    bool const good = value.IsDouble()   ? writer.Double(value.GetDouble())
+                      : value.IsUint64() ? writer.Uint64(value.GetUint64())
+                                         : writer.Int64(value.GetInt64());
+    if (!good) utility::Refuse("JSON: infinity and NaN cannot be written");
+  }
+
+  // A key or a string.
+  void Text(Value const& value) {
+    stream_.Put('"');
+    char const* const end = value.GetString() + value.GetStringLength();
+    for (char const* at = value.GetString(); at != end;) {
+      char const* const plain_end = PlainEnd(at, end);
+      stream_.Append({at, static_cast<std::size_t>(plain_end - at)});
+      at = plain_end;
+      if (at != end) AppendEscape(*at++, stream_.text);
+    }
+    stream_.Put('"');
+  }
+
+  TextStream& stream_;
+  unsigned int const indent_;
+  std::vector<Level> open_;
+};
+
+std::string TextOf(Value const& value, unsigned int indent) {
   TextStream stream;
-  WriteText<Writer>(value, stream);
+  Renderer(stream, indent).Render(value);
   return std::move(stream.text);
 }
 
+constexpr unsigned int kIndent = 4;
 constexpr std::size_t kChunkBytes = 65536, kStackBytes = 1024;
 
 }  // namespace
@@ -187,14 +217,14 @@ support::JSONText::JSONText(std::string text)
   document_.ParseStream<rapidjson::kParseIterativeFlag | rapidjson::kParseInsituFlag>(stream);
 }
 
-std::string support::CompactJSON(Value const& value) { return TextOf<rapidjson::Writer>(value); }
+std::string support::CompactJSON(Value const& value) { return TextOf(value, 0); }
 
-std::string support::PrettyJSON(Value const& value) { return TextOf<rapidjson::PrettyWriter>(value); }
+std::string support::PrettyJSON(Value const& value) { return TextOf(value, kIndent); }
 
 std::size_t support::WritePrettyJSON(Value const& value, std::ostream& to) {
   TextStream stream;
   stream.file = &to;
-  WriteText<rapidjson::PrettyWriter>(value, stream);
+  Renderer(stream, kIndent).Render(value);
   stream.Spill();
   return stream.written;
 }

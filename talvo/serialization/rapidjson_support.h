@@ -16,5 +16,4 @@ template <>
 bool rapidjson::MemoryPoolAllocator<rapidjson::CrtAllocator>::AddChunk(std::size_t capacity);
 
 #include <rapidjson/document.h>
-#include <rapidjson/prettywriter.h>
 #include <rapidjson/writer.h>
