@@ -12,8 +12,8 @@
 namespace talvo::runtime {
 
 /// None of these records keeps "serializable_type" in files. Fields are visited in the order in which they are
-/// declared, a base's first; a field's key is its name. A step size is the exponent of a fixed-point value: x is held as
-/// round(x * 2^step_size). Classes that add nothing to their base have nothing to export.
+/// declared, a base's first; a field's key is its name. A step size is the exponent of a fixed-point value: x is held
+/// as round(x * 2^step_size). Classes that add nothing to their base have nothing to export.
 class TALVO_API InferenceParam : public Serializable {
  public:
   void VisitAttr(std::shared_ptr<Visitor> visitor) override = 0;
