@@ -7,6 +7,7 @@
 #include <limits>
 #include <typeinfo>
 
+#include "talvo/serialization/field_type_support.h"
 #include "talvo/serialization/serializable.h"
 #include "talvo/utility/file_support.h"
 #include "talvo/utility/refuse_support.h"
@@ -14,6 +15,7 @@
 namespace talvo::runtime {
 namespace {
 
+using support::FieldType;
 using utility::CloseStream;
 using utility::Refuse;
 
@@ -27,10 +29,7 @@ std::FILE* Open(char const* path, char const* mode) {
   return stream;
 }
 
-template <class T>
-constexpr char const* NameOf(T const*) {
-  return typeid(T).name();
-}
+char const* CountName() { return typeid(unsigned long long).name(); }
 
 }  // namespace
 
@@ -49,47 +48,41 @@ void FILEWriter::Put(void const* data, std::size_t element_bytes, std::size_t co
 void FILEWriter::PutCount(std::size_t count) {
   unsigned long long const wide = count;
   if (std::fwrite(&wide, sizeof wide, 1, stream_) != 1)
-    Refuse("failed to write the %s value, error code is %d.\n", NameOf(&wide), std::ferror(stream_));
+    Refuse("failed to write the %s value, error code is %d.\n", CountName(), std::ferror(stream_));
 }
 
-template <class T>
-void FILEWriter::Write(T const* value) {
-  Put(value, sizeof *value, 1, NameOf(value));
+// A list of numbers or a text.
+void FILEWriter::PutElements(void* list, FieldType const& type) {
+  support::Elements const elements = type.look(list);
+  PutCount(elements.count);
+  Put(elements.first, type.element_bytes, elements.count, type.Name());
 }
 
-template <class T>
-void FILEWriter::Write(std::vector<T> const* values) {
-  PutCount(values->size());
-  Put(values->data(), sizeof(T), values->size(), NameOf(values));
-}
-
-void FILEWriter::Write(std::string const* text) {
-  PutCount(text->size());
-  Put(text->data(), 1, text->size(), NameOf(text));
-}
-
-void FILEWriter::Write(std::vector<std::string>* texts) {
-  PutCount(texts->size());
-  for (std::string& text : *texts) Visit(&text, nullptr);
-}
-
-void FILEWriter::Write(std::vector<std::vector<unsigned short>> const* rows) {
-  PutCount(rows->size());
-  for (std::vector<unsigned short> const& row : *rows) {
-    PutCount(row.size());
-    Put(row.data(), sizeof(unsigned short), row.size(), NameOf(rows));
+void FILEWriter::VisitField(void* value, FieldType const& type, char const*) {
+  if (value == nullptr) Refuse("cannot write a %s value from a null pointer", type.spelled);
+  switch (type.form) {
+    case FieldType::kNumber:
+    case FieldType::kCharacter:
+      return Put(value, type.element_bytes, 1, type.Name());
+    case FieldType::kNumbers:
+    case FieldType::kText:
+      return PutElements(value, type);
+    case FieldType::kTexts: {
+      auto& texts = *static_cast<std::vector<std::string>*>(value);
+      PutCount(texts.size());
+      for (std::string& text : texts) Visit(&text, nullptr);
+      return;
+    }
+    case FieldType::kRows: {
+      auto& rows = *static_cast<std::vector<std::vector<unsigned short>>*>(value);
+      PutCount(rows.size());
+      for (std::vector<unsigned short>& row : rows) PutElements(&row, type);
+      return;
+    }
+    case FieldType::kRecord:
+      return static_cast<Serializable*>(value)->VisitAttr(std::make_shared<FILEWriter>(stream_, false));
   }
 }
-
-void FILEWriter::Write(Serializable* record) { record->VisitAttr(std::make_shared<FILEWriter>(stream_, false)); }
-
-#define TALVO_VISIT(type)                                                               \
-  void FILEWriter::Visit(type* value, char const*) {                                    \
-    if (value == nullptr) Refuse("cannot write a %s value from a null pointer", #type); \
-    Write(value);                                                                       \
-  }
-TALVO_FOR_EACH_VISITED_TYPE(TALVO_VISIT)
-#undef TALVO_VISIT
 
 FILEReader::FILEReader(char const* path) : stream_(Open(path, "rb")), owned_(stream_, CloseStream()) { ReadVersion(); }
 
@@ -119,8 +112,8 @@ void FILEReader::Get(void* data, std::size_t element_bytes, std::size_t count, c
 }
 
 unsigned long long FILEReader::GetCount() {
-  unsigned long long count = 0;
-  Read(&count);
+  unsigned long long count;
+  Get(&count, sizeof count, 1, CountName());
   return count;
 }
 
@@ -145,41 +138,29 @@ bool FILEReader::Skims(unsigned long long count, std::size_t element_bytes) {
   return fseeko(stream_, static_cast<off_t>(count * element_bytes), SEEK_CUR) == 0;
 }
 
-template <class Container>
-void FILEReader::GetElements(Container* target, char const* type_name) {
-  using Element = typename Container::value_type;
+void FILEReader::GetScalar(void* value, FieldType const& type) {
+  Get(value, type.element_bytes, 1, type.Name());
+  if (type.number != support::Number::kBool) return;
+  auto& byte = *static_cast<unsigned char*>(value);  // others than 0 and 1 are no bool
+  byte = byte != 0;
+}
+
+void FILEReader::GetElements(void* list, FieldType const& type) {
+  std::size_t const element_bytes = type.element_bytes;
   unsigned long long const count = GetCount();
   bool known;
-  Require(EnoughLeft(count, sizeof(Element), &known), type_name);
-  target->clear();
+  Require(EnoughLeft(count, element_bytes, &known), type.Name());
+  type.resize(list, 0);
   // A pipe does not tell its length: memory doubles with what really came, and a count that lies costs no more than it
   // sent.
   for (std::size_t done = 0; done < count;) {
-    unsigned long long const piece = std::max(done, kTrustedBytes / sizeof(Element));
+    unsigned long long const piece = std::max(done, kTrustedBytes / element_bytes);
     std::size_t const step = static_cast<std::size_t>(known ? count : std::min(count - done, piece));
-    target->resize(done + step);
-    Get(target->data() + done, sizeof(Element), step, type_name);
+    auto* const first = static_cast<unsigned char*>(type.resize(list, done + step).first);
+    Get(first + done * element_bytes, element_bytes, step, type.Name());
     done += step;
   }
 }
-
-template <class T>
-void FILEReader::Read(T* value) {
-  Get(value, sizeof *value, 1, NameOf(value));
-}
-
-void FILEReader::Read(bool* value) {
-  unsigned char byte = 0;  // other bytes than 0 and 1 are no bool
-  Get(&byte, sizeof byte, 1, NameOf(value));
-  *value = byte != 0;
-}
-
-template <class T>
-void FILEReader::Read(std::vector<T>* values) {
-  GetElements(values, NameOf(values));
-}
-
-void FILEReader::Read(std::string* text) { GetElements(text, NameOf(text)); }
 
 void FILEReader::Read(std::vector<std::string>* texts) {
   unsigned long long const count = GetCount();
@@ -195,12 +176,12 @@ void FILEReader::Read(std::vector<std::string>* texts) {
 
 // The stream's lists follow as many others as there are of them, which are empty in a fresh field; empty ones are
 // dropped. Files depend on it.
-void FILEReader::Read(std::vector<std::vector<unsigned short>>* rows) {
+void FILEReader::Read(std::vector<std::vector<unsigned short>>* rows, FieldType const& type) {
   unsigned long long const count = GetCount();
   std::vector<std::vector<unsigned short>> filled;
   for (unsigned long long i = 0; i < count; ++i) {
     std::vector<unsigned short> row;
-    GetElements(&row, NameOf(rows));
+    GetElements(&row, type);
     if (!row.empty()) filled.push_back(std::move(row));
   }
   rows->reserve(static_cast<std::size_t>(count) + filled.size());
@@ -220,12 +201,22 @@ std::shared_ptr<Visitor> support::SkimmingReader(std::FILE* stream) {
   return reader;
 }
 
-#define TALVO_VISIT(type)                                                            \
-  void FILEReader::Visit(type* value, char const*) {                                 \
-    if (value == nullptr) Refuse("cannot read a %s value to a null pointer", #type); \
-    Read(value);                                                                     \
+void FILEReader::VisitField(void* value, FieldType const& type, char const*) {
+  if (value == nullptr) Refuse("cannot read a %s value to a null pointer", type.spelled);
+  switch (type.form) {
+    case FieldType::kNumber:
+    case FieldType::kCharacter:
+      return GetScalar(value, type);
+    case FieldType::kNumbers:
+    case FieldType::kText:
+      return GetElements(value, type);
+    case FieldType::kTexts:
+      return Read(static_cast<std::vector<std::string>*>(value));
+    case FieldType::kRows:
+      return Read(static_cast<std::vector<std::vector<unsigned short>>*>(value), type);
+    case FieldType::kRecord:
+      return Read(static_cast<Serializable*>(value));
   }
-TALVO_FOR_EACH_VISITED_TYPE(TALVO_VISIT)
-#undef TALVO_VISIT
+}
 
 }  // namespace talvo::runtime

@@ -17,30 +17,20 @@ std::shared_ptr<Visitor> SkimmingReader(std::FILE* stream);
 }  // namespace support
 
 /// Writes records. Assert: bytes that the stream does not take, a null record.
-class TALVO_API FILEWriter : public Visitor {
+class TALVO_API FILEWriter : public FieldVisitor {
  public:
   /// Opens the file and writes the version word; closes it when it goes. Assert: a path that cannot be opened.
   explicit FILEWriter(char const* path);
   /// Borrows the stream, which must not be null.
   FILEWriter(std::FILE* stream, bool write_version);
 
-#define TALVO_VISIT(type) void Visit(type* value, char const* key) override;
-  TALVO_FOR_EACH_VISITED_TYPE(TALVO_VISIT)
-#undef TALVO_VISIT
-
  private:
   friend TALVO_API void WriteWeightBlob(FILEWriter& writer, std::string const& text);
 
-  void Put(void const* data, std::size_t element_bytes, std::size_t count, char const* type_name);
-  void PutCount(std::size_t count);
-  template <class T>
-  void Write(T const* value);
-  template <class T>
-  void Write(std::vector<T> const* values);
-  void Write(std::string const* text);
-  void Write(std::vector<std::string>* texts);
-  void Write(std::vector<std::vector<unsigned short>> const* rows);
-  void Write(Serializable* record);
+  void VisitField(void* value, support::FieldType const& type, char const* key) override;
+  TALVO_INTERNAL void Put(void const* data, std::size_t element_bytes, std::size_t count, char const* type_name);
+  TALVO_INTERNAL void PutCount(std::size_t count);
+  TALVO_INTERNAL void PutElements(void* list, support::FieldType const& type);
 
   std::FILE* stream_;
   std::shared_ptr<std::FILE> owned_;  // empty where the stream is borrowed
@@ -48,7 +38,7 @@ class TALVO_API FILEWriter : public Visitor {
 
 /// Reads records. What it reads replaces what a field held, but for lists of lists. Assert: a stream that ends early, a
 /// count larger than what is left, which is refused before memory is taken for it.
-class TALVO_API FILEReader : public Visitor {
+class TALVO_API FILEReader : public FieldVisitor {
  public:
   /// Opens the file and reads the version word, whatever it is; closes it when it goes. Assert: a path that cannot be
   /// opened.
@@ -58,31 +48,22 @@ class TALVO_API FILEReader : public Visitor {
   /// is 0 or newer than this library.
   FILEReader(std::FILE* stream, unsigned int version);
 
-#define TALVO_VISIT(type) void Visit(type* value, char const* key) override;
-  TALVO_FOR_EACH_VISITED_TYPE(TALVO_VISIT)
-#undef TALVO_VISIT
-
  private:
   friend TALVO_API void ReadWeightBlob(FILEReader& reader, std::string& text);
   friend std::shared_ptr<Visitor> support::SkimmingReader(std::FILE* stream);
 
-  void ReadVersion();
-  void Get(void* data, std::size_t element_bytes, std::size_t count, char const* type_name);
-  void Require(bool condition, char const* type_name) const;
-  unsigned long long GetCount();
-  bool EnoughLeft(unsigned long long count, std::size_t element_bytes, bool* known) const;
-  bool Skims(unsigned long long count, std::size_t element_bytes);
-  template <class Container>
-  void GetElements(Container* target, char const* type_name);
-  template <class T>
-  void Read(T* value);
-  void Read(bool* value);
-  template <class T>
-  void Read(std::vector<T>* values);
-  void Read(std::string* text);
-  void Read(std::vector<std::string>* texts);
-  void Read(std::vector<std::vector<unsigned short>>* rows);
-  void Read(Serializable* record);
+  void VisitField(void* value, support::FieldType const& type, char const* key) override;
+  TALVO_INTERNAL void ReadVersion();
+  TALVO_INTERNAL void Get(void* data, std::size_t element_bytes, std::size_t count, char const* type_name);
+  TALVO_INTERNAL void Require(bool condition, char const* type_name) const;
+  TALVO_INTERNAL unsigned long long GetCount();
+  TALVO_INTERNAL bool EnoughLeft(unsigned long long count, std::size_t element_bytes, bool* known) const;
+  TALVO_INTERNAL bool Skims(unsigned long long count, std::size_t element_bytes);
+  TALVO_INTERNAL void GetScalar(void* value, support::FieldType const& type);
+  TALVO_INTERNAL void GetElements(void* list, support::FieldType const& type);
+  TALVO_INTERNAL void Read(std::vector<std::string>* texts);
+  TALVO_INTERNAL void Read(std::vector<std::vector<unsigned short>>* rows, support::FieldType const& type);
+  TALVO_INTERNAL void Read(Serializable* record);
 
   std::FILE* stream_;
   std::shared_ptr<std::FILE> owned_;  // empty where the stream is borrowed

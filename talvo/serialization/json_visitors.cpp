@@ -9,6 +9,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "talvo/serialization/field_type_support.h"
 #include "talvo/serialization/json_text_support.h"
 #include "talvo/serialization/record_support.h"
 #include "talvo/serialization/serializable.h"
@@ -20,8 +21,12 @@ namespace {
 
 using rapidjson::SizeType;
 using rapidjson::Value;
+using support::Elements;
+using support::FieldType;
+using support::Number;
 
 constexpr char kVersionKey[] = "serialization_protocol_version";
+constexpr char kNeedsText[] = "needs a string", kNeedsList[] = "needs an array of values of the field's kind";
 constexpr SizeType kIndexedMembers = 32;  // with fewer, members are searched one after the other
 
 // What a text may make records take beyond one reading of each of its values: with all else at most 40 times the text
@@ -33,14 +38,6 @@ std::size_t Allowance(support::JSONText const& text) {
   std::size_t const strings = kForStrings * text.Bytes(), values = kForValues * text.ValueBytes();
   return kAtLeast + std::max(kForEach * text.Bytes(), strings > values ? strings - values : 0);
 }
-
-template <class T>
-constexpr bool kIsFloat = std::is_floating_point_v<T> || std::is_same_v<T, half_float::half>;
-
-template <class T>
-constexpr bool kIsList = false;
-template <class T>
-constexpr bool kIsList<std::vector<T>> = true;
 
 // A message is cut at 2047 characters: what is behind them is left out here, or a long id would be copied for each of
 // the records below it.
@@ -60,152 +57,177 @@ void AssertTarget(void const* value, std::string const& path, char const* key) {
   AssertAt(value != nullptr, path, key, "a null pointer is no field");
 }
 
-// The value of a field. False: JSON cannot hold it.
-template <class T>
-bool ToValue(T const& from, Value& to, JSONAllocator&) {
-  if constexpr (kIsFloat<T>) {
-    double const wide = from;
-    to.SetDouble(wide);
-    return std::isfinite(wide);
-  } else {
-    to = Value(from);
-    return true;
+// The value of a number. False: JSON cannot hold it.
+bool ToValue(double from, Value& to) {
+  to.SetDouble(from);
+  return std::isfinite(from);
+}
+
+bool ToValue(void const* from, Number number, Value& to) {
+  switch (number) {
+    case Number::kFloat:
+      return ToValue(*static_cast<float const*>(from), to);
+    case Number::kHalf:
+      return ToValue(*static_cast<half_float::half const*>(from), to);
+    case Number::kDouble:
+      return ToValue(*static_cast<double const*>(from), to);
+    case Number::kInt8:
+      return to.SetInt(*static_cast<signed char const*>(from)), true;
+    case Number::kUInt8:
+      return to.SetUint(*static_cast<unsigned char const*>(from)), true;
+    case Number::kInt16:
+      return to.SetInt(*static_cast<short const*>(from)), true;
+    case Number::kUInt16:
+      return to.SetUint(*static_cast<unsigned short const*>(from)), true;
+    case Number::kInt32:
+      return to.SetInt(*static_cast<int const*>(from)), true;
+    case Number::kUInt32:
+      return to.SetUint(*static_cast<unsigned int const*>(from)), true;
+    case Number::kInt64:
+      return to.SetInt64(*static_cast<long long const*>(from)), true;
+    case Number::kUInt64:
+      return to.SetUint64(*static_cast<unsigned long long const*>(from)), true;
+    case Number::kBool:
+      return to.SetBool(*static_cast<bool const*>(from)), true;
   }
+  return false;
 }
 
-bool ToValue(signed char from, Value& to, JSONAllocator&) { return to.SetInt(from), true; }
-bool ToValue(unsigned char from, Value& to, JSONAllocator&) { return to.SetUint(from), true; }
-bool ToValue(short from, Value& to, JSONAllocator&) { return to.SetInt(from), true; }
-bool ToValue(unsigned short from, Value& to, JSONAllocator&) { return to.SetUint(from), true; }
-bool ToValue(long long from, Value& to, JSONAllocator&) { return to.SetInt64(from), true; }
-bool ToValue(unsigned long long from, Value& to, JSONAllocator&) { return to.SetUint64(from), true; }
-
-// Up to the first zero character, which rapidjson by itself looks for byte by byte.
-bool ToValue(std::string const& from, Value& to, JSONAllocator& allocator) {
-  to.SetString(from.c_str(), static_cast<SizeType>(std::strlen(from.c_str())), allocator);
-  return true;
-}
-
-template <class T>
-bool ToValue(std::vector<T> const& from, Value& to, JSONAllocator& allocator) {
-  to.SetArray().Reserve(static_cast<SizeType>(from.size()), allocator);
-  for (T const& element : from) {
+bool ToValue(Elements const& from, FieldType const& type, Value& to, JSONAllocator& allocator) {
+  to.SetArray().Reserve(static_cast<SizeType>(from.count), allocator);
+  auto const* element = static_cast<unsigned char const*>(from.first);
+  for (std::size_t i = 0; i < from.count; ++i, element += type.element_bytes) {
     Value value;
-    if (!ToValue(element, value, allocator)) return false;
+    if (!ToValue(element, type.number, value)) return false;
     to.PushBack(value, allocator);
   }
   return true;
 }
 
-// What a field of each type needs, and how a value is taken. False: another kind of value.
-template <class T>
-struct Kind;
+// Up to the first zero character, which rapidjson by itself looks for byte by byte.
+Value TextValue(char const* from, JSONAllocator& allocator) {
+  return Value(from, static_cast<SizeType>(std::strlen(from)), allocator);
+}
+
+Value TextsValue(std::vector<std::string> const& from, JSONAllocator& allocator) {
+  Value texts(rapidjson::kArrayType);
+  texts.Reserve(static_cast<SizeType>(from.size()), allocator);
+  for (std::string const& text : from) texts.PushBack(TextValue(text.c_str(), allocator), allocator);
+  return texts;
+}
+
+// What a number of each kind needs, and how a value is taken. False: another kind of value.
+char const* NeedsOf(Number number) {
+  switch (number) {
+    case Number::kFloat:
+    case Number::kHalf:
+    case Number::kDouble:
+      return "needs a number";
+    case Number::kInt8:
+    case Number::kInt16:
+    case Number::kInt32:
+      return "needs an integer of 32 bits";
+    case Number::kUInt8:
+    case Number::kUInt16:
+    case Number::kUInt32:
+      return "needs an unsigned integer of 32 bits";
+    case Number::kInt64:
+      return "needs an integer of 64 bits";
+    case Number::kUInt64:
+      return "needs an unsigned integer of 64 bits";
+    case Number::kBool:
+      break;
+  }
+  return "needs true or false";
+}
 
 template <class T, class Wide>
-struct NumberKind {
-  static bool Take(Value const& from, T& to) {
-    if (!from.Is<Wide>()) return false;
-    to = static_cast<T>(from.Get<Wide>());
-    return true;
-  }
-};
-
-struct FloatKind {
-  static constexpr char const* kNeeds = "needs a number";
-  static bool Take(Value const& from, double& to) { return from.IsNumber() && (to = from.GetDouble(), true); }
-  static bool Take(Value const& from, float& to) {
-    double wide = 0;
-    return Take(from, wide) && (to = static_cast<float>(wide), true);
-  }
-  static bool Take(Value const& from, half_float::half& to) {
-    float narrowed = 0;
-    return Take(from, narrowed) && (to = half_float::half(narrowed), true);
-  }
-};
-
-template <>
-struct Kind<float> : FloatKind {};
-template <>
-struct Kind<double> : FloatKind {};
-template <>
-struct Kind<half_float::half> : FloatKind {};
+bool TakeAs(Value const& from, void* to) {
+  if (!from.Is<Wide>()) return false;
+  *static_cast<T*>(to) = static_cast<T>(from.Get<Wide>());
+  return true;
+}
 
 template <class T>
-struct IntKind : NumberKind<T, int> {
-  static constexpr char const* kNeeds = "needs an integer of 32 bits";
-};
-template <>
-struct Kind<signed char> : IntKind<signed char> {};
-template <>
-struct Kind<short> : IntKind<short> {};
-template <>
-struct Kind<int> : IntKind<int> {};
+bool TakeFloat(Value const& from, void* to) {
+  if (!from.IsNumber()) return false;
+  if constexpr (std::is_same_v<T, double>)
+    *static_cast<T*>(to) = from.GetDouble();
+  else
+    *static_cast<T*>(to) = static_cast<T>(static_cast<float>(from.GetDouble()));
+  return true;
+}
 
-template <class T>
-struct UnsignedKind : NumberKind<T, unsigned int> {
-  static constexpr char const* kNeeds = "needs an unsigned integer of 32 bits";
-};
-template <>
-struct Kind<unsigned char> : UnsignedKind<unsigned char> {};
-template <>
-struct Kind<unsigned short> : UnsignedKind<unsigned short> {};
-template <>
-struct Kind<unsigned int> : UnsignedKind<unsigned int> {};
-
-template <>
-struct Kind<long long> : NumberKind<long long, std::int64_t> {
-  static constexpr char const* kNeeds = "needs an integer of 64 bits";
-};
-template <>
-struct Kind<unsigned long long> : NumberKind<unsigned long long, std::uint64_t> {
-  static constexpr char const* kNeeds = "needs an unsigned integer of 64 bits";
-};
-template <>
-struct Kind<bool> : NumberKind<bool, bool> {
-  static constexpr char const* kNeeds = "needs true or false";
-};
-
-template <>
-struct Kind<std::string> {
-  static constexpr char const* kNeeds = "needs a string";
-  static bool Take(Value const& from, std::string& to) {
-    return from.IsString() && (to.assign(from.GetString()), true);  // up to the first zero character
+bool TakeNumber(Value const& from, Number number, void* to) {
+  switch (number) {
+    case Number::kFloat:
+      return TakeFloat<float>(from, to);
+    case Number::kHalf:
+      return TakeFloat<half_float::half>(from, to);
+    case Number::kDouble:
+      return TakeFloat<double>(from, to);
+    case Number::kInt8:
+      return TakeAs<signed char, int>(from, to);
+    case Number::kUInt8:
+      return TakeAs<unsigned char, unsigned int>(from, to);
+    case Number::kInt16:
+      return TakeAs<short, int>(from, to);
+    case Number::kUInt16:
+      return TakeAs<unsigned short, unsigned int>(from, to);
+    case Number::kInt32:
+      return TakeAs<int, int>(from, to);
+    case Number::kUInt32:
+      return TakeAs<unsigned int, unsigned int>(from, to);
+    case Number::kInt64:
+      return TakeAs<long long, std::int64_t>(from, to);
+    case Number::kUInt64:
+      return TakeAs<unsigned long long, std::uint64_t>(from, to);
+    case Number::kBool:
+      return TakeAs<bool, bool>(from, to);
   }
-};
+  return false;
+}
 
-// Appends.
-template <class T>
-struct Kind<std::vector<T>> {
-  static constexpr char const* kNeeds = "needs an array of values of the field's kind";
-  static bool Take(Value const& from, std::vector<T>& to) {
-    if (!from.IsArray()) return false;
-    to.reserve(to.size() + from.Size());
-    for (Value const& element : from.GetArray()) {
-      T taken{};
-      if (!Kind<T>::Take(element, taken)) return false;
-      to.push_back(std::move(taken));
-    }
-    return true;
+bool TakeText(Value const& from, std::string& to) {
+  return from.IsString() && (to.assign(from.GetString()), true);  // up to the first zero character
+}
+
+// These append.
+bool TakeTexts(Value const& from, std::vector<std::string>& to) {
+  if (!from.IsArray()) return false;
+  to.reserve(to.size() + from.Size());
+  for (Value const& element : from.GetArray()) {
+    if (!TakeText(element, to.emplace_back())) return false;
   }
-};
+  return true;
+}
+
+bool TakeNumbers(Value const& from, FieldType const& type, void* list) {
+  if (!from.IsArray()) return false;
+  std::size_t const done = type.look(list).count;
+  auto* element = static_cast<unsigned char*>(type.resize(list, done + from.Size()).first) + done * type.element_bytes;
+  for (Value const& value : from.GetArray()) {
+    if (!TakeNumber(value, type.number, element)) return false;
+    element += type.element_bytes;
+  }
+  return true;
+}
 
 // Lists in a list hold numbers that fit int, other than a list of its own.
-template <>
-struct Kind<std::vector<std::vector<unsigned short>>> {
-  static constexpr char const* kNeeds = "needs an array of arrays of integers";
-  static bool Take(Value const& from, std::vector<std::vector<unsigned short>>& to) {
-    if (!from.IsArray()) return false;
-    to.reserve(to.size() + from.Size());
-    for (Value const& row : from.GetArray()) {
-      std::vector<int> taken;
-      if (!Kind<std::vector<int>>::Take(row, taken)) return false;
-      std::vector<unsigned short>& narrow = to.emplace_back();
-      narrow.reserve(taken.size());
-      for (int number : taken) narrow.push_back(static_cast<unsigned short>(number));
+bool TakeRows(Value const& from, std::vector<std::vector<unsigned short>>& to) {
+  if (!from.IsArray()) return false;
+  to.reserve(to.size() + from.Size());
+  for (Value const& row : from.GetArray()) {
+    if (!row.IsArray()) return false;
+    std::vector<unsigned short>& taken = to.emplace_back();
+    taken.reserve(row.Size());
+    for (Value const& number : row.GetArray()) {
+      if (!number.IsInt()) return false;
+      taken.push_back(static_cast<unsigned short>(number.GetInt()));
     }
-    return true;
   }
-};
+  return true;
+}
 
 std::string_view NameOf(Value::Member const& member) {
   return {member.name.GetString(), member.name.GetStringLength()};
@@ -214,20 +236,21 @@ std::string_view NameOf(Value::Member const& member) {
 constexpr std::size_t kBlockBytes = 24;  // of memory, at the least and beyond what is in it at the most
 
 // What a list takes for these values; nothing for a field that is replaced.
-template <class T>
-std::size_t AppendedBytes(Value const&, T const*) {
-  return 0;
-}
-std::size_t AppendedBytes(Value const& from, std::string const*) {
-  if (!from.IsString() || from.GetStringLength() <= std::string().capacity()) return 0;
-  return kBlockBytes + from.GetStringLength();
-}
-template <class T>
-std::size_t AppendedBytes(Value const& from, std::vector<T> const*) {
+std::size_t AppendedBytes(Value const& from, FieldType const& type) {
   if (!from.IsArray()) return 0;
   std::size_t bytes = kBlockBytes;
-  for (Value const& element : from.GetArray())
-    bytes += sizeof(T) + AppendedBytes(element, static_cast<T const*>(nullptr));
+  for (Value const& element : from.GetArray()) {
+    if (type.form == FieldType::kNumbers) {
+      bytes += type.element_bytes;
+    } else if (type.form == FieldType::kRows) {
+      bytes += sizeof(std::vector<unsigned short>);
+      if (element.IsArray()) bytes += kBlockBytes + element.Size() * type.element_bytes;
+    } else {
+      bytes += sizeof(std::string);
+      if (element.IsString() && element.GetStringLength() > std::string().capacity())
+        bytes += kBlockBytes + element.GetStringLength();
+    }
+  }
   return bytes;
 }
 
@@ -239,32 +262,44 @@ JSONNodeSetter::JSONNodeSetter(Value& node, JSONAllocator& allocator, bool write
   if (write_version) Visit(&_serialization_protocol_version, kVersionKey);
 }
 
-template <class T>
-void JSONNodeSetter::Add(T* value, char const* key) {
+void JSONNodeSetter::VisitField(void* value, FieldType const& type, char const* key) {
+  AssertTarget(value, path_, key);
   Value member;
-  AssertAt(ToValue(*value, member, allocator_), path_, key, "infinity and NaN cannot be written");
-  node_.AddMember(Value(key, allocator_), member, allocator_);
-}
-
-void JSONNodeSetter::Add(char* text, char const* key) {
-  node_.AddMember(Value(key, allocator_), Value(text, allocator_), allocator_);
-}
-
-void JSONNodeSetter::Add(Serializable* record, char const* key) {
-  Value member(rapidjson::kObjectType);
-  auto const nested = std::make_shared<JSONNodeSetter>(member, allocator_, false);
-  nested->path_ = Joined(path_, key);
-  record->VisitAttr(nested);
-  node_.AddMember(Value(key, allocator_), member, allocator_);
-}
-
-#define TALVO_VISIT(type)                                    \
-  void JSONNodeSetter::Visit(type* value, char const* key) { \
-    AssertTarget(value, path_, key);                         \
-    Add(value, key);                                         \
+  bool good = true;
+  switch (type.form) {
+    case FieldType::kNumber:
+      good = ToValue(value, type.number, member);
+      break;
+    case FieldType::kNumbers:
+      good = ToValue(type.look(value), type, member, allocator_);
+      break;
+    case FieldType::kCharacter:
+      member = TextValue(static_cast<char const*>(value), allocator_);
+      break;
+    case FieldType::kText:
+      member = TextValue(static_cast<std::string const*>(value)->c_str(), allocator_);
+      break;
+    case FieldType::kTexts:
+      member = TextsValue(*static_cast<std::vector<std::string> const*>(value), allocator_);
+      break;
+    case FieldType::kRows:
+      member.SetArray();
+      for (auto& row : *static_cast<std::vector<std::vector<unsigned short>>*>(value)) {
+        Value numbers;
+        ToValue(type.look(&row), type, numbers, allocator_);
+        member.PushBack(numbers, allocator_);
+      }
+      break;
+    case FieldType::kRecord: {
+      member.SetObject();
+      auto const nested = std::make_shared<JSONNodeSetter>(member, allocator_, false);
+      nested->path_ = Joined(path_, key);
+      static_cast<Serializable*>(value)->VisitAttr(nested);
+    }
   }
-TALVO_FOR_EACH_VISITED_TYPE(TALVO_VISIT)
-#undef TALVO_VISIT
+  AssertAt(good, path_, key, "infinity and NaN cannot be written");
+  node_.AddMember(Value(key, allocator_), member, allocator_);
+}
 
 struct JSONNodeGetter::Index {
   std::vector<Value::Member const*> members;  // by key, equal ones in the order of the text
@@ -284,8 +319,8 @@ void JSONNodeGetter::TakeVersion(unsigned int version) {
   }
   Value const* const member = FindOrNull(kVersionKey);
   if (member == nullptr) return;
-  AssertAt(Kind<unsigned int>::Take(*member, _serialization_protocol_version), path_, kVersionKey,
-           Kind<unsigned int>::kNeeds);
+  AssertAt(TakeNumber(*member, Number::kUInt32, &_serialization_protocol_version), path_, kVersionKey,
+           NeedsOf(Number::kUInt32));
   if (_serialization_protocol_version > __SERIALIZATION_PROTOCOL_VERSION__)
     utility::Refuse("_serialization_protocol_version > __SERIALIZATION_PROTOCOL_VERSION__.");
 }
@@ -320,23 +355,41 @@ Value const& JSONNodeGetter::Find(char const* key) {
   return *value;
 }
 
-template <class T>
-void JSONNodeGetter::Take(T* value, char const* key) {
+void JSONNodeGetter::VisitField(void* value, FieldType const& type, char const* key) {
+  AssertTarget(value, path_, key);
   Value const& from = Find(key);
-  if constexpr (kIsList<T>) {
-    if (!value->empty()) Charge(AppendedBytes(from, value), key, value->capacity() * sizeof value->front());
+  switch (type.form) {
+    case FieldType::kNumber:
+      return AssertAt(TakeNumber(from, type.number, value), path_, key, NeedsOf(type.number));
+    case FieldType::kCharacter: {
+      std::string taken;
+      AssertAt(TakeText(from, taken), path_, key, kNeedsText);
+      std::memcpy(value, taken.data(), taken.size());
+      return;
+    }
+    case FieldType::kText:
+      return AssertAt(TakeText(from, *static_cast<std::string*>(value)), path_, key, kNeedsText);
+    case FieldType::kRecord:
+      return TakeRecord(from, static_cast<Serializable*>(value), key);
+    case FieldType::kNumbers: {
+      auto const [first, count, capacity] = type.look(value);
+      if (count > 0) Charge(AppendedBytes(from, type), key, capacity * type.element_bytes);
+      return AssertAt(TakeNumbers(from, type, value), path_, key, kNeedsList);
+    }
+    case FieldType::kTexts: {
+      auto& texts = *static_cast<std::vector<std::string>*>(value);
+      if (!texts.empty()) Charge(AppendedBytes(from, type), key, texts.capacity() * sizeof texts.front());
+      return AssertAt(TakeTexts(from, texts), path_, key, kNeedsList);
+    }
+    case FieldType::kRows: {
+      auto& rows = *static_cast<std::vector<std::vector<unsigned short>>*>(value);
+      if (!rows.empty()) Charge(AppendedBytes(from, type), key, rows.capacity() * sizeof rows.front());
+      return AssertAt(TakeRows(from, rows), path_, key, "needs an array of arrays of integers");
+    }
   }
-  AssertAt(Kind<T>::Take(from, *value), path_, key, Kind<T>::kNeeds);
 }
 
-void JSONNodeGetter::Take(char* text, char const* key) {
-  std::string taken;
-  Take(&taken, key);
-  std::memcpy(text, taken.data(), taken.size());
-}
-
-void JSONNodeGetter::Take(Serializable* record, char const* key) {
-  Value const& value = Find(key);
+void JSONNodeGetter::TakeRecord(Value const& value, Serializable* record, char const* key) {
   // A record that stands as null keeps what its constructor gave.
   if (value.IsNull()) return;
   if (!value.IsObject() && !value.IsArray()) utility::Refuse("Created node is a unkown value.");
@@ -346,7 +399,7 @@ void JSONNodeGetter::Take(Serializable* record, char const* key) {
   record->VisitAttr(nested);
 }
 
-void JSONNodeGetter::Skim(char const* key) { AssertAt(Find(key).IsString(), path_, key, Kind<std::string>::kNeeds); }
+void JSONNodeGetter::Skim(char const* key) { AssertAt(Find(key).IsString(), path_, key, kNeedsText); }
 
 // Reading a record again appends to its lists, and a record that stands as null is made all the same: without a limit
 // a small text could fill the memory.
@@ -356,14 +409,6 @@ void JSONNodeGetter::Charge(std::size_t bytes, char const* key, std::size_t for_
            "repeated and null records take more memory than such a text may");
   *bytes_left_ -= bytes;
 }
-
-#define TALVO_VISIT(type)                                    \
-  void JSONNodeGetter::Visit(type* value, char const* key) { \
-    AssertTarget(value, path_, key);                         \
-    Take(value, key);                                        \
-  }
-TALVO_FOR_EACH_VISITED_TYPE(TALVO_VISIT)
-#undef TALVO_VISIT
 
 void support::ReadRecord(JSONText const& text, Serializable* record, char const* refusal, bool skims_weights) {
   if (!text.Root().IsObject()) {
@@ -389,12 +434,10 @@ void printjsonvalue(Value const& value) {
 std::string SerializeJSONValue(Value const& value) { return support::CompactJSON(value); }
 
 Value ToJSONValue(std::vector<std::string> const& values, JSONAllocator& allocator) {
-  Value result;
-  ToValue(values, result, allocator);
-  return result;
+  return TextsValue(values, allocator);
 }
 
-Value ToJSONValue(std::string const& value, JSONAllocator& allocator) { return Value(value.c_str(), allocator); }
+Value ToJSONValue(std::string const& value, JSONAllocator& allocator) { return TextValue(value.c_str(), allocator); }
 
 Value ToJSONValue(Serializable* record, JSONAllocator& allocator) {
   if (record == nullptr) utility::Refuse("JSON: a null record cannot be written");
@@ -404,12 +447,11 @@ Value ToJSONValue(Serializable* record, JSONAllocator& allocator) {
 }
 
 void JSONValueTo(Value const& value, std::vector<std::string>& out) {
-  if (!Kind<std::vector<std::string>>::Take(value, out))
-    utility::Refuse("JSON: a value needs to be an array of strings");
+  if (!TakeTexts(value, out)) utility::Refuse("JSON: a value needs to be an array of strings");
 }
 
 void JSONValueTo(Value const& value, std::string& out) {
-  if (!Kind<std::string>::Take(value, out)) utility::Refuse("JSON: a value needs to be a string");
+  if (!TakeText(value, out)) utility::Refuse("JSON: a value needs to be a string");
 }
 
 void JSONValueTo(Value const& value, Serializable* record) {

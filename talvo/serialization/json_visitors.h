@@ -25,21 +25,14 @@ using JSONAllocator = rapidjson::MemoryPoolAllocator<rapidjson::CrtAllocator>;
 /// Appends members to an object; a key that is visited twice stands twice. A `char` field is written as the
 /// zero-terminated text that begins there. Assert, with the key and the path of keys to it: a number that JSON cannot
 /// hold, a null record.
-class TALVO_API JSONNodeSetter : public Visitor {
+class TALVO_API JSONNodeSetter : public FieldVisitor {
  public:
   /// `node` is an object; it and the allocator outlive the visitor. `write_version` adds the member
   /// "serialization_protocol_version" first.
   JSONNodeSetter(rapidjson::Value& node, JSONAllocator& allocator, bool write_version);
 
-#define TALVO_VISIT(type) void Visit(type* value, char const* key) override;
-  TALVO_FOR_EACH_VISITED_TYPE(TALVO_VISIT)
-#undef TALVO_VISIT
-
  private:
-  template <class T>
-  void Add(T* value, char const* key);
-  void Add(char* text, char const* key);
-  void Add(Serializable* record, char const* key);
+  void VisitField(void* value, support::FieldType const& type, char const* key) override;
 
   rapidjson::Value& node_;
   JSONAllocator& allocator_;
@@ -51,7 +44,7 @@ class TALVO_API JSONNodeSetter : public Visitor {
 /// field receives the characters of a whole text without a terminator: the caller's memory must hold them. Assert, with
 /// the key and the path of keys to it: a missing key, a value of the wrong kind; without them, a nested record that is
 /// no object, array or null.
-class TALVO_API JSONNodeGetter : public Visitor {
+class TALVO_API JSONNodeGetter : public FieldVisitor {
  public:
   /// `node` outlives the visitor. With `version` 0 the member "serialization_protocol_version" of `node` tells the
   /// version, and the newest is taken where it is absent. `path` are the keys from the root to `node`, for refusals.
@@ -59,27 +52,21 @@ class TALVO_API JSONNodeGetter : public Visitor {
   JSONNodeGetter(rapidjson::Value const& node, unsigned int version, std::string path = "");
   ~JSONNodeGetter() override;
 
-#define TALVO_VISIT(type) void Visit(type* value, char const* key) override;
-  TALVO_FOR_EACH_VISITED_TYPE(TALVO_VISIT)
-#undef TALVO_VISIT
-
  private:
   friend void support::ChargeRecord(Visitor& visitor, std::size_t bytes, std::string const& id);
   friend void support::ReadRecord(support::JSONText const& text, Serializable* record, char const* refusal,
                                   bool skims_weights);
   friend TALVO_API void VisitWeights(Visitor& visitor, std::string* text, char const* key);
-  struct Index;
+  struct TALVO_INTERNAL Index;
 
-  static std::unique_ptr<Index> IndexOf(rapidjson::Value const& object);
-  void TakeVersion(unsigned int version);
-  rapidjson::Value const* FindOrNull(char const* key);
-  rapidjson::Value const& Find(char const* key);
-  template <class T>
-  void Take(T* value, char const* key);
-  void Take(char* text, char const* key);
-  void Take(Serializable* record, char const* key);
-  void Charge(std::size_t bytes, char const* key, std::size_t for_a_moment = 0);
-  void Skim(char const* key);
+  void VisitField(void* value, support::FieldType const& type, char const* key) override;
+  TALVO_INTERNAL static std::unique_ptr<Index> IndexOf(rapidjson::Value const& object);
+  TALVO_INTERNAL void TakeVersion(unsigned int version);
+  TALVO_INTERNAL rapidjson::Value const* FindOrNull(char const* key);
+  TALVO_INTERNAL rapidjson::Value const& Find(char const* key);
+  TALVO_INTERNAL void TakeRecord(rapidjson::Value const& from, Serializable* record, char const* key);
+  TALVO_INTERNAL void Charge(std::size_t bytes, char const* key, std::size_t for_a_moment = 0);
+  TALVO_INTERNAL void Skim(char const* key);
 
   rapidjson::Value const& node_;
   std::string path_;                         // keys from the root to `node_`

@@ -45,7 +45,7 @@ class TALVO_API QZExInfo {
   std::array<unsigned char, 1000> bytes = {};
 
  private:
-  TALVO_INTERNAL unsigned int Number(std::size_t offset) const;
+  unsigned int Number(std::size_t offset) const;
 };
 
 /// The name of a type of layer, as in "Conv2D"; empty for a number that no file holds.

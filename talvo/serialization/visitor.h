@@ -45,4 +45,19 @@ class TALVO_API Visitor {
   unsigned int _serialization_protocol_version = __SERIALIZATION_PROTOCOL_VERSION__;
 };
 
+namespace support {
+struct FieldType;
+}  // namespace support
+
+/// The base of this library's own visitors, to which the type of a field is a value: each Visit hands its field on.
+class TALVO_API FieldVisitor : public Visitor {
+ public:
+#define TALVO_VISIT(type) void Visit(type* value, char const* key) override;
+  TALVO_FOR_EACH_VISITED_TYPE(TALVO_VISIT)
+#undef TALVO_VISIT
+
+ private:
+  virtual void VisitField(void* value, support::FieldType const& type, char const* key) = 0;
+};
+
 }  // namespace talvo::runtime

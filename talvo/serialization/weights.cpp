@@ -6,6 +6,7 @@
 #include <string_view>
 #include <utility>
 
+#include "talvo/serialization/field_type_support.h"
 #include "talvo/serialization/json_visitors.h"
 
 namespace talvo::runtime {
@@ -29,18 +30,12 @@ class WeightVisitor : private rapidjson::Document, public JSONNodeSetter {
         JSONNodeSetter(*this, GetAllocator(), false),
         function_(std::move(function)) {}
 
-#define TALVO_VISIT(type) \
-  void Visit(type* value, char const* key) override { Look(value, key); }
-  TALVO_FOR_EACH_VISITED_TYPE(TALVO_VISIT)
-#undef TALVO_VISIT
-
  private:
-  void Look(void const*, char const*) {}
-  void Look(std::string* text, char const* key) {
-    if (IsWeightKey(key)) function_(key, *text);
-  }
-  void Look(std::vector<std::string>* texts, char const* key) {
-    for (std::string& text : *texts) Look(&text, key);
+  void VisitField(void* value, support::FieldType const& type, char const* key) override {
+    if (!IsWeightKey(key)) return;
+    if (type.form == support::FieldType::kText) function_(key, *static_cast<std::string*>(value));
+    if (type.form != support::FieldType::kTexts) return;
+    for (std::string& text : *static_cast<std::vector<std::string>*>(value)) function_(key, text);
   }
 
   Function const function_;
