@@ -378,12 +378,12 @@ void JSONNodeGetter::VisitField(void* value, FieldType const& type, char const* 
     }
     case FieldType::kTexts: {
       auto& texts = *static_cast<std::vector<std::string>*>(value);
-      if (!texts.empty()) Charge(AppendedBytes(from, type), key, texts.capacity() * sizeof texts.front());
+      if (!texts.empty()) Charge(AppendedBytes(from, type), key, texts.capacity() * sizeof(std::string));
       return AssertAt(TakeTexts(from, texts), path_, key, kNeedsList);
     }
     case FieldType::kRows: {
       auto& rows = *static_cast<std::vector<std::vector<unsigned short>>*>(value);
-      if (!rows.empty()) Charge(AppendedBytes(from, type), key, rows.capacity() * sizeof rows.front());
+      if (!rows.empty()) Charge(AppendedBytes(from, type), key, rows.capacity() * sizeof(std::vector<unsigned short>));
       return AssertAt(TakeRows(from, rows), path_, key, "needs an array of arrays of integers");
     }
   }
