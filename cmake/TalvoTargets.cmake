@@ -49,7 +49,12 @@ function(talvo_optimise target)
       kernel/rows/elementwise_rows.cpp kernel/rows/exponential.cpp kernel/rows/fused_product.cpp kernel/rows/gates.cpp
       kernel/rows/matrix_product.cpp kernel/rows/mixed_channels.cpp kernel/rows/phase_plane.cpp kernel/rows/pixels.cpp
       kernel/rows/pooling_rows.cpp kernel/rows/position_rows.cpp kernel/rows/samples.cpp kernel/rows/transpose.cpp)
-  foreach(source ${small} ${plain} ${leaves})
+  # Loops of one operation for each element go in vectors at -O2 as well. -O3, and remainders in narrower vectors, would
+  # write most of them out a second and a third time, for the last few elements of a row.
+  set(loops
+      kernel/rows/conversion_rows.cpp kernel/rows/elementwise_rows.cpp kernel/rows/mixed_channels.cpp
+      kernel/rows/phase_plane.cpp kernel/rows/pixels.cpp kernel/rows/samples.cpp)
+  foreach(source ${small} ${plain} ${leaves} ${loops})
     if(NOT EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${source})
       message(FATAL_ERROR "talvo_optimise names ${source}, which is not there")
     endif()
@@ -58,6 +63,8 @@ function(talvo_optimise target)
   set_source_files_properties(${plain} TARGET_DIRECTORY ${target} PROPERTIES COMPILE_OPTIONS $<${optimised}:-O2>)
   set_source_files_properties(${leaves} TARGET_DIRECTORY ${target} PROPERTIES COMPILE_OPTIONS
     "$<${optimised}:-fno-exceptions;-fno-unwind-tables;-fno-asynchronous-unwind-tables>")
+  set_property(SOURCE ${loops} TARGET_DIRECTORY ${target} APPEND PROPERTY COMPILE_OPTIONS "$<${optimised}:-O2>"
+    "$<$<AND:${optimised},$<CXX_COMPILER_ID:GNU>>:-fvect-cost-model=dynamic;--param=vect-epilogues-nomask=0>")
 endfunction()
 
 # How the shared library is linked, so that it stays small and starts fast.

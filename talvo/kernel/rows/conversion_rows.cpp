@@ -90,7 +90,8 @@ Primitive<void(float const*, float, float, float, std::size_t, std::int16_t*)> c
 Primitive<void(float const*, float, float, float, std::size_t, std::int8_t*)> const QuantiseInt8Row{
     QuantiseBody<std::int8_t>()};
 Primitive<void(std::int16_t const*, float, std::size_t, float*)> const DequantiseInt16Row{
-    DequantiseBody<std::int16_t>()};
-Primitive<void(std::int8_t const*, float, std::size_t, float*)> const DequantiseInt8Row{DequantiseBody<std::int8_t>()};
+    DequantiseBody<std::int16_t>(), Avx2()};  // it waits for memory
+Primitive<void(std::int8_t const*, float, std::size_t, float*)> const DequantiseInt8Row{DequantiseBody<std::int8_t>(),
+                                                                                        Avx2()};
 
 }  // namespace talvo::kernel::rows

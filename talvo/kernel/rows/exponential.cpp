@@ -289,6 +289,7 @@ Primitive<void(float const*, std::size_t, float*)> const ExpRow{MapBody<ExpStep>
 Primitive<void(float const*, std::size_t, float*)> const SigmoidRow{MapBody<SigmoidStep>()};
 Primitive<void(float const*, std::size_t, float*)> const TanhRow{MapBody<TanhStep>()};
 Primitive<void(float const*, std::size_t, float*)> const LogRow{MapBody<LogStep>()};
-Primitive<void(float const*, std::size_t, float*)> const ErfRow{MapBody<ErfStep>()};
+Primitive<void(float const*, std::size_t, float*)> const ErfRow{
+    MapBody<ErfStep>(), Avx2()};  // polynomials of two halves: no gain from AVX-512
 
 }  // namespace talvo::kernel::rows

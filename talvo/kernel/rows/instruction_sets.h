@@ -1,9 +1,11 @@
 // Instruction sets for the row and tile primitives. A primitive is written once, for a vector width that it takes as a
-// template parameter, and compiled for each instruction set; the widest one that the processor runs is taken at start.
+// template parameter, and compiled for each instruction set that serves it; the widest one that the processor runs is
+// taken at start.
 // The choice changes speed, never a bit. Internal: this folder alone knows about processors.
 #pragma once
 
 #include <cstddef>
+#include <type_traits>
 #include <vector>
 
 /// For everything that a primitive calls: code that is inlined is compiled for the instruction set of its caller. Pass
@@ -27,6 +29,12 @@
 #endif
 
 namespace talvo::kernel::rows {
+
+#if defined(__x86_64__)
+constexpr bool kHasWiderSets = true;
+#else
+constexpr bool kHasWiderSets = false;
+#endif
 
 enum class InstructionSet : unsigned char { kBaseline, kAvx2, kAvx512 };
 constexpr std::size_t kInstructionSets = 3;
@@ -82,19 +90,26 @@ class ScopedInstructionSet {
 
 /// A function compiled for each set; a call runs the version of the set in use. `Body` has a
 /// `template <class Set> static TALVO_ROWS_INLINE void Run(Arguments...)`; the object is a constant at namespace scope:
-///   const Primitive<void(float const*, std::size_t, float*)> ScaleRow{ScaleRowBody()};
+///   const Primitive<void(float const*, std::size_t, float*)> ScaleRow{ScaleRowBody(), Avx2()};
+/// It is compiled up to the set named, which serves the wider ones too: where those gain nothing. Every version counts
+/// in the size of the library.
 template <class Signature>
 class Primitive;
 
 template <class... Arguments>
 class Primitive<void(Arguments...)> {
  public:
-  template <class Body>
-  constexpr explicit Primitive(Body) : versions_{RunBaseline<Body>, RunAvx2<Body>, RunAvx512<Body>} {}
+  template <class Body, class Widest = Avx512>
+  constexpr explicit Primitive(Body, Widest = Widest())
+      : versions_{RunBaseline<Body>,
+                  VersionOf<Body, std::conditional_t<(Widest::kLanes < Avx2::kLanes), Widest, Avx2>>(),
+                  VersionOf<Body, Widest>()} {}
 
   void operator()(Arguments... arguments) const { versions_[static_cast<std::size_t>(ActiveSet())](arguments...); }
 
  private:
+  using Version = void (*)(Arguments...);
+
   template <class Body>
   static void RunBaseline(Arguments... arguments) {
     Body::template Run<Baseline>(arguments...);
@@ -108,7 +123,18 @@ class Primitive<void(Arguments...)> {
     Body::template Run<Avx512>(arguments...);
   }
 
-  void (*versions_[kInstructionSets])(Arguments...);
+  template <class Body, class Set>
+  static constexpr Version VersionOf() {
+    if constexpr (!kHasWiderSets || std::is_same_v<Set, Baseline>) {
+      return RunBaseline<Body>;
+    } else if constexpr (std::is_same_v<Set, Avx2>) {
+      return RunAvx2<Body>;
+    } else {
+      return RunAvx512<Body>;
+    }
+  }
+
+  Version versions_[kInstructionSets];
 };
 
 }  // namespace talvo::kernel::rows

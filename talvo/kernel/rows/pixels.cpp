@@ -28,6 +28,7 @@ struct PlaceOfPixel {
 
 template <int kLanes>
 TALVO_ROWS_INLINE void LoadThirds(Byte const* pixels, Bytes<kLanes> (&thirds)[3]) {
+  TALVO_ROWS_UNROLL
   for (std::size_t t = 0; t < 3; ++t) LoadLanes<kLanes>(pixels + t * kLaneBytes, kThreesBytes, thirds[t]);
 }
 
@@ -223,6 +224,7 @@ struct GrayFourBody {
       constexpr auto kWords = std::make_integer_sequence<int, kLaneBytes / 2 * kLanes>();
       for (; i + kLaneBytes * kLanes <= count; i += kLaneBytes * kLanes) {
         Bytes<kLanes> x[4], ordered;  // a lane takes 16 pixels, four in each vector
+        TALVO_ROWS_UNROLL
         for (std::size_t k = 0; k < 4; ++k) LoadLanes<kLanes>(pixels + 4 * i + k * kLaneBytes, 4 * kLaneBytes, x[k]);
         Words<kLanes> low, high;
         GraySums<kLanes>(x[0], x[1], low, kWords);
@@ -363,23 +365,24 @@ struct NormaliseSaturatedBody {
 
 }  // namespace
 
-Primitive<void(Byte const*, std::size_t, Byte*, Byte*, Byte*)> const SplitThree{SplitThreeBody()};
-Primitive<void(Byte const*, std::size_t, Byte*, Byte*, Byte*)> const SplitFour{SplitFourBody()};
-Primitive<void(Byte const*, Byte const*, Byte const*, std::size_t, Byte*)> const MergeThree{MergeThreeBody()};
-Primitive<void(Byte const*, Byte const*, Byte const*, std::size_t, Byte*)> const GrayRow{GrayRowBody()};
+// Up to AVX2 what waits for memory on images, or mostly shuffles: AVX-512 gains less than a twentieth there.
+Primitive<void(Byte const*, std::size_t, Byte*, Byte*, Byte*)> const SplitThree{SplitThreeBody(), Avx2()};
+Primitive<void(Byte const*, std::size_t, Byte*, Byte*, Byte*)> const SplitFour{SplitFourBody(), Avx2()};
+Primitive<void(Byte const*, Byte const*, Byte const*, std::size_t, Byte*)> const MergeThree{MergeThreeBody(), Avx2()};
+Primitive<void(Byte const*, Byte const*, Byte const*, std::size_t, Byte*)> const GrayRow{GrayRowBody(), Avx2()};
 Primitive<void(Byte const*, std::uint16_t, std::uint16_t, std::size_t, Byte*)> const GrayThree{GrayThreeBody()};
 Primitive<void(Byte const*, std::size_t, Byte*)> const GrayFour{GrayFourBody()};
 Primitive<void(Byte const*, Byte const*, std::size_t, std::int16_t, std::int16_t, std::size_t, Byte*)> const
-    ChrominanceBytes{ChrominanceBytesBody()};
-Primitive<void(Byte const*, Byte const*, std::size_t, Byte*)> const AddBytes{AddBytesBody()};
+    ChrominanceBytes{ChrominanceBytesBody(), Avx2()};
+Primitive<void(Byte const*, Byte const*, std::size_t, Byte*)> const AddBytes{AddBytesBody(), Avx2()};
 Primitive<void(Byte const*, Byte const*, Byte const*, std::size_t, std::size_t, Byte*, Byte*, Byte*)> const
-    SaturatedColours{SaturatedColoursBody()};
+    SaturatedColours{SaturatedColoursBody(), Avx2()};
 Primitive<void(Byte const*, Byte const*, std::int16_t const*, std::int16_t const*, std::size_t, std::int16_t*)> const
-    BlendTaps{BlendTapsBody()};
+    BlendTaps{BlendTapsBody(), Avx2()};
 Primitive<void(std::int16_t const*, std::int16_t const*, std::int16_t, std::int16_t, std::size_t, Byte*)> const
-    BlendLines{BlendLinesBody()};
-Primitive<void(Byte const*, std::size_t, float, float, float*)> const NormaliseBytes{NormaliseBytesBody()};
-Primitive<void(float const*, std::size_t, float, float, float*)> const NormaliseFloats{NormaliseFloatsBody()};
+    BlendLines{BlendLinesBody(), Avx2()};
+Primitive<void(Byte const*, std::size_t, float, float, float*)> const NormaliseBytes{NormaliseBytesBody(), Avx2()};
+Primitive<void(float const*, std::size_t, float, float, float*)> const NormaliseFloats{NormaliseFloatsBody(), Avx2()};
 Primitive<void(Byte const*, std::size_t, float, float, std::int16_t*)> const NormaliseSaturated{
     NormaliseSaturatedBody()};
 

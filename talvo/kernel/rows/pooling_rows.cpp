@@ -214,8 +214,9 @@ struct MeanOfRegionBody {
 
 }  // namespace
 
+// AVX-512 halves the time of a maximum, which it selects by masks; means gain here what they lose there.
 Primitive<void(float const*, TapGrid const&, float*)> const MaximumOfTaps{MaximumBody()};
-Primitive<void(float const*, TapGrid const&, float const*, float*)> const MeanOfTaps{MeanBody()};
-Primitive<void(float const*, MeanRegion const&, std::size_t, float*)> const MeanOfRegion{MeanOfRegionBody()};
+Primitive<void(float const*, TapGrid const&, float const*, float*)> const MeanOfTaps{MeanBody(), Avx2()};
+Primitive<void(float const*, MeanRegion const&, std::size_t, float*)> const MeanOfRegion{MeanOfRegionBody(), Avx2()};
 
 }  // namespace talvo::kernel::rows

@@ -126,6 +126,6 @@ Primitive<void(AxisSums const&, std::size_t, PlaneExtents, Samples const&)> cons
 Primitive<void(float const*, float const*, Samples const&, bool, std::size_t, float*)> const BlendPairs{
     BlendPairsBody()};
 Primitive<void(float const*, float const*, float, float, std::size_t, std::size_t, float*, std::size_t)> const
-    BlendRows{BlendRowsBody()};
+    BlendRows{BlendRowsBody(), Avx2()};  // it waits for memory
 
 }  // namespace talvo::kernel::rows

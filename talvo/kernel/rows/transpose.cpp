@@ -80,14 +80,19 @@ struct Squares {
                                        std::integer_sequence<int, kIndex...>) {
     constexpr int n = kSide;
     Row rows[n], next[n];
+    TALVO_ROWS_UNROLL
     for (int i = 0; i < n; ++i) std::memcpy(&rows[i], block.first + i * block.step, sizeof(Row));
+    TALVO_ROWS_UNROLL
     for (int round = 1; round < n; round *= 2) {
+      TALVO_ROWS_UNROLL
       for (int i = 0; i < n / 2; ++i) {
         next[2 * i] = __builtin_shufflevector(rows[i], rows[i + n / 2], (kIndex / 2 + kIndex % 2 * n)...);
         next[2 * i + 1] = __builtin_shufflevector(rows[i], rows[i + n / 2], (kIndex / 2 + n / 2 + kIndex % 2 * n)...);
       }
+      TALVO_ROWS_UNROLL
       for (int i = 0; i < n; ++i) rows[i] = next[i];
     }
+    TALVO_ROWS_UNROLL
     for (int i = 0; i < n; ++i) std::memcpy(block.to + i * to_row, &rows[i], sizeof(Row));
   }
 };
@@ -131,6 +136,7 @@ struct Quadruples {
   static TALVO_ROWS_INLINE std::size_t FourRows(Transposition const& tile, std::size_t c) {
     for (; c + 4 * kLanes <= tile.columns; c += 4 * kLanes) {
       Quads<kLanes> x[4];
+      TALVO_ROWS_UNROLL
       for (std::ptrdiff_t i = 0; i < 4; ++i) std::memcpy(&x[i], tile.from + i * tile.from_row + 4 * c, sizeof(x[i]));
       Turn<kLanes>(x);
       StoreColumns<kLanes>(x, tile.to + Signed(c) * tile.to_row, tile.to_row,
@@ -143,6 +149,7 @@ struct Quadruples {
   template <int kLanes, int... kLane>
   static TALVO_ROWS_INLINE void StoreColumns(Quads<kLanes> const (&x)[4], Byte* to, std::ptrdiff_t to_row,
                                              std::integer_sequence<int, kLane...>) {
+    TALVO_ROWS_UNROLL
     for (int i = 0; i < 4; ++i) {
       Bytes<kLanes> const columns = reinterpret_cast<Bytes<kLanes>>(x[i]);
       (StoreLane<kLane, kLanes>(columns, to + (4 * kLane + i) * to_row), ...);
@@ -174,6 +181,7 @@ struct Quadruples {
   template <int kLanes, int kFront>
   static TALVO_ROWS_INLINE void Move(BlockRows const& block, std::ptrdiff_t to_row) {
     Quads<kLanes> x[4];
+    TALVO_ROWS_UNROLL
     for (std::ptrdiff_t i = 0; i < 4; ++i) {
       Bytes<kLanes> pixels;
       LoadLanes<kLanes>(block.first + i * block.step - kFront, 4 * block.step, pixels);
@@ -184,6 +192,7 @@ struct Quadruples {
       x[i] = reinterpret_cast<Quads<kLanes>>(pixels);
     }
     Turn<kLanes>(x);
+    TALVO_ROWS_UNROLL
     for (std::ptrdiff_t i = 0; i < 4; ++i) {
       StoreRow<kLanes>(reinterpret_cast<Bytes<kLanes>>(x[i]), block.to + i * to_row);
     }
@@ -269,11 +278,12 @@ struct SingleElements {
   }
 };
 
-Primitive<void(Transposition const&)> const Transpose1{TransposeBody<Squares<std::uint8_t>, 1>()};
-Primitive<void(Transposition const&)> const Transpose2{TransposeBody<Squares<std::uint16_t>, 2>()};
+// Squares have vectors of 16 bytes in every set, and those of bytes alone gain from the forms of AVX2.
+Primitive<void(Transposition const&)> const Transpose1{TransposeBody<Squares<std::uint8_t>, 1>(), Avx2()};
+Primitive<void(Transposition const&)> const Transpose2{TransposeBody<Squares<std::uint16_t>, 2>(), Baseline()};
 Primitive<void(Transposition const&)> const Transpose3{TransposeBody<Quadruples<3>, 3>()};
 Primitive<void(Transposition const&)> const Transpose4{TransposeBody<Quadruples<4>, 4>()};
-Primitive<void(Transposition const&)> const Transpose8{TransposeBody<Squares<std::uint64_t>, 8>()};
+Primitive<void(Transposition const&)> const Transpose8{TransposeBody<Squares<std::uint64_t>, 8>(), Baseline()};
 
 // ---- Few channels: one side of a rectangle is so short that it leaves no squares, and stands without gaps. The other
 // side goes in as many streams.
@@ -306,7 +316,8 @@ struct MergeThreeBody {
 };
 
 Primitive<void(Byte const*, std::size_t, Byte*, Byte*, Byte*)> const SplitThreeFloats{SplitThreeBody<4>()};
-Primitive<void(Byte const*, Byte const*, Byte const*, std::size_t, Byte*)> const MergeThreeFloats{MergeThreeBody<4>()};
+Primitive<void(Byte const*, Byte const*, Byte const*, std::size_t, Byte*)> const MergeThreeFloats{MergeThreeBody<4>(),
+                                                                                                  Avx2()};
 
 // Wider vectors are slower here: they shuffle bytes across their lanes.
 void SplitFourBytes(Byte const* TALVO_RESTRICT pixels, std::size_t count, Byte* TALVO_RESTRICT first,
@@ -409,10 +420,10 @@ struct ReverseBody<3> {
   }
 };
 
-Primitive<void(Byte const*, std::size_t, Byte*)> const Reverse1{ReverseBody<1>()};
-Primitive<void(Byte const*, std::size_t, Byte*)> const Reverse2{ReverseBody<2>()};
-Primitive<void(Byte const*, std::size_t, Byte*)> const Reverse3{ReverseBody<3>()};
-Primitive<void(Byte const*, std::size_t, Byte*)> const Reverse4{ReverseBody<4>()};
+Primitive<void(Byte const*, std::size_t, Byte*)> const Reverse1{ReverseBody<1>(), Avx2()};
+Primitive<void(Byte const*, std::size_t, Byte*)> const Reverse2{ReverseBody<2>(), Avx2()};
+Primitive<void(Byte const*, std::size_t, Byte*)> const Reverse3{ReverseBody<3>(), Avx2()};
+Primitive<void(Byte const*, std::size_t, Byte*)> const Reverse4{ReverseBody<4>(), Avx2()};
 
 }  // namespace
 
