@@ -3,7 +3,6 @@
 #include "talvo/entry/open_package.h"
 
 #include <rapidjson/error/en.h>
-#include <rapidjson/reader.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -108,10 +107,7 @@ std::shared_ptr<TLNModel> Named(std::string const& name, Read read) {
 }  // namespace
 
 std::string JSONProblem(std::string text) {
-  rapidjson::InsituStringStream stream(text.data());
-  rapidjson::BaseReaderHandler<> nothing;
-  rapidjson::GenericReader<rapidjson::UTF8<>, rapidjson::UTF8<>, runtime::support::StackAllocator> reader;
-  auto const result = reader.Parse<rapidjson::kParseIterativeFlag>(stream, nothing);
+  rapidjson::ParseResult const result = runtime::support::JSONText(text).Result();
   if (!result.IsError()) return "";
   auto const end = text.begin() + static_cast<std::ptrdiff_t>(std::min(result.Offset(), text.size()));
   auto const line_start = std::find(std::make_reverse_iterator(end), text.rend(), '\n').base();

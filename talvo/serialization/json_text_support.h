@@ -35,6 +35,8 @@ class JSONText {
   JSONText& operator=(JSONText const&) = delete;
 
   rapidjson::Value const& Root() const { return document_; }
+  /// Why and at which byte the text stops to be JSON, if it does.
+  rapidjson::ParseResult Result() const { return document_; }
   std::size_t Bytes() const { return text_.size(); }
   /// What the values take beside the text.
   std::size_t ValueBytes() const { return allocator_.Size(); }

@@ -29,14 +29,14 @@ void LayerInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
 InputInfo::InputInfo() : LayerInfo(0, "InputInfo") {}
 
 void InputInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   TALVO_VISIT_FIELD(location);
 }
 
 LayerPlaceholderInfo::LayerPlaceholderInfo() : LayerInfo(252, "LayerPlaceholderInfo") {}
 
 void LayerPlaceholderInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   TALVO_VISIT_FIELD(input_shapes);
   TALVO_VISIT_FIELD(output_shape);
   TALVO_VISIT_FIELD(desc);

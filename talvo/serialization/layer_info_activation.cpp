@@ -7,7 +7,7 @@ namespace talvo::runtime {
 ActivationInfo::ActivationInfo() : LayerInfo(1, "ActivationInfo") {}
 
 void ActivationInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   TALVO_VISIT_FIELD(activation_type);
   TALVO_VISIT_FIELD(activation_alpha);
   TALVO_VISIT_FIELD(activation_beta);
@@ -19,7 +19,7 @@ void ActivationInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
 ClipInfo::ClipInfo() : LayerInfo(31, "ClipInfo") {}
 
 void ClipInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   TALVO_VISIT_FIELD(minimum_value);
   TALVO_VISIT_FIELD(maximum_value);
 }
@@ -27,7 +27,7 @@ void ClipInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
 SoftmaxInfo::SoftmaxInfo() : LayerInfo(32, "SoftmaxInfo") {}
 
 void SoftmaxInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   TALVO_VISIT_FIELD(dim);
 }
 

@@ -43,7 +43,7 @@ void VisitQuantisedConvolution(Record& record, std::shared_ptr<Visitor> const& v
 Conv1dInfo::Conv1dInfo() : LayerInfo(40, "Conv1dInfo") {}
 
 void Conv1dInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   TALVO_VISIT_FIELD(in_channels);
   TALVO_VISIT_FIELD(out_channels);
   TALVO_VISIT_FIELD(kernel_size);
@@ -60,7 +60,7 @@ void Conv1dInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
 Conv2dInfo::Conv2dInfo() : LayerInfo(2, "Conv2dInfo") {}
 
 void Conv2dInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   VisitWindow(*this, visitor);
   TALVO_VISIT_WEIGHTS(weight);
   TALVO_VISIT_WEIGHTS(bias);
@@ -69,7 +69,7 @@ void Conv2dInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
 ConvTranspose2dInfo::ConvTranspose2dInfo() : LayerInfo(3, "ConvTranspose2dInfo") {}
 
 void ConvTranspose2dInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   VisitWindow(*this, visitor);
   TALVO_VISIT_WEIGHTS(weight);
   TALVO_VISIT_WEIGHTS(bias);
@@ -78,14 +78,14 @@ void ConvTranspose2dInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
 SQFCConv2dInfo::SQFCConv2dInfo() : LayerInfo(23, "SQFCConv2dInfo") {}
 
 void SQFCConv2dInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   VisitQuantisedConvolution(*this, visitor);
 }
 
 SQFCConv2dFoldedBNInfo::SQFCConv2dFoldedBNInfo() : LayerInfo(24, "SQFCConv2dFoldedBNInfo") {}
 
 void SQFCConv2dFoldedBNInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   VisitQuantisedConvolution(*this, visitor);
   TALVO_VISIT_FIELD(eps);
   TALVO_VISIT_FIELD(momentum);
@@ -100,7 +100,7 @@ void SQFCConv2dFoldedBNInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
 FullConnectionInfo::FullConnectionInfo() : LayerInfo(17, "FullConnectionInfo") {}
 
 void FullConnectionInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   TALVO_VISIT_FIELD(in_features);
   TALVO_VISIT_FIELD(out_features);
   TALVO_VISIT_FIELD(if_bias);
@@ -111,7 +111,7 @@ void FullConnectionInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
 GemmInfo::GemmInfo() : LayerInfo(28, "GemmInfo") {}
 
 void GemmInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   TALVO_VISIT_FIELD(trans_a);
   TALVO_VISIT_FIELD(trans_b);
   TALVO_VISIT_FIELD(alpha);

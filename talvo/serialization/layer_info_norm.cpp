@@ -30,21 +30,21 @@ void VisitBatchNorm(Record& record, std::shared_ptr<Visitor> const& visitor) {
 BatchNorm2dInfo::BatchNorm2dInfo() : LayerInfo(9, "BatchNorm2dInfo") {}
 
 void BatchNorm2dInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   VisitBatchNorm(*this, visitor);
 }
 
 BatchNorm1dInfo::BatchNorm1dInfo() : LayerInfo(30, "BatchNorm1dInfo") {}
 
 void BatchNorm1dInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   VisitBatchNorm(*this, visitor);
 }
 
 InstanceNorm2dInfo::InstanceNorm2dInfo() : LayerInfo(8, "InstanceNorm2dInfo") {}
 
 void InstanceNorm2dInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   VisitNorm(*this, visitor);
 }
 

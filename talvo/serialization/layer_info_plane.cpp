@@ -7,7 +7,7 @@ namespace talvo::runtime {
 Pad1dInfo::Pad1dInfo() : LayerInfo(42, "Pad1dInfo") {}
 
 void Pad1dInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   TALVO_VISIT_FIELD(padding_l);
   TALVO_VISIT_FIELD(padding_r);
   TALVO_VISIT_FIELD(padding_v);
@@ -16,7 +16,7 @@ void Pad1dInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
 Pad2dInfo::Pad2dInfo() : LayerInfo(43, "Pad2dInfo") {}
 
 void Pad2dInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   TALVO_VISIT_FIELD(padding_l);
   TALVO_VISIT_FIELD(padding_t);
   TALVO_VISIT_FIELD(padding_r);
@@ -27,7 +27,7 @@ void Pad2dInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
 AvgPool2dInfo::AvgPool2dInfo() : LayerInfo(6, "AvgPool2dInfo") {}
 
 void AvgPool2dInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   TALVO_VISIT_FIELD(kernel_x);
   TALVO_VISIT_FIELD(kernel_y);
   TALVO_VISIT_FIELD(padding_l);
@@ -43,7 +43,7 @@ void AvgPool2dInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
 MaxPool2dInfo::MaxPool2dInfo() : LayerInfo(7, "MaxPool2dInfo") {}
 
 void MaxPool2dInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   TALVO_VISIT_FIELD(kernel_x);
   TALVO_VISIT_FIELD(kernel_y);
   TALVO_VISIT_FIELD(padding_l);
@@ -60,21 +60,21 @@ void MaxPool2dInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
 AdaptiveAvgPool2dInfo::AdaptiveAvgPool2dInfo() : LayerInfo(26, "AdaptiveAvgPool2dInfo") {}
 
 void AdaptiveAvgPool2dInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   TALVO_VISIT_FIELD(output_size);
 }
 
 AdaptiveMaxPool2dInfo::AdaptiveMaxPool2dInfo() : LayerInfo(27, "AdaptiveMaxPool2dInfo") {}
 
 void AdaptiveMaxPool2dInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   TALVO_VISIT_FIELD(output_size);
 }
 
 Upsample2dInfo::Upsample2dInfo() : LayerInfo(10, "Upsample2dInfo") {}
 
 void Upsample2dInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   TALVO_VISIT_FIELD(scale_factor_y);
   TALVO_VISIT_FIELD(scale_factor_x);
   TALVO_VISIT_FIELD(align_corner);
@@ -84,7 +84,7 @@ void Upsample2dInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
 GridSampleInfo::GridSampleInfo() : LayerInfo(44, "GridSampleInfo") {}
 
 void GridSampleInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   TALVO_VISIT_FIELD(mode);
   TALVO_VISIT_FIELD(padding_mode);
   TALVO_VISIT_FIELD(align_corners);
@@ -93,14 +93,14 @@ void GridSampleInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
 PixelShuffleInfo::PixelShuffleInfo() : LayerInfo(21, "PixelShuffleInfo") {}
 
 void PixelShuffleInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   TALVO_VISIT_FIELD(upscale_factor);
 }
 
 SpaceToDepthInfo::SpaceToDepthInfo() : LayerInfo(39, "SpaceToDepthInfo") {}
 
 void SpaceToDepthInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   TALVO_VISIT_FIELD(scale_factor);
 }
 

@@ -49,7 +49,7 @@ void VisitStack(Record& record, std::shared_ptr<Visitor> const& visitor) {
 RNNCellInfo::RNNCellInfo() : LayerInfo(33, "RNNCellInfo") {}
 
 void RNNCellInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   VisitSizes(*this, visitor);
   VisitActivation(*this, visitor);
   VisitCellWeights(*this, visitor);
@@ -58,7 +58,7 @@ void RNNCellInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
 LSTMCellInfo::LSTMCellInfo() : LayerInfo(35, "LSTMCellInfo") {}
 
 void LSTMCellInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   VisitSizes(*this, visitor);
   VisitCellWeights(*this, visitor);
 }
@@ -66,7 +66,7 @@ void LSTMCellInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
 GRUCellInfo::GRUCellInfo() : LayerInfo(37, "GRUCellInfo") {}
 
 void GRUCellInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   VisitSizes(*this, visitor);
   VisitCellWeights(*this, visitor);
 }
@@ -74,7 +74,7 @@ void GRUCellInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
 RNNInfo::RNNInfo() : LayerInfo(34, "RNNInfo") {}
 
 void RNNInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   VisitSizes(*this, visitor);
   VisitActivation(*this, visitor);
   VisitStack(*this, visitor);
@@ -83,7 +83,7 @@ void RNNInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
 LSTMInfo::LSTMInfo() : LayerInfo(36, "LSTMInfo") {}
 
 void LSTMInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   VisitSizes(*this, visitor);
   VisitStack(*this, visitor);
 }
@@ -91,7 +91,7 @@ void LSTMInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
 GRUInfo::GRUInfo() : LayerInfo(38, "GRUInfo") {}
 
 void GRUInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   VisitSizes(*this, visitor);
   VisitStack(*this, visitor);
 }

@@ -10,49 +10,49 @@ namespace talvo::runtime {
 ElementWiseOperatorInfo::ElementWiseOperatorInfo() : LayerInfo(11, "ElementWiseOperatorInfo") {}
 
 void ElementWiseOperatorInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   TALVO_VISIT_FIELD(op_type);
 }
 
 BroadcastOperatorInfo::BroadcastOperatorInfo() : LayerInfo(29, "BroadcastOperatorInfo") {}
 
 void BroadcastOperatorInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   TALVO_VISIT_FIELD(op_type);
 }
 
 ConcatenateInfo::ConcatenateInfo() : LayerInfo(12, "ConcatenateInfo") {}
 
 void ConcatenateInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   TALVO_VISIT_FIELD(dim);
 }
 
 TensorReshapeInfo::TensorReshapeInfo() : LayerInfo(13, "TensorReshapeInfo") {}
 
 void TensorReshapeInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   TALVO_VISIT_FIELD(new_shape);
 }
 
 TensorExpandInfo::TensorExpandInfo() : LayerInfo(41, "TensorExpandInfo") {}
 
 void TensorExpandInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   TALVO_VISIT_FIELD(new_shape);
 }
 
 TensorTransposeInfo::TensorTransposeInfo() : LayerInfo(14, "TensorTransposeInfo") {}
 
 void TensorTransposeInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   TALVO_VISIT_FIELD(axes);
 }
 
 TensorArithmeticInfo::TensorArithmeticInfo() : LayerInfo(45, "TensorArithmeticInfo") {}
 
 void TensorArithmeticInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   TALVO_VISIT_FIELD(dim);
   TALVO_VISIT_FIELD(arith_type);
 }
@@ -60,26 +60,26 @@ void TensorArithmeticInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
 TensorSliceInfo::TensorSliceInfo() : LayerInfo(46, "TensorSliceInfo") {}
 
 void TensorSliceInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   TALVO_VISIT_FIELD(slice_dims);
 }
 
 TensorSqueezeInfo::TensorSqueezeInfo() : LayerInfo(15, "TensorSqueezeInfo") {}
 
 void TensorSqueezeInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   TALVO_VISIT_FIELD(dim);
 }
 
 TensorUnSqueezeInfo::TensorUnSqueezeInfo() : LayerInfo(15, "TensorUnSqueezeInfo") {}
 
 void TensorUnSqueezeInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   TALVO_VISIT_FIELD(dim);
 }
 
 void TensorDimemsionSamplingInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  Serializable::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   TALVO_VISIT_FIELD(sampling_type);
   TALVO_VISIT_FIELD(data);
 }
@@ -87,7 +87,7 @@ void TensorDimemsionSamplingInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
 TensorGetItemInfo::TensorGetItemInfo() : LayerInfo(22, "TensorGetItemInfo") {}
 
 void TensorGetItemInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  LayerInfo::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   TALVO_VISIT_FIELD(num_sampling_infos);
   if (sampling_infos.size() > num_sampling_infos) sampling_infos.resize(num_sampling_infos);
   for (std::size_t i = 0; i < num_sampling_infos; ++i) {

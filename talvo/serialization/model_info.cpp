@@ -71,7 +71,7 @@ TLModelInfoArr::~TLModelInfoArr() {
 }
 
 void TimeInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  Serializable::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   TALVO_VISIT_FIELD(year);
   TALVO_VISIT_FIELD(moon);
   TALVO_VISIT_FIELD(day);
@@ -81,7 +81,7 @@ void TimeInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
 }
 
 void NetExtraInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  Serializable::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   TALVO_VISIT_FIELD(version);
   TALVO_VISIT_FIELD(app_type);
   TALVO_VISIT_FIELD(model_id);
@@ -101,7 +101,7 @@ void NetExtraInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
 }
 
 void TensorInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  Serializable::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   TALVO_VISIT_FIELD(shape);
   TALVO_VISIT_FIELD(dtype);
   TALVO_VISIT_FIELD(data);
@@ -110,7 +110,7 @@ void TensorInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
 
 void TLModelInfo::VisitAttr(std::shared_ptr<Visitor> visitor) {
   if (visitor->_serialization_protocol_version > __SERIALIZATION_PROTOCOL_VERSION__) utility::Refuse(nullptr);
-  Serializable::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   TALVO_VISIT_FIELD(squential_output_ids);
   TALVO_VISIT_FIELD(extra_info);
   TALVO_VISIT_FIELD(squential_ids);
@@ -144,7 +144,7 @@ std::vector<std::string> TLModelInfo::GetOutputIDs() {
 }
 
 void TLModelInfoArr::VisitAttr(std::shared_ptr<Visitor> visitor) {
-  Serializable::VisitAttr(visitor);
+  support::VisitBase(*this, visitor);
   support::VisitTable(visitor, squential_ids, "squential_ids", models, sizeof(TLModelInfo));
 }
 

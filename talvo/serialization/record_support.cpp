@@ -5,9 +5,16 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "talvo/serialization/layer_info.h"
 #include "talvo/utility/refuse_support.h"
 
 namespace talvo::runtime::support {
+
+void VisitBase(LayerInfo& record, std::shared_ptr<Visitor> const& visitor) { record.LayerInfo::VisitAttr(visitor); }
+
+void VisitBase(Serializable& record, std::shared_ptr<Visitor> const& visitor) {
+  record.Serializable::VisitAttr(visitor);
+}
 
 std::string BareName(std::string const& name) {
   return name.substr(name.rfind(':') + 1);  // npos + 1 is 0

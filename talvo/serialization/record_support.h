@@ -21,9 +21,14 @@
 
 namespace talvo::runtime {
 
+class LayerInfo;
 class Serializable;
 
 namespace support {
+
+/// The fields of the base of a record; a function, since handing on a shared pointer takes a hundred bytes.
+void VisitBase(LayerInfo& record, std::shared_ptr<Visitor> const& visitor);
+void VisitBase(Serializable& record, std::shared_ptr<Visitor> const& visitor);
 
 /// What FromFile does with a path and a type word, with its results and refusals, for a caller that needs no weights:
 /// long ones stay empty once it is known that the file holds them.

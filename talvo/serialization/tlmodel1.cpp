@@ -33,6 +33,8 @@ RecordForm const& FormOf(unsigned short type, unsigned short last_type) {
 
 }  // namespace
 
+QZLayerInfo::QZLayerInfo() = default;
+
 QZLayerInfo::~QZLayerInfo() = default;
 
 bool QZExInfo::ifCorrectlyLoad() const { return Number(0) == 0x5555 && Number(996) == 0xAAAA; }

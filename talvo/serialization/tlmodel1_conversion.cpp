@@ -23,7 +23,7 @@ using half_float::half;
 using support::WeightText;
 using namespace talvo1;
 
-using LayerPtr = std::shared_ptr<LayerInfo>;
+using LayerPtr = std::unique_ptr<LayerInfo>;
 
 std::string NameOf(unsigned short id) { return "layer-" + std::to_string(id); }
 
@@ -40,7 +40,7 @@ unsigned short ActivationType(unsigned short kind) {
 }
 
 LayerPtr Activation(unsigned short kind, half alpha, half beta) {
-  auto info = std::make_shared<ActivationInfo>();
+  auto info = std::make_unique<ActivationInfo>();
   info->activation_type = ActivationType(kind);
   info->activation_alpha = alpha;
   info->activation_beta = beta;
@@ -73,8 +73,8 @@ void CopyWindow(Window const& window, Info& info) {
 
 // All but dilation, groups and weights. A layer without a bias gets one of zeros.
 template <class Info, class Layer>
-std::shared_ptr<Info> Convolution(Layer const& layer) {
-  auto info = std::make_shared<Info>();
+std::unique_ptr<Info> Convolution(Layer const& layer) {
+  auto info = std::make_unique<Info>();
   info->in_channels = layer.input_shapes[0].channels;
   info->out_channels = layer.output_shapes[0].channels;
   CopyWindow(layer, *info);
@@ -110,7 +110,7 @@ LayerPtr Convert(QZLayerInfo_DepthWiseConv2D const& layer) {
 }
 
 LayerPtr Convert(QZLayerInfo_PixelShuffle const& layer) {
-  auto info = std::make_shared<PixelShuffleInfo>();
+  auto info = std::make_unique<PixelShuffleInfo>();
   info->upscale_factor = layer.upscale_factor;
   return info;
 }
@@ -128,14 +128,14 @@ bool CeilMode(QZLayerInfo_Pooling const& layer, unsigned int base_height) {
 LayerPtr Convert(QZLayerInfo_Pooling const& layer, QZExInfo const& header) {
   unsigned int const base_height = header.BaseHeight();
   if (layer.kind == 0) {
-    auto info = std::make_shared<AvgPool2dInfo>();
+    auto info = std::make_unique<AvgPool2dInfo>();
     CopyWindow(layer, *info);
     info->count_include_pad = true;
     info->ceil_mode = CeilMode(layer, base_height);
     return info;
   }
   RequireKnown(layer.kind == 1);
-  auto info = std::make_shared<MaxPool2dInfo>();
+  auto info = std::make_unique<MaxPool2dInfo>();
   CopyWindow(layer, *info);
   info->dilation_x = info->dilation_y = 1;
   info->ceil_mode = CeilMode(layer, base_height);
@@ -143,7 +143,7 @@ LayerPtr Convert(QZLayerInfo_Pooling const& layer, QZExInfo const& header) {
 }
 
 LayerPtr Convert(QZLayerInfo_BatchNormalization const& layer) {
-  auto info = std::make_shared<BatchNorm2dInfo>();
+  auto info = std::make_unique<BatchNorm2dInfo>();
   info->eps = 0.00001f;
   info->if_affine = true;
   info->if_track_running_stats = false;
@@ -156,21 +156,21 @@ LayerPtr Convert(QZLayerInfo_BatchNormalization const& layer) {
 
 LayerPtr Convert(QZLayerInfo_ElementWiseOperator const& layer) {
   RequireKnown(layer.op <= 3);
-  auto info = std::make_shared<ElementWiseOperatorInfo>();
+  auto info = std::make_unique<ElementWiseOperatorInfo>();
   info->op_type = layer.op;
   return info;
 }
 
 LayerPtr Convert(QZLayerInfo_Concatenate const& layer) {
   RequireKnown(layer.axis <= 2);
-  auto info = std::make_shared<ConcatenateInfo>();
+  auto info = std::make_unique<ConcatenateInfo>();
   info->dim = static_cast<unsigned short>(layer.axis + 1);
   return info;
 }
 
 LayerPtr Convert(QZLayerInfo_Upsampling const& layer) {
   RequireKnown(layer.mode <= 2);
-  auto info = std::make_shared<Upsample2dInfo>();
+  auto info = std::make_unique<Upsample2dInfo>();
   info->scale_factor_x = info->scale_factor_y = layer.scale_factor;
   info->align_corner = layer.align_corner != 0;
   info->unsample_type = layer.mode;
@@ -178,32 +178,32 @@ LayerPtr Convert(QZLayerInfo_Upsampling const& layer) {
 }
 
 LayerPtr Convert(QZLayerInfo_TensorInput const& layer) {
-  auto info = std::make_shared<InputInfo>();
+  auto info = std::make_unique<InputInfo>();
   info->location = layer.location;
   return info;
 }
 
 LayerPtr Convert(QZLayerInfo_TensorReshape const& layer) {
-  auto info = std::make_shared<TensorReshapeInfo>();
+  auto info = std::make_unique<TensorReshapeInfo>();
   for (std::size_t i = 0; i < layer.output_tensor.dimension_count; ++i)
     info->new_shape.push_back(static_cast<short>(layer.output_tensor.dimensions[i]));
   return info;
 }
 
 LayerPtr Convert(QZLayerInfo_TensorTranspose const& layer) {
-  auto info = std::make_shared<TensorTransposeInfo>();
+  auto info = std::make_unique<TensorTransposeInfo>();
   info->axes.assign(layer.axes.begin(), layer.axes.begin() + layer.output_tensor.dimension_count);
   return info;
 }
 
 LayerPtr Convert(QZLayerInfo_TensorSqueeze const& layer) {
-  auto info = std::make_shared<TensorSqueezeInfo>();
+  auto info = std::make_unique<TensorSqueezeInfo>();
   info->dim = static_cast<short>(layer.dimension);
   return info;
 }
 
 LayerPtr Convert(QZLayerInfo_FullConnection const& layer) {
-  auto info = std::make_shared<FullConnectionInfo>();
+  auto info = std::make_unique<FullConnectionInfo>();
   info->in_features = layer.in_features;
   info->out_features = layer.out_features;
   info->if_bias = layer.if_bias != 0;
@@ -213,7 +213,7 @@ LayerPtr Convert(QZLayerInfo_FullConnection const& layer) {
 }
 
 LayerPtr Convert(QZLayerInfo_LSTM const& layer) {
-  auto info = std::make_shared<LSTMInfo>();
+  auto info = std::make_unique<LSTMInfo>();
   info->in_size = layer.in_size;
   info->hidden_size = layer.hidden_size;
   info->num_layers = layer.num_layers;
@@ -241,7 +241,7 @@ LayerPtr Convert(QZLayerInfo_LSTM const& layer) {
   return info;
 }
 
-LayerPtr Convert(QZLayerInfo_Input const&) { return std::make_shared<InputInfo>(); }
+LayerPtr Convert(QZLayerInfo_Input const&) { return std::make_unique<InputInfo>(); }
 
 LayerPtr Convert(QZLayerInfo_Activation const& layer) { return Activation(layer.kind, layer.alpha, layer.beta); }
 
@@ -286,8 +286,9 @@ void FillExtraInfo(QZExInfo const& header, NetExtraInfo& info) {
   info.device = "cpu";
 }
 
-void Enter(LayerPtr const& record, std::string const& name, std::vector<std::string> inputs, unsigned short readers,
+void Enter(LayerPtr made, std::string const& name, std::vector<std::string> inputs, unsigned short readers,
            TLModelInfo& model) {
+  std::shared_ptr<LayerInfo> const record = std::move(made);
   record->id = name;
   record->input_ids = std::move(inputs);
   record->read_count = readers;
@@ -301,16 +302,16 @@ void AddLayer(QZLayerInfo const& layer, unsigned short readers, QZExInfo const& 
   model.squential_ids.push_back(name);
   std::vector<std::string> inputs;
   for (std::size_t i = 0; i < layer.input_count; ++i) inputs.push_back(NameOf(layer.input_ids[i]));
-  LayerPtr const record = ConvertLayer(layer, header);
+  LayerPtr record = ConvertLayer(layer, header);
   unsigned short const fused = FusedKind(layer);
-  if (fused == 0) return Enter(record, name, std::move(inputs), readers, model);
-  LayerPtr const activation = FusedActivation(fused);
+  if (fused == 0) return Enter(std::move(record), name, std::move(inputs), readers, model);
+  LayerPtr activation = FusedActivation(fused);
   // The layer takes the new name: whoever reads it goes on under the old one and gets the activated
   // result.
   model.squential_ids.back() = name + "!";
   model.squential_ids.push_back(name);
-  Enter(record, name + "!", std::move(inputs), 1, model);
-  Enter(activation, name, {name + "!"}, readers, model);
+  Enter(std::move(record), name + "!", std::move(inputs), 1, model);
+  Enter(std::move(activation), name, {name + "!"}, readers, model);
 }
 
 }  // namespace

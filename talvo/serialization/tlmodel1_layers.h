@@ -24,7 +24,7 @@ struct QZTensorDescriptor {
 /// The base of all records, which alone has something to export. `input_count` says how many of `input_ids` are in use.
 class TALVO_API QZLayerInfo {
  public:
-  QZLayerInfo() = default;
+  QZLayerInfo();
   QZLayerInfo(QZLayerInfo const&) = default;
   QZLayerInfo& operator=(QZLayerInfo const&) = default;
   virtual ~QZLayerInfo();

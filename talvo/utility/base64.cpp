@@ -14,38 +14,43 @@ namespace {
 
 constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
-// The two characters of each 12-bit value: half a group of four.
 constexpr std::size_t kPairs = 4096;
-constexpr std::array<char, 2 * kPairs> MakePairs() {
-  std::array<char, 2 * kPairs> pairs{};
-  for (std::size_t i = 0; i < kPairs; ++i) {
-    pairs[2 * i] = kAlphabet[i >> 6];
-    pairs[2 * i + 1] = kAlphabet[i & 63];
-  }
-  return pairs;
-}
-constexpr auto kPairOf = MakePairs();
-
-void StorePairs(std::uint32_t group, char* text) {
-  std::memcpy(text, &kPairOf[2 * (group >> 12)], 2);
-  std::memcpy(text + 2, &kPairOf[2 * (group & 4095u)], 2);
-}
-
-// The value of each character, shifted to its place in the group's 24 bits; kNoValue outside the alphabet.
 constexpr std::uint32_t kNoValue = 0x80000000u;
-using Values = std::array<std::uint32_t, 256>;
-constexpr Values MakeValues(unsigned int shift) {
-  Values values{};
-  for (std::uint32_t& value : values) value = kNoValue;
-  for (std::uint32_t i = 0; i < 64; ++i) values[static_cast<unsigned char>(kAlphabet[i])] = i << shift;
-  return values;
+
+struct Tables {
+  Tables() {
+    for (std::size_t i = 0; i < kPairs; ++i) {
+      pairs[2 * i] = kAlphabet[i >> 6];
+      pairs[2 * i + 1] = kAlphabet[i & 63];
+    }
+    for (std::size_t place = 0; place < values.size(); ++place) {
+      values[place].fill(kNoValue);
+      for (std::uint32_t i = 0; i < 64; ++i)
+        values[place][static_cast<unsigned char>(kAlphabet[i])] = i << (18 - 6 * place);
+    }
+  }
+
+  // The two characters of each 12-bit value: half a group of four.
+  std::array<char, 2 * kPairs> pairs;
+  // The value of each character, shifted to its place in the group's 24 bits; kNoValue outside the alphabet.
+  std::array<std::array<std::uint32_t, 256>, 4> values;
+};
+
+// Made at the first call: they would be a large part of a small library.
+Tables const& TheTables() {
+  static Tables const tables;
+  return tables;
 }
-constexpr std::array<Values, 4> kValueOf = {MakeValues(18), MakeValues(12), MakeValues(6), MakeValues(0)};
+
+void StorePairs(Tables const& tables, std::uint32_t group, char* text) {
+  std::memcpy(text, &tables.pairs[2 * (group >> 12)], 2);
+  std::memcpy(text + 2, &tables.pairs[2 * (group & 4095u)], 2);
+}
 
 // The group of up to four characters; has kNoValue's bit when one of them is outside the alphabet.
-std::uint32_t Group(unsigned char const* text, std::size_t count) {
+std::uint32_t Group(Tables const& tables, unsigned char const* text, std::size_t count) {
   std::uint32_t group = 0;
-  for (std::size_t i = 0; i < count; ++i) group |= kValueOf[i][text[i]];
+  for (std::size_t i = 0; i < count; ++i) group |= tables.values[i][text[i]];
   return group;
 }
 
@@ -69,10 +74,11 @@ void support::EncodeBase64(void const* data, std::size_t size, char* text) {
   bytes += done;
   text += EncodedSize(done);
   size -= done;
+  Tables const& tables = TheTables();
   for (; size >= 3; bytes += 3, text += 4, size -= 3)
-    StorePairs((std::uint32_t{bytes[0]} << 16) | (std::uint32_t{bytes[1]} << 8) | bytes[2], text);
+    StorePairs(tables, (std::uint32_t{bytes[0]} << 16) | (std::uint32_t{bytes[1]} << 8) | bytes[2], text);
   if (size == 0) return;
-  StorePairs((std::uint32_t{bytes[0]} << 16) | (size > 1 ? std::uint32_t{bytes[1]} << 8 : 0u), text);
+  StorePairs(tables, (std::uint32_t{bytes[0]} << 16) | (size > 1 ? std::uint32_t{bytes[1]} << 8 : 0u), text);
   if (size == 1) text[2] = '=';
   text[3] = '=';
 }
@@ -84,16 +90,17 @@ std::size_t support::DecodeBase64(std::string_view text, void* bytes, std::size_
   auto const* const end = at + (text.size() - done);
   auto* to = static_cast<char*>(bytes) + done / 4 * 3;
   room_bytes -= done / 4 * 3;
+  Tables const& tables = TheTables();
   for (; end - at >= 4 && room_bytes >= 3; at += 4, to += 3, room_bytes -= 3) {
-    std::uint32_t const group = Group(at, 4);
+    std::uint32_t const group = Group(tables, at, 4);
     // One test for four characters; which of them it was is found once, below.
     if ((group & kNoValue) != 0) break;
     StoreGroup(group, 3, to);
   }
   std::size_t tail = 0;  // characters of the alphabet that do not fill a group, or more than there is room for
-  while (tail < 4 && at + tail != end && (kValueOf[0][at[tail]] & kNoValue) == 0) ++tail;
+  while (tail < 4 && at + tail != end && (tables.values[0][at[tail]] & kNoValue) == 0) ++tail;
   std::size_t const tail_bytes = std::min(tail * 6 / 8, room_bytes);
-  StoreGroup(Group(at, tail), tail_bytes, to);
+  StoreGroup(Group(tables, at, tail), tail_bytes, to);
   return static_cast<std::size_t>(to - static_cast<char*>(bytes)) + tail_bytes;
 }
 
