@@ -30,7 +30,7 @@ struct Elements {
 };
 
 struct FieldType {
-  enum Form : unsigned char { kNumber, kNumbers, kCharacter, kText, kTexts, kRows, kRecord, kWeights, kWeightStack };
+  enum Form : unsigned char { kNumber, kCharacter, kNumbers, kText, kTexts, kRows, kRecord, kWeights, kWeightStack };
 
   Form form;
   Number number;                // a number itself, or those of a list or of rows

@@ -146,7 +146,7 @@ bool FILEReader::Skims(unsigned long long count, std::size_t element_bytes) {
 }
 
 void FILEReader::GetScalar(void* value, FieldType const& type) {
-  Get(value, type.element_bytes, 1, *type.info);
+  Require(std::fread(value, type.element_bytes, 1, stream_) == 1, *type.info);
   if (type.number != support::Number::kBool) return;
   auto& byte = *static_cast<unsigned char*>(value);  // others than 0 and 1 are no bool
   byte = byte != 0;
@@ -157,7 +157,7 @@ void FILEReader::GetElements(void* list, FieldType const& type) {
   unsigned long long const count = GetCount();
   bool known;
   Require(EnoughLeft(count, element_bytes, &known), *type.info);
-  type.resize(list, 0);
+  if (!known || count == 0) type.resize(list, 0);
   // A pipe does not tell its length: memory doubles with what really came, and a count that lies costs no more than it
   // sent.
   for (std::size_t done = 0; done < count;) {
@@ -210,6 +210,7 @@ std::shared_ptr<Visitor> support::SkimmingReader(std::FILE* stream) {
 
 void FILEReader::VisitField(void* value, FieldType const& type, char const*) {
   if (value == nullptr) Refuse("cannot read a %s value to a null pointer", type.spelled);
+  if (type.form == FieldType::kNumber) return GetScalar(value, type);  // as most are
   switch (type.form) {
     case FieldType::kNumber:
     case FieldType::kCharacter:
