@@ -175,9 +175,7 @@ void FILEReader::Read(std::vector<std::string>* texts) {
   bool known;
   if (EnoughLeft(count, sizeof count, &known) && known) texts->reserve(static_cast<std::size_t>(count));
   for (unsigned long long i = 0; i < count; ++i) {
-    std::string text;
-    Visit(&text, nullptr);
-    texts->push_back(std::move(text));
+    Visit(&texts->emplace_back(), nullptr);
   }
 }
 

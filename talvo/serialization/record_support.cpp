@@ -45,4 +45,14 @@ void AssertFewRepeats(std::vector<std::string> const& ids) {
     utility::Refuse("list of %zu ids: \"%s\" stands more than %u times", ids.size(), repeated->c_str(), kMostRepeats);
 }
 
+void VisitTable(Visitor& visitor, std::vector<std::string>& ids, char const* key, Table const& table,
+                std::size_t record_bytes) {
+  visitor.Visit(&ids, key);
+  AssertFewRepeats(ids);
+  for (std::string const& id : ids) {
+    if (!table.has(table.records, id)) ChargeRecord(visitor, record_bytes, id);
+    visitor.Visit(table.at(table.records, id), id.c_str());
+  }
+}
+
 }  // namespace talvo::runtime::support

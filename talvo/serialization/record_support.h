@@ -54,21 +54,30 @@ void AssertFewRepeats(std::vector<std::string> const& ids);
 /// text of this size may make.
 void ChargeRecord(Visitor& visitor, std::size_t bytes, std::string const& id);
 
+/// A table of records by id, whatever their class.
+struct Table {
+  void* records;
+  bool (*has)(void* records, std::string const& id);
+  /// The record of the id, made where the table has none.
+  Serializable* (*at)(void* records, std::string const& id);
+};
+
+void VisitTable(Visitor& visitor, std::vector<std::string>& ids, char const* key, Table const& table,
+                std::size_t record_bytes);
+
 /// Visits the list of ids, then for each id its record, which is made where the table has none. `record_bytes` is what
 /// a fresh one takes with the records in it.
 template <class Record>
 void VisitTable(std::shared_ptr<Visitor> const& visitor, std::vector<std::string>& ids, char const* key,
                 std::unordered_map<std::string, std::shared_ptr<Record>>& table, std::size_t record_bytes) {
-  visitor->Visit(&ids, key);
-  AssertFewRepeats(ids);
-  for (std::string const& id : ids) {
-    auto place = table.find(id);
-    if (place == table.end()) {
-      ChargeRecord(*visitor, record_bytes, id);
-      place = table.emplace(id, std::make_shared<Record>()).first;
-    }
-    visitor->Visit(place->second.get(), id.c_str());
-  }
+  using Records = std::unordered_map<std::string, std::shared_ptr<Record>>;
+  auto const has = [](void* records, std::string const& id) { return static_cast<Records*>(records)->count(id) != 0; };
+  auto const at = [](void* records, std::string const& id) -> Serializable* {
+    auto const [place, is_new] = static_cast<Records*>(records)->try_emplace(id);
+    if (is_new) place->second = std::make_shared<Record>();
+    return place->second.get();
+  };
+  VisitTable(*visitor, ids, key, {&table, has, at}, record_bytes);
 }
 
 }  // namespace support

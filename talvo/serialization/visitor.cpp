@@ -34,7 +34,7 @@ Elements Look(void* list) {
 template <class List>
 Elements Resize(void* list, std::size_t count) {
   List& elements = *static_cast<List*>(list);
-  elements.reserve(count);
+  if constexpr (!std::is_same_v<List, std::string>) elements.reserve(count);  // which a text does by itself
   elements.resize(count);
   return Look<List>(list);
 }

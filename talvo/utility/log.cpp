@@ -146,13 +146,22 @@ std::string StrReplaceALL(std::string const& source, std::string const& from, st
   return result;
 }
 
-template <typename T>
-std::string ToStr(T const& value) {
+namespace {
+
+// The first word of what `put` puts into a stream.
+std::string Word(void const* value, void (*put)(std::ostream& stream, void const* value)) {
   std::stringstream stream;
-  stream << value;
+  put(stream, value);
   std::string word;
   stream >> word;
   return word;
+}
+
+}  // namespace
+
+template <typename T>
+std::string ToStr(T const& value) {
+  return Word(&value, [](std::ostream& stream, void const* from) { stream << *static_cast<T const*>(from); });
 }
 
 template std::string ToStr(char const&);
