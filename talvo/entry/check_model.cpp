@@ -28,13 +28,14 @@ using namespace runtime;
 using utility::support::Joined;
 using utility::support::Listed;
 
-// Hands every call to the kernel of a layer and then tells that the layer has run.
+using Watch = std::function<void(unsigned int layer, std::vector<std::shared_ptr<Tensor>> const& inputs,
+                                 std::vector<std::shared_ptr<Tensor>> const& outputs)>;
+
+// Hands every call to the kernel of a layer and then tells `watch`, which outlives it, that the layer has run.
 class WatchedKernel : public IKernel {
  public:
-  using Watch = std::function<void(std::vector<std::shared_ptr<Tensor>> const& inputs,
-                                   std::vector<std::shared_ptr<Tensor>> const& outputs)>;
-
-  WatchedKernel(std::shared_ptr<IKernel> kernel, Watch watch) : kernel_(std::move(kernel)), watch_(std::move(watch)) {}
+  WatchedKernel(std::shared_ptr<IKernel> kernel, unsigned int layer, Watch const& watch)
+      : kernel_(std::move(kernel)), layer_(layer), watch_(watch) {}
 
   std::string GetName() const override { return kernel_->GetName(); }
   int IsValidParam(std::shared_ptr<LayerInfo> layer, std::shared_ptr<InferenceParam> param) const override {
@@ -62,13 +63,14 @@ class WatchedKernel : public IKernel {
   int Forward(std::vector<std::shared_ptr<Tensor>> const& inputs, std::vector<std::shared_ptr<Tensor>>& outputs,
               std::shared_ptr<Context> context) const override {
     int const status = kernel_->Forward(inputs, outputs, context);
-    watch_(inputs, outputs);
+    watch_(layer_, inputs, outputs);
     return status;
   }
 
  private:
   std::shared_ptr<IKernel> const kernel_;
-  Watch const watch_;
+  unsigned int const layer_;
+  Watch const& watch_;
 };
 
 std::string ElementsText(std::size_t count) { return std::to_string(count) + (count == 1 ? " element" : " elements"); }
@@ -97,16 +99,10 @@ std::optional<std::string> UnreadPart(LayerInfo const& record, Tensor const& inp
 // One run of a net of its own, with someone looking over its shoulder.
 class ModelTrial {
  public:
-  using Watch = std::function<void(unsigned int layer, std::vector<std::shared_ptr<Tensor>> const& inputs,
-                                   std::vector<std::shared_ptr<Tensor>> const& outputs)>;
-
   ModelTrial(TLNModel& package, ModelOptions options) : model_(package, OwnContext(std::move(options))) {
     auto& layers = model_.parts_->package->net->layers;
-    for (unsigned int layer = 0; layer < layers.size(); ++layer) {
-      layers[layer]->kernel = std::make_shared<WatchedKernel>(
-          layers[layer]->kernel,
-          [this, layer](auto const& inputs, auto const& outputs) { watch_(layer, inputs, outputs); });
-    }
+    for (unsigned int layer = 0; layer < layers.size(); ++layer)
+      layers[layer]->kernel = std::make_shared<WatchedKernel>(layers[layer]->kernel, layer, watch_);
   }
   ModelTrial(ModelTrial const&) = delete;
   ModelTrial& operator=(ModelTrial const&) = delete;
