@@ -33,16 +33,23 @@ function(talvo_optimise target)
        runtime/context.cpp runtime/create_net.cpp runtime/inference_config.cpp runtime/kernel.cpp)
   # Kernels judge their arguments and call loops, which stand in functional/, native/ and rows/ or in sources of their own.
   list(APPEND small
-       image/image_process.cpp image/image_process_fallback.cpp image/image_support.cpp kernel/activation.cpp
-       kernel/convolution.cpp kernel/elementwise.cpp kernel/functional/activation.cpp kernel/functional/gemm.cpp
-       kernel/functional/quantisation.cpp kernel/functional/recurrent.cpp kernel/gemm.cpp kernel/kernel_of.cpp
-       kernel/pointwise_convolution.cpp kernel/pooling.cpp kernel/quantisation.cpp kernel/recurrent.cpp kernel/resampling.cpp kernel/structural.cpp
-       transform/element_conversion.cpp transform/permute.cpp transform/reshape.cpp transform/transform_support.cpp)
-  # The walk, tensors, pools and the text of a model: short paths that inlining serves, and no loop for vectors.
+       image/bilinear_support.cpp image/color.cpp image/crop.cpp image/frame.cpp image/image_process.cpp
+       image/image_process_fallback.cpp image/image_support.cpp image/normalise.cpp image/resize.cpp
+       image/rotate_flip.cpp image/yuv.cpp kernel/activation.cpp kernel/convolution.cpp kernel/direct_convolution.cpp
+       kernel/elementwise.cpp kernel/functional/activation.cpp kernel/functional/gemm.cpp
+       kernel/functional/quantisation.cpp kernel/functional/recurrent.cpp kernel/fused_convolution.cpp kernel/gemm.cpp
+       kernel/kernel_of.cpp kernel/kernel_support.cpp kernel/native/permute.cpp kernel/native/recurrent.cpp
+       kernel/native/structural.cpp
+       kernel/padding.cpp kernel/pointwise_convolution.cpp kernel/pooling.cpp kernel/quantisation.cpp
+       kernel/recurrent.cpp kernel/recurrent_support.cpp kernel/resampling.cpp kernel/sgemm.cpp kernel/structural.cpp
+       kernel/transposed_convolution.cpp transform/element_conversion.cpp transform/permute.cpp transform/reshape.cpp
+       transform/transform_fallback.cpp transform/transform_support.cpp)
+  # The walk, tensors, pools and the text of a model: short paths that inlining serves, and no loop for vectors. Warps,
+  # slices and grids find a place for each element.
   set(plain
-      kernel/kernel_support.cpp runtime/device_cpu.cpp runtime/memory_pool.cpp runtime/net.cpp runtime/tensor.cpp
-      runtime/tensor_cpu.cpp serialization/json_text_support.cpp serialization/tlmodel1_weights.cpp
-      serialization/weight_blob.cpp transform/transform_fallback.cpp kernel/recurrent_support.cpp)
+      image/warp.cpp kernel/functional/resampling.cpp kernel/functional/structural.cpp runtime/device_cpu.cpp
+      runtime/memory_pool.cpp runtime/net.cpp runtime/tensor.cpp runtime/tensor_cpu.cpp
+      serialization/json_text_support.cpp serialization/tlmodel1_weights.cpp serialization/weight_blob.cpp)
   # Leaves: they call nothing that throws, so that no exception passes and no table need say how.
   set(leaves
       kernel/rows/base64_rows.cpp kernel/rows/conversion_rows.cpp kernel/rows/convolution_tile.cpp

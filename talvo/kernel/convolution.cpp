@@ -7,6 +7,7 @@
 
 #include "talvo/kernel/convolution_support.h"
 #include "talvo/kernel/kernel_of_support.h"
+#include "talvo/kernel/native/fill_support.h"
 #include "talvo/serialization/layer_info_conv.h"
 #include "talvo/utility/refuse_support.h"
 
@@ -194,7 +195,7 @@ struct Convolution : support::Strict<Info> {
     std::size_t const plane = std::size_t{Height(output.shape.dims)} * Width(output.shape.dims);
     unsigned int const first = fields.InPerGroup() == 0 ? 0 : fields.groups * fields.OutPerGroup();
     for (unsigned int c = first; c < fields.out_channels; ++c) {
-      std::fill_n(output.Data<float>() + c * plane, plane, bias == nullptr ? 0.0f : Bias()[c]);
+      native::FillFloats(bias == nullptr ? 0.0f : Bias()[c], plane, output.Data<float>() + c * plane);
     }
   }
 
