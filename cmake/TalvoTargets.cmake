@@ -38,18 +38,18 @@ function(talvo_optimise target)
        image/rotate_flip.cpp image/yuv.cpp kernel/activation.cpp kernel/convolution.cpp kernel/direct_convolution.cpp
        kernel/elementwise.cpp kernel/functional/activation.cpp kernel/functional/gemm.cpp
        kernel/functional/quantisation.cpp kernel/functional/recurrent.cpp kernel/fused_convolution.cpp kernel/gemm.cpp
-       kernel/kernel_of.cpp kernel/kernel_support.cpp kernel/native/permute.cpp kernel/native/recurrent.cpp
-       kernel/native/structural.cpp
-       kernel/padding.cpp kernel/pointwise_convolution.cpp kernel/pooling.cpp kernel/quantisation.cpp
-       kernel/recurrent.cpp kernel/recurrent_support.cpp kernel/resampling.cpp kernel/sgemm.cpp kernel/structural.cpp
-       kernel/transposed_convolution.cpp transform/element_conversion.cpp transform/permute.cpp transform/reshape.cpp
-       transform/transform_fallback.cpp transform/transform_support.cpp)
+       kernel/kernel_of.cpp kernel/native/recurrent.cpp kernel/native/structural.cpp kernel/padding.cpp
+       kernel/pointwise_convolution.cpp kernel/pooling.cpp kernel/quantisation.cpp kernel/recurrent.cpp
+       kernel/resampling.cpp kernel/sgemm.cpp kernel/structural.cpp kernel/transposed_convolution.cpp
+       transform/element_conversion.cpp transform/permute.cpp transform/reshape.cpp transform/transform_fallback.cpp
+       transform/transform_support.cpp)
   # The walk, tensors, pools and the text of a model: short paths that inlining serves, and no loop for vectors. Warps,
   # slices and grids find a place for each element.
   set(plain
-      image/warp.cpp kernel/functional/resampling.cpp kernel/functional/structural.cpp runtime/device_cpu.cpp
-      runtime/memory_pool.cpp runtime/net.cpp runtime/tensor.cpp runtime/tensor_cpu.cpp
-      serialization/json_text_support.cpp serialization/tlmodel1_weights.cpp serialization/weight_blob.cpp)
+      image/warp.cpp kernel/functional/resampling.cpp kernel/functional/structural.cpp kernel/kernel_support.cpp
+      kernel/native/permute.cpp kernel/recurrent_support.cpp runtime/device_cpu.cpp runtime/memory_pool.cpp
+      runtime/net.cpp runtime/tensor.cpp runtime/tensor_cpu.cpp serialization/json_text_support.cpp
+      serialization/tlmodel1_weights.cpp serialization/weight_blob.cpp)
   # Leaves: they call nothing that throws, so that no exception passes and no table need say how.
   set(leaves
       kernel/rows/base64_rows.cpp kernel/rows/conversion_rows.cpp kernel/rows/convolution_tile.cpp

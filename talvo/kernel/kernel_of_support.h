@@ -61,18 +61,18 @@ struct Inverted : PlainOperation {
   bool Passes(int judgement) const override;
 };
 
+/// The operation, which goes by this name from now on.
+OperationPtr Named(OperationPtr operation, char const* name);
+
 }  // namespace support
 
 template <class Operation>
 OperationPtr MakeOperation() {
-  OperationPtr operation;
   if constexpr (std::is_base_of_v<support::PlainOperation, Operation>) {
-    operation.reset(new Operation);
+    return support::Named(std::make_unique<Operation>(), Operation::kName);
   } else {
-    operation.reset(new typename Operation::Body(Operation::kForm));
+    return support::Named(std::make_unique<typename Operation::Body>(Operation::kForm), Operation::kName);
   }
-  operation->SetName(Operation::kName);
-  return operation;
 }
 
 }  // namespace talvo::kernel
