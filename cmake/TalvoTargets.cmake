@@ -30,7 +30,8 @@ function(talvo_optimise target)
        entry/check_model.cpp entry/create_context.cpp entry/load_model.cpp entry/model.cpp entry/model_support.cpp
        entry/open_package.cpp entry/register_extra_operators.cpp entry/register_fused_operators.cpp
        entry/register_operators.cpp entry/reset_rnn_state.cpp entry/talvo_c.cpp runtime/class_registry.cpp
-       runtime/context.cpp runtime/create_net.cpp runtime/inference_config.cpp runtime/kernel.cpp)
+       runtime/context.cpp runtime/create_net.cpp runtime/device_cpu_forms.cpp runtime/inference_config.cpp
+       runtime/kernel.cpp)
   # Kernels judge their arguments and call loops, which stand in functional/, native/ and rows/ or in sources of their own.
   list(APPEND small
        image/bilinear_support.cpp image/color.cpp image/crop.cpp image/frame.cpp image/image_process.cpp
@@ -43,13 +44,17 @@ function(talvo_optimise target)
        kernel/resampling.cpp kernel/sgemm.cpp kernel/structural.cpp kernel/transposed_convolution.cpp
        transform/element_conversion.cpp transform/permute.cpp transform/reshape.cpp transform/transform_fallback.cpp
        transform/transform_support.cpp)
-  # The walk, tensors, pools and the text of a model: short paths that inlining serves, and no loop for vectors. Warps,
-  # slices and grids find a place for each element.
+  # The text of a model, and what calls vector loops: short paths that inlining serves, and no loop for vectors. Warps
+  # and slices find a place for each element.
   set(plain
-      image/warp.cpp kernel/functional/resampling.cpp kernel/functional/structural.cpp kernel/kernel_support.cpp
-      kernel/native/permute.cpp kernel/recurrent_support.cpp runtime/device_cpu.cpp runtime/memory_pool.cpp
-      runtime/net.cpp runtime/tensor.cpp runtime/tensor_cpu.cpp serialization/json_text_support.cpp
-      serialization/tlmodel1_weights.cpp serialization/weight_blob.cpp)
+      image/warp.cpp kernel/functional/resampling.cpp kernel/functional/structural.cpp kernel/native/permute.cpp
+      kernel/recurrent_support.cpp serialization/json_text_support.cpp serialization/tlmodel1_weights.cpp
+      serialization/weight_blob.cpp)
+  # The walk, tensors and pools: as those, and pointers that stand side by side are moved one by one. What is read as a
+  # pair waits until both of its halves, written by themselves a moment ago, have reached the cache.
+  set(walk
+      kernel/kernel_support.cpp runtime/device_cpu.cpp runtime/memory_pool.cpp runtime/net.cpp runtime/tensor.cpp
+      runtime/tensor_cpu.cpp)
   # Leaves: they call nothing that throws, so that no exception passes and no table need say how.
   set(leaves
       kernel/rows/base64_rows.cpp kernel/rows/conversion_rows.cpp kernel/rows/convolution_tile.cpp
@@ -61,13 +66,15 @@ function(talvo_optimise target)
   set(loops
       kernel/rows/conversion_rows.cpp kernel/rows/elementwise_rows.cpp kernel/rows/mixed_channels.cpp
       kernel/rows/phase_plane.cpp kernel/rows/pixels.cpp kernel/rows/samples.cpp)
-  foreach(source ${small} ${plain} ${leaves} ${loops})
+  foreach(source ${small} ${plain} ${walk} ${leaves} ${loops})
     if(NOT EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${source})
       message(FATAL_ERROR "talvo_optimise names ${source}, which is not there")
     endif()
   endforeach()
   set_source_files_properties(${small} TARGET_DIRECTORY ${target} PROPERTIES COMPILE_OPTIONS $<${optimised}:-Os>)
   set_source_files_properties(${plain} TARGET_DIRECTORY ${target} PROPERTIES COMPILE_OPTIONS $<${optimised}:-O2>)
+  set_source_files_properties(${walk} TARGET_DIRECTORY ${target} PROPERTIES COMPILE_OPTIONS
+    "$<${optimised}:-O2;-fno-tree-slp-vectorize>")
   set_source_files_properties(${leaves} TARGET_DIRECTORY ${target} PROPERTIES COMPILE_OPTIONS
     "$<${optimised}:-fno-exceptions;-fno-unwind-tables;-fno-asynchronous-unwind-tables>")
   set_property(SOURCE ${loops} TARGET_DIRECTORY ${target} APPEND PROPERTY COMPILE_OPTIONS "$<${optimised}:-O2>"

@@ -25,6 +25,7 @@ namespace talvo {
 namespace {
 
 using namespace runtime;
+using utility::support::Joined;
 using utility::support::Listed;
 
 // Hands every call to the kernel of a layer and then tells that the layer has run.
@@ -78,11 +79,12 @@ std::optional<std::string> UnreadPart(LayerInfo const& record, Tensor const& inp
   std::size_t const count = ElementCount(dims);
   auto const* const dense = dynamic_cast<FullConnectionInfo const*>(&record);
   if (dense != nullptr && count != dense->in_features) {
-    return "reads " + std::to_string(dense->in_features) + " of the " + ElementsText(count) + " of " + DimsText(dims);
+    return Joined(
+        {"reads ", std::to_string(dense->in_features), " of the ", ElementsText(count), " of ", DimsText(dims)});
   }
   auto const channels = [&](std::size_t in_channels) -> std::optional<std::string> {
     if (dims.empty() || input.shape.layout == TensorShape::C4HW4 || dims[0] <= in_channels) return std::nullopt;
-    return "reads " + std::to_string(in_channels) + " of the channels of " + DimsText(dims);
+    return Joined({"reads ", std::to_string(in_channels), " of the channels of ", DimsText(dims)});
   };
   if (auto const* const plane = dynamic_cast<Conv2dInfo const*>(&record)) return channels(plane->in_channels);
   if (auto const* const line = dynamic_cast<Conv1dInfo const*>(&record)) return channels(line->in_channels);
@@ -134,7 +136,7 @@ class ModelTrial {
     for (ModelPort const& port : Inputs()) names.push_back(port.id);
     for (auto const& [id, dims] : inputs) {
       if (std::find(names.begin(), names.end(), id) == names.end())
-        throw std::runtime_error("the model has no input \"" + id + "\"; it has " + Listed(names));
+        throw std::runtime_error(Joined({"the model has no input \"", id, "\"; it has ", Listed(names)}));
     }
   }
 
@@ -238,7 +240,7 @@ class Checker {
       }
       auto const say = [&](std::size_t some, char const* what) {
         if (some == 0) return;
-        Warn(layer, std::to_string(some) + " of the " + std::to_string(count) + " values of " + key + " " + what);
+        Warn(layer, Joined({std::to_string(some), " of the ", std::to_string(count), " values of ", key, " ", what}));
       };
       say(no_number, "are no numbers");
       say(lost, "are so small that the binary form makes them 0");
@@ -274,8 +276,9 @@ class Checker {
 }  // namespace
 
 std::string TextOf(ModelFinding const& finding) {
-  return utility::support::OneLine((finding.refused ? "refused: " : "warning: ") +
-                                   (finding.layer.empty() ? "" : "layer " + finding.layer + ": ") + finding.text);
+  bool const of_layer = !finding.layer.empty();
+  return utility::support::OneLine(Joined({finding.refused ? "refused: " : "warning: ", of_layer ? "layer " : "",
+                                           finding.layer, of_layer ? ": " : "", finding.text}));
 }
 
 namespace {

@@ -24,9 +24,11 @@ namespace talvo {
 namespace {
 
 using namespace runtime;
+using utility::support::Joined;
 using utility::support::Listed;
 using utility::support::NearestNames;
 using utility::support::RefusalText;
+using utility::support::RefuseLine;
 
 constexpr unsigned int kAlignment = 64;  // a cache line
 
@@ -35,8 +37,6 @@ constexpr char const* kBackend = "arm";
 #else
 constexpr char const* kBackend = "x86";
 #endif
-
-[[noreturn]] void Refuse(std::string const& text) { throw std::runtime_error(utility::support::OneLine(text)); }
 
 // The position of an id, or the length of the list.
 unsigned int PositionOf(std::string_view id, std::vector<std::string> const& ids) {
@@ -70,7 +70,7 @@ void RegisterEverything(ClassRegistry<std::shared_ptr<IKernel>>& kernels,
 std::string BackendOf(ModelOptions const& options) { return options.backend.empty() ? kBackend : options.backend; }
 
 std::string Sentence(ModelFinding const& finding) {
-  return (finding.layer.empty() ? "" : "layer " + finding.layer + " ") + finding.text;
+  return finding.layer.empty() ? finding.text : Joined({"layer ", finding.layer, " ", finding.text});
 }
 
 // `text` with the nearest names behind it, for the first findings alone; the others end at its semicolon. A file may
@@ -79,7 +79,7 @@ std::string WithNearest(std::string const& text, std::string const& name, std::v
                         std::size_t findings_before) {
   constexpr std::size_t kSought = 4;
   if (findings_before >= kSought) return text.substr(0, text.find(';'));
-  return text + Listed(NearestNames(name, candidates));
+  return Joined({text, Listed(NearestNames(name, candidates))});
 }
 
 // The walk itself takes layer 0 for an id that no layer has: a slip of the pen would run.
@@ -91,8 +91,8 @@ std::vector<ModelFinding> UnknownIds(TLModelInfo const& model) {
   auto const check = [&](std::string const& wanted, std::string const& layer, char const* does) {
     if (known.count(wanted) != 0) return;
     unknown.push_back({true, layer,
-                       does + (" \"" + wanted) +
-                           WithNearest("\", which no layer is called; nearest: ", wanted, ids, unknown.size())});
+                       Joined({does, " \"", wanted,
+                               WithNearest("\", which no layer is called; nearest: ", wanted, ids, unknown.size())})});
   };
   for (std::string const& output : model.squential_output_ids) check(output, "", "the model gives out");
   for (std::string const& layer : ids) {
@@ -111,8 +111,8 @@ std::vector<ModelFinding> UnknownKernels(TLModelInfo const& model, TLModelCfg co
     if (kernels.Create(kernel) != nullptr) continue;
     unknown.push_back(
         {true, layer,
-         "names the kernel \"" + kernel +
-             WithNearest("\", which there is not; nearest: ", kernel, kernels.GetKeys(), unknown.size())});
+         Joined({"names the kernel \"", kernel,
+                 WithNearest("\", which there is not; nearest: ", kernel, kernels.GetKeys(), unknown.size())})});
   }
   return unknown;
 }
@@ -133,14 +133,14 @@ Model::Parts::Parts(TLNModel& file, std::string const& package_name, ModelOption
 
 void Model::Parts::ChooseModel(TLNModel const& file, std::string const& wanted) {
   if (file.model_arr == nullptr || file.config_arr == nullptr)
-    Refuse(prefix + "has no list of models or configurations");
+    RefuseLine({prefix, "has no list of models or configurations"});
   auto const& ids = file.model_arr->squential_ids;
-  if (ids.empty()) Refuse(prefix + "holds no model");
+  if (ids.empty()) RefuseLine({prefix, "holds no model"});
   if (wanted.empty() && ids.size() != 1) {
-    Refuse(prefix + "holds " + std::to_string(ids.size()) + " models (" + Listed(ids) + "); name one of them");
+    RefuseLine({prefix, "holds ", std::to_string(ids.size()), " models (", Listed(ids), "); name one of them"});
   }
   id = wanted.empty() ? ids[0] : wanted;
-  if (PositionOf(id, ids) == ids.size()) Refuse(prefix + "has no model \"" + id + "\"; it holds " + Listed(ids));
+  if (PositionOf(id, ids) == ids.size()) RefuseLine({prefix, "has no model \"", id, "\"; it holds ", Listed(ids)});
 }
 
 void Model::Parts::CheckVersion(TLNModel const& file) const {
@@ -150,19 +150,20 @@ void Model::Parts::CheckVersion(TLNModel const& file) const {
   if (utility::check_version(file.sdk_type, file.sdk_major_ver, file.sdk_minor_ver, needs) == 0) return;
   unsigned int major = 0, minor = 0;
   TLN_Get_Core_Version(major, minor);
-  Refuse(prefix + "needs a runtime of version " + std::to_string(file.core_major_ver) + "." +
-         std::to_string(file.core_minor_ver) + ", this one is " + std::to_string(major) + "." + std::to_string(minor));
+  RefuseLine({prefix, "needs a runtime of version ", std::to_string(file.core_major_ver), ".",
+              std::to_string(file.core_minor_ver), ", this one is ", std::to_string(major), ".",
+              std::to_string(minor)});
 }
 
 // The model's record, in which each layer has one.
 std::shared_ptr<TLModelInfo> Model::Parts::ModelOf(TLNModel const& file) const {
   auto const model = file.model_arr->models.find(id);
   if (model == file.model_arr->models.end() || model->second == nullptr)
-    Refuse(prefix + "model \"" + id + "\" has no record");
+    RefuseLine({prefix, "model \"", id, "\" has no record"});
   for (std::string const& layer : model->second->squential_ids) {
     auto const record = model->second->layers.find(layer);
     if (record == model->second->layers.end() || record->second == nullptr)
-      Refuse(prefix + "layer " + layer + ": there is no record of it");
+      RefuseLine({prefix, "layer ", layer, ": there is no record of it"});
   }
   return model->second;
 }
@@ -172,13 +173,13 @@ void Model::Parts::BuildNet(TLNModel& file, ModelOptions const& options) {
   auto const model = ModelOf(file);
   auto const configs = file.config_arr->configs.find(id);
   if (configs == file.config_arr->configs.end() || configs->second == nullptr)
-    Refuse(prefix + "model \"" + id + "\" has no configurations");
+    RefuseLine({prefix, "model \"", id, "\" has no configurations"});
   auto const config = utility::support::ConfigOf(*configs->second, backend);
-  if (config == nullptr) Refuse(prefix + "model \"" + id + "\" has no configuration for \"" + backend + "\"");
+  if (config == nullptr) RefuseLine({prefix, "model \"", id, "\" has no configuration for \"", backend, "\""});
   if (options.prefer_fused) utility::PreferFusedKernels(*config);
   for (auto const& unknown :
        {utility::support::UnknownIds(*model), utility::support::UnknownKernels(*model, *config, kernels)}) {
-    if (!unknown.empty()) Refuse(prefix + utility::support::Sentence(unknown[0]));
+    if (!unknown.empty()) RefuseLine({prefix, utility::support::Sentence(unknown[0])});
   }
   try {
     utility::Load_Single_Net(package, model, configs->second, backend.c_str());
@@ -189,7 +190,8 @@ void Model::Parts::BuildNet(TLNModel& file, ModelOptions const& options) {
     // Most refusals name their layer. A kernel that only says false, or throws without a word, is looked for by
     // configuring each once more.
     bool const names_layer = text.find("layer ") != std::string::npos;
-    Refuse(prefix + (names_layer ? text : RefusedKernel(*model, *config) + (text.empty() ? "" : ": " + text)));
+    if (names_layer) RefuseLine({prefix, text});
+    RefuseLine({prefix, RefusedKernel(*model, *config), text.empty() ? "" : ": ", text});
   }
   NamePorts(*model);
 }
@@ -205,8 +207,8 @@ std::string Model::Parts::RefusedKernel(TLModelInfo const& model, TLModelCfg con
     } catch (std::exception const&) {
     }
     if (!taken) {
-      return "layer " + layer + " (" + record->GetClassTypeName() + "): its kernel " + kernel.kernel_type +
-             " refuses the layer's record";
+      return Joined({"layer ", layer, " (", record->GetClassTypeName(), "): its kernel ", kernel.kernel_type,
+                     " refuses the layer's record"});
     }
   }
   return "a layer is refused";
@@ -232,8 +234,8 @@ void Model::Parts::NamePorts(TLModelInfo const& model) {
 unsigned int Model::Parts::LayerOf(std::string_view layer) const {
   unsigned int const position = PositionOf(layer, *layer_ids);
   if (position < layer_ids->size()) return position;
-  Refuse(prefix + "model \"" + id + "\" has no layer \"" + std::string(layer) +
-         "\"; nearest: " + Listed(NearestNames(std::string(layer), *layer_ids)));
+  RefuseLine({prefix, "model \"", id, "\" has no layer \"", layer,
+              "\"; nearest: ", Listed(NearestNames(std::string(layer), *layer_ids))});
 }
 
 std::vector<unsigned int> Model::Parts::LayersOf(std::vector<std::string> const& ids) const {
@@ -251,7 +253,7 @@ std::string Model::Parts::KernelName(unsigned int layer) const {
 
 std::shared_ptr<Tensor> Model::Parts::TensorOf(ModelInput const& input) const {
   if (input.tensor != nullptr) return input.tensor;
-  if (input.values == nullptr && ElementCount(input.dims) != 0) Refuse("is null");
+  if (input.values == nullptr && ElementCount(input.dims) != 0) RefuseLine({"is null"});
   return context->device_cpu->CreateTensor(
       TensorShape(input.dims, TensorShape::FLOAT32, LayoutOfRank(input.dims.size()), TensorShape::MainMemory, {}),
       input.values);
@@ -261,23 +263,23 @@ void Model::Parts::SetInputs(std::vector<ModelInput> const& given, std::vector<u
   for (ModelInput const& input : given) {
     unsigned int const layer = LayerOf(input.id);
     if (package->net->layers[layer]->type != "Input") {
-      Refuse(prefix + "layer \"" + std::string(input.id) + "\" is no input of the model");
+      RefuseLine({prefix, "layer \"", input.id, "\" is no input of the model"});
     }
     std::shared_ptr<Tensor> tensor;
     try {
       tensor = TensorOf(input);
     } catch (std::runtime_error const& refusal) {
-      Refuse(prefix + "input \"" + std::string(input.id) + "\": " + RefusalText(refusal));
+      RefuseLine({prefix, "input \"", input.id, "\": ", RefusalText(refusal)});
     }
     auto& slot = package->inputs.at(layer);
-    if (slot != nullptr) Refuse(prefix + "input \"" + std::string(input.id) + "\" is given twice");
+    if (slot != nullptr) RefuseLine({prefix, "input \"", input.id, "\" is given twice"});
     slot = std::move(tensor);
   }
   // An input behind the last output that is wanted is never reached by the walk.
   unsigned int const last = wanted.empty() ? 0 : *std::max_element(wanted.begin(), wanted.end());
   for (auto const& [input, layer] : package->net->input_ids) {
     if (layer > last || package->inputs.at(layer) != nullptr) continue;
-    Refuse(prefix + "input \"" + input + "\" has no tensor");
+    RefuseLine({prefix, "input \"", input, "\" has no tensor"});
   }
 }
 
@@ -302,7 +304,7 @@ ModelOutputs Model::Parts::Forward(std::vector<ModelInput> const& given, std::ve
   } catch (std::bad_alloc const&) {
     throw;
   } catch (std::exception const& refusal) {  // an unknown operation is no std::runtime_error
-    Refuse(prefix + LayerRefusal(RefusalText(refusal)));
+    RefuseLine({prefix, LayerRefusal(RefusalText(refusal))});
   }
 }
 
@@ -311,10 +313,10 @@ std::string Model::Parts::LayerRefusal(std::string const& refusal) const {
   unsigned int const layer = runtime::support::RefusedLayer();
   if (layer >= layer_ids->size()) return refusal;
   std::string const where = "layer " + (*layer_ids)[layer], kernel = KernelName(layer);
-  if (refusal.empty()) return where + " (" + kernel + "): refuses its inputs";
+  if (refusal.empty()) return Joined({where, " (", kernel, "): refuses its inputs"});
   bool const names_kernel = refusal.find(kernel) != std::string::npos;
   if (names_kernel && refusal.find(where + ":") != std::string::npos) return refusal;
-  return where + (names_kernel ? ": " : " (" + kernel + "): ") + refusal;
+  return names_kernel ? Joined({where, ": ", refusal}) : Joined({where, " (", kernel, "): ", refusal});
 }
 
 std::vector<std::shared_ptr<Tensor>> const& ModelOutputs::Content::All(std::string_view id) const {
@@ -323,14 +325,14 @@ std::vector<std::shared_ptr<Tensor>> const& ModelOutputs::Content::All(std::stri
   }
   std::vector<std::string> names;
   for (auto const& [layer, made] : tensors) names.push_back((*ids)[layer]);
-  Refuse("there is no output \"" + std::string(id) + "\"; the run gave " + Listed(names));
+  RefuseLine({"there is no output \"", id, "\"; the run gave ", Listed(names)});
 }
 
 Tensor const& ModelOutputs::At(std::string_view id, std::size_t index) const {
-  if (content_ == nullptr) Refuse("there is no output \"" + std::string(id) + "\"; there was no run");
+  if (content_ == nullptr) RefuseLine({"there is no output \"", id, "\"; there was no run"});
   auto const& tensors = content_->All(id);
   if (index >= tensors.size() || tensors[index] == nullptr) {
-    Refuse("output \"" + std::string(id) + "\" has no tensor " + std::to_string(index));
+    RefuseLine({"output \"", id, "\" has no tensor ", std::to_string(index)});
   }
   return *tensors[index];
 }
@@ -348,7 +350,7 @@ std::string const& ModelOutputs::Id(std::string_view id) const {
 
 float const* ModelOutputs::Values(std::string_view id) const& {
   Tensor const& tensor = (*this)[id];
-  if (tensor.shape.data_type != TensorShape::FLOAT32) Refuse("output \"" + std::string(id) + "\" is not of float32");
+  if (tensor.shape.data_type != TensorShape::FLOAT32) RefuseLine({"output \"", id, "\" is not of float32"});
   return static_cast<float const*>(tensor.data);
 }
 
@@ -374,7 +376,7 @@ Model& Model::operator=(Model&&) noexcept = default;
 Model::~Model() = default;
 
 Model::Parts& Model::Opened() const {
-  if (parts_ == nullptr) Refuse("the model was moved away");
+  if (parts_ == nullptr) RefuseLine({"the model was moved away"});
   return *parts_;
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <new>
 #include <numeric>
+#include <stdexcept>
 #include <utility>
 
 namespace talvo::utility::support {
@@ -65,6 +66,14 @@ std::string OneLine(std::string text) {
   }
   return text;
 }
+
+std::string Joined(std::initializer_list<std::string_view> parts) {
+  std::string text;
+  for (std::string_view const part : parts) text.append(part);
+  return text;
+}
+
+void RefuseLine(std::initializer_list<std::string_view> parts) { throw std::runtime_error(OneLine(Joined(parts))); }
 
 std::string Listed(std::vector<std::string> const& texts) {
   std::string list;

@@ -2,8 +2,10 @@
 #pragma once
 
 #include <exception>
+#include <initializer_list>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "talvo/serialization/model_cfg.h"
@@ -20,6 +22,12 @@ std::shared_ptr<runtime::TLModelCfg> ConfigOf(runtime::TLModelMultiBackendCfgs c
 
 /// A text with blanks for line breaks and other control characters, which ids and paths may hold.
 std::string OneLine(std::string text);
+
+/// The parts of a text one after the other, where a chain of + would make and end a text for each.
+std::string Joined(std::initializer_list<std::string_view> parts);
+
+/// Throws std::runtime_error with the parts as one line.
+[[noreturn]] void RefuseLine(std::initializer_list<std::string_view> parts);
 
 /// "a, b, c", or "none".
 std::string Listed(std::vector<std::string> const& texts);

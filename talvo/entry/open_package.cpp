@@ -28,7 +28,7 @@ bool EndsIn(std::string const& text, std::string const& ending) {
 }
 
 std::runtime_error SystemError(char const* what) {
-  return std::runtime_error(std::string(what) + ": " + std::strerror(errno));
+  return std::runtime_error(support::Joined({what, ": ", std::strerror(errno)}));
 }
 
 // The binary form tells nothing of its places: the stream does.
@@ -36,8 +36,8 @@ std::string PlaceOf(std::FILE* stream) {
   long const place = std::ftell(stream);
   std::fseek(stream, 0, SEEK_END);
   long const size = std::ftell(stream);
-  return "at byte " + std::to_string(place) + " of " + std::to_string(size) +
-         (place == size ? ", where it is cut short: " : ": ");
+  return support::Joined({"at byte ", std::to_string(place), " of ", std::to_string(size),
+                          place == size ? ", where it is cut short: " : ": "});
 }
 
 void ReadBinary(Stream const& stream, TLNModel& package) {
@@ -99,7 +99,7 @@ std::shared_ptr<TLNModel> Named(std::string const& name, Read read) {
   try {
     read(*package);
   } catch (std::runtime_error const& refusal) {
-    throw std::runtime_error(support::OneLine(name + ": " + support::RefusalText(refusal)));
+    support::RefuseLine({name, ": ", support::RefusalText(refusal)});
   }
   return package;
 }
@@ -111,8 +111,8 @@ std::string JSONProblem(std::string text) {
   if (!result.IsError()) return "";
   auto const end = text.begin() + static_cast<std::ptrdiff_t>(std::min(result.Offset(), text.size()));
   auto const line_start = std::find(std::make_reverse_iterator(end), text.rend(), '\n').base();
-  return "no JSON: line " + std::to_string(std::count(text.begin(), end, '\n') + 1) + ", column " +
-         std::to_string(end - line_start + 1) + ": " + rapidjson::GetParseError_En(result.Code());
+  return support::Joined({"no JSON: line ", std::to_string(std::count(text.begin(), end, '\n') + 1), ", column ",
+                          std::to_string(end - line_start + 1), ": ", rapidjson::GetParseError_En(result.Code())});
 }
 
 std::shared_ptr<TLNModel> OpenPackage(std::string const& path) {

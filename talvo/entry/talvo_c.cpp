@@ -32,6 +32,7 @@ namespace {
 using talvo::ModelInput;
 using talvo::runtime::Tensor;
 using talvo::runtime::TensorShape;
+using talvo::utility::support::Joined;
 
 thread_local char last_error[1024];  // an error may be that there is no memory
 
@@ -42,10 +43,10 @@ struct BadArgument : std::runtime_error {
 
 void KeepError(char const* text) noexcept { std::snprintf(last_error, sizeof last_error, "%s", text); }
 
-template <class Action>
-talvo_status Guard(Action action) noexcept {
+// The status of the exception that is on its way, whose text it keeps.
+talvo_status StatusOfCaught() noexcept {
   try {
-    return action();
+    throw;
   } catch (std::bad_alloc const&) {
     KeepError("there is not enough memory");
     return TALVO_NO_MEMORY;
@@ -58,6 +59,15 @@ talvo_status Guard(Action action) noexcept {
   } catch (...) {
     KeepError("ended by something that is no std::exception");
     return TALVO_REFUSED;
+  }
+}
+
+template <class Action>
+talvo_status Guard(Action action) noexcept {
+  try {
+    return action();
+  } catch (...) {
+    return StatusOfCaught();
   }
 }
 
@@ -138,8 +148,8 @@ talvo_status OpenModel(talvo_options const* options, talvo_model** model, Open o
 talvo_status DescribePort(std::vector<talvo::ModelPort> const& ports, size_t index, talvo_tensor* port) {
   NeedStruct(port, kTensorSize);
   if (index >= ports.size()) {
-    throw std::runtime_error("there is no place " + std::to_string(index) + ", the model has " +
-                             std::to_string(ports.size()));
+    throw std::runtime_error(
+        Joined({"there is no place ", std::to_string(index), ", the model has ", std::to_string(ports.size())}));
   }
   Fill<talvo_tensor>(*port, TALVO_TENSOR_INIT);
   port->id = ports[index].id.c_str();
@@ -156,9 +166,9 @@ void CheckInput(talvo_tensor const& input) {
 
 ModelInput InputOf(talvo::Model& model, talvo_tensor const& input) {
   CheckInput(input);
-  std::string const who = "input \"" + std::string(input.id) + "\": ";
+  std::string const who = Joined({"input \"", input.id, "\": "});
   if (input.data_type > TALVO_UINT8)
-    throw std::runtime_error(who + "there is no data type " + std::to_string(input.data_type));
+    throw std::runtime_error(Joined({who, "there is no data type ", std::to_string(input.data_type)}));
   TensorShape const shape(std::vector<unsigned int>(input.dims, input.dims + input.rank), input.data_type,
                           input.layout < 0 ? talvo::LayoutOfRank(input.rank) : static_cast<unsigned int>(input.layout),
                           TensorShape::MainMemory, {});
@@ -166,10 +176,10 @@ ModelInput InputOf(talvo::Model& model, talvo_tensor const& input) {
     if (ByteCount(shape) == input.bytes)
       return {input.id, model.Context()->device_cpu->CreateTensor(shape, input.data)};
   } catch (std::runtime_error const& refusal) {
-    throw std::runtime_error(who + talvo::utility::support::RefusalText(refusal));
+    throw std::runtime_error(Joined({who, talvo::utility::support::RefusalText(refusal)}));
   }
-  throw std::runtime_error(who + std::to_string(input.bytes) + " bytes, dims " + talvo::runtime::DimsText(shape.dims) +
-                           " need " + std::to_string(ByteCount(shape)));
+  throw std::runtime_error(Joined({who, std::to_string(input.bytes), " bytes, dims ",
+                                   talvo::runtime::DimsText(shape.dims), " need ", std::to_string(ByteCount(shape))}));
 }
 
 std::vector<ModelInput> InputsOf(talvo::Model& model, talvo_tensor const* inputs, size_t count) {
@@ -183,7 +193,7 @@ std::vector<ModelInput> InputsOf(talvo::Model& model, talvo_tensor const* inputs
 talvo_status Hand(void const* data, size_t size, std::string const& what, void* buffer, size_t bytes, size_t* needed) {
   if (needed != nullptr) *needed = size;
   if (bytes < size) {
-    KeepError((what + " has " + std::to_string(size) + " bytes, the buffer " + std::to_string(bytes)).c_str());
+    KeepError(Joined({what, " has ", std::to_string(size), " bytes, the buffer ", std::to_string(bytes)}).c_str());
     return TALVO_TOO_SMALL;
   }
   Need(buffer != nullptr || size == 0, "the buffer is null");
@@ -286,7 +296,7 @@ talvo_status talvo_model_result(talvo_model const* model, char const* id, talvo_
 talvo_status talvo_model_copy(talvo_model const* model, char const* id, void* buffer, size_t bytes, size_t* needed) {
   return Guard([&] {
     Tensor const& tensor = ResultOf(model, id);
-    return Hand(tensor.data, ByteCount(tensor.shape), "output \"" + std::string(id) + "\"", buffer, bytes, needed);
+    return Hand(tensor.data, ByteCount(tensor.shape), Joined({"output \"", id, "\""}), buffer, bytes, needed);
   });
 }
 

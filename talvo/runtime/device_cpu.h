@@ -100,9 +100,6 @@ class TALVO_API DeviceCPU : public Device {
   std::shared_ptr<MemoryPool> memory_pool;
   std::shared_ptr<MemoryPool> dynamic_pool;  // may be empty
   bool use_dynamic_pool = false;             // set by Net::Forward while it runs
-
- private:
-  std::shared_ptr<TensorCPU> CreateZero(TensorShape shape);
 };
 
 TALVO_API std::shared_ptr<DeviceCPU> CreateDeviceCPU(CPUDeviceDesc const& desc,

@@ -1,9 +1,11 @@
 #include "talvo/runtime/tensor.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <limits>
-#include <map>
 #include <ostream>
+#include <string_view>
 #include <utility>
 
 #include "talvo/serialization/record_support.h"
@@ -14,13 +16,19 @@ namespace {
 
 constexpr std::uint64_t kMaximumCount = std::numeric_limits<unsigned int>::max();
 
-std::map<unsigned int, std::string> data_type_names = {
+// A number that prints with a name.
+struct Name {
+  unsigned int number;
+  char const* text;
+};
+
+constexpr Name kDataTypes[] = {
     {TensorShape::FLOAT32, "FLOAT32"}, {TensorShape::FLOAT16, "FLOAT16"}, {TensorShape::INT32, "INT32"},
     {TensorShape::INT16, "INT16"},     {TensorShape::INT8, "INT8"},       {TensorShape::UINT32, "UINT32"},
     {TensorShape::UINT16, "UINT16"},   {TensorShape::UINT8, "UINT8"},
 };
 
-std::map<unsigned int, std::string> location_names = {
+constexpr Name kLocations[] = {
     {TensorShape::CPUObject, "CPUObject"},
     {TensorShape::MainMemory, "MainMemory"},
     {TensorShape::OpenGLObject, "OpenGLObject"},
@@ -36,7 +44,7 @@ std::map<unsigned int, std::string> location_names = {
 };
 
 // Only these layouts print with a name.
-std::map<unsigned int, std::string> layout_names = {
+constexpr Name kLayouts[] = {
     {TensorShape::CHW, "CHW"},
     {TensorShape::HWC, "HWC"},
     {TensorShape::C4HW4, "C4HW4"},
@@ -51,27 +59,91 @@ std::map<unsigned int, std::string> layout_names = {
     {TensorShape::FLEXIABLE, "FLEXIABLE"},
 };
 
+template <std::size_t count>
+char const* NameOf(unsigned int number, Name const (&names)[count]) {
+  for (Name const& name : names) {
+    if (name.number == number) return name.text;
+  }
+  return "";
+}
+
 std::string JoinDims(std::vector<unsigned int> const& dims) {
   std::string text;
   for (unsigned int extent : dims) text += (text.empty() ? "" : ", ") + std::to_string(extent);
   return text;
 }
 
-// Product of the extents and of `element_size`; above 32 bits anything above 32 bits.
-std::uint64_t SaturatedProduct(std::vector<unsigned int> const& dims, unsigned int element_size) {
-  std::uint64_t product = element_size;
+// `product` times the extents; above 32 bits anything above 32 bits.
+std::uint64_t SaturatedProduct(std::vector<unsigned int> const& dims, std::uint64_t product) {
   for (unsigned int extent : dims) {
-    if (extent == 0) return 0;
-    if (product <= kMaximumCount) product *= extent;
+    product *= extent;
+    if (product > kMaximumCount) return std::find(dims.begin(), dims.end(), 0u) != dims.end() ? 0 : product;
   }
   return product;
 }
 
+// Whether a record still has the class name that it began with, as nearly all have.
+bool HasFirstName(Serializable const& record) { return std::string_view(record.serializable_type) == "Serializable"; }
+
+// Shapes are copied and moved for each layer of a walk, and that names are equal is seen faster than they are copied.
+void CopyName(Serializable& record, Serializable const& from) {
+  if (!HasFirstName(from) || !HasFirstName(record)) record.serializable_type = from.serializable_type;
+}
+
+void SwapNames(Serializable& record, Serializable& from) {
+  if (!HasFirstName(from) || !HasFirstName(record)) record.serializable_type.swap(from.serializable_type);
+}
+
+// All but the extents.
+void CopyRest(TensorShape& shape, TensorShape const& from) {
+  shape.data_type = from.data_type;
+  shape.layout = from.layout;
+  shape.location = from.location;
+  shape.extra.step_size = from.extra.step_size;
+  CopyName(shape, from);
+  CopyName(shape.extra, from.extra);
+}
+
+void MoveRest(TensorShape& shape, TensorShape& from) {
+  shape.data_type = from.data_type;
+  shape.layout = from.layout;
+  shape.location = from.location;
+  shape.extra.step_size = from.extra.step_size;
+  SwapNames(shape, from);
+  SwapNames(shape.extra, from.extra);
+}
+
 }  // namespace
+
+// flatten: a name that is known takes a few stores, instead of a call.
+[[gnu::flatten]] TensorShape::TensorShape() = default;
 
 TensorShape::TensorShape(std::vector<unsigned int> dims_, unsigned int data_type_, unsigned int layout_,
                          unsigned int location_, Extra extra_)
-    : dims(std::move(dims_)), data_type(data_type_), layout(layout_), location(location_), extra(extra_) {}
+    : dims(std::move(dims_)), data_type(data_type_), layout(layout_), location(location_), extra(std::move(extra_)) {}
+
+[[gnu::flatten]] TensorShape::TensorShape(TensorShape const& other)  // NOLINT(bugprone-copy-constructor-init): CopyRest
+    : Serializable(), dims(other.dims) {
+  CopyRest(*this, other);
+}
+
+[[gnu::flatten]] TensorShape::TensorShape(TensorShape&& other) noexcept : dims(std::move(other.dims)) {
+  MoveRest(*this, other);
+}
+
+TensorShape& TensorShape::operator=(TensorShape const& other) {
+  dims = other.dims;
+  CopyRest(*this, other);
+  return *this;
+}
+
+TensorShape& TensorShape::operator=(TensorShape&& other) noexcept {
+  dims = std::move(other.dims);
+  MoveRest(*this, other);
+  return *this;
+}
+
+TensorShape::~TensorShape() = default;
 
 void TensorShape::Extra::VisitAttr(std::shared_ptr<Visitor> visitor) {
   Serializable::VisitAttr(visitor);
@@ -109,9 +181,9 @@ std::string DimsText(std::vector<unsigned int> const& dims) { return "[" + JoinD
 std::ostream& operator<<(std::ostream& stream, TensorShape const& shape) {
   stream << "TensorShape: {" << std::endl;
   stream << "\tShape: [" << JoinDims(shape.dims) << "]" << std::endl;
-  stream << "\tLocation: " << location_names[shape.location] << std::endl;
-  stream << "\tDataType: " << data_type_names[shape.data_type] << std::endl;
-  stream << "\tLayout: " << layout_names[shape.layout] << std::endl;
+  stream << "\tLocation: " << NameOf(shape.location, kLocations) << std::endl;
+  stream << "\tDataType: " << NameOf(shape.data_type, kDataTypes) << std::endl;
+  stream << "\tLayout: " << NameOf(shape.layout, kLayouts) << std::endl;
   return stream << "}" << std::endl;
 }
 

@@ -93,9 +93,14 @@ class TALVO_API TensorShape : public Serializable {
   };
 
   /// No dims, and 0 for the three numbers.
-  TensorShape() = default;
+  TensorShape();
   TensorShape(std::vector<unsigned int> dims, unsigned int data_type, unsigned int layout, unsigned int location,
               Extra extra);
+  TensorShape(TensorShape const& other);
+  TensorShape(TensorShape&& other) noexcept;
+  TensorShape& operator=(TensorShape const& other);
+  TensorShape& operator=(TensorShape&& other) noexcept;
+  ~TensorShape() override;
 
   void VisitAttr(std::shared_ptr<Visitor> visitor) override;
 
@@ -124,7 +129,7 @@ TALVO_API unsigned int ByteCount(TensorShape const& shape);
 TALVO_API std::string DimsText(std::vector<unsigned int> const& dims);
 
 /// Writes six lines: dims and the names of location, data type and layout. A number without a name prints as an empty
-/// one and enters the table of names, which is not locked.
+/// one.
 TALVO_API std::ostream& operator<<(std::ostream& stream, TensorShape const& shape);
 
 /// A shape and its memory. Devices make tensors; shared pointers hold them, and the deleter that the device gave

@@ -20,38 +20,34 @@ DeviceCPU& DeviceOf(TensorCPU const& tensor) {
   return *device;
 }
 
-std::vector<unsigned int> RowMajorStrides(std::vector<unsigned int> const& dims) {
-  std::vector<unsigned int> strides(dims.size());
+// From the extents of the axes to their strides, in elements.
+void TurnIntoStrides(std::vector<unsigned int>& axes) {
   unsigned int stride = 1;
-  for (std::size_t axis = dims.size(); axis-- > 0; stride *= dims[axis]) strides[axis] = stride;
-  return strides;
+  for (std::size_t axis = axes.size(); axis-- > 0;) stride *= std::exchange(axes[axis], stride);
+}
+
+std::function<void(void*)> Deleter(TensorCPU const* tensor, PoolField pool) {
+  return [tensor, pool](void*) {
+    ReturnMemory(*tensor, pool);
+    delete tensor;
+  };
 }
 
 }  // namespace
 
 TensorCPU::TensorCPU(TensorShape&& tensor_shape, void* first_element, Device* maker)
-    : Tensor(std::move(tensor_shape), first_element, maker), strides(RowMajorStrides(shape.dims)) {}
+    : Tensor(std::move(tensor_shape), first_element, maker), strides(shape.dims) {
+  TurnIntoStrides(strides);
+}
 
 TensorCPU::TensorCPU(TensorShape const& tensor_shape, void* first_element, Device* maker)
     : TensorCPU(TensorShape(tensor_shape), first_element, maker) {}
 
-std::function<void(void*)> TensorCPU::GetDeleter() const {
-  return [this](void*) {
-    ReturnMemory(*this, &DeviceCPU::memory_pool);
-    delete this;
-  };
-}
+std::function<void(void*)> TensorCPU::GetDeleter() const { return Deleter(this, &DeviceCPU::memory_pool); }
 
-std::function<void(void*)> TensorCPU::GetDynamicDeleter() const {
-  return [this](void*) {
-    ReturnMemory(*this, &DeviceCPU::dynamic_pool);
-    delete this;
-  };
-}
+std::function<void(void*)> TensorCPU::GetDynamicDeleter() const { return Deleter(this, &DeviceCPU::dynamic_pool); }
 
-void ReturnMemory(TensorCPU const& tensor, std::shared_ptr<MemoryPool> DeviceCPU::*pool) {
-  (DeviceOf(tensor).*pool)->Free(tensor.data);
-}
+void ReturnMemory(TensorCPU const& tensor, PoolField pool) { (DeviceOf(tensor).*pool)->Free(tensor.data); }
 
 std::shared_ptr<TensorCPU> TensorCPU::Reshape(std::vector<int> const& new_dims) const {
   return ReshapeTensor(*this, new_dims, shape.layout, DeviceOf(*this));

@@ -11,8 +11,11 @@ namespace talvo::runtime {
 
 class MemoryPool;
 
+/// Which pool of a device.
+using PoolField = std::shared_ptr<MemoryPool> DeviceCPU::*;
+
 /// Hands the memory back to a pool of the tensor's device. Assert: a device that is no CPU device.
-void ReturnMemory(TensorCPU const& tensor, std::shared_ptr<MemoryPool> DeviceCPU::*pool);
+void ReturnMemory(TensorCPU const& tensor, PoolField pool);
 
 /// What TensorCPU::Reshape does, for a result of this layout, made by this device.
 std::shared_ptr<TensorCPU> ReshapeTensor(TensorCPU const& tensor, std::vector<int> const& new_dims, unsigned int layout,
