@@ -34,15 +34,22 @@ function(talvo_optimise target)
        runtime/kernel.cpp)
   # Kernels judge their arguments and call loops, which stand in functional/, native/ and rows/ or in sources of their own.
   list(APPEND small
-       image/image_process.cpp image/image_process_fallback.cpp image/image_support.cpp kernel/activation.cpp
-       kernel/convolution.cpp kernel/elementwise.cpp kernel/functional/activation.cpp kernel/functional/gemm.cpp
-       kernel/functional/quantisation.cpp kernel/functional/recurrent.cpp kernel/gemm.cpp kernel/kernel_of.cpp
-       kernel/pointwise_convolution.cpp kernel/pooling.cpp kernel/quantisation.cpp kernel/recurrent.cpp kernel/resampling.cpp kernel/structural.cpp
-       transform/element_conversion.cpp transform/permute.cpp transform/reshape.cpp transform/transform_support.cpp)
-  # The text of a model, and what calls vector loops: short paths that inlining serves, and no loop for vectors.
+       image/bilinear_support.cpp image/color.cpp image/crop.cpp image/frame.cpp image/image_process.cpp
+       image/image_process_fallback.cpp image/image_support.cpp image/normalise.cpp image/resize.cpp
+       image/rotate_flip.cpp image/yuv.cpp kernel/activation.cpp kernel/convolution.cpp kernel/direct_convolution.cpp
+       kernel/elementwise.cpp kernel/functional/activation.cpp kernel/functional/gemm.cpp
+       kernel/functional/quantisation.cpp kernel/functional/recurrent.cpp kernel/fused_convolution.cpp kernel/gemm.cpp
+       kernel/kernel_of.cpp kernel/native/recurrent.cpp kernel/native/structural.cpp kernel/padding.cpp
+       kernel/pointwise_convolution.cpp kernel/pooling.cpp kernel/quantisation.cpp kernel/recurrent.cpp
+       kernel/resampling.cpp kernel/sgemm.cpp kernel/structural.cpp kernel/transposed_convolution.cpp
+       transform/element_conversion.cpp transform/permute.cpp transform/reshape.cpp transform/transform_fallback.cpp
+       transform/transform_support.cpp)
+  # The text of a model, and what calls vector loops: short paths that inlining serves, and no loop for vectors. Warps
+  # and slices find a place for each element.
   set(plain
-      serialization/json_text_support.cpp serialization/tlmodel1_weights.cpp serialization/weight_blob.cpp
-      transform/transform_fallback.cpp kernel/recurrent_support.cpp)
+      image/warp.cpp kernel/functional/resampling.cpp kernel/functional/structural.cpp kernel/native/permute.cpp
+      kernel/recurrent_support.cpp serialization/json_text_support.cpp serialization/tlmodel1_weights.cpp
+      serialization/weight_blob.cpp)
   # The walk, tensors and pools: as those, and pointers that stand side by side are moved one by one. What is read as a
   # pair waits until both of its halves, written by themselves a moment ago, have reached the cache.
   set(walk
