@@ -191,7 +191,7 @@ struct Convolution : support::Strict<runtime::LayerInfo> {
     dims[0] = fields.out_channels;
     if (form.rank == 3) dims[1] = form.Extent(AxisY(fields, dims[1]));
     dims.back() = form.Extent(AxisX(fields, dims.back()));
-    return {TensorShape(std::move(dims), input.data_type, input.layout, input.location, TensorShape::Extra())};
+    return support::OneShape(std::move(dims), input.data_type, input.layout, input.location);
   }
 
   int IsValidInput(Tensors const& inputs) const override { return Judge(inputs, fields.in_channels); }

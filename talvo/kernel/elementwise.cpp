@@ -244,7 +244,7 @@ struct BroadcastOperation : support::Strict<runtime::BroadcastOperatorInfo> {
     Dims dims = Extended(first.dims, rank);
     Dims const other = Extended(second.dims, rank);
     for (std::size_t i = 0; i < rank; ++i) dims[i] = std::max(dims[i], other[i]);
-    return {TensorShape(dims, first.data_type, first.layout, first.location, TensorShape::Extra())};
+    return support::OneShape(dims, first.data_type, first.layout, first.location);
   }
 
   int IsValidInput(Tensors const& inputs) const override {
@@ -318,7 +318,7 @@ struct ReductionOperation : support::Strict<runtime::TensorArithmeticInfo> {
     dims.erase(std::remove(dims.begin(), dims.end(), kRemoved), dims.end());
     if (dims.empty()) dims.push_back(1);
     unsigned int const layout = LayoutOfRank(dims.size());
-    return {TensorShape(std::move(dims), shape.data_type, layout, shape.location, TensorShape::Extra())};
+    return support::OneShape(std::move(dims), shape.data_type, layout, shape.location);
   }
 
   int IsValidInput(Tensors const& inputs) const override { return support::Judge(inputs, 1, IsFloatOrInt16); }

@@ -110,20 +110,26 @@ TensorShape const& ShapeAt(Who const& who, Shapes const& shapes, std::size_t ind
   return shapes[index];
 }
 
+Shapes OneShape(std::vector<unsigned int> dims, unsigned int data_type, unsigned int layout, unsigned int location) {
+  Shapes shapes;
+  shapes.emplace_back(std::move(dims), data_type, layout, location, TensorShape::Extra());
+  return shapes;
+}
+
 void NeedsConfig(runtime::IKernel const& kernel) {
   if (!kernel.IsConfigured()) Refuse("%s: Forward before Config", kernel.GetName().c_str());
 }
 
 void RefuseRecord(Who const& who) { Refuse("%s: a record of another class", who.Text().c_str()); }
 
-int Judge(Tensors const& tensors, std::size_t count, std::function<bool(runtime::Tensor const&)> const& accept) {
+int Judge(Tensors const& tensors, std::size_t count, TensorTest const& accept) {
   bool const good = tensors.size() == count && std::all_of(tensors.begin(), tensors.end(), [&](auto const& tensor) {
                       return tensor != nullptr && accept(*tensor);
                     });
   return good ? 0 : -2;
 }
 
-int JudgeFirst(Tensors const& tensors, std::function<bool(runtime::Tensor const&)> const& accept) {
+int JudgeFirst(Tensors const& tensors, TensorTest const& accept) {
   return !tensors.empty() && tensors[0] != nullptr && accept(*tensors[0]) ? 0 : -2;
 }
 

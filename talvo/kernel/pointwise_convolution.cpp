@@ -96,8 +96,8 @@ struct PointwiseOperation : support::Strict<runtime::Conv2dInfo> {
   // (H + 0 + 0 - 1 * (1 - 1) - 1) / 1 + 1 is H, and 0 for 0 in arithmetic that wraps.
   Shapes GetOutputShapes(Shapes const& input_shapes) const override {
     TensorShape const& input = support::ShapeAt(kName, input_shapes, 0, 3);
-    return {TensorShape({out_channels, input.dims[1], input.dims[2]}, input.data_type, input.layout, input.location,
-                        TensorShape::Extra())};
+    return support::OneShape({out_channels, input.dims[1], input.dims[2]}, input.data_type, input.layout,
+                             input.location);
   }
 
   int IsValidInput(Tensors const& inputs) const override { return JudgePlanes(inputs, true); }

@@ -226,8 +226,7 @@ struct CellOperation : Operation {
   int IsValidOutput(Tensors const& outputs) const override { return Judge(outputs, hidden_size); }
 
   Shapes GetOutputShapes(Shapes const&) const override {
-    return {TensorShape({hidden_size}, TensorShape::FLOAT32, TensorShape::C, TensorShape::MainMemory,
-                        TensorShape::Extra())};
+    return support::OneShape({hidden_size}, TensorShape::FLOAT32, TensorShape::C, TensorShape::MainMemory);
   }
 
   // The state of an LSTM is replaced at each step, so that a longer one serves; the others write into theirs.
@@ -307,8 +306,8 @@ struct SequenceOperation : Operation {
   Shapes GetOutputShapes(Shapes const& input_shapes) const override {
     auto const& dims = support::ShapeAt({form.name, layer_id}, input_shapes, 0).dims;
     if (dims.empty()) Refuse("%s of layer %s: an input without dims has no steps", form.name, layer_id.c_str());
-    return {TensorShape({dims[0], directions * hidden_size}, TensorShape::FLOAT32, TensorShape::SC,
-                        TensorShape::MainMemory, TensorShape::Extra())};
+    return support::OneShape({dims[0], directions * hidden_size}, TensorShape::FLOAT32, TensorShape::SC,
+                             TensorShape::MainMemory);
   }
 
   // Rows follow each other at the width that the state was made with: only a single one may be wider than needed.

@@ -46,8 +46,8 @@ ImageSize SizeOf(runtime::TensorCPU const& image) {
 }
 
 // A shape like `input` with other dims and without its Extra.
-TensorShape Resized(TensorShape const& input, Dims dims) {
-  return TensorShape(std::move(dims), input.data_type, input.layout, input.location, TensorShape::Extra());
+Shapes Resized(TensorShape const& input, Dims dims) {
+  return support::OneShape(std::move(dims), input.data_type, input.layout, input.location);
 }
 
 // What a factor asks for: channels to pixels, or pixels to channels, by `step` in both directions.
@@ -134,10 +134,10 @@ struct Upsample : support::Strict<runtime::Upsample2dInfo> {
 
   Shapes GetOutputShapes(Shapes const& shapes) const override {
     TensorShape const& input = support::ShapeAt(Who(), shapes, 0, 3);
-    TensorShape output = Resized(input, {input.dims[0], functional::UpsampledExtent(input.dims[1], scale_factor_y),
-                                         functional::UpsampledExtent(input.dims[2], scale_factor_x)});
-    output.extra.step_size = output_step_size;
-    return {output};
+    Shapes outputs = Resized(input, {input.dims[0], functional::UpsampledExtent(input.dims[1], scale_factor_y),
+                                     functional::UpsampledExtent(input.dims[2], scale_factor_x)});
+    outputs[0].extra.step_size = output_step_size;
+    return outputs;
   }
 
   int IsValidInput(Tensors const& inputs) const override { return support::JudgeOneImage(inputs, planes.data_type); }
@@ -189,7 +189,7 @@ struct PixelShuffle : support::Strict<runtime::PixelShuffleInfo> {
 
   Shapes GetOutputShapes(Shapes const& shapes) const override {
     TensorShape const& input = support::ShapeAt(Who(), shapes, 0, 3);
-    return {Resized(input, ShuffledDims(Who(), input.dims, ShuffleOfFactor(Who(), upscale_factor)))};
+    return Resized(input, ShuffledDims(Who(), input.dims, ShuffleOfFactor(Who(), upscale_factor)));
   }
 
   int IsValidInput(Tensors const& inputs) const override { return support::JudgeOneImage(inputs, planes.data_type); }
@@ -267,7 +267,7 @@ struct GridSampleOperation : support::Strict<runtime::GridSampleInfo> {
     if (grid.size() < 2) {
       Refuse("%s: a grid of dims %s, needs rank 2 at least", Who().Text().c_str(), runtime::DimsText(grid).c_str());
     }
-    return {Resized(input, {input.dims[0], grid[0], grid[1]})};
+    return Resized(input, {input.dims[0], grid[0], grid[1]});
   }
 
   int IsValidInput(Tensors const& inputs) const override {

@@ -77,8 +77,8 @@ struct PlaceholderOperation : support::Strict<runtime::LayerPlaceholderInfo> {
   }
 
   Shapes GetOutputShapes(Shapes const&) const override {
-    return {TensorShape({output_shape.begin(), output_shape.end()}, TensorShape::FLOAT32, TensorShape::CHW,
-                        TensorShape::MainMemory, TensorShape::Extra())};
+    return support::OneShape({output_shape.begin(), output_shape.end()}, TensorShape::FLOAT32, TensorShape::CHW,
+                             TensorShape::MainMemory);
   }
 
   int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
@@ -225,8 +225,8 @@ struct SliceOperation : JudgedInVain<runtime::TensorSliceInfo> {
 
   Shapes GetOutputShapes(Shapes const& shapes) const override {
     TensorShape const& shape = support::ShapeAt(Who(), shapes, 0);
-    return {TensorShape(functional::SliceExtents(Who(), slice_dims), shape.data_type, shape.layout, shape.location,
-                        TensorShape::Extra())};
+    return support::OneShape(functional::SliceExtents(Who(), slice_dims), shape.data_type, shape.layout,
+                             shape.location);
   }
 
   int IsValidInput(Tensors const& inputs) const override {

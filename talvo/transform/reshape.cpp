@@ -148,7 +148,7 @@ struct GeneralReshape : support::Strict<TensorReshapeInfo> {
       dims.push_back(entry < 1 ? total / known_product : static_cast<unsigned int>(entry));
     }
     form.drop_batch(Who(), dims);
-    return {TensorShape(std::move(dims), input.data_type, form.layout, input.location, TensorShape::Extra())};
+    return support::OneShape(std::move(dims), input.data_type, form.layout, input.location);
   }
 
   int IsValidInput(Tensors const& inputs) const override {
