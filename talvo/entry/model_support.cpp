@@ -89,10 +89,11 @@ std::vector<std::string> NearestNames(std::string const& name, std::vector<std::
     // More than half of the letters changed is another word and no slip.
     if (2 * distance <= candidate.size()) near.emplace_back(distance, std::move(candidate));
   }
-  std::sort(near.begin(), near.end());
   std::vector<std::string> names;
-  for (auto& [distance, candidate] : near) {
-    if (names.size() < kMostNames) names.push_back(std::move(candidate));
+  while (!near.empty() && names.size() < kMostNames) {
+    auto const nearest = std::min_element(near.begin(), near.end());
+    names.push_back(std::move(nearest->second));
+    near.erase(nearest);
   }
   return names;
 }

@@ -30,7 +30,7 @@ struct Elements {
 };
 
 struct FieldType {
-  enum Form : unsigned char { kNumber, kNumbers, kCharacter, kText, kTexts, kRows, kRecord };
+  enum Form : unsigned char { kNumber, kCharacter, kNumbers, kText, kTexts, kRows, kRecord, kWeights, kWeightStack };
 
   Form form;
   Number number;                // a number itself, or those of a list or of rows
@@ -41,8 +41,6 @@ struct FieldType {
   /// Memory is taken for so many and no more.
   Elements (*look)(void* list);
   Elements (*resize)(void* list, std::size_t count);
-
-  char const* Name() const { return info->name(); }
 };
 
 }  // namespace talvo::runtime::support

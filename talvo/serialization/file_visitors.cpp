@@ -9,6 +9,7 @@
 
 #include "talvo/serialization/field_type_support.h"
 #include "talvo/serialization/serializable.h"
+#include "talvo/serialization/weight_blob.h"
 #include "talvo/utility/file_support.h"
 #include "talvo/utility/refuse_support.h"
 
@@ -29,8 +30,6 @@ std::FILE* Open(char const* path, char const* mode) {
   return stream;
 }
 
-char const* CountName() { return typeid(unsigned long long).name(); }
-
 }  // namespace
 
 FILEWriter::FILEWriter(char const* path) : FILEWriter(Open(path, "wb"), true) { owned_.reset(stream_, CloseStream()); }
@@ -40,22 +39,22 @@ FILEWriter::FILEWriter(std::FILE* stream, bool write_version) : stream_(stream) 
   if (write_version) std::fwrite(&_serialization_protocol_version, sizeof _serialization_protocol_version, 1, stream);
 }
 
-void FILEWriter::Put(void const* data, std::size_t element_bytes, std::size_t count, char const* type_name) {
+void FILEWriter::Put(void const* data, std::size_t element_bytes, std::size_t count, std::type_info const& type) {
   if (std::fwrite(data, element_bytes, count, stream_) != count)
-    Refuse("failed to write a %s value, error code is %d.\n", type_name, std::ferror(stream_));
+    Refuse("failed to write a %s value, error code is %d.\n", type.name(), std::ferror(stream_));
 }
 
 void FILEWriter::PutCount(std::size_t count) {
   unsigned long long const wide = count;
   if (std::fwrite(&wide, sizeof wide, 1, stream_) != 1)
-    Refuse("failed to write the %s value, error code is %d.\n", CountName(), std::ferror(stream_));
+    Refuse("failed to write the %s value, error code is %d.\n", typeid(wide).name(), std::ferror(stream_));
 }
 
 // A list of numbers or a text.
 void FILEWriter::PutElements(void* list, FieldType const& type) {
   support::Elements const elements = type.look(list);
   PutCount(elements.count);
-  Put(elements.first, type.element_bytes, elements.count, type.Name());
+  Put(elements.first, type.element_bytes, elements.count, *type.info);
 }
 
 void FILEWriter::VisitField(void* value, FieldType const& type, char const*) {
@@ -63,7 +62,7 @@ void FILEWriter::VisitField(void* value, FieldType const& type, char const*) {
   switch (type.form) {
     case FieldType::kNumber:
     case FieldType::kCharacter:
-      return Put(value, type.element_bytes, 1, type.Name());
+      return Put(value, type.element_bytes, 1, *type.info);
     case FieldType::kNumbers:
     case FieldType::kText:
       return PutElements(value, type);
@@ -81,6 +80,14 @@ void FILEWriter::VisitField(void* value, FieldType const& type, char const*) {
     }
     case FieldType::kRecord:
       return static_cast<Serializable*>(value)->VisitAttr(std::make_shared<FILEWriter>(stream_, false));
+    case FieldType::kWeights:
+      return WriteWeightBlob(*this, *static_cast<std::string const*>(value));
+    case FieldType::kWeightStack: {
+      auto const& texts = *static_cast<std::vector<std::string> const*>(value);
+      unsigned long long count = texts.size();
+      Visit(&count, nullptr);
+      for (std::string const& text : texts) WriteWeightBlob(*this, text);
+    }
   }
 }
 
@@ -103,17 +110,17 @@ void FILEReader::ReadVersion() {
   if (std::fread(&version, sizeof version, 1, stream_) == 1) _serialization_protocol_version = version;
 }
 
-void FILEReader::Require(bool condition, char const* type_name) const {
-  if (!condition) Refuse("failed to read a %s value, error code is %d.\n", type_name, std::ferror(stream_));
+void FILEReader::Require(bool condition, std::type_info const& type) const {
+  if (!condition) Refuse("failed to read a %s value, error code is %d.\n", type.name(), std::ferror(stream_));
 }
 
-void FILEReader::Get(void* data, std::size_t element_bytes, std::size_t count, char const* type_name) {
-  Require(std::fread(data, element_bytes, count, stream_) == count, type_name);
+void FILEReader::Get(void* data, std::size_t element_bytes, std::size_t count, std::type_info const& type) {
+  Require(std::fread(data, element_bytes, count, stream_) == count, type);
 }
 
 unsigned long long FILEReader::GetCount() {
   unsigned long long count;
-  Get(&count, sizeof count, 1, CountName());
+  Get(&count, sizeof count, 1, typeid(count));
   return count;
 }
 
@@ -139,7 +146,7 @@ bool FILEReader::Skims(unsigned long long count, std::size_t element_bytes) {
 }
 
 void FILEReader::GetScalar(void* value, FieldType const& type) {
-  Get(value, type.element_bytes, 1, type.Name());
+  Require(std::fread(value, type.element_bytes, 1, stream_) == 1, *type.info);
   if (type.number != support::Number::kBool) return;
   auto& byte = *static_cast<unsigned char*>(value);  // others than 0 and 1 are no bool
   byte = byte != 0;
@@ -149,15 +156,15 @@ void FILEReader::GetElements(void* list, FieldType const& type) {
   std::size_t const element_bytes = type.element_bytes;
   unsigned long long const count = GetCount();
   bool known;
-  Require(EnoughLeft(count, element_bytes, &known), type.Name());
-  type.resize(list, 0);
+  Require(EnoughLeft(count, element_bytes, &known), *type.info);
+  if (!known || count == 0) type.resize(list, 0);
   // A pipe does not tell its length: memory doubles with what really came, and a count that lies costs no more than it
   // sent.
   for (std::size_t done = 0; done < count;) {
     unsigned long long const piece = std::max(done, kTrustedBytes / element_bytes);
     std::size_t const step = static_cast<std::size_t>(known ? count : std::min(count - done, piece));
     auto* const first = static_cast<unsigned char*>(type.resize(list, done + step).first);
-    Get(first + done * element_bytes, element_bytes, step, type.Name());
+    Get(first + done * element_bytes, element_bytes, step, *type.info);
     done += step;
   }
 }
@@ -203,6 +210,7 @@ std::shared_ptr<Visitor> support::SkimmingReader(std::FILE* stream) {
 
 void FILEReader::VisitField(void* value, FieldType const& type, char const*) {
   if (value == nullptr) Refuse("cannot read a %s value to a null pointer", type.spelled);
+  if (type.form == FieldType::kNumber) return GetScalar(value, type);  // as most are
   switch (type.form) {
     case FieldType::kNumber:
     case FieldType::kCharacter:
@@ -216,6 +224,17 @@ void FILEReader::VisitField(void* value, FieldType const& type, char const*) {
       return Read(static_cast<std::vector<std::vector<unsigned short>>*>(value), type);
     case FieldType::kRecord:
       return Read(static_cast<Serializable*>(value));
+    case FieldType::kWeights:
+      return ReadWeightBlob(*this, *static_cast<std::string*>(value));
+    case FieldType::kWeightStack: {
+      auto& texts = *static_cast<std::vector<std::string>*>(value);
+      texts.clear();
+      for (unsigned long long left = GetCount(); left > 0; --left) {
+        std::string text;
+        ReadWeightBlob(*this, text);
+        texts.push_back(std::move(text));
+      }
+    }
   }
 }
 

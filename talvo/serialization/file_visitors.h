@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <typeinfo>
 
 #include "talvo/serialization/visitor.h"
 #include "talvo/utility/export.h"
@@ -28,7 +29,7 @@ class TALVO_API FILEWriter : public FieldVisitor {
   friend TALVO_API void WriteWeightBlob(FILEWriter& writer, std::string const& text);
 
   void VisitField(void* value, support::FieldType const& type, char const* key) override;
-  TALVO_INTERNAL void Put(void const* data, std::size_t element_bytes, std::size_t count, char const* type_name);
+  TALVO_INTERNAL void Put(void const* data, std::size_t element_bytes, std::size_t count, std::type_info const& type);
   TALVO_INTERNAL void PutCount(std::size_t count);
   TALVO_INTERNAL void PutElements(void* list, support::FieldType const& type);
 
@@ -54,8 +55,8 @@ class TALVO_API FILEReader : public FieldVisitor {
 
   void VisitField(void* value, support::FieldType const& type, char const* key) override;
   TALVO_INTERNAL void ReadVersion();
-  TALVO_INTERNAL void Get(void* data, std::size_t element_bytes, std::size_t count, char const* type_name);
-  TALVO_INTERNAL void Require(bool condition, char const* type_name) const;
+  TALVO_INTERNAL void Get(void* data, std::size_t element_bytes, std::size_t count, std::type_info const& type);
+  TALVO_INTERNAL void Require(bool condition, std::type_info const& type) const;
   TALVO_INTERNAL unsigned long long GetCount();
   TALVO_INTERNAL bool EnoughLeft(unsigned long long count, std::size_t element_bytes, bool* known) const;
   TALVO_INTERNAL bool Skims(unsigned long long count, std::size_t element_bytes);

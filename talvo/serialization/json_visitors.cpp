@@ -295,7 +295,13 @@ void JSONNodeSetter::VisitField(void* value, FieldType const& type, char const* 
       auto const nested = std::make_shared<JSONNodeSetter>(member, allocator_, false);
       nested->path_ = Joined(path_, key);
       static_cast<Serializable*>(value)->VisitAttr(nested);
+      break;
     }
+    // Texts as any other, for who derives from this class too.
+    case FieldType::kWeights:
+      return Visit(static_cast<std::string*>(value), key);
+    case FieldType::kWeightStack:
+      return Visit(static_cast<std::vector<std::string>*>(value), key);
   }
   AssertAt(good, path_, key, "infinity and NaN cannot be written");
   node_.AddMember(Value(key, allocator_), member, allocator_);
@@ -357,6 +363,8 @@ Value const& JSONNodeGetter::Find(char const* key) {
 
 void JSONNodeGetter::VisitField(void* value, FieldType const& type, char const* key) {
   AssertTarget(value, path_, key);
+  if (type.form == FieldType::kWeights && !skims_weights_) return Visit(static_cast<std::string*>(value), key);
+  if (type.form == FieldType::kWeightStack) return Visit(static_cast<std::vector<std::string>*>(value), key);
   Value const& from = Find(key);
   switch (type.form) {
     case FieldType::kNumber:
@@ -386,6 +394,10 @@ void JSONNodeGetter::VisitField(void* value, FieldType const& type, char const* 
       if (!rows.empty()) Charge(AppendedBytes(from, type), key, rows.capacity() * sizeof(std::vector<unsigned short>));
       return AssertAt(TakeRows(from, rows), path_, key, "needs an array of arrays of integers");
     }
+    case FieldType::kWeights:  // left out
+      return AssertAt(from.IsString(), path_, key, kNeedsText);
+    case FieldType::kWeightStack:
+      return;
   }
 }
 
@@ -398,8 +410,6 @@ void JSONNodeGetter::TakeRecord(Value const& value, Serializable* record, char c
   nested->skims_weights_ = skims_weights_;
   record->VisitAttr(nested);
 }
-
-void JSONNodeGetter::Skim(char const* key) { AssertAt(Find(key).IsString(), path_, key, kNeedsText); }
 
 // Reading a record again appends to its lists, and a record that stands as null is made all the same: without a limit
 // a small text could fill the memory.

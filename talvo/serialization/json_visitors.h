@@ -56,7 +56,6 @@ class TALVO_API JSONNodeGetter : public FieldVisitor {
   friend void support::ChargeRecord(Visitor& visitor, std::size_t bytes, std::string const& id);
   friend void support::ReadRecord(support::JSONText const& text, Serializable* record, char const* refusal,
                                   bool skims_weights);
-  friend TALVO_API void VisitWeights(Visitor& visitor, std::string* text, char const* key);
   struct TALVO_INTERNAL Index;
 
   void VisitField(void* value, support::FieldType const& type, char const* key) override;
@@ -66,7 +65,6 @@ class TALVO_API JSONNodeGetter : public FieldVisitor {
   TALVO_INTERNAL rapidjson::Value const& Find(char const* key);
   TALVO_INTERNAL void TakeRecord(rapidjson::Value const& from, Serializable* record, char const* key);
   TALVO_INTERNAL void Charge(std::size_t bytes, char const* key, std::size_t for_a_moment = 0);
-  TALVO_INTERNAL void Skim(char const* key);
 
   rapidjson::Value const& node_;
   std::string path_;                         // keys from the root to `node_`

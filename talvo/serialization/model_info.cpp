@@ -42,17 +42,16 @@ void RequireTypes(TLModelInfo const& model) {
 
 // The ids of `order` that nothing reads, each once, then those that only the table holds, sorted.
 std::vector<std::string> UnreadIDs(std::vector<std::string> const& order, Layers const& layers) {
-  std::vector<std::string> unread, others;
-  std::set<std::string_view> seen;  // a hash table of ours would be one more that a file can make slow
+  std::vector<std::string> unread;
+  std::set<std::string_view> seen, others;  // hash tables of ours would be more that a file can make slow
   for (std::string const& id : order) {
     auto const place = layers.find(id);
     if (place != layers.end() && seen.insert(id).second && place->second->read_count == 0) unread.push_back(id);
   }
   for (auto const& [id, layer] : layers) {
-    if (layer->read_count == 0 && seen.count(id) == 0) others.push_back(id);
+    if (layer->read_count == 0 && seen.count(id) == 0) others.insert(id);
   }
-  std::sort(others.begin(), others.end());
-  unread.insert(unread.end(), others.begin(), others.end());
+  for (std::string_view const id : others) unread.emplace_back(id);
   return unread;
 }
 

@@ -15,7 +15,7 @@ class Visitor;
 /// write to `serializable_type`.
 class TALVO_API Serializable {
  public:
-  Serializable() = default;
+  Serializable() noexcept = default;  // the name below is short enough to stand inside the string
   Serializable(Serializable const&) = default;
   Serializable(Serializable&&) = default;
   Serializable& operator=(Serializable const&) = default;

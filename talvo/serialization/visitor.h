@@ -56,7 +56,6 @@ class TALVO_API FieldVisitor : public Visitor {
   TALVO_FOR_EACH_VISITED_TYPE(TALVO_VISIT)
 #undef TALVO_VISIT
 
- private:
   virtual void VisitField(void* value, support::FieldType const& type, char const* key) = 0;
 };
 

@@ -6,7 +6,7 @@
 #include <typeinfo>
 
 #include "talvo/kernel/rows/conversion_rows.h"
-#include "talvo/serialization/json_visitors.h"
+#include "talvo/serialization/field_type_support.h"
 #include "talvo/utility/base64.h"
 #include "talvo/utility/base64_support.h"
 #include "talvo/utility/half.h"
@@ -16,18 +16,26 @@ namespace talvo::runtime {
 namespace {
 
 using half_float::half;
+using support::FieldType;
+using support::Number;
 
 // Values that stay in the cache from the stream to the text; a multiple of 3, so that the texts of pieces join without
 // padding.
 constexpr std::size_t kPiece = 12288;
 
+// What weights become is the visitor's choice.
+void Hand(Visitor& visitor, void* weights, FieldType const& type, char const* key) {
+  auto* const chooser = dynamic_cast<FieldVisitor*>(&visitor);
+  if (chooser == nullptr) utility::Refuse("Not Implemented.");
+  chooser->VisitField(weights, type, key);
+}
+
 }  // namespace
 
 void ReadWeightBlob(FILEReader& reader, std::string& text) {
   unsigned long long const count = reader.GetCount();
-  char const* const type_name = typeid(half).name();
   bool known;
-  reader.Require(reader.EnoughLeft(count, sizeof(half), &known), type_name);
+  reader.Require(reader.EnoughLeft(count, sizeof(half), &known), typeid(half));
   // The record keeps weights as base64 of floats, the stream as halves: they are turned piece by piece, so that no
   // third copy of all of them stands in memory.
   std::string result;
@@ -38,7 +46,7 @@ void ReadWeightBlob(FILEReader& reader, std::string& text) {
   for (unsigned long long left = count; left > 0;) {
     std::size_t const piece = static_cast<std::size_t>(std::min<unsigned long long>(left, kPiece));
     std::size_t const bytes = piece * sizeof(float), done = result.size();
-    reader.Get(halves.data(), sizeof(half), piece, type_name);
+    reader.Get(halves.data(), sizeof(half), piece, typeid(half));
     kernel::rows::HalfToFloatRow(halves.data(), piece, floats.data());
     result.resize(done + support::EncodedSize(bytes));
     support::EncodeBase64(floats.data(), bytes, result.data() + done);
@@ -60,38 +68,21 @@ void WriteWeightBlob(FILEWriter& writer, std::string const& text) {
       std::memcpy(&value, bytes.data() + (done + i) * sizeof value, sizeof value);
       halves[i] = half(value);
     }
-    writer.Put(halves.data(), sizeof(half), piece, typeid(half).name());
+    writer.Put(halves.data(), sizeof(half), piece, typeid(half));
     done += piece;
   }
 }
 
 void VisitWeights(Visitor& visitor, std::string* text, char const* key) {
-  if (auto* const getter = dynamic_cast<JSONNodeGetter*>(&visitor))
-    return getter->skims_weights_ ? getter->Skim(key) : getter->Visit(text, key);
-  if (dynamic_cast<JSONNodeSetter*>(&visitor) != nullptr) return visitor.Visit(text, key);
-  if (auto* const reader = dynamic_cast<FILEReader*>(&visitor)) return ReadWeightBlob(*reader, *text);
-  if (auto* const writer = dynamic_cast<FILEWriter*>(&visitor)) return WriteWeightBlob(*writer, *text);
-  utility::Refuse("Not Implemented.");
+  static constexpr FieldType kType = {FieldType::kWeights, Number::kHalf, sizeof(half), "std::string",
+                                      &typeid(half),       nullptr,       nullptr};
+  Hand(visitor, text, kType, key);
 }
 
 void VisitWeights(Visitor& visitor, std::vector<std::string>* texts, char const* key) {
-  if (dynamic_cast<JSONNodeSetter*>(&visitor) != nullptr || dynamic_cast<JSONNodeGetter*>(&visitor) != nullptr)
-    return visitor.Visit(texts, key);
-  unsigned long long count = texts->size();
-  if (auto* const reader = dynamic_cast<FILEReader*>(&visitor)) {
-    texts->clear();
-    reader->Visit(&count, nullptr);
-    for (unsigned long long i = 0; i < count; ++i) {
-      std::string text;
-      ReadWeightBlob(*reader, text);
-      texts->push_back(std::move(text));
-    }
-  } else if (auto* const writer = dynamic_cast<FILEWriter*>(&visitor)) {
-    writer->Visit(&count, nullptr);
-    for (std::string const& text : *texts) WriteWeightBlob(*writer, text);
-  } else {
-    utility::Refuse("Not Implemented.");
-  }
+  static constexpr FieldType kType = {FieldType::kWeightStack, Number::kHalf, sizeof(half), "std::vector<std::string>",
+                                      &typeid(half),           nullptr,       nullptr};
+  Hand(visitor, texts, kType, key);
 }
 
 }  // namespace talvo::runtime

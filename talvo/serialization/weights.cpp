@@ -33,9 +33,11 @@ class WeightVisitor : private rapidjson::Document, public JSONNodeSetter {
  private:
   void VisitField(void* value, support::FieldType const& type, char const* key) override {
     if (!IsWeightKey(key)) return;
-    if (type.form == support::FieldType::kText) function_(key, *static_cast<std::string*>(value));
-    if (type.form != support::FieldType::kTexts) return;
-    for (std::string& text : *static_cast<std::vector<std::string>*>(value)) function_(key, text);
+    if (type.form == support::FieldType::kText || type.form == support::FieldType::kWeights) {
+      function_(key, *static_cast<std::string*>(value));
+    } else if (type.form == support::FieldType::kTexts || type.form == support::FieldType::kWeightStack) {
+      for (std::string& text : *static_cast<std::vector<std::string>*>(value)) function_(key, text);
+    }
   }
 
   Function const function_;
