@@ -39,17 +39,18 @@ function(talvo_optimise target)
        image/rotate_flip.cpp image/yuv.cpp kernel/activation.cpp kernel/convolution.cpp kernel/direct_convolution.cpp
        kernel/elementwise.cpp kernel/functional/activation.cpp kernel/functional/gemm.cpp
        kernel/functional/quantisation.cpp kernel/functional/recurrent.cpp kernel/fused_convolution.cpp kernel/gemm.cpp
-       kernel/kernel_of.cpp kernel/native/recurrent.cpp kernel/native/structural.cpp kernel/padding.cpp
-       kernel/pointwise_convolution.cpp kernel/pooling.cpp kernel/quantisation.cpp kernel/recurrent.cpp
-       kernel/resampling.cpp kernel/sgemm.cpp kernel/structural.cpp kernel/transposed_convolution.cpp
+       kernel/kernel_judge_support.cpp kernel/kernel_of.cpp kernel/native/recurrent.cpp kernel/native/structural.cpp
+       kernel/padding.cpp kernel/pointwise_convolution.cpp kernel/pooling.cpp kernel/quantisation.cpp
+       kernel/recurrent.cpp kernel/resampling.cpp kernel/sgemm.cpp kernel/structural.cpp
+       kernel/transposed_convolution.cpp
        transform/element_conversion.cpp transform/permute.cpp transform/reshape.cpp transform/transform_fallback.cpp
        transform/transform_support.cpp)
   # The text of a model, and what calls vector loops: short paths that inlining serves, and no loop for vectors. Warps
   # and slices find a place for each element.
   set(plain
-      image/warp.cpp kernel/functional/resampling.cpp kernel/functional/structural.cpp kernel/native/permute.cpp
-      kernel/recurrent_support.cpp serialization/json_text_support.cpp serialization/tlmodel1_weights.cpp
-      serialization/weight_blob.cpp)
+      image/warp.cpp kernel/functional/pooling.cpp kernel/functional/resampling.cpp kernel/functional/structural.cpp
+      kernel/native/permute.cpp kernel/recurrent_support.cpp serialization/json_text_support.cpp
+      serialization/tlmodel1_weights.cpp serialization/weight_blob.cpp)
   # The walk, tensors and pools: as those, and pointers that stand side by side are moved one by one. What is read as a
   # pair waits until both of its halves, written by themselves a moment ago, have reached the cache.
   set(walk
@@ -66,8 +67,8 @@ function(talvo_optimise target)
   # write most of them out a second and a third time, for the last few elements of a row.
   set(loops
       kernel/rows/conversion_rows.cpp kernel/rows/elementwise_rows.cpp kernel/rows/fused_product.cpp
-      kernel/rows/gates.cpp kernel/rows/mixed_channels.cpp kernel/rows/phase_plane.cpp kernel/rows/pixels.cpp
-      kernel/rows/samples.cpp kernel/rows/transpose.cpp)
+      kernel/rows/gates.cpp kernel/rows/mixed_channels.cpp kernel/rows/pixels.cpp kernel/rows/samples.cpp
+      kernel/rows/transpose.cpp)
   # Kernels hand on what they are asked, mostly in calls that leave no frame behind: where g++ writes the tables itself,
   # not the assembler, it leaves such functions out.
   set(shells entry/register_extra_operators.cpp entry/register_fused_operators.cpp entry/register_operators.cpp)

@@ -23,12 +23,6 @@ struct Elements {
         out(y->Data<float>()),
         count(runtime::ElementCount(x->shape.dims)) {}
 
-  int Give(Tensors& outputs) {
-    outputs.clear();
-    outputs.push_back(std::move(y));
-    return 0;
-  }
-
   support::TensorPtr x, y;
   float const* in;
   float* out;
@@ -44,9 +38,9 @@ struct PlainActivation : Form {
 
   int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
               ContextPtr const& context) const override {
-    Elements row(kernel, inputs, context);
+    Elements const row(kernel, inputs, context);
     map(row.in, row.count, row.out);
-    return row.Give(outputs);
+    return support::Give(row.y, outputs);
   }
 
   Map const map;
@@ -125,9 +119,9 @@ struct LeakyOperation : InvertedForm {
 
   int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
               ContextPtr const& context) const override {
-    Elements row(kernel, inputs, context);
+    Elements const row(kernel, inputs, context);
     functional::leaky_f32(row.in, row.count, alpha, row.out);
-    return row.Give(outputs);
+    return support::Give(row.y, outputs);
   }
 
   float alpha = 0.1f;
@@ -146,9 +140,9 @@ struct LinearOperation : InvertedForm {
 
   int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
               ContextPtr const& context) const override {
-    Elements row(kernel, inputs, context);
+    Elements const row(kernel, inputs, context);
     functional::linear_f32(row.in, row.count, scale, offset, row.out);
-    return row.Give(outputs);
+    return support::Give(row.y, outputs);
   }
 
   float scale = 1.0f, offset = 0.0f;
@@ -193,9 +187,9 @@ struct ClipOperation : support::Strict<ClipInfo> {
 
   int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
               ContextPtr const& context) const override {
-    Elements row(kernel, inputs, context);
+    Elements const row(kernel, inputs, context);
     functional::clip_f32(row.in, row.count, low, high, row.out);
-    return row.Give(outputs);
+    return support::Give(row.y, outputs);
   }
 
   float low = ClipInfo().minimum_value, high = ClipInfo().maximum_value;
@@ -238,8 +232,7 @@ struct PReluChannelOperation : StrictForm {
     for (std::size_t c = 0; c < dims[0]; ++c) {
       rows::LeakyRow(slopes->Data<float>()[c], x->Data<float>() + c * plane, plane, y->Data<float>() + c * plane);
     }
-    outputs.assign(1, y);
-    return 0;
+    return support::Give(y, outputs);
   }
 
   std::string layer_id;

@@ -208,8 +208,7 @@ struct Convolution : support::Strict<runtime::LayerInfo> {
       form.compute(ShapeOf(fields, input->shape.dims, output->shape.dims),
                    {input->Data<float>(), weight->Data<float>(), Bias(), output->Data<float>()}, *context->device_cpu);
     }
-    outputs.assign(1, output);
-    return 0;
+    return support::Give(output, outputs);
   }
 
   support::Who Self() const { return {CName(), layer_id}; }

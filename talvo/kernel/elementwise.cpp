@@ -210,8 +210,7 @@ struct ElementwiseOperation : support::Strict<runtime::ElementWiseOperatorInfo> 
     }
     auto const y = support::NewOutput(kernel, inputs, context);
     rows::CombineRow(OperationOf(name), {a->Data<float>(), false}, {b->Data<float>(), false}, count, y->Data<float>());
-    outputs.assign(1, y);
-    return 0;
+    return support::Give(y, outputs);
   }
 
   std::string layer_id, name;
@@ -274,8 +273,7 @@ struct BroadcastOperation : support::Strict<runtime::BroadcastOperatorInfo> {
       Broadcast(static_cast<rows::Operation>(layer->op_type), axes)
           .Run(a->Data<float>(), b->Data<float>(), y->Data<float>());
     }
-    outputs.assign(1, y);
-    return 0;
+    return support::Give(y, outputs);
   }
 
   mutable std::shared_ptr<runtime::BroadcastOperatorInfo> layer;
@@ -345,8 +343,7 @@ struct ReductionOperation : support::Strict<runtime::TensorArithmeticInfo> {
     auto const reduce = name == "Mean" ? functional::Function_TensorTensorArithmetic_Mean_Fallback_Float_M1
                                        : functional::Function_TensorTensorArithmetic_Sum_Fallback_Float_M1;
     reduce(x->Data<float>(), y->Data<float>(), dims, axes);
-    outputs.assign(1, y);
-    return 0;
+    return support::Give(y, outputs);
   }
 
   int IsValidOutput(Tensors const& outputs) const override { return IsValidInput(outputs); }

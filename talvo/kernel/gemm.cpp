@@ -86,8 +86,7 @@ struct FullConnection : support::Strict<runtime::FullConnectionInfo> {
     auto const y = support::NewOutput(kernel, inputs, context);
     form.run(x->Data<float>(), count, in_features, out_features, weight->Data<float>(),
              bias == nullptr ? nullptr : bias->Data<float>(), y->Data<float>());
-    outputs.assign(1, y);
-    return 0;
+    return support::Give(y, outputs);
   }
 
   support::Who Self() const { return {CName(), layer_id}; }
@@ -206,8 +205,7 @@ struct MatMulOperation : support::Strict<runtime::GemmInfo> {
     auto const a = support::Input(self, inputs, 0), b = support::Input(self, inputs, 1);
     auto const y = support::NewOutput(kernel, inputs, context);
     if (support::Count(*y) != 0) Run(*a, *b, *y, *context->device_cpu);
-    outputs.assign(1, y);
-    return 0;
+    return support::Give(y, outputs);
   }
 
   // B is packed, A turned where it has to be, one matrix at a time.

@@ -21,11 +21,6 @@ bool PlainOperation::Configure(runtime::IKernel const& kernel, LayerPtr const& l
   return configured_;
 }
 
-OperationPtr Named(OperationPtr operation, char const* name) {
-  operation->SetName(name);
-  return operation;
-}
-
 int Inverted::IsValidParam(LayerPtr const& layer, ParamPtr const& param) const { return InvertedParam(layer, param); }
 bool Inverted::Passes(int judgement) const { return judgement != 0; }
 

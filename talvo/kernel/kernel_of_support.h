@@ -61,17 +61,18 @@ struct Inverted : PlainOperation {
   bool Passes(int judgement) const override;
 };
 
-/// The operation, which goes by this name from now on.
-OperationPtr Named(OperationPtr operation, char const* name);
-
 }  // namespace support
 
 template <class Operation>
 OperationPtr MakeOperation() {
   if constexpr (std::is_base_of_v<support::PlainOperation, Operation>) {
-    return support::Named(std::make_unique<Operation>(), Operation::kName);
+    auto operation = std::make_unique<Operation>();
+    operation->SetName(Operation::kName);
+    return operation;
   } else {
-    return support::Named(std::make_unique<typename Operation::Body>(Operation::kForm), Operation::kName);
+    auto operation = std::make_unique<typename Operation::Body>(Operation::kForm);
+    operation->SetName(Operation::kName);
+    return operation;
   }
 }
 

@@ -73,6 +73,9 @@ std::size_t Count(runtime::TensorCPU const& tensor);
 TensorPtr NewOutput(runtime::IKernel const& kernel, Tensors const& inputs, ContextPtr const& context,
                     std::size_t index = 0);
 
+/// Makes `result` the only output, and returns what Forward does.
+int Give(TensorPtr const& result, Tensors& outputs);
+
 /// Scratch of a call: `floats` from the pool of the device, so that a pass of a net finds them there again.
 TensorPtr NewScratch(runtime::DeviceCPU& device, std::size_t floats);
 

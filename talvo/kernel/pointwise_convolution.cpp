@@ -111,8 +111,7 @@ struct PointwiseOperation : support::Strict<runtime::Conv2dInfo> {
     CheckFit(*x, *y);
     Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1_Convolution(x, y, weight);
     if (bias != nullptr) ADDBias_MainMemory_CHW_Float_Fallback_M1(y, bias);
-    outputs.assign(1, y);
-    return 0;
+    return support::Give(y, outputs);
   }
 
   // Refuses a product that reads behind the weights, and a bias that the groups leave too short.

@@ -72,8 +72,7 @@ struct PoolingOf : support::Strict<Info> {
     Self().Check(*x);
     auto const y = support::NewOutput(kernel, inputs, context);
     Self().Run(*x, *y, support::Device(Who(), context));
-    outputs.assign(1, y);
-    return 0;
+    return support::Give(y, outputs);
   }
 
   int IsValidInput(Tensors const& inputs) const override {

@@ -156,8 +156,7 @@ struct Upsample : support::Strict<runtime::Upsample2dInfo> {
       functional::UpsampleBilinear(x->data, IsShort(), SizeOf(*x),
                                    {scale_factor_y, scale_factor_x, align_corner, height, width}, y->data);
     }
-    outputs.assign(1, y);
-    return 0;
+    return support::Give(y, outputs);
   }
 
   int IsValidOutput(Tensors const& outputs) const override { return IsValidInput(outputs); }
@@ -202,8 +201,7 @@ struct PixelShuffle : support::Strict<runtime::PixelShuffleInfo> {
     auto const step = static_cast<std::size_t>(shuffle.step);  // at most an extent of x
     (shuffle.to_pixels ? functional::PixelShuffle : functional::PixelUnshuffle)(x->data, SizeOf(*x),
                                                                                 planes.ElementBytes(), step, y->data);
-    outputs.assign(1, y);
-    return 0;
+    return support::Give(y, outputs);
   }
 
   int IsValidOutput(Tensors const& outputs) const override { return IsValidInput(outputs); }
@@ -291,8 +289,7 @@ struct GridSampleOperation : support::Strict<runtime::GridSampleInfo> {
     auto const scratch = support::NewScratch(*context->device_cpu, functional::GridSampleScratch(size, count));
     functional::GridSample(x->Data<float>(), size, grid->Data<float>(), count, {bilinear, border, align_corners},
                            scratch->Data<float>(), y->Data<float>());
-    outputs.assign(1, y);
-    return 0;
+    return support::Give(y, outputs);
   }
 
   int IsValidOutput(Tensors const& outputs) const override {

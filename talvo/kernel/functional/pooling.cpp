@@ -54,16 +54,19 @@ class Slide {
     native::FillFloats(border, Count(), scratch);
     for (std::size_t ky = 0; ky < window_.kernel_y; ++ky) down_.push_back(ky * window_.dilation_y * plane_.RowPitch());
     for (std::size_t kx = 0; kx < window_.kernel_x; ++kx) across_.push_back(plane_.Place(kx * window_.dilation_x));
+    std::size_t const right = plane_.left + plane_.width;
+    if (window_.padding_r != 0 || plane_.width == 0) return;
+    last_ = plane_.Place(right - 1);
+    for (std::size_t column = right; column < plane_.padded_width; ++column) behind_.push_back(plane_.Place(column));
   }
 
   void Lay(float const* x, float* scratch) const {
     rows::LayPlane(x, plane_, scratch);
-    std::size_t const pitch = plane_.RowPitch(), right = plane_.left + plane_.width;
+    std::size_t const pitch = plane_.RowPitch();
     float* const first = scratch + plane_.top * pitch;
-    if (window_.padding_r == 0 && plane_.width > 0) {
-      std::size_t const from = plane_.Place(right - 1);
-      for (std::size_t column = right; column < plane_.padded_width; ++column) {
-        std::size_t const to = plane_.Place(column);
+    if (!behind_.empty()) {
+      std::size_t const from = last_;
+      for (std::size_t const to : behind_) {
         for (std::size_t r = 0; r < plane_.height; ++r) first[r * pitch + to] = first[r * pitch + from];
       }
     }
@@ -122,6 +125,8 @@ class Slide {
   PoolingWindow window_;
   rows::PhasePlane plane_;
   std::vector<std::size_t> down_, across_;  // offsets of the taps along each axis of plane_
+  std::vector<std::size_t> behind_;         // places of the columns behind the plane that repeat its last, at last_
+  std::size_t last_ = 0;
 };
 
 // The taps of one output along one axis, `start` + i * `dilation` for i < kernel of the padded extent: those before
