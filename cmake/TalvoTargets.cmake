@@ -31,7 +31,7 @@ function(talvo_optimise target)
        entry/open_package.cpp entry/register_extra_operators.cpp entry/register_fused_operators.cpp
        entry/register_operators.cpp entry/reset_rnn_state.cpp entry/talvo_c.cpp runtime/class_registry.cpp
        runtime/context.cpp runtime/create_net.cpp runtime/device_cpu_forms.cpp runtime/inference_config.cpp
-       runtime/kernel.cpp)
+       runtime/kernel.cpp runtime/tensor.cpp runtime/tensor_cpu_reshape.cpp)
   # Kernels judge their arguments and call loops, which stand in functional/, native/ and rows/ or in sources of their own.
   list(APPEND small
        image/bilinear_support.cpp image/color.cpp image/crop.cpp image/frame.cpp image/image_process.cpp
@@ -54,8 +54,8 @@ function(talvo_optimise target)
   # The walk, tensors and pools: as those, and pointers that stand side by side are moved one by one. What is read as a
   # pair waits until both of its halves, written by themselves a moment ago, have reached the cache.
   set(walk
-      kernel/kernel_support.cpp runtime/device_cpu.cpp runtime/memory_pool.cpp runtime/net.cpp runtime/tensor.cpp
-      runtime/tensor_cpu.cpp)
+      kernel/kernel_support.cpp runtime/device_cpu.cpp runtime/memory_pool.cpp runtime/net.cpp runtime/tensor_cpu.cpp
+      runtime/tensor_shape.cpp)
   # Leaves: they call nothing that throws, so that no exception passes and no table need say how.
   set(leaves
       image/yuv_rows_support.cpp kernel/functional/resampling_rows_support.cpp kernel/native/fill_support.cpp
