@@ -130,7 +130,7 @@ class Comparison {
     if (!first_.empty()) std::cout << "first difference: " << first_ << "\n";
     if (on_another_product_ != 0)
       std::cout << on_another_product_ << " cases on another matrix product than the table's, not compared\n";
-    std::cout << cases_ << " cases, " << differing_ << " differing\n";
+    std::cout << cases_ << " cases, " << differing_ << " differing" << std::endl;
     return differing_ == 0;
   }
 

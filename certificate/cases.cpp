@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "certificate/memory_sanitizer.h"
 #include "talvo/runtime/device_cpu.h"
 #include "talvo/runtime/memory_pool.h"
 #include "talvo/utility/base64.h"
@@ -15,7 +16,9 @@ class FillingPool : public runtime::MemoryPool {
   void Clear() override {}
   void* Malloc(unsigned long size) override {
     void* const block = std::malloc(size);
-    if (block != nullptr) std::memset(block, FillByte(), size);
+    if (block == nullptr) return nullptr;
+    std::memset(block, FillByte(), size);
+    Uninitialise(block, size);
     return block;
   }
   void Free(void* pointer) override { std::free(pointer); }
@@ -107,11 +110,13 @@ bool IsOnMatrixProduct(std::string const& name) {
 }
 
 void Digest::Add(void const* data, std::size_t bytes) {
+  NeedInitialised(data, bytes);
   auto const* const values = static_cast<unsigned char const*>(data);
   for (std::size_t i = 0; i < bytes; ++i) value_ = (value_ ^ values[i]) * 0x100000001B3;
 }
 
 void Digest::Add(float const* values, std::size_t count) {
+  NeedInitialised(values, count * sizeof(float));
   for (std::size_t i = 0; i < count; ++i) {
     std::uint32_t bits;
     std::memcpy(&bits, values + i, sizeof bits);
@@ -126,6 +131,7 @@ void Digest::Add(runtime::Tensor const& tensor) {
   for (unsigned int const number : {shape.data_type, shape.layout, static_cast<unsigned int>(shape.extra.step_size)})
     Add(&number, sizeof number);
   std::size_t const count = runtime::ElementCount(shape.dims);
+  NeedInitialised(tensor.data, runtime::ByteCount(shape));
   if (shape.data_type == TensorShape::FLOAT32) {
     Add(static_cast<float const*>(tensor.data), count);
   } else if (shape.data_type == TensorShape::FLOAT16) {

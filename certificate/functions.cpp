@@ -4,6 +4,7 @@
 #include <type_traits>
 
 #include "certificate/cases.h"
+#include "certificate/memory_sanitizer.h"
 #include "talvo/kernel/functional/activation.h"
 #include "talvo/kernel/functional/elementwise.h"
 #include "talvo/kernel/functional/gemm.h"
@@ -41,6 +42,7 @@ DevicePtr const& Device() { return Context()->device_cpu; }
 std::vector<float> BlankRow(std::size_t count) {
   std::vector<float> row(count);
   std::memset(row.data(), FillByte(), count * sizeof(float));
+  Uninitialise(row.data(), count * sizeof(float));
   return row;
 }
 

@@ -1,5 +1,6 @@
 // Eight threads at once, with a context each, open, build, run, refuse, log and reset the same packages: all get the
 // same bits and the same texts. Its place is the thread sanitizer's build, which ends it at the first data race.
+#include <array>
 #include <atomic>
 #include <cstdio>
 #include <stdexcept>
@@ -14,36 +15,60 @@
 namespace talvo::certificate {
 namespace {
 
-constexpr int kThreads = 8, kRounds = 4;
+constexpr int kThreads = 8, kRounds = 8, kTexts = 500;
 std::atomic<unsigned int> lines{0};
 
-// What a thread sees in all: outputs of runs with a state and without, and texts that pass through the log's buffer.
+// Lets the threads go on once all have come. The sanitizer takes threads for ordered once an atomic that one wrote is
+// read by the other, and says nothing of a race whose first access its short history no longer holds: what may share
+// something is called side by side right after a meeting, and each meeting has an atomic of its own.
+void Meet() {
+  static std::array<std::atomic<unsigned int>, 3 * kRounds> arrived{};
+  thread_local std::size_t meeting = 0;
+  std::atomic<unsigned int>& here = arrived[meeting++];
+  here.fetch_add(1);
+  while (here.load() < kThreads) std::this_thread::yield();
+}
+
+// Texts pass through the log's buffer.
+void WriteTexts(Digest* seen) {
+  for (int text = 0; text < kTexts; ++text) {
+    utility::Log(8, "%s", "a line of every thread");
+    seen->Add(utility::StringFormat("%d %s", 17, "layers"));
+  }
+}
+
+void RunModel(bool fused, Digest* seen) {
+  ModelOptions options;
+  options.prefer_fused = fused;
+  Model model("fuzz/corpus/run_package/small.json", options);
+  Draw draw(1);
+  auto const picture = draw.Floats(3 * 8 * 8);
+  for (int run = 0; run < 3; ++run) {
+    if (run == 2) model.Reset();
+    auto const outputs = model.Run({{"picture", picture.data(), {3, 8, 8}}});
+    for (ModelPort const& port : model.Outputs()) seen->Add(outputs[port.id]);
+  }
+  try {
+    model.Run({{"picture", picture.data(), {3, 8}}});
+  } catch (std::runtime_error const& refusal) {
+    seen->Add(refusal.what());
+  }
+}
+
+// What a thread sees in all.
 std::uint64_t Round() {
   Digest seen;
+  Meet();
+  WriteTexts(&seen);
   for (bool const fused : {false, true}) {
-    ModelOptions options;
-    options.prefer_fused = fused;
-    Model model("fuzz/corpus/run_package/small.json", options);
-    Draw draw(1);
-    auto const picture = draw.Floats(3 * 8 * 8);
-    for (int run = 0; run < 3; ++run) {
-      if (run == 2) model.Reset();
-      auto const outputs = model.Run({{"picture", picture.data(), {3, 8, 8}}});
-      for (ModelPort const& port : model.Outputs()) seen.Add(outputs[port.id]);
-    }
-    try {
-      model.Run({{"picture", picture.data(), {3, 8}}});
-    } catch (std::runtime_error const& refusal) {
-      seen.Add(refusal.what());
-    }
-    utility::Log(8, "%s", "a line of every thread");
-    seen.Add(utility::StringFormat("%d %s", 17, "layers"));
+    Meet();
+    RunModel(fused, &seen);
   }
   return seen.Value();
 }
 
 bool Main() {
-  utility::SetLogCallback([](char const*) { return static_cast<int>(lines.fetch_add(1)); });
+  utility::SetLogCallback([](char const*) { return static_cast<int>(lines.fetch_add(1, std::memory_order_relaxed)); });
   std::vector<std::uint64_t> seen(kThreads * kRounds);
   std::vector<std::thread> threads;
   for (int thread = 0; thread < kThreads; ++thread) {

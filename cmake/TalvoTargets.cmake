@@ -31,25 +31,34 @@ function(talvo_optimise target)
        entry/open_package.cpp entry/register_extra_operators.cpp entry/register_fused_operators.cpp
        entry/register_operators.cpp entry/reset_rnn_state.cpp entry/talvo_c.cpp runtime/class_registry.cpp
        runtime/context.cpp runtime/create_net.cpp runtime/device_cpu_forms.cpp runtime/inference_config.cpp
-       runtime/kernel.cpp)
+       runtime/kernel.cpp runtime/tensor.cpp runtime/tensor_cpu_reshape.cpp)
   # Kernels judge their arguments and call loops, which stand in functional/, native/ and rows/ or in sources of their own.
   list(APPEND small
-       image/image_process.cpp image/image_process_fallback.cpp image/image_support.cpp kernel/activation.cpp
-       kernel/convolution.cpp kernel/elementwise.cpp kernel/functional/activation.cpp kernel/functional/gemm.cpp
-       kernel/functional/quantisation.cpp kernel/functional/recurrent.cpp kernel/gemm.cpp kernel/kernel_of.cpp
-       kernel/pointwise_convolution.cpp kernel/pooling.cpp kernel/quantisation.cpp kernel/recurrent.cpp kernel/resampling.cpp kernel/structural.cpp
-       transform/element_conversion.cpp transform/permute.cpp transform/reshape.cpp transform/transform_support.cpp)
-  # The text of a model, and what calls vector loops: short paths that inlining serves, and no loop for vectors.
+       image/bilinear_support.cpp image/color.cpp image/crop.cpp image/frame.cpp image/image_process.cpp
+       image/image_process_fallback.cpp image/image_support.cpp image/normalise.cpp image/resize.cpp
+       image/rotate_flip.cpp image/yuv.cpp kernel/activation.cpp kernel/convolution.cpp kernel/direct_convolution.cpp
+       kernel/elementwise.cpp kernel/functional/activation.cpp kernel/functional/gemm.cpp
+       kernel/functional/quantisation.cpp kernel/functional/recurrent.cpp kernel/fused_convolution.cpp kernel/gemm.cpp
+       kernel/kernel_judge_support.cpp kernel/kernel_of.cpp kernel/native/recurrent.cpp kernel/native/structural.cpp
+       kernel/padding.cpp kernel/pointwise_convolution.cpp kernel/pooling.cpp kernel/quantisation.cpp
+       kernel/recurrent.cpp kernel/resampling.cpp kernel/sgemm.cpp kernel/structural.cpp
+       kernel/transposed_convolution.cpp
+       transform/element_conversion.cpp transform/permute.cpp transform/reshape.cpp transform/transform_fallback.cpp
+       transform/transform_support.cpp)
+  # The text of a model, and what calls vector loops: short paths that inlining serves, and no loop for vectors. Warps
+  # and slices find a place for each element.
   set(plain
-      serialization/json_text_support.cpp serialization/tlmodel1_weights.cpp serialization/weight_blob.cpp
-      transform/transform_fallback.cpp kernel/recurrent_support.cpp)
+      image/warp.cpp kernel/functional/pooling.cpp kernel/functional/resampling.cpp kernel/functional/structural.cpp
+      kernel/native/permute.cpp kernel/recurrent_support.cpp serialization/json_text_support.cpp
+      serialization/tlmodel1_weights.cpp serialization/weight_blob.cpp)
   # The walk, tensors and pools: as those, and pointers that stand side by side are moved one by one. What is read as a
   # pair waits until both of its halves, written by themselves a moment ago, have reached the cache.
   set(walk
-      kernel/kernel_support.cpp runtime/device_cpu.cpp runtime/memory_pool.cpp runtime/net.cpp runtime/tensor.cpp
-      runtime/tensor_cpu.cpp)
+      kernel/kernel_support.cpp runtime/device_cpu.cpp runtime/memory_pool.cpp runtime/net.cpp runtime/tensor_cpu.cpp
+      runtime/tensor_shape.cpp)
   # Leaves: they call nothing that throws, so that no exception passes and no table need say how.
   set(leaves
+      image/yuv_rows_support.cpp kernel/functional/resampling_rows_support.cpp kernel/native/fill_support.cpp
       kernel/rows/base64_rows.cpp kernel/rows/conversion_rows.cpp kernel/rows/convolution_tile.cpp
       kernel/rows/elementwise_rows.cpp kernel/rows/exponential.cpp kernel/rows/fused_product.cpp kernel/rows/gates.cpp
       kernel/rows/matrix_product.cpp kernel/rows/mixed_channels.cpp kernel/rows/phase_plane.cpp kernel/rows/pixels.cpp
@@ -57,9 +66,13 @@ function(talvo_optimise target)
   # Loops of one operation for each element go in vectors at -O2 as well. -O3, and remainders in narrower vectors, would
   # write most of them out a second and a third time, for the last few elements of a row.
   set(loops
-      kernel/rows/conversion_rows.cpp kernel/rows/elementwise_rows.cpp kernel/rows/mixed_channels.cpp
-      kernel/rows/phase_plane.cpp kernel/rows/pixels.cpp kernel/rows/samples.cpp)
-  foreach(source ${small} ${plain} ${walk} ${leaves} ${loops})
+      kernel/rows/conversion_rows.cpp kernel/rows/elementwise_rows.cpp kernel/rows/fused_product.cpp
+      kernel/rows/gates.cpp kernel/rows/mixed_channels.cpp kernel/rows/pixels.cpp kernel/rows/samples.cpp
+      kernel/rows/transpose.cpp)
+  # Kernels hand on what they are asked, mostly in calls that leave no frame behind: where g++ writes the tables itself,
+  # not the assembler, it leaves such functions out.
+  set(shells entry/register_extra_operators.cpp entry/register_fused_operators.cpp entry/register_operators.cpp)
+  foreach(source ${small} ${plain} ${walk} ${leaves} ${loops} ${shells})
     if(NOT EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${source})
       message(FATAL_ERROR "talvo_optimise names ${source}, which is not there")
     endif()
@@ -71,7 +84,10 @@ function(talvo_optimise target)
   set_source_files_properties(${leaves} TARGET_DIRECTORY ${target} PROPERTIES COMPILE_OPTIONS
     "$<${optimised}:-fno-exceptions;-fno-unwind-tables;-fno-asynchronous-unwind-tables>")
   set_property(SOURCE ${loops} TARGET_DIRECTORY ${target} APPEND PROPERTY COMPILE_OPTIONS "$<${optimised}:-O2>"
-    "$<$<AND:${optimised},$<CXX_COMPILER_ID:GNU>>:-fvect-cost-model=dynamic;--param=vect-epilogues-nomask=0>")
+    "$<$<AND:${optimised},$<CXX_COMPILER_ID:GNU>>:-fvect-cost-model=dynamic;-fversion-loops-for-strides>"
+    "$<$<AND:${optimised},$<CXX_COMPILER_ID:GNU>>:--param=vect-epilogues-nomask=0>")
+  set_property(SOURCE ${shells} TARGET_DIRECTORY ${target} APPEND PROPERTY COMPILE_OPTIONS
+    "$<$<AND:${optimised},$<CXX_COMPILER_ID:GNU>>:-fno-asynchronous-unwind-tables;-fno-dwarf2-cfi-asm>")
 endfunction()
 
 # How the shared library is linked, so that it stays small and starts fast.

@@ -77,34 +77,20 @@ void ForEachChannel(Arguments const& call, Row const& row) {
 }
 
 // Groups of eight pixels saturate; what is left of a plane wraps around. The two agree as long as results fit.
-template <int kStep>
-struct FixedPointRow {
-  void operator()(unsigned char const* in, std::size_t count, float sub, float mul, std::int16_t* out) const {
-    float const scale = mul * static_cast<float>(1 << kStep);
+void ToFixed(Arguments const& call) {
+  ValidateArguments(call, kUInt8, kInt16, true);
+  int const step = call.output.shape().extra.step_size;
+  if (step < 8 || step > 12) Refuse("Not Implemented.");
+  auto const one = static_cast<float>(1 << step);
+  auto const row = [one](unsigned char const* in, std::size_t count, float sub, float mul, std::int16_t* out) {
+    float const scale = mul * one;
     std::size_t const grouped = count / 8 * 8;
     rows::NormaliseSaturated(in, grouped, sub, scale, out);
     for (std::size_t i = grouped; i < count; ++i) {
       out[i] = static_cast<std::int16_t>(rows::Saturated<std::int32_t>((static_cast<float>(in[i]) - sub) * scale));
     }
-  }
-};
-
-void ToFixed(Arguments const& call) {
-  ValidateArguments(call, kUInt8, kInt16, true);
-  switch (call.output.shape().extra.step_size) {
-    case 8:
-      return ForEachChannel<unsigned char, std::int16_t>(call, FixedPointRow<8>());
-    case 9:
-      return ForEachChannel<unsigned char, std::int16_t>(call, FixedPointRow<9>());
-    case 10:
-      return ForEachChannel<unsigned char, std::int16_t>(call, FixedPointRow<10>());
-    case 11:
-      return ForEachChannel<unsigned char, std::int16_t>(call, FixedPointRow<11>());
-    case 12:
-      return ForEachChannel<unsigned char, std::int16_t>(call, FixedPointRow<12>());
-    default:
-      Refuse("Not Implemented.");
-  }
+  };
+  ForEachChannel<unsigned char, std::int16_t>(call, row);
 }
 
 void BytesToFloats(Arguments const& call) {

@@ -91,21 +91,26 @@ void WarpNearest(char const* operation, TensorPtr const& source, TensorPtr const
   if (channels == 0 || src.plane == 0 || dst.plane == 0) return;
   auto const* const from = src.Memory(channels);
   auto* const to = dst.Memory(channels);
+  // Calls visit(byte in src, byte in dst) for each pixel that is moved, in the first plane.
   auto const walk = [&](auto const& visit) {
-    WalkNearest(forward ? src : dst, forward ? dst : src, matrix, [&](std::size_t walked, std::size_t other) {
+    std::size_t const src_bytes = src.element_bytes, dst_bytes = dst.element_bytes;
+    if (forward) {
+      WalkNearest(src, dst, matrix, [=](std::size_t s, std::size_t d) { visit(s * src_bytes, d * dst_bytes); });
+    } else {
+      WalkNearest(dst, src, matrix, [=](std::size_t d, std::size_t s) { visit(s * src_bytes, d * dst_bytes); });
+    }
+  };
+  std::size_t const src_plane = src.Offset(1, 0), dst_plane = dst.Offset(1, 0);
+  if (src.element_bytes < kMoved || dst.element_bytes < kMoved) {
+    walk([&](std::size_t s, std::size_t d) {
       for (std::size_t c = 0; c < channels; ++c) {
-        visit(src.Offset(c, forward ? walked : other), dst.Offset(c, forward ? other : walked));
+        src.ValidateMove(c * src_plane + s);
+        dst.ValidateMove(c * dst_plane + d);
       }
     });
-  };
-  if (src.element_bytes < kMoved || dst.element_bytes < kMoved) {
-    walk([&](std::size_t from_offset, std::size_t to_offset) {
-      src.ValidateMove(from_offset);
-      dst.ValidateMove(to_offset);
-    });
   }
-  walk([&](std::size_t from_offset, std::size_t to_offset) {
-    std::memmove(to + to_offset, from + from_offset, kMoved);
+  walk([=](std::size_t s, std::size_t d) {
+    for (std::size_t c = 0; c < channels; ++c) std::memmove(to + c * dst_plane + d, from + c * src_plane + s, kMoved);
   });
 }
 
@@ -122,19 +127,20 @@ class SampleRow {
   // Blends the taps of each sample in one plane.
   void Blend(float const* plane, bool keep, float* results) {
     std::size_t const count = inside_.size();
-    for (std::size_t i = 0; i < count; ++i) Take(plane, i);
-    rows::BlendPairs(upper_.data(), lower_.data(), Samples(), keep, count, results);
+    std::int32_t const *const inside = inside_.data(), *const index = index_.data();
+    float *const upper = upper_.data(), *const lower = lower_.data();
+    std::ptrdiff_t const width = plane_.width;
+    for (std::size_t i = 0; i < count; ++i) Take(plane, index[i], width, inside[i], upper + 2 * i, lower + 2 * i);
+    rows::BlendPairs(upper, lower, Samples(), keep, count, results);
   }
 
  private:
-  void Take(float const* plane, std::size_t i) {
-    std::int32_t const inside = inside_[i];
-    std::ptrdiff_t const index = index_[i];
-    float* const upper = upper_.data() + 2 * i;
-    float* const lower = lower_.data() + 2 * i;
+  // The taps of a sample, the first of which is element `index` where it lies inside.
+  static void Take(float const* plane, std::ptrdiff_t index, std::ptrdiff_t width, std::int32_t inside, float* upper,
+                   float* lower) {
     if (inside == rows::kAllFour) {
       std::memcpy(upper, plane + index, 2 * sizeof(float));
-      std::memcpy(lower, plane + index + plane_.width, 2 * sizeof(float));
+      std::memcpy(lower, plane + index + width, 2 * sizeof(float));
       return;
     }
     if (inside == 0) {
@@ -143,8 +149,8 @@ class SampleRow {
     }
     upper[0] = (inside & rows::kT00) != 0 ? plane[index] : 0.0f;
     upper[1] = (inside & rows::kT10) != 0 ? plane[index + 1] : 0.0f;
-    lower[0] = (inside & rows::kT01) != 0 ? plane[index + plane_.width] : 0.0f;
-    lower[1] = (inside & rows::kT11) != 0 ? plane[index + plane_.width + 1] : 0.0f;
+    lower[0] = (inside & rows::kT01) != 0 ? plane[index + width] : 0.0f;
+    lower[1] = (inside & rows::kT11) != 0 ? plane[index + width + 1] : 0.0f;
   }
 
   rows::PlaneExtents const plane_;

@@ -5,9 +5,9 @@
 
 #include "talvo/image/image_process_fallback.h"
 #include "talvo/image/image_support.h"
+#include "talvo/image/yuv_rows_support.h"
 #include "talvo/kernel/rows/pixels.h"
 #include "talvo/kernel/rows/saturate.h"
-#include "talvo/utility/restrict_support.h"
 
 namespace talvo::kernel {
 namespace {
@@ -122,29 +122,12 @@ struct MatrixAlgorithm {
   static Term Fixed(float value, float scale) {
     return static_cast<Term>(rows::Saturated<std::int32_t>(value * scale));
   }
-  static Term Product(unsigned int x, unsigned int y) { return static_cast<Term>(x * y); }
-
-  template <std::size_t kStep>
-  void TermRow(std::size_t plane, unsigned char const* a, unsigned char const* b, std::size_t blocks,
-               Term* TALVO_RESTRICT terms) const {
-    Term const gain_a = a_gain[plane], gain_b = b_gain[plane], offset_a = a_offset, offset_b = b_offset;
-    for (std::size_t i = 0; i < blocks; ++i) {
-      Term const from_a = Product(static_cast<Term>(a[i * kStep] - offset_a), gain_a);
-      Term const from_b = Product(static_cast<Term>(b[i * kStep] - offset_b), gain_b);
-      terms[2 * i] = terms[2 * i + 1] = static_cast<Term>(from_a + from_b);
-    }
-  }
   void Chrominance(std::size_t plane, unsigned char const* a, unsigned char const* b, std::size_t step,
                    std::size_t blocks, Term* terms) const {
-    step == 1 ? TermRow<1>(plane, a, b, blocks, terms) : TermRow<2>(plane, a, b, blocks, terms);
+    ChrominanceTerms({a, a_offset, a_gain[plane]}, {b, b_offset, b_gain[plane]}, step, blocks, terms);
   }
-  void Join(unsigned char const* TALVO_RESTRICT luminance, Term const* TALVO_RESTRICT terms, std::size_t columns,
-            unsigned char* TALVO_RESTRICT to) const {
-    Term const gain = y_gain, offset = y_offset;
-    for (std::size_t i = 0; i < columns; ++i) {
-      auto const sum = static_cast<Term>(Product(static_cast<Term>(luminance[i] - offset), gain) + terms[i]);
-      to[i] = static_cast<unsigned char>(sum >> 5);
-    }
+  void Join(unsigned char const* luminance, Term const* terms, std::size_t columns, unsigned char* to) const {
+    JoinTerms({luminance, y_offset, y_gain}, terms, columns, to);
   }
 
   Term y_gain, a_gain[3], b_gain[3], y_offset, a_offset, b_offset;

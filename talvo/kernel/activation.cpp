@@ -14,54 +14,96 @@ using runtime::ClipInfo;
 
 namespace {
 
-// A new tensor in `outputs` with map(in, count, out) of the input's elements.
-template <class Map>
-int MapInput(IKernel const& kernel, Tensors const& inputs, Tensors& outputs, ContextPtr const& context,
-             Map const& map) {
-  auto const x = support::Input(kernel, inputs, 0);
-  auto y = support::NewOutput(kernel, inputs, context);
-  map(x->Data<float>(), runtime::ElementCount(x->shape.dims), y->Data<float>());
-  outputs.clear();
-  outputs.push_back(std::move(y));
-  return 0;
-}
+// The input of an activation and the tensor that takes its results.
+struct Elements {
+  Elements(IKernel const& kernel, Tensors const& inputs, ContextPtr const& context)
+      : x(support::Input(kernel, inputs, 0)),
+        y(support::NewOutput(kernel, inputs, context)),
+        in(x->Data<float>()),
+        out(y->Data<float>()),
+        count(runtime::ElementCount(x->shape.dims)) {}
+
+  support::TensorPtr x, y;
+  float const* in;
+  float* out;
+  unsigned int count;
+};
+
+using Map = void (*)(float const*, unsigned int const&, float*);
 
 // An activation without parameters.
-template <class Form, void (*kMap)(float const*, unsigned int const&, float*)>
+template <class Form>
 struct PlainActivation : Form {
+  explicit PlainActivation(Map of) : map(of) {}
+
   int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
               ContextPtr const& context) const override {
-    return MapInput(kernel, inputs, outputs, context, kMap);
+    Elements const row(kernel, inputs, context);
+    map(row.in, row.count, row.out);
+    return support::Give(row.y, outputs);
   }
+
+  Map const map;
 };
 
 using StrictForm = support::Strict<ActivationInfo>;
 using InvertedForm = support::Inverted;
+using StrictActivation = PlainActivation<StrictForm>;
 
 }  // namespace
 
-struct ReluOperation : PlainActivation<StrictForm, functional::relu_f32> {
+struct ReluOperation {
+  using Body = StrictActivation;
   static constexpr char const* kName = "ReLU_Fallback_Float_M1";
+  static constexpr Map kForm = functional::relu_f32;
 };
 
-struct Relu6Operation : PlainActivation<InvertedForm, functional::relu6_f32> {
+struct Relu6Operation {
+  using Body = PlainActivation<InvertedForm>;
   static constexpr char const* kName = "ReLU6_Fallback_Float_M1";
+  static constexpr Map kForm = functional::relu6_f32;
 };
 
-struct SigmoidOperation : PlainActivation<StrictForm, functional::sigmoid_f32> {
+struct SigmoidOperation {
+  using Body = StrictActivation;
   static constexpr char const* kName = "Sigmoid_Fallback_Float_M1";
+  static constexpr Map kForm = functional::sigmoid_f32;
 };
 
-struct TanhOperation : PlainActivation<StrictForm, functional::tanh_f32> {
+struct TanhOperation {
+  using Body = StrictActivation;
   static constexpr char const* kName = "TanH_Fallback_Float_M1";
+  static constexpr Map kForm = functional::tanh_f32;
 };
 
-struct HSigmoidOperation : PlainActivation<StrictForm, functional::hsigmoid_f32> {
+struct HSigmoidOperation {
+  using Body = StrictActivation;
   static constexpr char const* kName = "HSigmoid_Fallback_Float_M1";
+  static constexpr Map kForm = functional::hsigmoid_f32;
 };
 
-struct HSwishOperation : PlainActivation<StrictForm, functional::hswish_f32> {
+struct HSwishOperation {
+  using Body = StrictActivation;
   static constexpr char const* kName = "HSwish_Fallback_Float_M1";
+  static constexpr Map kForm = functional::hswish_f32;
+};
+
+struct SqrtOperation {
+  using Body = StrictActivation;
+  static constexpr char const* kName = "Sqrt_Fallback_Float_M1";
+  static constexpr Map kForm = functional::sqrt_f32;
+};
+
+struct LogOperation {
+  using Body = StrictActivation;
+  static constexpr char const* kName = "Log_Fallback_Float_M1";
+  static constexpr Map kForm = functional::log_f32;
+};
+
+struct ErfOperation {
+  using Body = StrictActivation;
+  static constexpr char const* kName = "Erf_Fallback_Float_M1";
+  static constexpr Map kForm = functional::erf_f32;
 };
 
 struct LeakyOperation : InvertedForm {
@@ -77,9 +119,9 @@ struct LeakyOperation : InvertedForm {
 
   int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
               ContextPtr const& context) const override {
-    return MapInput(kernel, inputs, outputs, context, [this](float const* in, unsigned int count, float* out) {
-      functional::leaky_f32(in, count, alpha, out);
-    });
+    Elements const row(kernel, inputs, context);
+    functional::leaky_f32(row.in, row.count, alpha, row.out);
+    return support::Give(row.y, outputs);
   }
 
   float alpha = 0.1f;
@@ -98,9 +140,9 @@ struct LinearOperation : InvertedForm {
 
   int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
               ContextPtr const& context) const override {
-    return MapInput(kernel, inputs, outputs, context, [this](float const* in, unsigned int count, float* out) {
-      functional::linear_f32(in, count, scale, offset, out);
-    });
+    Elements const row(kernel, inputs, context);
+    functional::linear_f32(row.in, row.count, scale, offset, row.out);
+    return support::Give(row.y, outputs);
   }
 
   float scale = 1.0f, offset = 0.0f;
@@ -133,18 +175,6 @@ struct PReluOperation : InvertedForm {
   float slope = 0.25f;
 };
 
-struct SqrtOperation : PlainActivation<StrictForm, functional::sqrt_f32> {
-  static constexpr char const* kName = "Sqrt_Fallback_Float_M1";
-};
-
-struct LogOperation : PlainActivation<StrictForm, functional::log_f32> {
-  static constexpr char const* kName = "Log_Fallback_Float_M1";
-};
-
-struct ErfOperation : PlainActivation<StrictForm, functional::erf_f32> {
-  static constexpr char const* kName = "Erf_Fallback_Float_M1";
-};
-
 struct ClipOperation : support::Strict<ClipInfo> {
   static constexpr char const* kName = "Clip_Fallback_Float_M1";
 
@@ -157,9 +187,9 @@ struct ClipOperation : support::Strict<ClipInfo> {
 
   int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
               ContextPtr const& context) const override {
-    return MapInput(kernel, inputs, outputs, context, [this](float const* in, unsigned int count, float* out) {
-      functional::clip_f32(in, count, low, high, out);
-    });
+    Elements const row(kernel, inputs, context);
+    functional::clip_f32(row.in, row.count, low, high, row.out);
+    return support::Give(row.y, outputs);
   }
 
   float low = ClipInfo().minimum_value, high = ClipInfo().maximum_value;
@@ -202,8 +232,7 @@ struct PReluChannelOperation : StrictForm {
     for (std::size_t c = 0; c < dims[0]; ++c) {
       rows::LeakyRow(slopes->Data<float>()[c], x->Data<float>() + c * plane, plane, y->Data<float>() + c * plane);
     }
-    outputs.assign(1, y);
-    return 0;
+    return support::Give(y, outputs);
   }
 
   std::string layer_id;

@@ -4,9 +4,12 @@
 #include <cstdint>
 #include <initializer_list>
 #include <limits>
+#include <optional>
+#include <utility>
 
 #include "talvo/kernel/convolution_support.h"
 #include "talvo/kernel/kernel_of_support.h"
+#include "talvo/kernel/native/fill_support.h"
 #include "talvo/serialization/layer_info_conv.h"
 #include "talvo/utility/refuse_support.h"
 
@@ -35,18 +38,40 @@ bool AnyZero(std::initializer_list<unsigned int> values) {
   return std::find(values.begin(), values.end(), 0u) != values.end();
 }
 
-// The fields that both records of two dimensions have.
-template <class Info>
-ConvolutionFields PlaneFields(Info const& info) {
+// What the kernels take from a record, whatever its class.
+struct ConvolutionRecord {
   ConvolutionFields fields;
-  fields.kernel_x = info.kernel_x, fields.kernel_y = info.kernel_y;
-  fields.stride_x = info.stride_x, fields.stride_y = info.stride_y;
-  fields.dilation_x = info.dilation_x, fields.dilation_y = info.dilation_y;
-  fields.in_channels = info.in_channels, fields.out_channels = info.out_channels, fields.groups = info.groups;
-  fields.padding_l = info.padding_l, fields.padding_r = info.padding_r;
-  fields.padding_t = info.padding_t, fields.padding_b = info.padding_b;
-  fields.if_bias = info.if_bias;
-  return fields;
+  std::string const *id, *weight, *bias;
+};
+
+// The record of a layer, or nothing for a layer of another class.
+using ReadRecord = std::optional<ConvolutionRecord> (*)(runtime::LayerInfo const* layer);
+
+// Both records of two dimensions have these fields.
+template <class Info>
+std::optional<ConvolutionRecord> ReadPlanes(runtime::LayerInfo const* layer) {
+  auto const* const info = dynamic_cast<Info const*>(layer);
+  if (info == nullptr) return std::nullopt;
+  ConvolutionFields fields;
+  fields.kernel_x = info->kernel_x, fields.kernel_y = info->kernel_y;
+  fields.stride_x = info->stride_x, fields.stride_y = info->stride_y;
+  fields.dilation_x = info->dilation_x, fields.dilation_y = info->dilation_y;
+  fields.in_channels = info->in_channels, fields.out_channels = info->out_channels, fields.groups = info->groups;
+  fields.padding_l = info->padding_l, fields.padding_r = info->padding_r;
+  fields.padding_t = info->padding_t, fields.padding_b = info->padding_b;
+  fields.if_bias = info->if_bias;
+  return ConvolutionRecord{fields, &info->id, &info->weight, &info->bias};
+}
+
+std::optional<ConvolutionRecord> ReadRows(runtime::LayerInfo const* layer) {
+  auto const* const info = dynamic_cast<runtime::Conv1dInfo const*>(layer);
+  if (info == nullptr) return std::nullopt;
+  ConvolutionFields fields;
+  fields.kernel_x = info->kernel_size, fields.stride_x = info->stride, fields.dilation_x = info->dilation;
+  fields.in_channels = info->in_channels, fields.out_channels = info->out_channels, fields.groups = info->groups;
+  fields.padding_l = info->padding_f, fields.padding_r = info->padding_b;
+  fields.if_bias = info->if_bias;
+  return ConvolutionRecord{fields, &info->id, &info->weight, &info->bias};
 }
 
 // One axis of a convolution. Borders are negative in the transposed form alone.
@@ -98,14 +123,27 @@ ConvolutionShape ShapeOf(ConvolutionFields const& f, Dims const& input, Dims con
   return s;
 }
 
-// What the kernels have in common. An operation has besides: its record's fields, the weights' dims, the output's dims,
-// whether an axis has an output, and what computes.
-template <class Operation, class Info>
-struct Convolution : support::Strict<Info> {
+// What a kernel reads, and what computes.
+struct ConvolutionForm {
+  ReadRecord read;
+  bool transposed;
+  std::size_t rank;  // 3 for planes, 2 for rows
+  void (*compute)(ConvolutionShape const&, ConvolutionData const&, runtime::DeviceCPU&);
+  void (*pack)(ConvolutionShape const&, float const* weights, float* packed);  // for fused steps; else null
+
+  unsigned int Layout() const { return rank == 3 ? TensorShape::CHW : TensorShape::CL; }
+  unsigned int WeightLayout() const { return rank == 3 ? TensorShape::GNCHW : TensorShape::GNCL; }
+  bool Fits(Axis const& axis) const { return transposed ? TransposedFits(axis) : DirectFits(axis); }
+  unsigned int Extent(Axis const& axis) const { return transposed ? TransposedExtent(axis) : DirectExtent(axis); }
+};
+
+struct Convolution : support::Strict<runtime::LayerInfo> {
+  explicit Convolution(ConvolutionForm const& of) : form(of) {}
+
   int IsValidParam(LayerPtr const& layer, ParamPtr const& param) const override {
-    auto const info = std::dynamic_pointer_cast<Info>(layer);
-    if (param != nullptr || info == nullptr) return -1;
-    ConvolutionFields const f = Operation::Fields(*info);
+    auto const record = form.read(layer.get());
+    if (param != nullptr || !record) return -1;
+    ConvolutionFields const& f = record->fields;
     return AnyZero({f.in_channels, f.out_channels, f.kernel_x, f.kernel_y, f.stride_x, f.stride_y, f.dilation_x,
                     f.dilation_y, f.groups})
                ? -1
@@ -113,24 +151,47 @@ struct Convolution : support::Strict<Info> {
   }
 
   bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const& context) override {
-    Info const& info = support::As<Info>(Operation::kName, layer);
+    auto const record = form.read(layer.get());
+    if (!record) support::RefuseRecord(CName());
     weight = bias = nullptr;  // the memory of an earlier layer's goes back first
-    fields = Operation::Fields(info);
-    layer_id = info.id;
-    weight = support::DecodeWeights(Operation::kName, layer_id, "weight", info.weight, Operation::WeightDims(fields),
-                                    Operation::kWeightLayout, context);
-    weight = Operation::Keep(fields, weight, context);
+    fields = record->fields;
+    layer_id = *record->id;
+    weight = support::DecodeWeights(CName(), layer_id, "weight", *record->weight, WeightDims(), form.WeightLayout(),
+                                    context);
+    if (form.pack != nullptr) weight = Packed(*context->device_cpu);
     if (fields.if_bias) {
-      bias = support::DecodeWeights(Operation::kName, layer_id, "bias", info.bias,
-                                    {fields.groups, fields.OutPerGroup()}, TensorShape::GN, context);
+      bias = support::DecodeWeights(CName(), layer_id, "bias", *record->bias, {fields.groups, fields.OutPerGroup()},
+                                    TensorShape::GN, context);
     }
     return true;
   }
 
+  Dims WeightDims() const {
+    Dims dims = {fields.groups, fields.OutPerGroup(), fields.InPerGroup(), fields.kernel_y, fields.kernel_x};
+    if (form.transposed) std::swap(dims[1], dims[2]);
+    if (form.rank == 2) dims.erase(dims.end() - 2);
+    return dims;
+  }
+
+  // The weights packed for fused steps; those that were decoded are dropped.
+  support::TensorPtr Packed(runtime::DeviceCPU& device) const {
+    ConvolutionShape shape{};
+    shape.groups = fields.groups, shape.in_per_group = fields.InPerGroup(), shape.out_per_group = fields.OutPerGroup();
+    shape.kernel_y = fields.kernel_y, shape.kernel_x = fields.kernel_x;
+    TensorShape const kept({static_cast<unsigned int>(FusedConvolutionFloats(shape))}, TensorShape::FLOAT32,
+                           TensorShape::FLEXIABLE, TensorShape::MainMemory, {});
+    auto packed = device.CreateTensor(kept, nullptr);
+    form.pack(shape, weight->Data<float>(), packed->Data<float>());
+    return packed;
+  }
+
   Shapes GetOutputShapes(Shapes const& input_shapes) const override {
-    TensorShape const& input = support::ShapeAt(Operation::kName, input_shapes, 0, Operation::kRank);
-    return {TensorShape(Operation::OutputDims(fields, input.dims), input.data_type, input.layout, input.location,
-                        TensorShape::Extra())};
+    TensorShape const& input = support::ShapeAt(CName(), input_shapes, 0, form.rank);
+    Dims dims = input.dims;
+    dims[0] = fields.out_channels;
+    if (form.rank == 3) dims[1] = form.Extent(AxisY(fields, dims[1]));
+    dims.back() = form.Extent(AxisX(fields, dims.back()));
+    return support::OneShape(std::move(dims), input.data_type, input.layout, input.location);
   }
 
   int IsValidInput(Tensors const& inputs) const override { return Judge(inputs, fields.in_channels); }
@@ -139,39 +200,31 @@ struct Convolution : support::Strict<Info> {
   int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
               ContextPtr const& context) const override {
     support::NeedsConfig(kernel);
-    auto const input = support::Input(Self(), inputs, 0, Operation::kRank);
+    auto const input = support::Input(Self(), inputs, 0, form.rank);
     CheckFit(*input);
     auto const output = support::NewOutput(kernel, inputs, context);
     FillWithoutWork(*output);
     if (fields.InPerGroup() > 0 && fields.OutPerGroup() > 0 && support::Count(*output) > 0) {
-      Operation::kCompute(
-          ShapeOf(fields, input->shape.dims, output->shape.dims),
-          {input->template Data<float>(), weight->template Data<float>(), Bias(), output->template Data<float>()},
-          *context->device_cpu);
+      form.compute(ShapeOf(fields, input->shape.dims, output->shape.dims),
+                   {input->Data<float>(), weight->Data<float>(), Bias(), output->Data<float>()}, *context->device_cpu);
     }
-    outputs.assign(1, output);
-    return 0;
+    return support::Give(output, outputs);
   }
 
-  // What a kernel keeps of its decoded weights.
-  static support::TensorPtr Keep(ConvolutionFields const&, support::TensorPtr const& decoded, ContextPtr const&) {
-    return decoded;
-  }
-
-  support::Who Self() const { return {Operation::kName, layer_id}; }
+  support::Who Self() const { return {CName(), layer_id}; }
   float const* Bias() const { return bias == nullptr ? nullptr : bias->Data<float>(); }
 
-  static int Judge(Tensors const& tensors, unsigned int channels) {
-    return support::Judge(tensors, 1, [channels](runtime::Tensor const& tensor) {
-      return support::IsInMainMemory(tensor, TensorShape::FLOAT32, Operation::kLayout) && !tensor.shape.dims.empty() &&
+  int Judge(Tensors const& tensors, unsigned int channels) const {
+    return support::Judge(tensors, 1, [layout = form.Layout(), channels](runtime::Tensor const& tensor) {
+      return support::IsInMainMemory(tensor, TensorShape::FLOAT32, layout) && !tensor.shape.dims.empty() &&
              tensor.shape.dims[0] == channels;
     });
   }
 
   // Refuses what the loops would read beyond its end, and what they cannot make a result of.
   void CheckFit(TensorCPU const& input) const {
-    if (Operation::kPads) {
-      support::Needs const needs = {sizeof(float), Operation::kRank, 0, TensorShape::FLOAT32, Operation::kLayout};
+    if (!form.transposed) {  // a padded copy is made of floats of this layout in main memory alone
+      support::Needs const needs = {sizeof(float), form.rank, 0, TensorShape::FLOAT32, form.Layout()};
       support::CheckTensor(Self(), "input 0", &input, needs);
     }
     Dims const& dims = input.shape.dims;
@@ -180,7 +233,7 @@ struct Convolution : support::Strict<Info> {
       Refuse("%s: input 0 has dims %s, needs %u channels", Self().Text().c_str(), DimsText(dims).c_str(), read);
     }
     for (Axis const& axis : {AxisY(fields, Height(dims)), AxisX(fields, Width(dims))}) {
-      if (Operation::Fits(axis)) continue;
+      if (form.Fits(axis)) continue;
       Refuse("%s: an extent of %u with borders of %d and %d, kernel %u, stride %u, dilation %u has no output",
              Self().Text().c_str(), axis.extent, axis.before, axis.after, axis.kernel, axis.stride, axis.dilation);
     }
@@ -194,108 +247,49 @@ struct Convolution : support::Strict<Info> {
     std::size_t const plane = std::size_t{Height(output.shape.dims)} * Width(output.shape.dims);
     unsigned int const first = fields.InPerGroup() == 0 ? 0 : fields.groups * fields.OutPerGroup();
     for (unsigned int c = first; c < fields.out_channels; ++c) {
-      std::fill_n(output.Data<float>() + c * plane, plane, bias == nullptr ? 0.0f : Bias()[c]);
+      native::FillFloats(bias == nullptr ? 0.0f : Bias()[c], plane, output.Data<float>() + c * plane);
     }
   }
 
+  ConvolutionForm const form;
   ConvolutionFields fields;
   std::string layer_id;
   support::TensorPtr weight, bias;
 };
 
-// The direct form of two dimensions.
-template <class Operation>
-struct DirectPlanes : Convolution<Operation, runtime::Conv2dInfo> {
-  static constexpr unsigned int kLayout = TensorShape::CHW, kWeightLayout = TensorShape::GNCHW, kRank = 3;
-  static constexpr bool kPads = true;  // a padded copy is made of floats of this layout in main memory alone
-  static constexpr auto Fields = PlaneFields<runtime::Conv2dInfo>;
-  static constexpr auto Fits = DirectFits;
-
-  static Dims WeightDims(ConvolutionFields const& f) {
-    return {f.groups, f.OutPerGroup(), f.InPerGroup(), f.kernel_y, f.kernel_x};
-  }
-  static Dims OutputDims(ConvolutionFields const& f, Dims const& dims) {
-    return {f.out_channels, DirectExtent(AxisY(f, dims[1])), DirectExtent(AxisX(f, dims[2]))};
-  }
-};
-
-// Of one dimension.
-template <class Operation>
-struct DirectRows : Convolution<Operation, runtime::Conv1dInfo> {
-  static constexpr unsigned int kLayout = TensorShape::CL, kWeightLayout = TensorShape::GNCL, kRank = 2;
-  static constexpr bool kPads = true;
-  static constexpr auto Fits = DirectFits;
-
-  static ConvolutionFields Fields(runtime::Conv1dInfo const& info) {
-    ConvolutionFields fields;
-    fields.kernel_x = info.kernel_size, fields.stride_x = info.stride, fields.dilation_x = info.dilation;
-    fields.in_channels = info.in_channels, fields.out_channels = info.out_channels, fields.groups = info.groups;
-    fields.padding_l = info.padding_f, fields.padding_r = info.padding_b;
-    fields.if_bias = info.if_bias;
-    return fields;
-  }
-  static Dims WeightDims(ConvolutionFields const& f) { return {f.groups, f.OutPerGroup(), f.InPerGroup(), f.kernel_x}; }
-  static Dims OutputDims(ConvolutionFields const& f, Dims const& dims) {
-    return {f.out_channels, DirectExtent(AxisX(f, dims[1]))};
-  }
-};
-
-template <class Operation>
-struct TransposedPlanes : Convolution<Operation, runtime::ConvTranspose2dInfo> {
-  static constexpr unsigned int kLayout = TensorShape::CHW, kWeightLayout = TensorShape::GNCHW, kRank = 3;
-  static constexpr bool kPads = false;  // the input is read as it lies
-  static constexpr auto Fields = PlaneFields<runtime::ConvTranspose2dInfo>;
-  static constexpr auto Fits = TransposedFits;
-
-  static Dims WeightDims(ConvolutionFields const& f) {
-    return {f.groups, f.InPerGroup(), f.OutPerGroup(), f.kernel_y, f.kernel_x};
-  }
-  static Dims OutputDims(ConvolutionFields const& f, Dims const& dims) {
-    return {f.out_channels, TransposedExtent(AxisY(f, dims[1])), TransposedExtent(AxisX(f, dims[2]))};
-  }
-};
-
-// Keeps the weights packed for fused steps, and drops those that were decoded.
-template <auto kPack>
-support::TensorPtr Packed(ConvolutionFields const& f, support::TensorPtr const& weight, ContextPtr const& context) {
-  ConvolutionShape shape{};
-  shape.groups = f.groups, shape.in_per_group = f.InPerGroup(), shape.out_per_group = f.OutPerGroup();
-  shape.kernel_y = f.kernel_y, shape.kernel_x = f.kernel_x;
-  TensorShape const kept({static_cast<unsigned int>(FusedConvolutionFloats(shape))}, TensorShape::FLOAT32,
-                         TensorShape::FLEXIABLE, TensorShape::MainMemory, {});
-  auto const packed = context->device_cpu->CreateTensor(kept, nullptr);
-  kPack(shape, weight->Data<float>(), packed->template Data<float>());
-  return packed;
-}
-
 }  // namespace
 
-struct Conv2dOperation : DirectPlanes<Conv2dOperation> {
+struct Conv2dOperation {
+  using Body = Convolution;
   static constexpr char const* kName = "Conv2D_Knxm_Snxm_Dnxm_Gn_Fallback_CHW_Float_M1";
-  static constexpr auto kCompute = ConvolveDirect;
+  static constexpr ConvolutionForm kForm = {ReadPlanes<runtime::Conv2dInfo>, false, 3, ConvolveDirect, nullptr};
 };
-struct Conv1dOperation : DirectRows<Conv1dOperation> {
+struct Conv1dOperation {
+  using Body = Convolution;
   static constexpr char const* kName = "Conv1D_Kn_Sn_Dn_Gn_Fallback_CL_Float_M1";
-  static constexpr auto kCompute = ConvolveDirect;
+  static constexpr ConvolutionForm kForm = {ReadRows, false, 2, ConvolveDirect, nullptr};
 };
-struct ConvTranspose2dOperation : TransposedPlanes<ConvTranspose2dOperation> {
+struct ConvTranspose2dOperation {
+  using Body = Convolution;
   static constexpr char const* kName = "ConvTranspose2D_Knxm_Snxm_Dnxm_Gn_Fallback_CHW_Float_M1";
-  static constexpr auto kCompute = ConvolveTransposed;
+  static constexpr ConvolutionForm kForm = {ReadPlanes<runtime::ConvTranspose2dInfo>, true, 3, ConvolveTransposed,
+                                            nullptr};
 };
-struct FusedConv2dOperation : DirectPlanes<FusedConv2dOperation> {
+struct FusedConv2dOperation {
+  using Body = Convolution;
   static constexpr char const* kName = "Conv2D_Knxm_Snxm_Dnxm_Gn_Fused_CHW_Float_M1";
-  static constexpr auto kCompute = ConvolveFused;
-  static constexpr auto Keep = Packed<PackFusedDirect>;
+  static constexpr ConvolutionForm kForm = {ReadPlanes<runtime::Conv2dInfo>, false, 3, ConvolveFused, PackFusedDirect};
 };
-struct FusedConv1dOperation : DirectRows<FusedConv1dOperation> {
+struct FusedConv1dOperation {
+  using Body = Convolution;
   static constexpr char const* kName = "Conv1D_Kn_Sn_Dn_Gn_Fused_CL_Float_M1";
-  static constexpr auto kCompute = ConvolveFused;
-  static constexpr auto Keep = Packed<PackFusedDirect>;
+  static constexpr ConvolutionForm kForm = {ReadRows, false, 2, ConvolveFused, PackFusedDirect};
 };
-struct FusedConvTranspose2dOperation : TransposedPlanes<FusedConvTranspose2dOperation> {
+struct FusedConvTranspose2dOperation {
+  using Body = Convolution;
   static constexpr char const* kName = "ConvTranspose2D_Knxm_Snxm_Dnxm_Gn_Fused_CHW_Float_M1";
-  static constexpr auto kCompute = ConvolveTransposedFused;
-  static constexpr auto Keep = Packed<PackFusedTransposed>;
+  static constexpr ConvolutionForm kForm = {ReadPlanes<runtime::ConvTranspose2dInfo>, true, 3, ConvolveTransposedFused,
+                                            PackFusedTransposed};
 };
 
 template OperationPtr MakeOperation<Conv2dOperation>();

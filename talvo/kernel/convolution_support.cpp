@@ -4,6 +4,8 @@
 #include <iterator>
 #include <limits>
 
+#include "talvo/kernel/kernel_support.h"
+#include "talvo/kernel/native/fill_support.h"
 #include "talvo/kernel/rows/transpose.h"
 #include "talvo/runtime/tensor_cpu.h"
 
@@ -37,7 +39,7 @@ bool GroupsPay(ConvolutionShape const& shape, double in_plane, std::size_t vecto
 }
 
 void PackLanes(float const* from, std::size_t lane_stride, std::size_t count, LaneBlock const& block, float* packed) {
-  if (block.used < block.lanes) std::fill_n(packed, count * block.lanes, 0.0f);
+  if (block.used < block.lanes) native::FillFloats(0.0f, count * block.lanes, packed);
   rows::TransposeRows(from, lane_stride, block.used, count, packed, block.lanes);
 }
 
@@ -59,10 +61,8 @@ double MostScratch(ConvolutionShape const& shape) {
 }
 
 ConvolutionScratch::ConvolutionScratch(runtime::DeviceCPU& device, std::size_t floats) {
-  using runtime::TensorShape;
-  auto const count = static_cast<unsigned int>(floats + kAlignmentFloats);
-  TensorShape const shape({count}, TensorShape::FLOAT32, TensorShape::C, TensorShape::MainMemory, {});
-  tensor_ = device.CreateTensor(shape, nullptr);
+  std::size_t const count = floats + kAlignmentFloats;
+  tensor_ = support::NewScratch(device, count);
   void* first = tensor_->data;
   std::size_t room = count * sizeof(float);
   first_ = static_cast<float*>(std::align(kAlignmentFloats * sizeof(float), floats * sizeof(float), first, room));

@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "talvo/kernel/convolution_support.h"
+#include "talvo/kernel/native/fill_support.h"
 #include "talvo/kernel/rows/convolution_tile.h"
 #include "talvo/kernel/rows/matrix_product.h"
 #include "talvo/kernel/rows/phase_plane.h"
@@ -109,7 +110,7 @@ void ConvolveByChannels(ConvolutionShape const& shape, ConvolutionData const& da
   ConvolutionScratch const scratch(device, (kStrip + sum) * lanes + laid);
   float* const packed = scratch.Data() + kStrip * lanes;
   float* const planes = packed + sum * lanes;
-  std::fill_n(planes, laid, 0.0f);
+  native::FillFloats(0.0f, laid, planes);
   float starts[kMaxBlock];
   for (std::size_t g = 0; g < shape.groups; ++g) {
     float const* const input = data.input + g * ipg * shape.InPlane();
@@ -137,7 +138,7 @@ void ConvolveByGroups(ConvolutionShape const& shape, ConvolutionData const& data
   float* const packed = scratch.Data() + kStrip * lanes;
   float* const mixed = packed + sum * lanes;
   float* const planes = mixed + group * lanes;
-  std::fill_n(planes, laid, 0.0f);
+  native::FillFloats(0.0f, laid, planes);
   Source const source = {planes, lanes, plane.RowPitch(), plane.Count()};
   float starts[kMaxBlock];
   for (std::size_t g = 0; g < shape.groups;) {
@@ -234,7 +235,7 @@ void ConvolveByColumns(ConvolutionShape const& shape, ConvolutionData const& dat
   bool const as_it_lies = !HasBorder(shape) && shape.stride_x == 1;
   std::size_t const laid = as_it_lies ? 0 : ipg * plane.Count();
   ConvolutionScratch const scratch(device, laid);
-  std::fill_n(scratch.Data(), laid, 0.0f);
+  native::FillFloats(0.0f, laid, scratch.Data());
   std::vector<std::size_t> columns(shape.kernel_x);
   for (std::size_t kx = 0; kx < shape.kernel_x; ++kx) columns[kx] = plane.Place(kx * shape.dilation_x);
   rows::PlaneRun run = RunOver(shape, plane, scratch.Data(), columns);

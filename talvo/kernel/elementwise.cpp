@@ -210,8 +210,7 @@ struct ElementwiseOperation : support::Strict<runtime::ElementWiseOperatorInfo> 
     }
     auto const y = support::NewOutput(kernel, inputs, context);
     rows::CombineRow(OperationOf(name), {a->Data<float>(), false}, {b->Data<float>(), false}, count, y->Data<float>());
-    outputs.assign(1, y);
-    return 0;
+    return support::Give(y, outputs);
   }
 
   std::string layer_id, name;
@@ -244,7 +243,7 @@ struct BroadcastOperation : support::Strict<runtime::BroadcastOperatorInfo> {
     Dims dims = Extended(first.dims, rank);
     Dims const other = Extended(second.dims, rank);
     for (std::size_t i = 0; i < rank; ++i) dims[i] = std::max(dims[i], other[i]);
-    return {TensorShape(dims, first.data_type, first.layout, first.location, TensorShape::Extra())};
+    return support::OneShape(dims, first.data_type, first.layout, first.location);
   }
 
   int IsValidInput(Tensors const& inputs) const override {
@@ -274,8 +273,7 @@ struct BroadcastOperation : support::Strict<runtime::BroadcastOperatorInfo> {
       Broadcast(static_cast<rows::Operation>(layer->op_type), axes)
           .Run(a->Data<float>(), b->Data<float>(), y->Data<float>());
     }
-    outputs.assign(1, y);
-    return 0;
+    return support::Give(y, outputs);
   }
 
   mutable std::shared_ptr<runtime::BroadcastOperatorInfo> layer;
@@ -318,7 +316,7 @@ struct ReductionOperation : support::Strict<runtime::TensorArithmeticInfo> {
     dims.erase(std::remove(dims.begin(), dims.end(), kRemoved), dims.end());
     if (dims.empty()) dims.push_back(1);
     unsigned int const layout = LayoutOfRank(dims.size());
-    return {TensorShape(std::move(dims), shape.data_type, layout, shape.location, TensorShape::Extra())};
+    return support::OneShape(std::move(dims), shape.data_type, layout, shape.location);
   }
 
   int IsValidInput(Tensors const& inputs) const override { return support::Judge(inputs, 1, IsFloatOrInt16); }
@@ -345,8 +343,7 @@ struct ReductionOperation : support::Strict<runtime::TensorArithmeticInfo> {
     auto const reduce = name == "Mean" ? functional::Function_TensorTensorArithmetic_Mean_Fallback_Float_M1
                                        : functional::Function_TensorTensorArithmetic_Sum_Fallback_Float_M1;
     reduce(x->Data<float>(), y->Data<float>(), dims, axes);
-    outputs.assign(1, y);
-    return 0;
+    return support::Give(y, outputs);
   }
 
   int IsValidOutput(Tensors const& outputs) const override { return IsValidInput(outputs); }

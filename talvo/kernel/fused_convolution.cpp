@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "talvo/kernel/convolution_support.h"
+#include "talvo/kernel/native/fill_support.h"
 #include "talvo/kernel/rows/fused_product.h"
 #include "talvo/kernel/rows/matrix_product.h"
 #include "talvo/kernel/rows/phase_plane.h"
@@ -500,7 +501,7 @@ void Convolve(ConvolutionShape const& s, Plan const& plan, ConvolutionData const
   if (laid + work > MostScratch(s)) return AllPlainly(s, plan, data, starts);
   auto const held = static_cast<std::size_t>(laid);
   ConvolutionScratch const scratch(device, held + static_cast<std::size_t>(work));
-  std::fill_n(scratch.Data(), held, 0.0f);
+  native::FillFloats(0.0f, held, scratch.Data());
   for (std::size_t g = 0; g < s.groups; ++g) {
     RunGroup(GroupAt(s, plan, data, starts, g), way, lays ? scratch.Data() : nullptr, scratch.Data() + held);
   }
@@ -527,7 +528,7 @@ void PackFusedDirect(ConvolutionShape const& s, float const* weights, float* pac
 
 void PackFusedTransposed(ConvolutionShape const& s, float const* weights, float* packed) {
   std::size_t const group = s.out_per_group * SumOf(s), taps = s.Taps(), opg = s.out_per_group;
-  std::fill_n(packed + s.groups * group, rows::kMaxLanes, 0.0f);
+  native::FillFloats(0.0f, rows::kMaxLanes, packed + s.groups * group);
   if (!IsPacked(s)) std::copy_n(weights, s.groups * group, packed);
   for (std::size_t g = 0; IsPacked(s) && g < s.groups; ++g) {
     for (std::size_t o = 0; o < opg; o += kFusedBlock) {

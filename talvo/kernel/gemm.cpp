@@ -19,136 +19,118 @@ using runtime::TensorCPU;
 
 namespace {
 
-int JudgeVector(Tensors const& tensors, unsigned int features) {
-  return support::Judge(tensors, 1, [features](runtime::Tensor const& tensor) {
-    return support::IsInMainMemory(tensor, TensorShape::FLOAT32, TensorShape::C) && !tensor.shape.dims.empty() &&
-           tensor.shape.dims[0] == features;
-  });
-}
+// What a full connection of vectors or of rows computes.
+struct ConnectionForm {
+  bool packs;  // the weights, for fused steps
+  bool rows;   // the input has two axes, [count, in_features], otherwise one
+  void (*run)(float const* x, std::size_t count, std::size_t inputs, std::size_t outputs, float const* weight,
+              float const* bias, float* y);
+};
 
-// What the full connections have in common. An operation may keep its weights in another order.
-template <class Operation>
 struct FullConnection : support::Strict<runtime::FullConnectionInfo> {
+  explicit FullConnection(ConnectionForm const& of) : form(of) {}
+
   int IsValidParam(LayerPtr const& layer, ParamPtr const& param) const override {
-    auto const info = std::dynamic_pointer_cast<runtime::FullConnectionInfo>(layer);
+    auto const* const info = dynamic_cast<runtime::FullConnectionInfo const*>(layer.get());
     return param == nullptr && info != nullptr && info->in_features != 0 && info->out_features != 0 ? 0 : -1;
   }
 
   bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const& context) override {
-    auto const& info = support::As<runtime::FullConnectionInfo>(Operation::kName, layer);
+    auto const& info = support::As<runtime::FullConnectionInfo>(CName(), layer);
     layer_id = info.id;
     in_features = info.in_features, out_features = info.out_features;
-    weight = support::DecodeWeights(Operation::kName, layer_id, "weight", info.weight, {out_features, in_features},
+    weight = support::DecodeWeights(CName(), layer_id, "weight", info.weight, {out_features, in_features},
                                     TensorShape::FLEXIABLE, context);
-    weight = Operation::Keep(weight, context);
+    if (form.packs) weight = Packed(*context->device_cpu);
     bias = nullptr;
     if (info.if_bias) {
-      bias = support::DecodeWeights(Operation::kName, layer_id, "bias", info.bias, {out_features},
-                                    TensorShape::FLEXIABLE, context);
+      bias =
+          support::DecodeWeights(CName(), layer_id, "bias", info.bias, {out_features}, TensorShape::FLEXIABLE, context);
     }
     return true;
   }
 
-  Shapes GetOutputShapes(Shapes const& input_shapes) const override {
-    TensorShape const& input = support::ShapeAt(Operation::kName, input_shapes, 0);
-    return {TensorShape({out_features}, input.data_type, TensorShape::C, input.location, TensorShape::Extra())};
+  support::TensorPtr Packed(runtime::DeviceCPU& device) const {
+    auto packed =
+        device.CreateF32CMainMemory(static_cast<unsigned int>(rows::FusedFloats(out_features, in_features)), nullptr);
+    rows::PackFused(weight->Data<float>(), out_features, in_features, packed->Data<float>());
+    return packed;
   }
 
-  int IsValidInput(Tensors const& inputs) const override { return JudgeVector(inputs, in_features); }
-  int IsValidOutput(Tensors const& outputs) const override { return JudgeVector(outputs, out_features); }
+  Shapes GetOutputShapes(Shapes const& input_shapes) const override {
+    if (form.rows) {
+      TensorShape const& input = support::ShapeAt(Self(), input_shapes, 0, 2);
+      return support::OneShape({input.dims[0], out_features}, input.data_type, TensorShape::SC, input.location);
+    }
+    TensorShape const& input = support::ShapeAt(CName(), input_shapes, 0);
+    return support::OneShape({out_features}, input.data_type, TensorShape::C, input.location);
+  }
 
-  // What a kernel keeps of its decoded weights.
-  static support::TensorPtr Keep(support::TensorPtr const& decoded, ContextPtr const&) { return decoded; }
+  int Judge(Tensors const& tensors, unsigned int features) const {
+    return support::Judge(tensors, 1, [rows = form.rows, features](runtime::Tensor const& tensor) {
+      auto const& dims = tensor.shape.dims;
+      if (!support::IsInMainMemory(tensor, TensorShape::FLOAT32, rows ? TensorShape::SC : TensorShape::C)) return false;
+      return rows ? dims.size() == 2 && dims[1] == features : !dims.empty() && dims[0] == features;
+    });
+  }
+  int IsValidInput(Tensors const& inputs) const override { return Judge(inputs, in_features); }
+  int IsValidOutput(Tensors const& outputs) const override { return Judge(outputs, out_features); }
 
+  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
+              ContextPtr const& context) const override {
+    support::NeedsConfig(kernel);
+    std::size_t const rank = form.rows ? 2 : support::kAnyRank;
+    auto const x = support::Input(Self(), inputs, 0, rank);
+    std::size_t const count = form.rows ? x->shape.dims[0] : 1;
+    support::CheckTensor(Self(), "input 0", x.get(), {sizeof(float), rank, count * in_features});
+    auto const y = support::NewOutput(kernel, inputs, context);
+    form.run(x->Data<float>(), count, in_features, out_features, weight->Data<float>(),
+             bias == nullptr ? nullptr : bias->Data<float>(), y->Data<float>());
+    return support::Give(y, outputs);
+  }
+
+  support::Who Self() const { return {CName(), layer_id}; }
+
+  ConnectionForm const form;
   std::string layer_id;
   unsigned int in_features = 0, out_features = 0;
   support::TensorPtr weight, bias;  // [out_features, in_features]; [out_features], null without bias
 };
 
-// A full connection of one vector. An operation has besides that the free form that computes.
-template <class Operation>
-struct VectorConnection : FullConnection<Operation> {
-  using Base = FullConnection<Operation>;
-  using Base::bias, Base::in_features, Base::layer_id, Base::out_features, Base::weight;
+void ConnectPlainly(float const* x, std::size_t, std::size_t inputs, std::size_t outputs, float const* weight,
+                    float const* bias, float* y) {
+  functional::fullconnection_fallback_c_f32_m1(x, static_cast<unsigned int>(inputs), static_cast<unsigned int>(outputs),
+                                               weight, bias, y);
+}
 
-  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
-              ContextPtr const& context) const override {
-    support::NeedsConfig(kernel);
-    support::Who const self(Operation::kName, layer_id);
-    auto const x = support::Input(self, inputs, 0);
-    support::CheckTensor(self, "input 0", x.get(), {sizeof(float), support::kAnyRank, in_features});
-    auto const y = support::NewOutput(kernel, inputs, context);
-    Operation::kRun(x->Data<float>(), in_features, out_features, weight->template Data<float>(),
-                    bias == nullptr ? nullptr : bias->template Data<float>(), y->Data<float>());
-    outputs.assign(1, y);
-    return 0;
-  }
-};
+void ConnectFused(float const* x, std::size_t, std::size_t inputs, std::size_t outputs, float const* packed,
+                  float const* bias, float* y) {
+  rows::FusedProduct({packed, x, bias, 1, outputs, inputs, y, outputs, false});
+}
 
-}  // namespace
-
-struct FallbackFullConnectionOperation : VectorConnection<FallbackFullConnectionOperation> {
-  static constexpr char const* kName = "FullConnection_Fallback_C_Float_M1";
-  static constexpr auto kRun = functional::fullconnection_fallback_c_f32_m1;
-};
-
-namespace {
-
-// weight [outputs, inputs] packed.
-support::TensorPtr Packed(support::TensorPtr const& weight, ContextPtr const& context) {
-  std::size_t const outputs = weight->shape.dims[0], inputs = weight->shape.dims[1];
-  auto packed =
-      context->device_cpu->CreateF32CMainMemory(static_cast<unsigned int>(rows::FusedFloats(outputs, inputs)), nullptr);
-  rows::PackFused(weight->Data<float>(), outputs, inputs, packed->Data<float>());
-  return packed;
+void ConnectRows(float const* x, std::size_t count, std::size_t inputs, std::size_t outputs, float const* packed,
+                 float const* bias, float* y) {
+  rows::PackedProduct({packed, x, bias, count, outputs, inputs, y, outputs, false});
 }
 
 }  // namespace
 
-struct FusedFullConnectionOperation : VectorConnection<FusedFullConnectionOperation> {
-  static constexpr char const* kName = "FullConnection_Fused_C_Float_M1";
-
-  static constexpr auto Keep = Packed;
-  static void Multiply(float const* x, std::size_t inputs, std::size_t outputs, float const* packed, float const* bias,
-                       float* y) {
-    rows::FusedProduct({packed, x, bias, 1, outputs, inputs, y, outputs, false});
-  }
-  static constexpr auto kRun = Multiply;
+struct FallbackFullConnectionOperation {
+  using Body = FullConnection;
+  static constexpr char const* kName = "FullConnection_Fallback_C_Float_M1";
+  static constexpr ConnectionForm kForm = {false, false, ConnectPlainly};
 };
 
-struct RowsFullConnectionOperation : FullConnection<RowsFullConnectionOperation> {
+struct FusedFullConnectionOperation {
+  using Body = FullConnection;
+  static constexpr char const* kName = "FullConnection_Fused_C_Float_M1";
+  static constexpr ConnectionForm kForm = {true, false, ConnectFused};
+};
+
+struct RowsFullConnectionOperation {
+  using Body = FullConnection;
   static constexpr char const* kName = "FullConnection_Fallback_SC_Float_M1";
-
-  static constexpr auto Keep = Packed;
-
-  static int JudgeRows(Tensors const& tensors, unsigned int features) {
-    return support::Judge(tensors, 1, [features](runtime::Tensor const& tensor) {
-      return support::IsInMainMemory(tensor, TensorShape::FLOAT32, TensorShape::SC) && tensor.shape.dims.size() == 2 &&
-             tensor.shape.dims[1] == features;
-    });
-  }
-  int IsValidInput(Tensors const& inputs) const override { return JudgeRows(inputs, in_features); }
-  int IsValidOutput(Tensors const& outputs) const override { return JudgeRows(outputs, out_features); }
-
-  Shapes GetOutputShapes(Shapes const& input_shapes) const override {
-    TensorShape const& input = support::ShapeAt({kName, layer_id}, input_shapes, 0, 2);
-    return {TensorShape({input.dims[0], out_features}, input.data_type, TensorShape::SC, input.location,
-                        TensorShape::Extra())};
-  }
-
-  int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
-              ContextPtr const& context) const override {
-    support::NeedsConfig(kernel);
-    support::Who const self(kName, layer_id);
-    auto const x = support::Input(self, inputs, 0, 2);
-    std::size_t const count = x->shape.dims[0];
-    support::CheckTensor(self, "input 0", x.get(), {sizeof(float), 2, count * in_features});
-    auto const y = support::NewOutput(kernel, inputs, context);
-    rows::PackedProduct({weight->Data<float>(), x->Data<float>(), bias == nullptr ? nullptr : bias->Data<float>(),
-                         count, out_features, in_features, y->Data<float>(), out_features, false});
-    outputs.assign(1, y);
-    return 0;
-  }
+  static constexpr ConnectionForm kForm = {true, true, ConnectRows};
 };
 
 namespace {
@@ -223,8 +205,7 @@ struct MatMulOperation : support::Strict<runtime::GemmInfo> {
     auto const a = support::Input(self, inputs, 0), b = support::Input(self, inputs, 1);
     auto const y = support::NewOutput(kernel, inputs, context);
     if (support::Count(*y) != 0) Run(*a, *b, *y, *context->device_cpu);
-    outputs.assign(1, y);
-    return 0;
+    return support::Give(y, outputs);
   }
 
   // B is packed, A turned where it has to be, one matrix at a time.
@@ -264,9 +245,20 @@ template OperationPtr MakeOperation<RowsFullConnectionOperation>();
 template OperationPtr MakeOperation<MatMulOperation>();
 
 #if TALVO_WITH_BLAS
-struct SgemmFullConnectionOperation : VectorConnection<SgemmFullConnectionOperation> {
+namespace {
+
+void ConnectByBlas(float const* x, std::size_t, std::size_t inputs, std::size_t outputs, float const* weight,
+                   float const* bias, float* y) {
+  functional::fullconnection_sgemm_c_f32_m1(x, static_cast<unsigned int>(inputs), static_cast<unsigned int>(outputs),
+                                            weight, bias, y);
+}
+
+}  // namespace
+
+struct SgemmFullConnectionOperation {
+  using Body = FullConnection;
   static constexpr char const* kName = "FullConnection_SGEMM_C_Float_M1";
-  static constexpr auto kRun = functional::fullconnection_sgemm_c_f32_m1;
+  static constexpr ConnectionForm kForm = {false, false, ConnectByBlas};
 };
 
 template OperationPtr MakeOperation<SgemmFullConnectionOperation>();

@@ -44,6 +44,7 @@ class PlainOperation {
   virtual int IsValidOutput(std::vector<std::shared_ptr<runtime::Tensor>> const& outputs) const;
 
   TALVO_API std::string Name() const;
+  char const* CName() const { return name_; }
   void SetName(char const* name) { name_ = name; }
   bool IsConfigured() const { return configured_; }
 

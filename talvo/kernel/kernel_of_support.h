@@ -11,9 +11,19 @@
 //   };
 //   template OperationPtr MakeOperation<ReluOperation>();
 //
+// Operations that differ in data alone share a body, which is an operation made of its form:
+//
+//   struct UpsampleInt16Operation {
+//     using Body = Upsample;
+//     static constexpr PlaneForm kForm = {TensorShape::INT16};
+//     static constexpr char const* kName = "Upsampling2D_Fallback_CHW_Int16_M1";
+//   };
+//
 // Fields hold what Config took. The operation lives as long as its kernel, through every Config: recurrent state stays,
 // and all else is set anew.
 #pragma once
+
+#include <type_traits>
 
 #include "talvo/kernel/kernel_of.h"
 #include "talvo/kernel/kernel_support.h"
@@ -55,9 +65,15 @@ struct Inverted : PlainOperation {
 
 template <class Operation>
 OperationPtr MakeOperation() {
-  auto operation = std::make_unique<Operation>();
-  operation->SetName(Operation::kName);
-  return operation;
+  if constexpr (std::is_base_of_v<support::PlainOperation, Operation>) {
+    auto operation = std::make_unique<Operation>();
+    operation->SetName(Operation::kName);
+    return operation;
+  } else {
+    auto operation = std::make_unique<typename Operation::Body>(Operation::kForm);
+    operation->SetName(Operation::kName);
+    return operation;
+  }
 }
 
 }  // namespace talvo::kernel

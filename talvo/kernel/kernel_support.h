@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstddef>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -74,6 +73,9 @@ std::size_t Count(runtime::TensorCPU const& tensor);
 TensorPtr NewOutput(runtime::IKernel const& kernel, Tensors const& inputs, ContextPtr const& context,
                     std::size_t index = 0);
 
+/// Makes `result` the only output, and returns what Forward does.
+int Give(TensorPtr const& result, Tensors& outputs);
+
 /// Scratch of a call: `floats` from the pool of the device, so that a pass of a net finds them there again.
 TensorPtr NewScratch(runtime::DeviceCPU& device, std::size_t floats);
 
@@ -84,14 +86,36 @@ runtime::DeviceCPU& Device(Who const& who, ContextPtr const& context);
 runtime::TensorShape const& ShapeAt(Who const& who, Shapes const& shapes, std::size_t index,
                                     std::size_t rank = kAnyRank);
 
+/// One shape without Extra, as GetOutputShapes of most kernels gives it.
+Shapes OneShape(std::vector<unsigned int> dims, unsigned int data_type, unsigned int layout, unsigned int location);
+
 /// For a Forward that has no defaults to compute with. Assert: the kernel is not configured.
 void NeedsConfig(runtime::IKernel const& kernel);
 
+/// A question to a tensor, a function or a lambda of the caller, which it refers to.
+class TensorTest {
+ public:
+  TensorTest(bool (*test)(runtime::Tensor const&)) : function_(test) {}
+  template <class Test>
+  TensorTest(Test const& test)
+      : lambda_(&test), ask_([](void const* lambda, runtime::Tensor const& tensor) -> bool {
+          return (*static_cast<Test const*>(lambda))(tensor);
+        }) {}
+  bool operator()(runtime::Tensor const& tensor) const {
+    return function_ != nullptr ? function_(tensor) : ask_(lambda_, tensor);
+  }
+
+ private:
+  bool (*function_)(runtime::Tensor const&) = nullptr;
+  void const* lambda_ = nullptr;
+  bool (*ask_)(void const*, runtime::Tensor const&) = nullptr;
+};
+
 /// 0 when `tensors` are exactly `count` tensors, none null, that all pass `accept`; -2 otherwise.
-int Judge(Tensors const& tensors, std::size_t count, std::function<bool(runtime::Tensor const&)> const& accept);
+int Judge(Tensors const& tensors, std::size_t count, TensorTest const& accept);
 
 /// 0 when there is a first tensor, not null, that passes `accept`; -2 otherwise. Further tensors are not looked at.
-int JudgeFirst(Tensors const& tensors, std::function<bool(runtime::Tensor const&)> const& accept);
+int JudgeFirst(Tensors const& tensors, TensorTest const& accept);
 
 /// 0 for exactly one FLOAT32 tensor in main memory; -2 otherwise.
 int JudgeOneFloat(Tensors const& tensors);

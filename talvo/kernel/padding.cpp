@@ -6,6 +6,8 @@
 #include <limits>
 #include <utility>
 
+#include "talvo/kernel/native/fill_support.h"
+#include "talvo/kernel/rows/elementwise_rows.h"
 #include "talvo/utility/invariant.h"
 #include "talvo/utility/refuse_support.h"
 
@@ -72,9 +74,9 @@ Pointer NewLike(char const* function, TensorCPU const& input, std::vector<unsign
 
 // One row: `before` times value, the elements, `after` times value. Returns the end.
 float* PadRow(float const* from, std::size_t count, std::size_t before, std::size_t after, float value, float* to) {
-  to = std::fill_n(to, before, value);
+  to = native::FillFloats(value, before, to);
   to = std::copy_n(from, count, to);
-  return std::fill_n(to, after, value);
+  return native::FillFloats(value, after, to);
 }
 
 // Of rank 3, or of rank 2: a row of each channel.
@@ -90,12 +92,12 @@ Pointer PadFloats(char const* function, Pointer const& input, std::size_t rank, 
   auto result = NewLike(function, *input, std::move(dims), device);
   float* to = result->Data<float>();
   for (unsigned int c = 0; c < channels; ++c) {
-    to = std::fill_n(to, std::size_t{borders.t} * padded_width, value);
+    to = native::FillFloats(value, std::size_t{borders.t} * padded_width, to);
     float const* from = input->Data<float>() + std::size_t{c} * input->strides[0];
     for (unsigned int y = 0; y < height; ++y, from += input->strides[1]) {
       to = PadRow(from, width, borders.l, borders.r, value, to);
     }
-    to = std::fill_n(to, std::size_t{borders.b} * padded_width, value);
+    to = native::FillFloats(value, std::size_t{borders.b} * padded_width, to);
   }
   return result;
 }
@@ -183,7 +185,9 @@ std::size_t ChannelElements(TensorCPU const& tensor) {
 void FillChannels(TensorCPU const& inout, TensorCPU const& bias) {
   std::size_t const elements = ChannelElements(inout);
   float* to = inout.Data<float>();
-  for (unsigned int c = 0; c < inout.shape.dims[0]; ++c) to = std::fill_n(to, elements, bias.Data<float>()[c]);
+  for (unsigned int c = 0; c < inout.shape.dims[0]; ++c) {
+    to = native::FillFloats(bias.Data<float>()[c], elements, to);
+  }
 }
 
 int FillZero(char const* function, Pointer const& inout, unsigned int data_type) {
@@ -254,8 +258,7 @@ int ADDBias_MainMemory_CHW_Float_Fallback_M1(Pointer inout, Pointer bias) {
   std::size_t const elements = ChannelElements(*inout);
   float* row = inout->Data<float>();
   for (unsigned int c = 0; c < inout->shape.dims[0]; ++c, row += elements) {
-    float const value = bias->Data<float>()[c];
-    for (std::size_t i = 0; i < elements; ++i) row[i] += value;
+    rows::CombineRow(rows::Operation::kAdd, {row, false}, {bias->Data<float>() + c, true}, elements, row);
   }
   return 0;
 }

@@ -96,8 +96,8 @@ struct PointwiseOperation : support::Strict<runtime::Conv2dInfo> {
   // (H + 0 + 0 - 1 * (1 - 1) - 1) / 1 + 1 is H, and 0 for 0 in arithmetic that wraps.
   Shapes GetOutputShapes(Shapes const& input_shapes) const override {
     TensorShape const& input = support::ShapeAt(kName, input_shapes, 0, 3);
-    return {TensorShape({out_channels, input.dims[1], input.dims[2]}, input.data_type, input.layout, input.location,
-                        TensorShape::Extra())};
+    return support::OneShape({out_channels, input.dims[1], input.dims[2]}, input.data_type, input.layout,
+                             input.location);
   }
 
   int IsValidInput(Tensors const& inputs) const override { return JudgePlanes(inputs, true); }
@@ -111,8 +111,7 @@ struct PointwiseOperation : support::Strict<runtime::Conv2dInfo> {
     CheckFit(*x, *y);
     Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1_Convolution(x, y, weight);
     if (bias != nullptr) ADDBias_MainMemory_CHW_Float_Fallback_M1(y, bias);
-    outputs.assign(1, y);
-    return 0;
+    return support::Give(y, outputs);
   }
 
   // Refuses a product that reads behind the weights, and a bias that the groups leave too short.

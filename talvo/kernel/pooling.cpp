@@ -63,8 +63,7 @@ struct PoolingOf : support::Strict<Info> {
 
   Shapes GetOutputShapes(Shapes const& shapes) const override {
     TensorShape const& input = support::ShapeAt(Who(), shapes, 0, 3);
-    return {TensorShape(Self().OutputDims(input.dims), input.data_type, input.layout, input.location,
-                        TensorShape::Extra())};
+    return support::OneShape(Self().OutputDims(input.dims), input.data_type, input.layout, input.location);
   }
 
   int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
@@ -73,8 +72,7 @@ struct PoolingOf : support::Strict<Info> {
     Self().Check(*x);
     auto const y = support::NewOutput(kernel, inputs, context);
     Self().Run(*x, *y, support::Device(Who(), context));
-    outputs.assign(1, y);
-    return 0;
+    return support::Give(y, outputs);
   }
 
   int IsValidInput(Tensors const& inputs) const override {

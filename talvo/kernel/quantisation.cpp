@@ -26,26 +26,23 @@ Shapes Retyped(Shapes const& shapes, unsigned int data_type, short step) {
   return retyped;
 }
 
-struct Int16 {
-  static constexpr unsigned int kDataType = TensorShape::INT16;
-  static constexpr char const* kQuantitation = "Quantitation_MainMemory_Float_to_Int16_Fallback_M1";
-  static constexpr char const* kDequantitation = "Dequantitation_MainMemory_Int16_to_Float_Fallback_M1";
-  static constexpr auto Quantise = functional::Quantitation_MainMemory_Float_to_Int16_Fallback_M1;
-  static constexpr auto Dequantise = functional::Dequantitation_MainMemory_Int16_to_Float_Fallback_M1;
-};
+using support::TensorPtr;
+using DevicePtr = std::shared_ptr<runtime::DeviceCPU>;
 
-struct Int8 {
-  static constexpr unsigned int kDataType = TensorShape::INT8;
-  static constexpr char const* kQuantitation = "Quantitation_MainMemory_Float_to_Int8_Fallback_M1";
-  static constexpr char const* kDequantitation = "Dequantitation_MainMemory_Int8_to_Float_Fallback_M1";
-  static constexpr auto Quantise = functional::Quantitation_MainMemory_Float_to_Int8_Fallback_M1;
-  static constexpr auto Dequantise = functional::Dequantitation_MainMemory_Int8_to_Float_Fallback_M1;
+// A type of fixed-point numbers, and what makes tensors of it and back.
+struct FixedPoint {
+  unsigned int data_type;
+  TensorPtr (*quantise)(TensorPtr, short step, DevicePtr);
+  TensorPtr (*dequantise)(TensorPtr, DevicePtr);
 };
+constexpr FixedPoint kInt16 = {TensorShape::INT16, functional::Quantitation_MainMemory_Float_to_Int16_Fallback_M1,
+                               functional::Dequantitation_MainMemory_Int16_to_Float_Fallback_M1};
+constexpr FixedPoint kInt8 = {TensorShape::INT8, functional::Quantitation_MainMemory_Float_to_Int8_Fallback_M1,
+                              functional::Dequantitation_MainMemory_Int8_to_Float_Fallback_M1};
 
 // A judgement of its own: no layer, and a parameter with a step in range; Config refuses -1.
-template <class Fixed>
 struct Quantisation : support::PlainOperation {
-  static constexpr char const* kName = Fixed::kQuantitation;
+  explicit Quantisation(FixedPoint const& of) : fixed(of) {}
 
   int IsValidParam(LayerPtr const& layer, ParamPtr const& param) const override {
     auto const* const quant = dynamic_cast<runtime::InferenceParamActQuant const*>(param.get());
@@ -55,12 +52,12 @@ struct Quantisation : support::PlainOperation {
   bool Passes(int judgement) const override { return judgement != -1; }
 
   bool Config(LayerPtr const&, ParamPtr const& param, ContextPtr const&) override {
-    output_step_size = support::As<runtime::InferenceParamActQuant>(kName, param).output_step_size;
+    output_step_size = support::As<runtime::InferenceParamActQuant>(CName(), param).output_step_size;
     return true;
   }
 
   Shapes GetOutputShapes(Shapes const& input_shapes) const override {
-    return Retyped(input_shapes, Fixed::kDataType, output_step_size);
+    return Retyped(input_shapes, fixed.data_type, output_step_size);
   }
 
   int IsValidInput(Tensors const& inputs) const override { return JudgeAll(inputs, TensorShape::FLOAT32); }
@@ -70,20 +67,20 @@ struct Quantisation : support::PlainOperation {
     for (std::size_t i = 0; i < inputs.size(); ++i) {
       auto const input = support::Input(kernel, inputs, i);
       support::Device(kernel, context);
-      outputs.push_back(Fixed::Quantise(input, output_step_size, context->device_cpu));
+      outputs.push_back(fixed.quantise(input, output_step_size, context->device_cpu));
     }
     return 0;
   }
 
-  int IsValidOutput(Tensors const& outputs) const override { return JudgeAll(outputs, Fixed::kDataType); }
+  int IsValidOutput(Tensors const& outputs) const override { return JudgeAll(outputs, fixed.data_type); }
 
+  FixedPoint const fixed;
   short output_step_size = 0;
 };
 
 // The codes of the inverted form, read the strict way: neither layer nor parameter is the one call that passes.
-template <class Fixed>
 struct Dequantisation : support::Inverted {
-  static constexpr char const* kName = Fixed::kDequantitation;
+  explicit Dequantisation(FixedPoint const& of) : fixed(of) {}
 
   bool Passes(int judgement) const override { return judgement != -1; }
 
@@ -91,27 +88,48 @@ struct Dequantisation : support::Inverted {
     return Retyped(input_shapes, TensorShape::FLOAT32, 0);
   }
 
-  int IsValidInput(Tensors const& inputs) const override { return JudgeAll(inputs, Fixed::kDataType); }
+  int IsValidInput(Tensors const& inputs) const override { return JudgeAll(inputs, fixed.data_type); }
 
   int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
               ContextPtr const& context) const override {
     for (std::size_t i = 0; i < inputs.size(); ++i) {
       auto const input = support::Input(kernel, inputs, i, support::kAnyRank, 1);
       support::Device(kernel, context);
-      outputs.push_back(Fixed::Dequantise(input, context->device_cpu));
+      outputs.push_back(fixed.dequantise(input, context->device_cpu));
     }
     return 0;
   }
 
   int IsValidOutput(Tensors const& outputs) const override { return JudgeAll(outputs, TensorShape::FLOAT32); }
+
+  FixedPoint const fixed;
 };
 
 }  // namespace
 
-struct QuantiseInt16Operation : Quantisation<Int16> {};
-struct QuantiseInt8Operation : Quantisation<Int8> {};
-struct DequantiseInt16Operation : Dequantisation<Int16> {};
-struct DequantiseInt8Operation : Dequantisation<Int8> {};
+struct QuantiseInt16Operation {
+  using Body = Quantisation;
+  static constexpr char const* kName = "Quantitation_MainMemory_Float_to_Int16_Fallback_M1";
+  static constexpr FixedPoint const& kForm = kInt16;
+};
+
+struct QuantiseInt8Operation {
+  using Body = Quantisation;
+  static constexpr char const* kName = "Quantitation_MainMemory_Float_to_Int8_Fallback_M1";
+  static constexpr FixedPoint const& kForm = kInt8;
+};
+
+struct DequantiseInt16Operation {
+  using Body = Dequantisation;
+  static constexpr char const* kName = "Dequantitation_MainMemory_Int16_to_Float_Fallback_M1";
+  static constexpr FixedPoint const& kForm = kInt16;
+};
+
+struct DequantiseInt8Operation {
+  using Body = Dequantisation;
+  static constexpr char const* kName = "Dequantitation_MainMemory_Int8_to_Float_Fallback_M1";
+  static constexpr FixedPoint const& kForm = kInt8;
+};
 
 template OperationPtr MakeOperation<QuantiseInt16Operation>();
 template OperationPtr MakeOperation<QuantiseInt8Operation>();

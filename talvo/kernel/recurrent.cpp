@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
 #include <utility>
 
 #include "talvo/kernel/kernel_of_support.h"
@@ -77,20 +78,6 @@ unsigned int ActivationOf(runtime::RNNCellInfo const& info) { return info.activa
 unsigned int ActivationOf(runtime::RNNInfo const& info) { return info.activation_type; }
 unsigned int ActivationOf(runtime::LayerInfo const&) { return kTanh; }
 
-template <class Info>
-bool KnowsActivation(Info const& info) {
-  return ActivationOf(info) == kTanh || ActivationOf(info) == kRelu;
-}
-
-// The codes that cells and sequences share.
-template <class Info>
-int JudgeSizes(Info const* info, ParamPtr const& param) {
-  if (param != nullptr) return -1;
-  if (info == nullptr) return -2;
-  if (info->in_size == 0) return -3;
-  return info->hidden_size == 0 ? -4 : 0;
-}
-
 // The four arrays of one layer in one direction, in the order of the fields of Weights.
 using Names = char const* const[4];
 using Texts = std::string const* [4];  // base64; the biases are null without bias
@@ -99,7 +86,7 @@ constexpr Names kCellNames = {"weight_ih", "weight_hh", "bias_ih", "bias_hh"};
 constexpr Names kStackNames[] = {{"weight_ih_forward", "weight_hh_forward", "bias_ih_forward", "bias_hh_forward"},
                                  {"weight_ih_reverse", "weight_hh_reverse", "bias_ih_reverse", "bias_hh_reverse"}};
 
-// What kernels read of a cell's record, whatever its class.
+// What kernels read of a cell's record, whatever its class; nothing of a layer that is no cell of the family.
 struct CellRecord {
   std::string const& id;
   unsigned int in_size, hidden_size, activation;
@@ -107,35 +94,62 @@ struct CellRecord {
 };
 
 template <class Info>
-CellRecord ReadCell(Info const& info) {
-  return {info.id,
-          info.in_size,
-          info.hidden_size,
-          ActivationOf(info),
-          {&info.weight_ih, &info.weight_hh, info.if_bias ? &info.bias_ih : nullptr,
-           info.if_bias ? &info.bias_hh : nullptr}};
+std::optional<CellRecord> ReadCell(runtime::LayerInfo const* layer) {
+  auto const* const info = dynamic_cast<Info const*>(layer);
+  if (info == nullptr) return std::nullopt;
+  return CellRecord{info->id,
+                    info->in_size,
+                    info->hidden_size,
+                    ActivationOf(*info),
+                    {&info->weight_ih, &info->weight_hh, info->if_bias ? &info->bias_ih : nullptr,
+                     info->if_bias ? &info->bias_hh : nullptr}};
 }
 
 // The same of a sequence's record; texts[direction][array] has an entry for each layer.
 struct StackRecord {
   std::string const& id;
-  unsigned int in_size, hidden_size, num_layers, directions, complex_rnn_type;
+  unsigned int in_size, hidden_size, activation, num_layers, directions, complex_rnn_type;
   bool if_bias;
   std::vector<std::string> const* texts[2][4];
 };
 
 template <class Info>
-StackRecord ReadStack(Info const& info) {
-  return {info.id,
-          info.in_size,
-          info.hidden_size,
-          info.num_layers,
-          info.bidirectional ? 2u : 1u,
-          info.complex_rnn_type,
-          info.if_bias,
-          {{&info.weight_ih_forward, &info.weight_hh_forward, &info.bias_ih_forward, &info.bias_hh_forward},
-           {&info.weight_ih_reverse, &info.weight_hh_reverse, &info.bias_ih_reverse, &info.bias_hh_reverse}}};
+std::optional<StackRecord> ReadStack(runtime::LayerInfo const* layer) {
+  auto const* const info = dynamic_cast<Info const*>(layer);
+  if (info == nullptr) return std::nullopt;
+  return StackRecord{
+      info->id,
+      info->in_size,
+      info->hidden_size,
+      ActivationOf(*info),
+      info->num_layers,
+      info->bidirectional ? 2u : 1u,
+      info->complex_rnn_type,
+      info->if_bias,
+      {{&info->weight_ih_forward, &info->weight_hh_forward, &info->bias_ih_forward, &info->bias_hh_forward},
+       {&info->weight_ih_reverse, &info->weight_hh_reverse, &info->bias_ih_reverse, &info->bias_hh_reverse}}};
 }
+
+// The codes that cells and sequences share.
+template <class Record>
+int JudgeSizes(std::optional<Record> const& record, ParamPtr const& param) {
+  if (param != nullptr) return -1;
+  if (!record) return -2;
+  if (record->in_size == 0) return -3;
+  return record->hidden_size == 0 ? -4 : 0;
+}
+
+bool KnowsActivation(unsigned int activation) { return activation == kTanh || activation == kRelu; }
+
+// What a kernel computes, and how it reads its record.
+struct CellForm {
+  Form form;
+  std::optional<CellRecord> (*read)(runtime::LayerInfo const*);
+};
+struct SequenceForm {
+  Form form;
+  std::optional<StackRecord> (*read)(runtime::LayerInfo const*);
+};
 
 void Clear(TensorPtr const& tensor) {
   if (tensor != nullptr) std::memset(tensor->data, 0, runtime::ByteCount(tensor->shape));
@@ -186,7 +200,20 @@ struct Operation : support::PlainOperation {
 };
 
 struct CellOperation : Operation {
-  using Operation::Operation;
+  explicit CellOperation(CellForm const& of) : Operation(of.form), read(of.read) {}
+
+  int IsValidParam(LayerPtr const& layer, ParamPtr const& param) const override {
+    auto const record = read(layer.get());
+    int const judgement = JudgeSizes(record, param);
+    return judgement != 0 || KnowsActivation(record->activation) ? judgement : -5;
+  }
+
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const& context) override {
+    auto const record = read(layer.get());
+    if (!record) support::RefuseRecord(form.name);
+    Take(*record, context);
+    return true;
+  }
 
   static int Judge(Tensors const& tensors, unsigned int size) {
     return support::Judge(tensors, 1, [size](runtime::Tensor const& tensor) {
@@ -199,8 +226,7 @@ struct CellOperation : Operation {
   int IsValidOutput(Tensors const& outputs) const override { return Judge(outputs, hidden_size); }
 
   Shapes GetOutputShapes(Shapes const&) const override {
-    return {TensorShape({hidden_size}, TensorShape::FLOAT32, TensorShape::C, TensorShape::MainMemory,
-                        TensorShape::Extra())};
+    return support::OneShape({hidden_size}, TensorShape::FLOAT32, TensorShape::C, TensorShape::MainMemory);
   }
 
   // The state of an LSTM is replaced at each step, so that a longer one serves; the others write into theirs.
@@ -240,12 +266,27 @@ struct CellOperation : Operation {
     return 0;
   }
 
+  decltype(CellForm::read) const read;
   unsigned int activation = kTanh;
   Weights weights;
 };
 
 struct SequenceOperation : Operation {
-  using Operation::Operation;
+  explicit SequenceOperation(SequenceForm const& of) : Operation(of.form), read(of.read) {}
+
+  int IsValidParam(LayerPtr const& layer, ParamPtr const& param) const override {
+    auto const record = read(layer.get());
+    int const judgement = JudgeSizes(record, param);
+    if (judgement != 0) return judgement;
+    return record->num_layers == 0 ? -5 : KnowsActivation(record->activation) ? 0 : -6;
+  }
+
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const& context) override {
+    auto const record = read(layer.get());
+    if (!record) support::RefuseRecord(form.name);
+    Take(*record, context);
+    return true;
+  }
 
   static bool IsSequence(runtime::Tensor const& tensor, unsigned int width) {
     return support::IsInMainMemory(tensor, TensorShape::FLOAT32) && tensor.shape.dims.size() >= 2 &&
@@ -265,8 +306,8 @@ struct SequenceOperation : Operation {
   Shapes GetOutputShapes(Shapes const& input_shapes) const override {
     auto const& dims = support::ShapeAt({form.name, layer_id}, input_shapes, 0).dims;
     if (dims.empty()) Refuse("%s of layer %s: an input without dims has no steps", form.name, layer_id.c_str());
-    return {TensorShape({dims[0], directions * hidden_size}, TensorShape::FLOAT32, TensorShape::SC,
-                        TensorShape::MainMemory, TensorShape::Extra())};
+    return support::OneShape({dims[0], directions * hidden_size}, TensorShape::FLOAT32, TensorShape::SC,
+                             TensorShape::MainMemory);
   }
 
   // Rows follow each other at the width that the state was made with: only a single one may be wider than needed.
@@ -373,54 +414,23 @@ struct SequenceOperation : Operation {
     }
   }
 
+  decltype(SequenceForm::read) const read;
   unsigned int in_size = 0, directions = 1, complex_rnn_type = 0;
   std::vector<Weights> layers;  // a row of the state each: for each layer the forward one, then the reverse one
 };
 
-// The judgements and the reading of a record of class Info, for all variants of a family.
-template <class Info>
-struct CellOf : CellOperation {
-  using CellOperation::CellOperation;
-
-  int IsValidParam(LayerPtr const& layer, ParamPtr const& param) const override {
-    auto const* const info = dynamic_cast<Info const*>(layer.get());
-    int const judgement = JudgeSizes(info, param);
-    return judgement != 0 || KnowsActivation(*info) ? judgement : -5;
-  }
-
-  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const& context) override {
-    Take(ReadCell(support::As<Info>(form.name, layer)), context);
-    return true;
-  }
-};
-
-template <class Info>
-struct SequenceOf : SequenceOperation {
-  using SequenceOperation::SequenceOperation;
-
-  int IsValidParam(LayerPtr const& layer, ParamPtr const& param) const override {
-    auto const* const info = dynamic_cast<Info const*>(layer.get());
-    int const judgement = JudgeSizes(info, param);
-    if (judgement != 0) return judgement;
-    return info->num_layers == 0 ? -5 : KnowsActivation(*info) ? 0 : -6;
-  }
-
-  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const& context) override {
-    Take(ReadStack(support::As<Info>(form.name, layer)), context);
-    return true;
-  }
-};
-
 template <class Family, class Variant>
-struct Cell : CellOf<typename Family::CellInfo> {
+struct Cell {
+  using Body = CellOperation;
   static constexpr char const* kName = Family::kCells[Variant::kNumber];
-  Cell() : CellOf<typename Family::CellInfo>({kName, Family::kGates, Variant::kProduct}) {}
+  static constexpr CellForm kForm = {{kName, Family::kGates, Variant::kProduct}, ReadCell<typename Family::CellInfo>};
 };
 
 template <class Family, class Variant>
-struct Sequence : SequenceOf<typename Family::Info> {
+struct Sequence {
+  using Body = SequenceOperation;
   static constexpr char const* kName = Family::kSequences[Variant::kNumber];
-  Sequence() : SequenceOf<typename Family::Info>({kName, Family::kGates, Variant::kProduct}) {}
+  static constexpr SequenceForm kForm = {{kName, Family::kGates, Variant::kProduct}, ReadStack<typename Family::Info>};
 };
 
 }  // namespace recurrent

@@ -46,8 +46,8 @@ ImageSize SizeOf(runtime::TensorCPU const& image) {
 }
 
 // A shape like `input` with other dims and without its Extra.
-TensorShape Resized(TensorShape const& input, Dims dims) {
-  return TensorShape(std::move(dims), input.data_type, input.layout, input.location, TensorShape::Extra());
+Shapes Resized(TensorShape const& input, Dims dims) {
+  return support::OneShape(std::move(dims), input.data_type, input.layout, input.location);
 }
 
 // What a factor asks for: channels to pixels, or pixels to channels, by `step` in both directions.
@@ -89,41 +89,38 @@ Dims ShuffledDims(support::Who const& who, Dims const& dims, Shuffle const& shuf
 }
 
 // The two element types of upsampling and pixel shuffle.
-struct FloatPlanes {
-  using Element = float;
-  static constexpr unsigned int kDataType = TensorShape::FLOAT32;
-  static bool TakesParam(ParamPtr const& param) { return param == nullptr; }
-  static short StepSize(ParamPtr const&) { return 0; }
+struct PlaneForm {
+  unsigned int data_type;
+  unsigned int ElementBytes() const { return runtime::ElementSize(data_type); }
 };
 
-struct Int16Planes {
-  using Element = std::int16_t;
-  static constexpr unsigned int kDataType = TensorShape::INT16;
-  using Quant = runtime::InferenceParamUpsampling2DQuant;
-  static bool TakesParam(ParamPtr const& param) {
-    auto const quant = std::dynamic_pointer_cast<Quant>(param);
+// The parameter of the 16-bit form.
+using Quant = runtime::InferenceParamUpsampling2DQuant;
+
+struct Upsample : support::Strict<runtime::Upsample2dInfo> {
+  using Info = runtime::Upsample2dInfo;
+
+  explicit Upsample(PlaneForm const& form) : planes(form) {}
+
+  bool IsShort() const { return planes.data_type == TensorShape::INT16; }
+
+  bool TakesParam(ParamPtr const& param) const {
+    if (!IsShort()) return param == nullptr;
+    auto const* const quant = dynamic_cast<Quant const*>(param.get());
     return quant != nullptr && quant->output_step_size >= 8 && quant->output_step_size <= 12;
   }
-  static short StepSize(ParamPtr const& param) { return static_cast<Quant const&>(*param).output_step_size; }
-};
-
-// Operation adds its name.
-template <class Operation, class Planes>
-struct UpsampleOf : support::Strict<runtime::Upsample2dInfo> {
-  using Info = runtime::Upsample2dInfo;
-  using Element = typename Planes::Element;
 
   int IsValidParam(LayerPtr const& layer, ParamPtr const& param) const override {
     auto const* const info = dynamic_cast<Info const*>(layer.get());
-    if (!Planes::TakesParam(param) || info == nullptr) return -1;
+    if (!TakesParam(param) || info == nullptr) return -1;
     std::string const name = UpsampleName(info->unsample_type);
     return name == kNearest || name == kBilinear ? 0 : -1;
   }
 
   bool Config(LayerPtr const& layer, ParamPtr const& param, ContextPtr const&) override {
-    auto const& info = support::As<Info>(Operation::kName, layer);
+    auto const& info = support::As<Info>(CName(), layer);
     if (!(info.scale_factor_y >= 0 && info.scale_factor_x >= 0)) {
-      Refuse("%s of layer %s: scale factors %g and %g, need to be 0 or above", Operation::kName, info.id.c_str(),
+      Refuse("%s of layer %s: scale factors %g and %g, need to be 0 or above", CName(), info.id.c_str(),
              info.scale_factor_y, info.scale_factor_x);
     }
     layer_id = info.id;
@@ -131,53 +128,52 @@ struct UpsampleOf : support::Strict<runtime::Upsample2dInfo> {
     scale_factor_x = info.scale_factor_x;
     align_corner = info.align_corner;
     sampling = UpsampleName(info.unsample_type);
-    output_step_size = Planes::StepSize(param);
+    output_step_size = IsShort() ? static_cast<Quant const&>(*param).output_step_size : short{0};
     return true;
   }
 
   Shapes GetOutputShapes(Shapes const& shapes) const override {
     TensorShape const& input = support::ShapeAt(Who(), shapes, 0, 3);
-    TensorShape output = Resized(input, {input.dims[0], functional::UpsampledExtent(input.dims[1], scale_factor_y),
-                                         functional::UpsampledExtent(input.dims[2], scale_factor_x)});
-    output.extra.step_size = output_step_size;
-    return {output};
+    Shapes outputs = Resized(input, {input.dims[0], functional::UpsampledExtent(input.dims[1], scale_factor_y),
+                                     functional::UpsampledExtent(input.dims[2], scale_factor_x)});
+    outputs[0].extra.step_size = output_step_size;
+    return outputs;
   }
 
-  int IsValidInput(Tensors const& inputs) const override { return support::JudgeOneImage(inputs, Planes::kDataType); }
+  int IsValidInput(Tensors const& inputs) const override { return support::JudgeOneImage(inputs, planes.data_type); }
 
   int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
               ContextPtr const& context) const override {
     bool const nearest = sampling == kNearest;
     if (!nearest && sampling != kBilinear) Refuse(nullptr);
-    TensorPtr const x = support::Input(Who(), inputs, 0, 3, nearest ? 1 : sizeof(Element));
+    TensorPtr const x = support::Input(Who(), inputs, 0, 3, nearest ? 1 : planes.ElementBytes());
     TensorPtr const y = support::NewOutput(kernel, inputs, context);
     std::size_t const height = y->shape.dims[1], width = y->shape.dims[2];
     if (nearest) {
       functional::UpsampleNearest(x->data, SizeOf(*x), runtime::ElementSize(x->shape.data_type), scale_factor_y,
                                   scale_factor_x, height, width, y->data);
     } else {
-      functional::UpsampleBilinear(x->template Data<Element>(), SizeOf(*x), scale_factor_y, scale_factor_x,
-                                   align_corner, height, width, y->template Data<Element>());
+      functional::UpsampleBilinear(x->data, IsShort(), SizeOf(*x),
+                                   {scale_factor_y, scale_factor_x, align_corner, height, width}, y->data);
     }
-    outputs.assign(1, y);
-    return 0;
+    return support::Give(y, outputs);
   }
 
   int IsValidOutput(Tensors const& outputs) const override { return IsValidInput(outputs); }
 
-  support::Who Who() const { return {Operation::kName, layer_id}; }
+  support::Who Who() const { return {CName(), layer_id}; }
 
+  PlaneForm const planes;
   std::string layer_id, sampling;
   float scale_factor_y = 0.0f, scale_factor_x = 0.0f;
   bool align_corner = false;
   short output_step_size = 0;
 };
 
-// Operation adds its name.
-template <class Operation, class Planes>
-struct ShuffleOf : support::Strict<runtime::PixelShuffleInfo> {
+struct PixelShuffle : support::Strict<runtime::PixelShuffleInfo> {
   using Info = runtime::PixelShuffleInfo;
-  using Element = typename Planes::Element;
+
+  explicit PixelShuffle(PlaneForm const& form) : planes(form) {}
 
   int IsValidParam(LayerPtr const& layer, ParamPtr const& param) const override {
     auto const* const info = dynamic_cast<Info const*>(layer.get());
@@ -186,54 +182,60 @@ struct ShuffleOf : support::Strict<runtime::PixelShuffleInfo> {
 
   bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) override {
     layer_id = layer->id;
-    upscale_factor = support::As<Info>(Operation::kName, layer).upscale_factor;
+    upscale_factor = support::As<Info>(CName(), layer).upscale_factor;
     return true;
   }
 
   Shapes GetOutputShapes(Shapes const& shapes) const override {
     TensorShape const& input = support::ShapeAt(Who(), shapes, 0, 3);
-    return {Resized(input, ShuffledDims(Who(), input.dims, ShuffleOfFactor(Who(), upscale_factor)))};
+    return Resized(input, ShuffledDims(Who(), input.dims, ShuffleOfFactor(Who(), upscale_factor)));
   }
 
-  int IsValidInput(Tensors const& inputs) const override { return support::JudgeOneImage(inputs, Planes::kDataType); }
+  int IsValidInput(Tensors const& inputs) const override { return support::JudgeOneImage(inputs, planes.data_type); }
 
   int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
               ContextPtr const& context) const override {
-    TensorPtr const x = support::Input(Who(), inputs, 0, 3, sizeof(Element));
+    TensorPtr const x = support::Input(Who(), inputs, 0, 3, planes.ElementBytes());
     TensorPtr const y = support::NewOutput(kernel, inputs, context);
     Shuffle const shuffle = ShuffleOfFactor(Who(), upscale_factor);
-    auto const* const from = x->template Data<Element>();
-    auto* const to = y->template Data<Element>();
     auto const step = static_cast<std::size_t>(shuffle.step);  // at most an extent of x
-    shuffle.to_pixels ? functional::PixelShuffle(from, SizeOf(*x), step, to)
-                      : functional::PixelUnshuffle(from, SizeOf(*x), step, to);
-    outputs.assign(1, y);
-    return 0;
+    (shuffle.to_pixels ? functional::PixelShuffle : functional::PixelUnshuffle)(x->data, SizeOf(*x),
+                                                                                planes.ElementBytes(), step, y->data);
+    return support::Give(y, outputs);
   }
 
   int IsValidOutput(Tensors const& outputs) const override { return IsValidInput(outputs); }
 
-  support::Who Who() const { return {Operation::kName, layer_id}; }
+  support::Who Who() const { return {CName(), layer_id}; }
 
+  PlaneForm const planes;
   std::string layer_id;
   float upscale_factor = 0.0f;
 };
 
 }  // namespace
 
-struct UpsampleFloatOperation : UpsampleOf<UpsampleFloatOperation, FloatPlanes> {
+struct UpsampleFloatOperation {
+  using Body = Upsample;
+  static constexpr PlaneForm kForm = {TensorShape::FLOAT32};
   static constexpr char const* kName = "Upsampling2D_Fallback_CHW_Float_M1";
 };
 
-struct UpsampleInt16Operation : UpsampleOf<UpsampleInt16Operation, Int16Planes> {
+struct UpsampleInt16Operation {
+  using Body = Upsample;
+  static constexpr PlaneForm kForm = {TensorShape::INT16};
   static constexpr char const* kName = "Upsampling2D_Fallback_CHW_Int16_M1";
 };
 
-struct ShuffleFloatOperation : ShuffleOf<ShuffleFloatOperation, FloatPlanes> {
+struct ShuffleFloatOperation {
+  using Body = PixelShuffle;
+  static constexpr PlaneForm kForm = {TensorShape::FLOAT32};
   static constexpr char const* kName = "Pixelshuffle_Fallback_CHW_Float_M1";
 };
 
-struct ShuffleInt16Operation : ShuffleOf<ShuffleInt16Operation, Int16Planes> {
+struct ShuffleInt16Operation {
+  using Body = PixelShuffle;
+  static constexpr PlaneForm kForm = {TensorShape::INT16};
   static constexpr char const* kName = "Pixelshuffle_Fallback_CHW_Int16_M1";
 };
 
@@ -263,7 +265,7 @@ struct GridSampleOperation : support::Strict<runtime::GridSampleInfo> {
     if (grid.size() < 2) {
       Refuse("%s: a grid of dims %s, needs rank 2 at least", Who().Text().c_str(), runtime::DimsText(grid).c_str());
     }
-    return {Resized(input, {input.dims[0], grid[0], grid[1]})};
+    return Resized(input, {input.dims[0], grid[0], grid[1]});
   }
 
   int IsValidInput(Tensors const& inputs) const override {
@@ -287,8 +289,7 @@ struct GridSampleOperation : support::Strict<runtime::GridSampleInfo> {
     auto const scratch = support::NewScratch(*context->device_cpu, functional::GridSampleScratch(size, count));
     functional::GridSample(x->Data<float>(), size, grid->Data<float>(), count, {bilinear, border, align_corners},
                            scratch->Data<float>(), y->Data<float>());
-    outputs.assign(1, y);
-    return 0;
+    return support::Give(y, outputs);
   }
 
   int IsValidOutput(Tensors const& outputs) const override {

@@ -77,8 +77,8 @@ struct PlaceholderOperation : support::Strict<runtime::LayerPlaceholderInfo> {
   }
 
   Shapes GetOutputShapes(Shapes const&) const override {
-    return {TensorShape({output_shape.begin(), output_shape.end()}, TensorShape::FLOAT32, TensorShape::CHW,
-                        TensorShape::MainMemory, TensorShape::Extra())};
+    return support::OneShape({output_shape.begin(), output_shape.end()}, TensorShape::FLOAT32, TensorShape::CHW,
+                             TensorShape::MainMemory);
   }
 
   int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
@@ -86,8 +86,7 @@ struct PlaceholderOperation : support::Strict<runtime::LayerPlaceholderInfo> {
     support::NeedsConfig(kernel);
     auto const y = support::NewOutput(kernel, inputs, context);
     std::fill_n(y->Data<float>(), support::Count(*y), kPlaceholder);
-    outputs.assign(1, y);
-    return 0;
+    return support::Give(y, outputs);
   }
 
   int IsValidInput(Tensors const& inputs) const override {
@@ -193,8 +192,7 @@ struct ConcatenateChannelsOperation : support::Strict<runtime::ConcatenateInfo> 
       if (input_bytes != 0) std::memcpy(to, input->data, input_bytes);
       to += input_bytes;
     }
-    outputs.assign(1, y);
-    return 0;
+    return support::Give(y, outputs);
   }
 
   int IsValidOutput(Tensors const& outputs) const override { return support::Judge(outputs, 1, HasChannelsOutermost); }
@@ -225,8 +223,8 @@ struct SliceOperation : JudgedInVain<runtime::TensorSliceInfo> {
 
   Shapes GetOutputShapes(Shapes const& shapes) const override {
     TensorShape const& shape = support::ShapeAt(Who(), shapes, 0);
-    return {TensorShape(functional::SliceExtents(Who(), slice_dims), shape.data_type, shape.layout, shape.location,
-                        TensorShape::Extra())};
+    return support::OneShape(functional::SliceExtents(Who(), slice_dims), shape.data_type, shape.layout,
+                             shape.location);
   }
 
   int IsValidInput(Tensors const& inputs) const override {
@@ -246,8 +244,7 @@ struct SliceOperation : JudgedInVain<runtime::TensorSliceInfo> {
     }
     auto const y = support::NewOutput(kernel, inputs, context);
     functional::Slice(Who(), x, slice_dims, y);
-    outputs.assign(1, y);
-    return 0;
+    return support::Give(y, outputs);
   }
 
   int IsValidOutput(Tensors const& outputs) const override { return IsValidInput(outputs); }
@@ -302,8 +299,7 @@ struct ExpandOperation : JudgedInVain<runtime::TensorExpandInfo> {
     auto const x = support::Input(Who(), inputs, 0, 3, 1);
     auto const y = support::NewOutput(kernel, inputs, context);
     functional::Function_TensorExpand_Fallback_CHW_Float_M1(x, y);
-    outputs.assign(1, y);
-    return 0;
+    return support::Give(y, outputs);
   }
 
   int IsValidOutput(Tensors const& outputs) const override { return IsValidInput(outputs); }
@@ -343,8 +339,7 @@ struct UnSqueezeOperation : JudgedInVain<runtime::TensorUnSqueezeInfo> {
     auto const y = support::NewOutput(kernel, inputs, context);
     unsigned int const bytes = runtime::ByteCount(x->shape);
     if (bytes != 0) std::memcpy(y->data, x->data, bytes);
-    outputs.assign(1, y);
-    return 0;
+    return support::Give(y, outputs);
   }
 
   int IsValidOutput(Tensors const& outputs) const override { return IsValidInput(outputs); }
@@ -379,8 +374,7 @@ struct SoftmaxOperation : support::Strict<runtime::SoftmaxInfo> {
     std::size_t inner = 1;
     for (std::size_t axis = dim; axis < dims.size(); ++axis) inner *= dims[axis];
     native::Softmax(x->Data<float>(), support::Count(*x), dims[dim - 1u], inner, y->Data<float>());
-    outputs.assign(1, y);
-    return 0;
+    return support::Give(y, outputs);
   }
 
   int IsValidOutput(Tensors const& outputs) const override { return IsValidInput(outputs); }

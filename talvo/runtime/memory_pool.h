@@ -30,7 +30,7 @@ class TALVO_API MemoryPool {
 
 /// The blocks of a pool that are in use, with their sizes: a hash table in one array. A look-up costs a multiplication,
 /// and an entry no memory of its own.
-class TALVO_API UsedBlocks {
+class UsedBlocks {
  public:
   std::size_t Count() const { return count_; }
   unsigned long TotalBytes() const;

@@ -38,19 +38,20 @@ class Walk {
 
   void Run(unsigned int index) {
     index_ = index;
-    if (net_.layers[index] == nullptr) Refuse("layer %u: no layer record", index);
     layer_ = net_.layers[index].get();
-    bool const is_requested = states_[index].requests != 0;
-    GatherInputs();
-    Tensors& outputs = states_[index].outputs;
-    outputs.swap(spare_list_);
-    RunKernel(layer_->kernel, "kernel", kernel_inputs_, !is_requested || !layer_->output_converters.empty(), outputs);
-    ConvertOutputs(outputs, !is_requested);
-    ReleaseProducers();
-    if (is_requested) {
-      --pending_;  // further requests of the layer are never served
-      result_.emplace(index, outputs);
+    if (layer_ == nullptr) Refuse("layer %u: no layer record", index);
+    LayerState& state = states_[index];
+    bool const is_requested = state.requests != 0;
+    bool const took_list = TakeListOver(state.outputs);
+    if (!took_list) {
+      GatherInputs();
+      state.outputs.swap(spare_list_);
     }
+    RunKernel(layer_->kernel, "kernel", kernel_inputs_, !is_requested || !layer_->output_converters.empty(),
+              state.outputs);
+    if (!layer_->output_converters.empty()) ConvertOutputs(state.outputs, !is_requested);
+    if (!took_list) ReleaseProducers();
+    if (is_requested) Serve(state.outputs);
     kernel_inputs_.clear();
   }
 
@@ -59,16 +60,19 @@ class Walk {
  private:
   void RunKernel(std::shared_ptr<IKernel> const& kernel, char const* role, Tensors const& inputs, bool intermediate,
                  Tensors& outputs) {
-    if (kernel == nullptr || !kernel->IsConfigured()) {
-      Refuse("layer %u (%s): its %s %s", index_, layer_->type.c_str(), role,
-             kernel == nullptr ? "is missing" : (kernel->GetName() + " is not configured").c_str());
-    }
+    if (kernel == nullptr || !kernel->IsConfigured()) RefuseKernel(kernel.get(), role);
     kernel->PrepareForward(context_, inputs, intermediate, outputs);
     kernel->Forward(inputs, outputs, context_);
   }
 
-  std::shared_ptr<Tensor> Convert(std::shared_ptr<IKernel> const& converter, std::shared_ptr<Tensor> const& tensor,
-                                  bool intermediate) {
+  [[noreturn, gnu::cold]] void RefuseKernel(IKernel const* kernel, char const* role) const {
+    Refuse("layer %u (%s): its %s %s", index_, layer_->type.c_str(), role,
+           kernel == nullptr ? "is missing" : (kernel->GetName() + " is not configured").c_str());
+  }
+
+  // Converters are few, and cost more than their call.
+  [[gnu::cold]] std::shared_ptr<Tensor> Convert(std::shared_ptr<IKernel> const& converter,
+                                                std::shared_ptr<Tensor> const& tensor, bool intermediate) {
     Tensors product;
     RunKernel(converter, "converter", {tensor}, intermediate, product);
     if (product.empty() || product[0] == nullptr) {
@@ -76,6 +80,20 @@ class Walk {
              converter->GetName().c_str());
     }
     return std::move(product[0]);
+  }
+
+  // In a chain the list of the producer, which no other layer reads, becomes the list of inputs, and that of the inputs
+  // before becomes `outputs`: no pointer is copied, for counts of shared pointers are slow to change. False: it is no
+  // chain, and nothing was done.
+  bool TakeListOver(Tensors& outputs) {
+    if (layer_->input_refs.size() != 1 || !layer_->input_converters.empty() || layer_->type == kInputType) return false;
+    auto const [producer, output] = layer_->input_refs[0];
+    if (producer >= index_ || output != 0 || states_[producer].is_fed) return false;
+    Tensors& made = states_[producer].outputs;
+    if (made.size() != 1 || made[0] == nullptr || LastReader(producer) > index_) return false;
+    outputs.swap(kernel_inputs_);
+    kernel_inputs_.swap(made);
+    return true;
   }
 
   void GatherInputs() {
@@ -88,24 +106,17 @@ class Walk {
       return;
     }
     for (unsigned int position = 0; position < layer_->input_refs.size(); ++position) {
-      std::shared_ptr<Tensor>& tensor = Produced(position);
+      std::shared_ptr<Tensor> const& tensor = Produced(position);
       auto const converter = layer_->input_converters.find(position);
       if (converter != layer_->input_converters.end()) {
         kernel_inputs_.push_back(Convert(converter->second, tensor, true));
-      } else if (IsDropped(layer_->input_refs)) {
-        kernel_inputs_.push_back(std::move(tensor));
       } else {
         kernel_inputs_.push_back(tensor);
       }
     }
   }
 
-  // Whether this layer alone reads the only tensor that it reads. Counts of shared pointers are slow to change.
-  bool IsDropped(std::vector<std::pair<std::uint32_t, std::uint32_t>> const& refs) {
-    return refs.size() == 1 && !states_[refs[0].first].is_fed && LastReader(refs[0].first) <= index_;
-  }
-
-  std::shared_ptr<Tensor>& Produced(unsigned int position) {
+  std::shared_ptr<Tensor> const& Produced(unsigned int position) const {
     auto const [producer, output] = layer_->input_refs[position];
     bool const made =
         producer < index_ && output < states_[producer].outputs.size() && states_[producer].outputs[output] != nullptr;
@@ -116,8 +127,7 @@ class Walk {
     return states_[producer].outputs[output];
   }
 
-  void ConvertOutputs(Tensors& outputs, bool intermediate) {
-    if (layer_->output_converters.empty()) return;
+  [[gnu::cold]] void ConvertOutputs(Tensors& outputs, bool intermediate) {
     for (unsigned int position = 0; position < outputs.size(); ++position) {
       auto const converter = layer_->output_converters.find(position);
       if (converter == layer_->output_converters.end()) continue;
@@ -125,6 +135,11 @@ class Walk {
         Refuse("layer %u (%s): output %u, which a converter reads, is missing", index_, layer_->type.c_str(), position);
       outputs[position] = Convert(converter->second, outputs[position], intermediate);
     }
+  }
+
+  [[gnu::noinline]] void Serve(Tensors const& outputs) {
+    --pending_;  // further requests of the layer are never served
+    result_.emplace(index_, outputs);
   }
 
   // Drops the outputs of every producer of this layer whose readers have all run.
@@ -193,8 +208,8 @@ void LogUnprofiledInput(Layer const& layer) {
 
 unsigned int support::RefusedLayer() { return refused_layer; }
 
-Net::Net(std::vector<std::shared_ptr<Layer>> const& net_layers,
-         std::map<std::string, unsigned int> const& net_input_ids)
+[[gnu::cold]] Net::Net(std::vector<std::shared_ptr<Layer>> const& net_layers,
+                       std::map<std::string, unsigned int> const& net_input_ids)
     : layers(net_layers), input_ids(net_input_ids) {}
 
 std::unordered_map<unsigned int, Tensors> Net::Forward(

@@ -11,6 +11,9 @@ namespace talvo::runtime {
 
 class MemoryPool;
 
+/// The device that made the tensor. Assert: it is no CPU device.
+DeviceCPU& DeviceOf(TensorCPU const& tensor);
+
 /// Which pool of a device.
 using PoolField = std::shared_ptr<MemoryPool> DeviceCPU::*;
 

@@ -36,8 +36,7 @@ struct PermuteOperation : support::Strict<runtime::TensorTransposeInfo> {
       }
       dims.push_back(input.dims[axis]);
     }
-    return {
-        TensorShape(std::move(dims), input.data_type, TensorShape::FLEXIABLE, input.location, TensorShape::Extra())};
+    return support::OneShape(std::move(dims), input.data_type, TensorShape::FLEXIABLE, input.location);
   }
 
   int IsValidInput(Tensors const& inputs) const override {

@@ -104,9 +104,16 @@ void Unblock(runtime::TensorCPU const& input, unsigned int lanes, void* output) 
          DimsText(output.dims).c_str());
 }
 
-// A general reshape. Operation adds its name, its layout, how the batch axis goes and which outputs fit.
-template <class Operation>
+// How the batch axis goes, and which outputs fit.
+struct GeneralForm {
+  unsigned int layout;
+  void (*drop_batch)(support::Who const&, Dims&);
+  bool (*fits)(Dims const&, std::vector<int> const& entries);
+};
+
 struct GeneralReshape : support::Strict<TensorReshapeInfo> {
+  explicit GeneralReshape(GeneralForm const& of) : form(of) {}
+
   bool Passes(int) const override { return true; }  // Config goes on whatever the judgement, which is its result
 
   bool Config(LayerPtr const& layer, ParamPtr const& param, ContextPtr const&) override {
@@ -140,8 +147,8 @@ struct GeneralReshape : support::Strict<TensorReshapeInfo> {
       }
       dims.push_back(entry < 1 ? total / known_product : static_cast<unsigned int>(entry));
     }
-    static_cast<Operation const&>(*this).DropBatch(dims);
-    return {TensorShape(std::move(dims), input.data_type, Operation::kLayout, input.location, TensorShape::Extra())};
+    form.drop_batch(Who(), dims);
+    return support::OneShape(std::move(dims), input.data_type, form.layout, input.location);
   }
 
   int IsValidInput(Tensors const& inputs) const override {
@@ -172,33 +179,44 @@ struct GeneralReshape : support::Strict<TensorReshapeInfo> {
 
   int IsValidOutput(Tensors const& outputs) const override {
     return support::Judge(outputs, 1, [this](runtime::Tensor const& tensor) {
-      return support::LiesInMainMemory(tensor) && Operation::Fits(tensor.shape.dims, new_shape);
+      return support::LiesInMainMemory(tensor) && form.fits(tensor.shape.dims, new_shape);
     });
   }
 
-  support::Who Who() const { return {Operation::kName, layer_id}; }
+  support::Who Who() const { return {CName(), layer_id}; }
 
+  GeneralForm const form;
   std::string layer_id;
   std::vector<int> new_shape;
   unsigned int known_product = 1;
 };
 
-// A reshape that may take blocks apart. Operation adds its name, its layout, the entries of new_shape and what it takes
-// of types and layouts; Lanes refuses, in the told order, what it does not move.
-template <class Operation, std::size_t kEntries, unsigned int kLayout>
+// The entries of new_shape, and what is taken of types and layouts; `lanes` refuses, in the told order, what is not
+// moved.
+struct UnblockingForm {
+  std::size_t entries;
+  unsigned int layout;
+  bool unknown_batch;  // the first entry may be -1
+  bool (*takes_type)(unsigned int data_type);
+  bool (*takes_layout)(TensorShape const&);
+  unsigned int (*lanes)(TensorShape const&);
+};
+
+// A reshape that may take blocks apart.
 struct UnblockingReshape : support::Strict<TensorReshapeInfo> {
-  static bool TakesBatch(short entry) { return entry == 1; }
-  static bool TakesType(unsigned int data_type) { return IsFloatHalfOrInt16(data_type); }
+  explicit UnblockingReshape(UnblockingForm const& of) : form(of) {}
+
+  bool TakesBatch(short entry) const { return entry == 1 || (form.unknown_batch && entry == kUnknown); }
 
   int IsValidParam(LayerPtr const& layer, ParamPtr const& param) const override {
     if (Strict::IsValidParam(layer, param) == -1) return -1;
-    auto const& entries = support::As<TensorReshapeInfo>(Operation::kName, layer).new_shape;
-    return entries.size() == kEntries && Operation::TakesBatch(entries[0]) && AreExtents(entries) ? 0 : -1;
+    auto const& entries = support::As<TensorReshapeInfo>(CName(), layer).new_shape;
+    return entries.size() == form.entries && TakesBatch(entries[0]) && AreExtents(entries) ? 0 : -1;
   }
 
   bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) override {
     layer_id = layer->id;
-    new_shape = support::As<TensorReshapeInfo>(Operation::kName, layer).new_shape;
+    new_shape = support::As<TensorReshapeInfo>(CName(), layer).new_shape;
     return true;
   }
 
@@ -209,13 +227,13 @@ struct UnblockingReshape : support::Strict<TensorReshapeInfo> {
     for (std::size_t i = 1; i < new_shape.size(); ++i) {
       dims.push_back(new_shape[i] == kUnknown ? rest : static_cast<unsigned int>(new_shape[i]));
     }
-    return {TensorShape(std::move(dims), input.data_type, kLayout, input.location, input.extra)};
+    return {TensorShape(std::move(dims), input.data_type, form.layout, input.location, input.extra)};
   }
 
   int IsValidInput(Tensors const& inputs) const override {
     return support::Judge(inputs, 1, [this](runtime::Tensor const& tensor) {
       TensorShape const& shape = tensor.shape;
-      bool const taken = Operation::TakesType(shape.data_type) && Operation::TakesLayout(shape);
+      bool const taken = form.takes_type(shape.data_type) && form.takes_layout(shape);
       if (!support::LiesInMainMemory(tensor) || !taken) return false;
       std::uint64_t const total = runtime::ElementCount(shape.dims), known = KnownProduct(new_shape);
       return UnknownCount(new_shape) != 0 ? total % known == 0 : total == known;
@@ -226,7 +244,7 @@ struct UnblockingReshape : support::Strict<TensorReshapeInfo> {
               ContextPtr const& context) const override {
     support::NeedsConfig(kernel);
     TensorPtr const input = support::Input(Who(), inputs, 0, support::kAnyRank, 1);
-    unsigned int const lanes = Operation::Lanes(input->shape), bytes = runtime::ByteCount(input->shape);
+    unsigned int const lanes = form.lanes(input->shape), bytes = runtime::ByteCount(input->shape);
     if (lanes != 1) CheckLanes(Who(), input->shape, lanes);
     if (!outputs.empty()) {
       Unblock(*input, lanes, support::GivenOutput(Who(), outputs, bytes)->data);
@@ -241,92 +259,109 @@ struct UnblockingReshape : support::Strict<TensorReshapeInfo> {
   }
 
   int IsValidOutput(Tensors const& outputs) const override {
-    return support::Judge(outputs, 1, [](runtime::Tensor const& tensor) {
+    return support::Judge(outputs, 1, [this](runtime::Tensor const& tensor) {
       TensorShape const& shape = tensor.shape;
-      return support::LiesInMainMemory(tensor) && Operation::TakesType(shape.data_type) && shape.layout == kLayout;
+      return support::LiesInMainMemory(tensor) && form.takes_type(shape.data_type) && shape.layout == form.layout;
     });
   }
 
-  support::Who Who() const { return {Operation::kName, layer_id}; }
+  support::Who Who() const { return {CName(), layer_id}; }
 
+  UnblockingForm const form;
   std::string layer_id;
   std::vector<short> new_shape;
 };
 
+void DropFirstOfTwo(support::Who const&, Dims& dims) { DropLeadingOne(dims, 2); }
+void DropFirstOfFour(support::Who const&, Dims& dims) { DropLeadingOne(dims, 4); }
+
+void DropOneOfThree(support::Who const&, Dims& dims) {
+  if (dims.size() != 3) return;
+  if (dims[0] != 1 && dims[1] != 1) Refuse("[Reshape_Fallback_To_SC_M1] batch of new shape != 1");
+  dims.erase(dims.begin() + (dims[0] == 1 ? 0 : 1));
+}
+
+void DropFirst(support::Who const& who, Dims& dims) {
+  if (dims.empty()) Refuse("%s: new_shape is empty, needs a batch axis", who.Text().c_str());
+  dims.erase(dims.begin());
+}
+
+bool FollowsBehindBatch(Dims const& dims, std::vector<int> const& entries) { return FollowsEntries(dims, entries, 1); }
+
+bool HasChannelLayout(TensorShape const& shape) { return IsChannelLayout(shape.layout); }
+
+unsigned int LanesOfChannels(TensorShape const& shape) {
+  unsigned int const lanes = LanesOf(shape.layout);
+  if (lanes == 0) Refuse("Invalid input tensor layout");
+  if (lanes != 1 && !IsFloatHalfOrInt16(shape.data_type)) Refuse("Invalid input data type");
+  return lanes;
+}
+
+bool HasChannelsOrAnyAxes(TensorShape const& shape) {
+  std::size_t const rank = shape.dims.size();
+  return IsChannelLayout(shape.layout) || (shape.layout == TensorShape::FLEXIABLE && (rank == 3 || rank == 4));
+}
+
+// A FLEXIABLE tensor of four axes tells by the last one. Narrower than what the judgement takes on purpose: halves are
+// refused here, whatever the layout.
+unsigned int LanesOfAnyAxes(TensorShape const& shape) {
+  bool const flexible = shape.layout == TensorShape::FLEXIABLE;
+  std::size_t const rank = shape.dims.size();
+  unsigned int lanes = LanesOf(shape.layout);
+  if (flexible && rank == 3) lanes = 1;
+  if (flexible && rank == 4 && (shape.dims[3] == 4 || shape.dims[3] == 8)) lanes = shape.dims[3];
+  if (lanes == 0) Refuse("Invalid input tensor layout");
+  if (!IsFloatOrInt16(shape.data_type)) Refuse("Invalid input data type");
+  return lanes;
+}
+
+bool HasAnyLayout(TensorShape const&) { return true; }
+unsigned int OneLane(TensorShape const&) { return 1; }
+
 }  // namespace
 
-struct ReshapeToCOperation : GeneralReshape<ReshapeToCOperation> {
+struct ReshapeToCOperation {
+  using Body = GeneralReshape;
   static constexpr char const* kName = "Reshape_Fallback_To_C_M1";
-  static constexpr unsigned int kLayout = TensorShape::C;
-  static void DropBatch(Dims& dims) { DropLeadingOne(dims, 2); }
-  static bool Fits(Dims const& dims, std::vector<int> const& entries) { return FollowsAllOrLacksOne(dims, entries); }
+  static constexpr GeneralForm kForm = {TensorShape::C, DropFirstOfTwo, FollowsAllOrLacksOne};
 };
 
-struct ReshapeToCHWOperation : GeneralReshape<ReshapeToCHWOperation> {
+struct ReshapeToCHWOperation {
+  using Body = GeneralReshape;
   static constexpr char const* kName = "Reshape_Fallback_To_CHW_M1";
-  static constexpr unsigned int kLayout = TensorShape::CHW;
-  static void DropBatch(Dims& dims) { DropLeadingOne(dims, 4); }
-  static bool Fits(Dims const& dims, std::vector<int> const& entries) { return FollowsAllOrLacksOne(dims, entries); }
+  static constexpr GeneralForm kForm = {TensorShape::CHW, DropFirstOfFour, FollowsAllOrLacksOne};
 };
 
-struct ReshapeToSCOperation : GeneralReshape<ReshapeToSCOperation> {
+struct ReshapeToSCOperation {
+  using Body = GeneralReshape;
   static constexpr char const* kName = "Reshape_Fallback_To_SC_M1";
-  static constexpr unsigned int kLayout = TensorShape::SC;
-  static void DropBatch(Dims& dims) {
-    if (dims.size() != 3) return;
-    if (dims[0] != 1 && dims[1] != 1) Refuse("[Reshape_Fallback_To_SC_M1] batch of new shape != 1");
-    dims.erase(dims.begin() + (dims[0] == 1 ? 0 : 1));
-  }
-  static bool Fits(Dims const& dims, std::vector<int> const& entries) { return FollowsAllOrLacksOne(dims, entries); }
+  static constexpr GeneralForm kForm = {TensorShape::SC, DropOneOfThree, FollowsAllOrLacksOne};
 };
 
-struct ReshapeToFlexibleOperation : GeneralReshape<ReshapeToFlexibleOperation> {
+struct ReshapeToFlexibleOperation {
+  using Body = GeneralReshape;
   static constexpr char const* kName = "Transform_MainMemory_Reshape_Fallback";
-  static constexpr unsigned int kLayout = TensorShape::FLEXIABLE;
-  void DropBatch(Dims& dims) const {
-    if (dims.empty()) Refuse("%s: new_shape is empty, needs a batch axis", Who().Text().c_str());
-    dims.erase(dims.begin());
-  }
-  static bool Fits(Dims const& dims, std::vector<int> const& entries) { return FollowsEntries(dims, entries, 1); }
+  static constexpr GeneralForm kForm = {TensorShape::FLEXIABLE, DropFirst, FollowsBehindBatch};
 };
 
-struct UnblockToCOperation : UnblockingReshape<UnblockToCOperation, 2, TensorShape::C> {
+struct UnblockToCOperation {
+  using Body = UnblockingReshape;
   static constexpr char const* kName = "Reshape_Fallback_CnHWn_To_C_M1";
-  static bool TakesBatch(short entry) { return entry == 1 || entry == kUnknown; }
-  static bool TakesLayout(TensorShape const& shape) { return IsChannelLayout(shape.layout); }
-  static unsigned int Lanes(TensorShape const& shape) {
-    unsigned int const lanes = LanesOf(shape.layout);
-    if (lanes == 0) Refuse("Invalid input tensor layout");
-    if (lanes != 1 && !TakesType(shape.data_type)) Refuse("Invalid input data type");
-    return lanes;
-  }
+  static constexpr UnblockingForm kForm = {
+      2, TensorShape::C, true, IsFloatHalfOrInt16, HasChannelLayout, LanesOfChannels};
 };
 
-struct UnblockToCLOperation : UnblockingReshape<UnblockToCLOperation, 3, TensorShape::CL> {
+struct UnblockToCLOperation {
+  using Body = UnblockingReshape;
   static constexpr char const* kName = "Reshape_Fallback_CnHWn_To_CL_M1";
-  static bool TakesLayout(TensorShape const& shape) {
-    std::size_t const rank = shape.dims.size();
-    return IsChannelLayout(shape.layout) || (shape.layout == TensorShape::FLEXIABLE && (rank == 3 || rank == 4));
-  }
-  // A FLEXIABLE tensor of four axes tells by the last one. Narrower than TakesType on purpose: halves are refused here,
-  // whatever the layout.
-  static unsigned int Lanes(TensorShape const& shape) {
-    bool const flexible = shape.layout == TensorShape::FLEXIABLE;
-    std::size_t const rank = shape.dims.size();
-    unsigned int lanes = LanesOf(shape.layout);
-    if (flexible && rank == 3) lanes = 1;
-    if (flexible && rank == 4 && (shape.dims[3] == 4 || shape.dims[3] == 8)) lanes = shape.dims[3];
-    if (lanes == 0) Refuse("Invalid input tensor layout");
-    if (!IsFloatOrInt16(shape.data_type)) Refuse("Invalid input data type");
-    return lanes;
-  }
+  static constexpr UnblockingForm kForm = {
+      3, TensorShape::CL, false, IsFloatHalfOrInt16, HasChannelsOrAnyAxes, LanesOfAnyAxes};
 };
 
-struct ReshapeCLToCHWOperation : UnblockingReshape<ReshapeCLToCHWOperation, 4, TensorShape::CHW> {
+struct ReshapeCLToCHWOperation {
+  using Body = UnblockingReshape;
   static constexpr char const* kName = "Reshape_Fallback_CL_To_CHW_M1";
-  static bool TakesType(unsigned int data_type) { return IsFloatOrInt16(data_type); }
-  static bool TakesLayout(TensorShape const&) { return true; }
-  static unsigned int Lanes(TensorShape const&) { return 1; }
+  static constexpr UnblockingForm kForm = {4, TensorShape::CHW, false, IsFloatOrInt16, HasAnyLayout, OneLane};
 };
 
 template OperationPtr MakeOperation<ReshapeToCOperation>();

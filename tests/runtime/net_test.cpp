@@ -154,15 +154,15 @@ TEST_F(NetTest, ReleasesATensorAfterItsLastReader) {
   EXPECT_EQ(result.at(1)[0], watched[1].lock());
 }
 
-// Looking through them at each reference would take half a minute.
-TEST_F(NetTest, FindsTheLastOfManyReaders) {
+// A layer may have as many readers as the net has layers: they are looked through once, and not at each reader.
+TEST_F(NetTest, LooksThroughTheReadersOnce) {
   AddRow();
-  auto const reader = std::make_shared<ScriptedKernel>(
-      [](Tensors const& inputs, Tensors& outputs, Context const&) { outputs.push_back(inputs.at(7)); });
-  for (int i = 0; i < 16000; ++i) Add("R", Refs(8, {1, 0}), reader);
-  double const start = utility::get_time_in_ms();
-  EXPECT_EQ(ValueOf(Forward({16003}).at(16003)[0]), 11.0f);
-  EXPECT_LT(utility::get_time_in_ms() - start, 5000.0);
+  auto const reader = std::make_shared<ScriptedKernel>([&](Tensors const& inputs, Tensors& outputs, Context const&) {
+    layers_[1]->consumers.clear();  // whoever looks again finds that nobody reads on
+    outputs.push_back(inputs.at(7));
+  });
+  for (int i = 0; i < 3; ++i) Add("R", Refs(8, {1, 0}), reader);
+  EXPECT_EQ(ValueOf(Forward({6}).at(6)[0]), 11.0f);
 }
 
 TEST_F(NetTest, IsUsableAfterAKernelThrew) {

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "talvo/kernel/functional/pooling_support.h"
+#include "talvo/kernel/native/fill_support.h"
 #include "talvo/kernel/rows/elementwise_rows.h"
 #include "talvo/kernel/rows/phase_plane.h"
 #include "talvo/kernel/rows/pooling_rows.h"
@@ -50,18 +51,22 @@ class Slide {
 
   // For a plane that is laid out; x and scratch as in the header, `border` stands around every plane.
   void Start(float border, float* scratch) {
-    std::fill_n(scratch, Count(), border);
+    native::FillFloats(border, Count(), scratch);
     for (std::size_t ky = 0; ky < window_.kernel_y; ++ky) down_.push_back(ky * window_.dilation_y * plane_.RowPitch());
     for (std::size_t kx = 0; kx < window_.kernel_x; ++kx) across_.push_back(plane_.Place(kx * window_.dilation_x));
+    std::size_t const right = plane_.left + plane_.width;
+    if (window_.padding_r != 0 || plane_.width == 0) return;
+    last_ = plane_.Place(right - 1);
+    for (std::size_t column = right; column < plane_.padded_width; ++column) behind_.push_back(plane_.Place(column));
   }
 
   void Lay(float const* x, float* scratch) const {
     rows::LayPlane(x, plane_, scratch);
-    std::size_t const pitch = plane_.RowPitch(), right = plane_.left + plane_.width;
+    std::size_t const pitch = plane_.RowPitch();
     float* const first = scratch + plane_.top * pitch;
-    if (window_.padding_r == 0 && plane_.width > 0) {
-      for (std::size_t column = right; column < plane_.padded_width; ++column) {
-        std::size_t const from = plane_.Place(right - 1), to = plane_.Place(column);
+    if (!behind_.empty()) {
+      std::size_t const from = last_;
+      for (std::size_t const to : behind_) {
         for (std::size_t r = 0; r < plane_.height; ++r) first[r * pitch + to] = first[r * pitch + from];
       }
     }
@@ -120,6 +125,8 @@ class Slide {
   PoolingWindow window_;
   rows::PhasePlane plane_;
   std::vector<std::size_t> down_, across_;  // offsets of the taps along each axis of plane_
+  std::vector<std::size_t> behind_;         // places of the columns behind the plane that repeat its last, at last_
+  std::size_t last_ = 0;
 };
 
 // The taps of one output along one axis, `start` + i * `dilation` for i < kernel of the padded extent: those before
@@ -200,7 +207,7 @@ float Lowered(float area, std::size_t outside) {
 void FillDivisors(PoolingShape const& shape, PoolingWindow const& window, bool count_include_pad, float* divisors) {
   std::size_t const area = window.kernel_x * window.kernel_y;
   if (count_include_pad) {
-    std::fill_n(divisors, shape.out_height * shape.out_width, static_cast<float>(area));
+    native::FillFloats(static_cast<float>(area), shape.out_height * shape.out_width, divisors);
     return;
   }
   for (std::size_t y = 0; y < shape.out_height; ++y) {
@@ -244,7 +251,9 @@ void MeansOfPlanes(float const* x, PoolingShape const& shape, float* y) {
   std::size_t const plane = shape.height * shape.width;
   auto const rows = static_cast<float>(shape.height), columns = static_cast<float>(shape.width);
   rows::SumRows(x, plane, shape.channels, plane, y);
-  for (std::size_t c = 0; c < shape.channels; ++c) y[c] = (y[c] / rows) / columns;
+  for (float const* const extent : {&rows, &columns}) {
+    rows::CombineRow(rows::Operation::kDiv, {y, false}, {extent, true}, shape.channels, y);
+  }
 }
 
 // The mean over a region of a plane, behind which `available` elements from its start on stand zeros.
@@ -279,12 +288,13 @@ void max_pool_f32(float const* x, PoolingShape const& shape, PoolingWindow const
   Slide slide(shape, window);
   bool const lays_out = slide.LaysOut();
   if (lays_out) slide.Start(Maximum::kStart, scratch);
+  rows::TapGrid const grid = slide.Grid();
   for (std::size_t c = 0; c < shape.channels; ++c, x += plane_count, y += out_count) {
     if (!lays_out) {
       FoldOneByOne<Maximum>(x, shape, window, y);
     } else {
       slide.Lay(x, scratch);
-      rows::MaximumOfTaps(scratch, slide.Grid(), y);
+      rows::MaximumOfTaps(scratch, grid, y);
     }
   }
 }
@@ -298,13 +308,14 @@ void average_pool_f32(float const* x, PoolingShape const& shape, PoolingWindow c
   float* const divisors = scratch + (lays_out ? slide.Count() : 0);
   FillDivisors(shape, window, count_include_pad, divisors);
   if (lays_out) slide.Start(Sum::kStart, scratch);
+  rows::TapGrid const grid = slide.Grid();
   for (std::size_t c = 0; c < shape.channels; ++c, x += plane_count, y += out_count) {
     if (!lays_out) {
       FoldOneByOne<Sum>(x, shape, window, y);
-      for (std::size_t i = 0; i < out_count; ++i) y[i] /= divisors[i];
+      rows::CombineRow(rows::Operation::kDiv, {y, false}, {divisors, false}, out_count, y);
     } else {
       slide.Lay(x, scratch);
-      rows::MeanOfTaps(scratch, slide.Grid(), divisors, y);
+      rows::MeanOfTaps(scratch, grid, divisors, y);
     }
   }
 }

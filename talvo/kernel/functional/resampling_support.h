@@ -20,24 +20,25 @@ void UpsampleNearest(void const* x, ImageSize const& size, unsigned int element_
                      std::size_t out_height, std::size_t out_width, void* y);
 
 /// Bilinear interpolation between a, b (upper left and right) and d, e (lower left and right), in float32:
-/// y = (e wx + d (1 - wx)) wy + (b wx + a (1 - wx)) (1 - wy); the 16-bit form cuts the result toward zero.
+/// y = (e wx + d (1 - wx)) wy + (b wx + a (1 - wx)) (1 - wy); elements are floats, or with
+/// `shorts` 16-bit integers, whose results are cut toward zero.
 /// The position in x of output index i is i / scale + (0.5 / scale - 0.5), or i (extent - 1) / (out_extent - 1) with
 /// align_corner, 0 for an out_extent of 1. A position outside the plane takes the nearest row or column alone.
 /// Assert: a last position beyond the plane.
-void UpsampleBilinear(float const* x, ImageSize const& size, float scale_y, float scale_x, bool align_corner,
-                      std::size_t out_height, std::size_t out_width, float* y);
-void UpsampleBilinear(std::int16_t const* x, ImageSize const& size, float scale_y, float scale_x, bool align_corner,
-                      std::size_t out_height, std::size_t out_width, std::int16_t* y);
+struct Bilinear {
+  float scale_y, scale_x;
+  bool align_corner;
+  std::size_t out_height, out_width;
+};
+void UpsampleBilinear(void const* x, bool shorts, ImageSize const& size, Bilinear const& to, void* y);
 
 /// y[c / r^2, i r + c % r^2 / r, j r + c % r] = x[c, i, j].  y [channels / r^2, height r, width r].
-/// channels is a multiple of r^2, r at least 1. Elements are moved as they are.
-void PixelShuffle(float const* x, ImageSize const& size, std::size_t r, float* y);
-void PixelShuffle(std::int16_t const* x, ImageSize const& size, std::size_t r, std::int16_t* y);
+/// channels is a multiple of r^2, r at least 1. Elements of 2 or 4 bytes are moved as they are.
+void PixelShuffle(void const* x, ImageSize const& size, unsigned int element_bytes, std::size_t r, void* y);
 
 /// y[c, i, j] = x[c / k^2, i k + c % k^2 / k, j k + c % k].  y [channels k^2, height / k, width / k], k at least 1.
-/// Rows and columns behind the last multiple of k are not read. Elements are moved as they are.
-void PixelUnshuffle(float const* x, ImageSize const& size, std::size_t k, float* y);
-void PixelUnshuffle(std::int16_t const* x, ImageSize const& size, std::size_t k, std::int16_t* y);
+/// Rows and columns behind the last multiple of k are not read. Elements of 2 or 4 bytes are moved as they are.
+void PixelUnshuffle(void const* x, ImageSize const& size, unsigned int element_bytes, std::size_t k, void* y);
 
 struct GridSampling {
   bool bilinear;       // between four pixels; otherwise the nearest one

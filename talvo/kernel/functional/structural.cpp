@@ -7,6 +7,7 @@
 #include <limits>
 
 #include "talvo/kernel/functional/structural_support.h"
+#include "talvo/kernel/native/fill_support.h"
 #include "talvo/kernel/native/structural.h"
 #include "talvo/kernel/rows/elementwise_rows.h"
 #include "talvo/utility/refuse_support.h"
@@ -102,14 +103,6 @@ float* CopyWindow(Range rows, Range columns, float const* x, std::size_t width, 
   return CopyPieces(rows, x + columns.begin, width, columns.count, y);
 }
 
-// One element of each of `channels` channels to the `plane` elements of that channel.
-template <typename T>
-void SpreadChannels(void const* x, std::size_t channels, std::size_t plane, void* y) {
-  for (std::size_t c = 0; c < channels; ++c) {
-    std::fill_n(static_cast<T*>(y) + c * plane, plane, static_cast<T const*>(x)[c]);
-  }
-}
-
 }  // namespace
 
 std::shared_ptr<runtime::TensorCPU> Concatenate_MainMemory_Fallback(std::vector<TensorPtr> const& inputs,
@@ -194,9 +187,11 @@ void Function_TensorExpand_Fallback_CHW_Float_M1(TensorPtr const& input, TensorP
   }
   std::size_t const channels = to[0], plane = std::size_t{to[1]} * to[2];
   if (from[1] != 1 || from[2] != 1 || from[0] != to[0] || plane == 0) return;
-  if (element_bytes == 4) SpreadChannels<std::uint32_t>(input->data, channels, plane, output->data);
-  if (element_bytes == 2) SpreadChannels<std::uint16_t>(input->data, channels, plane, output->data);
-  if (element_bytes == 1) SpreadChannels<std::uint8_t>(input->data, channels, plane, output->data);
+  auto const* const x = static_cast<unsigned char const*>(input->data);
+  auto* const y = static_cast<unsigned char*>(output->data);
+  for (std::size_t c = 0; c < channels; ++c) {
+    native::FillElements(x + c * element_bytes, element_bytes, plane, y + c * plane * element_bytes);
+  }
 }
 
 }  // namespace talvo::kernel::functional

@@ -12,9 +12,10 @@ namespace {
 
 constexpr float kInfinity = std::numeric_limits<float>::infinity(), kNaN = std::numeric_limits<float>::quiet_NaN();
 
-// Floats that are computed in double take half a register each.
+// Floats that are computed in double take half a register each. As many at a time as are fastest: more than registers
+// hold, so that none waits for a division.
 template <class Set>
-using FloatsOfDoubles = Pack<float, Set::kLanes / 2, (Set::kLanes < 16 ? 8 : 4)>;
+using FloatsOfDoubles = Pack<float, Set::kLanes / 2, (Set::kLanes == 4 ? 10 : 64 / Set::kLanes)>;
 
 // 2^(i/32).
 constexpr double kRoots[32] = {0x1.0000000000000p+0, 0x1.059b0d3158574p+0, 0x1.0b5586cf9890fp+0, 0x1.11301d0125b51p+0,
@@ -217,7 +218,7 @@ struct LogStep {
 // p and q interpolate erf(x) / x and erf at Chebyshev's nodes; they are off by less than 4e-10.
 struct ErfStep {
   template <class Set>
-  using Floats = FloatsOfDoubles<Set>;
+  using Floats = Pack<float, Set::kLanes / 2, 5>;
 
   template <int kCount, class Doubles>
   static TALVO_ROWS_INLINE Doubles Polynomial(double const (&c)[kCount], Doubles const& x) {
@@ -258,9 +259,6 @@ struct MapBody {
   static TALVO_ROWS_INLINE void Run(float const* x, std::size_t n, float* y) {
     using Floats = typename Step::template Floats<Set>;
     constexpr std::size_t kBlock = Floats::kCount;
-    // The step is long: the wider sets have it once, for blocks and for a part that is copied. The baseline, which has
-    // few registers, would be slower.
-    constexpr bool kOnce = Set::kLanes > 4;
     // Elements from x to y, wrapping: a y that begins inside the first block of x must be read before it is written.
     std::size_t const ahead =
         (reinterpret_cast<std::uintptr_t>(y) - reinterpret_cast<std::uintptr_t>(x)) / sizeof(float);
@@ -268,17 +266,13 @@ struct MapBody {
     for (std::size_t i = 0; i < n; i += block) {
       std::size_t const count = std::min(block, n - i);
       bool const whole = count == kBlock;
-      if (!kOnce && whole) {
-        Step::Of(Floats::Load(x + i)).Store(y + i);
-      } else {
-        float part[kBlock];
-        if (!whole) {
-          std::fill_n(part, kBlock, 0.0f);
-          std::copy_n(x + i, count, part);
-        }
-        Step::Of(Floats::Load(kOnce && whole ? x + i : part)).Store(kOnce && whole ? y + i : part);
-        if (!whole) std::copy_n(part, count, y + i);
+      float part[kBlock];
+      if (!whole) {
+        std::fill_n(part, kBlock, 0.0f);
+        std::copy_n(x + i, count, part);
       }
+      Step::Of(Floats::Load(whole ? x + i : part)).Store(whole ? y + i : part);  // once: the step is long
+      if (!whole) std::copy_n(part, count, y + i);
     }
   }
 };

@@ -47,11 +47,13 @@ struct Tile {
 
   TALVO_ROWS_INLINE void Begin(FusedTileRun const& run, std::size_t lane, std::size_t first) {
     std::size_t const count = run.lanes - lane;
-    TALVO_ROWS_UNROLL
     for (std::size_t j = 0; j < kColumns; ++j) {
       std::size_t const position = std::min(first + j, run.positions - 1);
       columns[j] = run.columns[position];
       results[j] = run.results + position * run.result_step + lane;
+    }
+    TALVO_ROWS_UNROLL
+    for (std::size_t j = 0; j < kColumns; ++j) {
       float const* const from = run.chain == Chain::kStarts ? run.starts + lane : results[j];
       TALVO_ROWS_UNROLL
       for (int v = 0; v < kVectors; ++v) {
@@ -74,24 +76,22 @@ struct Tile {
     }
   }
 
-  // Two at a time: what counts them would take its share of the processor from one at a time. Each two fetch a line of
-  // the weights that follow these, so that some tiles fetch as many as these are; by number, for there may be none.
+  // Each step fetches half a line of the weights that follow these, so that some tiles fetch as many as these are; by
+  // number, for there may be none.
   TALVO_ROWS_INLINE void AddSteps(FusedTileRun const& run, std::size_t lane, std::size_t first) {
-    constexpr std::size_t kLine = 16;
+    constexpr std::size_t kHalfLine = 8;
     float const* const weights = run.weights + lane;
-    Tap const* step = run.steps;
-    std::size_t const all = run.step_count * run.lanes, share = run.step_count / 2 * kLine;
+    std::size_t const all = run.step_count * run.lanes, share = run.step_count * kHalfLine;
     std::size_t const skipped = all + std::min(first / kColumns * share, all - share);
     [[maybe_unused]] auto ahead = reinterpret_cast<std::uintptr_t>(run.weights) + skipped * sizeof(float);
-    for (std::size_t pairs = run.step_count / 2; pairs > 0; --pairs, step += 2) {
+    Tap const* const end = run.steps + run.step_count;
+    for (Tap const* step = run.steps; step != end; ++step) {
       if constexpr (kVectors == 4) {
         __builtin_prefetch(reinterpret_cast<void const*>(ahead));  // NOLINT(performance-no-int-to-ptr): never read
-        ahead += kLine * sizeof(float);
+        ahead += kHalfLine * sizeof(float);
       }
-      AddTap(weights + step[0].weight, step[0].input);
-      AddTap(weights + step[1].weight, step[1].input);
+      AddTap(weights + step->weight, step->input);
     }
-    if (run.step_count % 2 != 0) AddTap(weights + step->weight, step->input);
   }
 
   // A position that stands there twice is read before it is written.

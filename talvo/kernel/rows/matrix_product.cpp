@@ -202,7 +202,7 @@ struct PackedProductBody {
 }  // namespace
 
 Primitive<void(float const*, float const*, float const*, std::size_t, std::size_t, float*)> const MatrixVector{
-    MatrixVectorBody(), Avx2()};  // weights are read once: it waits for memory
+    MatrixVectorBody()};
 Primitive<void(PackedProductRun const&)> const PackedProduct{PackedProductBody<TwoRoundings>()};
 Primitive<void(PackedProductRun const&)> const FusedProduct{PackedProductBody<OneRounding>()};
 

@@ -81,16 +81,13 @@ struct PositionTile {
     }
   }
 
-  // Two steps at a time: what counts them would take its share of the processor from one at a time.
   TALVO_ROWS_INLINE void AddSteps(PositionRun const& run, std::size_t channels, float const* weights,
                                   float const* input) {
-    std::size_t const output_step = run.output_step, count = channels * run.tap_count;
-    Tap const* step = run.steps;
-    for (std::size_t pairs = count / 2; pairs > 0; --pairs, step += 2) {
-      AddTap(weights + step[0].weight, output_step, input + step[0].input);
-      AddTap(weights + step[1].weight, output_step, input + step[1].input);
+    std::size_t const output_step = run.output_step;
+    Tap const* const end = run.steps + channels * run.tap_count;
+    for (Tap const* step = run.steps; step != end; ++step) {
+      AddTap(weights + step->weight, output_step, input + step->input);
     }
-    if (count % 2 != 0) AddTap(weights + step->weight, output_step, input + step->input);
   }
 
   TALVO_ROWS_INLINE void AddChannels(PositionRun const& run, std::size_t channels, float const* weights,

@@ -278,12 +278,11 @@ struct SingleElements {
   }
 };
 
-// Squares have vectors of 16 bytes in every set, and those of bytes alone gain from the forms of AVX2.
-Primitive<void(Transposition const&)> const Transpose1{TransposeBody<Squares<std::uint8_t>, 1>(), Avx2()};
+Primitive<void(Transposition const&)> const Transpose1{TransposeBody<Squares<std::uint8_t>, 1>()};
 Primitive<void(Transposition const&)> const Transpose2{TransposeBody<Squares<std::uint16_t>, 2>(), Baseline()};
 Primitive<void(Transposition const&)> const Transpose3{TransposeBody<Quadruples<3>, 3>()};
 Primitive<void(Transposition const&)> const Transpose4{TransposeBody<Quadruples<4>, 4>()};
-Primitive<void(Transposition const&)> const Transpose8{TransposeBody<Squares<std::uint64_t>, 8>(), Baseline()};
+Primitive<void(Transposition const&)> const Transpose8{TransposeBody<Squares<std::uint64_t>, 8>()};
 
 // ---- Few channels: one side of a rectangle is so short that it leaves no squares, and stands without gaps. The other
 // side goes in as many streams.
