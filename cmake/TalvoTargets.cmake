@@ -67,8 +67,8 @@ function(talvo_optimise target)
   # write most of them out a second and a third time, for the last few elements of a row.
   set(loops
       kernel/rows/conversion_rows.cpp kernel/rows/elementwise_rows.cpp kernel/rows/fused_product.cpp
-      kernel/rows/gates.cpp kernel/rows/mixed_channels.cpp kernel/rows/pixels.cpp kernel/rows/samples.cpp
-      kernel/rows/transpose.cpp)
+      kernel/rows/gates.cpp kernel/rows/matrix_product.cpp kernel/rows/mixed_channels.cpp kernel/rows/pixels.cpp
+      kernel/rows/samples.cpp kernel/rows/transpose.cpp)
   # Kernels hand on what they are asked, mostly in calls that leave no frame behind: where g++ writes the tables itself,
   # not the assembler, it leaves such functions out.
   set(shells entry/register_extra_operators.cpp entry/register_fused_operators.cpp entry/register_operators.cpp)

@@ -299,7 +299,9 @@ struct RunPlaneBody {
   // The widest vectors of which a row of results holds one.
   template <int kLanes, class Step>
   static TALVO_ROWS_INLINE void RunWidest(PlaneRun const& run) {
-    if constexpr (kLanes > 1) {
+    if constexpr (kLanes == Avx512::kLanes) {
+      if (run.columns < kLanes) return (kFused ? RunFusedPlane : RunPlane).RunAsAvx2(run);
+    } else if constexpr (kLanes > 1) {
       if (run.columns < kLanes) return RunWidest<(kLanes > 4 ? kLanes / 2 : 1), Step>(run);
     }
     if constexpr (kLanes > 1 && Step::kIsInstructions) {  // beside steps in software nothing else takes time

@@ -12,10 +12,13 @@ namespace {
 
 constexpr float kInfinity = std::numeric_limits<float>::infinity(), kNaN = std::numeric_limits<float>::quiet_NaN();
 
-// Floats that are computed in double take half a register each. As many at a time as are fastest: more than registers
-// hold, so that none waits for a division.
-template <class Set>
-using FloatsOfDoubles = Pack<float, Set::kLanes / 2, (Set::kLanes == 4 ? 10 : 64 / Set::kLanes)>;
+// Floats that are computed in double take half a register each. As many vectors at a time as are fastest: more than
+// registers hold, so that none waits for a division.
+template <class Set, int kBaseline, int kAvx2, int kAvx512>
+using FloatsOfDoubles = Pack<float, Set::kLanes / 2,
+                             (Set::kLanes == 4   ? kBaseline
+                              : Set::kLanes == 8 ? kAvx2
+                                                 : kAvx512)>;
 
 // 2^(i/32).
 constexpr double kRoots[32] = {0x1.0000000000000p+0, 0x1.059b0d3158574p+0, 0x1.0b5586cf9890fp+0, 0x1.11301d0125b51p+0,
@@ -99,7 +102,7 @@ TALVO_ROWS_INLINE Pack<float, kLanes, kTimes> Exp(Pack<float, kLanes, kTimes> co
 
 struct ExpStep {
   template <class Set>
-  using Floats = FloatsOfDoubles<Set>;
+  using Floats = FloatsOfDoubles<Set, 10, 8, 4>;
   template <class Floats>
   static TALVO_ROWS_INLINE Floats Of(Floats const& x) {
     return Exp(x);
@@ -108,7 +111,7 @@ struct ExpStep {
 
 struct SigmoidStep {
   template <class Set>
-  using Floats = FloatsOfDoubles<Set>;
+  using Floats = FloatsOfDoubles<Set, 10, 8, 4>;
   template <class Floats>
   static TALVO_ROWS_INLINE Floats Of(Floats const& x) {
     return 1.0f / (Exp(0.0f - x) + 1.0f);
@@ -169,7 +172,7 @@ struct TanhStep {
 // is the only one.
 struct LogStep {
   template <class Set>
-  using Floats = FloatsOfDoubles<Set>;
+  using Floats = FloatsOfDoubles<Set, 8, 6, 4>;
 
   // s (f^2 / 2 + R(s^2)), R with the least error relative to log(1 + f): 2^-59.
   template <class Doubles>
@@ -218,7 +221,7 @@ struct LogStep {
 // p and q interpolate erf(x) / x and erf at Chebyshev's nodes; they are off by less than 4e-10.
 struct ErfStep {
   template <class Set>
-  using Floats = Pack<float, Set::kLanes / 2, 5>;
+  using Floats = FloatsOfDoubles<Set, 5, 5, 5>;
 
   template <int kCount, class Doubles>
   static TALVO_ROWS_INLINE Doubles Polynomial(double const (&c)[kCount], Doubles const& x) {

@@ -107,6 +107,11 @@ class Primitive<void(Arguments...)> {
 
   void operator()(Arguments... arguments) const { versions_[static_cast<std::size_t>(ActiveSet())](arguments...); }
 
+  /// For a body compiled for AVX-512 that finds less than a vector: the version for AVX2 has its loops already.
+  void RunAsAvx2(Arguments... arguments) const {
+    versions_[static_cast<std::size_t>(InstructionSet::kAvx2)](arguments...);
+  }
+
  private:
   using Version = void (*)(Arguments...);
 

@@ -56,6 +56,8 @@ TALVO_ROWS_INLINE void SumAllRows(float const* weight, float const* x, float con
       std::size_t const o = std::min<std::size_t>(next, outputs - kLanes);
       SumRows<kLanes>(weight + o * inputs, x, bias != nullptr ? bias + o : nullptr, inputs, y + o);
     }
+  } else if constexpr (kLanes == Avx512::kLanes) {
+    MatrixVector.RunAsAvx2(weight, x, bias, outputs, inputs, y);
   } else if constexpr (kLanes > Baseline::kLanes) {
     SumAllRows<kLanes / 2>(weight, x, bias, outputs, inputs, y);
   } else {

@@ -175,7 +175,9 @@ struct RunPositionsBody {
   template <class Set, int kLanes, int kVectors>
   static TALVO_ROWS_INLINE void RunWidest(PositionRun const& run) {
     constexpr std::size_t kWide = kVectors * kLanes;
-    if constexpr (kWide > 1) {
+    if constexpr (kLanes == Avx512::kLanes && kVectors == 1) {
+      if (run.positions < kWide) return RunPositions.RunAsAvx2(run);
+    } else if constexpr (kWide > 1) {
       constexpr int kNarrower = kVectors > 1 ? kLanes : kLanes > 4 ? kLanes / 2 : 1;
       if (run.positions < kWide) return RunWidest<Set, kNarrower, (kVectors + 1) / 2>(run);
     }
