@@ -82,39 +82,37 @@ TALVO_ROWS_INLINE Pack<double, kLanes, kTimes> Power(Pack<std::int64_t, kLanes, 
 
 // With z = 32 x / ln 2, k the whole number next to it and r = z - k: e^x = 2^(k/32) p(r), in double, p the cubic with
 // the least relative error, rounded to float once. 32 / ln 2 stands in two parts whose products with a float are exact.
-// Outside the bounds that last rounding gives 0 and infinity.
+// Outside the bounds that last rounding gives 0 and infinity. e^-x where `turned`: constants change their signs, not x.
 template <int kLanes, int kTimes>
-TALVO_ROWS_INLINE Pack<float, kLanes, kTimes> Exp(Pack<float, kLanes, kTimes> const& x) {
+TALVO_ROWS_INLINE Pack<float, kLanes, kTimes> Exp(Pack<float, kLanes, kTimes> const& x, bool turned) {
   using Floats = Pack<float, kLanes, kTimes>;
   using Doubles = Pack<double, kLanes, kTimes>;
   constexpr float kHighest = 90.0f, kLowest = -105.0f;
   constexpr double kScaleHigh = 0x1.7154765p+5, kScaleLow = 0x1.5c17fp-26;
+  float const highest = turned ? -kLowest : kHighest, lowest = turned ? -kHighest : kLowest;
+  double const scale_high = turned ? -kScaleHigh : kScaleHigh, scale_low = turned ? -kScaleLow : kScaleLow;
   constexpr double kRound = 0x1.8p+52;  // added to a number, it leaves no place for a fraction
   constexpr double kC1 = 0x1.62e42ff0c52d6p-6, kC2 = 0x1.ebfce50fac4f3p-13, kC3 = 0x1.c6af84b912394p-20;
-  Floats const capped = Select<float>(x < kHighest, x, kHighest);
-  Doubles const held = Convert<double>(Select<float>(Floats(kLowest) < capped, capped, kLowest));
-  Doubles const z = held * kScaleHigh, rounded = z + kRound;
-  Doubles const r = (z - (rounded - kRound)) + held * kScaleLow;
+  Floats const capped = Select<float>(x < highest, x, highest);
+  Doubles const held = Convert<double>(Select<float>(Floats(lowest) < capped, capped, lowest));
+  Doubles const z = held * scale_high, rounded = z + kRound;
+  Doubles const r = (z - (rounded - kRound)) + held * scale_low;
   Doubles const p = ((r * kC3 + kC2) * r + kC1) * r + 1.0;
   Floats const y = Convert<float>(p * Power(BitsAs<std::int64_t>(rounded)));
   return Select<float>(x == x, y, x + x);
 }
 
+// e^x, or 1 / (e^-x + 1).
 struct ExpStep {
   template <class Set>
   using Floats = FloatsOfDoubles<Set, 10, 8, 4>;
-  template <class Floats>
-  static TALVO_ROWS_INLINE Floats Of(Floats const& x) {
-    return Exp(x);
-  }
-};
 
-struct SigmoidStep {
-  template <class Set>
-  using Floats = FloatsOfDoubles<Set, 10, 8, 4>;
+  bool of_sigmoid;
+
   template <class Floats>
-  static TALVO_ROWS_INLINE Floats Of(Floats const& x) {
-    return 1.0f / (Exp(0.0f - x) + 1.0f);
+  TALVO_ROWS_INLINE Floats Of(Floats const& x) const {
+    Floats const y = Exp(x, of_sigmoid);
+    return of_sigmoid ? 1.0f / (y + 1.0f) : y;
   }
 };
 
@@ -256,34 +254,62 @@ struct ErfStep {
   }
 };
 
+template <class Set, class Step>
+TALVO_ROWS_INLINE void MapRow(Step const& step, float const* x, std::size_t n, float* y) {
+  using Floats = typename Step::template Floats<Set>;
+  constexpr std::size_t kBlock = Floats::kCount;
+  // Elements from x to y, wrapping: a y that begins inside the first block of x must be read before it is written.
+  std::size_t const ahead = (reinterpret_cast<std::uintptr_t>(y) - reinterpret_cast<std::uintptr_t>(x)) / sizeof(float);
+  std::size_t const block = 0 < ahead && ahead < kBlock ? ahead : kBlock;
+  for (std::size_t i = 0; i < n; i += block) {
+    std::size_t const count = std::min(block, n - i);
+    bool const whole = count == kBlock;
+    float part[kBlock];
+    if (!whole) {
+      std::fill_n(part, kBlock, 0.0f);
+      std::copy_n(x + i, count, part);
+    }
+    step.Of(Floats::Load(whole ? x + i : part)).Store(whole ? y + i : part);  // once: the step is long
+    if (!whole) std::copy_n(part, count, y + i);
+  }
+}
+
 template <class Step>
 struct MapBody {
   template <class Set>
   static TALVO_ROWS_INLINE void Run(float const* x, std::size_t n, float* y) {
-    using Floats = typename Step::template Floats<Set>;
-    constexpr std::size_t kBlock = Floats::kCount;
-    // Elements from x to y, wrapping: a y that begins inside the first block of x must be read before it is written.
-    std::size_t const ahead =
-        (reinterpret_cast<std::uintptr_t>(y) - reinterpret_cast<std::uintptr_t>(x)) / sizeof(float);
-    std::size_t const block = 0 < ahead && ahead < kBlock ? ahead : kBlock;
-    for (std::size_t i = 0; i < n; i += block) {
-      std::size_t const count = std::min(block, n - i);
-      bool const whole = count == kBlock;
-      float part[kBlock];
-      if (!whole) {
-        std::fill_n(part, kBlock, 0.0f);
-        std::copy_n(x + i, count, part);
-      }
-      Step::Of(Floats::Load(whole ? x + i : part)).Store(whole ? y + i : part);  // once: the step is long
-      if (!whole) std::copy_n(part, count, y + i);
+    MapRow<Set>(Step(), x, n, y);
+  }
+};
+
+// One loop for both, which is long, but for AVX-512: there it is short, and g++ takes selections by a bound that it
+// does not know apart.
+struct ExponentialBody {
+  template <class Set>
+  static TALVO_ROWS_INLINE void Run(bool of_sigmoid, float const* x, std::size_t n, float* y) {
+    if constexpr (!std::is_same_v<Set, Avx512>) {
+      MapRow<Set>(ExpStep{of_sigmoid}, x, n, y);
+    } else if (of_sigmoid) {
+      MapRow<Set>(ExpStep{true}, x, n, y);
+    } else {
+      MapRow<Set>(ExpStep{false}, x, n, y);
     }
+  }
+};
+Primitive<void(bool, float const*, std::size_t, float*)> const ExponentialRow{ExponentialBody()};
+
+template <bool kOfSigmoid>
+struct OneOfBoth {
+  template <class Set>
+  static TALVO_ROWS_INLINE void Run(float const* x, std::size_t n, float* y) {
+    ExponentialRow(kOfSigmoid, x, n, y);
   }
 };
 
 }  // namespace
 
-Primitive<void(float const*, std::size_t, float*)> const ExpRow{MapBody<ExpStep>()};
-Primitive<void(float const*, std::size_t, float*)> const SigmoidRow{MapBody<SigmoidStep>()};
+Primitive<void(float const*, std::size_t, float*)> const ExpRow{OneOfBoth<false>(), Baseline()};
+Primitive<void(float const*, std::size_t, float*)> const SigmoidRow{OneOfBoth<true>(), Baseline()};
 Primitive<void(float const*, std::size_t, float*)> const TanhRow{MapBody<TanhStep>()};
 Primitive<void(float const*, std::size_t, float*)> const LogRow{MapBody<LogStep>()};
 Primitive<void(float const*, std::size_t, float*)> const ErfRow{
