@@ -25,14 +25,20 @@ Base* Make() {
 #define TALVO_KERNEL(Class) \
   { #Class, Make < runtime::IKernel, kernel::Class> }
 
-/// Names that are present already keep their factories.
+/// Names that are present already keep their factories. One body for tables of any length.
+template <class Base>
+void RegisterEntries(Entry<Base> const* entries, std::size_t count,
+                     runtime::ClassRegistry<std::shared_ptr<Base>>& registry) {
+  for (std::size_t i = 0; i < count; ++i) {
+    auto const make = entries[i].make;
+    registry.Register(
+        entries[i].name, [make] { return std::shared_ptr<Base>(make()); }, false);
+  }
+}
+
 template <class Base, std::size_t kCount>
 void RegisterAll(Entry<Base> const (&entries)[kCount], runtime::ClassRegistry<std::shared_ptr<Base>>& registry) {
-  for (auto const& entry : entries) {
-    auto const make = entry.make;
-    registry.Register(
-        entry.name, [make] { return std::shared_ptr<Base>(make()); }, false);
-  }
+  RegisterEntries(entries, kCount, registry);
 }
 
 using KernelRegistry = runtime::ClassRegistry<std::shared_ptr<runtime::IKernel>>;

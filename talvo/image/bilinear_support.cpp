@@ -42,16 +42,19 @@ std::vector<std::int16_t> Repeated(std::vector<std::int16_t> const& values, std:
   return repeated;
 }
 
+// GatherTaps for pixels of 1 to 4 bytes.
+constexpr decltype(&GatherTaps<1>) kGatherTaps[] = {GatherTaps<1>, GatherTaps<2>, GatherTaps<3>, GatherTaps<4>};
+
 // Source rows interpolated horizontally, two at a time.
-template <std::size_t kPixelBytes>
 class Lines {
  public:
-  Lines(PixelRows const& from, Taps const& columns)
+  Lines(PixelRows const& from, Taps const& columns, std::size_t pixel_bytes)
       : from_(from),
         columns_(columns),
-        count_(columns.first.size() * kPixelBytes),
-        weight0_(Repeated(columns.weight0, kPixelBytes)),
-        weight1_(Repeated(columns.weight1, kPixelBytes)),
+        gather_taps_(kGatherTaps[pixel_bytes - 1]),
+        count_(columns.first.size() * pixel_bytes),
+        weight0_(Repeated(columns.weight0, pixel_bytes)),
+        weight1_(Repeated(columns.weight1, pixel_bytes)),
         inner_(InnerPixels(columns)),
         left_(count_ + 1),
         right_(count_ + 1),
@@ -86,30 +89,21 @@ class Lines {
 
   void Fill(Line& line, std::size_t row) {
     if (line.row == row) return;
-    GatherTaps<kPixelBytes>(from_.first + row * from_.row_bytes, columns_.first.data(), columns_.distance, inner_,
-                            columns_.first.size(), left_.data(), right_.data());
+    gather_taps_(from_.first + row * from_.row_bytes, columns_.first.data(), columns_.distance, inner_,
+                 columns_.first.size(), left_.data(), right_.data());
     rows::BlendTaps(left_.data(), right_.data(), weight0_.data(), weight1_.data(), count_, line.values.data());
     line.row = row;
   }
 
   PixelRows const from_;
   Taps const& columns_;
+  decltype(&GatherTaps<1>) const gather_taps_;
   std::size_t const count_;  // values of a line
   std::vector<std::int16_t> const weight0_, weight1_;
   std::size_t const inner_;
   std::vector<unsigned char> left_, right_;
   Line upper_, lower_;
 };
-
-template <std::size_t kPixelBytes>
-void Resize(PixelRows const& from, Taps const& taps, Taps const& columns, unsigned char* to) {
-  Lines<kPixelBytes> lines(from, columns);
-  for (std::size_t y = 0; y < taps.first.size(); ++y) {
-    lines.MoveTo(taps.first[y], taps.distance);
-    rows::BlendLines(lines.upper(), lines.lower(), taps.weight0[y], taps.weight1[y], lines.count(),
-                     to + y * lines.count());
-  }
-}
 
 }  // namespace
 
@@ -134,15 +128,10 @@ Taps::Taps(std::size_t from, std::size_t to, double scale, double offset)
 
 void ResizeBilinear(PixelRows const& from, Taps const& row_taps, Taps const& column_taps, std::size_t pixel_bytes,
                     unsigned char* to) {
-  switch (pixel_bytes) {
-    case 1:
-      return Resize<1>(from, row_taps, column_taps, to);
-    case 2:
-      return Resize<2>(from, row_taps, column_taps, to);
-    case 3:
-      return Resize<3>(from, row_taps, column_taps, to);
-    default:
-      return Resize<4>(from, row_taps, column_taps, to);
+  Lines lines(from, column_taps, pixel_bytes);
+  for (std::size_t y = 0; y < row_taps.first.size(); ++y, to += lines.count()) {
+    lines.MoveTo(row_taps.first[y], row_taps.distance);
+    rows::BlendLines(lines.upper(), lines.lower(), row_taps.weight0[y], row_taps.weight1[y], lines.count(), to);
   }
 }
 

@@ -127,7 +127,7 @@ int JudgeOneImage(Tensors const& tensors, unsigned int data_type);
 /// Config of a kernel with this form refuses -1.
 template <class Info>
 int StrictParam(LayerPtr const& layer, ParamPtr const& param) {
-  return param == nullptr && std::dynamic_pointer_cast<Info>(layer) != nullptr ? 0 : -1;
+  return param == nullptr && dynamic_cast<Info const*>(layer.get()) != nullptr ? 0 : -1;
 }
 
 /// The inverted judgement: 0 when neither is given, -1 otherwise. Config of a kernel with this form refuses 0, so that

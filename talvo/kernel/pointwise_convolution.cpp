@@ -68,7 +68,7 @@ struct PointwiseOperation : support::Strict<runtime::Conv2dInfo> {
   static constexpr char const* kName = "Conv2d_K1x1_S1x1_D1x1_G1_SGEMM_CHW_FLOAT_M1";
 
   int IsValidParam(LayerPtr const& layer, ParamPtr const& param) const override {
-    auto const info = std::dynamic_pointer_cast<runtime::Conv2dInfo>(layer);
+    auto const* const info = dynamic_cast<runtime::Conv2dInfo const*>(layer.get());
     return param == nullptr && info != nullptr && IsPointwise(*info) ? 0 : -1;
   }
 

@@ -51,27 +51,26 @@ PoolingShape ShapeOf(TensorCPU const& input, TensorCPU const& output) {
   return {dims[0], dims[1], dims[2], output.shape.dims[1], output.shape.dims[2]};
 }
 
-// What the three have in common. `Operation` adds its name, what it reads of the layer, the output's dims, what it
-// refuses of its input, and the pooling itself.
-template <class Operation, class Info>
-struct PoolingOf : support::Strict<Info> {
-  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) override {
-    layer_id = layer->id;
-    static_cast<Operation&>(*this).Read(support::As<Info>(Who(), layer));
-    return true;
-  }
+// What the three have in common. Each adds what it reads of the layer, the output's dims, what it refuses of its input,
+// and the pooling itself.
+struct Pooling : support::PlainOperation {
+  virtual Dims OutputDims(Dims const& dims) const = 0;
+  virtual void Check(TensorCPU const&) const {}  // floats in three axes may be all that it needs
+  virtual void Run(TensorCPU const& input, TensorCPU const& output, runtime::DeviceCPU& device) const = 0;
+
+  bool Passes(int judgement) const override { return judgement != -1; }
 
   Shapes GetOutputShapes(Shapes const& shapes) const override {
     TensorShape const& input = support::ShapeAt(Who(), shapes, 0, 3);
-    return support::OneShape(Self().OutputDims(input.dims), input.data_type, input.layout, input.location);
+    return support::OneShape(OutputDims(input.dims), input.data_type, input.layout, input.location);
   }
 
   int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
               ContextPtr const& context) const override {
     auto const x = support::Input(Who(), inputs, 0, 3);
-    Self().Check(*x);
+    Check(*x);
     auto const y = support::NewOutput(kernel, inputs, context);
-    Self().Run(*x, *y, support::Device(Who(), context));
+    Run(*x, *y, support::Device(Who(), context));
     return support::Give(y, outputs);
   }
 
@@ -80,33 +79,30 @@ struct PoolingOf : support::Strict<Info> {
   }
   int IsValidOutput(Tensors const& outputs) const override { return IsValidInput(outputs); }
 
-  Operation const& Self() const { return static_cast<Operation const&>(*this); }
-  support::Who Who() const { return {Operation::kName, layer_id}; }
+  support::Who Who() const { return {CName(), layer_id}; }
 
   std::string layer_id;
 };
 
 // The two kinds with a window.
-template <class Operation, class Info>
-struct WindowedPoolingOf : PoolingOf<Operation, Info> {
+struct WindowedPooling : Pooling {
   void CheckStride() const {
     if (window.stride_y == 0 || window.stride_x == 0) {
-      Refuse("%s: stride %zu x %zu; a stride is 1 or more", this->Who().Text().c_str(), window.stride_y,
-             window.stride_x);
+      Refuse("%s: stride %zu x %zu; a stride is 1 or more", Who().Text().c_str(), window.stride_y, window.stride_x);
     }
   }
 
   // What it needs of the input before any output is made.
-  void Check(TensorCPU const& input) const {
-    support::CheckTensor(this->Who(), "the input", &input, {4, 3, 0, TensorShape::FLOAT32, TensorShape::CHW});
+  void Check(TensorCPU const& input) const override {
+    support::CheckTensor(Who(), "the input", &input, {4, 3, 0, TensorShape::FLOAT32, TensorShape::CHW});
     auto const& dims = input.shape.dims;
     std::size_t const height = dims[1] + window.padding_t + window.padding_b,
                       width = dims[2] + window.padding_l + window.padding_r;
     std::size_t const reach_y = Reach(window.kernel_y, window.dilation_y),
                       reach_x = Reach(window.kernel_x, window.dilation_x);
     if (reach_y > height || reach_x > width) {
-      Refuse("%s: a window of %zu x %zu on a padded input of %zu x %zu", this->Who().Text().c_str(), reach_y, reach_x,
-             height, width);
+      Refuse("%s: a window of %zu x %zu on a padded input of %zu x %zu", Who().Text().c_str(), reach_y, reach_x, height,
+             width);
     }
   }
 
@@ -115,21 +111,28 @@ struct WindowedPoolingOf : PoolingOf<Operation, Info> {
 
 }  // namespace
 
-struct AveragePoolingOperation : WindowedPoolingOf<AveragePoolingOperation, runtime::AvgPool2dInfo> {
+struct AveragePoolingOperation : WindowedPooling {
   static constexpr char const* kName = "Pooling2D_Avg_Fallback_Float_M1";
 
-  void Read(runtime::AvgPool2dInfo const& info) {
-    window = ReadWindow(info);
-    count_include_pad = info.count_include_pad;
+  int IsValidParam(LayerPtr const& layer, ParamPtr const& param) const override {
+    return support::StrictParam<runtime::AvgPool2dInfo>(layer, param);
   }
 
-  Dims OutputDims(Dims const& dims) const {
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) override {
+    layer_id = layer->id;
+    auto const& info = support::As<runtime::AvgPool2dInfo>(Who(), layer);
+    window = ReadWindow(info);
+    count_include_pad = info.count_include_pad;
+    return true;
+  }
+
+  Dims OutputDims(Dims const& dims) const override {
     CheckStride();
     return {dims[0], AverageExtent(dims[1], window.kernel_y, window.padding_t + window.padding_b, window.stride_y),
             AverageExtent(dims[2], window.kernel_x, window.padding_l + window.padding_r, window.stride_x)};
   }
 
-  void Run(TensorCPU const& input, TensorCPU const& output, runtime::DeviceCPU& device) const {
+  void Run(TensorCPU const& input, TensorCPU const& output, runtime::DeviceCPU& device) const override {
     PoolingShape const shape = ShapeOf(input, output);
     auto const scratch = support::NewScratch(device, functional::average_pool_scratch_f32(shape, window));
     functional::average_pool_f32(input.Data<float>(), shape, window, count_include_pad, scratch->Data<float>(),
@@ -139,17 +142,24 @@ struct AveragePoolingOperation : WindowedPoolingOf<AveragePoolingOperation, runt
   bool count_include_pad = false;
 };
 
-struct MaximumPoolingOperation : WindowedPoolingOf<MaximumPoolingOperation, runtime::MaxPool2dInfo> {
+struct MaximumPoolingOperation : WindowedPooling {
   static constexpr char const* kName = "Pooling2D_Max_Fallback_Float_M1";
 
-  void Read(runtime::MaxPool2dInfo const& info) {
+  int IsValidParam(LayerPtr const& layer, ParamPtr const& param) const override {
+    return support::StrictParam<runtime::MaxPool2dInfo>(layer, param);
+  }
+
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) override {
+    layer_id = layer->id;
+    auto const& info = support::As<runtime::MaxPool2dInfo>(Who(), layer);
     window = ReadWindow(info);
     window.dilation_y = info.dilation_y;
     window.dilation_x = info.dilation_x;
     ceil_mode = info.ceil_mode;
+    return true;
   }
 
-  Dims OutputDims(Dims const& dims) const {
+  Dims OutputDims(Dims const& dims) const override {
     CheckStride();
     return {dims[0],
             MaximumExtent(dims[1], window.kernel_y, window.dilation_y, window.padding_t + window.padding_b,
@@ -158,7 +168,7 @@ struct MaximumPoolingOperation : WindowedPoolingOf<MaximumPoolingOperation, runt
                           window.stride_x, ceil_mode)};
   }
 
-  void Run(TensorCPU const& input, TensorCPU const& output, runtime::DeviceCPU& device) const {
+  void Run(TensorCPU const& input, TensorCPU const& output, runtime::DeviceCPU& device) const override {
     PoolingShape const shape = ShapeOf(input, output);
     auto const scratch = support::NewScratch(device, functional::max_pool_scratch_f32(shape, window));
     functional::max_pool_f32(input.Data<float>(), shape, window, scratch->Data<float>(), output.Data<float>());
@@ -167,22 +177,27 @@ struct MaximumPoolingOperation : WindowedPoolingOf<MaximumPoolingOperation, runt
   bool ceil_mode = false;
 };
 
-struct AdaptiveAveragePoolingOperation : PoolingOf<AdaptiveAveragePoolingOperation, runtime::AdaptiveAvgPool2dInfo> {
+struct AdaptiveAveragePoolingOperation : Pooling {
   static constexpr char const* kName = "AdaptivePooling2D_Avg_Fallback_CHW_Float_M1";
 
-  void Read(runtime::AdaptiveAvgPool2dInfo const& info) {
+  int IsValidParam(LayerPtr const& layer, ParamPtr const& param) const override {
+    return support::StrictParam<runtime::AdaptiveAvgPool2dInfo>(layer, param);
+  }
+
+  bool Config(LayerPtr const& layer, ParamPtr const&, ContextPtr const&) override {
+    layer_id = layer->id;
+    auto const& info = support::As<runtime::AdaptiveAvgPool2dInfo>(Who(), layer);
     if (info.output_size.size() < 2) {
       Refuse("%s: output_size has %zu entries, needs 2", Who().Text().c_str(), info.output_size.size());
     }
     out_height = info.output_size[0];
     out_width = info.output_size[1];
+    return true;
   }
 
-  Dims OutputDims(Dims const& dims) const { return {dims[0], out_height, out_width}; }
+  Dims OutputDims(Dims const& dims) const override { return {dims[0], out_height, out_width}; }
 
-  static void Check(TensorCPU const&) {}  // floats in three axes are all that it needs
-
-  void Run(TensorCPU const& input, TensorCPU const& output, runtime::DeviceCPU& device) const {
+  void Run(TensorCPU const& input, TensorCPU const& output, runtime::DeviceCPU& device) const override {
     PoolingShape const shape = ShapeOf(input, output);
     auto const scratch = support::NewScratch(device, functional::adaptive_pool_scratch_f32(shape));
     functional::adaptive_average_pool_f32(input.Data<float>(), shape, scratch->Data<float>(), output.Data<float>());

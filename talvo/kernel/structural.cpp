@@ -34,14 +34,17 @@ bool HasChannelsOutermost(Tensor const& tensor) {
 }
 
 // The tensors pass as they are; `accept` is what IsValidInput demands of the one tensor.
-template <bool (*kAccept)(Tensor const&)>
 struct PassThrough : support::Inverted {
+  explicit PassThrough(bool (*demand)(Tensor const&)) : accept(demand) {}
+
   int Forward(IKernel const&, Tensors const& inputs, Tensors& outputs, ContextPtr const&) const override {
     if (&outputs != &inputs) outputs = inputs;
     return 0;
   }
-  int IsValidInput(Tensors const& inputs) const override { return support::Judge(inputs, 1, kAccept); }
+  int IsValidInput(Tensors const& inputs) const override { return support::Judge(inputs, 1, accept); }
   int IsValidOutput(Tensors const& outputs) const override { return IsValidInput(outputs); }
+
+  bool (*const accept)(Tensor const&);
 };
 
 bool AcceptsAny(Tensor const&) { return true; }
@@ -54,11 +57,15 @@ struct JudgedInVain : support::Strict<Info> {
 
 }  // namespace
 
-struct InputOperation : PassThrough<AcceptsAny> {
+struct InputOperation {
+  using Body = PassThrough;
+  static constexpr bool (*kForm)(Tensor const&) = AcceptsAny;
   static constexpr char const* kName = "Input_Fallback_M1";
 };
 
-struct StraightThroughOperation : PassThrough<support::LiesInMainMemory> {
+struct StraightThroughOperation {
+  using Body = PassThrough;
+  static constexpr bool (*kForm)(Tensor const&) = support::LiesInMainMemory;
   static constexpr char const* kName = "Straight_Through_Fallback_M1";
 };
 

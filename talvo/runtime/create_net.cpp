@@ -62,22 +62,6 @@ void CheckRepetitions(std::vector<std::string> const& ids, char const* what, std
          layer_id != nullptr ? layer_id->c_str() : "", repeated->c_str(), support::kMostRepeats);
 }
 
-LayerCfg const& RecordOf(TLModelCfg const& config, std::string const& id, std::size_t) {
-  auto const found = config.layers.find(id);
-  if (found == config.layers.end() || found->second == nullptr) {
-    Refuse("layer %s: the configuration has no record of it", id.c_str());
-  }
-  return *found->second;
-}
-
-LayerInferenceConfig const& RecordOf(InferenceConfig const& config, std::string const& id, std::size_t index) {
-  if (index >= config.layers.size()) {
-    Refuse("layer %s: the configuration has %zu records, none for layer index %zu", id.c_str(), config.layers.size(),
-           index);
-  }
-  return config.layers[index];
-}
-
 // A kernel as either configuration names it.
 struct Choice {
   std::string const* name = nullptr;  // null: it names none
@@ -103,35 +87,63 @@ ConverterChoices ChoicesOf(std::string const& layer_id, std::shared_ptr<KernelCf
   return choices;
 }
 
-ConverterChoices ChoicesOf(std::string const&,
-                           std::map<unsigned int, std::shared_ptr<KernelInferenceConfig>> const& converters) {
+ConverterChoices ChoicesOf(std::map<unsigned int, std::shared_ptr<KernelInferenceConfig>> const& converters) {
   ConverterChoices choices;
   for (auto const& [position, config] : converters) choices.emplace_back(position, ChoiceOf(config.get()));
   return choices;
 }
 
-// Makes the layers of one net. The packaged configuration has level-2 lines around each kernel, and a main kernel that
-// refuses its parameters ends the construction.
+// A configuration in one of its two forms; the other one is null. The packaged form has level-2 lines around each
+// kernel, and a main kernel that refuses its parameters ends the construction.
+struct Config {
+  TLModelCfg const* packaged;
+  InferenceConfig const* light;
+};
+
+// What it says of one layer.
+class LayerConfig {
+ public:
+  LayerConfig(Config const& config, std::string const& layer_id, std::size_t index) : id_(layer_id) {
+    if (config.packaged != nullptr) {
+      auto const found = config.packaged->layers.find(id_);
+      if (found == config.packaged->layers.end() || found->second == nullptr)
+        Refuse("layer %s: the configuration has no record of it", id_.c_str());
+      packaged_ = found->second.get();
+    } else {
+      auto const& records = config.light->layers;
+      if (index >= records.size())
+        Refuse("layer %s: the configuration has %zu records, none for layer index %zu", id_.c_str(), records.size(),
+               index);
+      light_ = &records[index];
+    }
+  }
+
+  ConverterChoices InputConverters() const {
+    return packaged_ != nullptr ? ChoicesOf(id_, packaged_->input_converters) : ChoicesOf(light_->input_converters);
+  }
+  Choice Kernel() const {
+    return packaged_ != nullptr ? ChoiceOf(packaged_->kernel.get()) : ChoiceOf(light_->kernel.get());
+  }
+  ConverterChoices OutputConverters() const {
+    return packaged_ != nullptr ? ChoicesOf(id_, packaged_->output_converters) : ChoicesOf(light_->output_converters);
+  }
+
+ private:
+  std::string const& id_;
+  LayerCfg const* packaged_ = nullptr;
+  LayerInferenceConfig const* light_ = nullptr;
+};
+
+// Makes the layers of one net.
 class Builder {
  public:
-  Builder(TLModelInfo const& model, bool is_packaged, KernelRegistry const& kernels,
+  Builder(TLModelInfo const& model, Config const& config, KernelRegistry const& kernels,
           std::shared_ptr<Context> const& context)
-      : model_(model), is_packaged_(is_packaged), kernels_(kernels), context_(context) {}
+      : model_(model), config_(config), kernels_(kernels), context_(context) {}
 
-  template <class Config>
-  std::shared_ptr<Net> Build(Config const& config) {
-    std::vector<std::string> const& ids = model_.squential_ids;
+  std::shared_ptr<Net> Build() {
     IndexLayers();
-    for (std::size_t i = 0; i < ids.size(); ++i) {
-      std::shared_ptr<LayerInfo> const& info = InfoOf(ids[i]);
-      auto const& record = RecordOf(config, ids[i], i);
-      auto layer = NewLayer(*info, ids[i], i);
-      // Kernels are made in the order in which they run, which the lines of the log show.
-      layer->input_converters = MakeConverters(ids[i], ChoicesOf(ids[i], record.input_converters));
-      MakeMainKernel(*layer, ids[i], ChoiceOf(record.kernel.get()), info);
-      layer->output_converters = MakeConverters(ids[i], ChoicesOf(ids[i], record.output_converters));
-      Wire(layer, *info, i);
-    }
+    for (std::size_t i = 0; i < model_.squential_ids.size(); ++i) AddLayer(model_.squential_ids[i], i);
     return std::make_shared<Net>(layers_, input_ids_);
   }
 
@@ -144,32 +156,30 @@ class Builder {
     }
   }
 
-  std::shared_ptr<LayerInfo> const& InfoOf(std::string const& id) const {
+  void AddLayer(std::string const& id, std::size_t index) {
     auto const found = model_.layers.find(id);
     if (found == model_.layers.end() || found->second == nullptr)
       Refuse("layer %s: the model has no record of it", id.c_str());
-    return found->second;
-  }
-
-  std::shared_ptr<Layer> NewLayer(LayerInfo const& info, std::string const& id, std::size_t index) {
+    std::shared_ptr<LayerInfo> const& info = found->second;
+    LayerConfig const config(config_, id, index);
     auto layer = std::make_shared<Layer>();
-    layer->type = TypeName(info.type);
-    if (info.type == kInputType) input_ids_[id] = static_cast<unsigned int>(index);
-    return layer;
+    layer->type = TypeName(info->type);
+    if (info->type == kInputType) input_ids_[id] = static_cast<unsigned int>(index);
+    // Kernels are made in the order in which they run, which the lines of the log show.
+    layer->input_converters = MakeConverters(id, config.InputConverters());
+    layer->kernel = MakeKernel(id, config.Kernel(), info);
+    // Converters, and all kernels of the light configuration, may stay empty: the walk refuses them when it comes to
+    // them.
+    if (config_.packaged != nullptr && layer->kernel == nullptr) Refuse(nullptr);
+    layer->output_converters = MakeConverters(id, config.OutputConverters());
+    Wire(*layer, *info, index);
+    layers_.push_back(std::move(layer));
   }
 
   Converters MakeConverters(std::string const& layer_id, ConverterChoices const& choices) const {
     Converters converters;
     for (auto const& [position, choice] : choices) converters[position] = MakeKernel(layer_id, choice, nullptr);
     return converters;
-  }
-
-  void MakeMainKernel(Layer& layer, std::string const& layer_id, Choice const& choice,
-                      std::shared_ptr<LayerInfo> const& info) const {
-    layer.kernel = MakeKernel(layer_id, choice, info);
-    // Converters, and all kernels of the light configuration, may stay empty: the walk refuses them when it comes to
-    // them.
-    if (is_packaged_ && layer.kernel == nullptr) Refuse(nullptr);
   }
 
   // Empty when the kernel refuses its parameters. `info` is empty for a converter.
@@ -179,56 +189,61 @@ class Builder {
     if (choice.name == nullptr) Refuse("layer %s: its configuration names no %s", layer_id.c_str(), role);
     char const* const name = choice.name->c_str();
     auto kernel = kernels_.Create(*choice.name);
-    if (is_packaged_) utility::Log(2, "Create Kernel >> %s >> %s", name, kernel != nullptr ? "ok" : "nullptr");
+    if (config_.packaged != nullptr)
+      utility::Log(2, "Create Kernel >> %s >> %s", name, kernel != nullptr ? "ok" : "nullptr");
     if (kernel == nullptr) Refuse("layer %s: its %s \"%s\" is not registered", layer_id.c_str(), role, name);
     if (kernel->Config(info, *choice.param, context_)) return kernel;
-    if (is_packaged_) utility::Log(2, "Config Kernel <%s> failed.", name);
+    if (config_.packaged != nullptr) utility::Log(2, "Config Kernel <%s> failed.", name);
     return nullptr;
   }
 
-  // Adds the layer to the net and to the consumers of its producers.
-  void Wire(std::shared_ptr<Layer> const& layer, LayerInfo const& info, std::size_t index) {
+  void Wire(Layer& layer, LayerInfo const& info, std::size_t index) {
     CheckRepetitions(info.input_ids, "inputs", &info.id);
     unsigned int const reader = index_of_[info.id];  // once: a long id takes long to find
     for (std::size_t position = 0; position < info.input_ids.size(); ++position) {
       unsigned int const producer = index_of_[info.input_ids[position]];  // an id that no layer has enters as layer 0
       if (producer >= index) {
         Refuse("layer %s (%s): its input %zu is layer %s, which does not stand before it", info.id.c_str(),
-               layer->kernel != nullptr ? layer->kernel->GetName().c_str() : "no kernel", position,
+               layer.kernel != nullptr ? layer.kernel->GetName().c_str() : "no kernel", position,
                info.input_ids[position].c_str());
       }
-      layer->input_refs.emplace_back(producer, 0u);
+      layer.input_refs.emplace_back(producer, 0u);
       layers_[producer]->consumers.emplace_back(reader, static_cast<std::uint32_t>(position));
     }
-    layers_.push_back(layer);
   }
 
   TLModelInfo const& model_;
-  bool const is_packaged_;
+  Config const config_;
   KernelRegistry const& kernels_;
   std::shared_ptr<Context> const& context_;
   std::map<std::string, unsigned int> index_of_, input_ids_;
   std::vector<std::shared_ptr<Layer>> layers_;
 };
 
-void CheckArguments(TLModelInfo* model, bool has_config) {
+std::shared_ptr<Net> Create(TLModelInfo* model, Config const& config, KernelRegistry const& kernels,
+                            std::shared_ptr<Context> const& context) {
   if (model == nullptr) Refuse("CreateNet: the model is empty");
-  if (!has_config) Refuse("CreateNet: the configuration is empty; a package has one for each back end that it serves");
+  if (config.packaged == nullptr && config.light == nullptr)
+    Refuse("CreateNet: the configuration is empty; a package has one for each back end that it serves");
   __atomic_store_n(&model->has_net, true, __ATOMIC_RELAXED);  // several threads may make nets of one model
+  return Builder(*model, config, kernels, context).Build();
 }
 
 }  // namespace
 
+// Here, where nets are made, and not beside the walk, which is compiled for speed.
+Net::Net(std::vector<std::shared_ptr<Layer>> const& net_layers,
+         std::map<std::string, unsigned int> const& net_input_ids)
+    : layers(net_layers), input_ids(net_input_ids) {}
+
 std::shared_ptr<Net> CreateNet(std::shared_ptr<TLModelInfo> const& model, std::shared_ptr<TLModelCfg> const& config,
                                KernelRegistry const& kernels, std::shared_ptr<Context> const& context) {
-  CheckArguments(model.get(), config != nullptr);
-  return Builder(*model, true, kernels, context).Build(*config);
+  return Create(model.get(), {config.get(), nullptr}, kernels, context);
 }
 
 std::shared_ptr<Net> CreateNet(std::shared_ptr<TLModelInfo> const& model, std::shared_ptr<InferenceConfig> config,
                                KernelRegistry const& kernels, std::shared_ptr<Context> context) {
-  CheckArguments(model.get(), config != nullptr);
-  return Builder(*model, false, kernels, context).Build(*config);
+  return Create(model.get(), {nullptr, config.get()}, kernels, context);
 }
 
 }  // namespace talvo::runtime

@@ -19,7 +19,7 @@ constexpr std::size_t kStartBytes = sizeof(void*);  // an aligned block is prece
 
 // Enters a new block in use. Free list and table get the room for every block that there is, so that blocks change
 // between them without an allocation: Free runs where tensors are released, and nothing may be thrown there.
-void EnterBlock(void* block, unsigned long size, Blocks& free_blocks, UsedBlocks& used_blocks) {
+[[gnu::cold]] void EnterBlock(void* block, unsigned long size, Blocks& free_blocks, UsedBlocks& used_blocks) {
   std::size_t const blocks = free_blocks.size() + used_blocks.Count() + 1;
   if (free_blocks.capacity() < blocks) free_blocks.reserve(2 * blocks);
   used_blocks.Reserve(blocks);
@@ -57,7 +57,7 @@ unsigned long UsedBlocks::TotalBytes() const {
   return total;
 }
 
-void UsedBlocks::Reserve(std::size_t blocks) {
+[[gnu::cold]] void UsedBlocks::Reserve(std::size_t blocks) {
   if (2 * blocks <= slots_.size()) return;
   unsigned int bits = 4;
   while ((std::size_t{1} << bits) < 2 * blocks) ++bits;

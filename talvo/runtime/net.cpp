@@ -108,11 +108,8 @@ class Walk {
     for (unsigned int position = 0; position < layer_->input_refs.size(); ++position) {
       std::shared_ptr<Tensor> const& tensor = Produced(position);
       auto const converter = layer_->input_converters.find(position);
-      if (converter != layer_->input_converters.end()) {
-        kernel_inputs_.push_back(Convert(converter->second, tensor, true));
-      } else {
-        kernel_inputs_.push_back(tensor);
-      }
+      bool const is_converted = converter != layer_->input_converters.end();
+      kernel_inputs_.push_back(is_converted ? Convert(converter->second, tensor, true) : tensor);
     }
   }
 
@@ -137,7 +134,7 @@ class Walk {
     }
   }
 
-  [[gnu::noinline]] void Serve(Tensors const& outputs) {
+  [[gnu::cold]] void Serve(Tensors const& outputs) {
     --pending_;  // further requests of the layer are never served
     result_.emplace(index_, outputs);
   }
@@ -207,10 +204,6 @@ void LogUnprofiledInput(Layer const& layer) {
 }  // namespace
 
 unsigned int support::RefusedLayer() { return refused_layer; }
-
-[[gnu::cold]] Net::Net(std::vector<std::shared_ptr<Layer>> const& net_layers,
-                       std::map<std::string, unsigned int> const& net_input_ids)
-    : layers(net_layers), input_ids(net_input_ids) {}
 
 std::unordered_map<unsigned int, Tensors> Net::Forward(
     std::unordered_map<unsigned int, std::shared_ptr<Tensor>> const& inputs,

@@ -60,14 +60,12 @@ void WriteWeightBlob(FILEWriter& writer, std::string const& text) {
   std::size_t const count = bytes.size() / sizeof(float);
   unsigned long long written_count = count;
   writer.Visit(&written_count, nullptr);
-  std::vector<half> halves(std::min(count, kPiece));
+  std::vector<float> floats(std::min(count, kPiece));
+  std::vector<std::uint16_t> halves(floats.size());
   for (std::size_t done = 0; done < count;) {
     std::size_t const piece = std::min(count - done, kPiece);
-    for (std::size_t i = 0; i < piece; ++i) {
-      float value;
-      std::memcpy(&value, bytes.data() + (done + i) * sizeof value, sizeof value);
-      halves[i] = half(value);
-    }
+    std::memcpy(floats.data(), bytes.data() + done * sizeof(float), piece * sizeof(float));
+    kernel::rows::FloatToHalfRow(floats.data(), piece, halves.data());
     writer.Put(halves.data(), sizeof(half), piece, typeid(half));
     done += piece;
   }

@@ -224,21 +224,27 @@ std::vector<unsigned char> CropRows(unsigned char const* rows, std::size_t count
 
 using Pack = TensorPtr (*)(TensorPtr, DevicePtr);
 
-// The weights of `dims` G, N, C, H, W, with N and C padded to multiples of 4 if `pad`, in the arrangement of `pack`.
+// The `held` weights at `values`, of dims G, N, C, H, W, with N and C padded to multiples of 4 if `pad`, in the
+// arrangement of `pack`.
+TensorPtr PackWeights(void const* values, std::size_t held, unsigned int data_type, Dims dims, bool pad, Pack pack,
+                      DevicePtr const& device) {
+  unsigned int const count = runtime::ElementCount(dims);
+  if (held < count || device == nullptr) {
+    Refuse("weight array of dims %s: %zu values%s, needs %u", DimsText(dims).c_str(), held,
+           device == nullptr ? " and no device" : "", count);
+  }
+  bool const ragged = dims[1] % 4 != 0 || dims[2] % 4 != 0;
+  TensorShape shape(std::move(dims), data_type, TensorShape::GNCHW, TensorShape::MainMemory, TensorShape::Extra());
+  TensorPtr tensor = device->CreateTensor(std::move(shape), count == 0 ? nullptr : values);
+  if (pad && ragged) tensor = Function_Tensor_GNCHW_Concat_Value(tensor, 0.0f, device);
+  return pack(tensor, device);
+}
+
 template <typename Element>
 std::vector<Element> PackArray(std::vector<Element> const& values, Dims dims, bool pad, Pack pack,
                                DevicePtr const& device) {
   constexpr unsigned int kDataType = sizeof(Element) == sizeof(float) ? TensorShape::FLOAT32 : TensorShape::FLOAT16;
-  unsigned int const count = runtime::ElementCount(dims);
-  if (values.size() < count || device == nullptr) {
-    Refuse("weight array of dims %s: %zu values%s, needs %u", DimsText(dims).c_str(), values.size(),
-           device == nullptr ? " and no device" : "", count);
-  }
-  bool const ragged = dims[1] % 4 != 0 || dims[2] % 4 != 0;
-  TensorShape shape(std::move(dims), kDataType, TensorShape::GNCHW, TensorShape::MainMemory, TensorShape::Extra());
-  TensorPtr tensor = device->CreateTensor(std::move(shape), count == 0 ? nullptr : values.data());
-  if (pad && ragged) tensor = Function_Tensor_GNCHW_Concat_Value(tensor, 0.0f, device);
-  TensorPtr const packed = pack(tensor, device);
+  TensorPtr const packed = PackWeights(values.data(), values.size(), kDataType, std::move(dims), pad, pack, device);
   auto const* const first = packed->template Data<Element>();
   return std::vector<Element>(first, first + runtime::ElementCount(packed->shape.dims));
 }
