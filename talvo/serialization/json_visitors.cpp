@@ -25,6 +25,9 @@ using support::Elements;
 using support::FieldType;
 using support::Number;
 
+using Texts = std::vector<std::string>;
+using Rows = std::vector<std::vector<unsigned short>>;
+
 constexpr char kVersionKey[] = "serialization_protocol_version";
 constexpr char kNeedsText[] = "needs a string", kNeedsList[] = "needs an array of values of the field's kind";
 constexpr SizeType kIndexedMembers = 32;  // with fewer, members are searched one after the other
@@ -109,11 +112,38 @@ Value TextValue(char const* from, JSONAllocator& allocator) {
   return Value(from, static_cast<SizeType>(std::strlen(from)), allocator);
 }
 
-Value TextsValue(std::vector<std::string> const& from, JSONAllocator& allocator) {
+Value TextsValue(Texts const& from, JSONAllocator& allocator) {
   Value texts(rapidjson::kArrayType);
   texts.Reserve(static_cast<SizeType>(from.size()), allocator);
   for (std::string const& text : from) texts.PushBack(TextValue(text.c_str(), allocator), allocator);
   return texts;
+}
+
+// The value of any field but a record. False: JSON cannot hold it.
+bool ToValue(void* from, FieldType const& type, Value& to, JSONAllocator& allocator) {
+  switch (type.form) {
+    case FieldType::kNumber:
+      return ToValue(from, type.number, to);
+    case FieldType::kNumbers:
+      return ToValue(type.look(from), type, to, allocator);
+    case FieldType::kCharacter:
+      to = TextValue(static_cast<char const*>(from), allocator);
+      return true;
+    case FieldType::kTexts:
+      to = TextsValue(*static_cast<Texts const*>(from), allocator);
+      return true;
+    case FieldType::kRows:
+      to.SetArray();
+      for (auto& row : *static_cast<Rows*>(from)) {
+        Value numbers;
+        ToValue(type.look(&row), type, numbers, allocator);
+        to.PushBack(numbers, allocator);
+      }
+      return true;
+    default:
+      to = TextValue(static_cast<std::string const*>(from)->c_str(), allocator);
+      return true;
+  }
 }
 
 // What a number of each kind needs, and how a value is taken. False: another kind of value.
@@ -193,7 +223,7 @@ bool TakeText(Value const& from, std::string& to) {
 }
 
 // These append.
-bool TakeTexts(Value const& from, std::vector<std::string>& to) {
+bool TakeTexts(Value const& from, Texts& to) {
   if (!from.IsArray()) return false;
   to.reserve(to.size() + from.Size());
   for (Value const& element : from.GetArray()) {
@@ -214,7 +244,7 @@ bool TakeNumbers(Value const& from, FieldType const& type, void* list) {
 }
 
 // Lists in a list hold numbers that fit int, other than a list of its own.
-bool TakeRows(Value const& from, std::vector<std::vector<unsigned short>>& to) {
+bool TakeRows(Value const& from, Rows& to) {
   if (!from.IsArray()) return false;
   to.reserve(to.size() + from.Size());
   for (Value const& row : from.GetArray()) {
@@ -231,6 +261,20 @@ bool TakeRows(Value const& from, std::vector<std::vector<unsigned short>>& to) {
 
 std::string_view NameOf(Value::Member const& member) {
   return {member.name.GetString(), member.name.GetStringLength()};
+}
+
+// The room of a list that is not empty.
+std::size_t HeldBytes(void* list, FieldType const& type) {
+  if (type.form == FieldType::kTexts) {
+    auto const& texts = *static_cast<Texts const*>(list);
+    return texts.empty() ? 0 : texts.capacity() * sizeof(std::string);
+  }
+  if (type.form == FieldType::kRows) {
+    auto const& rows = *static_cast<Rows const*>(list);
+    return rows.empty() ? 0 : rows.capacity() * sizeof(std::vector<unsigned short>);
+  }
+  Elements const numbers = type.look(list);
+  return numbers.count == 0 ? 0 : numbers.capacity * type.element_bytes;
 }
 
 constexpr std::size_t kBlockBytes = 24;  // of memory, at the least and beyond what is in it at the most
@@ -264,46 +308,18 @@ JSONNodeSetter::JSONNodeSetter(Value& node, JSONAllocator& allocator, bool write
 
 void JSONNodeSetter::VisitField(void* value, FieldType const& type, char const* key) {
   AssertTarget(value, path_, key);
+  // Texts as any other, for who derives from this class too.
+  if (type.form == FieldType::kWeights) return Visit(static_cast<std::string*>(value), key);
+  if (type.form == FieldType::kWeightStack) return Visit(static_cast<Texts*>(value), key);
   Value member;
-  bool good = true;
-  switch (type.form) {
-    case FieldType::kNumber:
-      good = ToValue(value, type.number, member);
-      break;
-    case FieldType::kNumbers:
-      good = ToValue(type.look(value), type, member, allocator_);
-      break;
-    case FieldType::kCharacter:
-      member = TextValue(static_cast<char const*>(value), allocator_);
-      break;
-    case FieldType::kText:
-      member = TextValue(static_cast<std::string const*>(value)->c_str(), allocator_);
-      break;
-    case FieldType::kTexts:
-      member = TextsValue(*static_cast<std::vector<std::string> const*>(value), allocator_);
-      break;
-    case FieldType::kRows:
-      member.SetArray();
-      for (auto& row : *static_cast<std::vector<std::vector<unsigned short>>*>(value)) {
-        Value numbers;
-        ToValue(type.look(&row), type, numbers, allocator_);
-        member.PushBack(numbers, allocator_);
-      }
-      break;
-    case FieldType::kRecord: {
-      member.SetObject();
-      auto const nested = std::make_shared<JSONNodeSetter>(member, allocator_, false);
-      nested->path_ = Joined(path_, key);
-      static_cast<Serializable*>(value)->VisitAttr(nested);
-      break;
-    }
-    // Texts as any other, for who derives from this class too.
-    case FieldType::kWeights:
-      return Visit(static_cast<std::string*>(value), key);
-    case FieldType::kWeightStack:
-      return Visit(static_cast<std::vector<std::string>*>(value), key);
+  if (type.form == FieldType::kRecord) {
+    member.SetObject();
+    auto const nested = std::make_shared<JSONNodeSetter>(member, allocator_, false);
+    nested->path_ = Joined(path_, key);
+    static_cast<Serializable*>(value)->VisitAttr(nested);
+  } else {
+    AssertAt(ToValue(value, type, member, allocator_), path_, key, "infinity and NaN cannot be written");
   }
-  AssertAt(good, path_, key, "infinity and NaN cannot be written");
   node_.AddMember(Value(key, allocator_), member, allocator_);
 }
 
@@ -364,7 +380,7 @@ Value const& JSONNodeGetter::Find(char const* key) {
 void JSONNodeGetter::VisitField(void* value, FieldType const& type, char const* key) {
   AssertTarget(value, path_, key);
   if (type.form == FieldType::kWeights && !skims_weights_) return Visit(static_cast<std::string*>(value), key);
-  if (type.form == FieldType::kWeightStack) return Visit(static_cast<std::vector<std::string>*>(value), key);
+  if (type.form == FieldType::kWeightStack) return Visit(static_cast<Texts*>(value), key);
   Value const& from = Find(key);
   switch (type.form) {
     case FieldType::kNumber:
@@ -379,26 +395,19 @@ void JSONNodeGetter::VisitField(void* value, FieldType const& type, char const* 
       return AssertAt(TakeText(from, *static_cast<std::string*>(value)), path_, key, kNeedsText);
     case FieldType::kRecord:
       return TakeRecord(from, static_cast<Serializable*>(value), key);
-    case FieldType::kNumbers: {
-      auto const [first, count, capacity] = type.look(value);
-      if (count > 0) Charge(AppendedBytes(from, type), key, capacity * type.element_bytes);
-      return AssertAt(TakeNumbers(from, type, value), path_, key, kNeedsList);
-    }
-    case FieldType::kTexts: {
-      auto& texts = *static_cast<std::vector<std::string>*>(value);
-      if (!texts.empty()) Charge(AppendedBytes(from, type), key, texts.capacity() * sizeof(std::string));
-      return AssertAt(TakeTexts(from, texts), path_, key, kNeedsList);
-    }
-    case FieldType::kRows: {
-      auto& rows = *static_cast<std::vector<std::vector<unsigned short>>*>(value);
-      if (!rows.empty()) Charge(AppendedBytes(from, type), key, rows.capacity() * sizeof(std::vector<unsigned short>));
-      return AssertAt(TakeRows(from, rows), path_, key, "needs an array of arrays of integers");
-    }
     case FieldType::kWeights:  // left out
       return AssertAt(from.IsString(), path_, key, kNeedsText);
-    case FieldType::kWeightStack:
-      return;
+    default:
+      return TakeList(from, value, type, key);
   }
+}
+
+void JSONNodeGetter::TakeList(Value const& from, void* list, FieldType const& type, char const* key) {
+  if (std::size_t const held = HeldBytes(list, type)) Charge(AppendedBytes(from, type), key, held);
+  if (type.form == FieldType::kNumbers) return AssertAt(TakeNumbers(from, type, list), path_, key, kNeedsList);
+  if (type.form == FieldType::kTexts)
+    return AssertAt(TakeTexts(from, *static_cast<Texts*>(list)), path_, key, kNeedsList);
+  AssertAt(TakeRows(from, *static_cast<Rows*>(list)), path_, key, "needs an array of arrays of integers");
 }
 
 void JSONNodeGetter::TakeRecord(Value const& value, Serializable* record, char const* key) {

@@ -63,6 +63,8 @@ class TALVO_API JSONNodeGetter : public FieldVisitor {
   TALVO_INTERNAL void TakeVersion(unsigned int version);
   TALVO_INTERNAL rapidjson::Value const* FindOrNull(char const* key);
   TALVO_INTERNAL rapidjson::Value const& Find(char const* key);
+  TALVO_INTERNAL void TakeList(rapidjson::Value const& from, void* list, support::FieldType const& type,
+                               char const* key);
   TALVO_INTERNAL void TakeRecord(rapidjson::Value const& from, Serializable* record, char const* key);
   TALVO_INTERNAL void Charge(std::size_t bytes, char const* key, std::size_t for_a_moment = 0);
 
