@@ -66,12 +66,17 @@ function(talvo_optimise target)
   # Loops of one operation for each element go in vectors at -O2 as well. -O3, and remainders in narrower vectors, would
   # write most of them out a second and a third time, for the last few elements of a row.
   set(loops
-      kernel/rows/conversion_rows.cpp kernel/rows/elementwise_rows.cpp kernel/rows/fused_product.cpp
-      kernel/rows/gates.cpp kernel/rows/matrix_product.cpp kernel/rows/mixed_channels.cpp kernel/rows/pixels.cpp
-      kernel/rows/samples.cpp kernel/rows/transpose.cpp)
-  # Kernels hand on what they are asked, mostly in calls that leave no frame behind: where g++ writes the tables itself,
-  # not the assembler, it leaves such functions out.
-  set(shells entry/register_extra_operators.cpp entry/register_fused_operators.cpp entry/register_operators.cpp)
+      image/yuv_rows_support.cpp kernel/functional/elementwise.cpp kernel/native/fill_support.cpp
+      kernel/native/softmax_support.cpp kernel/rows/conversion_rows.cpp kernel/rows/elementwise_rows.cpp
+      kernel/rows/fused_product.cpp kernel/rows/gates.cpp kernel/rows/matrix_product.cpp
+      kernel/rows/mixed_channels.cpp kernel/rows/pixels.cpp kernel/rows/samples.cpp kernel/rows/transpose.cpp)
+  # Many small functions, most of which throw nothing, or end in a call that leaves no frame behind. Where g++ writes the
+  # tables of exceptions itself, not the assembler, it leaves such functions out.
+  set(shells
+      entry/load_model.cpp entry/register_extra_operators.cpp entry/register_fused_operators.cpp
+      entry/register_operators.cpp runtime/inference_config.cpp serialization/inference_param.cpp
+      serialization/layer_info_plane.cpp serialization/layer_info_tensor.cpp serialization/model_cfg.cpp
+      serialization/model_info.cpp serialization/serializable.cpp)
   foreach(source ${small} ${plain} ${walk} ${leaves} ${loops} ${shells})
     if(NOT EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${source})
       message(FATAL_ERROR "talvo_optimise names ${source}, which is not there")
