@@ -66,8 +66,10 @@ function(talvo_optimise target)
   # Loops of one operation for each element go in vectors at -O2 as well. -O3, and remainders in narrower vectors, would
   # write most of them out a second and a third time, for the last few elements of a row.
   set(loops
-      kernel/rows/conversion_rows.cpp kernel/rows/elementwise_rows.cpp kernel/rows/fused_product.cpp
-      kernel/rows/matrix_product.cpp kernel/rows/mixed_channels.cpp kernel/rows/pixels.cpp kernel/rows/samples.cpp)
+      image/yuv_rows_support.cpp kernel/functional/elementwise.cpp kernel/native/fill_support.cpp
+      kernel/native/softmax_support.cpp kernel/rows/conversion_rows.cpp kernel/rows/elementwise_rows.cpp
+      kernel/rows/fused_product.cpp kernel/rows/matrix_product.cpp kernel/rows/mixed_channels.cpp
+      kernel/rows/pixels.cpp kernel/rows/samples.cpp)
   # Many small functions, most of which throw nothing, or end in a call that leaves no frame behind. Where g++ writes the
   # tables of exceptions itself, not the assembler, it leaves such functions out.
   set(shells
@@ -87,7 +89,8 @@ function(talvo_optimise target)
   set_source_files_properties(${leaves} TARGET_DIRECTORY ${target} PROPERTIES COMPILE_OPTIONS
     "$<${optimised}:-fno-exceptions;-fno-unwind-tables;-fno-asynchronous-unwind-tables>")
   set_property(SOURCE ${loops} TARGET_DIRECTORY ${target} APPEND PROPERTY COMPILE_OPTIONS "$<${optimised}:-O2>"
-    "$<$<AND:${optimised},$<CXX_COMPILER_ID:GNU>>:-fvect-cost-model=dynamic;--param=vect-epilogues-nomask=0>")
+    "$<$<AND:${optimised},$<CXX_COMPILER_ID:GNU>>:-fvect-cost-model=dynamic;-fversion-loops-for-strides>"
+    "$<$<AND:${optimised},$<CXX_COMPILER_ID:GNU>>:--param=vect-epilogues-nomask=0>")
   set_property(SOURCE ${shells} TARGET_DIRECTORY ${target} APPEND PROPERTY COMPILE_OPTIONS
     "$<$<AND:${optimised},$<CXX_COMPILER_ID:GNU>>:-fno-asynchronous-unwind-tables;-fno-dwarf2-cfi-asm>")
 endfunction()

@@ -51,13 +51,14 @@ TALVO_ROWS_INLINE void SumRowsPlain(float const* weight, float const* x, float c
 template <int kLanes>
 TALVO_ROWS_INLINE void SumAllRows(float const* weight, float const* x, float const* bias, std::size_t outputs,
                                   std::size_t inputs, float* y) {
+  if constexpr (kLanes == Avx512::kLanes) {
+    if (outputs < kLanes) return MatrixVector.RunAsAvx2(weight, x, bias, outputs, inputs, y);
+  }
   if (outputs >= kLanes) {
     for (std::size_t next = 0; next < outputs; next += kLanes) {
       std::size_t const o = std::min<std::size_t>(next, outputs - kLanes);
       SumRows<kLanes>(weight + o * inputs, x, bias != nullptr ? bias + o : nullptr, inputs, y + o);
     }
-  } else if constexpr (kLanes == Avx512::kLanes) {
-    MatrixVector.RunAsAvx2(weight, x, bias, outputs, inputs, y);
   } else if constexpr (kLanes > Baseline::kLanes) {
     SumAllRows<kLanes / 2>(weight, x, bias, outputs, inputs, y);
   } else {
