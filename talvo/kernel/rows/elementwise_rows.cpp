@@ -267,17 +267,18 @@ struct SumRowsBody {
 }  // namespace
 
 // AVX-512 gains up to a third while rows lie in the nearest cache, loses as much of a tenth behind it, where the rows
-// of nets lie, and sums of short rows take longer.
+// of nets lie, and sums of short rows take longer. Slopes work in place, where half as many vectors pass the cache in
+// two thirds of the time, and copies of rows take a tenth less.
 Primitive<void(float const*, std::size_t, float*)> const ReluRow{MapBody<Relu>(), Avx2()};
 Primitive<void(float const*, std::size_t, float*)> const Relu6Row{MapBody<Relu6>(), Avx2()};
 Primitive<void(float const*, std::size_t, float*)> const HSigmoidRow{MapBody<HSigmoid>(), Avx2()};
 Primitive<void(float const*, std::size_t, float*)> const HSwishRow{MapBody<HSwish>(), Avx2()};
-Primitive<void(float, float const*, std::size_t, float*)> const LeakyRow{LeakyBody(), Avx2()};
+Primitive<void(float, float const*, std::size_t, float*)> const LeakyRow{LeakyBody()};
 Primitive<void(float, float, float const*, std::size_t, float*)> const LinearRow{LinearBody(), Avx2()};
 Primitive<void(float, float, float const*, std::size_t, float*)> const ClipRow{ClipBody(), Avx2()};
 Primitive<void(float const*, std::size_t, float*)> const SqrtRow{SqrtBody(), Avx2()};
 Primitive<void(Operation, Operand, Operand, std::size_t, float*)> const CombineRow{CombineBody(), Avx2()};
-Primitive<void(float const*, std::size_t, std::size_t, std::size_t, float*)> const CopyRows{CopyRowsBody(), Avx2()};
+Primitive<void(float const*, std::size_t, std::size_t, std::size_t, float*)> const CopyRows{CopyRowsBody()};
 Primitive<void(float const*, std::size_t, std::size_t, std::size_t, float*)> const SumRows{SumRowsBody(), Avx2()};
 
 }  // namespace talvo::kernel::rows

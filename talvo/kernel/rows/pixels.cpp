@@ -373,8 +373,8 @@ Primitive<void(Byte const*, Byte const*, Byte const*, std::size_t, Byte*)> const
 Primitive<void(Byte const*, std::uint16_t, std::uint16_t, std::size_t, Byte*)> const GrayThree{GrayThreeBody()};
 Primitive<void(Byte const*, std::size_t, Byte*)> const GrayFour{GrayFourBody()};
 Primitive<void(Byte const*, Byte const*, std::size_t, std::int16_t, std::int16_t, std::size_t, Byte*)> const
-    ChrominanceBytes{ChrominanceBytesBody(), Avx2()};
-Primitive<void(Byte const*, Byte const*, std::size_t, Byte*)> const AddBytes{AddBytesBody(), Avx2()};
+    ChrominanceBytes{ChrominanceBytesBody()};
+Primitive<void(Byte const*, Byte const*, std::size_t, Byte*)> const AddBytes{AddBytesBody()};
 Primitive<void(Byte const*, Byte const*, Byte const*, std::size_t, std::size_t, Byte*, Byte*, Byte*)> const
     SaturatedColours{SaturatedColoursBody(), Avx2()};
 Primitive<void(Byte const*, Byte const*, std::int16_t const*, std::int16_t const*, std::size_t, std::int16_t*)> const
