@@ -19,9 +19,13 @@ class FillingPool : public runtime::MemoryPool {
     if (block == nullptr) return nullptr;
     std::memset(block, FillByte(), size);
     Uninitialise(block, size);
+    ++BlocksInUse();
     return block;
   }
-  void Free(void* pointer) override { std::free(pointer); }
+  void Free(void* pointer) override {
+    if (pointer != nullptr) --BlocksInUse();
+    std::free(pointer);
+  }
   unsigned long HeapSize() const override { return 0; }
 };
 
@@ -42,6 +46,11 @@ float FromBits(std::uint32_t bits) {
 unsigned char& FillByte() {
   static unsigned char byte = 0xA5;
   return byte;
+}
+
+long& BlocksInUse() {
+  static long blocks = 0;
+  return blocks;
 }
 
 std::shared_ptr<runtime::Context> const& Context() {

@@ -27,6 +27,9 @@ using Tensors = std::vector<BaseTensorPtr>;
 std::shared_ptr<runtime::Context> const& Context();
 unsigned char& FillByte();
 
+/// Blocks of these pools that were handed out and have not come back.
+long& BlocksInUse();
+
 /// A tensor with that filling.
 TensorPtr Blank(Dims dims, unsigned int layout, unsigned int type = TensorShape::FLOAT32, short step = 0);
 

@@ -32,7 +32,8 @@ function(talvo_optimise target)
        entry/register_operators.cpp entry/reset_rnn_state.cpp entry/talvo_c.cpp runtime/class_registry.cpp
        runtime/context.cpp runtime/create_net.cpp runtime/device_cpu_forms.cpp runtime/inference_config.cpp
        runtime/kernel.cpp runtime/tensor.cpp runtime/tensor_cpu_reshape.cpp)
-  # Kernels judge their arguments and call loops, which stand in functional/, native/ and rows/ or in sources of their own.
+  # Kernels judge their arguments and call loops, which stand in functional/, native/ and rows/ or in sources of their
+  # own.
   list(APPEND small
        image/bilinear_support.cpp image/color.cpp image/crop.cpp image/frame.cpp image/image_process.cpp
        image/image_process_fallback.cpp image/image_support.cpp image/normalise.cpp image/resize.cpp
@@ -70,8 +71,8 @@ function(talvo_optimise target)
       kernel/native/softmax_support.cpp kernel/rows/conversion_rows.cpp kernel/rows/elementwise_rows.cpp
       kernel/rows/fused_product.cpp kernel/rows/matrix_product.cpp kernel/rows/mixed_channels.cpp
       kernel/rows/pixels.cpp kernel/rows/samples.cpp)
-  # Many small functions, most of which throw nothing, or end in a call that leaves no frame behind. Where g++ writes the
-  # tables of exceptions itself, not the assembler, it leaves such functions out.
+  # Many small functions, most of which throw nothing, or end in a call that leaves no frame behind. Where g++ writes
+  # the tables of exceptions itself, not the assembler, it leaves such functions out.
   set(shells
       entry/load_model.cpp entry/register_extra_operators.cpp entry/register_fused_operators.cpp
       entry/register_operators.cpp runtime/inference_config.cpp serialization/inference_param.cpp

@@ -106,7 +106,7 @@ std::shared_ptr<TLNModel> Named(std::string const& name, Read read) {
 
 }  // namespace
 
-std::string JSONProblem(std::string text) {
+std::string JSONProblem(std::string const& text) {
   rapidjson::ParseResult const result = runtime::support::JSONText(text).Result();
   if (!result.IsError()) return "";
   auto const end = text.begin() + static_cast<std::ptrdiff_t>(std::min(result.Offset(), text.size()));

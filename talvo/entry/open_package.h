@@ -19,6 +19,6 @@ TALVO_API std::shared_ptr<runtime::TLNModel> OpenPackage(std::string const& path
 TALVO_API std::shared_ptr<runtime::TLNModel> OpenPackage(void const* bytes, std::size_t size, std::string const& name);
 
 /// "no JSON: line L, column C: REASON", or nothing for a text that parses.
-TALVO_API std::string JSONProblem(std::string text);
+TALVO_API std::string JSONProblem(std::string const& text);
 
 }  // namespace talvo::utility

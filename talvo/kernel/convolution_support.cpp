@@ -61,10 +61,9 @@ double MostScratch(ConvolutionShape const& shape) {
 }
 
 ConvolutionScratch::ConvolutionScratch(runtime::DeviceCPU& device, std::size_t floats) {
-  std::size_t const count = floats + kAlignmentFloats;
-  tensor_ = support::NewScratch(device, count);
+  tensor_ = support::NewScratch(device, floats + kAlignmentFloats);
   void* first = tensor_->data;
-  std::size_t room = count * sizeof(float);
+  std::size_t room = runtime::ByteCount(tensor_->shape);
   first_ = static_cast<float*>(std::align(kAlignmentFloats * sizeof(float), floats * sizeof(float), first, room));
 }
 

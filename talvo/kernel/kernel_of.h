@@ -19,7 +19,7 @@ namespace support {
 /// What a plain kernel does, and the base of every operation: it takes nothing from its layer, has one FLOAT32 tensor
 /// in main memory as input and as output, of the same shape, and no recurrent state. An operation overrides what it
 /// does otherwise. Each member does what the member of its name does for a kernel.
-class PlainOperation {
+class TALVO_API PlainOperation {
  public:
   PlainOperation() = default;
   PlainOperation(PlainOperation const&) = delete;
@@ -43,15 +43,15 @@ class PlainOperation {
                       std::shared_ptr<runtime::Context> const& context) const = 0;
   virtual int IsValidOutput(std::vector<std::shared_ptr<runtime::Tensor>> const& outputs) const;
 
-  TALVO_API std::string Name() const;
+  std::string Name() const;
   char const* CName() const { return name_; }
   void SetName(char const* name) { name_ = name; }
   bool IsConfigured() const { return configured_; }
 
   /// Config of `kernel`, whose operation this is: its judgement first.
-  TALVO_API bool Configure(runtime::IKernel const& kernel, std::shared_ptr<runtime::LayerInfo> const& layer,
-                           std::shared_ptr<runtime::InferenceParam> const& param,
-                           std::shared_ptr<runtime::Context> const& context);
+  bool Configure(runtime::IKernel const& kernel, std::shared_ptr<runtime::LayerInfo> const& layer,
+                 std::shared_ptr<runtime::InferenceParam> const& param,
+                 std::shared_ptr<runtime::Context> const& context);
 
  private:
   char const* name_ = nullptr;

@@ -1,7 +1,9 @@
 #include "talvo/runtime/device_cpu.h"
 
+#include <cstddef>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <utility>
 
 #include "talvo/runtime/tensor_cpu.h"
@@ -18,19 +20,36 @@ unsigned int CheckedByteCount(TensorShape const& shape) {
   return ByteCount(shape);
 }
 
-// Allocates a tensor together with the count of its shared pointers, and hands its memory back before it ends.
+// A tensor and the count of its shared pointers lie in one allocation: a net makes a tensor for each layer.
+struct TensorRoom {
+  alignas(TensorCPU) unsigned char tensor[sizeof(TensorCPU)];
+  alignas(std::max_align_t) unsigned char count[10 * sizeof(void*)];  // on some processors a mutex guards it
+};
+struct FreeRoom {
+  void operator()(TensorRoom* room) const { std::allocator<TensorRoom>().deallocate(room, 1); }
+};
+
+// Puts the count, which is the last to go, into the room that its tensor lies in.
 template <class T>
-struct TensorAllocator : std::allocator<T> {
-  template <class Other>
-  struct rebind {
-    using other = TensorAllocator<Other>;
-  };
+struct CountAllocator {
+  using value_type = T;
 
-  explicit TensorAllocator(PoolField memory_pool) : pool(memory_pool) {}
+  explicit CountAllocator(TensorRoom* tensor_room) : room(tensor_room) {}
   template <class Other>
-  TensorAllocator(TensorAllocator<Other> const& other) : pool(other.pool) {}
+  CountAllocator(CountAllocator<Other> const& other) : room(other.room) {}
 
-  void destroy(TensorCPU* tensor) {
+  T* allocate(std::size_t) {
+    static_assert(sizeof(T) <= sizeof(TensorRoom::count) && alignof(T) <= alignof(std::max_align_t));
+    return reinterpret_cast<T*>(room->count);
+  }
+  void deallocate(T*, std::size_t) { FreeRoom()(room); }
+
+  TensorRoom* room;
+};
+
+// Ends a tensor, whose room the count's allocator takes back.
+struct TensorEnd {
+  void operator()(TensorCPU* tensor) const {
     if (pool != nullptr && tensor->data != nullptr) ReturnMemory(*tensor, pool);  // null: it did not get any
     tensor->~TensorCPU();
   }
@@ -39,7 +58,9 @@ struct TensorAllocator : std::allocator<T> {
 };
 
 std::shared_ptr<TensorCPU> MakeTensor(TensorShape&& shape, void* data, DeviceCPU* device, PoolField pool) {
-  return std::allocate_shared<TensorCPU>(TensorAllocator<TensorCPU>(pool), std::move(shape), data, device);
+  std::unique_ptr<TensorRoom, FreeRoom> room(std::allocator<TensorRoom>().allocate(1));
+  auto* const made = new (room->tensor) TensorCPU(std::move(shape), data, device);
+  return {made, TensorEnd{pool}, CountAllocator<TensorCPU>(room.release())};
 }
 
 // A tensor on memory from a pool of `device`. The tensor stands before it takes memory, so that no failure leaves a

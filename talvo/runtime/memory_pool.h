@@ -29,7 +29,7 @@ class TALVO_API MemoryPool {
 };
 
 /// The blocks of a pool that are in use, with their sizes: a hash table in one array. A look-up costs a multiplication,
-/// and an entry no memory of its own.
+/// and an entry no memory of its own. Of the pools below; not exported.
 class UsedBlocks {
  public:
   std::size_t Count() const { return count_; }

@@ -208,7 +208,6 @@ std::shared_ptr<Visitor> support::SkimmingReader(std::FILE* stream) {
 
 void FILEReader::VisitField(void* value, FieldType const& type, char const*) {
   if (value == nullptr) Refuse("cannot read a %s value to a null pointer", type.spelled);
-  if (type.form == FieldType::kNumber) return GetScalar(value, type);  // as most are
   switch (type.form) {
     case FieldType::kNumber:
     case FieldType::kCharacter:
@@ -227,7 +226,8 @@ void FILEReader::VisitField(void* value, FieldType const& type, char const*) {
     case FieldType::kWeightStack: {
       auto& texts = *static_cast<std::vector<std::string>*>(value);
       texts.clear();
-      for (unsigned long long left = GetCount(); left > 0; --left) {
+      unsigned long long left;
+      for (Visit(&left, nullptr); left > 0; --left) {
         std::string text;
         ReadWeightBlob(*this, text);
         texts.push_back(std::move(text));

@@ -130,6 +130,7 @@ bool ToValue(void* from, FieldType const& type, Value& to, JSONAllocator& alloca
       to = TextValue(static_cast<char const*>(from), allocator);
       return true;
     case FieldType::kTexts:
+    case FieldType::kWeightStack:
       to = TextsValue(*static_cast<Texts const*>(from), allocator);
       return true;
     case FieldType::kRows:
@@ -140,10 +141,14 @@ bool ToValue(void* from, FieldType const& type, Value& to, JSONAllocator& alloca
         to.PushBack(numbers, allocator);
       }
       return true;
-    default:
+    case FieldType::kText:
+    case FieldType::kWeights:
       to = TextValue(static_cast<std::string const*>(from)->c_str(), allocator);
       return true;
+    case FieldType::kRecord:
+      break;
   }
+  return false;
 }
 
 // What a number of each kind needs, and how a value is taken. False: another kind of value.
@@ -397,8 +402,12 @@ void JSONNodeGetter::VisitField(void* value, FieldType const& type, char const* 
       return TakeRecord(from, static_cast<Serializable*>(value), key);
     case FieldType::kWeights:  // left out
       return AssertAt(from.IsString(), path_, key, kNeedsText);
-    default:
+    case FieldType::kNumbers:
+    case FieldType::kTexts:
+    case FieldType::kRows:
       return TakeList(from, value, type, key);
+    case FieldType::kWeightStack:  // read as texts
+      break;
   }
 }
 

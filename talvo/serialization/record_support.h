@@ -73,9 +73,9 @@ void VisitTable(std::shared_ptr<Visitor> const& visitor, std::vector<std::string
   using Records = std::unordered_map<std::string, std::shared_ptr<Record>>;
   auto const has = [](void* records, std::string const& id) { return static_cast<Records*>(records)->count(id) != 0; };
   auto const at = [](void* records, std::string const& id) -> Serializable* {
-    auto const [place, is_new] = static_cast<Records*>(records)->try_emplace(id);
-    if (is_new) place->second = std::make_shared<Record>();
-    return place->second.get();
+    Records& known = *static_cast<Records*>(records);
+    auto const place = known.find(id);
+    return (place != known.end() ? place : known.emplace(id, std::make_shared<Record>()).first)->second.get();
   };
   VisitTable(*visitor, ids, key, {&table, has, at}, record_bytes);
 }

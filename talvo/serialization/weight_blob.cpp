@@ -25,9 +25,9 @@ constexpr std::size_t kPiece = 12288;
 
 // What weights become is the visitor's choice.
 void Hand(Visitor& visitor, void* weights, FieldType const& type, char const* key) {
-  auto* const chooser = dynamic_cast<FieldVisitor*>(&visitor);
-  if (chooser == nullptr) utility::Refuse("Not Implemented.");
-  chooser->VisitField(weights, type, key);
+  auto* const taker = dynamic_cast<FieldVisitor*>(&visitor);
+  if (taker == nullptr) utility::Refuse("Not Implemented.");
+  taker->VisitField(weights, type, key);
 }
 
 }  // namespace

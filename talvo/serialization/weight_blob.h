@@ -18,7 +18,7 @@ TALVO_API void ReadWeightBlob(FILEReader& reader, std::string& text);
 /// whole float are dropped.
 TALVO_API void WriteWeightBlob(FILEWriter& writer, std::string const& text);
 
-/// Visits weights as text or as halves, as the visitor wants them. Assert: a visitor that is none of the four.
+/// Visits weights as text or as halves, as the visitor wants them. Assert: a visitor that is no FieldVisitor.
 TALVO_API void VisitWeights(Visitor& visitor, std::string* text, char const* key);
 
 /// The same for one text for each layer of a stack; in the stream the count of texts stands in front.

@@ -1,5 +1,3 @@
-#include "talvo/serialization/rapidjson_support.h"
-
 #include "talvo/serialization/weights.h"
 
 #include <memory>
@@ -7,7 +5,7 @@
 #include <utility>
 
 #include "talvo/serialization/field_type_support.h"
-#include "talvo/serialization/json_visitors.h"
+#include "talvo/serialization/serializable.h"
 
 namespace talvo::runtime {
 namespace {
@@ -19,25 +17,19 @@ bool IsWeightKey(std::string_view key) {
   return key == "scale";
 }
 
-// Records hand weights as texts to the JSON visitors alone. This one writes nothing, so that numbers which JSON cannot
-// hold are no hindrance.
-class WeightVisitor : private rapidjson::Document, public JSONNodeSetter {
+class WeightVisitor : public FieldVisitor {
  public:
   using Function = std::function<void(char const*, std::string&)>;
 
-  explicit WeightVisitor(Function function)
-      : rapidjson::Document(rapidjson::kObjectType),
-        JSONNodeSetter(*this, GetAllocator(), false),
-        function_(std::move(function)) {}
+  explicit WeightVisitor(Function function) : function_(std::move(function)) {}
 
  private:
   void VisitField(void* value, support::FieldType const& type, char const* key) override {
-    if (!IsWeightKey(key)) return;
-    if (type.form == support::FieldType::kText || type.form == support::FieldType::kWeights) {
-      function_(key, *static_cast<std::string*>(value));
-    } else if (type.form == support::FieldType::kTexts || type.form == support::FieldType::kWeightStack) {
-      for (std::string& text : *static_cast<std::vector<std::string>*>(value)) function_(key, text);
-    }
+    using Form = support::FieldType::Form;
+    bool const is_text = type.form == Form::kText || type.form == Form::kWeights;
+    if ((!is_text && type.form != Form::kTexts && type.form != Form::kWeightStack) || !IsWeightKey(key)) return;
+    if (is_text) return function_(key, *static_cast<std::string*>(value));
+    for (std::string& text : *static_cast<std::vector<std::string>*>(value)) function_(key, text);
   }
 
   Function const function_;

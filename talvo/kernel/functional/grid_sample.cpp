@@ -1,3 +1,4 @@
+// Grid sampling, which resampling_support.h declares: its loops are compiled for speed.
 #include <algorithm>
 #include <cmath>
 #include <vector>

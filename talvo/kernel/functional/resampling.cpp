@@ -169,7 +169,7 @@ void UpsampleNearest(void const* x, ImageSize const& size, unsigned int element_
     Refuse("nearest upsampling: elements of %u bytes, needs 1, 2 or 4", element_bytes);
   bool doubled = true;
   for (std::size_t j = 0; j < out_width; ++j) doubled = doubled && columns[j] == j / 2;
-  MoveRow const move = (doubled ? DoubleRow : GatherRow)(element_bytes);
+  MoveRow const move = (doubled ? DoubleOf : GatherOf)(element_bytes);
   std::size_t const row_bytes = size.width * element_bytes, out_bytes = out_width * element_bytes;
   auto const* plane = static_cast<unsigned char const*>(x);
   auto* to = static_cast<unsigned char*>(y);

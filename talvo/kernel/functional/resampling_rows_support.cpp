@@ -68,11 +68,11 @@ void Blend(T const* TALVO_RESTRICT x, std::size_t plane, rows::TwoPixels const* 
 
 }  // namespace
 
-MoveRow GatherRow(unsigned int element_bytes) {
+MoveRow GatherOf(unsigned int element_bytes) {
   return element_bytes == 1 ? Gather<unsigned char> : element_bytes == 2 ? Gather<std::int16_t> : Gather<float>;
 }
 
-MoveRow DoubleRow(unsigned int element_bytes) {
+MoveRow DoubleOf(unsigned int element_bytes) {
   return element_bytes == 1 ? Double<unsigned char> : element_bytes == 2 ? Double<std::int16_t> : Double<float>;
 }
 

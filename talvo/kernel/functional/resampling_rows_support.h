@@ -12,10 +12,10 @@ namespace talvo::kernel::functional {
 using MoveRow = void (*)(void const* x, std::uint32_t const* index, std::size_t n, void* y);
 
 /// y[i] = x[index[i]], of elements of 1, 2 or 4 bytes.
-MoveRow GatherRow(unsigned int element_bytes);
+MoveRow GatherOf(unsigned int element_bytes);
 
 /// y[i] = x[i / 2], of elements of 1, 2 or 4 bytes.
-MoveRow DoubleRow(unsigned int element_bytes);
+MoveRow DoubleOf(unsigned int element_bytes);
 
 /// Rectangles [count, n] of rows `stride` elements apart, and how many, each a step in elements behind the other.
 struct PhaseRows {

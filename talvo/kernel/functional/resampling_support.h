@@ -19,17 +19,18 @@ unsigned int UpsampledExtent(unsigned int extent, float scale);
 void UpsampleNearest(void const* x, ImageSize const& size, unsigned int element_bytes, float scale_y, float scale_x,
                      std::size_t out_height, std::size_t out_width, void* y);
 
-/// Bilinear interpolation between a, b (upper left and right) and d, e (lower left and right), in float32:
-/// y = (e wx + d (1 - wx)) wy + (b wx + a (1 - wx)) (1 - wy); elements are floats, or with
-/// `shorts` 16-bit integers, whose results are cut toward zero.
-/// The position in x of output index i is i / scale + (0.5 / scale - 0.5), or i (extent - 1) / (out_extent - 1) with
-/// align_corner, 0 for an out_extent of 1. A position outside the plane takes the nearest row or column alone.
-/// Assert: a last position beyond the plane.
 struct Bilinear {
   float scale_y, scale_x;
   bool align_corner;
   std::size_t out_height, out_width;
 };
+
+/// Bilinear interpolation between a, b (upper left and right) and d, e (lower left and right), in float32:
+/// y = (e wx + d (1 - wx)) wy + (b wx + a (1 - wx)) (1 - wy); elements are floats, or with `shorts` 16-bit integers,
+/// whose results are cut toward zero.
+/// The position in x of output index i is i / scale + (0.5 / scale - 0.5), or i (extent - 1) / (out_extent - 1) with
+/// align_corner, 0 for an out_extent of 1. A position outside the plane takes the nearest row or column alone.
+/// Assert: a last position beyond the plane.
 void UpsampleBilinear(void const* x, bool shorts, ImageSize const& size, Bilinear const& to, void* y);
 
 /// y[c / r^2, i r + c % r^2 / r, j r + c % r] = x[c, i, j].  y [channels / r^2, height r, width r].

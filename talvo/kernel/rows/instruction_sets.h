@@ -1,7 +1,6 @@
 // Instruction sets for the row and tile primitives. A primitive is written once, for a vector width that it takes as a
 // template parameter, and compiled for each instruction set that serves it; the widest one that the processor runs is
-// taken at start.
-// The choice changes speed, never a bit. Internal: this folder alone knows about processors.
+// taken at start. The choice changes speed, never a bit. Internal: this folder alone knows about processors.
 #pragma once
 
 #include <cstddef>
