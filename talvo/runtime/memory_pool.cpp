@@ -12,6 +12,8 @@
 namespace talvo::runtime {
 namespace {
 
+using support::UsedBlocks;
+
 using Block = std::pair<unsigned long, void*>;
 using Blocks = std::vector<Block>;
 
@@ -50,6 +52,8 @@ unsigned long TotalBytes(Blocks const& free_blocks, UsedBlocks const& used_block
 }
 
 }  // namespace
+
+namespace support {
 
 unsigned long UsedBlocks::TotalBytes() const {
   unsigned long total = 0;
@@ -102,6 +106,8 @@ bool UsedBlocks::Remove(void* block, unsigned long* size) {
   --count_;
   return true;
 }
+
+}  // namespace support
 
 AlignedPool::AlignedPool(unsigned long alignment) : alignment_(static_cast<std::uint32_t>(alignment)) {
   if (alignment_ == 0 || (alignment_ & (alignment_ - 1)) != 0)

@@ -28,8 +28,10 @@ class TALVO_API MemoryPool {
   virtual unsigned long HeapSize() const = 0;
 };
 
+namespace support {
+
 /// The blocks of a pool that are in use, with their sizes: a hash table in one array. A look-up costs a multiplication,
-/// and an entry no memory of its own. Of the pools below; not exported.
+/// and an entry no memory of its own.
 class UsedBlocks {
  public:
   std::size_t Count() const { return count_; }
@@ -51,6 +53,8 @@ class UsedBlocks {
   unsigned int shift_ = 0;   // what of a 64-bit hash is not its place
   std::size_t count_ = 0;
 };
+
+}  // namespace support
 
 /// Serves a request from the first free block that it fills to three quarters or more.
 class TALVO_API AlignedPool : public MemoryPool {
@@ -77,7 +81,7 @@ class TALVO_API AlignedPool : public MemoryPool {
   std::uint32_t malloc_margin_ = 64;
   std::uint32_t alignment_;
   std::vector<std::pair<unsigned long, void*>> free_blocks_;
-  UsedBlocks used_blocks_;
+  support::UsedBlocks used_blocks_;
 };
 
 /// Rounds requests up and serves them from the most recently freed block that is large enough.
@@ -100,7 +104,7 @@ class TALVO_API AlignUpPool : public MemoryPool {
   std::uint32_t malloc_margin_ = 64;
   std::uint64_t alignment_;
   std::vector<std::pair<unsigned long, void*>> free_blocks_;
-  UsedBlocks used_blocks_;
+  support::UsedBlocks used_blocks_;
 };
 
 }  // namespace talvo::runtime
