@@ -14,9 +14,9 @@ using runtime::ClipInfo;
 
 namespace {
 
-// The input of an activation and the tensor that takes its results.
-struct Elements {
-  Elements(IKernel const& kernel, Tensors const& inputs, ContextPtr const& context)
+// The input of an activation and the tensor that takes its results, as one row.
+struct Row {
+  Row(IKernel const& kernel, Tensors const& inputs, ContextPtr const& context)
       : x(support::Input(kernel, inputs, 0)),
         y(support::NewOutput(kernel, inputs, context)),
         in(x->Data<float>()),
@@ -38,7 +38,7 @@ struct PlainActivation : Form {
 
   int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
               ContextPtr const& context) const override {
-    Elements const row(kernel, inputs, context);
+    Row const row(kernel, inputs, context);
     map(row.in, row.count, row.out);
     return support::Give(row.y, outputs);
   }
@@ -119,7 +119,7 @@ struct LeakyOperation : InvertedForm {
 
   int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
               ContextPtr const& context) const override {
-    Elements const row(kernel, inputs, context);
+    Row const row(kernel, inputs, context);
     functional::leaky_f32(row.in, row.count, alpha, row.out);
     return support::Give(row.y, outputs);
   }
@@ -140,7 +140,7 @@ struct LinearOperation : InvertedForm {
 
   int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
               ContextPtr const& context) const override {
-    Elements const row(kernel, inputs, context);
+    Row const row(kernel, inputs, context);
     functional::linear_f32(row.in, row.count, scale, offset, row.out);
     return support::Give(row.y, outputs);
   }
@@ -187,7 +187,7 @@ struct ClipOperation : support::Strict<ClipInfo> {
 
   int Forward(IKernel const& kernel, Tensors const& inputs, Tensors& outputs,
               ContextPtr const& context) const override {
-    Elements const row(kernel, inputs, context);
+    Row const row(kernel, inputs, context);
     functional::clip_f32(row.in, row.count, low, high, row.out);
     return support::Give(row.y, outputs);
   }

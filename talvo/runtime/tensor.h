@@ -109,7 +109,7 @@ class TALVO_API TensorShape : public Serializable {
   unsigned int layout = CHW;
   unsigned int location = 0;
   Extra extra;
-  // A field that joins these, or those of Extra, joins CopyRest and MoveRest of tensor_shape.cpp.
+  // A field that joins these, or those of Extra, joins CopyNumbers of tensor_shape.cpp.
 };
 
 /// Bytes of one element. A number that is no data type ends the process.

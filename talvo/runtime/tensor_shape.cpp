@@ -34,21 +34,22 @@ void SwapNames(Serializable& record, Serializable& from) {
   if (!HasFirstName(from) || !HasFirstName(record)) record.serializable_type.swap(from.serializable_type);
 }
 
-// All but the extents.
-void CopyRest(TensorShape& shape, TensorShape const& from) {
+void CopyNumbers(TensorShape& shape, TensorShape const& from) {
   shape.data_type = from.data_type;
   shape.layout = from.layout;
   shape.location = from.location;
   shape.extra.step_size = from.extra.step_size;
+}
+
+// All but the extents.
+void CopyRest(TensorShape& shape, TensorShape const& from) {
+  CopyNumbers(shape, from);
   CopyName(shape, from);
   CopyName(shape.extra, from.extra);
 }
 
 void MoveRest(TensorShape& shape, TensorShape& from) {
-  shape.data_type = from.data_type;
-  shape.layout = from.layout;
-  shape.location = from.location;
-  shape.extra.step_size = from.extra.step_size;
+  CopyNumbers(shape, from);
   SwapNames(shape, from);
   SwapNames(shape.extra, from.extra);
 }
